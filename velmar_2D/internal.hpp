@@ -1,0 +1,129 @@
+// Procedures and tables that the operation groups share. Never installed.
+#pragma once
+
+#include "velmar_2D/velmar_2D.hpp"
+
+#include <string>
+
+namespace velmar_2d::detail {
+
+// ---------------------------------------------------------------------------------------------
+// Directions: numbers 0 to 7 clockwise from north, an eighth turn apart. Arithmetic wraps, so a
+// rule for one side or quadrant is turned to the others by adding 2, 4 or 6.
+// ---------------------------------------------------------------------------------------------
+
+enum Direction : int { north, north_east, east, south_east, south, south_west, west, north_west };
+
+inline constexpr int nb_directions = 8;
+
+inline constexpr std::array<NeighbourLink Cell::*, nb_directions> link_members = {
+    &Cell::n, &Cell::ne, &Cell::e, &Cell::se, &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
+inline constexpr std::array<std::int32_t Cell::*, nb_directions> link_level_members = {
+    &Cell::nl, &Cell::nel, &Cell::el, &Cell::sel, &Cell::sl, &Cell::swl, &Cell::wl, &Cell::nwl};
+
+inline NeighbourLink& link(Cell& c, int direction) { return c.*link_members[direction & 7]; }
+inline NeighbourLink link(const Cell& c, int direction) { return c.*link_members[direction & 7]; }
+inline std::int32_t& link_level(Cell& c, int direction) {
+  return c.*link_level_members[direction & 7];
+}
+
+inline constexpr int opposite(int direction) { return (direction + 4) & 7; }
+
+/// Straight directions have even numbers, diagonal ones odd numbers.
+inline constexpr std::array<int, 4> straight_directions = {north, east, south, west};
+inline constexpr std::array<int, 4> diagonal_directions = {north_east, south_east, south_west,
+                                                           north_west};
+
+/// Length of the way from a to b along a straight direction; negative where b lies behind.
+inline double distance_along(int direction, const Cell& a, const Cell& b) {
+  switch (direction & 7) {
+    case north: return b.y - a.y;
+    case east: return b.x - a.x;
+    case south: return a.y - b.y;
+    default: return a.x - b.x;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The one door for text, the one for pauses, the one for the end (message.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Prints the lines of a message block, each closed by a line end.
+void message(std::string_view block);
+/// Prints a prompt without a line end and waits for a line of input; goes on at its end.
+void pause(std::string_view prompt);
+/// Prints the message block, flushes and ends the process.
+[[noreturn]] void fatal(std::string_view block);
+/// Shortest decimal text that reads back as the same value.
+std::string to_text(double value);
+
+[[noreturn]] void allocation_failed(std::size_t bytes);
+[[noreturn]] void release_of_missing(std::string_view name);
+
+// ---------------------------------------------------------------------------------------------
+// Nodes and their list (node_storage.cpp, level_lists.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// A node with default fields, an id of its own and n_cell_data values of 0.0; counts it.
+Cell* new_cell();
+/// Gives a node back and clears the caller's reference; counts it.
+void release_cell(Cell*& c);
+
+/// Whether the node list is cut into one list per stretch.
+inline bool lists_are_split() { return mesh_beg == nullptr && nb_nodes > 0; }
+/// Puts a node at the head of the stretch of its ipos, in the joined and in the split state.
+void enter_stretch(Cell& c);
+/// Takes a node out of its stretch, in the joined and in the split state.
+void leave_stretch(Cell& c);
+/// Ends the process with a message that names the operation if there is no mesh.
+void require_mesh(std::string_view operation);
+/// Gives the level arrays room for a limit, keeping their entries.
+void make_level_arrays(std::int32_t subdiv_max);
+/// Ends the process if the limit is beyond any use.
+void check_subdiv_max(std::string_view operation, std::int32_t subdiv_max);
+
+// ---------------------------------------------------------------------------------------------
+// Positions and levels
+// ---------------------------------------------------------------------------------------------
+
+/// Base-2 logarithm: natural logarithm divided by log_of_2.
+double log2(double x);
+/// 2^level as a signed 32-bit integer where 0 <= level <= 31 (negative at 31), otherwise 0.
+double power_of_2(std::int32_t level);
+
+/// Largest absolute coordinate of the four sides: decides how well a position can be told.
+extern double largest_coordinate;
+
+std::int32_t true_ipos(double x, double y);
+void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
+std::int32_t log2_special(std::int32_t n);
+
+void update_level(Cell* c, const Cell* orig);
+std::int32_t count_nb_sides(const Cell* c);
+bool side_on_opposite(const Cell* c, const Cell* orig);
+bool have_sharp_corner_near_boundary(const Cell* c);
+void downdate_level(Cell* c, std::int32_t orig_level);
+
+// ---------------------------------------------------------------------------------------------
+// Refinement and insertion
+// ---------------------------------------------------------------------------------------------
+
+bool not_large_house_reserve_2(const Cell* c);
+void refine_cell(Cell*& c, bool special = false);
+void special_sort_level(std::int32_t l);
+
+/// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
+/// of the three. `direction` is the straight direction of the side.
+NeighbourLink side_link(int direction, double x, double y);
+
+// ---------------------------------------------------------------------------------------------
+// Data of new nodes
+// ---------------------------------------------------------------------------------------------
+
+void interp_3pts(const Cell* c1, const Cell* c2, const Cell* c3, Cell* c);
+void interp_4pts(const Cell* c1, const Cell* c2, const Cell* c3, const Cell* c4, Cell* c);
+
+/// data(1) of a node; one without data counts as holding 0.0.
+inline double first_data(const Cell& c) { return c.data.empty() ? 0.0 : c.data[0]; }
+
+}  // namespace velmar_2d::detail

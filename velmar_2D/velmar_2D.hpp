@@ -1,0 +1,389 @@
+// velmar_2d: a node-based adaptive mesh of a rectangle, inside your own process.
+//
+// The life of a mesh
+// ------------------
+//   1. Fill in the side records. The four Dirichlet ones hold the rectangle and must exist:
+//          static velmar_2d::Boundary north{1.0}, east{1.0}, south{0.0}, west{0.0};
+//          velmar_2d::north_boundary_dir = &north;      // and east, south, west
+//   2. init_mesh(bc_type, nx, ny, subdiv_max, y_max)    makes a uniform grid of level 0.
+//   3. update_mesh_no_init(size_fun)                    adapts it to the spacing you want,
+//      or update_mesh_init(size_fun, init_data)         as often as you like.
+//   4. Walk the nodes:  for (Cell* c = mesh_beg; c != nullptr; c = c->next) ...
+//   5. delete_mesh()                                    and, if you wish, start again at 1.
+//
+// Directions and levels
+// ---------------------
+// Every node has eight links, always walked in this order:
+//
+//          nw  n  ne             7  0  1
+//            \ | /                \ | /
+//         w -- c -- e          6 -- c -- 2
+//            / | \                / | \          .
+//          sw  s  se             5  4  3
+//
+// The grid of level 0 has the spacing dist_0. Refinement alternates between two kinds of level:
+//
+//      odd level 2k-1: the centre of a square,        even level 2k: the midpoints of the
+//      linked through its diagonal links only         sides, linked through straight links only
+//
+//          o-------o                                      o---2---o
+//          | \   / |                                      |   |   |
+//          |   1   |                                      2---1---2
+//          | /   \ |                                      |   |   |
+//          o-------o                                      o---2---o
+//
+// so that two levels halve the spacing: level L stands for the spacing dist_0 / 2^(L/2).
+//
+// Conventions
+// -----------
+// All state is library-wide: one mesh at a time, one thread at a time. Callbacks must not call the
+// library. Messages go to standard output; after a fatal one the process ends with EXIT_FAILURE.
+// The library owns the nodes; the caller owns the Boundary records and the callbacks.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#if defined(VELMAR_2D_SHARED)
+#define VELMAR_2D_API __attribute__((visibility("default")))
+#else
+#define VELMAR_2D_API
+#endif
+
+namespace velmar_2d {
+
+struct Cell;
+
+// ---------------------------------------------------------------------------------------------
+// Records
+// ---------------------------------------------------------------------------------------------
+
+/// Kinds of side condition: each selects one of the three records of a side.
+inline constexpr std::int32_t bc_type_dir = 0;  ///< Dirichlet
+inline constexpr std::int32_t bc_type_neu = 1;  ///< Neumann
+inline constexpr std::int32_t bc_type_oth = 2;  ///< anything else
+
+/// Natural logarithm of 2.
+inline constexpr double log_of_2 = 0.6931471805599453;
+
+/// One condition on one side of the domain. Owned by the caller, never copied by the library.
+struct Boundary {
+  double c = 0.0;                        ///< prescribed value; on Dirichlet records: the side's coordinate
+  std::int32_t bc_type = bc_type_dir;    ///< bc_type_dir, bc_type_neu or bc_type_oth
+};
+
+/// A link of a node: empty, to another node, or to the record of a side. Owns nothing.
+class NeighbourLink {
+ public:
+  NeighbourLink() = default;
+  NeighbourLink(std::nullptr_t) {}
+  NeighbourLink(Cell* cell) : bits_(reinterpret_cast<std::uintptr_t>(cell)) {}
+  NeighbourLink(Boundary* boundary)
+      : bits_(boundary == nullptr ? 0 : reinterpret_cast<std::uintptr_t>(boundary) | boundary_tag) {}
+
+  bool empty() const { return bits_ == 0; }
+  /// The linked node, or nullptr where the link is empty or designates a Boundary.
+  Cell* cell() const {
+    return (bits_ & boundary_tag) != 0 ? nullptr : reinterpret_cast<Cell*>(bits_);
+  }
+  /// The linked side record, or nullptr where the link is empty or designates a Cell.
+  Boundary* boundary() const {
+    return (bits_ & boundary_tag) == 0 ? nullptr
+                                       : reinterpret_cast<Boundary*>(bits_ & ~boundary_tag);
+  }
+
+  friend bool operator==(NeighbourLink, NeighbourLink) = default;
+
+ private:
+  // Both records are aligned to at least 8 bytes, so the lowest bit of an address is free.
+  static constexpr std::uintptr_t boundary_tag = 1;
+  std::uintptr_t bits_ = 0;
+};
+
+/// The data values of one node: a small resizable array of double.
+///
+/// Up to one value lies inside the record itself, so that the common case costs no allocation and
+/// no second cache line. Values gained by resize() are 0.0.
+class CellData {
+ public:
+  CellData() = default;
+  CellData(const CellData& other) { *this = other; }
+  CellData(CellData&& other) noexcept { swap(other); }
+  CellData& operator=(const CellData& other) {
+    if (this != &other) {
+      resize(other.size());
+      std::copy(other.begin(), other.end(), begin());
+    }
+    return *this;
+  }
+  CellData& operator=(CellData&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  ~CellData() {
+    if (!inside()) delete[] store_.outside;
+  }
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  double* data() { return inside() ? &store_.inside : store_.outside; }
+  const double* data() const { return inside() ? &store_.inside : store_.outside; }
+  double& operator[](std::size_t i) { return data()[i]; }
+  double operator[](std::size_t i) const { return data()[i]; }
+  double* begin() { return data(); }
+  double* end() { return data() + size_; }
+  const double* begin() const { return data(); }
+  const double* end() const { return data() + size_; }
+
+  /// Keeps the first values, new ones are 0.0. Throws std::bad_alloc when memory is exhausted.
+  void resize(std::size_t size) {
+    if (size > capacity_) {
+      auto* grown = new double[size];
+      std::copy(begin(), end(), grown);
+      if (!inside()) delete[] store_.outside;
+      store_.outside = grown;
+      capacity_ = static_cast<std::uint32_t>(size);
+    }
+    if (size > size_) std::fill(data() + size_, data() + size, 0.0);
+    size_ = static_cast<std::uint32_t>(size);
+  }
+
+ private:
+  bool inside() const { return capacity_ <= 1; }
+  void swap(CellData& other) noexcept {
+    std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
+    std::swap(store_, other.store_);
+  }
+
+  std::uint32_t size_ = 0;
+  std::uint32_t capacity_ = 1;
+  union {
+    double inside;
+    double* outside;
+  } store_{0.0};
+};
+
+/// A reference to anything of the caller's: remembers the type it was set with, owns nothing.
+class UserReference {
+ public:
+  UserReference() = default;
+  template <typename T>
+  UserReference(T* object) : object_(object), tag_(&tag_of<T>) {}
+
+  bool empty() const { return object_ == nullptr; }
+  /// The object, or nullptr where none was set or where it was set with another type.
+  template <typename T>
+  T* get() const {
+    return tag_ == &tag_of<T> ? static_cast<T*>(object_) : nullptr;
+  }
+
+ private:
+  template <typename T>
+  static inline const char tag_of = 0;
+  void* object_ = nullptr;
+  const char* tag_ = nullptr;
+};
+
+/// One node of the mesh. The defaults are those of a freshly created node.
+///
+/// Callers read every field, and write `data`, `data_ptr` and `used`; the rest is kept by the
+/// library. Copying a node copies its data values and borrows everything else.
+struct Cell {
+  std::int32_t id = 0;                      ///< unique while the process lives, taken from next_id
+  double x = 0.0, y = 0.0;                  ///< position
+  std::array<std::uint8_t, 2> signature{};  ///< shape of the control cell, see cell_type()
+  bool signature_set = false;               ///< whether `signature` is current
+  double area = -1.0;                       ///< area of the control cell; negative: not computed, see cell_area()
+  std::int32_t ipos = 0;                    ///< level at which a node at this position is first created
+  std::int32_t level = 0;                   ///< current level; rises as the mesh around the node is refined
+  std::int32_t reserve = 4;                 ///< finer neighbours still awaited before `level` rises
+  std::int32_t on_boundary = 0;             ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
+  NeighbourLink n, ne, e, se, s, sw, w, nw;
+  std::int32_t nl = 2, nel = 2, el = 2, sel = 2, sl = 2, swl = 2, wl = 2, nwl = 2;  ///< link levels, 1 or 2
+  std::int32_t used = 0;                    ///< a mark for the caller's own walks
+  CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
+  double grad_data = 0.0;                   ///< gradient norm of data[0], see compute_data_at_node()
+  double grad2_data = 0.0;                  ///< Frobenius norm of the Hessian of data[0]
+  UserReference data_ptr;                   ///< for the caller, never read or set by the library
+};
+
+/// A node that does not exist yet: what build_vertex() proposes and the insertions take.
+struct Vertex {
+  double x = 0.0, y = 0.0;
+  CellData data;
+  std::int32_t level = 0;
+  Cell *p1 = nullptr, *p2 = nullptr, *p3 = nullptr, *p4 = nullptr;  ///< surrounding nodes; p4 is none on a side
+};
+
+/// One end of a stretch of the node list.
+struct Handle {
+  Cell* next = nullptr;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Callbacks
+// ---------------------------------------------------------------------------------------------
+
+/// Kind of condition at (x, y) on the side "North", "East", "South" or "West".
+using bc_type_function =
+    std::function<std::int32_t(double x, double y, std::string_view side)>;
+/// Wanted spacing at a node, in the unit of x and y. Zero asks for the finest level, infinity for
+/// the coarsest; a node for which it is negative or not a number is left as it is.
+using size_function = std::function<double(double x, double y, std::span<const double> data,
+                                           double grad_data, double grad2_data)>;
+/// First data value of a new node at (x, y).
+using init_data_function = std::function<double(double x, double y)>;
+
+// ---------------------------------------------------------------------------------------------
+// Library-wide state
+// ---------------------------------------------------------------------------------------------
+
+// Node list. It runs by stretches: first all nodes with ipos 0, then those with ipos 1, and so on.
+VELMAR_2D_API extern Cell *mesh_beg, *mesh_end;
+/// First and last node of each stretch, indexed by ipos; empty while there is no mesh.
+VELMAR_2D_API extern std::vector<Handle> level_beg, level_end;
+/// A second pair of list heads for the caller; the library neither reads nor writes them.
+VELMAR_2D_API extern std::vector<Handle> tmp_beg, tmp_end;
+/// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
+VELMAR_2D_API extern std::array<std::int32_t, 2> level_range;
+VELMAR_2D_API extern std::int32_t level_max;    ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t next_id;      ///< id of the next node created
+VELMAR_2D_API extern std::int32_t nb_nodes;     ///< number of nodes; a mesh exists while it is above 0
+VELMAR_2D_API extern std::int32_t n_cell_data;  ///< data values per node; set it before init_mesh()
+VELMAR_2D_API extern double x_min, y_min;       ///< lower left corner of the domain
+VELMAR_2D_API extern double dist_0;             ///< spacing of the grid of level 0
+VELMAR_2D_API extern double grad_data, grad2_data;  ///< scratch values for the caller
+/// Whether the data of new nodes are interpolated (true) or come from init_data_ptr (false).
+VELMAR_2D_API extern bool data_interpolation;
+VELMAR_2D_API extern init_data_function init_data_ptr;
+VELMAR_2D_API extern bc_type_function bc_type_ptr;
+
+// Side records, owned by the caller. The four Dirichlet ones must exist for init_mesh().
+VELMAR_2D_API extern Boundary *north_boundary_dir, *north_boundary_neu, *north_boundary_oth;
+VELMAR_2D_API extern Boundary *east_boundary_dir, *east_boundary_neu, *east_boundary_oth;
+VELMAR_2D_API extern Boundary *south_boundary_dir, *south_boundary_neu, *south_boundary_oth;
+VELMAR_2D_API extern Boundary *west_boundary_dir, *west_boundary_neu, *west_boundary_oth;
+
+// ---------------------------------------------------------------------------------------------
+// Making, adapting and deleting the mesh
+// ---------------------------------------------------------------------------------------------
+
+/// Makes a uniform grid of nx by ny nodes of level 0.
+///
+/// Needs: no mesh; the four Dirichlet records, whose `c` give the rectangle. Every node gets
+/// n_cell_data values of 0.0. The cells are squares of the width (x_max - x_min) / (nx - 1); where
+/// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
+/// is printed and RETURN awaited.
+/// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
+/// rectangle is empty, subdiv_max is negative or absurd, bc_type is empty or selects no record.
+///
+/// @param bc_type     kind of condition on each side, kept for later insertions on the sides
+/// @param nx, ny      number of nodes along x and y, at least 2
+/// @param subdiv_max  subdivision limit: the highest level that a node may have
+/// @param y_max       receives the upper y of the domain in use
+VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
+                             std::int32_t subdiv_max, double& y_max);
+
+/// Adapts the mesh to the spacing that size_fun wants; data of new nodes come from init_data.
+///
+/// First the derivatives of data[0] are computed at every node. Then stretches are walked upwards,
+/// inserting nodes where the wanted level 2 log2(dist_0 / size) exceeds a node's level, and
+/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. One call moves
+/// the mesh by about one spacing halving; repeat it until nothing changes where that matters.
+/// References to removed nodes are invalid afterwards; all others stay good.
+/// Ends the process if there is no mesh or a callback that is needed is empty.
+/// Cost: linear in the number of nodes.
+VELMAR_2D_API void update_mesh_init(const size_function& size_fun, init_data_function init_data);
+
+/// As update_mesh_init(), but data[0] of new nodes is interpolated from their neighbours, and
+/// derivatives are computed only where n_cell_data is above 0.
+VELMAR_2D_API void update_mesh_no_init(const size_function& size_fun);
+
+/// Changes the subdivision limit. Lowering it removes every node that lies above it; the nodes that
+/// remain are coarsened around. Raising it changes no node.
+///
+/// A limit below 0 removes every node. Ends the process if the limit is lowered without a mesh.
+VELMAR_2D_API void set_subdiv_max(std::int32_t subdiv_max);
+
+/// The subdivision limit: level_max.
+VELMAR_2D_API std::int32_t get_subdiv_max();
+
+/// Releases every node and the level arrays, prints " nb of deallocated nodes: " and their number.
+///
+/// The limit, next_id, the domain and the side records stay as they are.
+/// Ends the process if there are no level arrays (no mesh was made, or it was deleted already).
+VELMAR_2D_API void delete_mesh();
+
+// ---------------------------------------------------------------------------------------------
+// Reading nodes
+// ---------------------------------------------------------------------------------------------
+
+/// Whether a Dirichlet condition prescribes the data of this node: it lies on the boundary and one
+/// of its four straight links designates a Boundary of kind bc_type_dir.
+VELMAR_2D_API bool known_value(const Cell& tmp);
+VELMAR_2D_API std::int32_t cell_ipos(const Cell* c);                     ///< the node's `ipos`
+VELMAR_2D_API std::int32_t cell_on_boundary(const Cell* c);              ///< the node's `on_boundary`
+VELMAR_2D_API std::int32_t velmar_get_cell_on_boundary(const Cell* c);   ///< the node's `on_boundary`
+VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);       ///< the node's `reserve`
+
+/// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
+/// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
+///
+/// @param c           a node of the mesh; one without data counts as holding 0.0
+/// @param dfdx, dfdy  receive the gradient where both are given; a component across a Neumann side
+///                    is then 0
+VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double* dfdy = nullptr);
+
+/// Shape of the control cell of a node; sets `signature` and `signature_set`.
+///
+/// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner; 0 for an unknown shape
+/// @param shift  eighth turns clockwise from the type's representative, plus 8 if mirrored first
+VELMAR_2D_API void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift);
+
+/// Area of the control cell of a node, cached in `area`.
+VELMAR_2D_API double cell_area(Cell* c);
+
+// ---------------------------------------------------------------------------------------------
+// Single steps of an adaptation, for callers with rules of their own
+// ---------------------------------------------------------------------------------------------
+
+/// Proposes the nodes that refine the mesh around `c`: centres of its squares and diamonds that
+/// have none yet. Changes nothing.
+///
+/// @param vertex_list  receives the proposals in its first n entries
+/// @param n            0 to 4
+VELMAR_2D_API void build_vertex(Cell* c, std::array<Vertex, 4>& vertex_list, std::int32_t& n);
+
+/// Adds the centre of the square of v.p1 .. v.p4 to the mesh.
+/// Ends the process if v.level is above the limit, a parent is missing, or the position has no
+/// place in the level arrays.
+VELMAR_2D_API void insert_node_odd_level(const Vertex& v);
+
+/// Adds the midpoint of an edge to the mesh: four parents inside, three (v.p4 none) on a side.
+/// Ends the process as insert_node_odd_level() does.
+VELMAR_2D_API void insert_node_even_level(const Vertex& v);
+
+/// Removes the centre of a square; `c` is cleared. Declines (and `c` stays) if the node lies on the
+/// boundary or has a straight link.
+VELMAR_2D_API void remove_node_odd_level(Cell*& c);
+
+/// Removes the midpoint of an edge; `c` is cleared. Declines (and `c` stays) if the node has a
+/// diagonal link.
+VELMAR_2D_API void remove_node_even_level(Cell*& c);
+
+/// Cuts the node list into one list per stretch. Ends the process if there is no mesh.
+VELMAR_2D_API void split_sublists();
+
+/// Joins the lists of the stretches again, in ascending order. Ends the process if there is no mesh.
+VELMAR_2D_API void join_sublists();
+
+}  // namespace velmar_2d
