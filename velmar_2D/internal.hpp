@@ -112,6 +112,18 @@ bool not_large_house_reserve_2(const Cell* c);
 void refine_cell(Cell*& c, bool special = false);
 void special_sort_level(std::int32_t l);
 
+// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion.
+
+/// Ends the process unless the vertex has its first `nb_parents` parents and a level within the limit.
+void check_vertex(std::string_view operation, const Vertex& v, int nb_parents);
+/// A node at the vertex, not linked and not listed yet. Ends the process if its position has no
+/// place in the level arrays.
+Cell* new_cell_at(const Vertex& v);
+/// Tells a parent about its new neighbour.
+void announce_to(Cell* parent, const Cell& c);
+/// The value of init_data_ptr at a node.
+double initial_data(const Cell& c);
+
 /// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
 /// of the three. `direction` is the straight direction of the side.
 NeighbourLink side_link(int direction, double x, double y);

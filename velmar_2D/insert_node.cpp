@@ -1,0 +1,76 @@
+// The steps that odd-level and even-level insertion share.
+#include "velmar_2D/internal.hpp"
+
+#include <string>
+
+namespace velmar_2d::detail {
+
+void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
+  const std::string tag = "(Velmar_2D:) " + std::string(operation) + ": ERROR\n";
+  if (v.level > level_max) {
+    fatal(tag +
+          "             you cannot add a new node\n"
+          "             (Max level of subdivisions reached)\n"
+          " => you must avoid this before calling this routine");
+  }
+  const std::array<const Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
+  for (int i = 0; i < nb_parents; ++i) {
+    if (parents[static_cast<std::size_t>(i)] != nullptr) continue;
+    if (i == 3) fatal("insert_node_odd on_boundary");
+    fatal(tag + "             a parent of the new node is missing");
+  }
+}
+
+Cell* new_cell_at(const Vertex& v) {
+  const std::int32_t ipos = true_ipos(v.x - x_min, v.y - y_min);
+  if (ipos < 0 || ipos > level_max) {
+    fatal("(Velmar_2D:) insert_node: ERROR\n"
+          "             the position (" + to_text(v.x) + ", " + to_text(v.y) +
+          ") belongs to level " + std::to_string(ipos) + ",\n"
+          "             which lies outside of the levels 0 to " + std::to_string(level_max));
+  }
+  Cell* c = new_cell();
+  c->x = v.x;
+  c->y = v.y;
+  c->ipos = ipos;
+  c->level = v.level;
+  return c;
+}
+
+void announce_to(Cell* parent, const Cell& c) {
+  update_level(parent, &c);
+  parent->area = -1.0;
+  parent->signature_set = false;
+}
+
+double initial_data(const Cell& c) {
+  if (!init_data_ptr) {
+    fatal("(Velmar_2D:) insert_node: ERROR\n"
+          "             there is no procedure for the data of new nodes\n"
+          "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
+  }
+  return init_data_ptr(c.x, c.y);
+}
+
+NeighbourLink side_link(int direction, double x, double y) {
+  struct Side {
+    std::string_view name;
+    std::array<Boundary**, 3> records;
+  };
+  static constexpr std::array<Side, 4> sides = {
+      {{"North", {&north_boundary_dir, &north_boundary_neu, &north_boundary_oth}},
+       {"East", {&east_boundary_dir, &east_boundary_neu, &east_boundary_oth}},
+       {"South", {&south_boundary_dir, &south_boundary_neu, &south_boundary_oth}},
+       {"West", {&west_boundary_dir, &west_boundary_neu, &west_boundary_oth}}}};
+
+  if (!bc_type_ptr) {
+    fatal("(Velmar_2D:) ERROR: there is no procedure for the sides\n"
+          "             ('bc_type_ptr' is not set)");
+  }
+  const Side& side = sides[static_cast<std::size_t>(direction / 2)];
+  const std::int32_t kind = bc_type_ptr(x, y, side.name);
+  if (kind < 0 || kind > 2) return nullptr;
+  return *side.records[static_cast<std::size_t>(kind)];
+}
+
+}  // namespace velmar_2d::detail

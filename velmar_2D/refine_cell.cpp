@@ -1,0 +1,65 @@
+// Refining the mesh around one node.
+#include "velmar_2D/internal.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+bool awaits_all(const Cell* c) { return c->reserve == 4; }
+
+/// In special mode a closed figure is completed up to the limit itself, once all its cells have
+/// begun to rise. Half figures, which have no fourth cell, are not held to that.
+bool wanted(const Vertex& v, bool special) {
+  if (!special) return v.level < level_max;
+  if (v.level > level_max) return false;
+  return v.p4 == nullptr || !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) ||
+                              awaits_all(v.p4));
+}
+
+}  // namespace
+
+void refine_cell(Cell*& c, bool special) {
+  std::array<Vertex, 4> vertex_list;
+  std::int32_t n = 0;
+  build_vertex(c, vertex_list, n);
+  for (std::int32_t i = 0; i < n; ++i) {
+    const Vertex& v = vertex_list[static_cast<std::size_t>(i)];
+    if (!wanted(v, special)) continue;
+    if (v.level % 2 == 1) {
+      insert_node_odd_level(v);
+    } else {
+      insert_node_even_level(v);
+    }
+  }
+}
+
+void special_sort_level(std::int32_t l) {
+  if (l < 0 || static_cast<std::size_t>(l) >= level_beg.size()) return;
+  Cell*& head = level_beg[static_cast<std::size_t>(l)].next;
+  Cell*& tail = level_end[static_cast<std::size_t>(l)].next;
+  const auto& directions = l % 2 == 0 ? straight_directions : diagonal_directions;
+
+  Cell* c = tail;
+  while (c != nullptr) {
+    Cell* following = c->prev;
+    std::int32_t lmax = 0, lmin = l;
+    for (const int d : directions) {
+      const Cell* neighbour = link(*c, d).cell();
+      if (neighbour == nullptr) continue;
+      lmax = std::max(lmax, neighbour->level);
+      lmin = std::min(lmin, neighbour->level);
+    }
+    if (lmax > l) return;
+    if (lmax == l && lmin < l && c->next != nullptr) {
+      (c->prev != nullptr ? c->prev->next : head) = c->next;
+      c->next->prev = c->prev;
+      tail->next = c;
+      c->prev = tail;
+      c->next = nullptr;
+      tail = c;
+    }
+    c = following;
+  }
+}
+
+}  // namespace velmar_2d::detail
