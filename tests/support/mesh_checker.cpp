@@ -173,7 +173,7 @@ class Checker {
     if (!ids_.emplace(c.id, &c).second) report(&c, "shares its id");
     if (c.ipos != closed_form_ipos(here.x, here.y))
       report(&c, "ipos should be ", closed_form_ipos(here.x, here.y));
-    if (c.level < c.ipos || c.level > level_max)
+    if (c.level < 0 || c.level < c.ipos - 1 || c.level > level_max)
       report(&c, "level outside ipos to the limit ", level_max);
     if (c.reserve < 0 || c.reserve > 4) report(&c, "reserve outside 0 to 4");
     if (c.data.size() != static_cast<std::size_t>(n_cell_data)) report(&c, "number of data values");
