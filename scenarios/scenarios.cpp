@@ -65,6 +65,10 @@ double position_noise(double x, double y, std::uint64_t seed) {
   return random.uniform();
 }
 
+size_function even_spacing(double spacing) {
+  return [=](double, double, std::span<const double>, double, double) { return spacing; };
+}
+
 size_function jumping_spacing(double at, double finest, double coarsest) {
   return [=](double x, double, std::span<const double>, double, double) {
     return x < at ? finest : coarsest;

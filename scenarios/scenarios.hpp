@@ -38,6 +38,9 @@ struct Random {
 /// A number in [0, 1) that depends on the position and the seed only.
 double position_noise(double x, double y, std::uint64_t seed);
 
+/// The same wanted spacing everywhere.
+size_function even_spacing(double spacing);
+
 /// Wanted spacing `finest` left of the line x = at, `coarsest` right of it.
 size_function jumping_spacing(double at, double finest, double coarsest);
 

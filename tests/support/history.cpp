@@ -68,7 +68,7 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
       break;
     default:
       name = "even";
-      size = scenarios::jumping_spacing(x_min + 2.0 * width, std::max(finest, 0.3 * dist_0), 1.0);
+      size = scenarios::even_spacing(std::max(finest, 0.3 * dist_0));
       break;
   }
   if (plan.steps == Steps::adapt_hostile) {
