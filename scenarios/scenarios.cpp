@@ -85,9 +85,12 @@ size_function random_spacing(std::uint64_t seed, double share, double finest, do
 size_function hostile_spacing(std::uint64_t seed, size_function otherwise) {
   return [=](double x, double y, std::span<const double> data, double grad, double grad2) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
-    constexpr std::array<double, 6> bad = {
-        0.0, -1.0, infinity, -infinity, std::numeric_limits<double>::quiet_NaN(),
-        std::numeric_limits<double>::denorm_min()};
+    constexpr std::array<double, 6> bad = {0.0,
+                                           -1.0,
+                                           infinity,
+                                           -infinity,
+                                           std::numeric_limits<double>::quiet_NaN(),
+                                           std::numeric_limits<double>::denorm_min()};
     const auto choice = static_cast<std::size_t>(12.0 * position_noise(x, y, seed));
     return choice < bad.size() ? bad[choice] : otherwise(x, y, data, grad, grad2);
   };

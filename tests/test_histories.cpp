@@ -1,10 +1,10 @@
 // Generated histories: whatever is done to a mesh, it stays whole and finds back to its first grid.
+#include <limits>
+
 #include "scenarios/scenarios.hpp"
 #include "support/history.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
-
-#include <limits>
 
 namespace velmar_2d::tests {
 namespace {
@@ -63,12 +63,11 @@ TEST_P(Histories, KeepTheMeshWholeAndLeadBackToTheFirstGrid) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, Histories,
-    testing::Values(
-        Batch{"near_the_origin", 1000, Steps::adapt, false, Ending::coarse_update},
-        Batch{"far_from_the_origin", 2000, Steps::adapt, true, Ending::coarse_update},
-        Batch{"hostile", 3400, Steps::adapt_hostile, false, Ending::limit_0},
-        Batch{"single_nodes", 4000, Steps::single_nodes, false, Ending::coarse_update},
-        Batch{"far_single_nodes", 5000, Steps::single_nodes, true, Ending::limit_0}),
+    testing::Values(Batch{"near_the_origin", 1000, Steps::adapt, false, Ending::coarse_update},
+                    Batch{"far_from_the_origin", 2000, Steps::adapt, true, Ending::coarse_update},
+                    Batch{"hostile", 3400, Steps::adapt_hostile, false, Ending::limit_0},
+                    Batch{"single_nodes", 4000, Steps::single_nodes, false, Ending::coarse_update},
+                    Batch{"far_single_nodes", 5000, Steps::single_nodes, true, Ending::limit_0}),
     [](const auto& batch) { return std::string(batch.param.name); });
 
 }  // namespace

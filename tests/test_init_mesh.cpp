@@ -1,12 +1,12 @@
 // The uniform grid of level 0.
+#include <iostream>
+#include <map>
+#include <sstream>
+
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
-
-#include <iostream>
-#include <map>
-#include <sstream>
 
 namespace velmar_2d::tests {
 namespace {
@@ -49,8 +49,12 @@ TEST_F(InitMesh, FieldsByPlace) {
     for (int i = 0; i < 5; ++i) {
       const Cell* c = node_at(i, j);
       ASSERT_NE(c, nullptr);
-      const std::string place = std::string(j == 0 ? "S" : j == 3 ? "N" : "") +
-                                (i == 0 ? "W" : i == 4 ? "E" : "");
+      const std::string place = std::string(j == 0   ? "S"
+                                            : j == 3 ? "N"
+                                                     : "") +
+                                (i == 0   ? "W"
+                                 : i == 4 ? "E"
+                                          : "");
       std::ostringstream text;
       text << "on " << c->on_boundary << " reserve " << c->reserve << " area "
            << c->area / (dist_0 * dist_0) << " signature " << int{c->signature[0]} << ','
@@ -77,14 +81,16 @@ TEST_F(InitMesh, ListOrderAndLinks) {
   const auto line = [&](int number, const std::string& rest) {
     return std::to_string(first_id + 6 - number) + " " + rest;
   };
-  EXPECT_EQ(describe_mesh(),
-            (std::vector{
-                line(1, "(0,1) ipos 0 level 0 reserve 1 on_boundary 2: n[North] e(1,1) s(0,0) w[West]"),
-                line(2, "(1,1) ipos 0 level 0 reserve 2 on_boundary 1: n[North] e(2,1) s(1,0) w(0,1)"),
-                line(3, "(2,1) ipos 0 level 0 reserve 1 on_boundary 2: n[North] e[East] s(2,0) w(1,1)"),
-                line(4, "(0,0) ipos 0 level 0 reserve 1 on_boundary 2: n(0,1) e(1,0) s[South] w[West]"),
-                line(5, "(1,0) ipos 0 level 0 reserve 2 on_boundary 1: n(1,1) e(2,0) s[South] w(0,0)"),
-                line(6, "(2,0) ipos 0 level 0 reserve 1 on_boundary 2: n(2,1) e[East] s[South] w(1,0)")}));
+  EXPECT_EQ(
+      describe_mesh(),
+      (std::vector{
+          line(1, "(0,1) ipos 0 level 0 reserve 1 on_boundary 2: n[North] e(1,1) s(0,0) w[West]"),
+          line(2, "(1,1) ipos 0 level 0 reserve 2 on_boundary 1: n[North] e(2,1) s(1,0) w(0,1)"),
+          line(3, "(2,1) ipos 0 level 0 reserve 1 on_boundary 2: n[North] e[East] s(2,0) w(1,1)"),
+          line(4, "(0,0) ipos 0 level 0 reserve 1 on_boundary 2: n(0,1) e(1,0) s[South] w[West]"),
+          line(5, "(1,0) ipos 0 level 0 reserve 2 on_boundary 1: n(1,1) e(2,0) s[South] w(0,0)"),
+          line(6,
+               "(2,0) ipos 0 level 0 reserve 1 on_boundary 2: n(2,1) e[East] s[South] w(1,0)")}));
   EXPECT_EQ(level_beg[0].next, mesh_beg);
   EXPECT_EQ(level_end[0].next, mesh_end);
   EXPECT_EQ(level_beg[1].next, nullptr);
@@ -103,7 +109,8 @@ TEST_F(InitMesh, EachSideGetsTheRecordThatTheCallbackSelects) {
         return x == 0.0 ? bc_type_oth : -1;
       },
       3, 3, 1, y_max);
-  EXPECT_EQ(calls, (std::map<std::string, int>{{"North", 3}, {"East", 3}, {"South", 3}, {"West", 3}}));
+  EXPECT_EQ(calls,
+            (std::map<std::string, int>{{"North", 3}, {"East", 3}, {"South", 3}, {"West", 3}}));
   EXPECT_EQ(links(0, 0), "n(0,1) e(1,0) s[South neu] w[West oth]");
   EXPECT_EQ(links(1, 0), "n(1,1) e(2,0) s[South] w(0,0)");
   EXPECT_EQ(links(2, 2), "n[North neu] e[East oth] s(2,1) w(1,2)");
@@ -147,14 +154,13 @@ TEST_F(InitMesh, MovesTheNorthSideWhereCellsAreNoSquares) {
   const ChildEnd at_end_of_input = run_in_child(code, "");
   EXPECT_EQ(at_end_of_input.output, warning + "4 4 4 4 4 25 next line: ");
 
-  const ChildEnd without_other_records = run_in_child(
-      [] {
-        scenarios::set_domain(0.0, 1.0, 0.0, 0.9);
-        north_boundary_neu = north_boundary_oth = nullptr;
-        double y_max = 0.0;
-        init_mesh(all_dirichlet, 3, 3, 2, y_max);
-        std::cout << y_max;
-      });
+  const ChildEnd without_other_records = run_in_child([] {
+    scenarios::set_domain(0.0, 1.0, 0.0, 0.9);
+    north_boundary_neu = north_boundary_oth = nullptr;
+    double y_max = 0.0;
+    init_mesh(all_dirichlet, 3, 3, 2, y_max);
+    std::cout << y_max;
+  });
   EXPECT_EQ(without_other_records.output.substr(without_other_records.output.size() - 3), "..1");
 }
 

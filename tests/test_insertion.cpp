@@ -1,29 +1,14 @@
 // Inserting single nodes: links, pruning, sides, shapes and data.
+#include <cmath>
+#include <sstream>
+
 #include "scenarios/scenarios.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/internal.hpp"
 
-#include <cmath>
-#include <sstream>
-
 namespace velmar_2d::tests {
 namespace {
-
-/// A grid of squares of side 1 whose lower left corner lies at the origin.
-void make_grid(int nx, int ny, int limit, bc_type_function kinds = scenarios::all_dirichlet) {
-  scenarios::set_domain(0.0, nx - 1, 0.0, ny - 1);
-  double y_max = 0.0;
-  init_mesh(std::move(kinds), nx, ny, limit, y_max);
-}
-
-/// Inserts what is proposed around one node at another place.
-Cell* insert_at(double u, double v, Cell* around) {
-  for (const Vertex& vertex : proposals_around(around))
-    if (vertex.x == u && vertex.y == v) return insert(vertex);
-  ADD_FAILURE() << "nothing is proposed at " << u << ", " << v;
-  return nullptr;
-}
 
 using Insertion = MeshTest;
 
@@ -134,7 +119,8 @@ TEST_F(Insertion, MidpointOnEverySideTakesItsRecordAndShape) {
   const auto proposals = proposals_around(centre);
   ASSERT_EQ(proposals.size(), 4U);
   for (const Vertex& v : proposals) insert(v);
-  EXPECT_EQ(calls, (std::vector<std::string>{"East 1 0.5", "South 0.5 0", "West 0 0.5", "North 0.5 1"}));
+  EXPECT_EQ(calls,
+            (std::vector<std::string>{"East 1 0.5", "South 0.5 0", "West 0 0.5", "North 0.5 1"}));
   const struct {
     double u, v;
     const char* links;
@@ -169,7 +155,6 @@ TEST_F(Insertion, SideWithoutASelectedRecordStaysEmptyAndCounts) {
   EXPECT_EQ(c->on_boundary, 1);
   EXPECT_EQ(c->reserve, 2);
   EXPECT_FALSE(c->signature_set);
-  EXPECT_TRUE(mesh_is_whole());
 }
 
 TEST_F(Insertion, DataAreInterpolatedFromTheParents) {
@@ -206,6 +191,17 @@ TEST_F(Insertion, InterpolationAlongASideDropsTheFirstInteriorParent) {
   EXPECT_EQ(mean(1, 0, 2), 50.5);
   EXPECT_EQ(mean(1, 1, 0), 5.5);
   EXPECT_EQ(mean(1, 2, 1), 5.5);
+}
+
+TEST_F(Insertion, NodesWithoutDataCountAsHolding0) {
+  make_grid(2, 2, 2);
+  n_cell_data = 1;
+  node_at(0, 0)->data.resize(1);
+  node_at(0, 0)->data[0] = 8.0;
+  Cell* centre = insert_at(0.5, 0.5, node_at(0, 0));
+  EXPECT_EQ(centre->data[0], 2.0);
+  EXPECT_EQ(insert_at(0.5, 0, centre)->data[0], 4.0);
+  EXPECT_EQ(insert_at(1, 0.5, centre)->data[0], 0.0);
 }
 
 TEST_F(Insertion, DataComeFromTheCallbackWhereInterpolationIsOff) {

@@ -1,10 +1,10 @@
 // The position index and the rules by which a node's level rises and falls.
+#include <cmath>
+#include <limits>
+
 #include "scenarios/scenarios.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/internal.hpp"
-
-#include <cmath>
-#include <limits>
 
 namespace velmar_2d::tests {
 namespace {
@@ -43,17 +43,18 @@ TEST_F(PositionIndex, FractionsByNearestIntegerExpansion) {
 // No fraction is close: the expansion must end, with a denominator that is not negative or has
 // wrapped, whatever it is.
 TEST_F(PositionIndex, ExpansionEndsOnWhatIsNoFraction) {
-  for (const double x : {std::sqrt(2.0) * 1e-4, 1e300, -1e300, 1e-300, 3e9 + 0.3,
-                         std::numeric_limits<double>::infinity(),
-                         std::numeric_limits<double>::quiet_NaN()}) {
+  for (const double x :
+       {std::sqrt(2.0) * 1e-4, 1e300, -1e300, 1e-300, 3e9 + 0.3,
+        std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
     EXPECT_NE(fraction(x).second, -99) << x;
   }
 }
 
 TEST_F(PositionIndex, CeilingOfTheLogarithm) {
   const std::pair<std::int32_t, std::int32_t> cases[] = {
-      {0, 1}, {1, 0}, {2, 1}, {3, 2}, {4, 2}, {5, 3}, {-7, 0}, {1 << 30, 30},
-      {std::numeric_limits<std::int32_t>::max(), 31}};
+      {0, 1},  {1, 0},        {2, 1},
+      {3, 2},  {4, 2},        {5, 3},
+      {-7, 0}, {1 << 30, 30}, {std::numeric_limits<std::int32_t>::max(), 31}};
   for (const auto& [n, log] : cases) EXPECT_EQ(log2_special(n), log) << n;
 }
 
@@ -61,10 +62,14 @@ TEST_F(PositionIndex, OfOffsets) {
   const struct {
     double x, y;
     std::int32_t ipos;
-  } cases[] = {{0, 0, 0},         {1, 2, 0},           {3, 0, 0},       {-4, 7, 0},
-               {0.5, 0.5, 1},     {-0.5, 0.5, 1},      {0.5, 0, 2},     {1, 0.5, 2},
-               {0.25, 0.25, 3},   {0.75, 0.25, 3},     {0.25, 0.5, 4},  {0.25, 0, 4},
-               {0.125, 0.375, 5}, {1.0 / 3, 1.0 / 3, 3}, {0.1, 1.0, 8}, {0.1, 0.1, 7}};
+  } cases[] = {{0, 0, 0},         {1, 2, 0},
+               {3, 0, 0},         {-4, 7, 0},
+               {0.5, 0.5, 1},     {-0.5, 0.5, 1},
+               {0.5, 0, 2},       {1, 0.5, 2},
+               {0.25, 0.25, 3},   {0.75, 0.25, 3},
+               {0.25, 0.5, 4},    {0.25, 0, 4},
+               {0.125, 0.375, 5}, {1.0 / 3, 1.0 / 3, 3},
+               {0.1, 1.0, 8},     {0.1, 0.1, 7}};
   for (const double spacing : {1.0, 0.3}) {
     dist_0 = spacing;
     for (const auto& c : cases)
@@ -203,10 +208,10 @@ TEST(LevelRules, FallWhenFinerNeighboursAreRemoved) {
   const struct {
     int on_boundary, level, reserve, removed_level, expected_level, expected_reserve;
   } cases[] = {
-      {0, 2, 4, 3, 1, 1}, {0, 2, 3, 3, 2, 4}, {0, 3, 4, 4, 2, 1}, {0, 3, 2, 4, 3, 3},
-      {1, 2, 2, 3, 1, 1}, {1, 2, 1, 3, 2, 2}, {1, 3, 3, 4, 2, 1}, {1, 3, 2, 4, 3, 3},
-      {2, 2, 1, 3, 1, 1}, {2, 3, 2, 4, 2, 1}, {2, 3, 1, 4, 3, 2},
-      {0, 2, 3, 2, 1, 1},  // same level: at once
+      {0, 2, 4, 3, 1, 1}, {0, 2, 3, 3, 2, 4}, {0, 3, 4, 4, 2, 1},
+      {0, 3, 2, 4, 3, 3}, {1, 2, 2, 3, 1, 1}, {1, 2, 1, 3, 2, 2},
+      {1, 3, 3, 4, 2, 1}, {1, 3, 2, 4, 3, 3}, {2, 2, 1, 3, 1, 1},
+      {2, 3, 2, 4, 2, 1}, {2, 3, 1, 4, 3, 2}, {0, 2, 3, 2, 1, 1},  // same level: at once
       {1, 3, 3, 3, 2, 1}, {0, 2, 3, 1, 2, 3}, {0, 2, 3, 4, 2, 3},
       {0, 2, 5, 3, 2, 6},  // the threshold counts only where it is met exactly
   };
@@ -218,8 +223,8 @@ TEST(LevelRules, FallWhenFinerNeighboursAreRemoved) {
     c.signature_set = true;
     downdate_level(&c, row.removed_level);
     EXPECT_EQ(std::pair(c.level, c.reserve), std::pair(row.expected_level, row.expected_reserve))
-        << "on_boundary " << row.on_boundary << " level " << row.level << " reserve "
-        << row.reserve << " removed " << row.removed_level;
+        << "on_boundary " << row.on_boundary << " level " << row.level << " reserve " << row.reserve
+        << " removed " << row.removed_level;
     EXPECT_FALSE(c.signature_set);
   }
 }

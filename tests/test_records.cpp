@@ -1,8 +1,8 @@
 // Records, copy rules, small accessors, and the state before the first mesh.
+#include <numeric>
+
 #include "support/mesh_view.hpp"
 #include "velmar_2D/velmar_2D.hpp"
-
-#include <numeric>
 
 namespace velmar_2d::tests {
 namespace {

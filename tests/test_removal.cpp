@@ -6,17 +6,11 @@
 namespace velmar_2d::tests {
 namespace {
 
-class Removal : public MeshTest {
- protected:
-  static void make_grid(int nx, int ny, int limit) {
-    scenarios::set_domain(0.0, nx - 1, 0.0, ny - 1);
-    double y_max = 0.0;
-    init_mesh(scenarios::all_dirichlet, nx, ny, limit, y_max);
-  }
-  static void refine_around(double u, double v) {
-    for (const Vertex& vertex : proposals_around(node_at(u, v))) insert(vertex);
-  }
-};
+using Removal = MeshTest;
+
+void refine_around(double u, double v) {
+  for (const Vertex& vertex : proposals_around(node_at(u, v))) insert(vertex);
+}
 
 //   (0,2) --- (1,2) --- (2,2)          (0,2) --- (1,2) --- (2,2)
 //     |         |         |              |         |         |
@@ -59,9 +53,8 @@ TEST_F(Removal, CentreOfASquareGivesItsSidesBack) {
 TEST_F(Removal, MidpointOfAnEdgeGivesItsDiagonalsBack) {
   make_grid(3, 3, 2);
   refine_around(1, 1);
-  insert(proposals_around(node_at(1, 1)).at(1));
-  ASSERT_NE(node_at(1, 0.5), nullptr);
-  insert(proposals_around(node_at(0, 1)).at(1));
+  insert_at(1, 0.5, node_at(1, 1));
+  insert_at(0.5, 1, node_at(0, 1));
   ASSERT_EQ(links(0.5, 1), "n(0.5,1.5) e(1,1) s(0.5,0.5) w(0,1)");
   ASSERT_EQ(links(1, 1), "ne(1.5,1.5) se(1.5,0.5) s(1,0.5) w(0.5,1) nw(0.5,1.5)");
   EXPECT_TRUE(remove(node_at(0.5, 1)));

@@ -1,12 +1,12 @@
 #include "support/child_process.hpp"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace velmar_2d::tests {
 namespace {

@@ -1,12 +1,12 @@
 #include "support/history.hpp"
 
-#include "scenarios/scenarios.hpp"
-#include "support/mesh_view.hpp"
-#include "velmar_2D/velmar_2D.hpp"
-
 #include <cmath>
 #include <cstdio>
 #include <sstream>
+
+#include "scenarios/scenarios.hpp"
+#include "support/mesh_view.hpp"
+#include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -51,8 +51,8 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
   size_function size;
   switch (random.between(0, 3)) {
     case 0: {
-      const scenarios::Ring ring{x_min + width * random.uniform(), y_min + height * random.uniform(),
-                                 0.4 * width * random.uniform()};
+      const scenarios::Ring ring{x_min + width * random.uniform(),
+                                 y_min + height * random.uniform(), 0.4 * width * random.uniform()};
       name = "ring";
       size = scenarios::ring_spacing(ring, 0.2 + random.uniform(), finest, coarsest);
       break;

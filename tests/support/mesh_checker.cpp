@@ -1,7 +1,5 @@
 #include "support/mesh_checker.hpp"
 
-#include "velmar_2D/velmar_2D.hpp"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -9,6 +7,8 @@
 #include <optional>
 #include <sstream>
 #include <unordered_map>
+
+#include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -28,10 +28,10 @@ struct Step {
   int x, y;  // unit step of the direction
 };
 constexpr Step steps[8] = {
-    {"n", &Cell::n, &Cell::nl, 0, 1},    {"ne", &Cell::ne, &Cell::nel, 1, 1},
-    {"e", &Cell::e, &Cell::el, 1, 0},    {"se", &Cell::se, &Cell::sel, 1, -1},
-    {"s", &Cell::s, &Cell::sl, 0, -1},   {"sw", &Cell::sw, &Cell::swl, -1, -1},
-    {"w", &Cell::w, &Cell::wl, -1, 0},   {"nw", &Cell::nw, &Cell::nwl, -1, 1},
+    {"n", &Cell::n, &Cell::nl, 0, 1},  {"ne", &Cell::ne, &Cell::nel, 1, 1},
+    {"e", &Cell::e, &Cell::el, 1, 0},  {"se", &Cell::se, &Cell::sel, 1, -1},
+    {"s", &Cell::s, &Cell::sl, 0, -1}, {"sw", &Cell::sw, &Cell::swl, -1, -1},
+    {"w", &Cell::w, &Cell::wl, -1, 0}, {"nw", &Cell::nw, &Cell::nwl, -1, 1},
 };
 
 /// An offset as numerator / 2^exponent of dist_0, in lowest terms.
@@ -140,11 +140,11 @@ class Checker {
 
   bool place_nodes() {
     const double x_max = east_boundary_dir->c, y_max = north_boundary_dir->c;
-    const double largest = std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min),
-                                     std::abs(y_max)});
-    const double tolerance =
-        offset_tolerance + roundings_of_a_coordinate *
-                               std::numeric_limits<double>::epsilon() * largest / dist_0;
+    const double largest =
+        std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+    const double tolerance = offset_tolerance + roundings_of_a_coordinate *
+                                                    std::numeric_limits<double>::epsilon() *
+                                                    largest / dist_0;
     const auto east = to_dyadic((x_max - x_min) / dist_0, tolerance);
     const auto north = to_dyadic((y_max - y_min) / dist_0, tolerance);
     if (!east || east->exponent != 0 || !north || north->exponent != 0) {
@@ -173,14 +173,13 @@ class Checker {
     if (!ids_.emplace(c.id, &c).second) report(&c, "shares its id");
     if (c.ipos != closed_form_ipos(here.x, here.y))
       report(&c, "ipos should be ", closed_form_ipos(here.x, here.y));
-    if (c.level < 0 || c.level > level_max)
-      report(&c, "level outside 0 to the limit ", level_max);
+    if (c.level < 0 || c.level > level_max) report(&c, "level outside 0 to the limit ", level_max);
     if (c.reserve < 1 || c.reserve > 4) report(&c, "reserve outside 0 to 4");
     if (c.data.size() != static_cast<std::size_t>(n_cell_data)) report(&c, "number of data values");
     if (here.fine_x < 0 || here.fine_x > east_ || here.fine_y < 0 || here.fine_y > north_)
       report(&c, "outside the domain");
-    const int sides = (here.fine_x == 0) + (here.fine_x == east_) + (here.fine_y == 0) +
-                      (here.fine_y == north_);
+    const int sides =
+        (here.fine_x == 0) + (here.fine_x == east_) + (here.fine_y == 0) + (here.fine_y == north_);
     if (c.on_boundary != sides) report(&c, "on_boundary ", c.on_boundary, " on ", sides, " sides");
     for (int d = 0; d < 8; ++d) check_link(c, here, d);
   }
@@ -217,11 +216,10 @@ class Checker {
   // What the caller's own choice gives for a straight link across a side.
   static NeighbourLink side_record(const Cell& c, int d) {
     static constexpr const char* names[] = {"North", "East", "South", "West"};
-    Boundary* const records[4][3] = {
-        {north_boundary_dir, north_boundary_neu, north_boundary_oth},
-        {east_boundary_dir, east_boundary_neu, east_boundary_oth},
-        {south_boundary_dir, south_boundary_neu, south_boundary_oth},
-        {west_boundary_dir, west_boundary_neu, west_boundary_oth}};
+    Boundary* const records[4][3] = {{north_boundary_dir, north_boundary_neu, north_boundary_oth},
+                                     {east_boundary_dir, east_boundary_neu, east_boundary_oth},
+                                     {south_boundary_dir, south_boundary_neu, south_boundary_oth},
+                                     {west_boundary_dir, west_boundary_neu, west_boundary_oth}};
     const std::int32_t kind = bc_type_ptr(c.x, c.y, names[d / 2]);
     return kind < 0 || kind > 2 ? nullptr : records[d / 2][kind];
   }

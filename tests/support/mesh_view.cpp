@@ -64,8 +64,8 @@ std::vector<std::string> describe_mesh() {
   for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
     std::ostringstream line;
     line << c->id << " (" << offset_x(*c) << ',' << offset_y(*c) << ") ipos " << c->ipos
-         << " level " << c->level << " reserve " << c->reserve << " on_boundary "
-         << c->on_boundary << ": " << links(*c);
+         << " level " << c->level << " reserve " << c->reserve << " on_boundary " << c->on_boundary
+         << ": " << links(*c);
     lines.push_back(line.str());
   }
   return lines;
@@ -87,6 +87,12 @@ std::string fingerprint() {
   return text.str();
 }
 
+void make_grid(int nx, int ny, int limit, bc_type_function kinds) {
+  scenarios::set_domain(0.0, nx - 1, 0.0, ny - 1);
+  double y_max = 0.0;
+  init_mesh(std::move(kinds), nx, ny, limit, y_max);
+}
+
 std::vector<Vertex> proposals_around(Cell* c) {
   std::array<Vertex, 4> list;
   std::int32_t n = -1;
@@ -98,6 +104,13 @@ Cell* insert(const Vertex& v) {
   (v.level % 2 == 1 ? insert_node_odd_level : insert_node_even_level)(v);
   for (const Handle& stretch : level_beg)  // a new node is the first of its stretch
     if (stretch.next != nullptr && stretch.next->id == next_id - 1) return stretch.next;
+  return nullptr;
+}
+
+Cell* insert_at(double u, double v, Cell* around) {
+  for (const Vertex& vertex : proposals_around(around))
+    if (vertex.x == u && vertex.y == v) return insert(vertex);
+  ADD_FAILURE() << "nothing is proposed at " << u << ", " << v;
   return nullptr;
 }
 

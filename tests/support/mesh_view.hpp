@@ -1,12 +1,13 @@
 // The mesh as text, for tests that draw it, and the fixture that starts and ends with no mesh.
 #pragma once
 
-#include "velmar_2D/velmar_2D.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
 
@@ -25,10 +26,15 @@ std::vector<std::string> describe_mesh();
 /// Number of nodes and an order-independent hash of (position, level) of them all.
 std::string fingerprint();
 
+/// A grid of squares of side 1 whose lower left corner lies at the origin.
+void make_grid(int nx, int ny, int limit, bc_type_function kinds = scenarios::all_dirichlet);
+
 /// Proposes what refines the mesh around a node; the proposals in the order in which they come.
 std::vector<Vertex> proposals_around(Cell* c);
 /// Inserts a proposal with the operation for its level and returns the new node.
 Cell* insert(const Vertex& v);
+/// Inserts what is proposed around one node at a given place; a failure if nothing is.
+Cell* insert_at(double u, double v, Cell* around);
 /// Removes a node with the operation for its level; whether it was removed.
 bool remove(Cell* c);
 
