@@ -1,7 +1,7 @@
 // Releasing the whole mesh.
-#include "velmar_2D/internal.hpp"
-
 #include <string>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -15,8 +15,10 @@ void delete_mesh() {
     ++k;
   }
   mesh_end = nullptr;
+  detail::return_node_memory();
   detail::message(" nb of deallocated nodes: " + std::to_string(k));
-  for (auto [array, name] : {std::pair{&level_beg, "level_beg"}, std::pair{&level_end, "level_end"}}) {
+  for (auto [array, name] :
+       {std::pair{&level_beg, "level_beg"}, std::pair{&level_end, "level_end"}}) {
     if (array->empty()) detail::release_of_missing(name);
     std::vector<Handle>().swap(*array);
   }

@@ -5,9 +5,9 @@
 //     w--N--e                  Diagonal links between the parents are cut where the
 //      \ | /                   new node and its counterpart beyond take their place.
 //        s
-#include "velmar_2D/internal.hpp"
-
 #include <cmath>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -84,7 +84,7 @@ void insert_node_even_level(const Vertex& v) {
   Cell& c = *new_cell_at(v);
   enter_stretch(c);
 
-  const double eps = dist_0 / std::pow(2.0, v.level / 2.0) * same_column;
+  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
   const std::array<Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
   const std::size_t nb_parents = v.p4 != nullptr ? 4 : 3;
   for (std::size_t i = 0; i < nb_parents; ++i) link_parent(c, *parents[i], eps);
