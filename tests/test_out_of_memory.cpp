@@ -11,9 +11,10 @@ namespace {
 // Allocations of this size and above fail; 0 lets all pass.
 std::size_t refused_size = 0;
 
+bool refused(std::size_t size) { return refused_size != 0 && size >= refused_size; }
 // Not inlined: the compiler would take free() for a mismatch with the operator new around it.
 [[gnu::noinline]] void* allocate(std::size_t size) {
-  return refused_size != 0 && size >= refused_size ? nullptr : std::malloc(size);
+  return refused(size) ? nullptr : std::malloc(size);
 }
 [[gnu::noinline]] void give_back(void* memory) { std::free(memory); }
 
@@ -24,10 +25,15 @@ void* operator new(std::size_t size) {
   throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  const auto step = static_cast<std::size_t>(alignment);
+  return refused(size) ? nullptr : std::aligned_alloc(step, (size + step - 1) / step * step);
+}
 void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* memory) noexcept { give_back(memory); }
 void operator delete(void* memory, std::size_t) noexcept { give_back(memory); }
+void operator delete(void* memory, std::align_val_t) noexcept { give_back(memory); }
 void operator delete[](void* memory) noexcept { give_back(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { give_back(memory); }
 
@@ -52,23 +58,23 @@ TEST(OutOfMemory, ForANode) {
 TEST(OutOfMemory, ForTheDataOfANode) {
   expect_end(
       [] {
-        n_cell_data = 1000;
-        refused_size = 8000;
+        n_cell_data = 1000000;
+        refused_size = 8000000;
         scenarios::init_unit_square(2, 2, 1);
       },
-      8000);
+      8000000);
 }
 
 TEST(OutOfMemory, ForTheDataOfAnInsertedNode) {
   expect_end(
       [] {
-        n_cell_data = 1000;
+        n_cell_data = 1000000;
         scenarios::init_unit_square(2, 2, 1);
         const Vertex v = proposals_around(mesh_beg).at(0);
-        refused_size = 8000;
+        refused_size = 8000000;
         insert_node_odd_level(v);
       },
-      8000);
+      8000000);
 }
 
 TEST(OutOfMemory, ForTheLevelArrays) {
