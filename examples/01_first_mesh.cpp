@@ -7,6 +7,11 @@
 //     01_first_mesh             pictures go to the folder pictures/
 //     01_first_mesh my/folder   pictures go to my/folder/
 //
+// Every update prints the nodes it left, what it inserted and removed, and its time. At the end:
+//
+//     update 50:  42345 nodes   +4575  -5223    10.31 ms
+//      nb of deallocated nodes: 42345
+//     picture: pictures/01_first_mesh.png
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

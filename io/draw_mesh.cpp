@@ -110,6 +110,12 @@ Lots<const Cell*> gather_dots() {
 /// A long path costs more than its parts: strokes are cut into pieces of this many lines.
 constexpr std::size_t lines_per_stroke = 1000;
 
+bool is_whole(const Image* image) {
+  return image == nullptr || (image->width >= 0 && image->height >= 0 &&
+                              image->pixels.size() == static_cast<std::size_t>(image->width) *
+                                                          static_cast<std::size_t>(image->height));
+}
+
 void draw_background(cairo_t* pen, const View& view, const Background& background) {
   const Image* image = background.image;
   if (image == nullptr || image->pixels.empty()) return;
@@ -237,6 +243,9 @@ Survey survey_mesh() {
 
 std::string draw_mesh(const std::string& path, const PictureOptions& options) {
   if (mesh_beg == nullptr) return path + ": there is no mesh to draw";
+  if (!is_whole(options.background.image)) {
+    return path + ": the background image lacks pixels";
+  }
   PictureFile file(path, options.width, options.height);
   if (!file.error().empty()) return file.error();
 

@@ -24,12 +24,22 @@ bool has_words(const PictureOptions& options) {
   return options.frame && std::min(options.width, options.height) >= narrowest_with_words;
 }
 
-/// Shortest text with three digits, whatever the language of the process.
-std::string to_short_text(double value) {
+/// Shortest text with so many digits, whatever the language of the process.
+std::string to_short_text(double value, int digits) {
   std::array<char, 32> text{};
-  const auto end =
-      std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::general, 3);
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), value,
+                                 std::chars_format::general, digits);
   return {text.data(), end.ptr};
+}
+std::string spacing_text(double spacing) { return to_short_text(spacing, 3); }
+std::string coordinate_text(double coordinate) { return to_short_text(coordinate, 6); }
+
+/// Margin left of the domain: y coordinates stand there.
+double left_margin(const Survey& survey) {
+  constexpr double widest_letter = 7.5, gaps = 16.0;
+  const std::size_t letters =
+      std::max(coordinate_text(survey.south).size(), coordinate_text(survey.north).size());
+  return std::max(margin, widest_letter * static_cast<double>(letters) + gaps);
 }
 
 /// 1234567 as "1 234 567".
@@ -96,7 +106,7 @@ void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std:
     write(pen, column, top, std::to_string(level), Align::centre);
     choose_font(pen, text_size);
     set_colour(pen, palette::ink);
-    write(pen, column, top + line_height, to_short_text(spacing_of_level(level)), Align::centre);
+    write(pen, column, top + line_height, spacing_text(spacing_of_level(level)), Align::centre);
     write(pen, column, top + 2.0 * line_height,
           to_grouped_text(survey.nodes_of_level[static_cast<std::size_t>(level)]), Align::centre);
     column += column_width;
@@ -147,8 +157,8 @@ View place_domain(const Survey& survey, const PictureOptions& options) {
   const bool words = has_words(options);
   const double above = words ? title_height() : bare_margin;
   const double below = words ? legend_height(survey, options.width) : bare_margin;
-  const double beside = words ? margin : bare_margin;
-  const double room_x = options.width - 2.0 * beside;
+  const double left = words ? left_margin(survey) : bare_margin;
+  const double room_x = options.width - left - (words ? margin : bare_margin);
   const double room_y = options.height - above - below;
   View view;
   view.west = survey.west;
@@ -158,7 +168,7 @@ View place_domain(const Survey& survey, const PictureOptions& options) {
   view.width = (survey.east - survey.west) * view.scale;
   view.height = (survey.north - survey.south) * view.scale;
   view.spare_height = room_y - view.height;
-  view.left = beside + 0.5 * (room_x - view.width);
+  view.left = left + 0.5 * (room_x - view.width);
   view.top = above + 0.5 * view.spare_height;
   return view;
 }
@@ -199,10 +209,10 @@ void draw_title(cairo_t* pen, const Survey& survey, const View& view,
 
   // Coordinates of the lower left and the upper right corner, where they do not touch the sides.
   const double below = view.top + view.height + 18.0;
-  write(pen, view.left, below, to_short_text(survey.west), Align::centre);
-  write(pen, view.left + view.width, below, to_short_text(survey.east), Align::centre);
-  write(pen, view.left - 10.0, view.top + view.height, to_short_text(survey.south), Align::right);
-  write(pen, view.left - 10.0, view.top + 8.0, to_short_text(survey.north), Align::right);
+  write(pen, view.left, below, coordinate_text(survey.west), Align::centre);
+  write(pen, view.left + view.width, below, coordinate_text(survey.east), Align::centre);
+  write(pen, view.left - 10.0, view.top + view.height, coordinate_text(survey.south), Align::right);
+  write(pen, view.left - 10.0, view.top + 8.0, coordinate_text(survey.north), Align::right);
 }
 
 void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
