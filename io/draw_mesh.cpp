@@ -162,8 +162,9 @@ void draw_nodes(cairo_t* pen, const Survey& survey, const View& view) {
                  cairo_set_line_width(pen, std::clamp(0.34 * length * view.scale, 0.3, 6.5));
                  set_colour(pen, colour_of_level(survey, level));
                  for (std::size_t i = 0; i < nodes.size(); ++i) {
-                   cairo_move_to(pen, view.column(nodes[i]->x), view.row(nodes[i]->y));
-                   cairo_close_path(pen);  // a line of no length with round ends: a dot
+                   const double column = view.column(nodes[i]->x), row = view.row(nodes[i]->y);
+                   cairo_move_to(pen, column, row);
+                   cairo_line_to(pen, column, row);  // a line of no length with round ends: a dot
                    if ((i + 1) % lines_per_stroke == 0) cairo_stroke(pen);
                  }
                  cairo_stroke(pen);

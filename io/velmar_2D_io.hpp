@@ -47,9 +47,9 @@ struct PictureOptions {
 /// Draws the mesh as it stands to an .svg, .png or .pdf file; the extension chooses.
 ///
 /// The domain is drawn as large as fits, its shape kept, y upwards. Lines and dots are as fine as
-/// the links around them are short. The same mesh gives the same file, byte for byte. The file is
-/// written beside its place and then renamed: it is complete, or whatever stood there before.
-/// Cost: linear in the number of nodes.
+/// the links around them are short. No file tells when it was drawn: the same program gives the
+/// same bytes. It is written beside its place and then renamed: it is complete, or what stood there
+/// before is untouched. Cost: linear in the number of nodes.
 ///
 /// @return nothing on success; otherwise one line: the path and the reason (no mesh, unknown
 ///         extension, no such folder, disk full, size not from 64 to 16384 ...)
