@@ -156,10 +156,29 @@ void solve_centred(double& dx2, double& dy2, double& dxdy, double& dx, double& d
   dxdy = b[5] * s2;
 }
 
+/// Factorises the centred matrix; its condition estimate.
 double centred_condition_estimate() {
   double rcond = 0.0;
   dgeco(centred.a, nb_coefficients, centred.ipiv, rcond, centred.work);
   return rcond;
+}
+
+/// Factorises the centred matrix; whether its condition estimate is bound to reach a value. Cheaper
+/// than the estimate, and true for nearly all stencils that occur.
+///
+/// The determinant is the product of the singular values, and the sum of their squares is the
+/// squared Frobenius norm F^2, so that by the inequality of the means the smallest one is at least
+/// det (sqrt(5) / F)^5 and the condition number in the 1-norm at most 6 F over that.
+bool centred_condition_is_proven(double least) {
+  double f2 = 0.0;
+  for (const double entry : centred.a) f2 += entry * entry;
+  dgefa(centred.a, nb_coefficients, centred.ipiv);
+  double determinant = 1.0;
+  for (int k = 0; k < nb_coefficients; ++k) {
+    determinant *= centred.a[k + nb_coefficients * k];
+  }
+  constexpr double sqrt_5_to_5 = 55.9, margin = 1.1;
+  return std::abs(determinant) * sqrt_5_to_5 >= margin * least * 6.0 * f2 * f2 * f2;
 }
 
 }  // namespace
@@ -183,9 +202,13 @@ void fit_hessian_6pts(const Cell* c, const Stencil& list, int n_list, double& dx
 void fit_hessian_centred(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
                          double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
   assert(n_list >= nb_coefficients);
-  build_centred_system(*c, list, n_list);
   const double least = n_list > nb_coefficients ? centred_normal_condition : centred_condition;
-  fit_hessian_succ = centred_condition_estimate() >= least;
+  build_centred_system(*c, list, n_list);
+  fit_hessian_succ = centred_condition_is_proven(least);
+  if (!fit_hessian_succ) {
+    build_centred_system(*c, list, n_list);
+    fit_hessian_succ = centred_condition_estimate() >= least;
+  }
   if (fit_hessian_succ) solve_centred(dx2, dy2, dxdy, dx, dy);
 }
 
@@ -219,10 +242,62 @@ void weird_partial_hessian_5pts(const Cell* c, Stencil& list, const Candidates& 
   n_list = 6;
 }
 
+// The estimate is 1 / rcond = |A| |z| / |y| with trans(A) y = e, A z = y and all entries of e of one
+// size, say 1. Since |z| >= e.z = y.y, in the 1-norm, and |y|_1 <= sqrt(6) |y|_2,
+//
+//     rcond <= sqrt(6) / (|A| |y|_2),   sqrt(6) = 2.449...
+//
+// For a quadratic p with coefficients b, sum_i y_i p(x_i) = e.b. The quadratics (x - xc)^2,
+// (y - yc)^2 and (x - xc)(y - yc) are small on every stencil, but their coefficients grow with the
+// distance from the origin; so y must be large there, whatever the signs of e are: with Q the values
+// of the three on the rows and g their sums e.b, |y|_2 >= |g|_2 / |Q|_F.
 bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
                         const Candidates& candidates, int n_candidates) {
-  (void)c, (void)list, (void)n_list, (void)candidates, (void)n_candidates;
-  return false;
+  assert(n_list == nb_coefficients);
+  const double t = condition_per_spacing2 * dist_0 * dist_0 / power_of_2(c->level);
+
+  // Bounds over all stencils of the search: the sum over the rows that stay, and twice the extreme
+  // value over those that come and go.
+  double q2_fixed = 0.0, q2_largest = 0.0;
+  double xx_fixed = 0.0, yy_fixed = 0.0;
+  double xx_smallest = std::numeric_limits<double>::infinity(), yy_smallest = xx_smallest;
+  const int n_fixed = n_list - 2;
+  const auto q2_of = [c](double x, double y) {
+    const double u2 = (x - c->x) * (x - c->x), v2 = (y - c->y) * (y - c->y);
+    return u2 * u2 + v2 * v2 + u2 * v2;
+  };
+  const auto add_changing = [&](double x, double y) {
+    q2_largest = std::max(q2_largest, q2_of(x, y));
+    xx_smallest = std::min(xx_smallest, x * x);
+    yy_smallest = std::min(yy_smallest, y * y);
+  };
+  for (int i = 0; i < n_fixed; ++i) {
+    q2_fixed += q2_of(list.x[i], list.y[i]);
+    xx_fixed += list.x[i] * list.x[i];
+    yy_fixed += list.y[i] * list.y[i];
+  }
+  for (int i = n_fixed; i < n_list; ++i) add_changing(list.x[i], list.y[i]);
+  for (int i = 0; i < n_candidates; ++i) add_changing(candidates.x[i], candidates.y[i]);
+  const double anorm = std::max({static_cast<double>(n_list), xx_fixed + 2.0 * xx_smallest,
+                                 yy_fixed + 2.0 * yy_smallest});
+
+  // The smallest |g| over all signs: e1 = 1, e2 and e3 are tried, the other signs meet one sum each.
+  const double x = c->x, y = c->y;
+  double g2 = std::numeric_limits<double>::infinity();
+  for (const double e2 : {-1.0, 1.0}) {
+    for (const double e3 : {-1.0, 1.0}) {
+      const double gx = std::abs(x * x - 2.0 * e2 * x) - 1.0;
+      const double gy = std::abs(y * y - 2.0 * e3 * y) - 1.0;
+      const double gxy = std::abs(x * y - e2 * y - e3 * x) - 1.0;
+      g2 = std::min(g2, gx * gx + gy * gy + gxy * gxy);
+    }
+  }
+
+  // Rounding: the factors are those of a matrix that differs from A by some roundings of |A|.
+  constexpr double roundings = 1000.0 * std::numeric_limits<double>::epsilon();
+  const double x1 = std::abs(x) + 1.0, y1 = std::abs(y) + 1.0, b_norm = x1 * x1 + y1 * y1;
+  const double q = std::sqrt(q2_fixed + 2.0 * q2_largest) + roundings * anorm * b_norm;
+  return 2.5 * q < (t - roundings) * anorm * std::sqrt(g2);
 }
 
 }  // namespace velmar_2d::detail
