@@ -1,7 +1,7 @@
 // Which stencils lie on straight lines: the cases in which a quadratic cannot be told.
-#include "velmar_2D/stencil.hpp"
-
 #include <cmath>
+
+#include "velmar_2D/stencil.hpp"
 
 namespace velmar_2d::detail {
 

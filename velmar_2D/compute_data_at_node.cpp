@@ -5,10 +5,10 @@
 //     six rows and more    one fit: nodes with many neighbours, squares at a side
 //     fewer                rows of neighbours' neighbours are added until a fit accepts them
 //     one, in a corner     taken over from that neighbour
-#include "velmar_2D/derivatives.hpp"
-
 #include <cmath>
 #include <string>
+
+#include "velmar_2D/derivatives.hpp"
 
 namespace velmar_2d {
 
@@ -119,8 +119,7 @@ bool search(Fit fit, const Cell* c, int n_list, int n_added, int n_candidates, D
 }
 
 /// Where the search runs out, it starts anew with the centred criterion.
-void fit_with_candidates(const Cell* c, int n_list, int n_added, int n_candidates,
-                         Derivatives& d) {
+void fit_with_candidates(const Cell* c, int n_list, int n_added, int n_candidates, Derivatives& d) {
   const Stencil start = list_1;
   if (!(has_fit_level(*c) && search_is_hopeless(c, list_1, n_list, list_2, n_candidates))) {
     if (search(fit_hessian_6pts, c, n_list, n_added, n_candidates, d)) return;
@@ -193,7 +192,8 @@ void compute_data_at_node(Cell* c, double* dfdx, double* dfdy) {
   if (c->reserve == 4 && n_list_1 == 5) {
     extract_neighbor_square(c, list_1, n_list_1, quick_hessian_case);
   }
-  if (c->on_boundary == 1 && c->reserve == 2) extract_neighbors_square_boundary(c, list_1, n_list_1);
+  if (c->on_boundary == 1 && c->reserve == 2)
+    extract_neighbors_square_boundary(c, list_1, n_list_1);
 
   Derivatives d;
   bool grad_x_null = false, grad_y_null = false;

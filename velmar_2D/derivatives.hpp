@@ -7,11 +7,11 @@ namespace velmar_2d::detail {
 
 /// Least-squares quadratic through the rows of a stencil; its derivatives at the node.
 ///
-/// The stencil is refused (`fit_hessian_succ` false, outputs untouched) where the condition estimate
-/// of the system in absolute coordinates lies below 0.001 dist_0^2 / 2^level, squared for more than
-/// six rows. The derivatives of an accepted one come from the same problem in coordinates centred
-/// on the node, where they keep their digits wherever the domain lies.
-/// Ends the process with fewer than six rows.
+/// The stencil is refused (`fit_hessian_succ` false, outputs untouched) where the condition
+/// estimate of the system in absolute coordinates lies below 0.001 dist_0^2 / 2^level, squared for
+/// more than six rows. The derivatives of an accepted one come from the same problem in coordinates
+/// centred on the node, where they keep their digits wherever the domain lies. Ends the process
+/// with fewer than six rows.
 void fit_hessian_6pts(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
                       double& dxdy, double& dx, double& dy, bool& fit_hessian_succ);
 

@@ -8,13 +8,13 @@
 // is accepted: away from the origin its columns are nearly parallel, and its solution would have no
 // digit left. The one in coordinates centred on the node and measured in the stencil's size gives
 // the derivatives.
-#include "velmar_2D/derivatives.hpp"
-#include "velmar_2D/linpack.hpp"
-
 #include <cassert>
 #include <cmath>
 #include <limits>
 #include <string>
+
+#include "velmar_2D/derivatives.hpp"
+#include "velmar_2D/linpack.hpp"
 
 namespace velmar_2d::detail {
 
@@ -123,13 +123,42 @@ void build_normal_equations(const Cell& c, const Stencil& list, int n_list) {
     u4 += uu * uu, u3v += uu * w, u2v2 += w * w, uv3 += vv * w, v4 += vv * vv;
     z += f, zu += f * u, zv += f * v, zu2 += f * uu, zv2 += f * vv, zuv += f * w;
   }
-  const double moments[nb_coefficients * nb_coefficients] = {
-      static_cast<double>(n_list), u1, v1, u2, v2, uv,  //
-      u1, u2,  uv,  u3,   uv2,  u2v,                    //
-      v1, uv,  v2,  u2v,  v3,   uv2,                    //
-      u2, u3,  u2v, u4,   u2v2, u3v,                    //
-      v2, uv2, v3,  u2v2, v4,   uv3,                    //
-      uv, u2v, uv2, u3v,  uv3,  u2v2};
+  const double moments[nb_coefficients * nb_coefficients] = {static_cast<double>(n_list),
+                                                             u1,
+                                                             v1,
+                                                             u2,
+                                                             v2,
+                                                             uv,  //
+                                                             u1,
+                                                             u2,
+                                                             uv,
+                                                             u3,
+                                                             uv2,
+                                                             u2v,  //
+                                                             v1,
+                                                             uv,
+                                                             v2,
+                                                             u2v,
+                                                             v3,
+                                                             uv2,  //
+                                                             u2,
+                                                             u3,
+                                                             u2v,
+                                                             u4,
+                                                             u2v2,
+                                                             u3v,  //
+                                                             v2,
+                                                             uv2,
+                                                             v3,
+                                                             u2v2,
+                                                             v4,
+                                                             uv3,  //
+                                                             uv,
+                                                             u2v,
+                                                             uv2,
+                                                             u3v,
+                                                             uv3,
+                                                             u2v2};
   std::copy(std::begin(moments), std::end(moments), centred.a);
   const double rhs[nb_coefficients] = {z, zu, zv, zu2, zv2, zuv};
   std::copy(std::begin(rhs), std::end(rhs), centred.b);
@@ -242,15 +271,15 @@ void weird_partial_hessian_5pts(const Cell* c, Stencil& list, const Candidates& 
   n_list = 6;
 }
 
-// The estimate is 1 / rcond = |A| |z| / |y| with trans(A) y = e, A z = y and all entries of e of one
-// size, say 1. Since |z| >= e.z = y.y, in the 1-norm, and |y|_1 <= sqrt(6) |y|_2,
+// The estimate is 1 / rcond = |A| |z| / |y| with trans(A) y = e, A z = y and all entries of e of
+// one size, say 1. Since |z| >= e.z = y.y, in the 1-norm, and |y|_1 <= sqrt(6) |y|_2,
 //
 //     rcond <= sqrt(6) / (|A| |y|_2),   sqrt(6) = 2.449...
 //
 // For a quadratic p with coefficients b, sum_i y_i p(x_i) = e.b. The quadratics (x - xc)^2,
 // (y - yc)^2 and (x - xc)(y - yc) are small on every stencil, but their coefficients grow with the
-// distance from the origin; so y must be large there, whatever the signs of e are: with Q the values
-// of the three on the rows and g their sums e.b, |y|_2 >= |g|_2 / |Q|_F.
+// distance from the origin; so y must be large there, whatever the signs of e are: with Q the
+// values of the three on the rows and g their sums e.b, |y|_2 >= |g|_2 / |Q|_F.
 bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
                         const Candidates& candidates, int n_candidates) {
   assert(n_list == nb_coefficients);
@@ -278,10 +307,11 @@ bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
   }
   for (int i = n_fixed; i < n_list; ++i) add_changing(list.x[i], list.y[i]);
   for (int i = 0; i < n_candidates; ++i) add_changing(candidates.x[i], candidates.y[i]);
-  const double anorm = std::max({static_cast<double>(n_list), xx_fixed + 2.0 * xx_smallest,
-                                 yy_fixed + 2.0 * yy_smallest});
+  const double anorm = std::max(
+      {static_cast<double>(n_list), xx_fixed + 2.0 * xx_smallest, yy_fixed + 2.0 * yy_smallest});
 
-  // The smallest |g| over all signs: e1 = 1, e2 and e3 are tried, the other signs meet one sum each.
+  // The smallest |g| over all signs: e1 = 1, e2 and e3 are tried, the other signs meet one sum
+  // each.
   const double x = c->x, y = c->y;
   double g2 = std::numeric_limits<double>::infinity();
   for (const double e2 : {-1.0, 1.0}) {

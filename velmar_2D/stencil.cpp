@@ -96,11 +96,12 @@ void unique_in_list(Candidates& list, int& n_list) {
 // The order comes from a selection by the smallest distance in which the rows behind the selected
 // one move up, but their distances stay where they are. The smallest distance then selects all the
 // rows behind it in turn; after them the smallest distance in front of it does the same, and so on.
-// So each distance that is smaller than all before it opens a block of rows that reaches to the next
-// such distance, and the blocks follow one another from the last to the first:
+// So each distance that is smaller than all before it opens a block of rows that reaches to the
+// next such distance, and the blocks follow one another from the last to the first:
 //
 //     distances   5  7  4  6  2  9  3
-//     blocks      A  A  B  B  C  C  C     order C C C B B A A, all rows of a block with its distance
+//     blocks      A  A  B  B  C  C  C     order C C C B B A A, all rows of a block with its
+//     distance
 void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, int& n_candidates) {
   static Candidates kept;
   int n_kept = 0;
@@ -118,8 +119,7 @@ void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, in
   int n_blocks = 0;
   for (int row = 0; row < n_kept; ++row) {
     if (n_blocks == 0 ||
-        kept.distance2[row] <
-            kept.distance2[blocks[static_cast<std::size_t>(n_blocks - 1)]]) {
+        kept.distance2[row] < kept.distance2[blocks[static_cast<std::size_t>(n_blocks - 1)]]) {
       blocks[static_cast<std::size_t>(n_blocks++)] = row;
     }
   }

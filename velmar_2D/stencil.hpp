@@ -9,7 +9,7 @@ namespace velmar_2d::detail {
 template <int nb_rows>
 struct StencilTable {
   static constexpr int capacity = nb_rows;
-  double id[nb_rows];         ///< id of the node; 0 for a row that is no node
+  double id[nb_rows];  ///< id of the node; 0 for a row that is no node
   double x[nb_rows];
   double y[nb_rows];
   double value[nb_rows];      ///< data(1) of the node
@@ -44,15 +44,15 @@ void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list);
 
 /// Sorts by ascending id and keeps the first row of each id.
 void unique_in_list(Candidates& list, int& n_list);
-/// Drops the candidates that the stencil holds already and brings the others into the order in which
-/// they are tried: a distance order, though not an ascending one (see the definition).
+/// Drops the candidates that the stencil holds already and brings the others into the order in
+/// which they are tried: a distance order, though not an ascending one (see the definition).
 void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, int& n_candidates);
 
 /// Recognises the regular square: the four neighbours at one spacing and a far corner that closes a
 /// square with two of them. Appends the far corner and tells which two (1 to 4), else gives case 0.
 void extract_neighbor_square(const Cell* c, Stencil& list, int& n_list, int& quick_hessian_case);
-/// At a node on a side with three neighbours: appends the two far corners of the squares inwards and
-/// the node two steps inwards, if all three are there.
+/// At a node on a side with three neighbours: appends the two far corners of the squares inwards
+/// and the node two steps inwards, if all three are there.
 void extract_neighbors_square_boundary(const Cell* c, Stencil& list, int& n_list);
 /// The diagonal neighbour of a corner node; leaves `tmp` as it is where there is none.
 void get_unique_neighbor_from_corner(const Cell* c, Cell*& tmp);
