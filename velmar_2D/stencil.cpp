@@ -149,7 +149,8 @@ void extract_neighbor_square(const Cell* c, Stencil& list, int& n_list, int& qui
     const Cell* neighbour = link(*c, direction).cell();
     if (neighbour == nullptr) return;
     const double x = neighbour->x - c->x, y = neighbour->y - c->y;
-    if (!(std::abs(x * x + y * y - spacing2) <= regular_square_tolerance * spacing2)) return;
+    // Strict, so that a level without a finite spacing has no regular square.
+    if (!(std::abs(x * x + y * y - spacing2) < regular_square_tolerance * spacing2)) return;
   }
 
   static constexpr std::array<std::array<int, 2>, 4> neighbours_by_case = {
