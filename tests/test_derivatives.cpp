@@ -184,8 +184,16 @@ TEST_F(Derivatives, NeumannSidesZeroTheGradientHandedBack) {
       },
       3, 3, 2, y_max);
   const auto plane = [](double x, double y) { return 2.0 * x + 3.0 * y; };
+  const auto set_values = [&] {
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = plane(c->x, c->y);
+  };
+  set_values();
+  double full_dx = 0.0, full_dy = 0.0;
+  compute_data_at_node(node_at(0, 2), &full_dx, &full_dy);
+  EXPECT_NEAR(full_dx, 2.0, 1e-12) << "a corner with neighbours of its own is not zeroed";
+  EXPECT_NEAR(full_dy, 3.0, 1e-12);
   update_mesh_init([](double, double, auto, double, double) { return 0.8; }, plane);
-  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = plane(c->x, c->y);
+  set_values();
   ASSERT_EQ(nb_nodes, 13);
 
   const double full = std::sqrt(13.0);

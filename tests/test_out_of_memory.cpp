@@ -1,4 +1,5 @@
-// Exhausted memory, in a program of its own because it replaces the global allocation functions.
+// Exhausted memory, and work that must take none, in a program of its own because it replaces the
+// global allocation functions.
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -100,6 +101,29 @@ TEST(OutOfMemory, ForTheLevelArrays) {
         set_subdiv_max(999);
       },
       1000 * sizeof(Handle));
+}
+
+// Far from the origin the search for a stencil runs twice.
+TEST(NoMemory, ForTheDerivatives) {
+  for (const double origin : {0.0, 100.0}) {
+    const ChildEnd end = run_in_child([&] {
+      n_cell_data = 1;
+      scenarios::set_domain(origin, origin + 1.0, origin, origin + 1.0);
+      double y_max = 0.0;
+      init_mesh(scenarios::all_dirichlet, 4, 4, 7, y_max);
+      const scenarios::Ring ring{origin + 0.3, origin + 0.3, 0.4};
+      for (int i = 0; i < 6; ++i) {
+        update_mesh_no_init(scenarios::ring_spacing(ring, 0.3, dist_0 / 8.0, dist_0));
+      }
+      refused_size = 1;
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        double dx = 0.0, dy = 0.0;
+        compute_data_at_node(c, &dx, &dy);
+      }
+      refused_size = 0;
+    });
+    EXPECT_EQ(end.exit_status, 0) << end.output;
+  }
 }
 
 }  // namespace
