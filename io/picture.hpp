@@ -20,7 +20,7 @@ struct Survey {
   std::int64_t nb_links = 0;                 ///< between nodes, each counted once
   std::vector<std::int32_t> nodes_of_level;  ///< how many nodes have each level
   std::int32_t lowest_level = 0, highest_level = 0;
-  std::array<bool, 3> side_kinds{};  ///< which kinds of condition occur, by bc_type
+  std::array<bool, 3> side_kinds{};                ///< which kinds of condition occur, by bc_type
   double lowest_value = 0.0, highest_value = 0.0;  ///< of data[0]; 0 where there are no data
 };
 
