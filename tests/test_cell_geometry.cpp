@@ -156,6 +156,7 @@ struct Star {
   std::array<Cell, 9> cells;  // the node itself is the last one
 
   Star(std::string_view text, int shift, int coarsest_level) {
+    cells[8].level = coarsest_level;
     Cell& centre = cells[8];
     const std::array<NeighbourLink*, 8> to = {&centre.n, &centre.ne, &centre.e, &centre.se,
                                               &centre.s, &centre.sw, &centre.w, &centre.nw};

@@ -143,7 +143,7 @@ TEST_F(Deletion, ThousandMeshesLeaveNothing) {
   for (int round = 0; round < 1000; ++round) {
     n_cell_data = round % 4;
     const std::int32_t first_id = next_id;
-    make_grid(2 + round % 3, 2 + round % 2, round % 6);
+    make_grid(3 + round % 3, 3 + round % 2, round % 6);
     ASSERT_EQ(mesh_end->id, first_id) << "ids go on from mesh to mesh";
     const double finest = 0.2 + 0.1 * (round % 5);
     update_mesh_no_init(scenarios::jumping_spacing(0.4, finest, 1.0));

@@ -1,5 +1,6 @@
 // Exhausted memory, and work that must take none, in a program of its own because it replaces the
 // global allocation functions.
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -9,12 +10,23 @@
 
 namespace {
 
-// Allocations of this size and above fail; 0 lets all pass.
-std::size_t refused_size = 0;
+// Allocations in this range of sizes fail.
+std::size_t smallest_refused = 1, largest_refused = 0;
+
+bool is_refused(std::size_t size) { return smallest_refused <= size && size <= largest_refused; }
+void refuse(std::size_t smallest, std::size_t largest) {
+  smallest_refused = smallest;
+  largest_refused = largest;
+}
 
 // Not inlined: the compiler would take free() for a mismatch with the operator new around it.
 [[gnu::noinline]] void* allocate(std::size_t size) {
-  return refused_size != 0 && size >= refused_size ? nullptr : std::malloc(size);
+  return is_refused(size) ? nullptr : std::malloc(size);
+}
+[[gnu::noinline]] void* allocate(std::size_t size, std::align_val_t alignment) {
+  const auto multiple = static_cast<std::size_t>(alignment);
+  const std::size_t whole = (size + multiple - 1) / multiple * multiple;
+  return is_refused(size) ? nullptr : std::aligned_alloc(multiple, whole);
 }
 [[gnu::noinline]] void give_back(void* memory) { std::free(memory); }
 
@@ -27,6 +39,15 @@ void* operator new(std::size_t size) {
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return allocate(size, alignment);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  if (void* memory = allocate(size, alignment)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory, std::align_val_t) noexcept { give_back(memory); }
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { give_back(memory); }
 void operator delete(void* memory) noexcept { give_back(memory); }
 void operator delete(void* memory, std::size_t) noexcept { give_back(memory); }
 void operator delete[](void* memory) noexcept { give_back(memory); }
@@ -44,7 +65,7 @@ void expect_end(const std::function<void()>& code, std::size_t bytes) {
 TEST(OutOfMemory, ForANode) {
   expect_end(
       [] {
-        refused_size = sizeof(Cell);
+        refuse(sizeof(Cell), SIZE_MAX);
         scenarios::init_unit_square(2, 2, 1);
       },
       sizeof(Cell));
@@ -54,7 +75,7 @@ TEST(OutOfMemory, ForTheDataOfANode) {
   expect_end(
       [] {
         n_cell_data = 1000;
-        refused_size = 8000;
+        refuse(8000, 16000);
         scenarios::init_unit_square(2, 2, 1);
       },
       8000);
@@ -66,7 +87,7 @@ TEST(OutOfMemory, ForTheDataOfAnInsertedNode) {
         n_cell_data = 1000;
         scenarios::init_unit_square(2, 2, 1);
         const Vertex v = proposals_around(mesh_beg).at(0);
-        refused_size = 8000;
+        refuse(8000, 16000);
         insert_node_odd_level(v);
       },
       8000);
@@ -76,7 +97,7 @@ TEST(OutOfMemory, ForTheLevelArrays) {
   expect_end(
       [] {
         scenarios::init_unit_square(2, 2, 1);
-        refused_size = 8000;
+        refuse(8000, 16000);
         set_subdiv_max(999);
       },
       1000 * sizeof(Handle));

@@ -16,7 +16,7 @@ class PositionIndex : public MeshTest {
   void SetUp() override {
     MeshTest::SetUp();
     dist_0 = 1.0;
-    largest_coordinate = 0.0;
+    domain.largest_coordinate = 0.0;
   }
 };
 

@@ -92,13 +92,11 @@ TEST(Records, DataKeepTheirValuesWhenResizedCopiedAndMoved) {
   }
 }
 
-TEST(Records, CopiesOfNodesAndVerticesOwnTheirDataAndBorrowTheRest) {
+TEST(Records, CopiesOfNodesOwnTheirDataAndBorrowTheRest) {
   Cell east, node;
   Boundary side;
   double users = 1.0;
   node.id = 12;
-  node.x = 0.5;
-  node.level = 3;
   node.e = &east;
   node.n = &side;
   node.next = &east;
@@ -109,8 +107,6 @@ TEST(Records, CopiesOfNodesAndVerticesOwnTheirDataAndBorrowTheRest) {
   node.data[1] = 5.0;
   EXPECT_EQ(copy.data[1], 4.0);
   EXPECT_EQ(copy.id, 12);
-  EXPECT_EQ(copy.x, 0.5);
-  EXPECT_EQ(copy.level, 3);
   EXPECT_EQ(copy.e.cell(), &east);
   EXPECT_EQ(copy.n.boundary(), &side);
   EXPECT_EQ(copy.next, &east);
@@ -118,14 +114,6 @@ TEST(Records, CopiesOfNodesAndVerticesOwnTheirDataAndBorrowTheRest) {
   EXPECT_EQ(copy.data_ptr.get<float>(), nullptr) << "read with another type";
   copy = Cell{};
   EXPECT_TRUE(copy.data.empty());
-
-  Vertex vertex;
-  vertex.p1 = &east;
-  vertex.data.resize(1);
-  const Vertex other = vertex;
-  vertex.data[0] = 1.0;
-  EXPECT_EQ(other.p1, &east);
-  EXPECT_EQ(other.data[0], 0.0);
 }
 
 TEST(Records, AccessorsReadTheirField) {

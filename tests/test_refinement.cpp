@@ -156,6 +156,34 @@ TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
   EXPECT_TRUE(mesh_is_whole());
 }
 
+// The update asks a cheaper question first; it must never turn down what would be inserted.
+TEST_F(Refinement, ShortcutForTheSpecialModeAgreesWithTheProposals) {
+  int possible = 0, asked = 0;
+  for (const double at : {0.1, 0.5, 0.8}) {
+    for (const std::int32_t limit : {3, 6}) {
+      scenarios::init_unit_square(5, 4, 6);
+      update_mesh_no_init(scenarios::ring_spacing({at, 0.4, 0.3}, 0.5, 0.1 * dist_0, dist_0));
+      set_subdiv_max(limit);
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        const auto proposals = proposals_around(c);
+        const auto taken = [](const Vertex& v) {
+          const auto awaits_all = [](const Cell* p) { return p->reserve == 4; };
+          return v.level <= level_max &&
+                 (v.p4 == nullptr ||
+                  !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) || awaits_all(v.p4)));
+        };
+        const bool expected = std::any_of(proposals.begin(), proposals.end(), taken);
+        ASSERT_EQ(detail::special_refinement_possible(*c), expected) << c->x << ' ' << c->y;
+        possible += expected;
+        ++asked;
+      }
+      delete_mesh();
+    }
+  }
+  EXPECT_GT(possible, 20);
+  EXPECT_GT(asked - possible, 100);
+}
+
 // Five nodes of one stretch; each has neighbours of its kind with the given levels.
 TEST_F(Refinement, SortingAStretchMovesItsMixedNodesToTheTail) {
   const auto sorted = [](std::int32_t l, std::array<std::pair<int, int>, 5> levels) {

@@ -24,18 +24,11 @@ void warn_of_unknown_shape(const Cell& c) {
 }  // namespace
 
 const KnownShape* classify(Cell& c) {
-  if (c.signature_set) {
-    if (const KnownShape* shape = known_shape(c.signature)) return shape;
-  }
-  const Surroundings s = surroundings_of(c);
-  const KnownShape* shape = fitting_shape(s);
-  c.signature = signature_of(s);
+  const Finding found = look_at(c);
+  c.signature = found.signature;
   c.signature_set = true;
-  if (shape == nullptr) {
-    if (known_shape(c.signature) != nullptr) c.signature[1] = no_fit;
-    warn_of_unknown_shape(c);
-  }
-  return shape;
+  if (found.shape == nullptr) warn_of_unknown_shape(c);
+  return found.shape;
 }
 
 }  // namespace detail
