@@ -10,7 +10,7 @@
 //
 // At the end:
 //
-//     orders of the gradient: uniform 2.0, adapted 2.0
+//     orders of the gradient: uniform 2.0, adapted 2.1
 //     orders of the Hessian norm: uniform 1.0, adapted 1.0
 #include <array>
 #include <cmath>

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr double decade = 130.0, left = 80.0, right = 190.0, top = 60.0, bottom = 60.0;
+constexpr double decade = 110.0, left = 80.0, right = 230.0, top = 60.0, bottom = 60.0;
 
 void text(cairo_t* pen, double x, double y, const std::string& words, double align = 0.0) {
   cairo_text_extents_t size;
@@ -76,14 +76,17 @@ std::string LogLogPlot::draw(const std::string& path) const {
     cairo_set_source_rgb(pen, line.colour.red, line.colour.green, line.colour.blue);
     const double dashes[] = {5.0, 4.0};
     cairo_set_dash(pen, dashes, line.dashed ? 2 : 0, 0.0);
+    cairo_new_path(pen);  // text leaves a point behind
     for (const auto& [x, y] : line.points) cairo_line_to(pen, column(x), row(y));
     cairo_stroke(pen);
     cairo_move_to(pen, left + width + 15.0, name_row - 4.0);
     cairo_line_to(pen, left + width + 45.0, name_row - 4.0);
     cairo_stroke(pen);
+    cairo_set_dash(pen, dashes, 0, 0.0);
     text(pen, left + width + 52.0, name_row, line.name);
     name_row += 22.0;
     for (const auto& [x, y] : line.points) {
+      cairo_new_path(pen);
       cairo_arc(pen, column(x), row(y), 3.0, 0.0, 6.3);
       cairo_fill(pen);
     }
