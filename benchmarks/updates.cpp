@@ -52,7 +52,8 @@ void start(std::int64_t nodes, std::int32_t values) {
 }
 
 size_function spacing_at(double time, std::int64_t nodes) {
-  return scenarios::ring_spacing(scenarios::travelling_ring(time), 0.1, finest_for(nodes), coarsest);
+  return scenarios::ring_spacing(scenarios::travelling_ring(time), 0.1, finest_for(nodes),
+                                 coarsest);
 }
 
 void update(double time, std::int64_t nodes) {
@@ -61,96 +62,82 @@ void update(double time, std::int64_t nodes) {
     update_mesh_no_init(size);
   } else {
     const scenarios::Ring ring = scenarios::travelling_ring(time);
-    update_mesh_init(size, [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); });
+    update_mesh_init(size,
+                     [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); });
   }
 }
 
-void report(benchmark::State& state, double seconds, double nodes) {
-  state.counters["nodes"] = nb_nodes;
-  state.counters["ns_per_node"] = 1e9 * seconds / nodes;
-}
-
-class Stopwatch {
+/// Time and nodes of all iterations of a benchmark.
+class Cost {
  public:
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  explicit Cost(benchmark::State& state) : state_(state) {}
+
+  template <typename Work>
+  void time(const Work& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    state_.SetIterationTime(elapsed.count());
+    seconds_ += elapsed.count();
+    nodes_ += nb_nodes;
+    state_.counters["nodes"] = nb_nodes;
+    state_.counters["ns_per_node"] = 1e9 * seconds_ / nodes_;
   }
 
  private:
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  benchmark::State& state_;
+  double seconds_ = 0.0, nodes_ = 0.0;
 };
 
+void make_ring(benchmark::State& state, double time) {
+  start(state.range(0), static_cast<std::int32_t>(state.range(1)));
+  for (int i = 0; i < 3; ++i) update(time, state.range(0));
+}
+
 void ring(benchmark::State& state) {
-  double seconds = 0.0, nodes = 0.0, bytes = 0.0;
+  Cost cost(state);
   for (auto _ : state) {
     const double before = resident_bytes();
-    const Stopwatch watch;
-    start(state.range(0), static_cast<std::int32_t>(state.range(1)));
-    for (int i = 0; i < 3; ++i) update(0.5, state.range(0));
-    const double elapsed = watch.seconds();
-    state.SetIterationTime(elapsed);
-    seconds += elapsed;
-    nodes += nb_nodes;
-    bytes = (resident_bytes() - before) / nb_nodes;
-    report(state, seconds, nodes);
+    cost.time([&] { make_ring(state, 0.5); });
+    state.counters["bytes_per_node"] = (resident_bytes() - before) / nb_nodes;
     delete_quietly();
   }
-  state.counters["bytes_per_node"] = bytes;
 }
 
 void steady(benchmark::State& state) {
-  start(state.range(0), static_cast<std::int32_t>(state.range(1)));
-  for (int i = 0; i < 3; ++i) update(0.5, state.range(0));
-  double seconds = 0.0, nodes = 0.0;
+  make_ring(state, 0.5);
+  Cost cost(state);
   for (auto _ : state) {
-    const Stopwatch watch;
-    update(0.5, state.range(0));
-    const double elapsed = watch.seconds();
-    state.SetIterationTime(elapsed);
-    seconds += elapsed;
-    nodes += nb_nodes;
+    cost.time([&] { update(0.5, state.range(0)); });
   }
-  report(state, seconds, nodes);
   delete_quietly();
 }
 
 void front(benchmark::State& state) {
-  start(state.range(0), static_cast<std::int32_t>(state.range(1)));
+  make_ring(state, 0.0);
+  Cost cost(state);
   int step = 0;
-  for (; step < 3; ++step) update(0.0, state.range(0));
-  double seconds = 0.0, nodes = 0.0;
   for (auto _ : state) {
     const double time = std::abs(std::remainder(static_cast<double>(++step) / 50.0, 2.0));
-    const Stopwatch watch;
-    update(time, state.range(0));
-    const double elapsed = watch.seconds();
-    state.SetIterationTime(elapsed);
-    seconds += elapsed;
-    nodes += nb_nodes;
+    cost.time([&] { update(time, state.range(0)); });
   }
-  report(state, seconds, nodes);
   delete_quietly();
 }
 
 void walk(benchmark::State& state) {
-  start(state.range(0), static_cast<std::int32_t>(state.range(1)));
-  for (int i = 0; i < 3; ++i) update(0.5, state.range(0));
-  double seconds = 0.0, nodes = 0.0;
+  make_ring(state, 0.5);
+  Cost cost(state);
   for (auto _ : state) {
-    const Stopwatch watch;
-    double sum = 0.0;
-    for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
-      for (const NeighbourLink link : {c->n, c->ne, c->e, c->se, c->s, c->sw, c->w, c->nw}) {
-        if (const Cell* neighbour = link.cell()) sum += neighbour->data[0];
+    cost.time([] {
+      double sum = 0.0;
+      for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        for (const NeighbourLink link : {c->n, c->ne, c->e, c->se, c->s, c->sw, c->w, c->nw}) {
+          if (const Cell* neighbour = link.cell()) sum += neighbour->data[0];
+        }
       }
-    }
-    benchmark::DoNotOptimize(sum);
-    const double elapsed = watch.seconds();
-    state.SetIterationTime(elapsed);
-    seconds += elapsed;
-    nodes += nb_nodes;
+      benchmark::DoNotOptimize(sum);
+    });
   }
-  report(state, seconds, nodes);
   delete_quietly();
 }
 
