@@ -24,11 +24,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
-#include <vector>
 
-#include "convergence_plot.hpp"
 #include "heat_solver.hpp"
 #include "io/velmar_2D_io.hpp"
+#include "log_log_plot.hpp"
 #include "scenarios/scenarios.hpp"
 
 namespace {
@@ -152,19 +151,25 @@ int main(int argc, char** argv) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
 
-  std::vector<ErrorOfSpacing> errors;
+  LogLogPlot plot("Error of the temperature", "spacing of the coarse half", "error");
+  LogLogPlot::Line observed{"adapted meshes", {0.0, 0.5, 0.5}, false, {}};
   std::printf("intervals    nodes        error\n");
   for (const int intervals : {8, 16, 32, 64}) {
-    errors.push_back({1.0 / intervals, error_on_grid(intervals)});
+    observed.points.push_back({1.0 / intervals, error_on_grid(intervals)});
   }
-  const std::string fault = draw_convergence((folder / "04_heat_convergence.png").string(), errors);
-  if (!fault.empty()) {
+  const LogLogPlot::Point coarse = observed.points.front(), finest = observed.points.back();
+  const double ratio = finest.x / coarse.x;
+  plot.add(observed);
+  plot.add({"order 1", {0.6, 0.62, 0.66}, true, {coarse, {finest.x, coarse.y * ratio}}});
+  plot.add({"order 2", {0.3, 0.32, 0.36}, true, {coarse, {finest.x, coarse.y * ratio * ratio}}});
+  if (const std::string fault = plot.draw((folder / "04_heat_convergence.svg").string());
+      !fault.empty()) {
     std::fprintf(stderr, "%s\n", fault.c_str());
     return 2;
   }
   const double imbalance = follow_hot_spot(folder);
   if (imbalance < 0.0) return 2;
-  std::printf("order of convergence: %.1f\n", observed_order(errors));
+  std::printf("order of convergence: %.1f\n", std::log(finest.y / coarse.y) / std::log(ratio));
   std::printf("largest imbalance of energy in a step: %s 1e-12 of what the source gives\n",
               imbalance < 1e-12 ? "below" : "above");
 }
