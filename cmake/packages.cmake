@@ -1,6 +1,6 @@
 # Debian packages, made by `cpack` from a build of shared libraries for the prefix /usr:
 #
-#   cmake -S . -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_SHARED_LIBS=ON
+#   cmake -S . -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_SHARED_LIBS=ON -DVELMAR_2D_BUILD_DOCS=ON
 #   cmake --build build/deb && (cd build/deb && cpack)
 
 set(abi ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
@@ -46,6 +46,7 @@ set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmar-2d-doc
         COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmar-2d-doc
-        COMPONENT doc PATTERN CMakeLists.txt EXCLUDE PATTERN *.cmake EXCLUDE)
+        COMPONENT doc PATTERN CMakeLists.txt EXCLUDE PATTERN *.cmake EXCLUDE
+        PATTERN *.in EXCLUDE)
 
 include(CPack)

@@ -365,6 +365,7 @@ VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double*
 /// Cost: a few nanoseconds; reads the node alone, and its neighbours only where the node is still
 /// at level 0 or its links do not fit together.
 ///
+/// @param c      a node of the mesh
 /// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner of the domain
 /// @param shift  eighth turns clockwise from the type's first shape, plus 8 if it was mirrored
 ///               east-west before
@@ -404,6 +405,7 @@ inline constexpr std::size_t max_cell_corners = 12;
 /// Corners of the control cell, anticlockwise, without repetition. Works for every shape, changes
 /// nothing, prints nothing.
 ///
+/// @param c        a node of the mesh
 /// @param corners  receives the corners in its first n entries
 /// @param n        3 to max_cell_corners
 VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners,
@@ -416,6 +418,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 /// Proposes the nodes that refine the mesh around `c`: centres of its squares and diamonds that
 /// have none yet. Changes nothing.
 ///
+/// @param c            a node of the mesh
 /// @param vertex_list  receives the proposals in its first n entries
 /// @param n            0 to 4
 VELMAR_2D_API void build_vertex(Cell* c, std::array<Vertex, 4>& vertex_list, std::int32_t& n);

@@ -75,6 +75,7 @@ struct PictureOptions {
 
 /// Reads a PNG file of any kind; transparent parts become white.
 ///
+/// @param path   of the file
 /// @param image  receives the pixels; unchanged where the file cannot be read
 /// @return       nothing on success; otherwise one line: the path and the reason
 [[nodiscard]] VELMAR_2D_IO_API std::string read_png(const std::string& path, Image& image);

@@ -1,0 +1,44 @@
+// What surrounds the code of a page.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
+
+namespace page {
+
+/// A small mesh of the unit square with one data value, refined around an arc.
+inline void make_mesh() {
+  using namespace velmar_2d;
+  static Boundary north, east, south, west;
+  north = {1.0}, east = {1.0}, south = {0.0}, west = {0.0};
+  north_boundary_dir = &north, east_boundary_dir = &east;
+  south_boundary_dir = &south, west_boundary_dir = &west;
+  n_cell_data = 1;
+  double y_max = 1.0;
+  init_mesh([](double, double, std::string_view) { return bc_type_dir; }, 9, 9, 8, y_max);
+  update_mesh_init(
+      [](double x, double y, std::span<const double>, double, double) {
+        return 0.02 + 0.2 * std::abs(std::hypot(x, y) - 0.7);
+      },
+      [](double x, double y) { return x * x + y; });
+}
+
+/// Runs a block, its output between two marks, and leaves no mesh to the next one.
+inline void run(int (*block)()) {
+  std::printf("<<begin>>\n");
+  if (block() != 0) std::exit(EXIT_FAILURE);
+  std::printf("<<end>>\n");
+  if (velmar_2d::nb_nodes > 0) velmar_2d::delete_mesh();
+  velmar_2d::n_cell_data = 0;
+}
+
+}  // namespace page
