@@ -6,9 +6,9 @@
 namespace velmar_2d::detail {
 
 void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
-  const std::string tag = "(Velmar_2D:) " + std::string(operation) + ": ERROR\n";
+  const auto tag = [&] { return "(Velmar_2D:) " + std::string(operation) + ": ERROR\n"; };
   if (v.level > level_max) {
-    fatal(tag +
+    fatal(tag() +
           "             you cannot add a new node\n"
           "             (Max level of subdivisions reached)\n"
           " => you must avoid this before calling this routine");
@@ -17,7 +17,7 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
   for (int i = 0; i < nb_parents; ++i) {
     if (parents[static_cast<std::size_t>(i)] != nullptr) continue;
     if (i == 3) fatal("insert_node_odd on_boundary");
-    fatal(tag + "             a parent of the new node is missing");
+    fatal(tag() + "             a parent of the new node is missing");
   }
 }
 
@@ -34,6 +34,8 @@ Cell* new_cell_at(const Vertex& v) {
   c->y = v.y;
   c->ipos = ipos;
   c->level = v.level;
+  // Enter the list first: whatever happens then, the node is not lost.
+  enter_stretch(*c);
   return c;
 }
 
@@ -43,13 +45,13 @@ void announce_to(Cell* parent, const Cell& c) {
   parent->signature_set = false;
 }
 
-double initial_data(const Cell& c) {
+double initial_data(const Vertex& v) {
   if (!init_data_ptr) {
     fatal("(Velmar_2D:) insert_node: ERROR\n"
           "             there is no procedure for the data of new nodes\n"
           "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
   }
-  return init_data_ptr(c.x, c.y);
+  return init_data_ptr(v.x, v.y);
 }
 
 NeighbourLink side_link(int direction, double x, double y) {

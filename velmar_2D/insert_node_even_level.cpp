@@ -18,21 +18,43 @@ using namespace detail;
 /// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
 constexpr double same_column = 1e-6;
 
-void link_parent(Cell& c, Cell& parent, double eps) {
-  const bool beside = std::abs(parent.x - c.x) >= eps;
-  const int direction =
-      beside ? (parent.x <= c.x ? west : east) : (parent.y <= c.y ? south : north);
-  link(c, direction) = &parent;
-  link(parent, opposite(direction)) = &c;
+/// The straight direction in which a parent lies from the new node.
+int direction_to(const Cell& parent, const Vertex& v, double eps) {
+  if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
+  return parent.y <= v.y ? south : north;
 }
 
-/// Completes a node on a side: the straight links that no parent took lead to the side's record.
-void link_boundary(Cell& c) {
-  for (const int side : straight_directions) {
-    if (!link(c, side).empty()) continue;
-    link(c, side) = side_link(side, c.x, c.y);
-    ++c.on_boundary;
+/// What the new node's straight links will lead to, by direction / 2.
+struct StraightLinks {
+  std::array<NeighbourLink, 4> links;
+  std::int32_t on_boundary = 0;
+};
+
+/// The parents; on a side of the domain, the links that no parent took lead to the side's record.
+StraightLinks straight_links(const Vertex& v) {
+  const double eps = dist_0 / std::pow(2.0, v.level / 2.0) * same_column;
+  StraightLinks result;
+  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
+    if (parent == nullptr) continue;
+    result.links[static_cast<std::size_t>(direction_to(*parent, v, eps) / 2)] = parent;
   }
+  if (v.p4 != nullptr) return result;
+  for (const int side : straight_directions) {
+    NeighbourLink& to_side = result.links[static_cast<std::size_t>(side / 2)];
+    if (!to_side.empty()) continue;
+    to_side = side_link(side, v.x, v.y);
+    ++result.on_boundary;
+  }
+  return result;
+}
+
+void make_links(Cell& c, const StraightLinks& straight) {
+  for (const int direction : straight_directions) {
+    link(c, direction) = straight.links[static_cast<std::size_t>(direction / 2)];
+    Cell* parent = link(c, direction).cell();
+    if (parent != nullptr) link(*parent, opposite(direction)) = &c;
+  }
+  c.on_boundary = straight.on_boundary;
   c.reserve = c.on_boundary == 1 ? 2 : c.on_boundary == 2 ? 1 : 4;
 }
 
@@ -81,21 +103,20 @@ void prune_quadrant(Cell& c, int d) {
 
 void insert_node_even_level(const Vertex& v) {
   check_vertex("insert_node_even_level", v, 3);
-  Cell& c = *new_cell_at(v);
-  enter_stretch(c);
+  const StraightLinks straight = straight_links(v);
+  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
 
-  const double eps = dist_0 / std::pow(2.0, v.level / 2.0) * same_column;
-  const std::array<Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
-  const std::size_t nb_parents = v.p4 != nullptr ? 4 : 3;
-  for (std::size_t i = 0; i < nb_parents; ++i) link_parent(c, *parents[i], eps);
-  if (v.p4 == nullptr) link_boundary(c);
+  Cell& c = *new_cell_at(v);
+  make_links(c, straight);
   set_shape(c);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
-  for (std::size_t i = 0; i < nb_parents; ++i) announce_to(parents[i], c);
+  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
+    if (parent != nullptr) announce_to(parent, c);
+  }
 
   if (n_cell_data <= 0) return;
   if (!data_interpolation) {
-    c.data[0] = initial_data(c);
+    c.data[0] = first_value;
   } else if (v.p4 != nullptr) {
     interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
   } else {

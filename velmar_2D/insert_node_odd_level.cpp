@@ -54,11 +54,11 @@ void prune_along_boundary(Cell& centre, int side) {
 
 void insert_node_odd_level(const Vertex& v) {
   check_vertex("insert_node_odd_level", v, 4);
+  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
   Cell& c = *new_cell_at(v);
   c.area = dist_0 * dist_0 / power_of_2(v.level);
   c.signature = {85, 85};
   c.signature_set = true;
-  enter_stretch(c);
 
   const std::array<Cell*, 4> corners = {v.p1, v.p2, v.p3, v.p4};
   for (Cell* corner : corners) link_corner(c, *corner);
@@ -70,7 +70,7 @@ void insert_node_odd_level(const Vertex& v) {
   if (data_interpolation) {
     interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
   } else {
-    c.data[0] = initial_data(c);
+    c.data[0] = first_value;
   }
   compute_data_at_node(&c);
 }

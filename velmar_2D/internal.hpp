@@ -68,9 +68,21 @@ std::string to_text(double value);
 Cell* new_cell();
 /// Gives a node back and clears the caller's reference; counts it.
 void release_cell(Cell*& c);
+/// Gives back every node, in list order, and leaves the list and its stretches empty. Returns their
+/// number.
+std::int32_t release_all_nodes();
 
 /// Whether the node list is cut into one list per stretch.
 inline bool lists_are_split() { return mesh_beg == nullptr && nb_nodes > 0; }
+/// Joins the list at the end of a scope that splits it, however the scope is left.
+struct JoinAtEnd {
+  JoinAtEnd() = default;
+  JoinAtEnd(const JoinAtEnd&) = delete;
+  JoinAtEnd& operator=(const JoinAtEnd&) = delete;
+  ~JoinAtEnd() {
+    if (lists_are_split()) join_sublists();
+  }
+};
 /// Puts a node at the head of the stretch of its ipos, in the joined and in the split state.
 void enter_stretch(Cell& c);
 /// Takes a node out of its stretch, in the joined and in the split state.
@@ -112,17 +124,18 @@ bool not_large_house_reserve_2(const Cell* c);
 void refine_cell(Cell*& c, bool special = false);
 void special_sort_level(std::int32_t l);
 
-// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion.
+// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion. All
+// that can fail, callbacks included, comes before the first link is changed.
 
 /// Ends the process unless the vertex has its first `nb_parents` parents and a level within the limit.
 void check_vertex(std::string_view operation, const Vertex& v, int nb_parents);
-/// A node at the vertex, not linked and not listed yet. Ends the process if its position has no
+/// A node at the vertex, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
 Cell* new_cell_at(const Vertex& v);
 /// Tells a parent about its new neighbour.
 void announce_to(Cell* parent, const Cell& c);
-/// The value of init_data_ptr at a node.
-double initial_data(const Cell& c);
+/// Calls init_data_ptr for the first data value of a node at the vertex.
+double initial_data(const Vertex& v);
 
 /// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
 /// of the three. `direction` is the straight direction of the side.

@@ -24,6 +24,7 @@ Cell* new_cell() {
   }
   c->id = next_id++;
   ++nb_nodes;
+  ++mesh_revision;
   return c;
 }
 
@@ -32,6 +33,23 @@ void release_cell(Cell*& c) {
   delete c;
   c = nullptr;
   --nb_nodes;
+  ++mesh_revision;
+}
+
+std::int32_t release_all_nodes() {
+  if (lists_are_split()) join_sublists();
+  std::int32_t nb_released = 0;
+  while (mesh_beg != nullptr) {
+    Cell* c = mesh_beg;
+    mesh_beg = c->next;
+    release_cell(c);
+    ++nb_released;
+  }
+  mesh_end = nullptr;
+  for (std::vector<Handle>* ends : {&level_beg, &level_end}) {
+    std::fill(ends->begin(), ends->end(), Handle{});
+  }
+  return nb_released;
 }
 
 }  // namespace velmar_2d::detail

@@ -13,6 +13,7 @@ void check_update(const size_function& size_fun) {
   require_mesh("update_mesh");
   if (lists_are_split()) join_sublists();
   if (!size_fun) fatal("(velmar_2D/update_mesh:) ERROR: arg 'size_fun' is no procedure!");
+  update_statistics = {};
 }
 
 }  // namespace detail
