@@ -179,6 +179,10 @@ struct Polygon {
   std::size_t n = 0;
   std::array<Corner, max_cell_corners> corners;
 
+  /// No cut of a convex polygon exceeds the capacity; rounding must not either.
+  void add(const Corner& corner) {
+    if (n < corners.size()) corners[n++] = corner;
+  }
   const Corner& after(std::size_t i) const { return corners[i + 1 < n ? i + 1 : 0]; }
 };
 

@@ -8,6 +8,7 @@
 #include "velmar_2D/cell_geometry.hpp"
 
 #include <cmath>
+#include <limits>
 
 namespace velmar_2d {
 
@@ -16,7 +17,11 @@ namespace detail {
 namespace {
 
 /// Corners nearer to a bisector than this fraction of the distance between the nodes lie on it.
-constexpr double corner_tolerance = 1e-9;
+constexpr double corner_tolerance = 1e-12;
+
+/// How well a node's distance to a side of the domain is known, in units of the machine epsilon
+/// times the largest coordinate. A cell that only touches a side must not lose a corner to it.
+constexpr double side_tolerance = 8.0;
 
 /// The half plane normal . p <= limit, relative to the node.
 struct HalfPlane {
@@ -34,19 +39,28 @@ Polygon::Corner intersection(const HalfPlanes& planes, int before, int after, in
   return {(a.limit * b.y - b.limit * a.y) / det, (a.x * b.limit - b.x * a.limit) / det, edge};
 }
 
-/// The part of the domain around the node, whose sides the node may lie on.
-Polygon domain_around(const Cell& c, HalfPlanes& planes) {
-  const std::array<double, 4> to_side = {y_max - c.y, x_max - c.x, c.y - y_min, c.x - x_min};
+/// Distance from the node to the side in a straight direction.
+double distance_to_side(const Cell& c, int side) {
+  switch (side) {
+    case north: return y_max - c.y;
+    case east: return x_max - c.x;
+    case south: return c.y - y_min;
+    default: return c.x - x_min;
+  }
+}
+
+/// A rectangle that ends at the sides which the node lies on and well beyond the others.
+Polygon rectangle_around(const Cell& c, HalfPlanes& planes) {
   for (const int d : straight_directions) {
     const auto i = static_cast<std::size_t>(d);
     const bool on_side = link(c, d).boundary() != nullptr;
-    planes[i + 8] = {away_x[i], away_y[i], on_side ? 0.0 : std::max(0.0, to_side[i / 2])};
+    planes[i + 8] = {away_x[i], away_y[i], on_side ? 0.0 : distance_to_side(c, d) + dist_0};
   }
-  Polygon domain;
+  Polygon rectangle;
   for (const int d : {east, north, west, south}) {  // anticlockwise
-    domain.corners[domain.n++] = intersection(planes, ((d + 2) & 7) + 8, d + 8, d + 8);
+    rectangle.add(intersection(planes, ((d + 2) & 7) + 8, d + 8, d + 8));
   }
-  return domain;
+  return rectangle;
 }
 
 /// Half plane of the points that are nearer to the node than to the linked one.
@@ -60,22 +74,33 @@ HalfPlane nearer_half(const Cell& c, const Cell& neighbour, const Surroundings& 
   return {dx, dy, 0.5 * (dx * dx + dy * dy)};
 }
 
-void cut(Polygon& polygon, const HalfPlanes& planes, int face) {
-  const HalfPlane& plane = planes[static_cast<std::size_t>(face)];
-  const double tolerance = 2.0 * plane.limit * corner_tolerance;
+/// Cuts off what lies beyond the half plane of an edge, and gives the polygon that edge.
+void cut(Polygon& polygon, const HalfPlanes& planes, int edge, double tolerance) {
+  const HalfPlane& plane = planes[static_cast<std::size_t>(edge)];
   Polygon kept;
   for (std::size_t i = 0; i < polygon.n; ++i) {
     const Polygon::Corner& corner = polygon.corners[i];
     const bool inside = plane.beyond(corner) <= tolerance;
     const bool next_inside = plane.beyond(polygon.after(i)) <= tolerance;
-    if (inside) kept.corners[kept.n++] = corner;
+    if (inside) kept.add(corner);
     if (inside && !next_inside) {
-      kept.corners[kept.n++] = intersection(planes, corner.edge, face, face);
+      kept.add(intersection(planes, corner.edge, edge, edge));
     } else if (!inside && next_inside) {
-      kept.corners[kept.n++] = intersection(planes, face, corner.edge, corner.edge);
+      kept.add(intersection(planes, edge, corner.edge, corner.edge));
     }
   }
   polygon = kept;
+}
+
+/// Most cells end well before the sides: these cuts leave them as they are.
+void cut_by_domain(Polygon& polygon, HalfPlanes& planes, const Cell& c) {
+  const double tolerance =
+      side_tolerance * std::numeric_limits<double>::epsilon() * largest_coordinate;
+  for (const int d : straight_directions) {
+    if (link(c, d).boundary() != nullptr) continue;
+    planes[static_cast<std::size_t>(d) + 8].limit = std::max(0.0, distance_to_side(c, d));
+    cut(polygon, planes, d + 8, tolerance);
+  }
 }
 
 /// Joins corners that differ by rounding only.
@@ -88,7 +113,7 @@ void drop_empty_edges(Polygon& polygon) {
   for (std::size_t i = 0; i < polygon.n; ++i) longest = std::max(longest, length(i));
   Polygon kept;
   for (std::size_t i = 0; i < polygon.n; ++i) {
-    if (length(i) > longest * corner_tolerance) kept.corners[kept.n++] = polygon.corners[i];
+    if (length(i) > longest * corner_tolerance) kept.add(polygon.corners[i]);
   }
   polygon = kept;
 }
@@ -98,15 +123,16 @@ void drop_empty_edges(Polygon& polygon) {
 Polygon polygon_of(const Cell& c) {
   const Surroundings s = surroundings_of(c);
   HalfPlanes planes;
-  Polygon polygon = domain_around(c, planes);
+  Polygon polygon = rectangle_around(c, planes);
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* neighbour = link(c, d).cell();
     if (neighbour == nullptr) continue;
     const HalfPlane half = nearer_half(c, *neighbour, s, d);
     if (!(half.limit > 0.0)) continue;  // a node at the same place has no bisector
     planes[static_cast<std::size_t>(d)] = half;
-    cut(polygon, planes, d);
+    cut(polygon, planes, d, 2.0 * half.limit * corner_tolerance);
   }
+  cut_by_domain(polygon, planes, c);
   drop_empty_edges(polygon);
   return polygon;
 }
