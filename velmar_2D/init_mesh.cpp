@@ -198,6 +198,8 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
     move_north_side(y_max);
   }
   dist_0 = dx;
+  detail::x_max = x_max;
+  detail::y_max = y_max;
   largest_coordinate = std::max(
       {std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
 

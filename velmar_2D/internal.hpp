@@ -105,6 +105,8 @@ double power_of_2(std::int32_t level);
 
 /// Largest absolute coordinate of the four sides: decides how well a position can be told.
 extern double largest_coordinate;
+/// Upper right corner of the domain in use; the records of the sides may change later.
+extern double x_max, y_max;
 
 std::int32_t true_ipos(double x, double y);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);

@@ -31,6 +31,7 @@ Boundary *west_boundary_dir = nullptr, *west_boundary_neu = nullptr, *west_bound
 namespace detail {
 
 double largest_coordinate = 0.0;
+double x_max = 0.0, y_max = 0.0;
 
 double log2(double x) { return std::log(x) / log_of_2; }
 

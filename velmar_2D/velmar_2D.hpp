@@ -390,14 +390,64 @@ VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);       ///< th
 ///                    is then 0
 VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double* dfdy = nullptr);
 
-/// Shape of the control cell of a node; sets `signature` and `signature_set`.
+// ---------------------------------------------------------------------------------------------
+// Control cells
+//
+// The control cell of a node holds the points that are nearer to it than to any node it is linked
+// to, cut by the domain. All of them together fill the domain without gap or overlap.
+// ---------------------------------------------------------------------------------------------
+
+/// Shape of the control cell; sets `signature` and `signature_set`.
 ///
-/// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner; 0 for an unknown shape
-/// @param shift  eighth turns clockwise from the type's representative, plus 8 if mirrored first
+/// signature[0] has a bit for every direction whose link designates a node (n 128, ne 64, e 32,
+/// se 16, s 8, sw 4, w 2, nw 1), signature[1] for every face that no nearer neighbour and no domain
+/// side has cut in half. docs/control_cells.md shows the shapes.
+/// Where no known shape has this signature, which happens only after links were changed by hand or
+/// nodes were inserted out of order: prints a warning, awaits RETURN, gives type 0 and shift 0.
+/// Cost: about 20 ns where the neighbours are in cache; 2 ns while `signature_set` holds.
+///
+/// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner of the domain
+/// @param shift  eighth turns clockwise from the type's first shape, plus 8 if it was mirrored
+///               east-west before
 VELMAR_2D_API void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift);
 
-/// Area of the control cell of a node, cached in `area`.
+/// Area of the control cell, cached in `area` until the mesh around the node changes.
+///
+/// Where it is not cached the cell is classified as by cell_type(); a cell of unknown shape gets the
+/// area of its polygon.
 VELMAR_2D_API double cell_area(Cell* c);
+
+/// What surrounds a control cell. Directions are numbered n 0, ne 1, e 2, se 3, s 4, sw 5, w 6, nw 7.
+struct CellFaces {
+  std::array<Cell*, 8> neighbour{};  ///< the linked nodes; nullptr: none, or a side of the domain
+  std::array<double, 8> length{};    ///< of the face between the two cells; 0 where there is none
+  std::array<double, 8> distance{};  ///< to the linked node; 0 where there is none
+  std::array<double, 4> side{};      ///< length of the domain side n, e, s, w that bounds the cell
+};
+
+/// Faces of the control cell: length / distance is the weight of a two-point flux.
+///
+/// Both cells that share a face get the same length and distance, to the last bit, and the face's
+/// normal is the link's direction. Changes nothing, prints nothing; cells of unknown shape get the
+/// edges of their polygon, which the neighbour need not agree with.
+VELMAR_2D_API void cell_faces(const Cell* c, CellFaces& faces);
+
+/// A point of the plane.
+struct Point {
+  double x = 0.0, y = 0.0;
+};
+
+/// Most corners that a control cell can have: the four of the domain, and each of eight links cuts
+/// off a part, which adds one corner at most.
+inline constexpr std::size_t max_cell_corners = 12;
+
+/// Corners of the control cell, anticlockwise, without repetition. Works for every shape, changes
+/// nothing, prints nothing.
+///
+/// @param corners  receives the corners in its first n entries
+/// @param n        3 to max_cell_corners
+VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners,
+                                std::int32_t& n);
 
 // ---------------------------------------------------------------------------------------------
 // Single steps of an adaptation, for callers with rules of their own

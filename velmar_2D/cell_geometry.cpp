@@ -1,0 +1,212 @@
+// Reading the surroundings of a node, and the catalogue of known shapes, which the compiler derives
+// from the geometry of nine representatives.
+#include "velmar_2D/cell_geometry.hpp"
+
+#include <cmath>
+
+namespace velmar_2d::detail {
+
+// ---------------------------------------------------------------------------------------------
+// Surroundings
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Largest deviation of a linked node from its place on the lattice, as a fraction of the distance.
+/// Far from the origin the rounding of coordinates shows; neighbouring spacings differ by a factor
+/// of 2, so there is ample room.
+constexpr double lattice_tolerance = 1.0 / 16.0;
+
+/// Stored form of the spacing level of a link, or off_lattice.
+unsigned stored_level(const Cell& c, const Cell& neighbour, int d, double per_dist_0) {
+  // With the tolerance added, a power of two that came out a little too small or too large has the
+  // right exponent, and a mantissa that starts with zeros.
+  constexpr int mantissa_bits = 52, exponent_bias = 1023;
+  constexpr auto one = static_cast<double>(std::uint64_t{1} << mantissa_bits);
+  constexpr auto tolerance = static_cast<std::uint64_t>(lattice_tolerance * one);
+
+  const auto i = static_cast<std::size_t>(d);
+  const bool diagonal = (d & 1) != 0;
+  const double dx = neighbour.x - c.x, dy = neighbour.y - c.y;
+  const double along = (dx * away_x[i] + dy * away_y[i]) * (diagonal ? 0.5 : 1.0);
+  const double across = std::abs(dx * away_y[i] - dy * away_x[i]);
+  const std::uint64_t bits = std::bit_cast<std::uint64_t>(along * per_dist_0) + tolerance;
+  const std::uint64_t mantissa = bits & ((std::uint64_t{1} << mantissa_bits) - 1);
+  const int halvings = exponent_bias - static_cast<int>(bits >> mantissa_bits);
+  const int level = 2 * halvings - (diagonal ? 1 : 0);
+  // A negative or not-a-number distance has an exponent far out of range.
+  const bool fits = mantissa <= 2 * tolerance && across <= along * lattice_tolerance &&
+                    level > -spacing_level_offset && level <= highest_spacing_level;
+  return fits ? static_cast<unsigned>(level + spacing_level_offset) : off_lattice;
+}
+
+}  // namespace
+
+Surroundings surroundings_of(const Cell& c) {
+  Surroundings s;
+  const double per_dist_0 = 1.0 / dist_0;
+  for (int d = 0; d < nb_directions; ++d) {
+    const NeighbourLink there = link(c, d);
+    if (there.empty()) continue;
+    const Cell* neighbour = there.cell();
+    if (neighbour == nullptr) {
+      s.sides |= in_direction(d, 0x80);
+      continue;
+    }
+    const unsigned stored = stored_level(c, *neighbour, d, per_dist_0);
+    s.on_lattice = s.on_lattice && stored != off_lattice;
+    s.levels |= in_direction(d, stored);
+  }
+  return s;
+}
+
+int spacing_level_of_link(const Cell& c, int direction) {
+  return static_cast<int>(stored_level(c, *link(c, direction).cell(), direction, 1.0 / dist_0)) -
+         spacing_level_offset;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The catalogue
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// The representatives of types 1 to 9. Directions n, ne, e, se, s, sw, w, nw; '.' no node, '0' a
+/// node at the largest distance, '1' at that distance / sqrt 2, '2' at half of it, and so on.
+constexpr std::array<std::string_view, 9> representatives = {
+    ".0.0.0.0",   // a square; refinement then puts nearer nodes between the four:
+    ".0.0.010",   // one,
+    ".0.01.10",   // two next to each other,
+    ".1.10.01",   // three,
+    ".0.01210",   // two, and between them a still nearer one,
+    ".01.1210",   // three, and one of those,
+    ".012.210",   // three, and two of those,
+    ".010.010",   // two opposite each other,
+    ".0123210"};  // three, two and one
+
+constexpr int first_side_type = 11, first_corner_type = 31;
+
+constexpr Surroundings surroundings_from(std::string_view representative) {
+  Surroundings s;
+  for (int d = 0; d < nb_directions; ++d) {
+    const char there = representative[static_cast<std::size_t>(d)];
+    if (there != '.') s.levels |= in_direction(d, static_cast<std::uint64_t>(there - '0' + 1));
+  }
+  return s;
+}
+
+constexpr bool same(const Surroundings& a, const Surroundings& b) {
+  return a.levels == b.levels && a.sides == b.sides;
+}
+
+/// What remains of the surroundings if the domain ends here on a straight side. Right only where
+/// they are symmetric about that side, so that the far half of the cell mirrors the near one.
+constexpr Surroundings cut(Surroundings s, int side) {
+  for (int d = side - 1; d <= side + 1; ++d) s.levels &= ~in_direction(d, 0xff);
+  s.sides |= in_direction(side, 0x80);
+  return s;
+}
+constexpr bool symmetric_about(const Surroundings& s, int side) {
+  return same(s, mirrored(s, 2 * side + 4));
+}
+
+/// Sum of the triangles between the node and its faces. A half face is as long as half the
+/// distance r to the neighbour, so each half gives a triangle of r^2 / 8.
+constexpr double relative_area(const Surroundings& s) {
+  const MissingHalves missing = missing_halves(s);
+  double area = 0.0;
+  for (int d = 0; d < nb_directions; ++d) {
+    const int level = static_cast<int>(byte_at(s.levels, d)) - 1;
+    if (level < 0) continue;
+    const int halves = (byte_at(missing.clockwise, d) == 0) + (byte_at(missing.anticlockwise, d) == 0);
+    area += halves * exact_power_of_2(-level) / 8;
+  }
+  return area;
+}
+
+struct Catalogue {
+  static constexpr std::size_t capacity = 160;
+
+  std::array<KnownShape, capacity> shapes{};
+  std::size_t n = 0;
+  std::array<std::uint8_t, 65536> by_signature{};  ///< index into shapes plus 1, or 0
+
+  constexpr Catalogue() {
+    add_interior();
+    const std::size_t interior_end = n;
+    add_cut(interior_end, first_side_type, 1);
+    add_cut(interior_end, first_corner_type, 2);
+  }
+
+  static constexpr std::size_t index(const Signature& signature) {
+    return static_cast<std::size_t>(signature[0]) * 256 + signature[1];
+  }
+  constexpr bool knows(const Surroundings& s) const {
+    return by_signature[index(signature_of(s))] != 0;
+  }
+
+  constexpr void add(const Surroundings& s, int type, int shift) {
+    KnownShape& shape = shapes[n];
+    shape.signature = signature_of(s);
+    shape.type = static_cast<std::uint8_t>(type);
+    shape.shift = static_cast<std::uint8_t>(shift);
+    shape.surroundings = s;
+    while (byte_at(s.levels, shape.farthest) != 1) ++shape.farthest;
+    shape.area = relative_area(s);
+    by_signature[index(shape.signature)] = static_cast<std::uint8_t>(++n);
+  }
+
+  /// All distinct images of a representative under the given turns and the east-west mirror.
+  constexpr void add_orientations(const Surroundings& s, int type, int turn) {
+    for (const int mirror : {0, 8}) {
+      for (int shift = 0; shift < 8; shift += turn) {
+        const Surroundings image = turned(mirror != 0 ? mirrored(s, 0) : s, shift);
+        if (!knows(image)) add(image, type, mirror + shift);
+      }
+    }
+  }
+
+  constexpr void add_interior() {
+    int type = 0;
+    for (const std::string_view r : representatives) {
+      add_orientations(surroundings_from(r), ++type, 1);
+    }
+  }
+
+  /// The symmetric interior shapes, cut by the north side alone or by the north and east sides.
+  /// An eighth turn would lead a side off the lattice's axes, so only quarter turns count.
+  constexpr void add_cut(std::size_t interior_end, int first_type, int nb_sides) {
+    int type = first_type;
+    for (std::size_t i = 0; i < interior_end; ++i) {
+      Surroundings s = shapes[i].surroundings;
+      bool symmetric = true;
+      for (int side = north; side < 2 * nb_sides; side += 2) {
+        symmetric = symmetric && symmetric_about(shapes[i].surroundings, side);
+        s = cut(s, side);
+      }
+      if (symmetric && !knows(s)) add_orientations(s, type++, 2);
+    }
+  }
+};
+
+constexpr Catalogue catalogue;
+
+}  // namespace
+
+std::span<const KnownShape> known_shapes() { return std::span(catalogue.shapes).first(catalogue.n); }
+
+const KnownShape* known_shape(const Signature& signature) {
+  const std::size_t i = catalogue.by_signature[Catalogue::index(signature)];
+  return i == 0 ? nullptr : &catalogue.shapes[i - 1];
+}
+
+const KnownShape* fitting_shape(const Surroundings& s) {
+  const KnownShape* shape = known_shape(signature_of(s));
+  if (shape == nullptr || !s.on_lattice || s.sides != shape->surroundings.sides) return nullptr;
+  // Both rings hold nodes in the same directions: lift the shape's levels to those found.
+  const std::uint64_t lift = byte_at(s.levels, shape->farthest) - 1;
+  const Ring lifted = shape->surroundings.levels + lift * (occupied(s.levels) >> 7);
+  return lifted == s.levels ? shape : nullptr;
+}
+
+}  // namespace velmar_2d::detail
