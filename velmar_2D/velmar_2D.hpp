@@ -450,6 +450,49 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
                                 std::int32_t& n);
 
 // ---------------------------------------------------------------------------------------------
+// Checking the mesh
+// ---------------------------------------------------------------------------------------------
+
+/// A rule of the mesh that does not hold at some place.
+struct Finding {
+  std::string_view rule;            ///< its name, see check_mesh()
+  std::string_view text;            ///< what is wrong, in words
+  const Cell* node = nullptr;       ///< where; nullptr: the mesh as a whole
+  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the mesh:
+                                    ///< compare it, do not follow it
+};
+
+/// Checks every rule of a whole mesh and reports the places where one does not hold.
+///
+///     arrays        the level arrays reach up to the limit, nothing lies above it
+///     list          prev and next agree, the list runs through the stretches and comes to its end
+///     stretch       every node lies in the stretch of its ipos
+///     count         nb_nodes is the number of nodes
+///     id            1 to next_id - 1
+///     position      inside the domain, on the lattice, and ipos is that of the position
+///     unique        no two nodes at one position
+///     level         0 to level_max, and at least ipos - 1
+///     reserve       1 to 4
+///     link          links designate nodes of the mesh, or records in straight directions
+///     mutual        the neighbour links back
+///     direction     the neighbour lies where the link points
+///     link_level    1 or 2
+///     side          records are linked exactly on the sides; on_boundary is their number
+///     signature     a signature that is set is that of the links
+///     area          an area that is cached is that of the control cell
+///     domain_area   the control cells sum to the domain
+///     closed_sides  the control cells along each side sum to its length
+///
+/// Can be called at any time, in the joined and in the split state, also where there is no mesh,
+/// but not by a callback. Changes and prints nothing. Links are followed only where they lead to
+/// nodes of the list, so that a mesh that was damaged through its public fields can be checked.
+/// Cost: linear in the number of nodes, with a table of 32 to 64 bytes a node.
+///
+/// @param findings  receives the findings, in list order
+/// @return their number; 0 for a whole mesh
+VELMAR_2D_API std::size_t check_mesh(std::vector<Finding>& findings);
+
+// ---------------------------------------------------------------------------------------------
 // Single steps of an adaptation, for callers with rules of their own
 // ---------------------------------------------------------------------------------------------
 
