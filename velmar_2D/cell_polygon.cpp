@@ -42,8 +42,8 @@ Polygon::Corner intersection(const HalfPlanes& planes, int before, int after, in
 /// Distance from the node to the side in a straight direction.
 double distance_to_side(const Cell& c, int side) {
   switch (side) {
-    case north: return y_max - c.y;
-    case east: return x_max - c.x;
+    case north: return domain.y_max - c.y;
+    case east: return domain.x_max - c.x;
     case south: return c.y - y_min;
     default: return c.x - x_min;
   }
@@ -95,7 +95,7 @@ void cut(Polygon& polygon, const HalfPlanes& planes, int edge, double tolerance)
 /// Most cells end well before the sides: these cuts leave them as they are.
 void cut_by_domain(Polygon& polygon, HalfPlanes& planes, const Cell& c) {
   const double tolerance =
-      side_tolerance * std::numeric_limits<double>::epsilon() * largest_coordinate;
+      side_tolerance * std::numeric_limits<double>::epsilon() * domain.largest_coordinate;
   for (const int d : straight_directions) {
     if (link(c, d).boundary() != nullptr) continue;
     planes[static_cast<std::size_t>(d) + 8].limit = std::max(0.0, distance_to_side(c, d));

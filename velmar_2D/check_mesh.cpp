@@ -179,8 +179,8 @@ void check_place(Check& check, const Cell& c, double scale) {
     return;
   }
   const double margin = check.tolerance * dist_0;
-  if (c.x < x_min - margin || c.x > x_max + margin || c.y < y_min - margin ||
-      c.y > y_max + margin) {
+  if (c.x < x_min - margin || c.x > domain.x_max + margin || c.y < y_min - margin ||
+      c.y > domain.y_max + margin) {
     check.report("position", "the node lies outside of the domain", &c);
   }
   const auto column = static_cast<std::int64_t>(i), row = static_cast<std::int64_t>(j);
@@ -241,7 +241,8 @@ void check_sides(const Check& check, const Cell& c) {
        {&south_boundary_dir, &south_boundary_neu, &south_boundary_oth},
        {&west_boundary_dir, &west_boundary_neu, &west_boundary_oth}}};
   const double margin = check.tolerance * dist_0;
-  const std::array<double, 4> to_side = {y_max - c.y, x_max - c.x, c.y - y_min, c.x - x_min};
+  const std::array<double, 4> to_side = {domain.y_max - c.y, domain.x_max - c.x, c.y - y_min,
+                                         c.x - x_min};
   std::int32_t nb_sides = 0;
   for (std::size_t side = 0; side < 4; ++side) {
     const Boundary* record = link(c, static_cast<int>(2 * side)).boundary();
@@ -307,7 +308,7 @@ void check_nodes(Check& check) {
 
 /// The control cells fill the domain and close its sides.
 void check_sums(const Check& check) {
-  const double width = x_max - x_min, height = y_max - y_min;
+  const double width = domain.x_max - x_min, height = domain.y_max - y_min;
   if (std::abs(check.area - width * height) > sum_tolerance * width * height) {
     check.report("domain_area", "the control cells do not sum to the domain");
   }
@@ -328,7 +329,7 @@ std::size_t check_mesh(std::vector<Finding>& findings) {
                 std::vector<std::int32_t>(std::min(level_beg.size(), level_end.size()))};
     // As true_ipos() tells positions apart, and twice that for the nodes between two others.
     check.tolerance = std::max(
-        2e-12, 16.0 * std::numeric_limits<double>::epsilon() * largest_coordinate / dist_0);
+        2e-12, 16.0 * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0);
     check_arrays(check);
     check_list(check);
     check_nodes(check);

@@ -1,7 +1,7 @@
 // Releasing the whole mesh.
-#include "velmar_2D/internal.hpp"
-
 #include <cstdio>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -11,7 +11,8 @@ void delete_mesh() {
   std::array<char, 64> text;
   std::snprintf(text.data(), text.size(), " nb of deallocated nodes: %ld", static_cast<long>(k));
   detail::message(text.data());
-  for (auto [array, name] : {std::pair{&level_beg, "level_beg"}, std::pair{&level_end, "level_end"}}) {
+  for (auto [array, name] :
+       {std::pair{&level_beg, "level_beg"}, std::pair{&level_end, "level_end"}}) {
     if (array->empty()) detail::release_of_missing(name);
     std::vector<Handle>().swap(*array);
   }

@@ -1,8 +1,8 @@
 // Making the uniform grid of level 0.
-#include "velmar_2D/internal.hpp"
-
 #include <cmath>
 #include <string>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -13,6 +13,9 @@ using namespace detail;
 /// The cells count as squares where width and height agree within this fraction of the width:
 /// ten times the machine epsilon, the rounding of the divisions that give them.
 constexpr double square_tolerance = 2.220446049250313e-15;
+
+/// Covers the rounding of positions when the length of a link is compared with dist_0.
+constexpr double link_length_margin = 1e-3;
 
 struct SideName {
   Boundary* const* dir;
@@ -198,10 +201,11 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
     move_north_side(y_max);
   }
   dist_0 = dx;
-  detail::x_max = x_max;
-  detail::y_max = y_max;
-  largest_coordinate = std::max(
-      {std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  domain.x_max = x_max;
+  domain.y_max = y_max;
+  domain.largest_coordinate =
+      std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  domain.longest_link = dist_0 * (1.0 + link_length_margin);
 
   level_beg.clear();
   level_end.clear();

@@ -1,7 +1,7 @@
 // The steps that odd-level and even-level insertion share.
-#include "velmar_2D/internal.hpp"
-
 #include <string>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 
@@ -24,10 +24,13 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
 Cell* new_cell_at(const Vertex& v) {
   const std::int32_t ipos = true_ipos(v.x - x_min, v.y - y_min);
   if (ipos < 0 || ipos > level_max) {
-    fatal("(Velmar_2D:) insert_node: ERROR\n"
-          "             the position (" + to_text(v.x) + ", " + to_text(v.y) +
-          ") belongs to level " + std::to_string(ipos) + ",\n"
-          "             which lies outside of the levels 0 to " + std::to_string(level_max));
+    fatal(
+        "(Velmar_2D:) insert_node: ERROR\n"
+        "             the position (" +
+        to_text(v.x) + ", " + to_text(v.y) + ") belongs to level " + std::to_string(ipos) +
+        ",\n"
+        "             which lies outside of the levels 0 to " +
+        std::to_string(level_max));
   }
   Cell* c = new_cell();
   c->x = v.x;
@@ -47,9 +50,10 @@ void announce_to(Cell* parent, const Cell& c) {
 
 double initial_data(const Vertex& v) {
   if (!init_data_ptr) {
-    fatal("(Velmar_2D:) insert_node: ERROR\n"
-          "             there is no procedure for the data of new nodes\n"
-          "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
+    fatal(
+        "(Velmar_2D:) insert_node: ERROR\n"
+        "             there is no procedure for the data of new nodes\n"
+        "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
   }
   return init_data_ptr(v.x, v.y);
 }
@@ -66,8 +70,9 @@ NeighbourLink side_link(int direction, double x, double y) {
        {"West", {&west_boundary_dir, &west_boundary_neu, &west_boundary_oth}}}};
 
   if (!bc_type_ptr) {
-    fatal("(Velmar_2D:) ERROR: there is no procedure for the sides\n"
-          "             ('bc_type_ptr' is not set)");
+    fatal(
+        "(Velmar_2D:) ERROR: there is no procedure for the sides\n"
+        "             ('bc_type_ptr' is not set)");
   }
   const Side& side = sides[static_cast<std::size_t>(direction / 2)];
   const std::int32_t kind = bc_type_ptr(x, y, side.name);

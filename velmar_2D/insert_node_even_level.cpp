@@ -5,9 +5,9 @@
 //     w--N--e                  Diagonal links between the parents are cut where the
 //      \ | /                   new node and its counterpart beyond take their place.
 //        s
-#include "velmar_2D/internal.hpp"
-
 #include <cmath>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -32,7 +32,7 @@ struct StraightLinks {
 
 /// The parents; on a side of the domain, the links that no parent took lead to the side's record.
 StraightLinks straight_links(const Vertex& v) {
-  const double eps = dist_0 / std::pow(2.0, v.level / 2.0) * same_column;
+  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
   StraightLinks result;
   for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
     if (parent == nullptr) continue;

@@ -16,14 +16,14 @@ using namespace detail;
 /// Links a new centre and one corner of its square, by the quadrant in which the corner lies.
 void link_corner(Cell& centre, Cell& corner) {
   const bool west_of = corner.x <= centre.x, south_of = corner.y <= centre.y;
-  const int direction = west_of ? (south_of ? south_west : north_west)
-                                : (south_of ? south_east : north_east);
+  const int direction =
+      west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
   link(centre, direction) = &corner;
   link(corner, opposite(direction)) = &centre;
 }
 
-/// Cuts the link of `corner` towards `cut` if the square on the far side of that link has its centre
-/// X, at `to_centre` from the corner, and X has no straight link back across the side.
+/// Cuts the link of `corner` towards `cut` if the square on the far side of that link has its
+/// centre X, at `to_centre` from the corner, and X has no straight link back across the side.
 void prune_side(Cell* corner, int to_centre, int back, int cut) {
   if (corner == nullptr) return;
   const Cell* beyond = link(*corner, to_centre).cell();

@@ -68,8 +68,8 @@ std::string to_text(double value);
 Cell* new_cell();
 /// Gives a node back and clears the caller's reference; counts it.
 void release_cell(Cell*& c);
-/// Gives back every node, in list order, and leaves the list and its stretches empty. Returns their
-/// number.
+/// Gives back every node, in list order, and the memory that they lived in; leaves the list and its
+/// stretches empty. Returns the number of nodes.
 std::int32_t release_all_nodes();
 
 /// Whether the node list is cut into one list per stretch.
@@ -103,10 +103,23 @@ double log2(double x);
 /// 2^level as a signed 32-bit integer where 0 <= level <= 31 (negative at 31), otherwise 0.
 double power_of_2(std::int32_t level);
 
-/// Largest absolute coordinate of the four sides: decides how well a position can be told.
-extern double largest_coordinate;
-/// Upper right corner of the domain in use; the records of the sides may change later.
-extern double x_max, y_max;
+/// What init_mesh() found out about the domain.
+struct Domain {
+  double x_max = 0.0, y_max = 0.0;
+  /// Largest absolute coordinate of the four sides: decides how well a position can be told.
+  double largest_coordinate = 0.0;
+  /// No link is longer than this along x or y: the spacing of level 0, as long as all its nodes are
+  /// there.
+  double longest_link = 0.0;
+};
+extern Domain domain;
+
+/// Whether a link of this node can lead to a node on a side, told from its position alone.
+inline bool may_have_neighbour_on_side(const Cell& c) {
+  const double reach = domain.longest_link;
+  return c.x - x_min <= reach || domain.x_max - c.x <= reach || c.y - y_min <= reach ||
+         domain.y_max - c.y <= reach;
+}
 
 std::int32_t true_ipos(double x, double y);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
@@ -123,6 +136,9 @@ void downdate_level(Cell* c, std::int32_t orig_level);
 // ---------------------------------------------------------------------------------------------
 
 bool not_large_house_reserve_2(const Cell* c);
+/// Whether refine_cell() in special mode would insert anything around c. Reads as few neighbours as
+/// it can.
+bool special_refinement_possible(Cell& c);
 void refine_cell(Cell*& c, bool special = false);
 void special_sort_level(std::int32_t l);
 

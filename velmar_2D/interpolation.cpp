@@ -4,8 +4,7 @@
 namespace velmar_2d::detail {
 
 void interp_4pts(const Cell* c1, const Cell* c2, const Cell* c3, const Cell* c4, Cell* c) {
-  c->data[0] =
-      (((first_data(*c1) + first_data(*c2)) + first_data(*c3)) + first_data(*c4)) / 4.0;
+  c->data[0] = (((first_data(*c1) + first_data(*c2)) + first_data(*c3)) + first_data(*c4)) / 4.0;
 }
 
 // On a side the average runs along it: the first interior parent is left out, and the third one

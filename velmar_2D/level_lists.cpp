@@ -5,10 +5,11 @@
 //
 // Seams exist only in the joined state. A node is first or last of its stretch exactly where
 // level_beg or level_end says so; its own prev and next cannot tell.
-#include "velmar_2D/internal.hpp"
-
+#include <limits>
 #include <new>
 #include <string>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 
@@ -52,6 +53,8 @@ void enter_stretch(Cell& c) {
 }
 
 void leave_stretch(Cell& c) {
+  // Without a node of level 0 its neighbours' links grow: distances tell nothing any more.
+  if (c.ipos == 0) domain.longest_link = std::numeric_limits<double>::infinity();
   const auto stretch = static_cast<std::size_t>(c.ipos);
   Cell*& first = level_beg[stretch].next;
   Cell*& last = level_end[stretch].next;

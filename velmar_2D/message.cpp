@@ -1,9 +1,9 @@
 // The only file that prints, waits for input or ends the process.
-#include "velmar_2D/internal.hpp"
-
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 

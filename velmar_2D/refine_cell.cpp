@@ -12,13 +12,14 @@ bool awaits_all(const Cell* c) { return c->reserve == 4; }
 bool wanted(const Vertex& v, bool special) {
   if (!special) return v.level < level_max;
   if (v.level > level_max) return false;
-  return v.p4 == nullptr || !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) ||
-                              awaits_all(v.p4));
+  return v.p4 == nullptr ||
+         !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) || awaits_all(v.p4));
 }
 
 }  // namespace
 
 void refine_cell(Cell*& c, bool special) {
+  if (special && !special_refinement_possible(*c)) return;
   std::array<Vertex, 4> vertex_list;
   std::int32_t n = 0;
   build_vertex(c, vertex_list, n);

@@ -4,10 +4,11 @@
 // denominators 2^k: the centre of a square, level 2k-1. Different ones, the larger being 2^k: the
 // midpoint of a side, level 2k. The fractions come from a continued-fraction expansion with
 // nearest-integer partial quotients.
-#include "velmar_2D/internal.hpp"
-
+#include <bit>
 #include <cmath>
 #include <limits>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 
@@ -28,6 +29,31 @@ std::int32_t wrapping_multiply(std::int32_t a, std::int32_t b) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(b));
 }
 std::int32_t wrapping_negate(std::int32_t a) { return wrapping_add(~a, 1); }
+
+/// Denominator of an offset that lies on the lattice of spacing dist_0 / 2^15 or coarser, 0 of any
+/// other. It is what the expansion gives within position_tolerance, without the expansion: a
+/// fraction with a denominator of at most 2^15 differs from all others by 2^-30 at the least, and
+/// is a convergent of every number this close to it.
+std::int32_t lattice_denominator(double offset) {
+  constexpr double finest = 32768.0, largest_offset = 65535.0;
+  const double multiple = offset * finest;
+  const double whole = std::nearbyint(multiple);
+  if (!(std::abs(offset) < largest_offset) ||
+      std::abs(multiple - whole) > 0.5 * position_tolerance * finest) {
+    return 0;
+  }
+  const auto bits = static_cast<std::uint32_t>(static_cast<std::int32_t>(whole)) | 32768U;
+  return 32768 >> std::countr_zero(bits);
+}
+
+std::int32_t denominator(double offset, const double* tol) {
+  if (tol == nullptr) {
+    if (const std::int32_t d = lattice_denominator(offset); d != 0) return d;
+  }
+  std::int32_t n = 0, d = 0;
+  real_to_rat(n, d, offset, tol);
+  return d;
+}
 
 }  // namespace
 
@@ -69,11 +95,10 @@ std::int32_t log2_special(std::int32_t n) {
 std::int32_t true_ipos(double x, double y) {
   // Away from the origin x - x_min carries the rounding of x itself.
   const double tolerance =
-      roundings * std::numeric_limits<double>::epsilon() * largest_coordinate / dist_0;
+      roundings * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0;
   const double* tol = tolerance > position_tolerance ? &tolerance : nullptr;
-  std::int32_t numerator = 0, dx = 0, dy = 0;
-  real_to_rat(numerator, dx, x / dist_0, tol);
-  real_to_rat(numerator, dy, y / dist_0, tol);
+  const std::int32_t dx = denominator(x / dist_0, tol);
+  const std::int32_t dy = denominator(y / dist_0, tol);
   if (dx == dy) return std::max(2 * log2_special(dx) - 1, 0);
   return 2 * log2_special(std::max(dx, dy));
 }

@@ -1,16 +1,70 @@
 // The two passes of an adaptation.
+#include <cmath>
+
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
 
-double required_level(const Cell& c, const size_function& size_fun) {
-  ++update_statistics.visited;
-  const double required_size =
-      size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
-  return 2.0 * detail::log2(dist_0 / required_size);
+namespace {
+
+/// A node is removed only where the wanted level lies further than this below its own. Refinement
+/// has no such margin; the gap between the two keeps nodes from coming and going.
+constexpr double coarsening_margin = 1.05;
+
+/// The level that gives a spacing of dist_0 / ratio. A real number, compared and never rounded.
+double level_of(double ratio) { return 2.0 * detail::log2(ratio); }
+
+/// Ratios of spacings at which the two decisions change, by level. The logarithm is taken only
+/// within a hair of them, where its rounding decides.
+struct Thresholds {
+  static constexpr std::size_t nb_levels = 64;
+  static constexpr double hair = 1e-9;
+  std::array<double, nb_levels> refine{}, coarsen{};
+
+  Thresholds() {
+    for (std::size_t l = 0; l < nb_levels; ++l) {
+      const auto level = static_cast<double>(l);
+      refine[l] = std::exp2(level / 2.0);
+      coarsen[l] = std::exp2((level - coarsening_margin) / 2.0);
+    }
+  }
+};
+const Thresholds thresholds;
+
+bool clearly_above(double ratio, double threshold) {
+  return ratio > threshold * (1.0 + Thresholds::hair);
+}
+/// False for negative ratios too: their level is no number.
+bool clearly_below(double ratio, double threshold) {
+  return ratio < threshold * (1.0 - Thresholds::hair) && ratio >= 0.0;
 }
 
-namespace {
+/// dist_0 divided by the wanted spacing.
+double wanted_ratio(const Cell& c, const size_function& size_fun) {
+  ++update_statistics.visited;
+  return dist_0 /
+         size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+}
+
+/// Whether the wanted level exceeds the node's.
+bool too_coarse(const Cell& c, const size_function& size_fun) {
+  const double ratio = wanted_ratio(c, size_fun);
+  if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
+    if (clearly_above(ratio, thresholds.refine[l])) return true;
+    if (clearly_below(ratio, thresholds.refine[l])) return false;
+  }
+  return level_of(ratio) > c.level;
+}
+
+/// Whether the node's level exceeds the wanted one by more than the margin.
+bool too_fine(const Cell& c, const size_function& size_fun) {
+  const double ratio = wanted_ratio(c, size_fun);
+  if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
+    if (clearly_above(ratio, thresholds.coarsen[l])) return false;
+    if (clearly_below(ratio, thresholds.coarsen[l])) return true;
+  }
+  return c.level > coarsening_margin + level_of(ratio);
+}
 
 /// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
 /// visited in the same pass.
@@ -20,7 +74,7 @@ void refine(const size_function& size_fun) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
     while (c != nullptr) {
       const std::int32_t id_save = c->id;
-      if (required_level(*c, size_fun) > c->level) refine_cell(c, false);
+      if (too_coarse(*c, size_fun)) refine_cell(c, false);
       if (c != nullptr && c->level < level_max) refine_cell(c, true);
       if (c != nullptr && c->id == id_save) c = c->next;
     }
@@ -35,7 +89,7 @@ void coarsen(const size_function& size_fun) {
       Cell* tmp = c;
       c = c->prev;
       if (tmp->level == 0) continue;
-      if (!(tmp->level > coarsening_margin + required_level(*tmp, size_fun))) continue;
+      if (!too_fine(*tmp, size_fun)) continue;
       if (tmp->level % 2 != 1) {
         remove_node_even_level(tmp);
       } else {

@@ -5,13 +5,6 @@
 
 namespace velmar_2d::detail {
 
-/// A node is removed only where the wanted level lies further than this below its own. Refinement
-/// has no such margin; the gap between the two keeps nodes from coming and going.
-inline constexpr double coarsening_margin = 1.05;
-
-/// The level that gives the wanted spacing at a node. A real number, compared and never rounded.
-double required_level(const Cell& c, const size_function& size_fun);
-
 /// Derivatives at every node of the joined list.
 void compute_data_at_all_nodes();
 

@@ -1,7 +1,7 @@
 // The library-wide state, defined once, and the logarithm that ties levels to spacings.
-#include "velmar_2D/internal.hpp"
-
 #include <cmath>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d {
 
@@ -23,15 +23,16 @@ init_data_function init_data_ptr;
 bc_type_function bc_type_ptr;
 text_function fatal_handler, message_handler, pause_handler;
 
-Boundary *north_boundary_dir = nullptr, *north_boundary_neu = nullptr, *north_boundary_oth = nullptr;
+Boundary *north_boundary_dir = nullptr, *north_boundary_neu = nullptr,
+         *north_boundary_oth = nullptr;
 Boundary *east_boundary_dir = nullptr, *east_boundary_neu = nullptr, *east_boundary_oth = nullptr;
-Boundary *south_boundary_dir = nullptr, *south_boundary_neu = nullptr, *south_boundary_oth = nullptr;
+Boundary *south_boundary_dir = nullptr, *south_boundary_neu = nullptr,
+         *south_boundary_oth = nullptr;
 Boundary *west_boundary_dir = nullptr, *west_boundary_neu = nullptr, *west_boundary_oth = nullptr;
 
 namespace detail {
 
-double largest_coordinate = 0.0;
-double x_max = 0.0, y_max = 0.0;
+Domain domain;
 
 double log2(double x) { return std::log(x) / log_of_2; }
 
