@@ -20,55 +20,71 @@ constexpr double sum_tolerance = 1e-9;
 /// A cached area differs from a fresh one by the rounding of a few products.
 constexpr double area_tolerance = 1e-12;
 
+/// A position as a place of the lattice of its ipos: offsets in units of dist_0 / 2^k, with k half
+/// of ipos rounded up. The key is the same for the same place; others may share it.
+struct Place {
+  std::int64_t column = 0, row = 0;
+  std::uint64_t key = 0;
+};
+
 /// The nodes of the list, to be found by their address and by their place: one open-addressing
 /// table for both, at most half full.
 class NodeTable {
  public:
   explicit NodeTable(std::size_t nb_nodes_at_most)
-      : slots_(std::bit_ceil(2 * nb_nodes_at_most + 2)), mask_(slots_.size() - 1) {}
+      : by_address_(std::bit_ceil(2 * nb_nodes_at_most + 2)),
+        by_place_(by_address_.size()),
+        mask_(by_address_.size() - 1) {}
 
   /// False where the node is in the table already.
   bool add(const Cell* c) {
-    Slot& slot = slots_[find_address(c)];
-    if (slot.by_address == c) return false;
-    slot.by_address = c;
+    const Cell*& slot = by_address_[find_address(c)];
+    if (slot == c) return false;
+    slot = c;
     return true;
   }
-  bool contains(const Cell* c) const { return slots_[find_address(c)].by_address == c; }
+  bool contains(const Cell* c) const { return by_address_[find_address(c)] == c; }
 
-  /// The node at a place of the lattice, which is `c` from now on where there was none.
+  /// Brings the slot of a place into the cache: places are spread over the whole table.
+  void prepare(std::uint64_t key) const { __builtin_prefetch(&by_place_[key & mask_], 1); }
+
+  /// The node at a place, which is `c` from now on where there was none.
   template <typename IsSamePlace>
-  const Cell* node_at(std::uint64_t place, const Cell* c, const IsSamePlace& is_same_place) {
-    std::size_t i = spread(place) & mask_;
-    while (slots_[i].by_place != nullptr) {
-      if (is_same_place(*slots_[i].by_place)) return slots_[i].by_place;
+  const Cell* node_at(std::uint64_t key, const Cell* c, const IsSamePlace& is_same_place) {
+    std::size_t i = key & mask_;
+    while (by_place_[i].node != nullptr) {
+      if (by_place_[i].key == key && is_same_place(*by_place_[i].node)) return by_place_[i].node;
       i = (i + 1) & mask_;
     }
-    slots_[i].by_place = c;
+    by_place_[i] = {key, c};
     return c;
   }
-
- private:
-  struct Slot {
-    const Cell *by_address = nullptr, *by_place = nullptr;
-  };
 
   static std::uint64_t spread(std::uint64_t key) {
     key ^= key >> 32;
     key *= 0x9e3779b97f4a7c15;
     return key ^ (key >> 29);
   }
+
+ private:
+  struct PlaceSlot {
+    std::uint64_t key = 0;
+    const Cell* node = nullptr;
+  };
+
   std::size_t find_address(const Cell* c) const {
-    // Nodes that are close in memory get close slots: they are looked up together.
-    constexpr int bits_within_a_node = 7, bits_kept_together = 28;
+    // Nodes that are close in memory are looked up together: they get slots close together. The
+    // pages are spread, or many of them could crowd in one part of the table.
+    constexpr int bits_within_a_node = 7, bits_kept_together = 12;
     const auto address = reinterpret_cast<std::uintptr_t>(c);
     std::size_t i =
         ((address >> bits_within_a_node) + spread(address >> bits_kept_together)) & mask_;
-    while (slots_[i].by_address != nullptr && slots_[i].by_address != c) i = (i + 1) & mask_;
+    while (by_address_[i] != nullptr && by_address_[i] != c) i = (i + 1) & mask_;
     return i;
   }
 
-  std::vector<Slot> slots_;
+  std::vector<const Cell*> by_address_;
+  std::vector<PlaceSlot> by_place_;
   std::size_t mask_;
 };
 
@@ -163,39 +179,43 @@ void check_list(Check& check) {
 // Single nodes
 // ---------------------------------------------------------------------------------------------
 
-/// The place of a node on the lattice of its ipos: offsets in units of dist_0 / 2^k, with k half of
-/// ipos rounded up.
-void check_place(Check& check, const Cell& c, double scale) {
-  const double tolerance = check.tolerance * scale;
-  constexpr double can_be_told = 0.25;
-  if (tolerance > can_be_told || c.ipos < 0) return;
-  const double i = std::nearbyint((c.x - x_min) / dist_0 * scale);
-  const double j = std::nearbyint((c.y - y_min) / dist_0 * scale);
-  const double off = std::max(std::abs((c.x - x_min) / dist_0 * scale - i),
-                              std::abs((c.y - y_min) / dist_0 * scale - j));
+/// Positions in units of dist_0 / scale; not whole numbers where the node is off its lattice.
+Place nearest_place(const Cell& c, double scale) {
   constexpr double largest_index = 9e15;  // whole numbers up to here are exact
-  if (!(off <= tolerance) || !(std::abs(i) < largest_index && std::abs(j) < largest_index)) {
+  const auto index = [&](double offset) {
+    const double nearest = std::nearbyint(offset / dist_0 * scale);
+    return std::abs(nearest) < largest_index ? static_cast<std::int64_t>(nearest) : 0;
+  };
+  Place place{index(c.x - x_min), index(c.y - y_min)};
+  place.key = NodeTable::spread(static_cast<std::uint64_t>(place.column) * 0xd6e8feb86659fd93 +
+                                static_cast<std::uint64_t>(place.row) * 2 +
+                                static_cast<std::uint64_t>(c.ipos));
+  return place;
+}
+
+void check_position(Check& check, const Cell& c, const Place& place, double scale) {
+  constexpr double can_be_told = 0.25;
+  const double step = dist_0 / scale, margin = check.tolerance * dist_0;
+  if (margin > can_be_told * step || c.ipos < 0) return;
+  const double off = std::max(std::abs(c.x - x_min - static_cast<double>(place.column) * step),
+                              std::abs(c.y - y_min - static_cast<double>(place.row) * step));
+  if (!(off <= margin)) {
     check.report("position", "the node does not lie on the lattice of its ipos", &c);
     return;
   }
-  const double margin = check.tolerance * dist_0;
   if (c.x < x_min - margin || c.x > domain.x_max + margin || c.y < y_min - margin ||
       c.y > domain.y_max + margin) {
     check.report("position", "the node lies outside of the domain", &c);
   }
-  const auto column = static_cast<std::int64_t>(i), row = static_cast<std::int64_t>(j);
-  const int nb_odd = (column % 2 != 0 ? 1 : 0) + (row % 2 != 0 ? 1 : 0);
+  const int nb_odd = (place.column % 2 != 0 ? 1 : 0) + (place.row % 2 != 0 ? 1 : 0);
   if (c.ipos > 0 && nb_odd != (c.ipos % 2 != 0 ? 2 : 1)) {
     check.report("position", "ipos is not that of the position", &c);
   }
-  const double half_step = 0.5 * dist_0 / scale;
   const auto is_same_place = [&](const Cell& other) {
-    return other.ipos == c.ipos && std::abs(other.x - c.x) < half_step &&
-           std::abs(other.y - c.y) < half_step;
+    return other.ipos == c.ipos && std::abs(other.x - c.x) < 0.5 * step &&
+           std::abs(other.y - c.y) < 0.5 * step;
   };
-  const auto place = static_cast<std::uint64_t>(column) * 0xd6e8feb86659fd93 +
-                     static_cast<std::uint64_t>(row) * 2 + static_cast<std::uint64_t>(c.ipos);
-  const Cell* at_place = check.nodes.node_at(place, &c, is_same_place);
+  const Cell* at_place = check.nodes.node_at(place.key, &c, is_same_place);
   if (at_place != &c) check.report("unique", "two nodes have the same position", &c, at_place);
 }
 
@@ -289,19 +309,37 @@ void check_cell(Check& check, const Cell& c) {
   for (std::size_t side = 0; side < 4; ++side) check.side_length[side] += faces.side[side];
 }
 
+void check_node(Check& check, const Cell& c) {
+  check_numbers(check, c);
+  check_sides(check, c);
+  if (check_links(check, c)) {
+    check_cell(check, c);
+  } else {
+    check.links_hold = false;
+  }
+}
+
 void check_nodes(Check& check) {
+  constexpr std::int32_t nodes_at_a_time = 16;
+  std::array<Place, nodes_at_a_time> places;
   for (std::size_t l = 0; l < check.nodes_in_stretch.size(); ++l) {
     const double scale = std::ldexp(1.0, static_cast<int>((l + 1) / 2));
-    const Cell* c = level_beg[l].next;
-    for (std::int32_t i = 0; i < check.nodes_in_stretch[l]; ++i, c = c->next) {
-      check_numbers(check, *c);
-      check_place(check, *c, scale);
-      check_sides(check, *c);
-      if (check_links(check, *c)) {
-        check_cell(check, *c);
-      } else {
-        check.links_hold = false;
+    const Cell* first = level_beg[l].next;
+    std::int32_t left = check.nodes_in_stretch[l];
+    while (left > 0) {
+      const auto n = static_cast<std::size_t>(std::min(left, nodes_at_a_time));
+      const Cell* c = first;
+      for (std::size_t i = 0; i < n; ++i, c = c->next) {
+        places[i] = nearest_place(*c, scale);
+        check.nodes.prepare(places[i].key);
       }
+      c = first;
+      for (std::size_t i = 0; i < n; ++i, c = c->next) {
+        check_position(check, *c, places[i], scale);
+        check_node(check, *c);
+      }
+      first = c;
+      left -= static_cast<std::int32_t>(n);
     }
   }
 }
@@ -335,7 +373,7 @@ std::size_t check_mesh(std::vector<Finding>& findings) {
     check_nodes(check);
     if (nb_nodes > 0 && check.links_hold) check_sums(check);
   } catch (const std::bad_alloc&) {
-    allocation_failed(nb_nodes_at_most * 4 * sizeof(Cell*));
+    allocation_failed(std::bit_ceil(2 * nb_nodes_at_most + 2) * 3 * sizeof(Cell*));
   }
   return findings.size();
 }

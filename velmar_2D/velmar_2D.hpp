@@ -488,7 +488,7 @@ struct Finding {
 /// Can be called at any time, in the joined and in the split state, also where there is no mesh,
 /// but not by a callback. Changes and prints nothing. Links are followed only where they lead to
 /// nodes of the list, so that a mesh that was damaged through its public fields can be checked.
-/// Cost: linear in the number of nodes, with a table of 32 to 64 bytes a node.
+/// Cost: linear in the number of nodes, with a table of 48 to 96 bytes a node.
 ///
 /// @param findings  receives the findings, in list order
 /// @return their number; 0 for a whole mesh
