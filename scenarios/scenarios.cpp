@@ -1,6 +1,8 @@
 #include "scenarios/scenarios.hpp"
 
+#include <bit>
 #include <cmath>
+#include <limits>
 
 namespace velmar_2d::scenarios {
 
@@ -42,5 +44,56 @@ size_function ring_spacing(const Ring& ring, double grading, double finest, doub
 }
 
 Ring travelling_ring(double time) { return {0.3 + 0.4 * time, 0.5, 0.3}; }
+
+std::uint64_t Random::next() {
+  std::uint64_t z = state += 0x9e3779b97f4a7c15U;
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9U;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebU;
+  return z ^ (z >> 31);
+}
+
+double Random::uniform() { return std::ldexp(static_cast<double>(next() >> 11), -53); }
+
+int Random::between(int first, int last) {
+  return first + static_cast<int>(next() % static_cast<std::uint64_t>(last - first + 1));
+}
+
+double position_noise(double x, double y, std::uint64_t seed) {
+  Random random{seed};
+  random.state = random.next() ^ std::bit_cast<std::uint64_t>(x);
+  random.state = random.next() ^ std::bit_cast<std::uint64_t>(y);
+  return random.uniform();
+}
+
+size_function even_spacing(double spacing) {
+  return [=](double, double, std::span<const double>, double, double) { return spacing; };
+}
+
+size_function jumping_spacing(double at, double finest, double coarsest) {
+  return [=](double x, double, std::span<const double>, double, double) {
+    return x < at ? finest : coarsest;
+  };
+}
+
+size_function random_spacing(std::uint64_t seed, double share, double finest, double coarsest) {
+  return [=](double x, double y, std::span<const double>, double, double) {
+    if (position_noise(x, y, seed) < share) return finest;
+    return finest + (coarsest - finest) * position_noise(y, x, seed + 1);
+  };
+}
+
+size_function hostile_spacing(std::uint64_t seed, size_function otherwise) {
+  return [=](double x, double y, std::span<const double> data, double grad, double grad2) {
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    constexpr std::array<double, 6> bad = {0.0,
+                                           -1.0,
+                                           infinity,
+                                           -infinity,
+                                           std::numeric_limits<double>::quiet_NaN(),
+                                           std::numeric_limits<double>::denorm_min()};
+    const auto choice = static_cast<std::size_t>(12.0 * position_noise(x, y, seed));
+    return choice < bad.size() ? bad[choice] : otherwise(x, y, data, grad, grad2);
+  };
+}
 
 }  // namespace velmar_2d::scenarios

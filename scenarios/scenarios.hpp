@@ -27,4 +27,29 @@ size_function ring_spacing(const Ring& ring, double grading, double finest, doub
 /// The ring of radius 0.3 whose centre moves from (0.3, 0.5) to (0.7, 0.5), at time 0 to 1.
 Ring travelling_ring(double time);
 
+/// Pseudo-random numbers that are the same on every machine (splitmix64).
+struct Random {
+  std::uint64_t state = 0;
+  std::uint64_t next();
+  double uniform();                  ///< in [0, 1)
+  int between(int first, int last);  ///< in first .. last
+};
+
+/// A number in [0, 1) that depends on the position and the seed only.
+double position_noise(double x, double y, std::uint64_t seed);
+
+/// The same wanted spacing everywhere.
+size_function even_spacing(double spacing);
+
+/// Wanted spacing `finest` left of the line x = at, `coarsest` right of it.
+size_function jumping_spacing(double at, double finest, double coarsest);
+
+/// Wanted spacing `finest` at a `share` of all positions, chosen by position_noise(), and anything
+/// between the two elsewhere.
+size_function random_spacing(std::uint64_t seed, double share, double finest, double coarsest);
+
+/// What no size function should return, at half of all positions: 0, negative values, infinities
+/// and not-a-number, chosen by position_noise(); `otherwise` at the other half.
+size_function hostile_spacing(std::uint64_t seed, size_function otherwise);
+
 }  // namespace velmar_2d::scenarios

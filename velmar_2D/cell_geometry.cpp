@@ -53,16 +53,9 @@ Surroundings surroundings_of(const Cell& c) {
       s.sides |= in_direction(d, 0x80);
       continue;
     }
-    const unsigned stored = stored_level(c, *neighbour, d, per_dist_0);
-    s.on_lattice = s.on_lattice && stored != off_lattice;
-    s.levels |= in_direction(d, stored);
+    s.levels |= in_direction(d, stored_level(c, *neighbour, d, per_dist_0));
   }
   return s;
-}
-
-int spacing_level_of_link(const Cell& c, int direction) {
-  return static_cast<int>(stored_level(c, *link(c, direction).cell(), direction, 1.0 / dist_0)) -
-         spacing_level_offset;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -110,22 +103,42 @@ constexpr bool symmetric_about(const Surroundings& s, int side) {
   return same(s, mirrored(s, 2 * side + 4));
 }
 
-/// Sum of the triangles between the node and its faces. A half face is as long as half the
-/// distance r to the neighbour, so each half gives a triangle of r^2 / 8.
-constexpr double relative_area(const Surroundings& s) {
+/// Fills in areas and lengths. A half face is as long as half the distance r to the neighbour, so
+/// each half stands for a triangle of area r^2 / 8.
+///
+///          | 2  |          A domain side is bounded where the nearer of the two links on its
+///       ---c----.---- e    hand meets it: half way to the node along the side, or where the
+///          |  \ |          bisector of the diagonal link reaches it, as far away as the
+///          |   se          diagonal link is wide.
+constexpr void measure(KnownShape& shape, int level) {
+  const Surroundings& s = shape.surroundings;
   const MissingHalves missing = missing_halves(s);
-  double area = 0.0;
+  std::array<double, nb_directions> along_side{};  // what a link leaves of a straight side
   for (int d = 0; d < nb_directions; ++d) {
-    const int level = static_cast<int>(byte_at(s.levels, d)) - 1;
-    if (level < 0) continue;
-    const int halves = (byte_at(missing.clockwise, d) == 0) + (byte_at(missing.anticlockwise, d) == 0);
-    area += halves * exact_power_of_2(-level) / 8;
+    if (byte_at(s.levels, d) == 0) continue;
+    const auto i = static_cast<std::size_t>(d);
+    const int spacing_level = static_cast<int>(byte_at(s.levels, d)) - 1 + level;
+    const int halves =
+        (byte_at(missing.clockwise, d) == 0) + (byte_at(missing.anticlockwise, d) == 0);
+    shape.distance[i] = exact_power_of_2(-((spacing_level + 1) >> 1));
+    shape.length[i] = halves * shape.distance[i] / 2;
+    shape.area += halves * exact_power_of_2(level - spacing_level) / 8;
+    along_side[i] = shape.distance[i] / (d % 2 == 0 ? 2 : 1);
   }
-  return area;
+  for (const int side : straight_directions) {
+    if (byte_at(s.sides, side) == 0) continue;
+    for (const int hand : {1, -1}) {
+      const int along = (side + 2 * hand) & 7, diagonal = (side + 3 * hand) & 7;
+      const bool cut_by_diagonal = byte_at(s.levels, diagonal) > byte_at(s.levels, along);
+      shape.side[static_cast<std::size_t>(side / 2)] +=
+          along_side[static_cast<std::size_t>(cut_by_diagonal ? diagonal : along)];
+    }
+  }
 }
 
 struct Catalogue {
-  static constexpr std::size_t capacity = 160;
+  /// Inside, on sides, at corners.
+  static constexpr std::size_t capacity = 70 + 64 + 16;
 
   std::array<KnownShape, capacity> shapes{};
   std::size_t n = 0;
@@ -151,8 +164,9 @@ struct Catalogue {
     shape.type = static_cast<std::uint8_t>(type);
     shape.shift = static_cast<std::uint8_t>(shift);
     shape.surroundings = s;
-    while (byte_at(s.levels, shape.farthest) != 1) ++shape.farthest;
-    shape.area = relative_area(s);
+    int farthest = 0;
+    while (byte_at(s.levels, farthest) != 1) ++farthest;
+    measure(shape, farthest % 2);
     by_signature[index(shape.signature)] = static_cast<std::uint8_t>(++n);
   }
 
@@ -190,23 +204,59 @@ struct Catalogue {
 };
 
 constexpr Catalogue catalogue;
+static_assert(catalogue.n == Catalogue::capacity);
 
 }  // namespace
-
-std::span<const KnownShape> known_shapes() { return std::span(catalogue.shapes).first(catalogue.n); }
 
 const KnownShape* known_shape(const Signature& signature) {
   const std::size_t i = catalogue.by_signature[Catalogue::index(signature)];
   return i == 0 ? nullptr : &catalogue.shapes[i - 1];
 }
 
-const KnownShape* fitting_shape(const Surroundings& s) {
-  const KnownShape* shape = known_shape(signature_of(s));
-  if (shape == nullptr || !s.on_lattice || s.sides != shape->surroundings.sides) return nullptr;
-  // Both rings hold nodes in the same directions: lift the shape's levels to those found.
-  const std::uint64_t lift = byte_at(s.levels, shape->farthest) - 1;
+namespace {
+
+/// The signature as far as the node's own record tells it: a link level is the number of halves of
+/// the face, once the node has left level 0.
+Finding look_at_record(const Cell& c) {
+  unsigned cells = 0, full = 0;
+  for (int d = 0; d < nb_directions; ++d) {
+    const unsigned cell = link(c, d).cell() != nullptr ? 128U >> d : 0U;
+    cells |= cell;
+    full |= c.*link_level_members[static_cast<std::size_t>(d)] == 2 ? cell : 0U;
+  }
+  const Signature signature = {static_cast<std::uint8_t>(cells), static_cast<std::uint8_t>(full)};
+  return {signature, known_shape(signature)};
+}
+
+/// The shape by what the neighbours' positions tell. More than the signature decides: the same
+/// faces may be complete around a node whose links have other lengths.
+Finding look_around(const Cell& c) {
+  const Surroundings s = surroundings_of(c);
+  Finding found{signature_of(s), nullptr};
+  const KnownShape* shape = known_shape(found.signature);
+  if (shape == nullptr) return found;
+  const auto lift = static_cast<Ring>(c.level + spacing_level_offset - 1);
   const Ring lifted = shape->surroundings.levels + lift * (occupied(s.levels) >> 7);
-  return lifted == s.levels ? shape : nullptr;
+  if (lifted == s.levels && s.sides == shape->surroundings.sides) {
+    found.shape = shape;
+  } else {
+    found.signature[1] = no_fit;
+  }
+  return found;
+}
+
+}  // namespace
+
+Finding look_at(const Cell& c) {
+  if (c.signature_set) {
+    const KnownShape* shape = known_shape(c.signature);
+    if (shape != nullptr) return {c.signature, shape};
+  }
+  if (c.level > 0) {
+    const Finding found = look_at_record(c);
+    if (found.shape != nullptr) return found;
+  }
+  return look_around(c);
 }
 
 }  // namespace velmar_2d::detail

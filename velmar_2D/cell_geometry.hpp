@@ -7,9 +7,9 @@
 // as one Ring: a 64-bit word with one byte per direction, in which an eighth turn is a rotation.
 #pragma once
 
-#include "velmar_2D/internal.hpp"
-
 #include <bit>
+
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 
@@ -64,10 +64,7 @@ inline constexpr unsigned off_lattice = 126;
 struct Surroundings {
   Ring levels = 0;  ///< spacing level + offset where there is a Cell, otherwise 0
   Ring sides = 0;   ///< top bit where there is a Boundary
-  /// Whether every linked Cell lies in its link's direction, at a spacing of the lattice.
-  bool on_lattice = true;
 
-  bool has_cell(int direction) const { return byte_at(levels, direction) != 0; }
   /// Of a Cell on the lattice.
   int spacing_level(int direction) const {
     return static_cast<int>(byte_at(levels, direction)) - spacing_level_offset;
@@ -75,10 +72,10 @@ struct Surroundings {
 };
 
 constexpr Surroundings turned(const Surroundings& s, int eighths) {
-  return {turned(s.levels, eighths), turned(s.sides, eighths), s.on_lattice};
+  return {turned(s.levels, eighths), turned(s.sides, eighths)};
 }
 constexpr Surroundings mirrored(const Surroundings& s, int axis) {
-  return {mirrored(s.levels, axis), mirrored(s.sides, axis), s.on_lattice};
+  return {mirrored(s.levels, axis), mirrored(s.sides, axis)};
 }
 
 using Signature = std::array<std::uint8_t, 2>;
@@ -110,8 +107,6 @@ inline constexpr std::array<double, nb_directions> away_y = {1, 1, 0, -1, -1, -1
 
 /// Reads the links of a node and the positions of the nodes that they designate.
 Surroundings surroundings_of(const Cell& c);
-/// The same for one link that designates a Cell on the lattice.
-int spacing_level_of_link(const Cell& c, int direction);
 
 constexpr Signature signature_of(const Surroundings& s) {
   return {signature_bits(occupied(s.levels)), signature_bits(full_faces(s))};
@@ -121,49 +116,48 @@ constexpr Signature signature_of(const Surroundings& s) {
 // Known shapes (cell_geometry.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// One orientation of a known shape.
+/// One orientation of a known shape. Areas and lengths are relative: a node at level L has the
+/// units
+///     area:    dist_0^2 / 2^L
+///     length:  straight h = dist_0 / 2^(L/2), diagonal h sqrt(2); L/2 rounded down
+/// so that the table holds sums of few powers of 2, and both ends of a link, whatever their levels,
+/// get the same length to the last bit.
 struct KnownShape {
   Signature signature{};
   std::uint8_t type = 0, shift = 0;  ///< as given by cell_type()
-  Surroundings surroundings;         ///< spacing levels relative to the farthest node's, plus 1
-  int farthest = 0;                  ///< direction of a node at the largest distance
-  double area = 0.0;                 ///< in units of that distance squared
+  Surroundings surroundings;         ///< spacing levels above the node's level, plus 1
+  double area = 0.0;
+  std::array<double, nb_directions> distance{}, length{};  ///< of the faces; 0 where there is none
+  std::array<double, 4> side{};                            ///< of the domain sides n, e, s, w
 };
 
 /// The shape with this signature, or nullptr.
 const KnownShape* known_shape(const Signature& signature);
-/// Every orientation of every known shape: by type, then by shift.
-std::span<const KnownShape> known_shapes();
 
-/// The shape that these surroundings have, or nullptr. More than the signature decides: the same
-/// faces may be complete around a node whose links have other lengths.
-const KnownShape* fitting_shape(const Surroundings& s);
+/// What a look at a node tells: its signature and, unless nothing known fits, its shape.
+struct Finding {
+  Signature signature{};
+  const KnownShape* shape = nullptr;
+};
 
-/// Sets `signature` and `signature_set`; the shape, or nullptr after the warning for unknown ones.
+/// Classifies a node, by its cached signature where that holds. Reads the neighbours only if need
+/// be.
+Finding look_at(const Cell& c);
+/// The same; keeps the signature, and gives the warning for unknown shapes.
 const KnownShape* classify(Cell& c);
 
-/// Area for a signature, in units of the largest distance to a linked node squared, which is
-/// dist_0^2 / 2^level; negative where no shape is known.
+/// Area for a signature, in units of dist_0^2 / 2^level; negative where no shape is known.
 double quick_cell_area(const Signature& signature);
-
-// ---------------------------------------------------------------------------------------------
-// Lengths on the lattice. They depend on the spacing level alone, so that both ends of a link get
-// the same value to the last bit, wherever the domain lies.
-// ---------------------------------------------------------------------------------------------
 
 /// 2^exponent for exponents in the range of normal numbers.
 constexpr double exact_power_of_2(int exponent) {
   return std::bit_cast<double>(static_cast<std::uint64_t>(1023 + exponent) << 52);
 }
-/// dist_0 / 2^(l/2).
-inline double spacing(int spacing_level) {
+/// Units of length for a node at this level: straight and diagonal.
+inline std::array<double, 2> length_units(std::int32_t level) {
   constexpr double sqrt_of_2 = 1.4142135623730951;
-  const int halvings = (spacing_level + 1) >> 1;
-  return dist_0 * exact_power_of_2(-halvings) * ((spacing_level & 1) != 0 ? sqrt_of_2 : 1.0);
-}
-/// dist_0^2 / 2^l.
-inline double spacing_squared(int spacing_level) {
-  return dist_0 * dist_0 * exact_power_of_2(-spacing_level);
+  const double straight = dist_0 * exact_power_of_2(-(level >> 1));
+  return {straight, straight * sqrt_of_2};
 }
 
 // ---------------------------------------------------------------------------------------------

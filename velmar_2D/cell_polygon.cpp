@@ -5,10 +5,10 @@
 //   w .  |   c   |  . e      new ones on it. Every edge remembers the line it lies on, and
 //        ----+---------      corners are intersections of lines: so they are as exact for
 //            |    . s        small cells in large domains as elsewhere.
-#include "velmar_2D/cell_geometry.hpp"
-
 #include <cmath>
 #include <limits>
+
+#include "velmar_2D/cell_geometry.hpp"
 
 namespace velmar_2d {
 
@@ -67,7 +67,7 @@ Polygon rectangle_around(const Cell& c, HalfPlanes& planes) {
 HalfPlane nearer_half(const Cell& c, const Cell& neighbour, const Surroundings& s, int d) {
   double dx = neighbour.x - c.x, dy = neighbour.y - c.y;
   if (byte_at(s.levels, d) != off_lattice) {
-    const double step = spacing(s.spacing_level(d) + (d & 1));
+    const double step = length_units(s.spacing_level(d) + (d & 1))[0];
     dx = away_x[static_cast<std::size_t>(d)] * step;
     dy = away_y[static_cast<std::size_t>(d)] * step;
   }

@@ -1,7 +1,7 @@
 // Classifying the control cell of a node.
-#include "velmar_2D/cell_geometry.hpp"
-
 #include <string>
+
+#include "velmar_2D/cell_geometry.hpp"
 
 namespace velmar_2d {
 
@@ -10,29 +10,25 @@ namespace detail {
 namespace {
 
 void warn_of_unknown_shape(const Cell& c) {
-  message("(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n"
-          "                       node " + std::to_string(c.id) + " at (" + to_text(c.x) + ", " +
-          to_text(c.y) + "), level " + std::to_string(c.level) + "\n"
-          "                       signature " + std::to_string(c.signature[0]) + ", " +
-          std::to_string(c.signature[1]));
+  message(
+      "(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n"
+      "                       node " +
+      std::to_string(c.id) + " at (" + to_text(c.x) + ", " + to_text(c.y) + "), level " +
+      std::to_string(c.level) +
+      "\n"
+      "                       signature " +
+      std::to_string(c.signature[0]) + ", " + std::to_string(c.signature[1]));
   pause("[return for resume...]");
 }
 
 }  // namespace
 
 const KnownShape* classify(Cell& c) {
-  if (c.signature_set) {
-    if (const KnownShape* shape = known_shape(c.signature)) return shape;
-  }
-  const Surroundings s = surroundings_of(c);
-  const KnownShape* shape = fitting_shape(s);
-  c.signature = signature_of(s);
+  const Finding found = look_at(c);
+  c.signature = found.signature;
   c.signature_set = true;
-  if (shape == nullptr) {
-    if (known_shape(c.signature) != nullptr) c.signature[1] = no_fit;
-    warn_of_unknown_shape(c);
-  }
-  return shape;
+  if (found.shape == nullptr) warn_of_unknown_shape(c);
+  return found.shape;
 }
 
 }  // namespace detail

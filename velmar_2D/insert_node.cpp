@@ -13,6 +13,7 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
           "             (Max level of subdivisions reached)\n"
           " => you must avoid this before calling this routine");
   }
+  require_mesh(operation);  // the limit outlives a mesh, its level arrays do not
   const std::array<const Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
   for (int i = 0; i < nb_parents; ++i) {
     if (parents[static_cast<std::size_t>(i)] != nullptr) continue;

@@ -406,7 +406,8 @@ VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double*
 /// side has cut in half. docs/control_cells.md shows the shapes.
 /// Where no known shape has this signature, which happens only after links were changed by hand or
 /// nodes were inserted out of order: prints a warning, awaits RETURN, gives type 0 and shift 0.
-/// Cost: about 20 ns where the neighbours are in cache; 2 ns while `signature_set` holds.
+/// Cost: a few nanoseconds; reads the node alone, and its neighbours only where the node is still at
+/// level 0 or its links do not fit together.
 ///
 /// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner of the domain
 /// @param shift  eighth turns clockwise from the type's first shape, plus 8 if it was mirrored

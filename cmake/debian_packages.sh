@@ -1,0 +1,23 @@
+# Sourced by demo.sh and test.sh.
+
+# Installs the Debian packages that are not there yet; without any to install it needs neither root
+# rights nor a network.
+install_packages() {
+  local missing=() package
+  for package in "$@"; do
+    if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
+      missing+=("$package")
+    fi
+  done
+  if [ ${#missing[@]} -eq 0 ]; then return; fi
+
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then as_root=(sudo); fi
+  echo "installing ${missing[*]}"
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300 \
+    -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+packages_to_build=(g++ cmake ninja-build pkg-config libcairo2-dev libcli11-dev)
+packages_to_test=(libgtest-dev libbenchmark-dev)

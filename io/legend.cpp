@@ -1,0 +1,241 @@
+// The words of a picture: title, coordinates of the corners, legend.
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+
+#include "io/picture.hpp"
+
+namespace velmar_2d::io {
+namespace {
+
+constexpr double margin = 40.0;      // around everything, where there are words
+constexpr double bare_margin = 8.0;  // where there are none: room for the side lines
+constexpr double title_size = 19.0, text_size = 11.5;
+constexpr double line_height = 17.0;
+constexpr double label_width = 58.0;  // "spacing" in front of its row
+constexpr double narrowest_column = 56.0;
+constexpr const char* typeface = "sans-serif";
+
+/// Narrower paper has no room for words.
+constexpr double narrowest_with_words = 300.0;
+
+bool has_words(const PictureOptions& options) {
+  return options.frame && std::min(options.width, options.height) >= narrowest_with_words;
+}
+
+/// Shortest text with so many digits, whatever the language of the process.
+std::string to_short_text(double value, int digits) {
+  std::array<char, 32> text{};
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), value,
+                                 std::chars_format::general, digits);
+  return {text.data(), end.ptr};
+}
+std::string spacing_text(double spacing) { return to_short_text(spacing, 3); }
+std::string coordinate_text(double coordinate) { return to_short_text(coordinate, 6); }
+
+/// Margin left of the domain: y coordinates stand there.
+double left_margin(const Survey& survey) {
+  constexpr double widest_letter = 7.5, gaps = 16.0;
+  const std::size_t letters =
+      std::max(coordinate_text(survey.south).size(), coordinate_text(survey.north).size());
+  return std::max(margin, widest_letter * static_cast<double>(letters) + gaps);
+}
+
+/// 1234567 as "1 234 567".
+std::string to_grouped_text(std::int64_t value) {
+  std::string text = std::to_string(value);
+  for (std::size_t place = text.size(); place > 3; place -= 3) text.insert(place - 3, " ");
+  return text;
+}
+
+std::string counted(std::int64_t count, const char* name) {
+  return to_grouped_text(count) + " " + name + (count == 1 ? "" : "s");
+}
+
+enum class Align { left, centre, right };
+
+void write(cairo_t* pen, double column, double row, const std::string& text, Align align) {
+  cairo_text_extents_t extents;
+  cairo_text_extents(pen, text.c_str(), &extents);
+  const double share = align == Align::left ? 0.0 : align == Align::centre ? 0.5 : 1.0;
+  cairo_move_to(pen, column - share * extents.x_advance, row);
+  cairo_show_text(pen, text.c_str());
+}
+
+void choose_font(cairo_t* pen, double size, bool bold = false) {
+  cairo_select_font_face(pen, typeface, CAIRO_FONT_SLANT_NORMAL,
+                         bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
+  cairo_set_font_size(pen, size);
+}
+
+std::vector<std::int32_t> levels_that_occur(const Survey& survey) {
+  std::vector<std::int32_t> levels;
+  for (std::size_t level = 0; level < survey.nodes_of_level.size(); ++level) {
+    if (survey.nodes_of_level[level] > 0) levels.push_back(static_cast<std::int32_t>(level));
+  }
+  return levels;
+}
+
+/// The levels stand side by side, as many to a block as have room.
+std::size_t columns_of_block(double width) {
+  const double room = (width - 2.0 * margin - label_width) / narrowest_column;
+  return static_cast<std::size_t>(std::clamp(room, 1.0, 64.0));
+}
+
+constexpr std::array<const char*, 3> side_names = {"Dirichlet", "Neumann", "other"};
+
+void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std::int32_t>& levels,
+                      double left, double top, double column_width) {
+  constexpr std::array<const char*, 3> row_names = {"level", "spacing", "nodes"};
+  for (std::size_t row = 0; row < row_names.size(); ++row) {
+    set_colour(pen, palette::faint_ink);
+    write(pen, left, top + line_height * static_cast<double>(row), row_names[row], Align::left);
+  }
+  double column = left + label_width + 0.5 * column_width;
+  for (const std::int32_t level : levels) {
+    constexpr double pill_width = 34.0, pill_height = 14.0;
+    cairo_set_line_cap(pen, CAIRO_LINE_CAP_ROUND);
+    cairo_set_line_width(pen, pill_height);
+    set_colour(pen, colour_of_level(survey, level));
+    cairo_move_to(pen, column - 0.5 * (pill_width - pill_height), top - 4.0);
+    cairo_rel_line_to(pen, pill_width - pill_height, 0.0);
+    cairo_stroke(pen);
+    set_colour(pen, palette::paper);
+    choose_font(pen, text_size, true);
+    write(pen, column, top, std::to_string(level), Align::centre);
+    choose_font(pen, text_size);
+    set_colour(pen, palette::ink);
+    write(pen, column, top + line_height, spacing_text(spacing_of_level(level)), Align::centre);
+    write(pen, column, top + 2.0 * line_height,
+          to_grouped_text(survey.nodes_of_level[static_cast<std::size_t>(level)]), Align::centre);
+    column += column_width;
+  }
+}
+
+void draw_side_kinds(cairo_t* pen, const Survey& survey, double left, double row) {
+  set_colour(pen, palette::faint_ink);
+  write(pen, left, row, "sides", Align::left);
+  double column = left + label_width + 6.0;
+  for (std::size_t kind = 0; kind < side_names.size(); ++kind) {
+    if (!survey.side_kinds[kind]) continue;
+    constexpr double sample_width = 40.0, entry_width = 130.0;
+    cairo_save(pen);
+    set_side_style(pen, static_cast<std::int32_t>(kind));
+    cairo_move_to(pen, column, row - 4.0);
+    cairo_rel_line_to(pen, sample_width, 0.0);
+    cairo_stroke(pen);
+    cairo_restore(pen);
+    set_colour(pen, palette::ink);
+    write(pen, column + sample_width + 8.0, row, side_names[kind], Align::left);
+    column += entry_width;
+  }
+}
+
+std::size_t nb_blocks(const Survey& survey, double width) {
+  const std::size_t columns = columns_of_block(width);
+  return (levels_that_occur(survey).size() + columns - 1) / columns;
+}
+
+constexpr double block_height = 3.0 * line_height + 10.0;
+
+double title_height() { return 74.0; }
+
+double legend_height(const Survey& survey, double width) {
+  return 44.0 + block_height * static_cast<double>(nb_blocks(survey, width)) + line_height;
+}
+
+}  // namespace
+
+Colour colour_of_level(const Survey& survey, std::int32_t level) {
+  return level_colour(level, survey.lowest_level, survey.highest_level);
+}
+
+double spacing_of_level(std::int32_t level) { return dist_0 * std::exp2(-0.5 * level); }
+
+View place_domain(const Survey& survey, const PictureOptions& options) {
+  const bool words = has_words(options);
+  const double above = words ? title_height() : bare_margin;
+  const double below = words ? legend_height(survey, options.width) : bare_margin;
+  const double left = words ? left_margin(survey) : bare_margin;
+  const double room_x = options.width - left - (words ? margin : bare_margin);
+  const double room_y = options.height - above - below;
+  View view;
+  view.west = survey.west;
+  view.north = survey.north;
+  view.scale = std::min(room_x / (survey.east - survey.west),
+                        std::max(room_y, 1.0) / (survey.north - survey.south));
+  view.width = (survey.east - survey.west) * view.scale;
+  view.height = (survey.north - survey.south) * view.scale;
+  view.spare_height = room_y - view.height;
+  view.left = left + 0.5 * (room_x - view.width);
+  view.top = above + 0.5 * view.spare_height;
+  return view;
+}
+
+void set_colour(cairo_t* pen, const Colour& colour, double opacity) {
+  cairo_set_source_rgba(pen, colour.red, colour.green, colour.blue, opacity);
+}
+
+void set_side_style(cairo_t* pen, std::int32_t bc_type) {
+  constexpr Colour neumann{0.86, 0.33, 0.12}, other{0.35, 0.55, 0.10};
+  constexpr std::array<double, 2> dashes = {8.0, 4.0}, dots = {0.0, 5.0};
+  cairo_set_line_width(pen, side_line_width);
+  cairo_set_line_cap(pen, CAIRO_LINE_CAP_BUTT);
+  switch (bc_type) {
+    case bc_type_dir: set_colour(pen, palette::ink); break;
+    case bc_type_neu:
+      set_colour(pen, neumann);
+      cairo_set_dash(pen, dashes.data(), 2, 0.0);
+      break;
+    default:
+      set_colour(pen, other);
+      cairo_set_line_cap(pen, CAIRO_LINE_CAP_ROUND);
+      cairo_set_dash(pen, dots.data(), 2, 0.0);
+  }
+}
+
+void draw_title(cairo_t* pen, const Survey& survey, const View& view,
+                const PictureOptions& options) {
+  if (!has_words(options)) return;
+  set_colour(pen, palette::ink);
+  choose_font(pen, title_size, true);
+  write(pen, margin, 34.0, options.title.empty() ? "Adaptive mesh" : options.title, Align::left);
+  choose_font(pen, text_size);
+  set_colour(pen, palette::faint_ink);
+  write(pen, margin, 53.0,
+        counted(survey.nb_nodes, "node") + "  \xc2\xb7  " + counted(survey.nb_links, "link"),
+        Align::left);
+
+  // Coordinates of the lower left and the upper right corner, where they do not touch the sides.
+  const double below = view.top + view.height + 18.0;
+  write(pen, view.left, below, coordinate_text(survey.west), Align::centre);
+  write(pen, view.left + view.width, below, coordinate_text(survey.east), Align::centre);
+  write(pen, view.left - 10.0, view.top + view.height, coordinate_text(survey.south), Align::right);
+  write(pen, view.left - 10.0, view.top + 8.0, coordinate_text(survey.north), Align::right);
+}
+
+void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
+                 const PictureOptions& options) {
+  if (!has_words(options)) return;
+  choose_font(pen, text_size);
+  const std::vector<std::int32_t> levels = levels_that_occur(survey);
+  const std::size_t columns = columns_of_block(options.width);
+  // The columns stand under the domain where it is wide enough, their labels left of it.
+  const double left = std::max(margin, view.left - label_width);
+  const double room = std::max(view.left + view.width, options.width - left) - left - label_width;
+  const double column_width =
+      std::min(room / static_cast<double>(std::min(columns, levels.size())), 100.0);
+  double top = view.top + view.height + 48.0;
+  for (std::size_t first = 0; first < levels.size(); first += columns) {
+    const std::size_t end = std::min(first + columns, levels.size());
+    draw_level_block(pen, survey,
+                     {levels.begin() + static_cast<std::ptrdiff_t>(first),
+                      levels.begin() + static_cast<std::ptrdiff_t>(end)},
+                     margin, top, column_width);
+    top += block_height;
+  }
+  if (options.sides) draw_side_kinds(pen, survey, margin, top);
+}
+
+}  // namespace velmar_2d::io

@@ -1,0 +1,63 @@
+#include "io/palette.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+
+namespace velmar_2d::io {
+namespace {
+
+// Oklab: equal distances look equally far apart. Matrices from B. Ottosson, "A perceptual color
+// space for image processing", 2020.
+struct Oklab {
+  double lightness, a, b;
+};
+
+double to_srgb(double linear) {
+  const double value =
+      linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1.0 / 2.4) - 0.055;
+  return std::clamp(value, 0.0, 1.0);
+}
+
+Colour to_colour(const Oklab& lab) {
+  const double l = std::pow(lab.lightness + 0.3963377774 * lab.a + 0.2158037573 * lab.b, 3);
+  const double m = std::pow(lab.lightness - 0.1055613458 * lab.a - 0.0638541728 * lab.b, 3);
+  const double s = std::pow(lab.lightness - 0.0894841775 * lab.a - 1.2914855480 * lab.b, 3);
+  return {to_srgb(4.0767416621 * l - 3.3077115913 * m + 0.2309699292 * s),
+          to_srgb(-1.2684380046 * l + 2.6097574011 * m - 0.3413193965 * s),
+          to_srgb(-0.0041960863 * l - 0.7034186147 * m + 1.7076147010 * s)};
+}
+
+// Lightness, chroma and hue (degrees) of the stops of the scale, evenly spaced.
+struct Stop {
+  double lightness, chroma, hue;
+};
+constexpr std::array<Stop, 5> stops = {{{0.80, 0.115, 95.0},
+                                        {0.71, 0.125, 155.0},
+                                        {0.60, 0.105, 215.0},
+                                        {0.48, 0.155, 275.0},
+                                        {0.40, 0.190, 325.0}}};
+
+}  // namespace
+
+Colour on_scale(double value) {
+  const double last = static_cast<double>(stops.size() - 1);
+  const double place = std::clamp(value, 0.0, 1.0) * last;
+  const double whole = std::min(std::floor(place), last - 1.0);
+  const double part = place - whole;
+  const Stop& from = stops[static_cast<std::size_t>(whole)];
+  const Stop& to = stops[static_cast<std::size_t>(whole) + 1];
+  constexpr double degree = 3.14159265358979323846 / 180.0;
+  const double chroma = std::lerp(from.chroma, to.chroma, part);
+  const double hue = std::lerp(from.hue, to.hue, part) * degree;
+  return to_colour({std::lerp(from.lightness, to.lightness, part), chroma * std::cos(hue),
+                    chroma * std::sin(hue)});
+}
+
+Colour level_colour(int level, int lowest, int highest) {
+  return highest <= lowest ? on_scale(0.6)
+                           : on_scale(static_cast<double>(level - lowest) / (highest - lowest));
+}
+
+}  // namespace velmar_2d::io

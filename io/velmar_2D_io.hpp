@@ -1,0 +1,68 @@
+// velmar_2d::io: pictures of the mesh.
+//
+//     std::string error = velmar_2d::io::draw_mesh("mesh.svg");
+//     if (!error.empty()) std::cerr << error << '\n';
+//
+// Everything here reads the mesh and changes nothing in it. Nothing here prints or ends the
+// process: what goes wrong comes back as one line of text that names the file and the reason.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace velmar_2d::io {
+
+/// Pixels of a picture, row after row from the top left; each is 0xRRGGBB.
+struct Image {
+  int width = 0, height = 0;
+  std::vector<std::uint32_t> pixels;
+
+  std::uint32_t at(int column, int row) const {
+    return pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(width) +
+                  static_cast<std::size_t>(column)];
+  }
+};
+
+/// An image behind the mesh, stretched over a rectangle in the coordinates of the mesh. What lies
+/// outside the domain is not drawn.
+struct Background {
+  const Image* image = nullptr;  ///< none: white paper
+  double west = 0.0, east = 1.0, south = 0.0, north = 1.0;
+  double opacity = 1.0;  ///< 0 to 1; less leaves the image paler and the mesh clearer
+};
+
+/// What a picture shows. The defaults make a picture of the whole mesh that explains itself.
+struct PictureOptions {
+  double width = 800.0, height = 800.0;  ///< pixels in PNG files, points in SVG and PDF files
+  std::string title;                     ///< none: "Adaptive mesh"; counts are written below it
+  bool frame = true;  ///< title, corner coordinates and legend; without: the mesh alone
+  bool links = true;  ///< lines between linked nodes, in the colour of the finer level
+  bool nodes = true;  ///< dots in the colour of the level
+  bool sides = true;  ///< lines along the sides, by kind of condition
+  Background background;
+};
+
+/// Draws the mesh as it stands to an .svg, .png or .pdf file; the extension chooses.
+///
+/// The domain is drawn as large as fits, its shape kept, y upwards. Lines and dots are as fine as
+/// the links around them are short. No file tells when it was drawn: the same program gives the
+/// same bytes. It is written beside its place and then renamed: it is complete, or what stood there
+/// before is untouched. Cost: linear in the number of nodes.
+///
+/// @return nothing on success; otherwise one line: the path and the reason (no mesh, unknown
+///         extension, no such folder, disk full, size not from 64 to 16384 ...)
+[[nodiscard]] std::string draw_mesh(const std::string& path, const PictureOptions& options = {});
+
+/// Reads a PNG file of any kind; transparent parts become white.
+///
+/// @param image  receives the pixels; unchanged where the file cannot be read
+/// @return       nothing on success; otherwise one line: the path and the reason
+[[nodiscard]] std::string read_png(const std::string& path, Image& image);
+
+/// The size that a picture of the current domain needs to be `width` wide with no empty paper:
+/// its height, at least a quarter and at most four times the width.
+double fitting_height(double width, const PictureOptions& options = {});
+
+}  // namespace velmar_2d::io

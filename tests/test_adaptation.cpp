@@ -1,0 +1,192 @@
+// The mesh as a whole under a wanted spacing.
+#include <algorithm>
+#include <cmath>
+#include <set>
+#include <tuple>
+
+#include "scenarios/scenarios.hpp"
+#include "support/mesh_checker.hpp"
+#include "support/mesh_view.hpp"
+
+namespace velmar_2d::tests {
+namespace {
+
+using Adaptation = MeshTest;
+
+/// The spacing of a level that need not be whole.
+double spacing_of(double level) { return dist_0 * std::exp2(-0.5 * level); }
+
+// Refinement has no margin: a level that is asked for exactly is reached everywhere. The few nodes
+// beyond it complete figures that had begun to be refined.
+TEST_F(Adaptation, EvenSpacingGivesAnEvenGrid) {
+  for (int k = 0; k <= 3; ++k) {
+    make_grid(4, 3, 9);
+    for (int i = 0; i < 4; ++i) update_mesh_no_init(scenarios::even_spacing(std::ldexp(1.0, -k)));
+    int on_the_grid = 0, beyond = 0;
+    for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      ++(c->ipos <= 2 * k ? on_the_grid : beyond);
+      EXPECT_GE(c->level, 2 * k);
+      EXPECT_LE(c->level, 2 * k + 1);
+    }
+    EXPECT_EQ(on_the_grid, ((3 << k) + 1) * ((2 << k) + 1));
+    EXPECT_LE(beyond, on_the_grid / 10);
+    EXPECT_TRUE(mesh_is_whole());
+    delete_mesh();
+  }
+}
+
+// Coarsening has a margin of 1.05 levels, to both sides of which the mesh is asked for here.
+TEST_F(Adaptation, NodesStayUntilTheWantedLevelIsClearlyLower) {
+  for (const int level : {2, 4}) {
+    make_grid(3, 3, level);
+    const auto update_to = [](double wanted) {
+      update_mesh_no_init(scenarios::even_spacing(spacing_of(wanted)));
+      return nb_nodes;
+    };
+    update_to(level);
+    const std::int32_t fine = update_to(level);
+    EXPECT_EQ(update_to(level - 1.04), fine);
+    EXPECT_LT(update_to(level - 1.06), fine);
+    EXPECT_TRUE(mesh_is_whole());
+    delete_mesh();
+  }
+}
+
+TEST_F(Adaptation, LimitOf0FreezesTheGrid) {
+  make_grid(4, 4, 0);
+  const auto before = describe_mesh();
+  update_mesh_no_init(scenarios::even_spacing(0.0));
+  update_mesh_no_init(scenarios::even_spacing(1e9));
+  EXPECT_EQ(describe_mesh(), before);
+}
+
+TEST_F(Adaptation, AtTheLimitTheMeshStillFollows) {
+  scenarios::init_unit_square(9, 9, 4);
+  for (int i = 0; i <= 10; ++i)
+    update_mesh_no_init(
+        scenarios::ring_spacing(scenarios::travelling_ring(0.1 * i), 1.0, 0.0, 1.0));
+  int fine_nodes = 0;
+  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    if (c->level < 3) continue;
+    ++fine_nodes;
+    EXPECT_LT(scenarios::travelling_ring(1.0).distance(c->x, c->y), 0.2) << c->x << ' ' << c->y;
+  }
+  EXPECT_GT(fine_nodes, 50);
+  EXPECT_TRUE(mesh_is_whole());
+}
+
+TEST_F(Adaptation, SizeFunctionSeesTheNodeAndItsData) {
+  n_cell_data = 2;
+  make_grid(3, 3, 2);
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[1] = c->x + 10.0 * c->y;
+  std::set<std::pair<double, double>> seen;
+  bool right_data = true;
+  update_mesh_no_init([&](double x, double y, std::span<const double> data, double, double) {
+    seen.insert({x, y});
+    right_data = right_data && data.size() == 2 && data[1] == x + 10.0 * y;
+    return 1.0;
+  });
+  EXPECT_EQ(seen.size(), 9U);
+  EXPECT_TRUE(right_data);
+}
+
+TEST_F(Adaptation, DataOfNewNodesComeFromTheChosenSource) {
+  n_cell_data = 1;
+  make_grid(3, 3, 4);
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = 2.0 * c->x - c->y;
+  update_mesh_no_init(scenarios::even_spacing(0.25));
+  EXPECT_TRUE(data_interpolation);
+  EXPECT_FALSE(init_data_ptr);
+  for (const Cell* c = mesh_beg; c != nullptr; c = c->next)
+    EXPECT_DOUBLE_EQ(c->data[0], 2.0 * c->x - c->y) << "a plane is interpolated exactly";
+  const std::int32_t first_new = next_id;
+  set_subdiv_max(2);
+  set_subdiv_max(4);
+  update_mesh_init(scenarios::even_spacing(0.25), [](double x, double y) { return 100.0 + x * y; });
+  EXPECT_FALSE(data_interpolation);
+  EXPECT_TRUE(init_data_ptr);
+  int checked = 0;
+  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    if (c->id < first_new) continue;
+    ++checked;
+    EXPECT_EQ(c->data[0], 100.0 + c->x * c->y);
+  }
+  EXPECT_EQ(checked, nb_nodes - 25);
+}
+
+using Nodes = std::set<std::tuple<double, double, std::int32_t>>;
+
+/// The mesh of a field that was mirrored or turned, mirrored or turned back. The grid is a square
+/// and its coordinates are dyadic, so that no rounding comes in between.
+Nodes adapted_to(const scenarios::Ring& ring, void (*turn)(double& x, double& y)) {
+  scenarios::init_unit_square(9, 9, 8);
+  const size_function size = scenarios::ring_spacing(ring, 0.3, dist_0 / 16.0, dist_0);
+  for (int i = 0; i < 4; ++i) {
+    update_mesh_no_init([&](double x, double y, std::span<const double> data, double g, double g2) {
+      turn(x, y);
+      return size(x, y, data, g, g2);
+    });
+  }
+  Nodes nodes;
+  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    double x = c->x, y = c->y;
+    turn(x, y);
+    nodes.insert({x, y, c->level});
+  }
+  delete_mesh();
+  return nodes;
+}
+
+// No direction is treated differently from the others. (Ties between neighbours are broken by the
+// order of the list, so a few fields differ in a few nodes; these do not.)
+TEST_F(Adaptation, MirroredFieldGivesTheMirroredMesh) {
+  for (const scenarios::Ring& ring :
+       {scenarios::Ring{0.5, 0.5, 0.3}, scenarios::Ring{0.25, 0.375, 0.25},
+        scenarios::Ring{0.9, 0.2, 0.4}, scenarios::Ring{0.1, 0.6, 0.1}}) {
+    const Nodes nodes = adapted_to(ring, [](double&, double&) {});
+    EXPECT_GT(nodes.size(), 300U);
+    EXPECT_TRUE(nodes == adapted_to(ring, [](double& x, double&) { x = 1.0 - x; }));
+    EXPECT_TRUE(nodes == adapted_to(ring, [](double&, double& y) { y = 1.0 - y; }));
+    EXPECT_TRUE(nodes == adapted_to(ring, [](double& x, double& y) { std::swap(x, y); }));
+  }
+}
+
+TEST_F(Adaptation, SteadyFieldStopsChanging) {
+  scenarios::init_unit_square(17, 17, 8);
+  const size_function size = scenarios::ring_spacing({0.4, 0.45, 0.3}, 0.1, dist_0 / 16.0, dist_0);
+  for (int i = 0; i < 3; ++i) update_mesh_no_init(size);
+  const std::string steady = fingerprint();
+  for (int i = 0; i < 5; ++i) {
+    update_mesh_no_init(size);
+    EXPECT_EQ(fingerprint(), steady) << "update " << i;
+  }
+}
+
+// Node count and hash of all positions and levels. A change of these meshes is a change of what
+// every user's program computes: make it on purpose.
+TEST_F(Adaptation, GoldenMeshes) {
+  const auto run = [](std::int32_t limit, int updates, auto size_at) {
+    scenarios::init_unit_square(17, 17, limit);
+    for (int i = 0; i < updates; ++i) update_mesh_no_init(size_at((i + 1.0) / updates));
+    const std::string result = fingerprint();
+    EXPECT_TRUE(mesh_is_whole());
+    delete_mesh();
+    return result;
+  };
+  EXPECT_EQ(run(8, 10,
+                [](double time) {
+                  return scenarios::ring_spacing(scenarios::travelling_ring(time), 0.1,
+                                                 dist_0 / 16.0, dist_0);
+                }),
+            "13194 nodes, b66a594f1039456e");
+  EXPECT_EQ(
+      run(5, 3,
+          [](double time) { return scenarios::jumping_spacing(time, 0.3 * dist_0, 2.0 * dist_0); }),
+      "4193 nodes, 2fa1f22c4765610d");
+  EXPECT_EQ(
+      run(9, 4, [](double) { return scenarios::random_spacing(42, 0.02, dist_0 / 16.0, dist_0); }),
+      "4534 nodes, 34a2387428f11e1b");
+}
+
+}  // namespace
+}  // namespace velmar_2d::tests

@@ -1,0 +1,395 @@
+// Gradient and Hessian of the data, on whole meshes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <random>
+
+#include "scenarios/scenarios.hpp"
+#include "support/child_process.hpp"
+#include "support/literal_derivatives.hpp"
+#include "support/mesh_view.hpp"
+#include "velmar_2D/derivatives.hpp"
+
+namespace velmar_2d::tests {
+namespace {
+
+using Path = LiteralDerivatives::Path;
+
+struct Domain {
+  double x, y, size;
+};
+
+class Derivatives : public MeshTest {
+ protected:
+  /// A mesh that a ring has moved over, out of the domain in part, with values of a field of the
+  /// position. Radius and position are measured in the domain's size.
+  template <typename Field>
+  static void make_mesh(const Domain& domain, double radius, int nx, int ny, int limit,
+                        int nb_updates, Field&& field) {
+    n_cell_data = 1;
+    const double height = domain.size * (ny - 1) / (nx - 1);
+    scenarios::set_domain(domain.x, domain.x + domain.size, domain.y, domain.y + height);
+    double y_max = 0.0;
+    init_mesh(scenarios::all_dirichlet, nx, ny, limit, y_max);
+    const auto value = [=](double x, double y) {
+      return field((x - domain.x) / domain.size, (y - domain.y) / domain.size);
+    };
+    for (int i = 0; i < nb_updates; ++i) {
+      const double way = 0.1 + 0.8 * i / nb_updates;
+      const scenarios::Ring ring{domain.x + way * domain.size, domain.y + 0.3 * domain.size,
+                                 radius * domain.size};
+      const double finest = dist_0 / std::exp2(limit / 2.0);
+      update_mesh_init(scenarios::ring_spacing(ring, 0.3, finest, dist_0), value);
+    }
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = value(c->x, c->y);
+  }
+};
+
+double wave(double x, double y) { return std::sin(3.0 * x + 1.0) * std::cos(2.0 * y) + x * y; }
+
+// Searches that are skipped, orders that are computed at once, conditions that are proven instead
+// of estimated: none of it may change which stencil is accepted at any node. Another stencil
+// changes the second derivatives in their first digits.
+TEST_F(Derivatives, AreThoseOfTheLiteralSteps) {
+  const Domain domains[] = {{0, 0, 1},    {10, 10, 1},      {3, 2, 1},   {2, -5, 1},
+                            {-1, 4, 2.0}, {0, 0, 1000},     {1e3, 0, 1}, {0, 0, 1e-6},
+                            {0, 0, 1e9},  {1e10, -1e9, 1e9}};
+  std::map<Path, int> nb_by_path;
+  for (const Domain& domain : domains) {
+    for (const int limit : {0, 1, 4, 9}) {
+      make_mesh(domain, 0.4, 4, 5, limit, limit == 0 ? 1 : 8, wave);
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        const LiteralDerivatives expected = literal_derivatives(*c);
+        ++nb_by_path[expected.path];
+        double dx = 0.0, dy = 0.0;
+        compute_data_at_node(c, &dx, &dy);
+        const double scale = 1.0 / domain.size;  // gradients are of this order
+        ASSERT_NEAR(dx, expected.dx, 1e-8 * scale) << "node " << c->id << ", limit " << limit;
+        ASSERT_NEAR(dy, expected.dy, 1e-8 * scale);
+        ASSERT_NEAR(c->grad_data, expected.grad, 1e-8 * scale);
+        ASSERT_NEAR(c->grad2_data, expected.grad2, 1e-5 * scale * scale)
+            << "node " << c->id << " at " << c->x << ", " << c->y << " of level " << c->level;
+      }
+      delete_mesh();
+    }
+  }
+  for (const Path path : {Path::square, Path::side, Path::fit, Path::retry, Path::second_search}) {
+    EXPECT_GE(nb_by_path[path], 200) << "path " << static_cast<int>(path);
+  }
+  EXPECT_GE(nb_by_path[Path::corner], 4);
+  EXPECT_EQ(nb_by_path[Path::none], 0);
+}
+
+// A quadratic is differentiated exactly wherever the domain lies and however fine the mesh is.
+TEST_F(Derivatives, OfQuadraticsAreExactOnAnyDomain) {
+  std::mt19937 random(4);
+  std::uniform_real_distribution<double> coefficient(-1.0, 1.0);
+  for (const double size : {1e-6, 1.0, 1e9}) {
+    for (const double away : {0.0, 10.0, 1000.0}) {
+      double b[6];
+      for (double& value : b) value = coefficient(random);
+      const auto quadratic = [&b](double x, double y) {
+        return b[0] + b[1] * x + b[2] * y + b[3] * x * x + b[4] * y * y + b[5] * x * y;
+      };
+      const Domain domain{away * size, -away * size, size};
+      make_mesh(domain, 0.0, 3, 3, 18, 20, quadratic);
+      const double hessian =
+          std::sqrt(4 * b[3] * b[3] + 4 * b[4] * b[4] + 2 * b[5] * b[5]) / (size * size);
+      double gradient_error = 0.0, hessian_error = 0.0, largest_gradient = 0.0;
+      int deepest = 0;
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        if (c->on_boundary != 0) continue;
+        double dx = 0.0, dy = 0.0;
+        compute_data_at_node(c, &dx, &dy);
+        const double x = (c->x - domain.x) / size, y = (c->y - domain.y) / size;
+        const double gx = (b[1] + 2 * b[3] * x + b[5] * y) / size;
+        const double gy = (b[2] + 2 * b[4] * y + b[5] * x) / size;
+        largest_gradient = std::max(largest_gradient, std::hypot(gx, gy));
+        gradient_error = std::max({gradient_error, std::hypot(dx - gx, dy - gy),
+                                   std::abs(c->grad_data - std::hypot(gx, gy))});
+        // A gradient that is off by its rounding changes by it over one spacing.
+        const double h = dist_0 / std::exp2(c->level / 2.0);
+        hessian_error = std::max(hessian_error, h * std::abs(c->grad2_data - hessian));
+        deepest = std::max(deepest, c->level);
+      }
+      EXPECT_GE(deepest, 17);
+      EXPECT_LE(gradient_error, 1e-8 * largest_gradient) << size << " at " << away;
+      EXPECT_LE(hessian_error, 1e-8 * largest_gradient) << size << " at " << away;
+      if (away <= 10.0) {
+        EXPECT_LE(gradient_error, 1e-11 * largest_gradient) << size << " at " << away;
+      }
+      delete_mesh();
+    }
+  }
+}
+
+// The search may be skipped only where each of its stencils would be refused.
+TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
+  std::mt19937 random(11);
+  std::uniform_int_distribution<int> step(-4, 4), level(0, 18);
+  std::uniform_real_distribution<double> place(-1.0, 1.0), decade(-1.0, 3.0);
+  dist_0 = 0.125;
+  int nb_skipped = 0;
+  for (int trial = 0; trial < 4000; ++trial) {
+    Cell c;
+    c.level = level(random);
+    c.x = place(random) * std::pow(10.0, decade(random));
+    c.y = place(random) * std::pow(10.0, decade(random));
+    const double h = dist_0 / std::exp2(c.level / 2.0);
+    detail::Stencil list;
+    detail::Candidates candidates;
+    for (int i = 0; i < 6; ++i) {
+      list.x[i] = c.x + (i == 0 ? 0 : step(random) * h);
+      list.y[i] = c.y + (i == 0 ? 0 : step(random) * h);
+      list.value[i] = 0.0;
+      candidates.x[i] = c.x + step(random) * h;
+      candidates.y[i] = c.y + step(random) * h;
+      candidates.value[i] = 0.0;
+    }
+    if (!detail::search_is_hopeless(&c, list, 6, candidates, 6)) continue;
+    ++nb_skipped;
+    for (int i = -1; i < 6; ++i) {
+      for (int j = 0; j < 6; ++j) {
+        detail::Stencil tried = list;
+        if (i >= 0) detail::copy_row(tried, 4, candidates, i);
+        detail::copy_row(tried, 5, candidates, j);
+        double unused[5];
+        bool succ = true;
+        detail::fit_hessian_6pts(&c, tried, 6, unused[0], unused[1], unused[2], unused[3],
+                                 unused[4], succ);
+        ASSERT_FALSE(succ) << "trial " << trial << ": " << c.x << ", " << c.y;
+      }
+    }
+  }
+  EXPECT_GE(nb_skipped, 500);
+  EXPECT_LE(nb_skipped, 3500);
+}
+
+// What the sides say about the gradient. The north is a Neumann side, the west too.
+//
+//     NW --- N --- NE       f = 2 x + 3 y
+//      | \ /   \ /  |       the centres of the four squares are there, so that each corner
+//      W -- C -- E          has one neighbour, its centre
+//      | / \   / \  |
+//     SW --- S --- SE
+TEST_F(Derivatives, NeumannSidesZeroTheGradientHandedBack) {
+  n_cell_data = 1;
+  scenarios::set_domain(0.0, 2.0, 0.0, 2.0);
+  double y_max = 0.0;
+  init_mesh(
+      [](double, double, std::string_view side) {
+        return side == "North" || side == "West" ? bc_type_neu : bc_type_dir;
+      },
+      3, 3, 2, y_max);
+  const auto plane = [](double x, double y) { return 2.0 * x + 3.0 * y; };
+  const auto set_values = [&] {
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = plane(c->x, c->y);
+  };
+  set_values();
+  double full_dx = 0.0, full_dy = 0.0;
+  compute_data_at_node(node_at(0, 2), &full_dx, &full_dy);
+  EXPECT_NEAR(full_dx, 2.0, 1e-12) << "a corner with neighbours of its own is not zeroed";
+  EXPECT_NEAR(full_dy, 3.0, 1e-12);
+  update_mesh_init([](double, double, auto, double, double) { return 0.8; }, plane);
+  set_values();
+  ASSERT_EQ(nb_nodes, 13);
+
+  const double full = std::sqrt(13.0);
+  struct Expected {
+    double x, y, dx, dy, norm;
+  };
+  // A corner takes over the gradient of its centre; next to a Neumann side the difference between
+  // that centre and its own first neighbour, the north-eastern one, stands for the component along
+  // the side: (2 + 3) / 1.
+  for (const Expected& e :
+       {Expected{1, 1, 2, 3, full},  //
+        Expected{1, 2, 2, 0, full}, Expected{0, 1, 0, 3, full}, Expected{2, 1, 2, 3, full},
+        Expected{1, 0, 2, 3, full}, Expected{2, 0, 2, 3, full}, Expected{0, 0, 0, 5, 5},
+        Expected{0, 2, 5, 0, 5}, Expected{2, 2, 5, 0, 5}}) {
+    Cell* c = node_at(e.x, e.y);
+    double dx = -1.0, dy = -1.0;
+    compute_data_at_node(c, &dx, &dy);
+    const std::string where = "node at " + std::to_string(e.x) + ", " + std::to_string(e.y);
+    EXPECT_NEAR(dx, e.dx, 1e-12) << where;
+    EXPECT_NEAR(dy, e.dy, 1e-12) << where;
+    EXPECT_NEAR(c->grad_data, e.norm, 1e-12) << where;
+    EXPECT_NEAR(c->grad2_data, 0.0, 1e-11) << where;
+    dx = -1.0;
+    compute_data_at_node(c, &dx, nullptr);
+    EXPECT_EQ(dx, -1.0) << "written without its companion";
+  }
+}
+
+// Five nodes tell a quadratic up to one term: the corners of a grid of 2 x 3.
+TEST_F(Derivatives, FiveNodesAreEnough) {
+  n_cell_data = 1;
+  scenarios::set_domain(0.0, 1.0, 0.0, 2.0);
+  double y_max = 0.0;
+  init_mesh(scenarios::all_dirichlet, 2, 3, 0, y_max);
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = 2.0 * c->x + c->y * c->y;
+  for (const double x : {0.0, 1.0}) {
+    for (const double y : {0.0, 2.0}) {
+      Cell* c = node_at(x, y);
+      double dx = 0.0, dy = 0.0;
+      compute_data_at_node(c, &dx, &dy);
+      EXPECT_NEAR(dx, 2.0, 1e-12);
+      EXPECT_NEAR(dy, 2.0 * y, 1e-12);
+      EXPECT_NEAR(c->grad2_data, 2.0, 1e-12);
+    }
+  }
+}
+
+// Values that are no numbers reach the nodes that see them and no other; adaptations that read the
+// indicators come to an end.
+TEST_F(Derivatives, SurviveValuesThatAreNoNumbers) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double inf = std::numeric_limits<double>::infinity();
+  make_mesh({0, 0, 1}, 0.4, 5, 5, 6, 6, wave);
+  Cell* bad = node_at(1.0, 1.0);
+  for (const double value : {nan, inf, -inf}) {
+    bad->data[0] = value;
+    int nb_spoilt = 0;
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      compute_data_at_node(c);
+      if (std::isfinite(c->grad_data) && std::isfinite(c->grad2_data)) continue;
+      ++nb_spoilt;
+      EXPECT_LE(std::hypot(c->x - bad->x, c->y - bad->y), 2.0 * std::sqrt(2.0) * dist_0);
+    }
+    EXPECT_FALSE(std::isfinite(bad->grad2_data));
+    EXPECT_GE(nb_spoilt, 5);
+  }
+  const auto by_gradient = [](double, double, auto, double gradient, double hessian) {
+    return gradient + hessian > 3.0 ? 0.05 : 0.25;
+  };
+  for (int i = 0; i < 5; ++i) update_mesh_no_init(by_gradient);
+  for (int i = 0; i < 5; ++i) {
+    update_mesh_init(by_gradient, [](double x, double y) { return x / (y - y); });
+  }
+  EXPECT_GE(nb_nodes, 25);
+}
+
+TEST_F(Derivatives, UpdateWithoutDataIsHarmless) {
+  scenarios::init_unit_square(4, 4, 4);
+  for (int i = 0; i < 4; ++i) {
+    update_mesh_init([](double, double, auto, double, double) { return 0.1; }, {});
+  }
+  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    ASSERT_EQ(c->grad_data, 0.0);
+    ASSERT_EQ(c->grad2_data, 0.0);
+  }
+  EXPECT_GT(nb_nodes, 100);
+}
+
+TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
+  const std::string tag = "(Velmar_2D:) compute_data_at_node: internal error\n";
+  const auto grid = [](int nx, int ny) {
+    n_cell_data = 1;
+    scenarios::set_domain(0.0, nx - 1.0, 0.0, ny - 1.0);
+    double y_max = 0.0;
+    init_mesh(scenarios::all_dirichlet, nx, ny, 40, y_max);
+  };
+  struct Case {
+    std::string message;
+    std::function<void()> code;
+  };
+  double unused[5];
+  bool succ = false, flag = false;
+  detail::Stencil list{};
+  detail::Candidates rows{};
+  const Case cases[] = {
+      {tag + "             n_list_2 < 6-n_list_1 - 1\n",
+       [&] {
+         grid(2, 2);
+         compute_data_at_node(mesh_beg);
+       }},
+      {tag + "             list_2_init_offset > n_list_2\n             c%id = 3\n",
+       [&] {
+         grid(2, 5);
+         Cell* c = node_at(0.0, 2.0);
+         c->id = 3;
+         compute_data_at_node(c);
+       }},
+      {tag + "             list_2_init_offset > n_list_2\n             c%id = 5\n",
+       [&] {
+         grid(4, 4);
+         Cell* c = node_at(1.0, 1.0);
+         c->id = 5;
+         c->level = 32;
+         compute_data_at_node(c);
+       }},
+      {tag + "             list_2_offset = 0\n             c%id = 7\n",
+       [&] {
+         grid(4, 4);
+         Cell* c = node_at(1.0, 0.0);  // a square at a side
+         c->id = 7;
+         c->level = 32;
+         compute_data_at_node(c);
+       }},
+      {tag + "             quick_hessian_case = 5 in 'quick_fit_hessian_6pts' !\n",
+       [&] { detail::quick_fit_hessian_6pts(5, 0, list, unused[0], unused[1], unused[2]); }},
+      {tag + "             too few equ in 'fit_hessian_6pts' !\n",
+       [&] {
+         const Cell c;
+         detail::fit_hessian_6pts(&c, list, 5, unused[0], unused[1], unused[2], unused[3],
+                                  unused[4], succ);
+       }},
+      {"(Velmar_2D:) gradient_on_boundary: internal error\n"
+       "             cell must be on a boundary!\n",
+       [&] {
+         const Cell c;
+         detail::gradient_on_boundary(&c, succ, flag);
+       }},
+      {"(Velmar_2D:) fit_data: internal error\n             too few equations !\n",
+       [&] { detail::fit_data(rows, 5, 0.0, 0.0, unused[0], 0); }},
+  };
+  for (const Case& one : cases) {
+    const ChildEnd end = run_in_child(one.code);
+    EXPECT_EQ(end.exit_status, EXIT_FAILURE) << one.message;
+    EXPECT_EQ(end.output, one.message);
+  }
+}
+
+// Scattered nodes around the origin.
+TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
+  const auto quadratic = [](double x, double y) {
+    return 1.0 - 2.0 * x + 0.5 * y + 3.0 * x * x - y * y + 0.25 * x * y;
+  };
+  std::mt19937 random(3);
+  std::uniform_real_distribution<double> place(-1.0, 1.0);
+  dist_0 = 1.0;
+  detail::Candidates list{};
+  for (int i = 0; i < 40; ++i) {
+    list.x[i] = place(random);
+    list.y[i] = place(random);
+    list.value[i] = quadratic(list.x[i], list.y[i]);
+  }
+  // Level 31 wraps to a negative tolerance, which refuses no square system but squares to a
+  // positive one; levels that have no spacing refuse all.
+  struct Case {
+    int n_list, level;
+    bool written;
+  };
+  for (const Case& one : {Case{6, 10, true}, Case{7, 10, true}, Case{40, 0, true},
+                          Case{6, 31, true}, Case{40, 31, true}, Case{6, 32, false},
+                          Case{9, 32, false}, Case{6, -1, false}, Case{40, 1000, false}}) {
+    double value = -77.0;
+    detail::fit_data(list, one.n_list, 0.3, -0.4, value, one.level);
+    EXPECT_NEAR(value, one.written ? quadratic(0.3, -0.4) : -77.0, 1e-8)
+        << one.n_list << " rows, level " << one.level;
+  }
+  // One line, and a spacing for which the condition does not suffice.
+  double value = -77.0;
+  detail::Candidates line = list;
+  for (int i = 0; i < 40; ++i) line.y[i] = 2.0 * line.x[i];
+  for (const int n_list : {6, 9}) detail::fit_data(line, n_list, 0.0, 0.0, value, 4);
+  dist_0 = 1e3;
+  for (const int n_list : {6, 9}) detail::fit_data(list, n_list, 0.0, 0.0, value, 0);
+  EXPECT_EQ(value, -77.0);
+  const ChildEnd end = run_in_child([&] { detail::fit_data(list, 41, 0.0, 0.0, value, 0); });
+  EXPECT_EQ(end.exit_status, EXIT_FAILURE);
+}
+
+}  // namespace
+}  // namespace velmar_2d::tests

@@ -1,0 +1,74 @@
+// Generated histories: whatever is done to a mesh, it stays whole and finds back to its first grid.
+#include <limits>
+
+#include "scenarios/scenarios.hpp"
+#include "support/history.hpp"
+#include "support/mesh_checker.hpp"
+#include "support/mesh_view.hpp"
+
+namespace velmar_2d::tests {
+namespace {
+
+enum class Ending {
+  coarse_update,  ///< one update with a spacing far above dist_0
+  limit_0,        ///< the limit lowered to 0: it also takes nodes that decline in an update
+};
+
+struct Batch {
+  const char* name;
+  std::uint64_t first_seed;
+  Steps steps;
+  bool far_from_origin;
+  Ending ending;
+};
+
+void PrintTo(const Batch& batch, std::ostream* out) { *out << batch.name; }
+
+constexpr int nb_histories = 100;  // of each batch
+
+class Histories : public MeshTest, public testing::WithParamInterface<Batch> {};
+
+/// Kept by join_sublists() only: single steps on the joined list leave it behind.
+bool level_range_is_right(Steps steps) {
+  return steps == Steps::single_nodes ||
+         (level_range[0] == mesh_beg->ipos && level_range[1] == mesh_end->ipos);
+}
+
+TEST_P(Histories, KeepTheMeshWholeAndLeadBackToTheFirstGrid) {
+  const Batch& batch = GetParam();
+  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories; ++seed) {
+    std::vector<std::string> first_grid;
+    std::string story = "seed " + std::to_string(seed);
+    bool whole = true;
+    run_history({seed, batch.steps, batch.far_from_origin}, [&](const std::string& step) {
+      if (!whole) return;
+      story += "\n  " + step + ": " + std::to_string(nb_nodes) + " nodes";
+      if (first_grid.empty()) first_grid = describe_mesh();
+      const testing::AssertionResult result = mesh_is_whole();
+      EXPECT_TRUE(result) << story;
+      EXPECT_TRUE(level_range_is_right(batch.steps)) << story;
+      whole = result;
+    });
+    ASSERT_TRUE(whole);
+    if (batch.ending == Ending::coarse_update) {
+      update_mesh_no_init(scenarios::even_spacing(1e6 * dist_0));
+    } else {
+      set_subdiv_max(0);
+    }
+    ASSERT_TRUE(mesh_is_whole()) << story;
+    ASSERT_EQ(describe_mesh(), first_grid) << story;
+    delete_mesh();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, Histories,
+    testing::Values(Batch{"near_the_origin", 1000, Steps::adapt, false, Ending::coarse_update},
+                    Batch{"far_from_the_origin", 2000, Steps::adapt, true, Ending::coarse_update},
+                    Batch{"hostile", 3400, Steps::adapt_hostile, false, Ending::limit_0},
+                    Batch{"single_nodes", 4000, Steps::single_nodes, false, Ending::coarse_update},
+                    Batch{"far_single_nodes", 5000, Steps::single_nodes, true, Ending::limit_0}),
+    [](const auto& batch) { return std::string(batch.param.name); });
+
+}  // namespace
+}  // namespace velmar_2d::tests

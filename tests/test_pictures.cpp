@@ -1,0 +1,174 @@
+// Pictures: what is drawn lies where it belongs, and a file is complete or absent.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <string>
+
+#include "io/velmar_2D_io.hpp"
+#include "scenarios/scenarios.hpp"
+
+namespace velmar_2d {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string read(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// A mesh with a Neumann side in the north and another condition in the east.
+class Pictures : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder = fs::path(testing::TempDir()) / ("pictures_" + std::to_string(getpid()));
+    fs::create_directories(folder);
+    scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
+    double y_max = 1.0;
+    init_mesh(
+        [](double, double, std::string_view side) {
+          return side == "North" ? bc_type_neu : side == "East" ? bc_type_oth : bc_type_dir;
+        },
+        5, 5, 5, y_max);
+    update_mesh_no_init(scenarios::ring_spacing({0.0, 0.0, 0.1}, 0.5, 0.1, 1.0));
+    bare.width = bare.height = 116.0;  // the domain is 100 wide, its margins 8
+    bare.frame = bare.links = bare.nodes = bare.sides = false;
+  }
+  void TearDown() override {
+    if (nb_nodes > 0) delete_mesh();
+    fs::remove_all(folder);
+  }
+  io::Image drawn(const io::PictureOptions& options) {
+    io::Image image;
+    EXPECT_EQ(io::draw_mesh((folder / "drawn.png").string(), options), "");
+    EXPECT_EQ(io::read_png((folder / "drawn.png").string(), image), "");
+    return image;
+  }
+  std::size_t nb_files() const {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), {}));
+  }
+
+  fs::path folder;
+  io::PictureOptions bare;
+};
+
+TEST_F(Pictures, SameMeshSameFile) {
+  const auto draw = [&](const char* name) {
+    EXPECT_EQ(io::draw_mesh((folder / name).string()), "");
+    return read(folder / name);
+  };
+  const std::string svg = draw("a.svg"), png = draw("a.PNG"), pdf = draw("a.pdf");
+  EXPECT_EQ(svg.rfind("<?xml", 0), 0u);
+  EXPECT_EQ(png.rfind("\x89PNG", 0), 0u);
+  EXPECT_EQ(pdf.rfind("%PDF", 0), 0u);
+  sleep(1);  // a date in a file would differ
+  EXPECT_TRUE(draw("a.PNG") == png);
+  EXPECT_TRUE(draw("a.pdf") == pdf);
+}
+
+TEST_F(Pictures, BackgroundLiesUpright) {
+  //   red   green
+  //   blue  black   over the upper right quarter of the domain
+  const io::Image image{2, 2, {0xff0000, 0x00ff00, 0x0000ff, 0x000000}};
+  bare.background = {&image, 0.5, 1.0, 0.5, 1.0, 1.0};
+  const io::Image picture = drawn(bare);
+  ASSERT_EQ(picture.width, 116);
+  EXPECT_EQ(picture.at(60, 10), 0xff0000u);
+  EXPECT_EQ(picture.at(106, 10), 0x00ff00u);
+  EXPECT_EQ(picture.at(60, 56), 0x0000ffu);
+  EXPECT_EQ(picture.at(106, 56), 0x000000u);
+  EXPECT_EQ(picture.at(40, 10), 0xffffffu);
+  EXPECT_EQ(picture.at(60, 70), 0xffffffu);
+}
+
+TEST_F(Pictures, NodesLieWhereTheyAre) {
+  bare.nodes = true;
+  const io::Image picture = drawn(bare);
+  int covered = 0;
+  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
+    const int column = static_cast<int>(8.0 + 100.0 * node->x);
+    const int row = static_cast<int>(8.0 + 100.0 * (1.0 - node->y));
+    covered += picture.at(column, row) != 0xffffff ? 1 : 0;
+  }
+  EXPECT_EQ(covered, nb_nodes);
+  // The fine corner is the lower left one: halfway between grid nodes there are dots only there.
+  EXPECT_NE(picture.at(8 + 12, 107 - 12), 0xffffffu);
+  EXPECT_EQ(picture.at(8 + 12, 8 + 12), 0xffffffu);
+}
+
+TEST_F(Pictures, SidesShowTheirKind) {
+  bare.sides = true;
+  const io::Image picture = drawn(bare);
+  // How many pixels of the middle of each margin are dark, reddish and greenish.
+  struct Count {
+    int dark = 0, red = 0, green = 0;
+  } north, east, south, west;
+  const auto look = [&](Count& count, int column, int row) {
+    const std::uint32_t pixel = picture.at(column, row);
+    const int red = static_cast<int>(pixel >> 16), green = static_cast<int>(pixel >> 8 & 255);
+    count.dark += red < 90 && green < 90 ? 1 : 0;
+    count.red += red > green + 60 ? 1 : 0;
+    count.green += green > red + 30 ? 1 : 0;
+  };
+  for (int along = 20; along < 96; ++along) {
+    look(north, along, 5);
+    look(east, 110, along);
+    look(south, along, 110);
+    look(west, 5, along);
+  }
+  EXPECT_GT(south.dark, 70);
+  EXPECT_GT(west.dark, 70);
+  EXPECT_GT(north.red, 35);
+  EXPECT_LT(north.red, 70);  // dashed
+  EXPECT_GT(east.green, 15);
+  EXPECT_LT(east.green, 70);  // dotted
+  EXPECT_EQ(south.red + south.green + west.red + west.green + north.green + east.red, 0);
+}
+
+TEST_F(Pictures, FailureLeavesNoTrace) {
+  const std::string kept = (folder / "kept.png").string();
+  std::ofstream(kept) << "what stood there before";
+
+  bare.width = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(io::draw_mesh(kept, bare), kept + ": a picture is from 64 to 16384 wide and high");
+  bare.width = 116.0;
+  const io::Image lacking{3, 3, {0, 0}};
+  bare.background.image = &lacking;
+  EXPECT_EQ(io::draw_mesh(kept, bare), kept + ": the background image lacks pixels");
+  EXPECT_EQ(io::draw_mesh("mesh.bmp"), "mesh.bmp: a picture ends in .svg, .png or .pdf");
+  const std::string nowhere = (folder / "none" / "mesh.png").string();
+  EXPECT_EQ(io::draw_mesh(nowhere), nowhere + ": No such file or directory");
+  const std::string occupied = (folder / "folder.svg").string();
+  fs::create_directories(occupied);
+  EXPECT_EQ(io::draw_mesh(occupied), occupied + ": Is a directory");
+
+  // No room: the process may write files of 1000 bytes only.
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{1000, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  std::string errors;
+  for (const char* name : {"kept.png", "full.svg", "full.pdf"}) {
+    errors += io::draw_mesh((folder / name).string()) + "\n";
+  }
+  setrlimit(RLIMIT_FSIZE, &old);
+  std::signal(SIGXFSZ, old_handler);
+  const std::string reason = ": File too large\n";
+  EXPECT_EQ(errors, kept + reason + (folder / "full.svg").string() + reason +
+                        (folder / "full.pdf").string() + reason);
+
+  delete_mesh();
+  EXPECT_EQ(io::draw_mesh(kept), kept + ": there is no mesh to draw");
+  EXPECT_EQ(read(kept), "what stood there before");
+  EXPECT_EQ(nb_files(), 2u);
+}
+
+}  // namespace
+}  // namespace velmar_2d

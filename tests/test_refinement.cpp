@@ -1,0 +1,232 @@
+// What is proposed around a node, which proposals are taken, and the order of a stretch.
+#include <sstream>
+
+#include "scenarios/scenarios.hpp"
+#include "support/mesh_checker.hpp"
+#include "support/mesh_view.hpp"
+#include "velmar_2D/internal.hpp"
+
+namespace velmar_2d::tests {
+namespace {
+
+using Refinement = MeshTest;
+using Lines = std::vector<std::string>;
+
+Lines proposed(double u, double v) {
+  Lines lines;
+  for (const Vertex& vertex : proposals_around(node_at(u, v))) {
+    std::ostringstream line;
+    line << '(' << vertex.x << ',' << vertex.y << ") level " << vertex.level << " of";
+    for (const Cell* p : {vertex.p1, vertex.p2, vertex.p3, vertex.p4})
+      if (p != nullptr) line << " (" << p->x << ',' << p->y << ')';
+    lines.push_back(line.str());
+  }
+  return lines;
+}
+
+TEST_F(Refinement, ProposesTheCentresOfSquares) {
+  make_grid(3, 3, 4);
+  EXPECT_EQ(proposed(1, 1), (Lines{"(1.5,1.5) level 1 of (1,1) (1,2) (2,2) (2,1)",
+                                   "(1.5,0.5) level 1 of (1,1) (2,1) (2,0) (1,0)",
+                                   "(0.5,0.5) level 1 of (1,1) (1,0) (0,0) (0,1)",
+                                   "(0.5,1.5) level 1 of (1,1) (0,1) (0,2) (1,2)"}));
+  EXPECT_EQ(proposed(1, 0), (Lines{"(1.5,0.5) level 1 of (1,0) (1,1) (2,1) (2,0)",
+                                   "(0.5,0.5) level 1 of (1,0) (0,0) (0,1) (1,1)"}));
+  EXPECT_EQ(proposed(2, 2), (Lines{"(1.5,1.5) level 1 of (2,2) (2,1) (1,1) (1,2)"}));
+  insert(proposals_around(node_at(1, 1)).at(0));
+  EXPECT_EQ(proposed(1, 1).size(), 3U) << "a square with a centre is done";
+  EXPECT_EQ(nb_nodes, 10) << "proposing inserts nothing";
+}
+
+//   (0,2)     (1,2)     (2,2)
+//       o         o             centres o at (0.5,0.5) ... (1.5,1.5)
+//   (0,1)     (1,1)     (2,1)
+//       o         o
+//   (0,0)     (1,0)     (2,0)
+TEST_F(Refinement, ProposesTheCentresOfDiamonds) {
+  make_grid(3, 3, 4);
+  for (const Vertex& v : proposals_around(node_at(1, 1))) insert(v);
+  EXPECT_EQ(proposed(1, 1), (Lines{"(1.5,1) level 2 of (1,1) (1.5,1.5) (2,1) (1.5,0.5)",
+                                   "(1,0.5) level 2 of (1,1) (1.5,0.5) (1,0) (0.5,0.5)",
+                                   "(0.5,1) level 2 of (1,1) (0.5,0.5) (0,1) (0.5,1.5)",
+                                   "(1,1.5) level 2 of (1,1) (0.5,1.5) (1,2) (1.5,1.5)"}));
+  // Two whole diamonds, and two halves with the node as their apex.
+  EXPECT_EQ(proposed(0.5, 0.5), (Lines{"(1,0.5) level 2 of (0.5,0.5) (1,1) (1.5,0.5) (1,0)",
+                                       "(0.5,0) level 2 of (0.5,0.5) (1,0) (0,0)",
+                                       "(0,0.5) level 2 of (0.5,0.5) (0,0) (0,1)",
+                                       "(0.5,1) level 2 of (0.5,0.5) (0,1) (0.5,1.5) (1,1)"}));
+  EXPECT_EQ(proposed(1.5, 1.5), (Lines{"(2,1.5) level 2 of (1.5,1.5) (2,2) (2,1)",
+                                       "(1.5,1) level 2 of (1.5,1.5) (2,1) (1.5,0.5) (1,1)",
+                                       "(1,1.5) level 2 of (1.5,1.5) (1,1) (0.5,1.5) (1,2)",
+                                       "(1.5,2) level 2 of (1.5,1.5) (1,2) (2,2)"}));
+  // Halves with the node on the side itself.
+  EXPECT_EQ(proposed(1, 0), (Lines{"(1.5,0) level 2 of (1,0) (1.5,0.5) (2,0)",
+                                   "(1,0.5) level 2 of (1,0) (0.5,0.5) (1,1) (1.5,0.5)",
+                                   "(0.5,0) level 2 of (1,0) (0.5,0.5) (0,0)"}));
+  EXPECT_EQ(proposed(2, 1), (Lines{"(1.5,1) level 2 of (2,1) (1.5,0.5) (1,1) (1.5,1.5)",
+                                   "(2,0.5) level 2 of (2,1) (1.5,0.5) (2,0)",
+                                   "(2,1.5) level 2 of (2,1) (1.5,1.5) (2,2)"}));
+  EXPECT_EQ(proposed(1, 2), (Lines{"(1,1.5) level 2 of (1,2) (1.5,1.5) (1,1) (0.5,1.5)",
+                                   "(1.5,2) level 2 of (1,2) (1.5,1.5) (2,2)",
+                                   "(0.5,2) level 2 of (1,2) (0.5,1.5) (0,2)"}));
+  EXPECT_EQ(proposed(0, 1), (Lines{"(0.5,1) level 2 of (0,1) (0.5,1.5) (1,1) (0.5,0.5)",
+                                   "(0,1.5) level 2 of (0,1) (0.5,1.5) (0,2)",
+                                   "(0,0.5) level 2 of (0,1) (0.5,0.5) (0,0)"}));
+}
+
+// The lattice gives level 1 or 2; one above the cells' own level 4 would be 5. Levels and reserves
+// are written by hand to tell the two rules apart.
+TEST_F(Refinement, LatticeDecidesTheLevelOfNearlyCompleteFigures) {
+  make_grid(2, 2, 9);
+  Cell* const corners[] = {node_at(0, 0), node_at(0, 1), node_at(1, 1), node_at(1, 0)};
+  const auto reset = [&] {
+    for (Cell* c : corners) c->level = 4, c->reserve = 1;
+  };
+  const auto level = [&] { return proposals_around(corners[0]).at(0).level; };
+  Cell other;
+  for (Cell* c : corners) {
+    reset();
+    EXPECT_EQ(level(), 1);
+    c->reserve = 2;
+    EXPECT_EQ(level(), 5) << "awaits two, and is no large house";
+    c->reserve = 3;
+    EXPECT_EQ(level(), 5);
+    reset();
+    c->level = 3;
+    EXPECT_EQ(level(), 5) << "levels differ";
+  }
+  reset();
+  Cell& house = *corners[2];  // two links along the square, three more make five
+  house.reserve = 2;
+  house.ne = house.se = house.nw = &other;
+  EXPECT_EQ(level(), 1);
+  house.reserve = 3;
+  EXPECT_EQ(level(), 5);
+}
+
+TEST_F(Refinement, LatticeDecidesTheLevelOfNearlyCompleteHalves) {
+  make_grid(2, 2, 9);
+  Cell* apex = insert(proposals_around(node_at(0, 0)).at(0));
+  Cell *left = node_at(0, 0), *right = node_at(1, 0), other;
+  const auto levels = [&](std::int32_t of_left, std::int32_t of_right, std::int32_t of_apex) {
+    apex->level = left->level = right->level = 4;
+    left->reserve = of_left;
+    right->reserve = of_right;
+    apex->reserve = of_apex;
+    std::vector<std::int32_t> found;  // by all three of its cells
+    for (Cell* around : {apex, left, right})
+      for (const Vertex& v : proposals_around(around))
+        if (v.x == 0.5 && v.y == 0.0) found.push_back(v.level);
+    return found;
+  };
+  using Levels = std::vector<std::int32_t>;
+  EXPECT_EQ(levels(1, 1, 1), (Levels{2, 2, 2}));
+  EXPECT_EQ(levels(2, 1, 1), (Levels{5, 5, 5}));
+  EXPECT_EQ(levels(1, 2, 1), (Levels{5, 5, 5}));
+  EXPECT_EQ(levels(1, 1, 2), (Levels{5, 5, 5}));
+  apex->n = &other;
+  EXPECT_EQ(levels(1, 1, 2), (Levels{2, 2, 2})) << "the apex is a large house";
+  EXPECT_EQ(levels(1, 1, 3), (Levels{5, 5, 5}));
+}
+
+TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
+  make_grid(3, 3, 1);
+  Cell* c = node_at(1, 1);
+  detail::refine_cell(c);
+  EXPECT_EQ(nb_nodes, 9) << "level 1 is not below the limit 1";
+  detail::refine_cell(c, true);
+  EXPECT_EQ(nb_nodes, 9) << "a cell of the figure awaits all four";
+  c->reserve = 3;
+  detail::refine_cell(c, true);
+  EXPECT_EQ(nb_nodes, 13);
+  EXPECT_EQ(c, node_at(1, 1)) << "the caller's node stays";
+
+  set_subdiv_max(2);
+  c = node_at(0.5, 0.5);
+  ASSERT_EQ(c->reserve, 4);
+  detail::refine_cell(c, false);
+  EXPECT_EQ(nb_nodes, 13);
+  detail::refine_cell(c, true);
+  EXPECT_EQ(nb_nodes, 15) << "the halves only: they are not held to the reserve";
+  EXPECT_NE(node_at(0.5, 0), nullptr);
+  EXPECT_NE(node_at(0, 0.5), nullptr);
+  set_subdiv_max(3);
+  detail::refine_cell(c, false);
+  EXPECT_EQ(nb_nodes, 17) << "ordinary mode asks for no reserve";
+  EXPECT_TRUE(mesh_is_whole());
+}
+
+// The update asks a cheaper question first; it must never turn down what would be inserted.
+TEST_F(Refinement, ShortcutForTheSpecialModeAgreesWithTheProposals) {
+  int possible = 0, asked = 0;
+  for (const double at : {0.1, 0.5, 0.8}) {
+    for (const std::int32_t limit : {3, 6}) {
+      scenarios::init_unit_square(5, 4, 6);
+      update_mesh_no_init(scenarios::ring_spacing({at, 0.4, 0.3}, 0.5, 0.1 * dist_0, dist_0));
+      set_subdiv_max(limit);
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        const auto proposals = proposals_around(c);
+        const auto taken = [](const Vertex& v) {
+          const auto awaits_all = [](const Cell* p) { return p->reserve == 4; };
+          return v.level <= level_max &&
+                 (v.p4 == nullptr ||
+                  !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) || awaits_all(v.p4)));
+        };
+        const bool expected = std::any_of(proposals.begin(), proposals.end(), taken);
+        ASSERT_EQ(detail::special_refinement_possible(*c), expected) << c->x << ' ' << c->y;
+        possible += expected;
+        ++asked;
+      }
+      delete_mesh();
+    }
+  }
+  EXPECT_GT(possible, 20);
+  EXPECT_GT(asked - possible, 100);
+}
+
+// Five nodes of one stretch; each has neighbours of its kind with the given levels.
+TEST_F(Refinement, SortingAStretchMovesItsMixedNodesToTheTail) {
+  const auto sorted = [](std::int32_t l, std::array<std::pair<int, int>, 5> levels) {
+    std::array<Cell, 5> nodes;
+    std::array<std::array<Cell, 2>, 5> neighbours;
+    for (std::size_t i = 0; i < 5; ++i) {
+      nodes[i].id = static_cast<std::int32_t>(i);
+      nodes[i].prev = i > 0 ? &nodes[i - 1] : nullptr;
+      nodes[i].next = i < 4 ? &nodes[i + 1] : nullptr;
+      neighbours[i][0].level = levels[i].first;
+      neighbours[i][1].level = levels[i].second;
+      (l % 2 == 0 ? nodes[i].e : nodes[i].se) = &neighbours[i][0];
+      (l % 2 == 0 ? nodes[i].w : nodes[i].nw) = &neighbours[i][1];
+      Cell* of_the_other_kind = &neighbours[i][0];
+      (l % 2 == 0 ? nodes[i].ne : nodes[i].n) = i == 4 ? nullptr : of_the_other_kind;
+    }
+    level_beg.assign(4, {});
+    level_end.assign(4, {});
+    level_beg[static_cast<std::size_t>(l)].next = nodes.data();
+    level_end[static_cast<std::size_t>(l)].next = &nodes[4];
+    detail::special_sort_level(l);
+    std::string order;
+    const Cell* before = nullptr;
+    for (const Cell* c = level_beg[static_cast<std::size_t>(l)].next; c != nullptr; c = c->next) {
+      EXPECT_EQ(c->prev, before);
+      before = c;
+      order += static_cast<char>('A' + c->id);
+    }
+    EXPECT_EQ(level_end[static_cast<std::size_t>(l)].next, before);
+    level_beg.clear();
+    level_end.clear();
+    return order;
+  };
+  using Levels = std::array<std::pair<int, int>, 5>;
+  for (const std::int32_t l : {2, 3}) {
+    const std::pair mixed{l, l - 1}, same{l, l}, coarse{l - 1, l - 1}, finer{l + 1, l - 1};
+    EXPECT_EQ(sorted(l, Levels{same, same, coarse, same, same}), "ABCDE");
+    EXPECT_EQ(sorted(l, Levels{same, mixed, same, coarse, same}), "ACDEB");
+    EXPECT_EQ(sorted(l, Levels{mixed, same, mixed, same, mixed}), "BDECA");
+    EXPECT_EQ(sorted(l, Levels{mixed, finer, mixed, same, same}), "ABDEC") << "stops at B";
+    EXPECT_EQ(sorted(l, Levels{mixed, mixed, mixed, mixed, finer}), "ABCDE");
+  }
+}
+
+}  // namespace
+}  // namespace velmar_2d::tests
