@@ -282,27 +282,39 @@ void check_sides(const Check& check, const Cell& c) {
   }
 }
 
-/// The control cell: the way to its neighbours, what is cached of it, and its share of the domain.
-void check_cell(Check& check, const Cell& c) {
-  const Surroundings s = surroundings_of(c);
-  if (!s.on_lattice) {
-    for (int d = 0; d < nb_directions; ++d) {
-      if (byte_at(s.levels, d) != off_lattice) continue;
-      check.report("direction", "a neighbour does not lie where the link points", &c,
-                   link(c, d).cell());
-    }
-  }
-  const KnownShape* shape = fitting_shape(s);
-  const double area = shape != nullptr
-                          ? shape->area * spacing_squared(s.spacing_level(shape->farthest))
-                          : area_of(polygon_of(c));
-  check.area += area;
-  if (shape != nullptr && c.signature_set && c.signature != signature_of(s)) {
+/// What the node keeps of its shape: the signature, and in the link levels the halves of the faces.
+void check_shape(const Check& check, const Cell& c, const Signature& signature) {
+  if (c.signature_set && c.signature != signature) {
     check.report("signature", "the signature is set, but not that of the links", &c);
   }
+  if (c.level == 0) return;  // here all link levels are those of the first grid
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* neighbour = link(c, d).cell();
+    const bool full = (signature[1] & (128U >> d)) != 0;
+    const std::int32_t level = c.*link_level_members[static_cast<std::size_t>(d)];
+    if (neighbour == nullptr || level == (full ? 2 : 1)) continue;
+    check.report("link_level", "the level of a link is not the number of halves of its face", &c,
+                 neighbour);
+  }
+}
+
+/// The control cell: the way to its neighbours, what is cached of it, and its share of the domain.
+void check_cell(Check& check, const Cell& c) {
+  const Ring levels = surroundings_of(c).levels;
+  for (int d = 0; d < nb_directions; ++d) {
+    if (byte_at(levels, d) != off_lattice) continue;
+    check.report("direction", "a neighbour does not lie where the link points", &c,
+                 link(c, d).cell());
+  }
+  const NodeShape found = look_around(c);
+  const double area = found.shape != nullptr
+                          ? found.shape->area * dist_0 * dist_0 * exact_power_of_2(-c.level)
+                          : area_of(polygon_of(c));
+  check.area += area;
   if (c.area >= 0.0 && !(std::abs(c.area - area) <= area_tolerance * area)) {
     check.report("area", "the cached area is not that of the control cell", &c);
   }
+  if (found.shape != nullptr) check_shape(check, c, found.signature);
   if (c.on_boundary == 0) return;
   CellFaces faces;
   cell_faces(&c, faces);

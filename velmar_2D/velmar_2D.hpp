@@ -479,7 +479,7 @@ struct Finding {
 ///     link          links designate nodes of the mesh, or records in straight directions
 ///     mutual        the neighbour links back
 ///     direction     the neighbour lies where the link points
-///     link_level    1 or 2
+///     link_level    1 or 2; once the node has left level 0, the number of halves of the face
 ///     side          records are linked exactly on the sides; on_boundary is their number
 ///     signature     a signature that is set is that of the links
 ///     area          an area that is cached is that of the control cell
