@@ -115,12 +115,12 @@ TEST(NoMemory, ForTheDerivatives) {
       for (int i = 0; i < 6; ++i) {
         update_mesh_no_init(scenarios::ring_spacing(ring, 0.3, dist_0 / 8.0, dist_0));
       }
-      refused_size = 1;
+      refuse(1, SIZE_MAX);
       for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
         double dx = 0.0, dy = 0.0;
         compute_data_at_node(c, &dx, &dy);
       }
-      refused_size = 0;
+      refuse(1, 0);
     });
     EXPECT_EQ(end.exit_status, 0) << end.output;
   }
