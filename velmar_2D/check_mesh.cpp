@@ -32,9 +32,16 @@ struct Place {
 class NodeTable {
  public:
   explicit NodeTable(std::size_t nb_nodes_at_most)
-      : by_address_(std::bit_ceil(2 * nb_nodes_at_most + 2)),
+      : by_address_(nb_slots(nb_nodes_at_most)),
         by_place_(by_address_.size()),
         mask_(by_address_.size() - 1) {}
+
+  static std::size_t nb_slots(std::size_t nb_nodes_at_most) {
+    return std::bit_ceil(2 * nb_nodes_at_most + 2);
+  }
+  static std::size_t bytes(std::size_t nb_nodes_at_most) {
+    return nb_slots(nb_nodes_at_most) * (sizeof(const Cell*) + sizeof(PlaceSlot));
+  }
 
   /// False where the node is in the table already.
   bool add(const Cell* c) {
@@ -371,21 +378,28 @@ void check_sums(const Check& check) {
 
 }  // namespace
 
-std::size_t check_mesh(std::vector<Finding>& findings) {
+namespace detail {
+
+void find_broken_rules(std::vector<Finding>& findings) {
   findings.clear();
-  const auto nb_nodes_at_most = static_cast<std::size_t>(std::max(nb_nodes, 0));
+  Check check{findings, NodeTable(static_cast<std::size_t>(std::max(nb_nodes, 0))),
+              std::vector<std::int32_t>(std::min(level_beg.size(), level_end.size()))};
+  // As true_ipos() tells positions apart, and twice that for the nodes between two others.
+  check.tolerance = std::max(
+      2e-12, 16.0 * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0);
+  check_arrays(check);
+  check_list(check);
+  check_nodes(check);
+  if (nb_nodes > 0 && check.links_hold) check_sums(check);
+}
+
+}  // namespace detail
+
+std::size_t check_mesh(std::vector<Finding>& findings) {
   try {
-    Check check{findings, NodeTable(nb_nodes_at_most),
-                std::vector<std::int32_t>(std::min(level_beg.size(), level_end.size()))};
-    // As true_ipos() tells positions apart, and twice that for the nodes between two others.
-    check.tolerance = std::max(
-        2e-12, 16.0 * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0);
-    check_arrays(check);
-    check_list(check);
-    check_nodes(check);
-    if (nb_nodes > 0 && check.links_hold) check_sums(check);
+    detail::find_broken_rules(findings);
   } catch (const std::bad_alloc&) {
-    allocation_failed(std::bit_ceil(2 * nb_nodes_at_most + 2) * 3 * sizeof(Cell*));
+    detail::allocation_failed(NodeTable::bytes(static_cast<std::size_t>(std::max(nb_nodes, 0))));
   }
   return findings.size();
 }

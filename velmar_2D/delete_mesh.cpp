@@ -6,6 +6,7 @@
 namespace velmar_2d {
 
 void delete_mesh() {
+  const detail::MeshChange change("delete_mesh");
   const std::int32_t k = detail::release_all_nodes();
   // Deleting the mesh must work where no memory is left, so no std::string.
   std::array<char, 64> text;

@@ -168,6 +168,7 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
 
 void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                double& y_max) {
+  const detail::MeshChange change("init_mesh");
   if (nb_nodes > 0) {
     if (lists_are_split()) join_sublists();
     fatal("(velmar_2D/init_mesh:) ERROR: mesh should be empty!");

@@ -102,6 +102,7 @@ void prune_quadrant(Cell& c, int d) {
 }  // namespace
 
 void insert_node_even_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_even_level");
   check_vertex("insert_node_even_level", v, 3);
   const StraightLinks straight = straight_links(v);
   const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;

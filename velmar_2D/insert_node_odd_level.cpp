@@ -53,6 +53,7 @@ void prune_along_boundary(Cell& centre, int side) {
 }  // namespace
 
 void insert_node_odd_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_odd_level");
   check_vertex("insert_node_odd_level", v, 4);
   const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
   Cell& c = *new_cell_at(v);

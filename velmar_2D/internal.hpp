@@ -95,6 +95,32 @@ void make_level_arrays(std::int32_t subdiv_max);
 void check_subdiv_max(std::string_view operation, std::int32_t subdiv_max);
 
 // ---------------------------------------------------------------------------------------------
+// Checking (check_mesh.cpp, validate.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// As check_mesh(), but exhausted memory leaves it as std::bad_alloc.
+void find_broken_rules(std::vector<Finding>& findings);
+
+/// The scope of an exported procedure that changes the mesh. In a build with VELMAR_2D_VALIDATE the
+/// mesh is checked at the end of the outermost one, unless an exception leaves it, and the process
+/// ended with the first finding. In other builds it is nothing.
+class MeshChange {
+ public:
+#if defined(VELMAR_2D_VALIDATE)
+  explicit MeshChange(std::string_view operation);
+  ~MeshChange() noexcept(false);
+  MeshChange(const MeshChange&) = delete;
+  MeshChange& operator=(const MeshChange&) = delete;
+
+ private:
+  std::string_view operation_;
+  int exceptions_before_;
+#else
+  explicit MeshChange(std::string_view /*operation*/) {}
+#endif
+};
+
+// ---------------------------------------------------------------------------------------------
 // Positions and levels
 // ---------------------------------------------------------------------------------------------
 

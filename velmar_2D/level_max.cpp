@@ -114,6 +114,7 @@ void lower_limit(std::int32_t subdiv_max) {
 }  // namespace
 
 void set_subdiv_max(std::int32_t subdiv_max) {
+  const detail::MeshChange change("set_subdiv_max");
   if (subdiv_max == level_max) return;
   if (subdiv_max < level_max) {
     lower_limit(subdiv_max);

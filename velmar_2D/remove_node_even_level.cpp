@@ -23,6 +23,7 @@ void set_diagonal_level(Cell& neighbour, int diagonal, int beside) {
 }  // namespace
 
 void remove_node_even_level(Cell*& c) {
+  const detail::MeshChange change("remove_node_even_level");
   if (c == nullptr) release_of_missing("c");
   for (const int direction : diagonal_directions) {
     if (!link(*c, direction).empty()) return;

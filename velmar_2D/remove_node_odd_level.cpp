@@ -24,6 +24,7 @@ void set_side_level(Cell& corner, int along, int beyond, int domain_side) {
 }  // namespace
 
 void remove_node_odd_level(Cell*& c) {
+  const detail::MeshChange change("remove_node_odd_level");
   if (c == nullptr) release_of_missing("c");
   if (c->on_boundary > 0) return;
   for (const int direction : straight_directions) {
