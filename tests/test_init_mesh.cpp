@@ -116,14 +116,6 @@ TEST_F(InitMesh, EachSideGetsTheRecordThatTheCallbackSelects) {
   EXPECT_EQ(links(2, 2), "n[North neu] e[East oth] s(2,1) w(1,2)");
 }
 
-TEST_F(InitMesh, SmallestGridIsFourCorners) {
-  double y_max = 0.0;
-  init(1.0, 1.0, 2, 2, 2, y_max);
-  EXPECT_EQ(nb_nodes, 4);
-  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) EXPECT_EQ(c->on_boundary, 2);
-  EXPECT_TRUE(mesh_is_whole());
-}
-
 // Division of the width by nx - 1 does not give x_min back exactly; the westmost column does.
 TEST_F(InitMesh, WestSideIsExact) {
   scenarios::set_domain(0.1, 0.8, 0.1, 0.8);

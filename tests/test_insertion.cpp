@@ -19,6 +19,7 @@ using Insertion = MeshTest;
 //   (0,0) --- (1,0) --- (2,0)         (0,0)     (1,0) --- (2,0)
 TEST_F(Insertion, CentreOfASquareCutsTheLinksAlongTheSidesOfTheDomain) {
   make_grid(3, 2, 1);
+  node_at(1, 1)->sl = node_at(1, 0)->nl = 2;
   const Cell* c = insert_at(0.5, 0.5, node_at(0, 0));
   ASSERT_NE(c, nullptr);
   EXPECT_EQ(links(0.5, 0.5), "ne(1,1) se(1,0) sw(0,0) nw(0,1)");

@@ -59,6 +59,42 @@ TEST_F(Lists, JoiningSkipsEmptyStretches) {
   level_end.clear();
 }
 
+// Midpoints of edges without the centre that would come first: stretch 1 is filled last, between
+// two others, and emptied again.
+TEST_F(Lists, NodesEnterAndLeaveAStretchBetweenOthers) {
+  const auto stretches = [] {
+    std::string forwards, backwards;
+    const Cell* last = nullptr;
+    for (const Cell* c = mesh_beg; c != nullptr; last = c, c = c->next)
+      forwards += std::to_string(c->ipos);
+    EXPECT_EQ(last, mesh_end);
+    for (const Cell* c = mesh_end; c != nullptr; c = c->prev)
+      backwards = std::to_string(c->ipos) + backwards;
+    EXPECT_EQ(forwards, backwards);
+    return forwards;
+  };
+  make_grid(2, 2, 3);
+  const Vertex centre_vertex = proposals_around(node_at(0, 0)).at(0);
+  Vertex v = centre_vertex;
+  v.p4 = nullptr;
+  v.level = 2;
+  v.y = 0.0;
+  Cell* first = insert(v);
+  v.y = 1.0;
+  insert(v);
+  EXPECT_EQ(stretches(), "000022");
+  Cell* centre = insert(centre_vertex);
+  EXPECT_EQ(stretches(), "0000122");
+  remove_node_odd_level(centre);
+  EXPECT_EQ(stretches(), "000022");
+  EXPECT_EQ(level_beg[1].next, nullptr);
+  EXPECT_EQ(level_end[1].next, nullptr);
+  remove_node_even_level(first);
+  EXPECT_EQ(stretches(), "00002");
+  EXPECT_EQ(level_beg[2].next, mesh_end);
+  EXPECT_EQ(level_end[2].next, mesh_end);
+}
+
 TEST_F(Limit, LoweringEmptiesTheStretchesAboveAndKeepsTheArrays) {
   make_grid(3, 3, 5);
   adapt(0.25, 3);

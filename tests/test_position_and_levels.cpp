@@ -229,13 +229,5 @@ TEST(LevelRules, FallWhenFinerNeighboursAreRemoved) {
   }
 }
 
-TEST(LevelRules, PowersOf2AreThoseOfASigned32BitInteger) {
-  EXPECT_EQ(power_of_2(0), 1.0);
-  EXPECT_EQ(power_of_2(30), 1073741824.0);
-  EXPECT_EQ(power_of_2(31), -2147483648.0);
-  EXPECT_EQ(power_of_2(32), 0.0);
-  EXPECT_EQ(power_of_2(-1), 0.0);
-}
-
 }  // namespace
 }  // namespace velmar_2d::tests

@@ -83,35 +83,29 @@ void link_both(Cell& a, int direction, Cell& b) {
 
 /// Fields of a grid node that follow from its place. Sides are numbered as their directions.
 void set_place(Cell& c) {
-  // signature[0] and [1] of a node with one side, and signature[0] of the corner that the side
-  // makes with the next side clockwise
-  struct SidePlace {
-    std::uint8_t links, full_faces, corner_links;
-  };
-  constexpr std::array<SidePlace, 4> places = {
-      {{42, 8, 10}, {138, 2, 130}, {162, 128, 160}, {168, 32, 40}}};
+  // signature[0] of the corner that a side makes with the next side clockwise
+  constexpr std::array<std::uint8_t, 4> corner_signatures = {10, 130, 160, 40};
 
   const double square = dist_0 * dist_0;
   c.nl = c.el = c.sl = c.wl = 1;
   c.signature_set = true;
   c.area = square;
   c.signature = {170, 170};
-  for (int q = 0; q < 4; ++q) {
-    const int side = straight_directions[static_cast<std::size_t>(q)];
+  for (const int side : straight_directions) {
+    const auto i = static_cast<std::size_t>(side / 2);
     if (link(c, side).boundary() == nullptr) continue;
-    const SidePlace& place = places[static_cast<std::size_t>(q)];
     if (link(c, side + 2).boundary() != nullptr) {
       c.on_boundary = 2;
       c.reserve = 1;
       c.area = 0.25 * square;
-      c.signature = {place.corner_links, 0};
+      c.signature = {corner_signatures[i], 0};
       return;
     }
     if (link(c, side - 2).boundary() != nullptr) continue;  // that side handles the corner
     c.on_boundary = 1;
     c.reserve = 2;
     c.area = 0.5 * square;
-    c.signature = {place.links, place.full_faces};
+    c.signature = side_signatures[i];
   }
 }
 

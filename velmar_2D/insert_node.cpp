@@ -43,6 +43,16 @@ Cell* new_cell_at(const Vertex& v) {
   return c;
 }
 
+void prune_link(Cell* parent, int to_beyond, int back, int cut) {
+  if (parent == nullptr) return;
+  const Cell* beyond = link(*parent, to_beyond).cell();
+  if (beyond != nullptr && link(*beyond, back).empty()) {
+    link(*parent, cut) = nullptr;
+    link_level(*parent, cut) = 2;
+  }
+  if (!link(*parent, cut).empty()) link_level(*parent, cut) = 1;
+}
+
 void announce_to(Cell* parent, const Cell& c) {
   update_level(parent, &c);
   parent->area = -1.0;

@@ -66,27 +66,13 @@ void set_shape(Cell& c) {
     c.signature_set = true;
     return;
   }
-  constexpr std::array<std::array<std::uint8_t, 2>, 4> by_side = {
-      {{42, 8}, {138, 2}, {162, 128}, {168, 32}}};
   c.area = 0.5 * square;
   for (const int side : straight_directions) {
     if (link(c, side).boundary() == nullptr) continue;
-    c.signature = by_side[static_cast<std::size_t>(side / 2)];
+    c.signature = side_signatures[static_cast<std::size_t>(side / 2)];
     c.signature_set = true;
     return;
   }
-}
-
-/// Cuts the diagonal link of `parent` towards `cut` if the node X beyond, at `to_beyond` from the
-/// parent, has no diagonal link back across it.
-void prune_diagonal(Cell* parent, int to_beyond, int back, int cut) {
-  if (parent == nullptr) return;
-  const Cell* beyond = link(*parent, to_beyond).cell();
-  if (beyond != nullptr && link(*beyond, back).empty()) {
-    link(*parent, cut) = nullptr;
-    link_level(*parent, cut) = 2;
-  }
-  if (!link(*parent, cut).empty()) link_level(*parent, cut) = 1;
 }
 
 /// The quadrant clockwise from the straight direction d, between the parents at d and d + 2.
@@ -95,8 +81,8 @@ void prune_quadrant(Cell& c, int d) {
     link_level(c, d + 2) = 1;
     link_level(c, d - 2) = 1;
   }
-  prune_diagonal(link(c, d).cell(), d + 2, d + 5, d + 3);
-  prune_diagonal(link(c, d + 2).cell(), d, d + 5, d + 7);
+  prune_link(link(c, d).cell(), d + 2, d + 5, d + 3);
+  prune_link(link(c, d + 2).cell(), d, d + 5, d + 7);
 }
 
 }  // namespace

@@ -22,22 +22,10 @@ void link_corner(Cell& centre, Cell& corner) {
   link(corner, opposite(direction)) = &centre;
 }
 
-/// Cuts the link of `corner` towards `cut` if the square on the far side of that link has its
-/// centre X, at `to_centre` from the corner, and X has no straight link back across the side.
-void prune_side(Cell* corner, int to_centre, int back, int cut) {
-  if (corner == nullptr) return;
-  const Cell* beyond = link(*corner, to_centre).cell();
-  if (beyond != nullptr && link(*beyond, back).empty()) {
-    link(*corner, cut) = nullptr;
-    link_level(*corner, cut) = 2;
-  }
-  if (!link(*corner, cut).empty()) link_level(*corner, cut) = 1;
-}
-
 /// The two corners of the square's side in direction `side`, seen from the new centre.
 void prune_across(Cell& centre, int side) {
-  prune_side(link(centre, side - 1).cell(), side + 1, opposite(side), side + 2);
-  prune_side(link(centre, side + 1).cell(), side - 1, opposite(side), side - 2);
+  prune_link(link(centre, side - 1).cell(), side + 1, opposite(side), side + 2);
+  prune_link(link(centre, side + 1).cell(), side - 1, opposite(side), side - 2);
 }
 
 /// Two corners on a side of the domain need no link along it: the centre comes between them.

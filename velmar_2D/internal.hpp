@@ -34,6 +34,10 @@ inline constexpr std::array<int, 4> straight_directions = {north, east, south, w
 inline constexpr std::array<int, 4> diagonal_directions = {north_east, south_east, south_west,
                                                            north_west};
 
+/// `signature` of a node on one side without finer neighbours, by side: n, e, s, w.
+inline constexpr std::array<std::array<std::uint8_t, 2>, 4> side_signatures = {
+    {{42, 8}, {138, 2}, {162, 128}, {168, 32}}};
+
 /// Length of the way from a to b along a straight direction; negative where b lies behind.
 inline double distance_along(int direction, const Cell& a, const Cell& b) {
   switch (direction & 7) {
@@ -176,6 +180,10 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents);
 /// A node at the vertex, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
 Cell* new_cell_at(const Vertex& v);
+/// Cuts the link of a new node's parent in the direction `cut`, which the new node crosses, once it
+/// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link `back`
+/// across it. Keeps the link's level. Does nothing without a parent.
+void prune_link(Cell* parent, int to_beyond, int back, int cut);
 /// Tells a parent about its new neighbour.
 void announce_to(Cell* parent, const Cell& c);
 /// Calls init_data_ptr for the first data value of a node at the vertex.

@@ -66,15 +66,65 @@ bool too_fine(const Cell& c, const size_function& size_fun) {
   return c.level > coarsening_margin + level_of(ratio);
 }
 
+/// Runs a few nodes ahead of a walk and asks the memory for what the walk will read there.
+///
+/// Nodes that follow one another in a stretch mostly lie one slot apart, so the place of a node
+/// further ahead can be guessed before its address is known; a wrong guess costs nothing but the
+/// request.
+class Scout {
+ public:
+  Scout(Cell* start, Cell* Cell::*step) : position_(start), step_(step) {
+    for (int i = 0; i < nodes_ahead; ++i) advance();
+  }
+
+  void advance() {
+    if (position_ == nullptr) return;
+    Cell* following = position_->*step_;
+    if (following != nullptr) {
+      const auto here = reinterpret_cast<std::uintptr_t>(position_);
+      const auto there = reinterpret_cast<std::uintptr_t>(following);
+      request(there + guessed_ahead * (there - here));
+      request(there + guessed_ahead * (there - here) + 64);
+    }
+    position_ = following;
+  }
+
+  /// Asks for the neighbours of the node that the scout has reached.
+  void request_neighbours() const {
+    if (position_ == nullptr) return;
+    for (int d = 0; d < nb_directions; ++d) {
+      if (const Cell* neighbour = link(*position_, d).cell()) {
+        request(reinterpret_cast<std::uintptr_t>(neighbour));
+      }
+    }
+  }
+  bool at_settled_node() const { return position_ == nullptr || position_->reserve == 4; }
+
+ private:
+  static constexpr int nodes_ahead = 4, guessed_ahead = 6;
+
+  static void request(std::uintptr_t address) {
+    __builtin_prefetch(reinterpret_cast<const void*>(address));
+  }
+
+  Cell* position_;
+  Cell* Cell::*step_;
+};
+
 /// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
 /// visited in the same pass.
 void refine(const size_function& size_fun) {
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
+    Scout scout(c, &Cell::next);
+    bool refining = true;
     while (c != nullptr) {
+      scout.advance();
+      if (refining || !scout.at_settled_node()) scout.request_neighbours();
       const std::int32_t id_save = c->id;
-      if (too_coarse(*c, size_fun)) refine_cell(c, false);
+      refining = too_coarse(*c, size_fun);
+      if (refining) refine_cell(c, false);
       if (c != nullptr && c->level < level_max) refine_cell(c, true);
       if (c != nullptr && c->id == id_save) c = c->next;
     }
@@ -85,7 +135,9 @@ void refine(const size_function& size_fun) {
 void coarsen(const size_function& size_fun) {
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
+    Scout scout(c, &Cell::prev);
     while (c != nullptr) {
+      scout.advance();
       Cell* tmp = c;
       c = c->prev;
       if (tmp->level == 0) continue;

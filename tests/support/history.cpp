@@ -24,7 +24,8 @@ int small_or_large_limit(Random& random) {
 /// Two rows of nodes are too few for second derivatives: computing them would end the process.
 bool has_second_derivatives(int nx, int ny) { return nx > 2 && ny > 2; }
 bool grid_has_second_derivatives() {
-  return east_boundary_dir->c - x_min > 1.5 * dist_0 && north_boundary_dir->c - y_min > 1.5 * dist_0;
+  return east_boundary_dir->c - x_min > 1.5 * dist_0 &&
+         north_boundary_dir->c - y_min > 1.5 * dist_0;
 }
 
 std::string make_mesh(const HistoryPlan& plan, Random& random) {

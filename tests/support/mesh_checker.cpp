@@ -174,7 +174,7 @@ class Checker {
     if (c.ipos != closed_form_ipos(here.x, here.y))
       report(&c, "ipos should be ", closed_form_ipos(here.x, here.y));
     if (c.level < 0 || c.level > level_max) report(&c, "level outside 0 to the limit ", level_max);
-    if (c.reserve < 1 || c.reserve > 4) report(&c, "reserve outside 0 to 4");
+    if (c.reserve < 1 || c.reserve > 4) report(&c, "reserve outside 1 to 4");
     if (c.data.size() != static_cast<std::size_t>(n_cell_data)) report(&c, "number of data values");
     if (here.fine_x < 0 || here.fine_x > east_ || here.fine_y < 0 || here.fine_y > north_)
       report(&c, "outside the domain");

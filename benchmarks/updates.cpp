@@ -1,0 +1,158 @@
+// What adaptation costs per node, at 10^4 to 10^6 nodes:
+//
+//   ring    from the first grid until a ring front is resolved (three updates)
+//   steady  one more update, which leaves every position as it is
+//   front   a step of 1/50 of the way of the travelling ring
+//   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it
+//
+// Each with none and with one value per node. `ns_per_node` counts nodes at the end of the step;
+// `bytes_per_node` is the growth of the resident memory.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+#include "scenarios/scenarios.hpp"
+
+namespace velmar_2d::benchmarks {
+namespace {
+
+constexpr std::int32_t nodes_along = 33;
+constexpr double coarsest = 1.0 / (nodes_along - 1);
+
+double resident_bytes() {
+  long total = 0, resident = 0;
+  std::FILE* file = std::fopen("/proc/self/statm", "r");
+  if (file == nullptr) return 0.0;
+  if (std::fscanf(file, "%ld %ld", &total, &resident) != 2) resident = 0;
+  std::fclose(file);
+  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+/// delete_mesh() reports on standard output, which belongs to the benchmark's table.
+void delete_quietly() {
+  std::fflush(stdout);
+  const int kept = dup(1);
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return;
+  delete_mesh();
+  std::fflush(stdout);
+  dup2(kept, 1);
+  close(kept);
+}
+
+/// Finest spacing with which the ring takes about this many nodes.
+double finest_for(std::int64_t nodes) { return 80.0 / static_cast<double>(nodes); }
+
+void start(std::int64_t nodes, std::int32_t values) {
+  n_cell_data = values;
+  const auto levels = 2 * std::ceil(std::log2(coarsest / finest_for(nodes)));
+  scenarios::init_unit_square(nodes_along, nodes_along, static_cast<std::int32_t>(levels) + 1);
+}
+
+size_function spacing_at(double time, std::int64_t nodes) {
+  return scenarios::ring_spacing(scenarios::travelling_ring(time), 0.1, finest_for(nodes),
+                                 coarsest);
+}
+
+void update(double time, std::int64_t nodes) {
+  const size_function size = spacing_at(time, nodes);
+  if (n_cell_data == 0) {
+    update_mesh_no_init(size);
+  } else {
+    const scenarios::Ring ring = scenarios::travelling_ring(time);
+    update_mesh_init(size,
+                     [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); });
+  }
+}
+
+/// Time and nodes of all iterations of a benchmark.
+class Cost {
+ public:
+  explicit Cost(benchmark::State& state) : state_(state) {}
+
+  template <typename Work>
+  void time(const Work& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    state_.SetIterationTime(elapsed.count());
+    seconds_ += elapsed.count();
+    nodes_ += nb_nodes;
+    state_.counters["nodes"] = nb_nodes;
+    state_.counters["ns_per_node"] = 1e9 * seconds_ / nodes_;
+  }
+
+ private:
+  benchmark::State& state_;
+  double seconds_ = 0.0, nodes_ = 0.0;
+};
+
+void make_ring(benchmark::State& state, double time) {
+  start(state.range(0), static_cast<std::int32_t>(state.range(1)));
+  for (int i = 0; i < 3; ++i) update(time, state.range(0));
+}
+
+void ring(benchmark::State& state) {
+  Cost cost(state);
+  for (auto _ : state) {
+    const double before = resident_bytes();
+    cost.time([&] { make_ring(state, 0.5); });
+    state.counters["bytes_per_node"] = (resident_bytes() - before) / nb_nodes;
+    delete_quietly();
+  }
+}
+
+void steady(benchmark::State& state) {
+  make_ring(state, 0.5);
+  Cost cost(state);
+  for (auto _ : state) {
+    cost.time([&] { update(0.5, state.range(0)); });
+  }
+  delete_quietly();
+}
+
+void front(benchmark::State& state) {
+  make_ring(state, 0.0);
+  Cost cost(state);
+  int step = 0;
+  for (auto _ : state) {
+    const double time = std::abs(std::remainder(static_cast<double>(++step) / 50.0, 2.0));
+    cost.time([&] { update(time, state.range(0)); });
+  }
+  delete_quietly();
+}
+
+void walk(benchmark::State& state) {
+  make_ring(state, 0.5);
+  Cost cost(state);
+  for (auto _ : state) {
+    cost.time([] {
+      double sum = 0.0;
+      for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        for (const NeighbourLink link : {c->n, c->ne, c->e, c->se, c->s, c->sw, c->w, c->nw}) {
+          if (const Cell* neighbour = link.cell()) sum += neighbour->data[0];
+        }
+      }
+      benchmark::DoNotOptimize(sum);
+    });
+  }
+  delete_quietly();
+}
+
+void sizes(benchmark::internal::Benchmark* b) {
+  b->ArgsProduct({{10'000, 100'000, 1'000'000}, {0, 1}})->ArgNames({"about", "values"});
+  b->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(0.3);
+}
+BENCHMARK(ring)->Apply(sizes);
+BENCHMARK(steady)->Apply(sizes);
+BENCHMARK(front)->Apply(sizes);
+BENCHMARK(walk)
+    ->ArgsProduct({{10'000, 100'000, 1'000'000}, {1}})
+    ->ArgNames({"about", "values"})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace velmar_2d::benchmarks
