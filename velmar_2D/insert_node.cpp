@@ -14,6 +14,7 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
           " => you must avoid this before calling this routine");
   }
   require_mesh(operation);  // the limit outlives a mesh, its level arrays do not
+  if (v.level < 0) fatal(tag() + "             the level of the new node is negative");
   const std::array<const Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
   for (int i = 0; i < nb_parents; ++i) {
     if (parents[static_cast<std::size_t>(i)] != nullptr) continue;
@@ -51,6 +52,33 @@ void prune_link(Cell* parent, int to_beyond, int back, int cut) {
     link_level(*parent, cut) = 2;
   }
   if (!link(*parent, cut).empty()) link_level(*parent, cut) = 1;
+}
+
+void link_parent(Cell& c, int direction, Cell& parent) {
+  NeighbourLink& back = link(parent, opposite(direction));
+  if (!link(c, direction).empty() || !back.empty()) links_may_be_one_way = true;
+  link(c, direction) = &parent;
+  back = &c;
+}
+
+//     P ------ R       P and R, neighbouring parents of the new node N, may be linked to each
+//     other.
+//       \    /         If P linked to another node there, that link would be cut at its one end
+//         N            only; and so it would if just one of P and R saw a reason to cut.
+void check_surroundings(const Cell& c, const std::array<int, 4>& directions) {
+  for (const int d : directions) {
+    const Cell* parent = link(c, d).cell();
+    if (parent == nullptr) continue;
+    for (const int turn : {2, -2}) {
+      const int to_next = d + turn + (turn > 0 ? 1 : -1);
+      const Cell* linked = link(*parent, to_next).cell();
+      if (linked == nullptr) continue;
+      const Cell* next = link(c, d + turn).cell();
+      if (linked != next || link(*next, opposite(to_next)).cell() != parent) {
+        links_may_be_one_way = true;
+      }
+    }
+  }
 }
 
 void announce_to(Cell* parent, const Cell& c) {

@@ -24,38 +24,36 @@ int direction_to(const Cell& parent, const Vertex& v, double eps) {
   return parent.y <= v.y ? south : north;
 }
 
-/// What the new node's straight links will lead to, by direction / 2.
-struct StraightLinks {
+/// The sides of the domain that a node with three parents lies on: links to their records, by
+/// direction / 2, and their number.
+struct Sides {
   std::array<NeighbourLink, 4> links;
-  std::int32_t on_boundary = 0;
+  std::int32_t number = 0;
 };
 
-/// The parents; on a side of the domain, the links that no parent took lead to the side's record.
-StraightLinks straight_links(const Vertex& v) {
-  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
-  StraightLinks result;
-  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
-    if (parent == nullptr) continue;
-    result.links[static_cast<std::size_t>(direction_to(*parent, v, eps) / 2)] = parent;
+/// Sides are the straight directions in which no parent lies. Asks the caller for the records.
+Sides sides_at(const Vertex& v, double eps) {
+  Sides sides;
+  std::array<bool, 4> taken{};
+  for (const Cell* parent : {v.p1, v.p2, v.p3}) {
+    taken[static_cast<std::size_t>(direction_to(*parent, v, eps) / 2)] = true;
   }
-  if (v.p4 != nullptr) return result;
   for (const int side : straight_directions) {
-    NeighbourLink& to_side = result.links[static_cast<std::size_t>(side / 2)];
-    if (!to_side.empty()) continue;
-    to_side = side_link(side, v.x, v.y);
-    ++result.on_boundary;
+    const auto i = static_cast<std::size_t>(side / 2);
+    if (taken[i]) continue;
+    sides.links[i] = side_link(side, v.x, v.y);
+    ++sides.number;
   }
-  return result;
+  return sides;
 }
 
-void make_links(Cell& c, const StraightLinks& straight) {
-  for (const int direction : straight_directions) {
-    link(c, direction) = straight.links[static_cast<std::size_t>(direction / 2)];
-    Cell* parent = link(c, direction).cell();
-    if (parent != nullptr) link(*parent, opposite(direction)) = &c;
+void link_sides(Cell& c, const Sides& sides) {
+  for (const int side : straight_directions) {
+    const NeighbourLink to_side = sides.links[static_cast<std::size_t>(side / 2)];
+    if (!to_side.empty()) link(c, side) = to_side;
   }
-  c.on_boundary = straight.on_boundary;
-  c.reserve = c.on_boundary == 1 ? 2 : c.on_boundary == 2 ? 1 : 4;
+  c.on_boundary = sides.number;
+  c.reserve = sides.number == 1 ? 2 : sides.number == 2 ? 1 : 4;
 }
 
 void set_shape(Cell& c) {
@@ -90,13 +88,19 @@ void prune_quadrant(Cell& c, int d) {
 void insert_node_even_level(const Vertex& v) {
   const detail::MeshChange change("insert_node_even_level");
   check_vertex("insert_node_even_level", v, 3);
-  const StraightLinks straight = straight_links(v);
+  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
+  const Sides sides = v.p4 == nullptr ? sides_at(v, eps) : Sides{};
   const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
 
   Cell& c = *new_cell_at(v);
-  make_links(c, straight);
+  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
+    if (parent != nullptr) link_parent(c, direction_to(*parent, v, eps), *parent);
+  }
+  if (v.p4 == nullptr) link_sides(c, sides);
   set_shape(c);
+  check_surroundings(c, straight_directions);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
+  check_surroundings(c, straight_directions);
   for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
     if (parent != nullptr) announce_to(parent, c);
   }

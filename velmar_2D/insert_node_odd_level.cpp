@@ -18,8 +18,7 @@ void link_corner(Cell& centre, Cell& corner) {
   const bool west_of = corner.x <= centre.x, south_of = corner.y <= centre.y;
   const int direction =
       west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
-  link(centre, direction) = &corner;
-  link(corner, opposite(direction)) = &centre;
+  link_parent(centre, direction, corner);
 }
 
 /// The two corners of the square's side in direction `side`, seen from the new centre.
@@ -51,8 +50,10 @@ void insert_node_odd_level(const Vertex& v) {
 
   const std::array<Cell*, 4> corners = {v.p1, v.p2, v.p3, v.p4};
   for (Cell* corner : corners) link_corner(c, *corner);
+  check_surroundings(c, diagonal_directions);
   for (const int side : straight_directions) prune_across(c, side);
   for (const int side : straight_directions) prune_along_boundary(c, side);
+  check_surroundings(c, diagonal_directions);
   for (Cell* corner : corners) announce_to(corner, c);
 
   if (n_cell_data <= 0) return;

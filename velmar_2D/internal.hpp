@@ -91,6 +91,18 @@ struct JoinAtEnd {
 void enter_stretch(Cell& c);
 /// Takes a node out of its stretch, in the joined and in the split state.
 void leave_stretch(Cell& c);
+/// Whether some link may not be mutual any more, because a caller inserted a node among nodes that
+/// do not surround it. From then on removals search the mesh for links to the node; false again
+/// with the next mesh.
+extern bool links_may_be_one_way;
+/// Links `from` to whatever replaces the node between them; notes if that cuts another link.
+inline void relink(Cell& from, int direction, NeighbourLink to) {
+  NeighbourLink& there = link(from, direction);
+  if (!there.empty() && there != to) links_may_be_one_way = true;
+  there = to;
+}
+/// Takes a node out of the mesh and gives it back. Its neighbours no longer link to it.
+void drop_cell(Cell*& c);
 /// Ends the process with a message that names the operation if there is no mesh.
 void require_mesh(std::string_view operation);
 /// Gives the level arrays room for a limit, keeping their entries.
@@ -106,8 +118,10 @@ void check_subdiv_max(std::string_view operation, std::int32_t subdiv_max);
 void find_broken_rules(std::vector<Finding>& findings);
 
 /// The scope of an exported procedure that changes the mesh. In a build with VELMAR_2D_VALIDATE the
-/// mesh is checked at the end of the outermost one, unless an exception leaves it, and the process
-/// ended with the first finding. In other builds it is nothing.
+/// mesh is checked at the end of the outermost one, and the process ended with the first finding;
+/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's word
+/// for what they insert and remove, and are held to the rules of list and links only. In other
+/// builds it is nothing.
 class MeshChange {
  public:
 #if defined(VELMAR_2D_VALIDATE)
@@ -119,6 +133,7 @@ class MeshChange {
  private:
   std::string_view operation_;
   int exceptions_before_;
+  bool was_whole_;
 #else
   explicit MeshChange(std::string_view /*operation*/) {}
 #endif
@@ -184,6 +199,11 @@ Cell* new_cell_at(const Vertex& v);
 /// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link `back`
 /// across it. Keeps the link's level. Does nothing without a parent.
 void prune_link(Cell* parent, int to_beyond, int back, int cut);
+/// Links the new node and a parent that lies in this direction from it.
+void link_parent(Cell& c, int direction, Cell& parent);
+/// Whether the parents surround the new node: the links between them lead nowhere else, and back.
+/// Wanted before and after links are cut; both kinds of node alike, see insert_node.cpp.
+void check_surroundings(const Cell& c, const std::array<int, 4>& directions);
 /// Tells a parent about its new neighbour.
 void announce_to(Cell* parent, const Cell& c);
 /// Calls init_data_ptr for the first data value of a node at the vertex.

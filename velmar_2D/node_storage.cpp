@@ -167,6 +167,7 @@ std::int32_t release_all_nodes() {
     std::fill(ends->begin(), ends->end(), Handle{});
   }
   return_node_memory();
+  links_may_be_one_way = false;
   return nb_released;
 }
 

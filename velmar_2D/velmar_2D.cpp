@@ -33,6 +33,7 @@ Boundary *west_boundary_dir = nullptr, *west_boundary_neu = nullptr, *west_bound
 namespace detail {
 
 Domain domain;
+bool links_may_be_one_way = false;
 
 double log2(double x) { return std::log(x) / log_of_2; }
 
