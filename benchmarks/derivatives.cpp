@@ -1,13 +1,14 @@
 // Derivatives of the data: whole passes over adapted meshes, by where the domain lies; the nodes of
-// each path by themselves; one fit.
-//
-// Of the private headers only the fits are used, for the benchmark of a single one.
-#include "velmar_2D/derivatives.hpp"
+// each path by themselves; one node with eight neighbours, fitted over nine rows.
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
-#include <random>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "scenarios/scenarios.hpp"
 
@@ -50,19 +51,16 @@ void make_mesh(double origin, double size, int nodes_per_side, int limit, double
 
 enum class Path { square, side, fit, few };
 
+bool has_cell(NeighbourLink link) { return link.cell() != nullptr; }
+
+/// How the derivatives of a node are found: differences on a regular square, a fit of a square at a
+/// side, a fit over the neighbours, a fit for which the neighbours are too few.
 Path path_of(const Cell& c) {
-  detail::Stencil list;
-  int n_list = 1, quick_hessian_case = 0;
-  detail::extract_neighbors(&c, list, n_list);
-  if (c.reserve == 4 && n_list == 5) {
-    detail::extract_neighbor_square(&c, list, n_list, quick_hessian_case);
-    if (quick_hessian_case != 0) return Path::square;
-  }
-  if (n_list >= 6) return Path::fit;
-  if (c.on_boundary == 1 && c.reserve == 2) {
-    detail::extract_neighbors_square_boundary(&c, list, n_list);
-  }
-  return n_list >= 6 ? Path::side : Path::few;
+  const std::array links = {c.n, c.ne, c.e, c.se, c.s, c.sw, c.w, c.nw};
+  const auto nb_neighbours = std::count_if(links.begin(), links.end(), has_cell);
+  if (c.reserve == 4 && nb_neighbours == 4) return Path::square;
+  if (nb_neighbours >= 5) return Path::fit;
+  return c.on_boundary == 1 && c.reserve == 2 && nb_neighbours == 3 ? Path::side : Path::few;
 }
 
 void report(benchmark::State& state, std::size_t nb_per_pass) {
@@ -97,52 +95,78 @@ void nodes_of_path(benchmark::State& state, Path path, double origin) {
   report(state, nodes.size());
 }
 
-/// A node and its eight neighbours at one spacing.
-void fit_of_nine(benchmark::State& state, bool by_absolute_coordinates) {
+/// The largest stencil: a node and its eight neighbours at one spacing.
+void nine_rows(benchmark::State& state) {
   dist_0 = 1.0 / 64.0;
   Cell c;
   c.x = 0.4;
   c.y = 0.3;
-  detail::Stencil list{};
-  int n_list = 0;
-  for (const int i : {0, 1, -1}) {
-    for (const int j : {0, 1, -1}) {
-      list.x[n_list] = c.x + i * dist_0;
-      list.y[n_list] = c.y + j * dist_0;
-      list.value[n_list] = wave(list.x[n_list], list.y[n_list]);
-      ++n_list;
-    }
+  std::array<Cell, 8> neighbours;
+  const std::array<double, 8> away_x = {0, 1, 1, 1, 0, -1, -1, -1};
+  const std::array<double, 8> away_y = {1, 1, 0, -1, -1, -1, 0, 1};
+  for (std::size_t i = 0; i < 8; ++i) {
+    Cell& other = neighbours[i];
+    other.id = static_cast<std::int32_t>(i) + 1;
+    other.x = c.x + away_x[i] * dist_0;
+    other.y = c.y + away_y[i] * dist_0;
+    other.data.resize(1);
+    other.data[0] = wave(other.x, other.y);
   }
-  auto* fit = by_absolute_coordinates ? detail::fit_hessian_6pts : detail::fit_hessian_centred;
-  double dx2 = 0.0, dy2 = 0.0, dxdy = 0.0, dx = 0.0, dy = 0.0;
-  bool succ = false;
+  c.data = neighbours[0].data;
+  const std::array links = {&Cell::n, &Cell::ne, &Cell::e, &Cell::se,
+                            &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
+  for (std::size_t i = 0; i < 8; ++i) c.*links[i] = &neighbours[i];
   for (auto _ : state) {
-    benchmark::DoNotOptimize(list);
-    fit(&c, list, n_list, dx2, dy2, dxdy, dx, dy, succ);
-    benchmark::DoNotOptimize(dx2);
+    compute_data_at_node(&c);
+    benchmark::DoNotOptimize(c.grad2_data);
   }
-  if (!succ) state.SkipWithError("the fit was refused");
 }
 
+/// A square by its lower left corner (origin, origin).
+struct Square {
+  double origin, size;
+};
+
+void register_all() {
+  const auto add = [](const std::string& name, auto&& code) {
+    return benchmark::RegisterBenchmark(("derivatives/" + name).c_str(), code);
+  };
+  add("nine_rows", nine_rows);
+
+  const std::pair<const char*, Square> domains[] = {{"unit_square", {0.0, 1.0}},
+                                                    {"origin_5", {5.0, 1.0}},
+                                                    {"origin_10", {10.0, 1.0}},
+                                                    {"size_1000", {0.0, 1000.0}}};
+  for (const auto& [name, domain] : domains) {
+    // A coarse first grid has the largest share of nodes with few neighbours.
+    add(std::string("pass_coarse/") + name,
+        [d = domain](benchmark::State& state) { pass(state, d.origin, d.size, 3, 9, 0.3); });
+  }
+  for (const auto& [name, domain] : domains) {
+    add(std::string("pass_1e6/") + name, [d = domain](benchmark::State& state) {
+      pass(state, d.origin, d.size, 129, 11, 0.035);
+    })->Unit(benchmark::kMillisecond);
+  }
+
+  // Nodes with few neighbours: at the origin a stencil is found by retrying; far from it the search
+  // is skipped, since it must fail, and the second one finds a stencil; in between the first search
+  // runs to its end.
+  struct {
+    const char* name;
+    Path path;
+    double origin;
+  } const paths[] = {{"square", Path::square, 0.0},
+                     {"side", Path::side, 0.0},
+                     {"fit", Path::fit, 0.0},
+                     {"retry", Path::few, 0.0},
+                     {"second_search", Path::few, 10.0},
+                     {"both_searches", Path::few, 4.0}};
+  for (const auto& one : paths) {
+    add(std::string("path/") + one.name,
+        [one](benchmark::State& state) { nodes_of_path(state, one.path, one.origin); });
+  }
+}
+
+const bool registered = (register_all(), true);
+
 }  // namespace
-
-BENCHMARK_CAPTURE(fit_of_nine, derivatives / fit_9 / centred, false);
-BENCHMARK_CAPTURE(fit_of_nine, derivatives / fit_9 / absolute, true);
-
-BENCHMARK_CAPTURE(pass, derivatives / pass_1e6 / unit_square, 0.0, 1.0, 129, 11, 0.05)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(pass, derivatives / pass_1e6 / origin_10, 10.0, 1.0, 129, 11, 0.05)
-    ->Unit(benchmark::kMillisecond);
-
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / square, Path::square, 0.0);
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / side, Path::side, 0.0);
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / fit, Path::fit, 0.0);
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / retry, Path::few, 0.0);
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / second_search, Path::few, 10.0);
-BENCHMARK_CAPTURE(nodes_of_path, derivatives / path / second_search_unproven, Path::few, 5.0);
-
-// A coarse grid has the largest share of nodes with few neighbours.
-BENCHMARK_CAPTURE(pass, derivatives / pass_coarse / unit_square, 0.0, 1.0, 3, 9, 0.3);
-BENCHMARK_CAPTURE(pass, derivatives / pass_coarse / origin_5, 5.0, 1.0, 3, 9, 0.3);
-BENCHMARK_CAPTURE(pass, derivatives / pass_coarse / origin_10, 10.0, 1.0, 3, 9, 0.3);
-BENCHMARK_CAPTURE(pass, derivatives / pass_coarse / size_1000, 0.0, 1000.0, 3, 9, 0.3);

@@ -19,5 +19,5 @@ install_packages() {
     -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-packages_to_build=(g++ cmake ninja-build pkg-config libcairo2-dev libcli11-dev)
+packages_to_build=(g++ cmake ninja-build pkg-config libcairo2-dev libcli11-dev libeigen3-dev)
 packages_to_test=(libgtest-dev libbenchmark-dev)

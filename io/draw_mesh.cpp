@@ -1,4 +1,4 @@
-// Pictures are drawn in layers, from the paper up: background, links, nodes, sides, words.
+// Pictures are drawn in layers, from the paper up: background, cells, links, nodes, sides, words.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -218,12 +218,16 @@ Survey survey_mesh() {
   if (mesh_beg == nullptr) return survey;
   survey.west = survey.east = mesh_beg->x;
   survey.south = survey.north = mesh_beg->y;
+  survey.lowest_value = survey.highest_value = mesh_beg->data.empty() ? 0.0 : mesh_beg->data[0];
   for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
     survey.west = std::min(survey.west, node->x);
     survey.east = std::max(survey.east, node->x);
     survey.south = std::min(survey.south, node->y);
     survey.north = std::max(survey.north, node->y);
     ++survey.nodes_of_level[level_index(*node)];
+    const double value = node->data.empty() ? 0.0 : node->data[0];
+    survey.lowest_value = std::min(survey.lowest_value, value);
+    survey.highest_value = std::max(survey.highest_value, value);
     for (std::size_t direction = 0; direction < links_of_node.size(); ++direction) {
       const Boundary* side = (node->*links_of_node[direction]).boundary();
       if (side != nullptr) {
@@ -256,6 +260,7 @@ std::string draw_mesh(const std::string& path, const PictureOptions& options) {
   set_colour(pen, palette::paper);
   cairo_paint(pen);
   draw_background(pen, view, options.background);
+  if (options.cells != CellColour::none) draw_cells(pen, survey, view, options);
   if (options.links) draw_links(pen, survey, view);
   if (options.nodes) draw_nodes(pen, survey, view);
   for (std::size_t direction = 0; options.sides && direction < links_of_node.size();

@@ -132,6 +132,57 @@ void draw_side_kinds(cairo_t* pen, const Survey& survey, double left, double row
   }
 }
 
+/// The colour scale between its two values.
+void draw_value_scale(cairo_t* pen, const std::array<double, 2>& range, double left, double row) {
+  constexpr double width = 240.0, height = 10.0;
+  set_colour(pen, palette::faint_ink);
+  write(pen, left, row, "value", Align::left);
+  const double begin = left + label_width + 6.0;
+  set_colour(pen, palette::ink);
+  const std::string lowest = coordinate_text(range[0]);
+  write(pen, begin, row, lowest, Align::left);
+  cairo_text_extents_t extents;
+  cairo_text_extents(pen, lowest.c_str(), &extents);
+  const double scale_left = begin + extents.x_advance + 8.0;
+  cairo_pattern_t* scale = cairo_pattern_create_linear(scale_left, 0.0, scale_left + width, 0.0);
+  constexpr int nb_stops = 32;
+  for (int i = 0; i <= nb_stops; ++i) {
+    const double place = static_cast<double>(i) / nb_stops;
+    const Colour colour = on_scale(place);
+    cairo_pattern_add_color_stop_rgb(scale, place, colour.red, colour.green, colour.blue);
+  }
+  cairo_set_source(pen, scale);
+  cairo_rectangle(pen, scale_left, row - height + 1.0, width, height);
+  cairo_fill(pen);
+  cairo_pattern_destroy(scale);
+  set_colour(pen, palette::ink);
+  write(pen, scale_left + width + 8.0, row, coordinate_text(range[1]), Align::left);
+}
+
+/// A patch for each type of shape inside, one for sides and one for corners.
+void draw_cell_types(cairo_t* pen, double left, double row) {
+  constexpr double size = 11.0, step = 34.0;
+  set_colour(pen, palette::faint_ink);
+  write(pen, left, row, "cell type", Align::left);
+  double column = left + label_width + 6.0;
+  const auto entry = [&](std::int32_t type, const std::string& name) {
+    set_colour(pen, colour_of_cell_type(type));
+    cairo_rectangle(pen, column, row - size + 2.0, size, size);
+    cairo_fill(pen);
+    set_colour(pen, palette::ink);
+    write(pen, column + size + 5.0, row, name, Align::left);
+    column += step;
+  };
+  for (std::int32_t type = 1; type <= 9; ++type) entry(type, std::to_string(type));
+  entry(11, "side");
+  column += 12.0;
+  entry(31, "corner");
+}
+
+bool has_cell_row(const PictureOptions& options) {
+  return options.cells == CellColour::type || options.cells == CellColour::value;
+}
+
 std::size_t nb_blocks(const Survey& survey, double width) {
   const std::size_t columns = columns_of_block(width);
   return (levels_that_occur(survey).size() + columns - 1) / columns;
@@ -141,8 +192,9 @@ constexpr double block_height = 3.0 * line_height + 10.0;
 
 double title_height() { return 74.0; }
 
-double legend_height(const Survey& survey, double width) {
-  return 44.0 + block_height * static_cast<double>(nb_blocks(survey, width)) + line_height;
+double legend_height(const Survey& survey, const PictureOptions& options) {
+  return 44.0 + block_height * static_cast<double>(nb_blocks(survey, options.width)) +
+         line_height * (has_cell_row(options) ? 2.0 : 1.0);
 }
 
 }  // namespace
@@ -156,7 +208,7 @@ double spacing_of_level(std::int32_t level) { return dist_0 * std::exp2(-0.5 * l
 View place_domain(const Survey& survey, const PictureOptions& options) {
   const bool words = has_words(options);
   const double above = words ? title_height() : bare_margin;
-  const double below = words ? legend_height(survey, options.width) : bare_margin;
+  const double below = words ? legend_height(survey, options) : bare_margin;
   const double left = words ? left_margin(survey) : bare_margin;
   const double room_x = options.width - left - (words ? margin : bare_margin);
   const double room_y = options.height - above - below;
@@ -235,6 +287,12 @@ void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
                      margin, top, column_width);
     top += block_height;
   }
+  if (options.cells == CellColour::value) {
+    draw_value_scale(pen, value_range(survey, options), margin, top);
+  } else if (options.cells == CellColour::type) {
+    draw_cell_types(pen, margin, top);
+  }
+  if (has_cell_row(options)) top += line_height;
   if (options.sides) draw_side_kinds(pen, survey, margin, top);
 }
 

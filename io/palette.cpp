@@ -29,6 +29,8 @@ Colour to_colour(const Oklab& lab) {
           to_srgb(-0.0041960863 * l - 0.7034186147 * m + 1.7076147010 * s)};
 }
 
+constexpr double degree = 3.14159265358979323846 / 180.0;
+
 // Lightness, chroma and hue (degrees) of the stops of the scale, evenly spaced.
 struct Stop {
   double lightness, chroma, hue;
@@ -48,11 +50,15 @@ Colour on_scale(double value) {
   const double part = place - whole;
   const Stop& from = stops[static_cast<std::size_t>(whole)];
   const Stop& to = stops[static_cast<std::size_t>(whole) + 1];
-  constexpr double degree = 3.14159265358979323846 / 180.0;
   const double chroma = std::lerp(from.chroma, to.chroma, part);
   const double hue = std::lerp(from.hue, to.hue, part) * degree;
   return to_colour({std::lerp(from.lightness, to.lightness, part), chroma * std::cos(hue),
                     chroma * std::sin(hue)});
+}
+
+Colour on_wheel(int i, int n) {
+  const double hue = 360.0 * degree * (i - 1) / n;
+  return to_colour({0.78, 0.11 * std::cos(hue), 0.11 * std::sin(hue)});
 }
 
 Colour level_colour(int level, int lowest, int highest) {

@@ -19,6 +19,9 @@ inline constexpr Colour hairline{0.86, 0.87, 0.90};
 /// and blue to violet; lightness falls all the way, so that it also reads in grey.
 Colour on_scale(double value);
 
+/// The i-th of n colours (i from 1) that differ in hue alone.
+Colour on_wheel(int i, int n);
+
 /// Colour of a level in a mesh whose levels reach from lowest to highest.
 Colour level_colour(int level, int lowest, int highest);
 

@@ -20,10 +20,17 @@ struct Survey {
   std::int64_t nb_links = 0;                 ///< between nodes, each counted once
   std::vector<std::int32_t> nodes_of_level;  ///< how many nodes have each level
   std::int32_t lowest_level = 0, highest_level = 0;
-  std::array<bool, 3> side_kinds{};  ///< which kinds of condition occur, by bc_type
+  std::array<bool, 3> side_kinds{};                ///< which kinds of condition occur, by bc_type
+  double lowest_value = 0.0, highest_value = 0.0;  ///< of data[0]; 0 where there are no data
 };
 
 Survey survey_mesh();
+
+/// The values at the ends of the colour scale of a picture.
+std::array<double, 2> value_range(const Survey& survey, const PictureOptions& options);
+
+/// Colour of a control cell of this type.
+Colour colour_of_cell_type(std::int32_t type);
 
 /// Colour of a level in this mesh.
 Colour colour_of_level(const Survey& survey, std::int32_t level);
@@ -50,6 +57,9 @@ void set_colour(cairo_t* pen, const Colour& colour, double opacity = 1.0);
 /// Line of a side with this kind of condition, in force until the caller restores the pen.
 void set_side_style(cairo_t* pen, std::int32_t bc_type);
 inline constexpr double side_line_width = 3.0;
+
+void draw_cells(cairo_t* pen, const Survey& survey, const View& view,
+                const PictureOptions& options);
 
 void draw_title(cairo_t* pen, const Survey& survey, const View& view,
                 const PictureOptions& options);

@@ -33,6 +33,14 @@ struct Background {
   double opacity = 1.0;  ///< 0 to 1; less leaves the image paler and the mesh clearer
 };
 
+/// What the colour of a control cell tells.
+enum class CellColour {
+  none,   ///< control cells are not drawn
+  type,   ///< their shape: one colour for each type inside, greys on sides and at corners
+  level,  ///< the level of their node
+  value,  ///< the first data value of their node, on a scale
+};
+
 /// What a picture shows. The defaults make a picture of the whole mesh that explains itself.
 struct PictureOptions {
   double width = 800.0, height = 800.0;  ///< pixels in PNG files, points in SVG and PDF files
@@ -41,6 +49,9 @@ struct PictureOptions {
   bool links = true;  ///< lines between linked nodes, in the colour of the finer level
   bool nodes = true;  ///< dots in the colour of the level
   bool sides = true;  ///< lines along the sides, by kind of condition
+  CellColour cells = CellColour::none;  ///< the control cells, below links and nodes
+  /// Values at the ends of the colour scale; where they are equal, those that occur in the mesh.
+  double lowest_value = 0.0, highest_value = 0.0;
   Background background;
 };
 

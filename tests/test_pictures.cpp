@@ -8,6 +8,8 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <map>
+#include <set>
 #include <string>
 
 #include "io/velmar_2D_io.hpp"
@@ -100,6 +102,26 @@ TEST_F(Pictures, NodesLieWhereTheyAre) {
   // The fine corner is the lower left one: halfway between grid nodes there are dots only there.
   EXPECT_NE(picture.at(8 + 12, 107 - 12), 0xffffffu);
   EXPECT_EQ(picture.at(8 + 12, 8 + 12), 0xffffffu);
+}
+
+TEST_F(Pictures, CellsLieAroundTheirNodesInTheColourOfTheirKind) {
+  bare.width = bare.height = 416.0;
+  bare.cells = io::CellColour::type;
+  const io::Image picture = drawn(bare);
+  std::map<std::int32_t, std::uint32_t> colour_of_type;
+  std::set<std::uint32_t> colours;
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    if (c->on_boundary != 0) continue;
+    std::int32_t type = 0, shift = 0;
+    cell_type(c, type, shift);
+    const int column = static_cast<int>(8.0 + 400.0 * c->x);
+    const int row = static_cast<int>(8.0 + 400.0 * (1.0 - c->y));
+    const std::uint32_t colour = picture.at(column, row);
+    EXPECT_EQ(colour_of_type.try_emplace(type, colour).first->second, colour) << type;
+    colours.insert(colour);
+  }
+  EXPECT_GE(colour_of_type.size(), 5u);
+  EXPECT_EQ(colours.size(), colour_of_type.size());
 }
 
 TEST_F(Pictures, SidesShowTheirKind) {

@@ -276,32 +276,38 @@ void weird_partial_hessian_5pts(const Cell* c, Stencil& list, const Candidates& 
 //
 //     rcond <= sqrt(6) / (|A| |y|_2),   sqrt(6) = 2.449...
 //
-// For a quadratic p with coefficients b, sum_i y_i p(x_i) = e.b. The quadratics (x - xc)^2,
-// (y - yc)^2 and (x - xc)(y - yc) are small on every stencil, but their coefficients grow with the
-// distance from the origin; so y must be large there, whatever the signs of e are: with Q the
-// values of the three on the rows and g their sums e.b, |y|_2 >= |g|_2 / |Q|_F.
+// For a quadratic p with coefficients b, sum_i y_i p(x_i) = e.b, so |y|_2 >= |e.b| / |p|_2 with the
+// norm of p over the rows. With u = x - xc and v = y - yc,
+//
+//     p = xc^2 u^2 + yc^2 v^2 + xc yc u v
+//
+// is small on every stencil, while its coefficients grow with the distance from the origin; so y
+// must be large there, whatever the signs of e are.
 bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
                         const Candidates& candidates, int n_candidates) {
   assert(n_list == nb_coefficients);
   const double t = condition_per_spacing2 * dist_0 * dist_0 / power_of_2(c->level);
+  const double x = c->x, y = c->y;
+  const double xx = x * x, yy = y * y, xy = x * y;
 
   // Bounds over all stencils of the search: the sum over the rows that stay, and twice the extreme
   // value over those that come and go.
-  double q2_fixed = 0.0, q2_largest = 0.0;
+  double p2_fixed = 0.0, p2_largest = 0.0;
   double xx_fixed = 0.0, yy_fixed = 0.0;
   double xx_smallest = std::numeric_limits<double>::infinity(), yy_smallest = xx_smallest;
   const int n_fixed = n_list - 2;
-  const auto q2_of = [c](double x, double y) {
-    const double u2 = (x - c->x) * (x - c->x), v2 = (y - c->y) * (y - c->y);
-    return u2 * u2 + v2 * v2 + u2 * v2;
+  const auto p2_at = [=](double px, double py) {
+    const double u = px - x, v = py - y;
+    const double p = xx * u * u + yy * v * v + xy * u * v;
+    return p * p;
   };
-  const auto add_changing = [&](double x, double y) {
-    q2_largest = std::max(q2_largest, q2_of(x, y));
-    xx_smallest = std::min(xx_smallest, x * x);
-    yy_smallest = std::min(yy_smallest, y * y);
+  const auto add_changing = [&](double px, double py) {
+    p2_largest = std::max(p2_largest, p2_at(px, py));
+    xx_smallest = std::min(xx_smallest, px * px);
+    yy_smallest = std::min(yy_smallest, py * py);
   };
   for (int i = 0; i < n_fixed; ++i) {
-    q2_fixed += q2_of(list.x[i], list.y[i]);
+    p2_fixed += p2_at(list.x[i], list.y[i]);
     xx_fixed += list.x[i] * list.x[i];
     yy_fixed += list.y[i] * list.y[i];
   }
@@ -310,24 +316,18 @@ bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
   const double anorm = std::max(
       {static_cast<double>(n_list), xx_fixed + 2.0 * xx_smallest, yy_fixed + 2.0 * yy_smallest});
 
-  // The smallest |g| over all signs: e1 = 1, e2 and e3 are tried, the other signs meet one sum
-  // each.
-  const double x = c->x, y = c->y;
-  double g2 = std::numeric_limits<double>::infinity();
-  for (const double e2 : {-1.0, 1.0}) {
-    for (const double e3 : {-1.0, 1.0}) {
-      const double gx = std::abs(x * x - 2.0 * e2 * x) - 1.0;
-      const double gy = std::abs(y * y - 2.0 * e3 * y) - 1.0;
-      const double gxy = std::abs(x * y - e2 * y - e3 * x) - 1.0;
-      g2 = std::min(g2, gx * gx + gy * gy + gxy * gxy);
-    }
-  }
+  // Coefficients of p, and the smallest |e.b| over all signs: the first outweighs the others, or
+  // nothing is proven.
+  const double b1 = xx * xx + yy * yy + xy * xy;
+  const double others =
+      std::abs(x) * (2.0 * xx + yy) + std::abs(y) * (2.0 * yy + xx) + xx + yy + std::abs(xy);
+  const double eb = b1 - others;
+  if (eb <= 0.0) return false;
 
   // Rounding: the factors are those of a matrix that differs from A by some roundings of |A|.
   constexpr double roundings = 1000.0 * std::numeric_limits<double>::epsilon();
-  const double x1 = std::abs(x) + 1.0, y1 = std::abs(y) + 1.0, b_norm = x1 * x1 + y1 * y1;
-  const double q = std::sqrt(q2_fixed + 2.0 * q2_largest) + roundings * anorm * b_norm;
-  return 2.5 * q < (t - roundings) * anorm * std::sqrt(g2);
+  const double p_norm = std::sqrt(p2_fixed + 2.0 * p2_largest) + roundings * anorm * (b1 + others);
+  return 2.5 * p_norm < (t - roundings) * anorm * eb;
 }
 
 }  // namespace velmar_2d::detail

@@ -1,0 +1,175 @@
+// Heat conduction on an adaptive mesh, with all three kinds of side condition:
+//
+//               Neumann: no flux
+//            +-------------------+
+//     u = 0  |                   |  mixed: what flows out is proportional to u
+//            +-------------------+
+//               Neumann: no flux
+//
+// First a solution that is known in closed form decays on meshes that are finer in one half; four
+// of them, each twice as fine as the one before, show the order of convergence. Then a hot spot
+// moves on a circle, and the mesh follows the second derivatives of the temperature. At every step
+// the energy is accounted for: what the source gave, what left through the sides, what the
+// interpolation onto the new mesh lost or gained.
+//
+//     04_heat             pictures go to the folder pictures/
+//     04_heat my/folder   pictures go to my/folder/
+//
+// It prints a table of errors and one of energies, and ends with lines such as
+//
+//     order of convergence: 2.0
+//     largest imbalance of energy in a step: below 1e-12 of what the source gives
+//
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "heat_solver.hpp"
+#include "io/velmar_2D_io.hpp"
+#include "log_log_plot.hpp"
+#include "scenarios/scenarios.hpp"
+
+namespace {
+
+using velmar_2d::Cell;
+namespace scenarios = velmar_2d::scenarios;
+
+constexpr double pi = 3.14159265358979323846;
+
+std::int32_t side_kind(double, double, std::string_view side) {
+  if (side == "West") return velmar_2d::bc_type_dir;
+  return side == "East" ? velmar_2d::bc_type_oth : velmar_2d::bc_type_neu;
+}
+
+void make_grid(int nodes_per_side, int limit) {
+  velmar_2d::n_cell_data = 1;
+  scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
+  double y_max = 1.0;
+  velmar_2d::init_mesh(side_kind, nodes_per_side, nodes_per_side, limit, y_max);
+}
+
+// ---------------------------------------------------------------------------------------------
+// A known solution: exp(-(a^2 + pi^2) t) sin(a x) cos(pi y) meets every side condition if the
+// mixed side lets -a / tan(a) times u out.
+// ---------------------------------------------------------------------------------------------
+
+constexpr double wave_number = 2.0, end_time = 0.1;
+
+double exact(double x, double y, double time) {
+  return std::exp(-(wave_number * wave_number + pi * pi) * time) * std::sin(wave_number * x) *
+         std::cos(pi * y);
+}
+
+/// Root of the area-weighted mean square of the error.
+double error_on_grid(int intervals) {
+  make_grid(intervals + 1, 3);
+  const double fine = 0.45 * velmar_2d::dist_0, coarse = velmar_2d::dist_0;
+  for (int i = 0; i < 3; ++i) {
+    velmar_2d::update_mesh_no_init(scenarios::jumping_spacing(0.5, fine, coarse));
+  }
+  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) c->data[0] = exact(c->x, c->y, 0);
+
+  HeatSolver solver({1.0, -wave_number / std::tan(wave_number)});
+  const double step = end_time / intervals;
+  solver.prepare(step, 0.5);
+  for (int i = 0; i < intervals; ++i) solver.advance(i * step);
+
+  double sum = 0.0;
+  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) {
+    const double error = c->data[0] - exact(c->x, c->y, end_time);
+    sum += cell_area(c) * error * error;
+  }
+  std::printf("%9d %8d %12.3e\n", intervals, velmar_2d::nb_nodes, std::sqrt(sum));
+  velmar_2d::delete_mesh();
+  return std::sqrt(sum);
+}
+
+// ---------------------------------------------------------------------------------------------
+// A hot spot on a circle
+// ---------------------------------------------------------------------------------------------
+
+constexpr double spot_radius = 0.03;
+constexpr int nb_steps = 60, steps_per_picture = 20;
+
+double hot_spot(double x, double y, double time) {
+  const double from_x = x - (0.5 + 0.33 * std::cos(2.0 * pi * time));
+  const double from_y = y - (0.5 + 0.33 * std::sin(2.0 * pi * time));
+  return 40.0 * std::exp(-(from_x * from_x + from_y * from_y) / (spot_radius * spot_radius));
+}
+
+/// Spacing at which linear interpolation errs by about `tolerance`.
+double spacing_for(double tolerance, double second_derivative) {
+  return std::sqrt(8.0 * tolerance / std::max(second_derivative, 1e-12));
+}
+
+/// The largest imbalance of a step, as a share of what the source gives; negative: no picture.
+double follow_hot_spot(const std::filesystem::path& folder) {
+  make_grid(33, 9);
+  const double finest = velmar_2d::dist_0 / 16.0, coarsest = velmar_2d::dist_0;
+  const auto spacing = [=](double, double, std::span<const double>, double, double grad2_data) {
+    return std::clamp(spacing_for(2e-3, grad2_data), finest, coarsest);
+  };
+  HeatSolver solver({0.02, 0.2, hot_spot});
+  double source = 0.0, sides = 0.0, transfer = 0.0, worst = 0.0;
+  std::printf("\n                        energy                since the start\n");
+  std::printf(" step    nodes      now   =  from source  + from sides + interpolation\n");
+  for (int i = 0; i < nb_steps; ++i) {
+    transfer -= total_energy();
+    velmar_2d::update_mesh_no_init(spacing);
+    transfer += total_energy();
+    constexpr double step = 1.0 / nb_steps;
+    solver.prepare(step, 1.0);
+    const EnergyBalance balance = solver.advance(i * step);
+    source += balance.source;
+    sides += balance.through_sides;
+    worst = std::max(worst, std::abs(balance.imbalance() / balance.source));
+    if ((i + 1) % 5 == 0) {
+      std::printf("%5d %8d %11.6f   %11.6f   %11.6f   %11.6f\n", i + 1, velmar_2d::nb_nodes,
+                  total_energy(), source, sides, transfer);
+    }
+    if ((i + 1) % steps_per_picture != 0) continue;
+    velmar_2d::io::PictureOptions options;
+    options.title = "Heat: a hot spot on a circle, step " + std::to_string(i + 1);
+    options.cells = velmar_2d::io::CellColour::value;
+    options.links = options.nodes = false;
+    const auto path = folder / ("04_heat_" + std::to_string(i + 1) + ".png");
+    const std::string fault = velmar_2d::io::draw_mesh(path.string(), options);
+    if (!fault.empty()) {
+      std::fprintf(stderr, "%s\n", fault.c_str());
+      return -1.0;
+    }
+  }
+  velmar_2d::delete_mesh();
+  return worst;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+
+  LogLogPlot plot("Error of the temperature", "spacing of the coarse half", "error");
+  LogLogPlot::Line observed{"adapted meshes", {0.0, 0.5, 0.5}, false, {}};
+  std::printf("intervals    nodes        error\n");
+  for (const int intervals : {8, 16, 32, 64}) {
+    observed.points.push_back({1.0 / intervals, error_on_grid(intervals)});
+  }
+  const LogLogPlot::Point coarse = observed.points.front(), finest = observed.points.back();
+  const double ratio = finest.x / coarse.x;
+  plot.add(observed);
+  plot.add({"order 1", {0.6, 0.62, 0.66}, true, {coarse, {finest.x, coarse.y * ratio}}});
+  plot.add({"order 2", {0.3, 0.32, 0.36}, true, {coarse, {finest.x, coarse.y * ratio * ratio}}});
+  if (const std::string fault = plot.draw((folder / "04_heat_convergence.svg").string());
+      !fault.empty()) {
+    std::fprintf(stderr, "%s\n", fault.c_str());
+    return 2;
+  }
+  const double imbalance = follow_hot_spot(folder);
+  if (imbalance < 0.0) return 2;
+  std::printf("order of convergence: %.1f\n", std::log(finest.y / coarse.y) / std::log(ratio));
+  std::printf("largest imbalance of energy in a step: %s 1e-12 of what the source gives\n",
+              imbalance < 1e-12 ? "below" : "above");
+}
