@@ -15,7 +15,8 @@ namespace {
 
 using namespace detail;
 
-/// Cell areas and the lengths of their sides sum to the domain's within this fraction.
+/// Cell areas and the lengths of their sides sum to the domain's within this fraction, and the
+/// rounding of the domain's corners.
 constexpr double sum_tolerance = 1e-9;
 /// A cached area differs from a fresh one by the rounding of a few products.
 constexpr double area_tolerance = 1e-12;
@@ -366,12 +367,13 @@ void check_nodes(Check& check) {
 /// The control cells fill the domain and close its sides.
 void check_sums(const Check& check) {
   const double width = domain.x_max - x_min, height = domain.y_max - y_min;
-  if (std::abs(check.area - width * height) > sum_tolerance * width * height) {
+  const double tolerance = sum_tolerance + check.tolerance * dist_0 / std::min(width, height);
+  if (std::abs(check.area - width * height) > tolerance * width * height) {
     check.report("domain_area", "the control cells do not sum to the domain");
   }
   for (std::size_t side = 0; side < 4; ++side) {
     const double length = side % 2 == 0 ? width : height;
-    if (std::abs(check.side_length[side] - length) <= sum_tolerance * length) continue;
+    if (std::abs(check.side_length[side] - length) <= tolerance * length) continue;
     check.report("closed_sides", "the control cells on a side do not sum to its length");
   }
 }

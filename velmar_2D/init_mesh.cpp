@@ -17,6 +17,10 @@ constexpr double square_tolerance = 2.220446049250313e-15;
 /// Covers the rounding of positions when the length of a link is compared with dist_0.
 constexpr double link_length_margin = 1e-3;
 
+/// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
+/// exceed a thousandth of the cell, and soon after two nodes would have one position.
+constexpr double smallest_cell = 1e-13;
+
 struct SideName {
   Boundary* const* dir;
   std::string_view record;
@@ -195,11 +199,17 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
     y_max = (ny - 1) * dx + y_min;
     move_north_side(y_max);
   }
+  const double largest_coordinate =
+      std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  if (dx < smallest_cell * largest_coordinate) {
+    fatal(
+        "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+        "                       the cells are too small for coordinates of this size!");
+  }
   dist_0 = dx;
   domain.x_max = x_max;
   domain.y_max = y_max;
-  domain.largest_coordinate =
-      std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  domain.largest_coordinate = largest_coordinate;
   domain.longest_link = dist_0 * (1.0 + link_length_margin);
 
   level_beg.clear();

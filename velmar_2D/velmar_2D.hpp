@@ -332,7 +332,7 @@ VELMAR_2D_API extern Boundary *west_boundary_dir, *west_boundary_neu, *west_boun
 /// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
 /// is printed and RETURN awaited.
 /// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
-/// rectangle is empty, subdiv_max is negative or absurd, bc_type is empty or selects no record.
+/// rectangle is empty or far smaller than its distance from the origin, subdiv_max is negative or absurd, bc_type is empty or selects no record.
 ///
 /// @param bc_type     kind of condition on each side, kept for later insertions on the sides
 /// @param nx, ny      number of nodes along x and y, at least 2
