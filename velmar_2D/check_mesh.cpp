@@ -102,6 +102,7 @@ struct Check {
   NodeTable nodes;
   std::vector<std::int32_t> nodes_in_stretch;  ///< as far as the list can be followed
   double tolerance = 0.0;                      ///< of positions, in units of dist_0
+  std::int32_t deepest_told = 0;               ///< highest level at which ipos is reliable
   double area = 0.0;                           ///< of all control cells
   std::array<double, 4> side_length{};         ///< of all control cells along n, e, s, w
   bool links_hold = true;                      ///< so that areas and sides can be computed
@@ -202,12 +203,11 @@ Place nearest_place(const Cell& c, double scale) {
 }
 
 void check_position(Check& check, const Cell& c, const Place& place, double scale) {
-  constexpr double can_be_told = 0.25;
   const double step = dist_0 / scale, margin = check.tolerance * dist_0;
-  if (margin > can_be_told * step || c.ipos < 0) return;
-  const double off = std::max(std::abs(c.x - x_min - static_cast<double>(place.column) * step),
-                              std::abs(c.y - y_min - static_cast<double>(place.row) * step));
-  if (!(off <= margin)) {
+  if (std::max(c.level, c.ipos) > check.deepest_told || c.ipos < 0) return;
+  const double off_x = c.x - x_min - static_cast<double>(place.column) * step;
+  const double off_y = c.y - y_min - static_cast<double>(place.row) * step;
+  if (!(std::abs(off_x) <= margin && std::abs(off_y) <= margin)) {
     check.report("position", "the node does not lie on the lattice of its ipos", &c);
     return;
   }
@@ -230,7 +230,8 @@ void check_position(Check& check, const Cell& c, const Place& place, double scal
 void check_numbers(const Check& check, const Cell& c) {
   if (c.id < 1 || c.id >= next_id) check.report("id", "the id was not taken from next_id", &c);
   // A removal from among finer nodes can lower a level by one below that of the position.
-  if (c.level < 0 || c.level > level_max || c.level < c.ipos - 1) {
+  const bool below_ipos = c.level < c.ipos - 1 && c.ipos <= check.deepest_told;
+  if (c.level < 0 || c.level > level_max || below_ipos) {
     check.report("level", "the level is outside of the limits, or below ipos - 1", &c);
   }
   if (c.reserve < 1 || c.reserve > 4) check.report("reserve", "reserve is not 1 to 4", &c);
@@ -389,6 +390,8 @@ void find_broken_rules(std::vector<Finding>& findings) {
   // As true_ipos() tells positions apart, and twice that for the nodes between two others.
   check.tolerance = std::max(
       2e-12, 16.0 * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0);
+  // Two fractions with denominators up to 2^k may be as close as 1 / 4^k.
+  check.deepest_told = static_cast<std::int32_t>(detail::log2(1.0 / check.tolerance)) - 1;
   check_arrays(check);
   check_list(check);
   check_nodes(check);

@@ -194,22 +194,23 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
         "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
         "                       interval width must be positive!");
   }
+  const auto largest_coordinate = [&] {
+    return std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  };
+  if (dx < smallest_cell * largest_coordinate()) {
+    fatal(
+        "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+        "                       the cells are too small for coordinates of this size!");
+  }
   if (std::abs(dx - dy) > dx * square_tolerance) {
     dy = dx;
     y_max = (ny - 1) * dx + y_min;
     move_north_side(y_max);
   }
-  const double largest_coordinate =
-      std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
-  if (dx < smallest_cell * largest_coordinate) {
-    fatal(
-        "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
-        "                       the cells are too small for coordinates of this size!");
-  }
   dist_0 = dx;
   domain.x_max = x_max;
   domain.y_max = y_max;
-  domain.largest_coordinate = largest_coordinate;
+  domain.largest_coordinate = largest_coordinate();
   domain.longest_link = dist_0 * (1.0 + link_length_margin);
 
   level_beg.clear();

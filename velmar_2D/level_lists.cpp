@@ -94,6 +94,8 @@ void require_mesh(std::string_view operation) {
 void make_level_arrays(std::int32_t subdiv_max) {
   const auto size = static_cast<std::size_t>(subdiv_max) + 1;
   try {
+    level_beg.reserve(size);
+    level_end.reserve(size);
     level_beg.resize(size);
     level_end.resize(size);
   } catch (const std::bad_alloc&) {

@@ -332,7 +332,8 @@ VELMAR_2D_API extern Boundary *west_boundary_dir, *west_boundary_neu, *west_boun
 /// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
 /// is printed and RETURN awaited.
 /// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
-/// rectangle is empty or far smaller than its distance from the origin, subdiv_max is negative or absurd, bc_type is empty or selects no record.
+/// rectangle is empty or its cells are lost in the rounding of its coordinates, subdiv_max is
+/// negative or absurd, bc_type is empty or selects no record.
 ///
 /// @param bc_type     kind of condition on each side, kept for later insertions on the sides
 /// @param nx, ny      number of nodes along x and y, at least 2
@@ -472,7 +473,8 @@ struct Finding {
 ///     stretch       every node lies in the stretch of its ipos
 ///     count         nb_nodes is the number of nodes
 ///     id            1 to next_id - 1
-///     position      inside the domain, on the lattice, and ipos is that of the position
+///     position      inside the domain, on the lattice, and ipos is that of the position; up to
+///                   level 37, fewer far from the origin, beyond which positions do not tell it
 ///     unique        no two nodes at one position
 ///     level         0 to level_max, and at least ipos - 1
 ///     reserve       1 to 4

@@ -48,6 +48,8 @@ class Run {
       call_ = bytes_.below(16);
       try {
         call();
+        constexpr std::int32_t deepest_told = 30;  // positions tell ipos for all tame domains
+        if (level_max > deepest_told) regular_ = false;
       } catch (const Thrown& thrown) {
         judge_end(thrown.what());
       }
