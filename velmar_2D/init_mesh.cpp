@@ -109,9 +109,21 @@ void set_place(Cell& c) {
   }
 }
 
+/// Half a grid is no mesh: where the building is left by an exception, its nodes are given back.
+struct GridInProgress {
+  bool complete = false;
+  GridInProgress() = default;
+  GridInProgress(const GridInProgress&) = delete;
+  GridInProgress& operator=(const GridInProgress&) = delete;
+  ~GridInProgress() {
+    if (!complete) release_all_nodes();
+  }
+};
+
 /// Builds the grid row by row from the south-east corner westwards and northwards, so that the
 /// list, which grows at its head, runs from the north-west corner eastwards and southwards.
 void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
+  GridInProgress grid;
   Cell* row_start = nullptr;  // eastmost node of the row below
   for (std::int32_t j = 1; j <= ny; ++j) {
     Cell* row_below = row_start;
@@ -120,7 +132,6 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
       Cell* c = new_cell();
       c->x = i == nx ? x_min : x_max - (i - 1) * dist_0;
       c->y = y_min + (j - 1) * dy;
-      // Enter the list first: whatever happens then, the node is not lost.
       c->next = mesh_beg;
       if (mesh_beg != nullptr) mesh_beg->prev = c;
       mesh_beg = c;
@@ -144,12 +155,14 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
     }
   }
   for (Cell* c = mesh_beg; c != nullptr; c = c->next) set_place(*c);
+  grid.complete = true;
 }
 
 }  // namespace
 
 void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                double& y_max) {
+  const detail::MeshChange change("init_mesh");
   if (nb_nodes > 0) {
     if (lists_are_split()) join_sublists();
     fatal("(velmar_2D/init_mesh:) ERROR: mesh should be empty!");
