@@ -20,6 +20,7 @@ install_packages() {
 }
 
 # make serves the link-time optimiser, which warns without it.
-packages_for_the_demo=(g++ make cmake ninja-build pkg-config libcairo2-dev)
-packages_to_build=("${packages_for_the_demo[@]}" libcli11-dev libeigen3-dev)
-packages_to_test=(libgtest-dev libbenchmark-dev)
+packages_for_the_demo=(g++ make cmake ninja-build pkg-config libcairo2-dev libpugixml-dev)
+packages_to_build=("${packages_for_the_demo[@]}" libcli11-dev libeigen3-dev libmuparser-dev
+                   nlohmann-json3-dev)
+packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio)

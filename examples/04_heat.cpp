@@ -28,9 +28,9 @@
 #include <vector>
 
 #include "heat_solver.hpp"
-#include "io/velmar_2D_io.hpp"
 #include "log_log_plot.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include <set>
 #include <string>
 
-#include "io/velmar_2D_io.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d {
 namespace {
