@@ -5,9 +5,9 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 source cmake/debian_packages.sh
 
-install_packages "${packages_to_build[@]}"
+install_packages "${packages_for_the_demo[@]}"
 cmake --preset release >/dev/null
-cmake --build --preset release --parallel "$(nproc)"
+cmake --build --preset release --parallel "$(nproc)" --target 01_first_mesh
 echo
 ./build/release/examples/01_first_mesh pictures
 echo

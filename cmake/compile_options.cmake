@@ -24,3 +24,22 @@ function(velmar_2d_compile_options target)
     target_link_options(${target} PUBLIC -fsanitize=address,undefined)
   endif()
 endfunction()
+
+# A library that guests link: static, or shared with a versioned name that shows its public
+# procedures only. `shared_macro` tells the public header which of the two it is used with.
+function(velmar_2d_library_properties target shared_macro)
+  set_target_properties(${target} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    VERSION ${PROJECT_VERSION}
+    # Before 1.0 every minor version may change the records.
+    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "SHARED_LIBRARY")
+    target_compile_definitions(${target} PUBLIC ${shared_macro})
+  elseif(VELMAR_2D_HAS_IPO AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # Objects that every compiler can link, not only the one that made them.
+    target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-ffat-lto-objects>)
+  endif()
+endfunction()

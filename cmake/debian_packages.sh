@@ -19,5 +19,8 @@ install_packages() {
     -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-packages_to_build=(g++ cmake ninja-build pkg-config libcairo2-dev libcli11-dev libeigen3-dev)
-packages_to_test=(libgtest-dev libbenchmark-dev)
+# make serves the link-time optimiser, which warns without it.
+packages_for_the_demo=(g++ make cmake ninja-build pkg-config libcairo2-dev libpugixml-dev)
+packages_to_build=("${packages_for_the_demo[@]}" libcli11-dev libeigen3-dev libmuparser-dev
+                   nlohmann-json3-dev)
+packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio)

@@ -18,8 +18,8 @@
 #include <filesystem>
 #include <string>
 
-#include "io/velmar_2D_io.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
 

@@ -21,10 +21,9 @@
 #include <string>
 #include <vector>
 
-#include "io/velmar_2D_io.hpp"
-#include "picture_spacing.hpp"
 #include "sample_picture.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
 
@@ -106,7 +105,8 @@ int main(int argc, char** argv) {
 
   // Nodes closer than the pixels would learn nothing more.
   const double finest = std::max(1.0, base * std::exp2(-0.5 * options.level));
-  const std::vector<double> spacing = spacing_of_pixels(image, finest, options.contrast);
+  const std::vector<double> spacing =
+      velmar_2d::io::spacing_of_pixels(image, finest, options.contrast);
   const auto wanted = [&](double x, double y, std::span<const double>, double, double) {
     const int column = std::clamp(static_cast<int>(x + cut_x), 0, image.width - 1);
     const int row = std::clamp(static_cast<int>(height - y + cut_y), 0, image.height - 1);

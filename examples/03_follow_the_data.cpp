@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "io/velmar_2D_io.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
 

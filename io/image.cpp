@@ -6,7 +6,7 @@
 #include <cstring>
 #include <memory>
 
-#include "io/velmar_2D_io.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
 namespace {

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "io/palette.hpp"
-#include "io/velmar_2D_io.hpp"
 #include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
 

@@ -2,13 +2,10 @@
 
 #include <cairo-pdf.h>
 #include <cairo-svg.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <utility>
 
@@ -58,9 +55,8 @@ void PictureFile::open(double width, double height) {
   if (!is_usable(width) || !is_usable(height)) {
     return fail("a picture is from 64 to 16384 wide and high");
   }
-  beside_ = path_ + "." + std::to_string(getpid()) + ".part";
-  file_ = std::fopen(beside_.c_str(), "wb");
-  if (file_ == nullptr) return fail(std::strerror(errno));
+  file_.emplace(path_);
+  if (!file_->error().empty()) return;
 
   if (is_png_) {
     is_enlarged_ = std::max(width, height) <= largest_enlarged_size;
@@ -85,16 +81,15 @@ void PictureFile::open(double width, double height) {
 PictureFile::~PictureFile() {
   if (pen_ != nullptr) cairo_destroy(pen_);
   if (surface_ != nullptr) cairo_surface_destroy(surface_);  // may still write its end
-  if (file_ != nullptr) std::fclose(file_);
-  if (!beside_.empty()) std::remove(beside_.c_str());  // gone already where finish() succeeded
 }
 
 cairo_status_t PictureFile::write(void* self, const unsigned char* bytes, unsigned int length) {
   auto* picture = static_cast<PictureFile*>(self);
-  if (picture->file_ == nullptr) return CAIRO_STATUS_WRITE_ERROR;
-  if (std::fwrite(bytes, 1, length, picture->file_) == length) return CAIRO_STATUS_SUCCESS;
-  picture->write_errno_ = errno;
-  return CAIRO_STATUS_WRITE_ERROR;
+  return picture->file_->write(bytes, length) ? CAIRO_STATUS_SUCCESS : CAIRO_STATUS_WRITE_ERROR;
+}
+
+const std::string& PictureFile::error() const {
+  return file_ && !file_->error().empty() ? file_->error() : error_;
 }
 
 void PictureFile::fail(const std::string& reason) {
@@ -102,7 +97,7 @@ void PictureFile::fail(const std::string& reason) {
 }
 
 const std::string& PictureFile::finish() {
-  if (!error_.empty()) return error_;
+  if (!error().empty()) return error();
   cairo_status_t status = cairo_status(pen_);
   if (status == CAIRO_STATUS_SUCCESS && is_png_) {
     if (is_enlarged_) {
@@ -114,18 +109,8 @@ const std::string& PictureFile::finish() {
   }
   cairo_surface_finish(surface_);
   if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_status(surface_);
-  if (std::fclose(std::exchange(file_, nullptr)) != 0 && write_errno_ == 0) write_errno_ = errno;
-
-  if (write_errno_ != 0) {
-    fail(std::strerror(write_errno_));
-  } else if (status != CAIRO_STATUS_SUCCESS) {
-    fail(cairo_status_to_string(status));
-  } else if (std::rename(beside_.c_str(), path_.c_str()) != 0) {
-    fail(std::strerror(errno));
-  } else {
-    beside_.clear();
-  }
-  return error_;
+  if (status != CAIRO_STATUS_SUCCESS) file_->fail(cairo_status_to_string(status));
+  return file_->finish();
 }
 
 }  // namespace velmar_2d::io

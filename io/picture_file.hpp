@@ -3,8 +3,10 @@
 
 #include <cairo.h>
 
-#include <cstdio>
+#include <optional>
 #include <string>
+
+#include "io/output_file.hpp"
 
 namespace velmar_2d::io {
 
@@ -18,7 +20,7 @@ class PictureFile {
   PictureFile& operator=(const PictureFile&) = delete;
 
   /// What went wrong so far: empty, or one line with the path and the reason.
-  const std::string& error() const { return error_; }
+  const std::string& error() const;
   /// Where to draw; not to be used after an error.
   cairo_t* pen() const { return pen_; }
   /// Writes the rest and renames; returns error().
@@ -29,11 +31,10 @@ class PictureFile {
   void open(double width, double height);
   void fail(const std::string& reason);
 
-  std::string path_, beside_, error_;
-  std::FILE* file_ = nullptr;
+  std::string path_, error_;
+  std::optional<OutputFile> file_;
   cairo_surface_t* surface_ = nullptr;
   cairo_t* pen_ = nullptr;
-  int write_errno_ = 0;
   int width_ = 0, height_ = 0;  // of a PNG picture, in pixels
   bool is_png_ = false, is_enlarged_ = false;
 };

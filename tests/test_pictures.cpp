@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -12,8 +13,8 @@
 #include <set>
 #include <string>
 
-#include "io/velmar_2D_io.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d {
 namespace {
@@ -105,20 +106,25 @@ TEST_F(Pictures, NodesLieWhereTheyAre) {
 }
 
 TEST_F(Pictures, CellsLieAroundTheirNodesInTheColourOfTheirKind) {
-  bare.width = bare.height = 416.0;
+  bare.width = bare.height = 1016.0;
   bare.cells = io::CellColour::type;
   const io::Image picture = drawn(bare);
   std::map<std::int32_t, std::uint32_t> colour_of_type;
   std::set<std::uint32_t> colours;
+  std::array<Point, max_cell_corners> corners;
   for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
     if (c->on_boundary != 0) continue;
-    std::int32_t type = 0, shift = 0;
+    std::int32_t type = 0, shift = 0, n = 0;
     cell_type(c, type, shift);
-    const int column = static_cast<int>(8.0 + 400.0 * c->x);
-    const int row = static_cast<int>(8.0 + 400.0 * (1.0 - c->y));
-    const std::uint32_t colour = picture.at(column, row);
-    EXPECT_EQ(colour_of_type.try_emplace(type, colour).first->second, colour) << type;
-    colours.insert(colour);
+    cell_polygon(c, corners, n);
+    for (std::int32_t i = 0; i < n; ++i) {  // most of the way to each corner
+      const Point& corner = corners[static_cast<std::size_t>(i)];
+      const double x = std::lerp(c->x, corner.x, 0.8), y = std::lerp(c->y, corner.y, 0.8);
+      const std::uint32_t colour = picture.at(static_cast<int>(8.0 + 1000.0 * x),
+                                              static_cast<int>(8.0 + 1000.0 * (1.0 - y)));
+      EXPECT_EQ(colour_of_type.try_emplace(type, colour).first->second, colour) << type;
+      colours.insert(colour);
+    }
   }
   EXPECT_GE(colour_of_type.size(), 5u);
   EXPECT_EQ(colours.size(), colour_of_type.size());

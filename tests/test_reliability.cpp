@@ -93,6 +93,8 @@ TEST_F(Reliability, CallbacksMayThrowAnywhere) {
       const UpdateStatistics& did = update_statistics;
       ASSERT_EQ(did.inserted - did.removed, nb_nodes - nodes);
       ASSERT_EQ(did.inserted + did.removed, static_cast<std::int64_t>(mesh_revision - revision));
+      update_mesh_no_init(scenarios::even_spacing(1e3));
+      ASSERT_EQ(nb_nodes, 25) << "no way back to the first grid";
       delete_mesh();
     }
     EXPECT_GT(at, 10);

@@ -76,8 +76,8 @@ inline constexpr double log_of_2 = 0.6931471805599453;
 
 /// One condition on one side of the domain. Owned by the caller, never copied by the library.
 struct Boundary {
-  double c = 0.0;                        ///< prescribed value; on Dirichlet records: the side's coordinate
-  std::int32_t bc_type = bc_type_dir;    ///< bc_type_dir, bc_type_neu or bc_type_oth
+  double c = 0.0;  ///< prescribed value; on Dirichlet records: the side's coordinate
+  std::int32_t bc_type = bc_type_dir;  ///< bc_type_dir, bc_type_neu or bc_type_oth
 };
 
 /// A link of a node: empty, to another node, or to the record of a side. Owns nothing.
@@ -87,7 +87,8 @@ class NeighbourLink {
   NeighbourLink(std::nullptr_t) {}
   NeighbourLink(Cell* cell) : bits_(reinterpret_cast<std::uintptr_t>(cell)) {}
   NeighbourLink(Boundary* boundary)
-      : bits_(boundary == nullptr ? 0 : reinterpret_cast<std::uintptr_t>(boundary) | boundary_tag) {}
+      : bits_(boundary == nullptr ? 0 : reinterpret_cast<std::uintptr_t>(boundary) | boundary_tag) {
+  }
 
   bool empty() const { return bits_ == 0; }
   /// The linked node, or nullptr where the link is empty or designates a Boundary.
@@ -204,19 +205,20 @@ struct alignas(64) Cell {
   std::array<std::uint8_t, 2> signature{};  ///< shape of the control cell, see cell_type()
   bool signature_set = false;               ///< whether `signature` is current
   double x = 0.0, y = 0.0;                  ///< position
-  double area = -1.0;                       ///< area of the control cell; negative: not computed, see cell_area()
-  std::int32_t ipos = 0;                    ///< level at which a node at this position is first created
-  std::int32_t level = 0;                   ///< current level; rises as the mesh around the node is refined
-  std::int32_t reserve = 4;                 ///< finer neighbours still awaited before `level` rises
-  std::int32_t on_boundary = 0;             ///< 0 inside, 1 on a side, 2 at a corner of the domain
-  Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
+  double area = -1.0;        ///< area of the control cell; negative: not computed, see cell_area()
+  std::int32_t ipos = 0;     ///< level at which a node at this position is first created
+  std::int32_t level = 0;    ///< current level; rises as the mesh around the node is refined
+  std::int32_t reserve = 4;  ///< finer neighbours still awaited before `level` rises
+  std::int32_t on_boundary = 0;           ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  Cell *prev = nullptr, *next = nullptr;  ///< node list, mesh_beg to mesh_end
   NeighbourLink n, ne, e, se, s, sw, w, nw;
-  CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
-  double grad_data = 0.0;                   ///< gradient norm of data[0], see compute_data_at_node()
-  double grad2_data = 0.0;                  ///< Frobenius norm of the Hessian of data[0]
-  std::int32_t nl = 2, nel = 2, el = 2, sel = 2, sl = 2, swl = 2, wl = 2, nwl = 2;  ///< link levels, 1 or 2
-  std::int32_t used = 0;                    ///< a mark for the caller's own walks
-  UserReference data_ptr;                   ///< for the caller, never read or set by the library
+  CellData data;            ///< n_cell_data values; data[0] drives the adaptation
+  double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()
+  double grad2_data = 0.0;  ///< Frobenius norm of the Hessian of data[0]
+  std::int32_t nl = 2, nel = 2, el = 2, sel = 2, sl = 2, swl = 2, wl = 2,
+               nwl = 2;    ///< link levels, 1 or 2
+  std::int32_t used = 0;   ///< a mark for the caller's own walks
+  UserReference data_ptr;  ///< for the caller, never read or set by the library
 };
 
 /// A node that does not exist yet: what build_vertex() proposes and the insertions take.
@@ -224,7 +226,8 @@ struct Vertex {
   double x = 0.0, y = 0.0;
   CellData data;
   std::int32_t level = 0;
-  Cell *p1 = nullptr, *p2 = nullptr, *p3 = nullptr, *p4 = nullptr;  ///< surrounding nodes; p4 is none on a side
+  Cell *p1 = nullptr, *p2 = nullptr, *p3 = nullptr,
+       *p4 = nullptr;  ///< surrounding nodes; p4 is none on a side
 };
 
 /// One end of a stretch of the node list.
@@ -248,8 +251,7 @@ struct UpdateStatistics {
 // ---------------------------------------------------------------------------------------------
 
 /// Kind of condition at (x, y) on the side "North", "East", "South" or "West".
-using bc_type_function =
-    std::function<std::int32_t(double x, double y, std::string_view side)>;
+using bc_type_function = std::function<std::int32_t(double x, double y, std::string_view side)>;
 /// Wanted spacing at a node, in the unit of x and y. Zero asks for the finest level, infinity for
 /// the coarsest; a node for which it is negative or not a number is left as it is.
 using size_function = std::function<double(double x, double y, std::span<const double> data,
@@ -380,10 +382,11 @@ VELMAR_2D_API void delete_mesh();
 /// Whether a Dirichlet condition prescribes the data of this node: it lies on the boundary and one
 /// of its four straight links designates a Boundary of kind bc_type_dir.
 VELMAR_2D_API bool known_value(const Cell& tmp);
-VELMAR_2D_API std::int32_t cell_ipos(const Cell* c);                     ///< the node's `ipos`
-VELMAR_2D_API std::int32_t cell_on_boundary(const Cell* c);              ///< the node's `on_boundary`
-VELMAR_2D_API std::int32_t velmar_get_cell_on_boundary(const Cell* c);   ///< the node's `on_boundary`
-VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);       ///< the node's `reserve`
+VELMAR_2D_API std::int32_t cell_ipos(const Cell* c);         ///< the node's `ipos`
+VELMAR_2D_API std::int32_t cell_on_boundary(const Cell* c);  ///< the node's `on_boundary`
+VELMAR_2D_API std::int32_t velmar_get_cell_on_boundary(
+    const Cell* c);                                                 ///< the node's `on_boundary`
+VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);  ///< the node's `reserve`
 
 /// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
 /// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
@@ -407,8 +410,8 @@ VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double*
 /// side has cut in half. docs/control_cells.md shows the shapes.
 /// Where no known shape has this signature, which happens only after links were changed by hand or
 /// nodes were inserted out of order: prints a warning, awaits RETURN, gives type 0 and shift 0.
-/// Cost: a few nanoseconds; reads the node alone, and its neighbours only where the node is still at
-/// level 0 or its links do not fit together.
+/// Cost: a few nanoseconds; reads the node alone, and its neighbours only where the node is still
+/// at level 0 or its links do not fit together.
 ///
 /// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner of the domain
 /// @param shift  eighth turns clockwise from the type's first shape, plus 8 if it was mirrored
@@ -417,11 +420,12 @@ VELMAR_2D_API void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift);
 
 /// Area of the control cell, cached in `area` until the mesh around the node changes.
 ///
-/// Where it is not cached the cell is classified as by cell_type(); a cell of unknown shape gets the
-/// area of its polygon.
+/// Where it is not cached the cell is classified as by cell_type(); a cell of unknown shape gets
+/// the area of its polygon.
 VELMAR_2D_API double cell_area(Cell* c);
 
-/// What surrounds a control cell. Directions are numbered n 0, ne 1, e 2, se 3, s 4, sw 5, w 6, nw 7.
+/// What surrounds a control cell. Directions are numbered n 0, ne 1, e 2, se 3, s 4, sw 5, w 6,
+/// nw 7.
 struct CellFaces {
   std::array<Cell*, 8> neighbour{};  ///< the linked nodes; nullptr: none, or a side of the domain
   std::array<double, 8> length{};    ///< of the face between the two cells; 0 where there is none
@@ -529,7 +533,15 @@ VELMAR_2D_API void remove_node_even_level(Cell*& c);
 /// Cuts the node list into one list per stretch. Ends the process if there is no mesh.
 VELMAR_2D_API void split_sublists();
 
-/// Joins the lists of the stretches again, in ascending order. Ends the process if there is no mesh.
+/// Joins the lists of the stretches again, in ascending order. Ends the process if there is no
+/// mesh.
 VELMAR_2D_API void join_sublists();
+
+// ---------------------------------------------------------------------------------------------
+// The library itself
+// ---------------------------------------------------------------------------------------------
+
+/// Version of the library in use, as "major.minor.patch".
+VELMAR_2D_API const char* version();
 
 }  // namespace velmar_2d

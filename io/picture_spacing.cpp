@@ -1,12 +1,11 @@
-#include "picture_spacing.hpp"
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 
-namespace {
+#include "velmar_2D/velmar_2D_io.hpp"
 
-using velmar_2d::io::Image;
+namespace velmar_2d::io {
+namespace {
 
 /// How much the spacing grows for every pixel away from an edge.
 constexpr double grading = 0.25;
@@ -73,3 +72,5 @@ std::vector<double> spacing_of_pixels(const Image& image, double finest, double 
   }
   return spacing.values;
 }
+
+}  // namespace velmar_2d::io

@@ -1,4 +1,4 @@
-// velmar_2d::io: pictures of the mesh.
+// velmar_2d::io: pictures of the mesh, and files for ParaView.
 //
 //     std::string error = velmar_2d::io::draw_mesh("mesh.svg");
 //     if (!error.empty()) std::cerr << error << '\n';
@@ -11,6 +11,12 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#if defined(VELMAR_2D_IO_SHARED)
+#define VELMAR_2D_IO_API __attribute__((visibility("default")))
+#else
+#define VELMAR_2D_IO_API
+#endif
 
 namespace velmar_2d::io {
 
@@ -64,16 +70,67 @@ struct PictureOptions {
 ///
 /// @return nothing on success; otherwise one line: the path and the reason (no mesh, unknown
 ///         extension, no such folder, disk full, size not from 64 to 16384 ...)
-[[nodiscard]] std::string draw_mesh(const std::string& path, const PictureOptions& options = {});
+[[nodiscard]] VELMAR_2D_IO_API std::string draw_mesh(const std::string& path,
+                                                     const PictureOptions& options = {});
 
 /// Reads a PNG file of any kind; transparent parts become white.
 ///
 /// @param image  receives the pixels; unchanged where the file cannot be read
 /// @return       nothing on success; otherwise one line: the path and the reason
-[[nodiscard]] std::string read_png(const std::string& path, Image& image);
+[[nodiscard]] VELMAR_2D_IO_API std::string read_png(const std::string& path, Image& image);
+
+/// What spacing a picture asks for: wanted spacing in pixels, one value a pixel, rows from the top.
+///
+/// Where brightness (0 to 255) changes by `contrast` or more between opposite neighbours it is
+/// `finest`; fainter edges get less; and away from an edge the spacing grows steadily, so that
+/// coarse nodes learn of edges that lie between them. Cost: linear in the number of pixels.
+VELMAR_2D_IO_API std::vector<double> spacing_of_pixels(const Image& image, double finest,
+                                                       double contrast);
 
 /// The size that a picture of the current domain needs to be `width` wide with no empty paper:
 /// its height, at least a quarter and at most four times the width.
-double fitting_height(double width, const PictureOptions& options = {});
+VELMAR_2D_IO_API double fitting_height(double width, const PictureOptions& options = {});
+
+// ---------------------------------------------------------------------------------------------
+// Files for ParaView
+// ---------------------------------------------------------------------------------------------
+
+/// What the cells of a .vtu file are.
+enum class VtuCells {
+  triangles,      ///< between the nodes; values belong to the points, which are the nodes
+  control_cells,  ///< a polygon around each node; values belong to the cells
+};
+
+struct VtuOptions {
+  VtuCells cells = VtuCells::triangles;
+  bool ascii = false;                   ///< numbers as text, readable back to the last bit
+  std::vector<std::string> data_names;  ///< names of the data values; none: "data_1", "data_2" ...
+};
+
+/// Writes the mesh as it stands to a .vtu file (VTK unstructured grid).
+///
+/// Neighbours share their points, so no cracks show. For every node the file holds `id`, `level`,
+/// `ipos`, `on_boundary`, `area` of the control cell, `grad_data`, `grad2_data` as last computed,
+/// and every data value; a node that has fewer of them than others counts 0 for the rest. Numbers
+/// are appended as they are in memory, unless text is asked for. The same mesh gives the same
+/// file, byte for byte. It is written beside its place and then renamed: complete, or whatever
+/// stood there before. Cost: linear in the number of nodes.
+///
+/// @return nothing on success; otherwise one line: the path and the reason
+[[nodiscard]] VELMAR_2D_IO_API std::string write_vtu(const std::string& path,
+                                                     const VtuOptions& options = {});
+
+/// One moment of a time series.
+struct TimeStep {
+  double time = 0.0;
+  std::string file;  ///< a .vtu file; a relative path starts from where the program runs
+};
+
+/// Writes a .pvd file, which ParaView opens as one series. Write it again whenever a step is added:
+/// a run that ends early then leaves a series that can be opened.
+///
+/// @return nothing on success; otherwise one line: the path and the reason
+[[nodiscard]] VELMAR_2D_IO_API std::string write_pvd(const std::string& path,
+                                                     const std::vector<TimeStep>& steps);
 
 }  // namespace velmar_2d::io

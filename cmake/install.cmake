@@ -1,0 +1,54 @@
+# What `cmake --install` puts in place: the library, its public header, a package for
+# find_package(velmar_2d) and one for pkg-config. Private headers stay at home.
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velmar_2d)
+
+# Installs one library with its public header and its part of the CMake package.
+function(velmar_2d_install_library target export runtime_component)
+  install(TARGETS ${target} EXPORT ${export}
+    RUNTIME COMPONENT ${runtime_component}
+    LIBRARY COMPONENT ${runtime_component} NAMELINK_COMPONENT dev
+    ARCHIVE COMPONENT dev
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velmar_2D COMPONENT dev)
+  install(EXPORT ${export} NAMESPACE velmar_2d:: DESTINATION ${package_dir} COMPONENT dev)
+endfunction()
+
+velmar_2d_install_library(velmar_2d velmar_2dTargets library)
+if(TARGET velmar_2d_io)
+  velmar_2d_install_library(velmar_2d_io velmar_2d_ioTargets io)
+endif()
+
+configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(velmar_2dConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmar_2dConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/velmar_2dConfigVersion.cmake
+        DESTINATION ${package_dir} COMPONENT dev)
+
+# pkg-config finds the prefix from where its file lies: the tree may be moved as a whole.
+set(PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH PC_PREFIX ${CMAKE_INSTALL_PREFIX}/${PC_DIR} ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+file(RELATIVE_PATH PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+set(PC_DEFINITIONS "")
+set(PC_IO_DEFINITIONS "")
+if(BUILD_SHARED_LIBS)
+  set(PC_DEFINITIONS " -DVELMAR_2D_SHARED")
+  set(PC_IO_DEFINITIONS "-DVELMAR_2D_IO_SHARED")
+endif()
+list(JOIN VELMAR_2D_CAIRO ", " PC_CAIRO)
+string(REPLACE ">=" " >= " PC_CAIRO "${PC_CAIRO}")
+foreach(library IN ITEMS velmar_2d velmar_2d_io)
+  if(TARGET ${library})
+    configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc DESTINATION ${PC_DIR} COMPONENT dev)
+  endif()
+endforeach()
+
+if(TARGET velmar_2d_program)
+  install(TARGETS velmar_2d_program RUNTIME COMPONENT tools)
+endif()
+if(PROJECT_IS_TOP_LEVEL)
+  include(cmake/packages.cmake)
+endif()

@@ -1,0 +1,51 @@
+# Debian packages, made by `cpack` from a build of shared libraries for the prefix /usr:
+#
+#   cmake -S . -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_SHARED_LIBS=ON
+#   cmake --build build/deb && (cd build/deb && cpack)
+
+set(abi ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME velmar-2d)
+set(CPACK_PACKAGE_VENDOR "velmar_2d")
+set(CPACK_PACKAGE_CONTACT "The velmar_2d developers <velmar_2d@localhost>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL library io dev tools doc)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# One package: its component, name, section, Debian dependencies beside the shared libraries that
+# its files are linked with, and what it is.
+macro(velmar_2d_package component name section depends summary)
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
+  set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}")
+endmacro()
+set(library libvelmar-2d${abi})
+set(io libvelmar-2d-io${abi})
+set(same "(= ${PROJECT_VERSION})")
+velmar_2d_package(library ${library} libs ""
+  "This package holds the shared library.")
+velmar_2d_package(io ${io} libs "${library} ${same}"
+  "This package holds the shared library for pictures and ParaView files.")
+velmar_2d_package(dev libvelmar-2d-dev libdevel "${library} ${same}, ${io} ${same}"
+  "This package holds the headers and what CMake and pkg-config need.")
+velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
+  "This package holds the program velmar_2d, which draws, writes and counts meshes.")
+velmar_2d_package(doc velmar-2d-doc doc ""
+  "This package holds the pages, pictures and examples.")
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
+
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmar-2d-doc
+        COMPONENT doc)
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmar-2d-doc
+        COMPONENT doc PATTERN CMakeLists.txt EXCLUDE PATTERN *.cmake EXCLUDE)
+
+include(CPack)

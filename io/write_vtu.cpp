@@ -1,0 +1,318 @@
+// The file is an XML text with one element for each array. The numbers stand in the elements, or
+// after the text: each array behind its length in bytes.
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
+#include <pugixml.hpp>
+#include <sstream>
+#include <type_traits>
+#include <unordered_map>
+#include <utility>
+
+#include "io/output_file.hpp"
+#include "io/triangulation.hpp"
+#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
+
+namespace velmar_2d::io {
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Arrays
+// ---------------------------------------------------------------------------------------------
+
+template <typename Number>
+constexpr const char* vtk_type() {
+  if constexpr (std::is_same_v<Number, double>) return "Float64";
+  if constexpr (std::is_same_v<Number, std::int64_t>) return "Int64";
+  if constexpr (std::is_same_v<Number, std::int32_t>) return "Int32";
+  if constexpr (std::is_same_v<Number, std::uint8_t>) return "UInt8";
+}
+
+template <typename Number>
+std::string as_text(const std::vector<Number>& numbers) {
+  constexpr std::size_t numbers_per_line = 12;
+  std::string text;
+  std::array<char, 32> digits;
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), numbers[i]).ptr;
+    text += i % numbers_per_line == 0 ? '\n' : ' ';
+    text.append(digits.data(), end);
+  }
+  return text + '\n';
+}
+
+/// The elements of a file, and the bytes that follow them.
+class ArrayWriter {
+ public:
+  explicit ArrayWriter(bool ascii) : ascii_(ascii) {}
+
+  template <typename Number>
+  void add(pugi::xml_node parent, const std::string& name, const std::vector<Number>& numbers,
+           int components = 1) {
+    pugi::xml_node element = parent.append_child("DataArray");
+    element.append_attribute("type") = vtk_type<Number>();
+    element.append_attribute("Name") = name.c_str();
+    if (components > 1) element.append_attribute("NumberOfComponents") = components;
+    if (ascii_) {
+      element.append_attribute("format") = "ascii";
+      element.text() = as_text(numbers).c_str();
+      return;
+    }
+    element.append_attribute("format") = "appended";
+    std::string bytes(sizeof(std::uint64_t) + numbers.size() * sizeof(Number), '\0');
+    const std::uint64_t length = bytes.size() - sizeof length;
+    std::memcpy(bytes.data(), &length, sizeof length);
+    if (length > 0) std::memcpy(bytes.data() + sizeof length, numbers.data(), length);
+    appended_.push_back({element, std::move(bytes)});
+  }
+
+  /// Tells the elements where their numbers lie. The last array comes first in the bytes: meshio
+  /// looks arrays up by offset while it is replacing the offsets, from the first byte on, and so
+  /// always meets the one that it has not replaced yet.
+  void set_offsets() {
+    unsigned long long offset = 0;
+    std::reverse(appended_.begin(), appended_.end());
+    for (auto& [element, bytes] : appended_) {
+      element.append_attribute("offset") = offset;
+      offset += bytes.size();
+    }
+  }
+
+  void write_bytes(OutputFile& file) const {
+    for (const Appended& array : appended_) file.write(array.bytes);
+  }
+
+ private:
+  struct Appended {
+    pugi::xml_node element;
+    std::string bytes;  ///< length, numbers
+  };
+
+  bool ascii_;
+  std::vector<Appended> appended_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Points and cells
+// ---------------------------------------------------------------------------------------------
+
+constexpr std::uint8_t vtk_triangle = 5, vtk_polygon = 7;
+
+struct Grid {
+  std::vector<const Cell*> nodes;  ///< whose values are written, in the order of points or cells
+  std::vector<double> points;      ///< x, y, z of each
+  std::vector<std::int64_t> connectivity, offsets;
+  std::uint8_t cell_kind = vtk_triangle;
+
+  void add_point(double x, double y) { points.insert(points.end(), {x, y, 0.0}); }
+  void close_cell() { offsets.push_back(static_cast<std::int64_t>(connectivity.size())); }
+};
+
+Grid grid_of_triangles() {
+  Triangulation triangulation = triangulate_mesh();
+  Grid grid;
+  grid.nodes = std::move(triangulation.nodes);
+  grid.points.reserve(3 * grid.nodes.size());
+  for (const Cell* node : grid.nodes) grid.add_point(node->x, node->y);
+  grid.connectivity.reserve(3 * triangulation.triangles.size());
+  grid.offsets.reserve(triangulation.triangles.size());
+  for (const auto& triangle : triangulation.triangles) {
+    grid.connectivity.insert(grid.connectivity.end(), triangle.begin(), triangle.end());
+    grid.close_cell();
+  }
+  return grid;
+}
+
+/// Tells corners apart: cells that meet in a corner compute it each for itself, up to rounding.
+/// Corners lie on a lattice a good deal finer than the shortest link.
+class CornerIndex {
+ public:
+  CornerIndex() {
+    std::int32_t finest_level = 0;
+    for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
+      finest_level = std::max(finest_level, node->level);
+    }
+    pitch_ = std::ldexp(dist_0, -finest_level / 2 - corner_halvings);
+  }
+
+  /// Index of a corner, and whether it is a new one.
+  std::pair<std::int64_t, bool> find(const Point& corner) {
+    const Place place{std::llround((corner.x - x_min) / pitch_),
+                      std::llround((corner.y - y_min) / pitch_)};
+    const auto [entry, is_new] =
+        index_of_.try_emplace(place, static_cast<std::int64_t>(index_of_.size()));
+    return {entry->second, is_new};
+  }
+
+ private:
+  static constexpr int corner_halvings = 6;
+  struct Place {
+    long long column, row;
+    bool operator==(const Place&) const = default;
+  };
+  struct Hash {
+    std::size_t operator()(const Place& place) const {
+      const auto mixed = static_cast<std::uint64_t>(place.column) * 0x9e3779b97f4a7c15 ^
+                         std::rotl(static_cast<std::uint64_t>(place.row) * 0xc2b2ae3d27d4eb4f, 31);
+      return static_cast<std::size_t>(mixed ^ mixed >> 29);
+    }
+  };
+
+  double pitch_;
+  std::unordered_map<Place, std::int64_t, Hash> index_of_;  // looked up only: no matter its order
+};
+
+Grid grid_of_control_cells() {
+  Grid grid;
+  grid.cell_kind = vtk_polygon;
+  grid.nodes.reserve(static_cast<std::size_t>(nb_nodes));
+  CornerIndex corner_index;
+  std::array<Point, max_cell_corners> corners;
+  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
+    std::int32_t nb_corners = 0;
+    cell_polygon(node, corners, nb_corners);
+    for (std::int32_t i = 0; i < nb_corners; ++i) {
+      const Point& corner = corners[static_cast<std::size_t>(i)];
+      const auto [index, is_new] = corner_index.find(corner);
+      if (is_new) grid.add_point(corner.x, corner.y);
+      grid.connectivity.push_back(index);
+    }
+    grid.close_cell();
+    grid.nodes.push_back(node);
+  }
+  return grid;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Values
+// ---------------------------------------------------------------------------------------------
+
+/// Area of the control cell, without touching what the node has cached.
+double area_of(const Cell& node) {
+  std::array<Point, max_cell_corners> corners;
+  std::int32_t nb_corners = 0;
+  cell_polygon(&node, corners, nb_corners);
+  double doubled = 0.0;
+  for (std::size_t i = 0, n = static_cast<std::size_t>(nb_corners); i < n; ++i) {
+    const Point &a = corners[i], &b = corners[(i + 1) % n];
+    doubled += (a.x - node.x) * (b.y - node.y) - (b.x - node.x) * (a.y - node.y);
+  }
+  return 0.5 * doubled;
+}
+
+void add_values(ArrayWriter& arrays, pugi::xml_node parent, const std::vector<const Cell*>& nodes,
+                const std::vector<std::string>& data_names) {
+  const auto add = [&](const std::string& name, auto&& value_of) {
+    std::vector<std::decay_t<decltype(value_of(*nodes[0]))>> values;
+    values.reserve(nodes.size());
+    for (const Cell* node : nodes) values.push_back(value_of(*node));
+    arrays.add(parent, name, values);
+  };
+  add("id", [](const Cell& node) { return node.id; });
+  add("level", [](const Cell& node) { return node.level; });
+  add("ipos", [](const Cell& node) { return node.ipos; });
+  add("on_boundary", [](const Cell& node) { return node.on_boundary; });
+  add("area", area_of);
+  add("grad_data", [](const Cell& node) { return node.grad_data; });
+  add("grad2_data", [](const Cell& node) { return node.grad2_data; });
+
+  std::size_t nb_data = 0;
+  for (const Cell* node : nodes) nb_data = std::max(nb_data, node->data.size());
+  for (std::size_t i = 0; i < nb_data; ++i) {
+    add(i < data_names.size() ? data_names[i] : "data_" + std::to_string(i + 1),
+        [i](const Cell& node) { return i < node.data.size() ? node.data[i] : 0.0; });
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------
+
+pugi::xml_node add_root(pugi::xml_document& document, const char* type) {
+  pugi::xml_node root = document.append_child("VTKFile");
+  root.append_attribute("type") = type;
+  root.append_attribute("version") = "1.0";
+  root.append_attribute("byte_order") =
+      std::endian::native == std::endian::little ? "LittleEndian" : "BigEndian";
+  root.append_attribute("header_type") = "UInt64";
+  return root;
+}
+
+std::string as_text(const pugi::xml_document& document) {
+  std::ostringstream text;
+  document.save(text, "  ");
+  return text.str();
+}
+
+}  // namespace
+
+std::string write_vtu(const std::string& path, const VtuOptions& options) {
+  if (mesh_beg == nullptr) return path + ": there is no mesh to write";
+  OutputFile file(path);
+  if (!file.error().empty()) return file.error();
+
+  const bool by_points = options.cells == VtuCells::triangles;
+  const Grid grid = by_points ? grid_of_triangles() : grid_of_control_cells();
+
+  pugi::xml_document document;
+  pugi::xml_node root = add_root(document, "UnstructuredGrid");
+  pugi::xml_node piece = root.append_child("UnstructuredGrid").append_child("Piece");
+  piece.append_attribute("NumberOfPoints") =
+      static_cast<unsigned long long>(grid.points.size() / 3);
+  piece.append_attribute("NumberOfCells") = static_cast<unsigned long long>(grid.offsets.size());
+
+  ArrayWriter arrays(options.ascii);
+  pugi::xml_node values = piece.append_child(by_points ? "PointData" : "CellData");
+  values.append_attribute("Scalars") = "level";
+  add_values(arrays, values, grid.nodes, options.data_names);
+  arrays.add(piece.append_child("Points"), "Points", grid.points, 3);
+  pugi::xml_node cells = piece.append_child("Cells");
+  arrays.add(cells, "connectivity", grid.connectivity);
+  arrays.add(cells, "offsets", grid.offsets);
+  arrays.add(cells, "types", std::vector<std::uint8_t>(grid.offsets.size(), grid.cell_kind));
+
+  if (options.ascii) {
+    file.write(as_text(document));
+    return file.finish();
+  }
+  arrays.set_offsets();
+  // The bytes begin after an underscore; no XML library may touch them.
+  pugi::xml_node appended = root.append_child("AppendedData");
+  appended.append_attribute("encoding") = "raw";
+  appended.text() = "_";
+  const std::string text = as_text(document);
+  const std::size_t place = text.find("_</AppendedData>") + 1;
+  file.write(text.data(), place);
+  arrays.write_bytes(file);
+  file.write("\n" + text.substr(place));
+  return file.finish();
+}
+
+std::string write_pvd(const std::string& path, const std::vector<TimeStep>& steps) {
+  namespace fs = std::filesystem;
+  pugi::xml_document document;
+  pugi::xml_node collection = add_root(document, "Collection").append_child("Collection");
+  fs::path folder = fs::path(path).parent_path();
+  if (folder.empty()) folder = ".";
+  for (const TimeStep& step : steps) {
+    pugi::xml_node element = collection.append_child("DataSet");
+    std::array<char, 32> digits{};
+    std::to_chars(digits.data(), digits.data() + digits.size() - 1, step.time);
+    element.append_attribute("timestep") = digits.data();
+    element.append_attribute("part") = 0;
+    // ParaView looks for files from where the .pvd file lies.
+    const fs::path from_there = fs::path(step.file).lexically_relative(folder);
+    element.append_attribute("file") = from_there.empty() ? step.file.c_str() : from_there.c_str();
+  }
+  OutputFile file(path);
+  file.write(as_text(document));
+  return file.finish();
+}
+
+}  // namespace velmar_2d::io

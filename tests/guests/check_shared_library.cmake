@@ -1,0 +1,19 @@
+# The shared library bears its versioned name and shows the public procedures and nothing else.
+#   cmake -DLIBRARY=<libvelmar_2d.so> -DSONAME=<name> -DNM=<nm> -DREADELF=<readelf> -P <this file>
+execute_process(COMMAND ${READELF} -d ${LIBRARY} OUTPUT_VARIABLE dynamic
+                COMMAND_ERROR_IS_FATAL ANY)
+if(NOT dynamic MATCHES "SONAME[^\n]*\\[${SONAME}\\]")
+  message(FATAL_ERROR "no SONAME ${SONAME}:\n${dynamic}")
+endif()
+
+execute_process(COMMAND ${NM} -DC --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols
+                COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
+list(LENGTH symbols nb_symbols)
+set(private ${symbols})
+list(FILTER private EXCLUDE REGEX "^[0-9a-f]+ [A-Za-z] velmar_2d::[a-z]")
+set(detail ${symbols})
+list(FILTER detail INCLUDE REGEX "detail::")
+if(private OR detail OR nb_symbols LESS 40)
+  message(FATAL_ERROR "${nb_symbols} symbols, of these private: ${private} ${detail}")
+endif()

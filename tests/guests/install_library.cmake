@@ -1,0 +1,9 @@
+# Builds the library and installs it under a prefix that it was not configured for.
+#   cmake -DSOURCE=... -DBINARY=... -DPREFIX=... -DOPTIONS=... -DGENERATOR=... -P <this file>
+file(REMOVE_RECURSE ${PREFIX})
+foreach(step IN ITEMS
+    "-G;${GENERATOR};-S;${SOURCE};-B;${BINARY};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${COMPILER};-DVELMAR_2D_BUILD_IO=ON;-DVELMAR_2D_BUILD_TESTS=OFF;-DVELMAR_2D_BUILD_EXAMPLES=OFF;${OPTIONS}"
+    "--build;${BINARY}"
+    "--install;${BINARY};--prefix;${PREFIX}")
+  execute_process(COMMAND ${CMAKE_COMMAND} ${step} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

@@ -1,0 +1,190 @@
+"""Runs the program velmar_2d.
+
+    check_program.py PROGRAM FOLDER
+"""
+import json
+import os
+import random
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import time
+import unittest
+import zlib
+
+import meshio
+import numpy
+
+PROGRAM, FOLDER = sys.argv.pop(1), sys.argv.pop(1)
+
+
+def run(*arguments):
+    return subprocess.run([PROGRAM, *arguments], cwd=FOLDER, capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL)
+
+
+def write(name, content):
+    with open(os.path.join(FOLDER, name), "wb") as file:
+        file.write(content if isinstance(content, bytes) else content.encode())
+    return name
+
+
+def png(rows):
+    """A grey picture."""
+    def chunk(kind, data):
+        return (struct.pack(">I", len(data)) + kind + data +
+                struct.pack(">I", zlib.crc32(kind + data)))
+    header = struct.pack(">IIBBBBB", len(rows[0]), len(rows), 8, 0, 0, 0, 0)
+    data = zlib.compress(b"".join(b"\0" + bytes(row) for row in rows))
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header) + chunk(b"IDAT", data) +
+            chunk(b"IEND", b""))
+
+
+class Program(unittest.TestCase):
+    def assert_done(self, done):
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertRegex(done.stderr, r"^(update \d+: \d+ nodes, \d+ s\n)*$")
+
+    def mesh(self, *arguments):
+        done = run("vtu", *arguments, "-o", "mesh.vtu")
+        self.assert_done(done)
+        mesh = meshio.read(os.path.join(FOLDER, "mesh.vtu"))
+        self.assertEqual(done.stdout, f"mesh.vtu: {len(mesh.points)} nodes\n")
+        x, y, _ = mesh.points.T
+        return x, y, mesh.point_data["wanted_spacing"], mesh.point_data["level"]
+
+    def test_expression(self):
+        x, y, wanted, level = self.mesh(
+            "x < 1 ? 0.02 + 0.2*hypot(x, y) : 0.22 + 0.1*abs(sin(pi*y))", "--domain", "-1", "2", "-1", "1",
+            "--squares", "20", "--finest", "0.03", "--coarsest", "0.3")
+        self.assertEqual((x.min(), x.max(), y.min(), y.max()), (-1, 2, -1, 1))
+        spacing = numpy.where(x < 1, 0.02 + 0.2 * numpy.hypot(x, y),
+                              0.22 + 0.1 * abs(numpy.sin(numpy.pi * y)))
+        self.assertTrue(numpy.allclose(wanted, spacing.clip(0.03, 0.3), rtol=1e-12))
+        # No node is a level coarser than it was asked to be.
+        self.assertLess((0.1 * 2.0 ** (-level / 2) / wanted).max(), 2 ** 0.5)
+
+    def test_lines(self):
+        random.seed(7)
+        points = [(random.gauss(0, 30), random.gauss(500, 10)) for _ in range(300)]
+        lines = [points[:120], points[120:121], points[121:]]
+        text = write("lines.txt", "# x y\r\n" + "\n\n".join(
+            "\n".join(f"{x!r} , {y!r} 17 depth" for x, y in line) for line in lines))
+        geojson = write("lines.geojson", json.dumps({"type": "FeatureCollection", "features": [
+            {"type": "Feature", "geometry": None},
+            {"type": "Feature", "geometry": {"type": "MultiLineString",
+                                             "coordinates": [lines[0], lines[2]]}},
+            {"type": "GeometryCollection",
+             "geometries": [{"type": "Point", "coordinates": [*lines[1][0], -5.0]}]}]}))
+        options = ["--grading", "0.4", "--finest", "1", "--limit", "7"]
+        x, y, wanted, _ = self.mesh(text, *options)
+
+        def check(segments, x, y, wanted):
+            ends = numpy.array(segments)
+            a, along = ends[:, 0], ends[:, 1] - ends[:, 0]
+            length = (along ** 2).sum(axis=1)
+            for node in range(0, len(x), 7):
+                p = numpy.array([x[node], y[node]])
+                share = ((p - a) * along).sum(axis=1) / numpy.where(length > 0, length, 1)
+                nearest = a + along * share.clip(0, 1)[:, None]
+                distance = numpy.sqrt(((nearest - p) ** 2).sum(axis=1)).min()
+                self.assertAlmostEqual(wanted[node], max(1, 0.4 * distance), 9)
+
+        check([pair for line in lines for pair in zip(line, line[1:])] + [lines[1] * 2],
+              x, y, wanted)
+        low, high = numpy.min(points, axis=0), numpy.max(points, axis=0)
+        self.assertTrue(x.min() < low[0] and y.min() < low[1] and x.max() > high[0] and
+                        y.max() > high[1], "the lines lie in the domain")
+        again = self.mesh(geojson, *options)
+        self.assertTrue(all(map(numpy.array_equal, again, self.mesh(text, *options))))
+        x, y, wanted, _ = self.mesh(text, *options, "--scattered")
+        check([(p, p) for p in points], x, y, wanted)
+
+    def test_picture(self):
+        # White above black, the edge a quarter of the height below the top.
+        name = write("half.png", png([[255] * 40] * 10 + [[0] * 40] * 30))
+        x, y, wanted, level = self.mesh(name, "--squares", "5")
+        self.assertEqual((x.min(), x.max(), y.min(), y.max()), (0, 40, 0, 40))
+        finest = level == level.max()
+        self.assertTrue((abs(y[finest] - 30) < 3).all() and finest.sum() > 40)
+        self.assertEqual(wanted.min(), 1.0)  # no finer than the pixels
+        away = 29 - y[y < 29]
+        self.assertLess(abs(wanted[y < 29] - (1 + 0.25 * away)).max(), 1)
+        for arguments, begin in ((["--over-picture", "-o", "mesh.png"], b"\x89PNG"),
+                                 (["-o", "mesh.pdf"], b"%PDF"), (["-o", "mesh.svg"], b"<?xml")):
+            self.assertEqual(run("draw", name, *arguments).returncode, 0)
+            with open(os.path.join(FOLDER, arguments[-1]), "rb") as file:
+                self.assertEqual(file.read(len(begin)), begin)
+
+    def test_stats(self):
+        done = run("stats", "0.03", "--squares", "8", "--updates", "6")
+        self.assert_done(done)
+        # The first lattice at least as fine as 0.03 is that of level 5: 33 x 33 nodes and the centres
+        # of the 32 x 32 squares between them.
+        self.assertRegex(done.stdout, r"nodes: 2113 after 6 updates, settled\n")
+        self.assertRegex(done.stdout, r"\n +5 +0.0220971 +2113 100.0%\n$")
+
+    def test_progress(self):
+        with subprocess.Popen([PROGRAM, "stats", "0.002", "--updates", "10000"], text=True,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as process:
+            time.sleep(3.6)
+            process.kill()
+            lines = process.stderr.read().splitlines()
+        self.assertIn(len(lines), (1, 2, 3))  # one a second, none in the first
+        for line in lines:
+            self.assertRegex(line, r"^update \d+: \d+ nodes, [1234] s$")
+
+    def test_bad_input(self):
+        empty, text = write("empty.txt", "# nothing\n\n"), write("bad.txt", "1 2\n3 x\n")
+        cut = write("cut.json", '{"type": "Point", "coordi')
+        shape = write("shape.json", '{"type": "Ellipse"}')
+        odd = write("odd.json", '{"type": "LineString", "coordinates": [[1, 2], ["a", 2]]}')
+        deep = write("deep.json", '{"geometries":[' * 5000 + "]}" * 5000)
+        files = sorted(os.listdir(FOLDER))
+        for arguments, reason in (
+                ([], "subcommand"), (["draw"], "FIELD"), (["paint", "1"], "paint|subcommand"),
+                (["stats", "1", "--nonsense"], "nonsense"), (["stats", "sin("], 'sin\\('),
+                (["stats", "x +"], "x \\+"), (["stats", "z"], "z"), (["stats", "1, 2"], "one value"),
+                (["stats", "1", "--limit", "41"], "--limit"),
+                (["stats", "1", "--squares", "0"], "--squares"),
+                (["stats", text, "--grading", "nan"], "--grading"),
+                (["draw", "1", "--cells", "colour"], "--cells"),
+                (["stats", "1", "--finest", "-1"], "--finest"),
+                (["stats", "1", "--domain", "0", "1", "0"], "--domain"),
+                (["stats", "1", "--domain", "1", "0", "0", "1"], "west"),
+                (["stats", "1", "--domain", "0", "1", "0", "nan"], "--domain"),
+                (["stats", "1", "--domain", "0", "1", "0", "1e9"], "long and thin"),
+                (["stats", "1", "--domain", "1e20", "1.0000000000000002e20", "0", "1"], "domain"),
+                (["stats", "0", "--limit", "30", "--max-nodes", "5000"], "5000 nodes"),
+                (["draw", "1", "--over-picture"], "no picture"),
+                (["draw", "1", "-o", "mesh.bmp"], "mesh.bmp: "),
+                (["vtu", "1", "-o", "no/such/folder.vtu"], "no/such/folder.vtu: No such file"),
+                (["stats", "missing.txt"], "missing.txt: No such file"),
+                (["stats", "missing.png"], "missing.png: No such file"),
+                (["stats", empty], "empty.txt: .*no points"), (["stats", text], "bad.txt: line 2"),
+                (["stats", cut], "cut.json: "), (["stats", shape], "shape.json: .*Ellipse"),
+                (["stats", odd], "odd.json: .*pair of numbers"), (["stats", deep], "deep.json: ")):
+            done = run(*arguments)
+            self.assertEqual((done.returncode, done.stdout), (2, ""), (arguments, done.stderr))
+            self.assertRegex(done.stderr, f"^(update .*\n)*velmar_2d: .*{reason}.*\n$", arguments)
+        self.assertEqual(sorted(os.listdir(FOLDER)), files, "files were left")
+
+    def test_help(self):
+        for arguments in (["--help"], ["draw", "--help"], ["vtu", "--help"], ["stats", "--help"]):
+            done = run(*arguments)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))
+        # Every example in the help works.
+        examples = re.findall(r"^  velmar_2d (\w+) (.*)$", run("--help").stdout, re.M)
+        self.assertEqual(len(examples), 4)
+        for command, rest in examples:
+            if '"' in rest:
+                done = subprocess.run(f"{PROGRAM} {command} {rest}", shell=True, cwd=FOLDER,
+                                      capture_output=True, text=True)
+                self.assert_done(done)
+
+
+shutil.rmtree(FOLDER, ignore_errors=True)
+os.makedirs(FOLDER)
+unittest.main(verbosity=2)

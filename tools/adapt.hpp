@@ -1,0 +1,32 @@
+// From a wanted spacing to a mesh.
+#pragma once
+
+#include <string>
+
+#include "tools/size_field.hpp"
+
+namespace velmar_2d::tools {
+
+struct MeshOptions {
+  int squares = 16;  ///< base squares along the shorter side of the domain
+  int limit = 9;     ///< subdivision limit
+  int updates = 0;   ///< 0: until their number stands still, at most most_updates
+  std::int64_t max_nodes = 20'000'000;
+};
+inline constexpr int most_updates = 100;
+
+/// What came of it, beside the mesh itself.
+struct Outcome {
+  int updates = 0;
+  bool is_settled = false;  ///< the last update took as many nodes as it gave
+  double seconds = 0.0;
+};
+
+/// Makes the mesh of a field and adapts it. `domain` is enlarged at its north or east side to whole
+/// squares. Where it takes longer than a second, a line on standard error tells how far it is.
+/// The first data value of every node is the wanted spacing.
+/// @return nothing on success; otherwise one line
+std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain& domain,
+                      Outcome& outcome);
+
+}  // namespace velmar_2d::tools

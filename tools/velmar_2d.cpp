@@ -1,0 +1,255 @@
+// The command-line program: a look at a mesh before anything is linked.
+#include "velmar_2D/velmar_2D.hpp"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "tools/adapt.hpp"
+#include "tools/size_field.hpp"
+#include "velmar_2D/velmar_2D_io.hpp"
+
+namespace {
+
+using namespace velmar_2d;
+
+constexpr int bad_input = 2;
+
+constexpr const char* description =
+    "Meshes a rectangle by a wanted spacing: fine where you need it, coarse where you do not.\n\n"
+    "FIELD says how far apart nodes should be. It is one of\n"
+    "  an expression in x and y   \"0.005 + 0.2*abs(y - x^2)\"\n"
+    "  a picture                  photo.png: fine along edges; the domain is its size in pixels\n"
+    "  points and lines           coast.geojson, .json, .txt, .csv, .dat, .xy: fine along them; "
+    "the\n"
+    "                             domain is the box around them and a tenth more\n"
+    "Text files hold two numbers a line; an empty line begins a new line of points. Expressions "
+    "know\n"
+    "+ - * / ^ < > ?:, abs sqrt exp ln log10 sin cos tan atan2 hypot min max, pi and _e.";
+
+constexpr const char* footer =
+    "Examples:\n"
+    "  velmar_2d draw \"0.005 + 0.2*abs(y - x^2)\" -o parabola.svg\n"
+    "  velmar_2d draw photo.png --limit 8 --over-picture -o mesh.png\n"
+    "  velmar_2d vtu coast.geojson --squares 8 --grading 0.3 -o coast.vtu\n"
+    "  velmar_2d stats \"abs(hypot(x,y)-1)/5\" --domain -2 2 -2 2 --finest 0.01\n\n"
+    "Exit status: 0 done; 2 bad input, with one line on standard error.";
+
+struct Options {
+  tools::FieldOptions field;
+  tools::MeshOptions mesh;
+  std::vector<double> domain;
+  std::string output;
+
+  std::string title;
+  double width = 1000.0;
+  bool over_picture = false;
+  std::string colour;  ///< of control cells; none: they are not drawn
+
+  bool cells = false, ascii = false;
+};
+
+/// An option that takes a number from a range; `unit` is what help calls the number.
+template <typename Number>
+void add_number(CLI::App& command, const char* name, Number& number, const char* unit,
+                double lowest, double highest, const char* explanation) {
+  const auto check = [lowest, highest](const std::string& text) {
+    double value = 0.0;
+    const bool is_inside =
+        CLI::detail::lexical_cast(text, value) && value >= lowest && value <= highest;
+    if (is_inside) return std::string();  // a NaN is not
+    std::ostringstream fault;
+    fault << text << " is no number from " << lowest << " to " << highest;
+    return fault.str();
+  };
+  CLI::Option* option = command.add_option(name, number, explanation);
+  option->type_name(unit)->check(CLI::Validator(check, ""));
+  if constexpr (std::is_arithmetic_v<Number>) option->capture_default_str();
+}
+
+/// What all three commands understand.
+void add_mesh_options(CLI::App& command, Options& options) {
+  tools::FieldOptions& field = options.field;
+  tools::MeshOptions& mesh = options.mesh;
+  constexpr double smallest_length = 1e-300, largest_length = 1e300;
+  command.add_option("FIELD", field.text, "expression, picture, or file of points and lines")
+      ->type_name("")
+      ->required();
+  command.add_option("--domain", options.domain, "west, east, south and north side of the domain")
+      ->type_name("X X Y Y")
+      ->type_size(1)
+      ->expected(4);
+  add_number(command, "--squares", mesh.squares, "N", 1, 1024,
+             "base squares along the shorter side of the domain");
+  add_number(command, "--limit", mesh.limit, "LEVEL", 0, 40,
+             "subdivision limit; two levels halve the spacing");
+  add_number(command, "--updates", mesh.updates, "N", 0, 10000,
+             "number of updates; 0: until the number of nodes stands still");
+  add_number(command, "--max-nodes", mesh.max_nodes, "N", 4, 1e9, "give up beyond this number");
+  add_number(command, "--finest", field.finest, "LENGTH", smallest_length, largest_length,
+             "no spacing below this one");
+  add_number(command, "--coarsest", field.coarsest, "LENGTH", smallest_length, largest_length,
+             "no spacing above this one");
+  add_number(command, "--grading", field.grading, "SLOPE", 0.01, 100.0,
+             "growth of the spacing away from points and lines");
+  command.add_flag("--scattered", field.scattered, "do not join the points of a text file");
+  add_number(command, "--contrast", field.contrast, "STEP", 0.1, 255.0,
+             "brightness step, of 255, that counts as an edge of a picture");
+}
+
+int fail(const std::string& line) {
+  std::fprintf(stderr, "velmar_2d: %s\n", line.c_str());
+  return bad_input;
+}
+
+int report(const std::string& error, const std::string& output) {
+  if (!error.empty()) return fail(error);
+  std::printf("%s: %d nodes\n", output.c_str(), nb_nodes);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Commands
+// ---------------------------------------------------------------------------------------------
+
+int draw(const Options& options, const tools::SizeField& field, const tools::Domain& wish) {
+  io::PictureOptions picture;
+  picture.title = options.title.empty() ? options.field.text : options.title;
+  picture.width = options.width;
+  if (options.colour == "spacing") picture.cells = io::CellColour::value;
+  if (options.colour == "level") picture.cells = io::CellColour::level;
+  if (options.colour == "type") picture.cells = io::CellColour::type;
+  picture.links = picture.nodes = options.colour.empty();
+  if (options.over_picture) {
+    if (field.picture == nullptr) return fail("--over-picture: the field is no picture");
+    picture.background = {field.picture.get(), wish.west, wish.east, wish.south, wish.north, 0.75};
+  }
+  picture.height = io::fitting_height(picture.width, picture);
+  return report(io::draw_mesh(options.output, picture), options.output);
+}
+
+int write_vtu(const Options& options) {
+  io::VtuOptions vtu;
+  vtu.cells = options.cells ? io::VtuCells::control_cells : io::VtuCells::triangles;
+  vtu.ascii = options.ascii;
+  vtu.data_names = {"wanted_spacing"};
+  return report(io::write_vtu(options.output, vtu), options.output);
+}
+
+double spacing_of_level(int level) { return dist_0 * std::exp2(-0.5 * level); }
+
+int print_stats(const tools::Domain& domain, const tools::Outcome& outcome) {
+  std::map<int, std::int64_t> nodes_of_level;
+  for (const Cell* node = mesh_beg; node != nullptr; node = node->next)
+    ++nodes_of_level[node->level];
+  const double finest = spacing_of_level(nodes_of_level.rbegin()->first);
+  const double uniform = (domain.width() / finest + 1.0) * (domain.height() / finest + 1.0);
+
+  std::printf("domain: x %g to %g, y %g to %g; base squares of %g\n", domain.west, domain.east,
+              domain.south, domain.north, dist_0);
+  std::printf("nodes: %d after %d updates, %s\n", nb_nodes, outcome.updates,
+              outcome.is_settled ? "settled" : "not settled yet");
+  std::printf("time: %.3g s\n", outcome.seconds);
+  std::printf("a uniform grid of the finest spacing: %.0f nodes, %.3g times as many\n", uniform,
+              uniform / nb_nodes);
+  std::printf("level      spacing       nodes  share\n");
+  for (const auto& [level, nodes] : nodes_of_level) {
+    std::printf("%5d %12.6g %11lld %5.1f%%\n", level, spacing_of_level(level),
+                static_cast<long long>(nodes), 100.0 * static_cast<double>(nodes) / nb_nodes);
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// From the command line to a mesh
+// ---------------------------------------------------------------------------------------------
+
+std::string choose_domain(const Options& options, const tools::SizeField& field,
+                          tools::Domain& domain) {
+  domain = field.domain;
+  if (options.domain.empty()) return {};
+  domain = {options.domain[0], options.domain[1], options.domain[2], options.domain[3]};
+  for (const double side : options.domain) {
+    if (!std::isfinite(side)) return "--domain: not a number";
+  }
+  if (!(domain.west < domain.east)) return "--domain: the west side is not west of the east side";
+  if (!(domain.south < domain.north))
+    return "--domain: the south side is not south of the north side";
+  return {};
+}
+
+int run(int argc, char** argv) {
+  Options options;
+  CLI::App app(description, "velmar_2d");
+  app.footer(footer);
+  app.set_version_flag("--version", std::string("velmar_2d ") + version());
+  app.require_subcommand(1);
+
+  CLI::App* draw_command =
+      app.add_subcommand("draw", "Draw the mesh to an .svg, .png or .pdf file");
+  CLI::App* vtu_command = app.add_subcommand("vtu", "Write the mesh to a .vtu file for ParaView");
+  CLI::App* stats_command = app.add_subcommand("stats", "Count the nodes of each level");
+  for (CLI::App* command : {draw_command, vtu_command, stats_command}) {
+    add_mesh_options(*command, options);
+  }
+  for (CLI::App* command : {draw_command, vtu_command}) {
+    command->add_option("-o,--output", options.output, "the file; by default mesh.png or mesh.vtu")
+        ->type_name("FILE");
+  }
+  draw_command->add_option("--title", options.title, "words above the mesh; by default FIELD")
+      ->type_name("WORDS");
+  add_number(*draw_command, "--width", options.width, "LENGTH", 64.0, 16384.0,
+             "of the picture, in pixels or points");
+  draw_command->add_flag("--over-picture", options.over_picture, "draw over the picture of FIELD");
+  draw_command
+      ->add_option("--cells", options.colour,
+                   "draw control cells, coloured by wanted spacing, level or type of shape")
+      ->check(CLI::IsMember({"spacing", "level", "type"}).description(""))
+      ->type_name("spacing|level|type");
+  vtu_command->add_flag("--cells", options.cells, "control cells instead of triangles");
+  vtu_command->add_flag("--ascii", options.ascii, "numbers as text");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& wish) {
+    return app.exit(wish);
+  } catch (const CLI::Error& error) {
+    return fail(error.what());
+  }
+  if (options.output.empty()) options.output = draw_command->parsed() ? "mesh.png" : "mesh.vtu";
+
+  tools::SizeField field;
+  if (const std::string error = tools::read_field(options.field, field); !error.empty()) {
+    return fail(error);
+  }
+  tools::Domain domain;
+  if (const std::string error = choose_domain(options, field, domain); !error.empty()) {
+    return fail(error);
+  }
+  const tools::Domain wish = domain;
+  tools::Outcome outcome;
+  if (const std::string error = tools::make_mesh(field, options.mesh, domain, outcome);
+      !error.empty()) {
+    return fail(error);
+  }
+  if (draw_command->parsed()) return draw(options, field, wish);
+  if (vtu_command->parsed()) return write_vtu(options);
+  return print_stats(domain, outcome);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+}
