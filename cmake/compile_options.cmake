@@ -15,6 +15,9 @@ function(velmar_2d_compile_options target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                            -Wnon-virtual-dtor -Wold-style-cast -Werror)
   endif()
+  if(VELMAR_2D_BUILD_FUZZERS)
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
   if(VELMAR_2D_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
                            -fno-omit-frame-pointer)

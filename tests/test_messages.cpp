@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <stdexcept>
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
@@ -114,6 +115,9 @@ const Case init_mesh_cases[] = {
     {"height_negative", [] { init_on(0.0, 1.0, 1.0, 0.0); }, bad_width},
     {"width_not_a_number", [] { init_on(nan, 1.0, 0.0, 1.0); }, bad_width},
     {"height_infinite", [] { init_on(0.0, 1.0, 0.0, HUGE_VAL); }, bad_width},
+    {"cells_below_the_rounding_of_coordinates", [] { init_on(1.0, 1.0 + 1e-14, 0.0, 1e-14); },
+     tag + "ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+           "                       the cells are too small for coordinates of this size!\n"},
     {"kind_out_of_range",
      [] { unit_init(2, 2, 1, [](double, double, std::string_view) { return 3; }); }, bad_kind},
     {"kind_without_record",
@@ -165,6 +169,9 @@ const Case node_cases[] = {
      [] { Vertex v = centre_vertex(1); v.p2 = nullptr; insert_node_odd_level(v); }, odd + no_parent},
     {"even_insertion_without_a_parent",
      [] { Vertex v = centre_vertex(1); v.p3 = nullptr; insert_node_even_level(v); }, even + no_parent},
+    {"insertion_at_a_negative_level",
+     [] { Vertex v = centre_vertex(1); v.level = -1; insert_node_odd_level(v); },
+     odd + "             the level of the new node is negative\n"},
     {"position_beyond_the_level_arrays",
      [] { Vertex v = centre_vertex(3); v.x = 0.125; insert_node_odd_level(v); },
      "(Velmar_2D:) insert_node: ERROR\n"
@@ -197,6 +204,45 @@ TEST_P(Messages, TextAndExitStatus) {
   });
   EXPECT_EQ(end.output, GetParam().output);
   EXPECT_EQ(end.exit_status, GetParam().exit_status);
+}
+
+// The same ends, left by an exception instead: in this process, so that a sanitizer sees it all.
+TEST_P(Messages, TheLibraryGoesOnAfterAnException) {
+  const Case& fatal_case = GetParam();
+  if (fatal_case.exit_status == 0) return;
+  std::string output;
+  message_handler = [&](std::string_view text) { output += std::string(text) + "\n"; };
+  fatal_handler = [&](std::string_view text) {
+    throw std::runtime_error(std::string(text) + "\n");
+  };
+  level_max = -1;
+  const std::int32_t id_before = next_id;
+  try {
+    fatal_case.code();
+    ADD_FAILURE() << "came back";
+  } catch (const std::runtime_error& end) {
+    EXPECT_EQ(output + end.what(), fatal_case.output);
+  }
+  const std::int32_t nodes = nb_nodes;
+  std::vector<Finding> findings;
+  if (level_beg.size() == level_end.size()) {
+    check_mesh(findings);
+    for (const Finding& finding : findings) EXPECT_EQ(finding.rule, "side") << finding.text;
+  }
+  level_beg.resize(1);  // two cases have deleted them
+  level_end.resize(1);
+  output.clear();
+  delete_mesh();
+  EXPECT_EQ(output, deleted(nodes));
+  n_cell_data = 0;
+  data_interpolation = true;
+  next_id = id_before;
+  unit_init(3, 3, 4);
+  update_mesh_no_init(scenarios::even_spacing(dist_0 / 2.0));
+  EXPECT_GT(nb_nodes, 9);
+  EXPECT_EQ(check_mesh(findings), 0U);
+  delete_mesh();
+  fatal_handler = message_handler = nullptr;
 }
 
 std::string name_of(const testing::TestParamInfo<Case>& tested) { return tested.param.name; }

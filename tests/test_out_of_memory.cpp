@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <set>
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
@@ -10,10 +11,17 @@
 
 namespace {
 
-// Allocations in this range of sizes fail.
+// Allocations in this range of sizes fail, and all of them once so many more have been made.
 std::size_t smallest_refused = 1, largest_refused = 0;
+constexpr long no_end = -1;
+long still_granted = no_end;
+long in_use = 0;  // allocations not given back yet
 
-bool is_refused(std::size_t size) { return smallest_refused <= size && size <= largest_refused; }
+bool is_refused(std::size_t size) {
+  if (still_granted == 0) return true;
+  if (still_granted > 0) --still_granted;
+  return smallest_refused <= size && size <= largest_refused;
+}
 void refuse(std::size_t smallest, std::size_t largest) {
   smallest_refused = smallest;
   largest_refused = largest;
@@ -21,14 +29,21 @@ void refuse(std::size_t smallest, std::size_t largest) {
 
 // Not inlined: the compiler would take free() for a mismatch with the operator new around it.
 [[gnu::noinline]] void* allocate(std::size_t size) {
-  return is_refused(size) ? nullptr : std::malloc(size);
+  void* memory = is_refused(size) ? nullptr : std::malloc(size);
+  in_use += memory != nullptr ? 1 : 0;
+  return memory;
 }
 [[gnu::noinline]] void* allocate(std::size_t size, std::align_val_t alignment) {
   const auto multiple = static_cast<std::size_t>(alignment);
   const std::size_t whole = (size + multiple - 1) / multiple * multiple;
-  return is_refused(size) ? nullptr : std::aligned_alloc(multiple, whole);
+  void* memory = is_refused(size) ? nullptr : std::aligned_alloc(multiple, whole);
+  in_use += memory != nullptr ? 1 : 0;
+  return memory;
 }
-[[gnu::noinline]] void give_back(void* memory) { std::free(memory); }
+[[gnu::noinline]] void give_back(void* memory) {
+  in_use -= memory != nullptr ? 1 : 0;
+  std::free(memory);
+}
 
 }  // namespace
 
@@ -101,6 +116,50 @@ TEST(OutOfMemory, ForTheLevelArrays) {
         set_subdiv_max(999);
       },
       1000 * sizeof(Handle));
+}
+
+// Memory ends after ever more allocations, until the work is done: nodes with three values take one
+// each. What exists then is whole, and all of it can be given back without memory.
+TEST(OutOfMemory, AnywhereLosesNoNode) {
+  n_cell_data = 3;
+  scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
+  const bc_type_function kinds = scenarios::all_dirichlet;
+  const size_function spacing = scenarios::even_spacing(0.02);
+  std::array<char, 64> text{};
+  message_handler = [&](std::string_view block) { block.copy(text.data(), text.size()); };
+  fatal_handler = [](std::string_view) { throw 1; };
+  const long before = in_use;
+  std::set<std::int32_t> node_counts;
+  bool done = false;
+  for (long granted = 0; !done; granted += 1 + granted / 8) {
+    still_granted = granted;
+    try {
+      double y_max = 0.0;
+      init_mesh(kinds, 5, 5, 8, y_max);
+      for (int i = 0; i < 4; ++i) update_mesh_no_init(spacing);
+      set_subdiv_max(2);
+      set_subdiv_max(100);
+      done = true;
+    } catch (int) {
+    }
+    still_granted = no_end;
+    std::vector<Finding> findings;
+    EXPECT_EQ(check_mesh(findings), 0U) << granted;
+    const std::int32_t nodes = nb_nodes;
+    node_counts.insert(nodes);
+    if (!level_beg.empty()) {
+      text = {};
+      still_granted = 0;
+      delete_mesh();
+      still_granted = no_end;
+      EXPECT_EQ(text.data(), " nb of deallocated nodes: " + std::to_string(nodes));
+    }
+  }
+  EXPECT_GT(node_counts.size(), 20U) << "provoked in the middle of updates";
+  node_counts.clear();
+  EXPECT_EQ(in_use, before);
+  n_cell_data = 0;
+  fatal_handler = message_handler = nullptr;
 }
 
 // Far from the origin the search for a stencil runs twice.

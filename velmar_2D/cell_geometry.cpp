@@ -217,7 +217,7 @@ namespace {
 
 /// The signature as far as the node's own record tells it: a link level is the number of halves of
 /// the face, once the node has left level 0.
-Finding look_at_record(const Cell& c) {
+NodeShape look_at_record(const Cell& c) {
   unsigned cells = 0, full = 0;
   for (int d = 0; d < nb_directions; ++d) {
     const unsigned cell = link(c, d).cell() != nullptr ? 128U >> d : 0U;
@@ -228,11 +228,11 @@ Finding look_at_record(const Cell& c) {
   return {signature, known_shape(signature)};
 }
 
-/// The shape by what the neighbours' positions tell. More than the signature decides: the same
-/// faces may be complete around a node whose links have other lengths.
-Finding look_around(const Cell& c) {
+}  // namespace
+
+NodeShape look_around(const Cell& c) {
   const Surroundings s = surroundings_of(c);
-  Finding found{signature_of(s), nullptr};
+  NodeShape found{signature_of(s), nullptr};
   const KnownShape* shape = known_shape(found.signature);
   if (shape == nullptr) return found;
   const auto lift = static_cast<Ring>(c.level + spacing_level_offset - 1);
@@ -245,15 +245,13 @@ Finding look_around(const Cell& c) {
   return found;
 }
 
-}  // namespace
-
-Finding look_at(const Cell& c) {
+NodeShape look_at(const Cell& c) {
   if (c.signature_set) {
     const KnownShape* shape = known_shape(c.signature);
     if (shape != nullptr) return {c.signature, shape};
   }
   if (c.level > 0) {
-    const Finding found = look_at_record(c);
+    const NodeShape found = look_at_record(c);
     if (found.shape != nullptr) return found;
   }
   return look_around(c);

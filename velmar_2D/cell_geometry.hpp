@@ -135,14 +135,17 @@ struct KnownShape {
 const KnownShape* known_shape(const Signature& signature);
 
 /// What a look at a node tells: its signature and, unless nothing known fits, its shape.
-struct Finding {
+struct NodeShape {
   Signature signature{};
   const KnownShape* shape = nullptr;
 };
 
 /// Classifies a node, by its cached signature where that holds. Reads the neighbours only if need
 /// be.
-Finding look_at(const Cell& c);
+NodeShape look_at(const Cell& c);
+/// The shape by what the neighbours' positions tell, whatever is cached. More than the signature
+/// decides: the same faces may be complete around a node whose links have other lengths.
+NodeShape look_around(const Cell& c);
 /// The same; keeps the signature, and gives the warning for unknown shapes.
 const KnownShape* classify(Cell& c);
 

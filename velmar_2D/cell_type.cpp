@@ -24,7 +24,7 @@ void warn_of_unknown_shape(const Cell& c) {
 }  // namespace
 
 const KnownShape* classify(Cell& c) {
-  const Finding found = look_at(c);
+  const NodeShape found = look_at(c);
   c.signature = found.signature;
   c.signature_set = true;
   if (found.shape == nullptr) warn_of_unknown_shape(c);

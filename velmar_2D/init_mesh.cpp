@@ -17,6 +17,10 @@ constexpr double square_tolerance = 2.220446049250313e-15;
 /// Covers the rounding of positions when the length of a link is compared with dist_0.
 constexpr double link_length_margin = 1e-3;
 
+/// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
+/// exceed a thousandth of the cell, and soon after two nodes would have one position.
+constexpr double smallest_cell = 1e-13;
+
 struct SideName {
   Boundary* const* dir;
   std::string_view record;
@@ -109,9 +113,21 @@ void set_place(Cell& c) {
   }
 }
 
+/// Half a grid is no mesh: where the building is left by an exception, its nodes are given back.
+struct GridInProgress {
+  bool complete = false;
+  GridInProgress() = default;
+  GridInProgress(const GridInProgress&) = delete;
+  GridInProgress& operator=(const GridInProgress&) = delete;
+  ~GridInProgress() {
+    if (!complete) release_all_nodes();
+  }
+};
+
 /// Builds the grid row by row from the south-east corner westwards and northwards, so that the
 /// list, which grows at its head, runs from the north-west corner eastwards and southwards.
 void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
+  GridInProgress grid;
   Cell* row_start = nullptr;  // eastmost node of the row below
   for (std::int32_t j = 1; j <= ny; ++j) {
     Cell* row_below = row_start;
@@ -120,7 +136,6 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
       Cell* c = new_cell();
       c->x = i == nx ? x_min : x_max - (i - 1) * dist_0;
       c->y = y_min + (j - 1) * dy;
-      // Enter the list first: whatever happens then, the node is not lost.
       c->next = mesh_beg;
       if (mesh_beg != nullptr) mesh_beg->prev = c;
       mesh_beg = c;
@@ -144,12 +159,14 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
     }
   }
   for (Cell* c = mesh_beg; c != nullptr; c = c->next) set_place(*c);
+  grid.complete = true;
 }
 
 }  // namespace
 
 void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                double& y_max) {
+  const detail::MeshChange change("init_mesh");
   if (nb_nodes > 0) {
     if (lists_are_split()) join_sublists();
     fatal("(velmar_2D/init_mesh:) ERROR: mesh should be empty!");
@@ -177,6 +194,14 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
         "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
         "                       interval width must be positive!");
   }
+  const auto largest_coordinate = [&] {
+    return std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  };
+  if (dx < smallest_cell * largest_coordinate()) {
+    fatal(
+        "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+        "                       the cells are too small for coordinates of this size!");
+  }
   if (std::abs(dx - dy) > dx * square_tolerance) {
     dy = dx;
     y_max = (ny - 1) * dx + y_min;
@@ -185,8 +210,7 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
   dist_0 = dx;
   domain.x_max = x_max;
   domain.y_max = y_max;
-  domain.largest_coordinate =
-      std::max({std::abs(x_min), std::abs(x_max), std::abs(y_min), std::abs(y_max)});
+  domain.largest_coordinate = largest_coordinate();
   domain.longest_link = dist_0 * (1.0 + link_length_margin);
 
   level_beg.clear();

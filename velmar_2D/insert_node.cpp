@@ -6,19 +6,20 @@
 namespace velmar_2d::detail {
 
 void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
-  const std::string tag = "(Velmar_2D:) " + std::string(operation) + ": ERROR\n";
+  const auto tag = [&] { return "(Velmar_2D:) " + std::string(operation) + ": ERROR\n"; };
   if (v.level > level_max) {
-    fatal(tag +
+    fatal(tag() +
           "             you cannot add a new node\n"
           "             (Max level of subdivisions reached)\n"
           " => you must avoid this before calling this routine");
   }
   require_mesh(operation);  // the limit outlives a mesh, its level arrays do not
+  if (v.level < 0) fatal(tag() + "             the level of the new node is negative");
   const std::array<const Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
   for (int i = 0; i < nb_parents; ++i) {
     if (parents[static_cast<std::size_t>(i)] != nullptr) continue;
     if (i == 3) fatal("insert_node_odd on_boundary");
-    fatal(tag + "             a parent of the new node is missing");
+    fatal(tag() + "             a parent of the new node is missing");
   }
 }
 
@@ -38,6 +39,8 @@ Cell* new_cell_at(const Vertex& v) {
   c->y = v.y;
   c->ipos = ipos;
   c->level = v.level;
+  // Enter the list first: whatever happens then, the node is not lost.
+  enter_stretch(*c);
   return c;
 }
 
@@ -51,20 +54,47 @@ void prune_link(Cell* parent, int to_beyond, int back, int cut) {
   if (!link(*parent, cut).empty()) link_level(*parent, cut) = 1;
 }
 
+void link_parent(Cell& c, int direction, Cell& parent) {
+  NeighbourLink& back = link(parent, opposite(direction));
+  if (!link(c, direction).empty() || !back.empty()) links_may_be_one_way = true;
+  link(c, direction) = &parent;
+  back = &c;
+}
+
+//     P ------ R       P and R, neighbouring parents of the new node N, may be linked to each
+//     other.
+//       \    /         If P linked to another node there, that link would be cut at its one end
+//         N            only; and so it would if just one of P and R saw a reason to cut.
+void check_surroundings(const Cell& c, const std::array<int, 4>& directions) {
+  for (const int d : directions) {
+    const Cell* parent = link(c, d).cell();
+    if (parent == nullptr) continue;
+    for (const int turn : {2, -2}) {
+      const int to_next = d + turn + (turn > 0 ? 1 : -1);
+      const Cell* linked = link(*parent, to_next).cell();
+      if (linked == nullptr) continue;
+      const Cell* next = link(c, d + turn).cell();
+      if (linked != next || link(*next, opposite(to_next)).cell() != parent) {
+        links_may_be_one_way = true;
+      }
+    }
+  }
+}
+
 void announce_to(Cell* parent, const Cell& c) {
   update_level(parent, &c);
   parent->area = -1.0;
   parent->signature_set = false;
 }
 
-double initial_data(const Cell& c) {
+double initial_data(const Vertex& v) {
   if (!init_data_ptr) {
     fatal(
         "(Velmar_2D:) insert_node: ERROR\n"
         "             there is no procedure for the data of new nodes\n"
         "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
   }
-  return init_data_ptr(c.x, c.y);
+  return init_data_ptr(v.x, v.y);
 }
 
 NeighbourLink side_link(int direction, double x, double y) {

@@ -18,22 +18,42 @@ using namespace detail;
 /// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
 constexpr double same_column = 1e-6;
 
-void link_parent(Cell& c, Cell& parent, double eps) {
-  const bool beside = std::abs(parent.x - c.x) >= eps;
-  const int direction =
-      beside ? (parent.x <= c.x ? west : east) : (parent.y <= c.y ? south : north);
-  link(c, direction) = &parent;
-  link(parent, opposite(direction)) = &c;
+/// The straight direction in which a parent lies from the new node.
+int direction_to(const Cell& parent, const Vertex& v, double eps) {
+  if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
+  return parent.y <= v.y ? south : north;
 }
 
-/// Completes a node on a side: the straight links that no parent took lead to the side's record.
-void link_boundary(Cell& c) {
-  for (const int side : straight_directions) {
-    if (!link(c, side).empty()) continue;
-    link(c, side) = side_link(side, c.x, c.y);
-    ++c.on_boundary;
+/// The sides of the domain that a node with three parents lies on: links to their records, by
+/// direction / 2, and their number.
+struct Sides {
+  std::array<NeighbourLink, 4> links;
+  std::int32_t number = 0;
+};
+
+/// Sides are the straight directions in which no parent lies. Asks the caller for the records.
+Sides sides_at(const Vertex& v, double eps) {
+  Sides sides;
+  std::array<bool, 4> taken{};
+  for (const Cell* parent : {v.p1, v.p2, v.p3}) {
+    taken[static_cast<std::size_t>(direction_to(*parent, v, eps) / 2)] = true;
   }
-  c.reserve = c.on_boundary == 1 ? 2 : c.on_boundary == 2 ? 1 : 4;
+  for (const int side : straight_directions) {
+    const auto i = static_cast<std::size_t>(side / 2);
+    if (taken[i]) continue;
+    sides.links[i] = side_link(side, v.x, v.y);
+    ++sides.number;
+  }
+  return sides;
+}
+
+void link_sides(Cell& c, const Sides& sides) {
+  for (const int side : straight_directions) {
+    const NeighbourLink to_side = sides.links[static_cast<std::size_t>(side / 2)];
+    if (!to_side.empty()) link(c, side) = to_side;
+  }
+  c.on_boundary = sides.number;
+  c.reserve = sides.number == 1 ? 2 : sides.number == 2 ? 1 : 4;
 }
 
 void set_shape(Cell& c) {
@@ -66,22 +86,28 @@ void prune_quadrant(Cell& c, int d) {
 }  // namespace
 
 void insert_node_even_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_even_level");
   check_vertex("insert_node_even_level", v, 3);
-  Cell& c = *new_cell_at(v);
-  enter_stretch(c);
-
   const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
-  const std::array<Cell*, 4> parents = {v.p1, v.p2, v.p3, v.p4};
-  const std::size_t nb_parents = v.p4 != nullptr ? 4 : 3;
-  for (std::size_t i = 0; i < nb_parents; ++i) link_parent(c, *parents[i], eps);
-  if (v.p4 == nullptr) link_boundary(c);
+  const Sides sides = v.p4 == nullptr ? sides_at(v, eps) : Sides{};
+  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
+
+  Cell& c = *new_cell_at(v);
+  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
+    if (parent != nullptr) link_parent(c, direction_to(*parent, v, eps), *parent);
+  }
+  if (v.p4 == nullptr) link_sides(c, sides);
   set_shape(c);
+  check_surroundings(c, straight_directions);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
-  for (std::size_t i = 0; i < nb_parents; ++i) announce_to(parents[i], c);
+  check_surroundings(c, straight_directions);
+  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
+    if (parent != nullptr) announce_to(parent, c);
+  }
 
   if (n_cell_data <= 0) return;
   if (!data_interpolation) {
-    c.data[0] = initial_data(c);
+    c.data[0] = first_value;
   } else if (v.p4 != nullptr) {
     interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
   } else {

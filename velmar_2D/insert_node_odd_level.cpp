@@ -18,8 +18,7 @@ void link_corner(Cell& centre, Cell& corner) {
   const bool west_of = corner.x <= centre.x, south_of = corner.y <= centre.y;
   const int direction =
       west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
-  link(centre, direction) = &corner;
-  link(corner, opposite(direction)) = &centre;
+  link_parent(centre, direction, corner);
 }
 
 /// The two corners of the square's side in direction `side`, seen from the new centre.
@@ -41,24 +40,27 @@ void prune_along_boundary(Cell& centre, int side) {
 }  // namespace
 
 void insert_node_odd_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_odd_level");
   check_vertex("insert_node_odd_level", v, 4);
+  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
   Cell& c = *new_cell_at(v);
   c.area = dist_0 * dist_0 / power_of_2(v.level);
   c.signature = {85, 85};
   c.signature_set = true;
-  enter_stretch(c);
 
   const std::array<Cell*, 4> corners = {v.p1, v.p2, v.p3, v.p4};
   for (Cell* corner : corners) link_corner(c, *corner);
+  check_surroundings(c, diagonal_directions);
   for (const int side : straight_directions) prune_across(c, side);
   for (const int side : straight_directions) prune_along_boundary(c, side);
+  check_surroundings(c, diagonal_directions);
   for (Cell* corner : corners) announce_to(corner, c);
 
   if (n_cell_data <= 0) return;
   if (data_interpolation) {
     interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
   } else {
-    c.data[0] = initial_data(c);
+    c.data[0] = first_value;
   }
   compute_data_at_node(&c);
 }

@@ -72,21 +72,72 @@ std::string to_text(double value);
 Cell* new_cell();
 /// Gives a node back and clears the caller's reference; counts it.
 void release_cell(Cell*& c);
-/// Returns the memory that nodes lived in to the system. Needs: every node has been released.
-void return_node_memory();
+/// Gives back every node, in list order, and the memory that they lived in; leaves the list and its
+/// stretches empty. Returns the number of nodes.
+std::int32_t release_all_nodes();
 
 /// Whether the node list is cut into one list per stretch.
 inline bool lists_are_split() { return mesh_beg == nullptr && nb_nodes > 0; }
+/// Joins the list at the end of a scope that splits it, however the scope is left.
+struct JoinAtEnd {
+  JoinAtEnd() = default;
+  JoinAtEnd(const JoinAtEnd&) = delete;
+  JoinAtEnd& operator=(const JoinAtEnd&) = delete;
+  ~JoinAtEnd() {
+    if (lists_are_split()) join_sublists();
+  }
+};
 /// Puts a node at the head of the stretch of its ipos, in the joined and in the split state.
 void enter_stretch(Cell& c);
 /// Takes a node out of its stretch, in the joined and in the split state.
 void leave_stretch(Cell& c);
+/// Whether some link may not be mutual any more, because a caller inserted a node among nodes that
+/// do not surround it. From then on removals search the mesh for links to the node; false again
+/// with the next mesh.
+extern bool links_may_be_one_way;
+/// Links `from` to whatever replaces the node between them; notes if that cuts another link.
+inline void relink(Cell& from, int direction, NeighbourLink to) {
+  NeighbourLink& there = link(from, direction);
+  if (!there.empty() && there != to) links_may_be_one_way = true;
+  there = to;
+}
+/// Takes a node out of the mesh and gives it back. Its neighbours no longer link to it.
+void drop_cell(Cell*& c);
 /// Ends the process with a message that names the operation if there is no mesh.
 void require_mesh(std::string_view operation);
 /// Gives the level arrays room for a limit, keeping their entries.
 void make_level_arrays(std::int32_t subdiv_max);
 /// Ends the process if the limit is beyond any use.
 void check_subdiv_max(std::string_view operation, std::int32_t subdiv_max);
+
+// ---------------------------------------------------------------------------------------------
+// Checking (check_mesh.cpp, validate.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// As check_mesh(), but exhausted memory leaves it as std::bad_alloc.
+void find_broken_rules(std::vector<Finding>& findings);
+
+/// The scope of an exported procedure that changes the mesh. In a build with VELMAR_2D_VALIDATE the
+/// mesh is checked at the end of the outermost one, and the process ended with the first finding;
+/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's word
+/// for what they insert and remove, and are held to the rules of list and links only. In other
+/// builds it is nothing.
+class MeshChange {
+ public:
+#if defined(VELMAR_2D_VALIDATE)
+  explicit MeshChange(std::string_view operation);
+  ~MeshChange() noexcept(false);
+  MeshChange(const MeshChange&) = delete;
+  MeshChange& operator=(const MeshChange&) = delete;
+
+ private:
+  std::string_view operation_;
+  int exceptions_before_;
+  bool was_whole_;
+#else
+  explicit MeshChange(std::string_view /*operation*/) {}
+#endif
+};
 
 // ---------------------------------------------------------------------------------------------
 // Positions and levels
@@ -136,21 +187,27 @@ bool special_refinement_possible(Cell& c);
 void refine_cell(Cell*& c, bool special = false);
 void special_sort_level(std::int32_t l);
 
-// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion.
+// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion. All
+// that can fail, callbacks included, comes before the first link is changed.
 
 /// Ends the process unless the vertex has its first `nb_parents` parents and a level within the limit.
 void check_vertex(std::string_view operation, const Vertex& v, int nb_parents);
-/// A node at the vertex, not linked and not listed yet. Ends the process if its position has no
+/// A node at the vertex, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
 Cell* new_cell_at(const Vertex& v);
 /// Cuts the link of a new node's parent in the direction `cut`, which the new node crosses, once it
 /// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link `back`
 /// across it. Keeps the link's level. Does nothing without a parent.
 void prune_link(Cell* parent, int to_beyond, int back, int cut);
+/// Links the new node and a parent that lies in this direction from it.
+void link_parent(Cell& c, int direction, Cell& parent);
+/// Whether the parents surround the new node: the links between them lead nowhere else, and back.
+/// Wanted before and after links are cut; both kinds of node alike, see insert_node.cpp.
+void check_surroundings(const Cell& c, const std::array<int, 4>& directions);
 /// Tells a parent about its new neighbour.
 void announce_to(Cell* parent, const Cell& c);
-/// The value of init_data_ptr at a node.
-double initial_data(const Cell& c);
+/// Calls init_data_ptr for the first data value of a node at the vertex.
+double initial_data(const Vertex& v);
 
 /// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
 /// of the three. `direction` is the straight direction of the side.

@@ -68,6 +68,22 @@ void leave_stretch(Cell& c) {
   }
 }
 
+void drop_cell(Cell*& c) {
+  if (links_may_be_one_way) {
+    for (std::size_t stretch = 0; stretch < level_beg.size(); ++stretch) {
+      const Cell* last = level_end[stretch].next;
+      for (Cell* other = level_beg[stretch].next; other != nullptr;
+           other = other == last ? nullptr : other->next) {
+        for (int d = 0; d < nb_directions; ++d) {
+          if (link(*other, d).cell() == c) link(*other, d) = nullptr;
+        }
+      }
+    }
+  }
+  leave_stretch(*c);
+  release_cell(c);
+}
+
 void require_mesh(std::string_view operation) {
   if (nb_nodes > 0) return;
   fatal("(velmar_2D/" + std::string(operation) +
@@ -78,6 +94,8 @@ void require_mesh(std::string_view operation) {
 void make_level_arrays(std::int32_t subdiv_max) {
   const auto size = static_cast<std::size_t>(subdiv_max) + 1;
   try {
+    level_beg.reserve(size);
+    level_end.reserve(size);
     level_beg.resize(size);
     level_end.resize(size);
   } catch (const std::bad_alloc&) {

@@ -86,6 +86,7 @@ void release_remaining_nodes() {
 
 void lower_limit(std::int32_t subdiv_max) {
   require_mesh("set_subdiv_max");
+  const JoinAtEnd join_at_end;
   split_sublists();
   remove_above(subdiv_max, remove_by_level);
   if (subdiv_max < 0) {
@@ -99,7 +100,6 @@ void lower_limit(std::int32_t subdiv_max) {
   constexpr int most_rounds = 16;
   for (int round = 0; nodes_above(subdiv_max); ++round) {
     if (round == most_rounds) {
-      join_sublists();
       fatal(
           "(Velmar_2D:) set_subdiv_max: ERROR\n"
           "             some nodes above the new limit cannot be removed\n"
@@ -109,12 +109,12 @@ void lower_limit(std::int32_t subdiv_max) {
     remove_above(subdiv_max, remove_by_links);
   }
   level_max = subdiv_max;
-  join_sublists();
 }
 
 }  // namespace
 
 void set_subdiv_max(std::int32_t subdiv_max) {
+  const detail::MeshChange change("set_subdiv_max");
   if (subdiv_max == level_max) return;
   if (subdiv_max < level_max) {
     lower_limit(subdiv_max);

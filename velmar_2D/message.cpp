@@ -14,18 +14,31 @@ void print(std::string_view text) { std::fwrite(text.data(), 1, text.size(), std
 }  // namespace
 
 void message(std::string_view block) {
+  if (message_handler) {
+    message_handler(block);
+    return;
+  }
   print(block);
   print("\n");
 }
 
 void pause(std::string_view prompt) {
-  print(prompt);
+  if (pause_handler) {
+    pause_handler(prompt);
+    return;
+  }
+  if (message_handler) {
+    message_handler(prompt);
+  } else {
+    print(prompt);
+  }
   std::fflush(stdout);
   for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar()) {
   }
 }
 
 void fatal(std::string_view block) {
+  if (fatal_handler) fatal_handler(block);
   message(block);
   std::fflush(stdout);
   std::exit(EXIT_FAILURE);

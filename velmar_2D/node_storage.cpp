@@ -106,6 +106,20 @@ void give_slot(void* memory) {
   poison(memory);
 }
 
+/// Needs: every node has been released.
+void return_node_memory() {
+  for (const Slab& slab : slabs) {
+#if defined(VELMAR_2D_POISON_SLOTS)
+    ASAN_UNPOISON_MEMORY_REGION(slab.memory, slab.bytes);
+#endif
+    ::operator delete(slab.memory, alignment_of(slab.bytes));
+  }
+  std::vector<Slab>().swap(slabs);
+  unused_begin = unused_end = nullptr;
+  free_slots = nullptr;
+  bytes_in_slabs = 0;
+}
+
 }  // namespace
 
 Cell* new_cell() {
@@ -126,6 +140,7 @@ Cell* new_cell() {
   }
   c->id = next_id++;
   ++nb_nodes;
+  ++mesh_revision;
   return c;
 }
 
@@ -135,19 +150,25 @@ void release_cell(Cell*& c) {
   give_slot(c);
   c = nullptr;
   --nb_nodes;
+  ++mesh_revision;
 }
 
-void return_node_memory() {
-  for (const Slab& slab : slabs) {
-#if defined(VELMAR_2D_POISON_SLOTS)
-    ASAN_UNPOISON_MEMORY_REGION(slab.memory, slab.bytes);
-#endif
-    ::operator delete(slab.memory, alignment_of(slab.bytes));
+std::int32_t release_all_nodes() {
+  if (lists_are_split()) join_sublists();
+  std::int32_t nb_released = 0;
+  while (mesh_beg != nullptr) {
+    Cell* c = mesh_beg;
+    mesh_beg = c->next;
+    release_cell(c);
+    ++nb_released;
   }
-  std::vector<Slab>().swap(slabs);
-  unused_begin = unused_end = nullptr;
-  free_slots = nullptr;
-  bytes_in_slabs = 0;
+  mesh_end = nullptr;
+  for (std::vector<Handle>* ends : {&level_beg, &level_end}) {
+    std::fill(ends->begin(), ends->end(), Handle{});
+  }
+  return_node_memory();
+  links_may_be_one_way = false;
+  return nb_released;
 }
 
 }  // namespace velmar_2d::detail

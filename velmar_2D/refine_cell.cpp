@@ -25,7 +25,10 @@ void refine_cell(Cell*& c, bool special) {
   build_vertex(c, vertex_list, n);
   for (std::int32_t i = 0; i < n; ++i) {
     const Vertex& v = vertex_list[static_cast<std::size_t>(i)];
-    if (!wanted(v, special)) continue;
+    if (!wanted(v, special)) {
+      if (!special && v.level > level_max) ++update_statistics.refused;
+      continue;
+    }
     if (v.level % 2 == 1) {
       insert_node_odd_level(v);
     } else {

@@ -23,6 +23,7 @@ void set_diagonal_level(Cell& neighbour, int diagonal, int beside) {
 }  // namespace
 
 void remove_node_even_level(Cell*& c) {
+  const detail::MeshChange change("remove_node_even_level");
   if (c == nullptr) release_of_missing("c");
   for (const int direction : diagonal_directions) {
     if (!link(*c, direction).empty()) return;
@@ -40,15 +41,14 @@ void remove_node_even_level(Cell*& c) {
     for (const int turn : {2, -2}) {
       // Sides are not handed on: a diagonal link never designates a Boundary.
       if (link(*c, d + turn).cell() != nullptr) {
-        link(*neighbour, turn > 0 ? d + 3 : d + 5) = link(*c, d + turn);
+        relink(*neighbour, turn > 0 ? d + 3 : d + 5, link(*c, d + turn));
       }
     }
     link(*neighbour, opposite(d)) = nullptr;
     downdate_level(neighbour, c->level);
     neighbour->area = -1.0;
   }
-  leave_stretch(*c);
-  release_cell(c);
+  drop_cell(c);
 }
 
 }  // namespace velmar_2d

@@ -24,6 +24,7 @@ void set_side_level(Cell& corner, int along, int beyond, int domain_side) {
 }  // namespace
 
 void remove_node_odd_level(Cell*& c) {
+  const detail::MeshChange change("remove_node_odd_level");
   if (c == nullptr) release_of_missing("c");
   if (c->on_boundary > 0) return;
   for (const int direction : straight_directions) {
@@ -39,14 +40,13 @@ void remove_node_odd_level(Cell*& c) {
   for (const int d : diagonal_directions) {
     Cell* corner = link(*c, d).cell();
     if (corner == nullptr) continue;
-    link(*corner, d + 5) = link(*c, d - 2);
-    link(*corner, d + 3) = link(*c, d + 2);
+    relink(*corner, d + 5, link(*c, d - 2));
+    relink(*corner, d + 3, link(*c, d + 2));
     link(*corner, opposite(d)) = nullptr;
     downdate_level(corner, c->level);
     corner->area = -1.0;
   }
-  leave_stretch(*c);
-  release_cell(c);
+  drop_cell(c);
 }
 
 }  // namespace velmar_2d

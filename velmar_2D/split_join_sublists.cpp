@@ -4,6 +4,7 @@
 namespace velmar_2d {
 
 void split_sublists() {
+  const detail::MeshChange change("split_sublists");
   detail::require_mesh("split_sublists");
   for (std::int32_t l = 0; l <= level_max; ++l) {
     const auto stretch = static_cast<std::size_t>(l);
@@ -16,6 +17,7 @@ void split_sublists() {
 }
 
 void join_sublists() {
+  const detail::MeshChange change("join_sublists");
   detail::require_mesh("join_sublists");
   level_range[0] = -1;
   Cell* last = nullptr;

@@ -13,11 +13,13 @@ void check_update(const size_function& size_fun) {
   require_mesh("update_mesh");
   if (lists_are_split()) join_sublists();
   if (!size_fun) fatal("(velmar_2D/update_mesh:) ERROR: arg 'size_fun' is no procedure!");
+  update_statistics = {};
 }
 
 }  // namespace detail
 
 void update_mesh_init(const size_function& size_fun, init_data_function init_data) {
+  const detail::MeshChange change("update_mesh_init");
   detail::check_update(size_fun);
   if (!init_data && n_cell_data > 0) {
     detail::fatal("(velmar_2D/update_mesh:) ERROR: arg 'init_data' is no procedure!");
@@ -29,6 +31,7 @@ void update_mesh_init(const size_function& size_fun, init_data_function init_dat
 }
 
 void update_mesh_no_init(const size_function& size_fun) {
+  const detail::MeshChange change("update_mesh_no_init");
   detail::check_update(size_fun);
   data_interpolation = true;
   init_data_ptr = nullptr;

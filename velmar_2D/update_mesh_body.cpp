@@ -41,6 +41,7 @@ bool clearly_below(double ratio, double threshold) {
 
 /// dist_0 divided by the wanted spacing.
 double wanted_ratio(const Cell& c, const size_function& size_fun) {
+  ++update_statistics.visited;
   return dist_0 /
          size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
 }
@@ -150,13 +151,33 @@ void coarsen(const size_function& size_fun) {
   }
 }
 
+/// Every node that came or went is one step of mesh_revision: with the change of their number that
+/// gives both counts, also where the update is left by an exception.
+class CountAtEnd {
+ public:
+  CountAtEnd() = default;
+  CountAtEnd(const CountAtEnd&) = delete;
+  CountAtEnd& operator=(const CountAtEnd&) = delete;
+  ~CountAtEnd() {
+    const auto changes = static_cast<std::int64_t>(mesh_revision - revision_before_);
+    const std::int64_t growth = std::int64_t{nb_nodes} - nb_nodes_before_;
+    update_statistics.inserted = (changes + growth) / 2;
+    update_statistics.removed = (changes - growth) / 2;
+  }
+
+ private:
+  std::uint64_t revision_before_ = mesh_revision;
+  std::int32_t nb_nodes_before_ = nb_nodes;
+};
+
 }  // namespace
 
 void update_mesh_body(const size_function& size_fun) {
+  const CountAtEnd count_at_end;
+  const JoinAtEnd join_at_end;
   split_sublists();
   refine(size_fun);
   coarsen(size_fun);
-  join_sublists();
 }
 
 }  // namespace velmar_2d::detail

@@ -12,6 +12,8 @@ std::array<std::int32_t, 2> level_range{0, 0};
 std::int32_t level_max = -1;
 std::int32_t next_id = 1;
 std::int32_t nb_nodes = 0;
+std::uint64_t mesh_revision = 0;
+UpdateStatistics update_statistics;
 std::int32_t n_cell_data = 0;
 double x_min = 0.0, y_min = 0.0;
 double dist_0 = 0.0;
@@ -19,6 +21,7 @@ double grad_data = 0.0, grad2_data = 0.0;
 bool data_interpolation = true;
 init_data_function init_data_ptr;
 bc_type_function bc_type_ptr;
+text_function fatal_handler, message_handler, pause_handler;
 
 Boundary *north_boundary_dir = nullptr, *north_boundary_neu = nullptr,
          *north_boundary_oth = nullptr;
@@ -30,6 +33,7 @@ Boundary *west_boundary_dir = nullptr, *west_boundary_neu = nullptr, *west_bound
 namespace detail {
 
 Domain domain;
+bool links_may_be_one_way = false;
 
 double log2(double x) { return std::log(x) / log_of_2; }
 

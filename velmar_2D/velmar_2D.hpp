@@ -37,7 +37,8 @@
 // Conventions
 // -----------
 // All state is library-wide: one mesh at a time, one thread at a time. Callbacks must not call the
-// library. Messages go to standard output; after a fatal one the process ends with EXIT_FAILURE.
+// library; they may throw. Messages go to standard output; after a fatal one the process ends with
+// EXIT_FAILURE. Both can be taken over, see fatal_handler.
 // The library owns the nodes; the caller owns the Boundary records and the callbacks.
 #pragma once
 
@@ -234,6 +235,17 @@ struct Handle {
   Cell* next = nullptr;
 };
 
+/// What an adaptation did. Inserted minus removed is the change of nb_nodes; a node that one call
+/// inserts and removes again counts in both.
+struct UpdateStatistics {
+  std::int64_t visited = 0;   ///< nodes whose wanted spacing was asked for; twice, if by both passes
+  std::int64_t inserted = 0;  ///< nodes created
+  std::int64_t removed = 0;   ///< nodes released
+  /// Insertions that the wanted spacing asked for and the subdivision limit forbade. Each of the
+  /// nodes around a place that asks for it counts.
+  std::int64_t refused = 0;
+};
+
 // ---------------------------------------------------------------------------------------------
 // Callbacks
 // ---------------------------------------------------------------------------------------------
@@ -246,6 +258,33 @@ using size_function = std::function<double(double x, double y, std::span<const d
                                            double grad_data, double grad2_data)>;
 /// First data value of a new node at (x, y).
 using init_data_function = std::function<double(double x, double y)>;
+/// Receives a text of the library; see fatal_handler, message_handler and pause_handler.
+using text_function = std::function<void(std::string_view text)>;
+
+// ---------------------------------------------------------------------------------------------
+// Messages and the end of the process
+// ---------------------------------------------------------------------------------------------
+
+/// Called with the whole message (lines separated by line ends, none after the last) before a fatal
+/// error ends the process. Empty at first.
+///
+/// Where it returns, the message is printed and the process ends as usual. It may leave by an
+/// exception instead: then nothing is printed, and the call that failed is left by that exception.
+/// It may read the mesh, which can be in the split state, but not call what changes it.
+///
+/// The mesh is whole after every exit by an exception, be it from here or from one of the caller's
+/// own callbacks: a node is in it with all its links or not at all, and update_mesh_*() and
+/// set_subdiv_max() leave their list joined. init_mesh() makes the whole grid or no node.
+VELMAR_2D_API extern text_function fatal_handler;
+
+/// Takes the place of standard output: called with each message (without the line end after its
+/// last line), fatal ones included. Empty at first. It may throw, as fatal_handler may.
+VELMAR_2D_API extern text_function message_handler;
+
+/// Takes the place of the pauses: called with the prompt, which is then not printed, and returns
+/// when the library may go on. Empty at first: print the prompt and wait for a line of standard
+/// input or for its end. It may throw, as fatal_handler may.
+VELMAR_2D_API extern text_function pause_handler;
 
 // ---------------------------------------------------------------------------------------------
 // Library-wide state
@@ -259,9 +298,16 @@ VELMAR_2D_API extern std::vector<Handle> level_beg, level_end;
 VELMAR_2D_API extern std::vector<Handle> tmp_beg, tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2> level_range;
-VELMAR_2D_API extern std::int32_t level_max;  ///< subdivision limit, -1 before the first mesh
-VELMAR_2D_API extern std::int32_t next_id;    ///< id of the next node created
-VELMAR_2D_API extern std::int32_t nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
+VELMAR_2D_API extern std::int32_t level_max;    ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t next_id;      ///< id of the next node created
+VELMAR_2D_API extern std::int32_t nb_nodes;     ///< number of nodes; a mesh exists while it is above 0
+/// Grows whenever a node comes or goes, and with that wherever a link or a level changes: what a
+/// caller derived from the mesh is current while this number is. An update can remove nodes and
+/// insert others at the same places; references to the old ones are then as invalid as ever, and
+/// the number has grown. Never falls while the process lives.
+VELMAR_2D_API extern std::uint64_t mesh_revision;
+/// What the last update_mesh_*() did, also where it ended by an exception.
+VELMAR_2D_API extern UpdateStatistics update_statistics;
 VELMAR_2D_API extern std::int32_t n_cell_data;  ///< data values per node; set it before init_mesh()
 VELMAR_2D_API extern double x_min, y_min;       ///< lower left corner of the domain
 VELMAR_2D_API extern double dist_0;             ///< spacing of the grid of level 0
@@ -288,7 +334,8 @@ VELMAR_2D_API extern Boundary *west_boundary_dir, *west_boundary_neu, *west_boun
 /// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
 /// is printed and RETURN awaited.
 /// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
-/// rectangle is empty, subdiv_max is negative or absurd, bc_type is empty or selects no record.
+/// rectangle is empty or its cells are lost in the rounding of its coordinates, subdiv_max is
+/// negative or absurd, bc_type is empty or selects no record.
 ///
 /// @param bc_type     kind of condition on each side, kept for later insertions on the sides
 /// @param nx, ny      number of nodes along x and y, at least 2
@@ -323,7 +370,8 @@ VELMAR_2D_API std::int32_t get_subdiv_max();
 
 /// Releases every node and the level arrays, prints " nb of deallocated nodes: " and their number.
 ///
-/// The limit, next_id, the domain and the side records stay as they are.
+/// The limit, next_id, the domain and the side records stay as they are. Works in the split state
+/// too, and after any exit by an exception.
 /// Ends the process if there are no level arrays (no mesh was made, or it was deleted already).
 VELMAR_2D_API void delete_mesh();
 
@@ -410,6 +458,50 @@ inline constexpr std::size_t max_cell_corners = 12;
 /// @param n        3 to max_cell_corners
 VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners,
                                 std::int32_t& n);
+
+// ---------------------------------------------------------------------------------------------
+// Checking the mesh
+// ---------------------------------------------------------------------------------------------
+
+/// A rule of the mesh that does not hold at some place.
+struct Finding {
+  std::string_view rule;            ///< its name, see check_mesh()
+  std::string_view text;            ///< what is wrong, in words
+  const Cell* node = nullptr;       ///< where; nullptr: the mesh as a whole
+  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the mesh:
+                                    ///< compare it, do not follow it
+};
+
+/// Checks every rule of a whole mesh and reports the places where one does not hold.
+///
+///     arrays        the level arrays reach up to the limit, nothing lies above it
+///     list          prev and next agree, the list runs through the stretches and comes to its end
+///     stretch       every node lies in the stretch of its ipos
+///     count         nb_nodes is the number of nodes
+///     id            1 to next_id - 1
+///     position      inside the domain, on the lattice, and ipos is that of the position; up to
+///                   level 37, fewer far from the origin, beyond which positions do not tell it
+///     unique        no two nodes at one position
+///     level         0 to level_max, and at least ipos - 1
+///     reserve       1 to 4
+///     link          links designate nodes of the mesh, or records in straight directions
+///     mutual        the neighbour links back
+///     direction     the neighbour lies where the link points
+///     link_level    1 or 2; once the node has left level 0, the number of halves of the face
+///     side          records are linked exactly on the sides; on_boundary is their number
+///     signature     a signature that is set is that of the links
+///     area          an area that is cached is that of the control cell
+///     domain_area   the control cells sum to the domain
+///     closed_sides  the control cells along each side sum to its length
+///
+/// Can be called at any time, in the joined and in the split state, also where there is no mesh,
+/// but not by a callback. Changes and prints nothing. Links are followed only where they lead to
+/// nodes of the list, so that a mesh that was damaged through its public fields can be checked.
+/// Cost: linear in the number of nodes, with a table of 48 to 96 bytes a node.
+///
+/// @param findings  receives the findings, in list order
+/// @return their number; 0 for a whole mesh
+VELMAR_2D_API std::size_t check_mesh(std::vector<Finding>& findings);
 
 // ---------------------------------------------------------------------------------------------
 // Single steps of an adaptation, for callers with rules of their own

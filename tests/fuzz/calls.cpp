@@ -1,0 +1,358 @@
+#include "fuzz/calls.hpp"
+
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+#include "support/mesh_checker.hpp"
+#include "velmar_2D/velmar_2D.hpp"
+
+namespace velmar_2d::tests {
+
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double no_number = std::numeric_limits<double>::quiet_NaN();
+
+/// What a fatal error, a callback or a message handler leaves by.
+struct Thrown : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// The bytes, one after the other; 0 for ever after the last one.
+class Bytes {
+ public:
+  explicit Bytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+  bool empty() const { return at_ >= bytes_.size(); }
+  std::uint8_t next() { return empty() ? std::uint8_t{0} : bytes_[at_++]; }
+  std::int32_t below(std::int32_t n) { return next() % n; }
+  template <typename T, std::size_t n>
+  T one_of(const std::array<T, n>& values) {
+    return values[next() % n];
+  }
+
+ private:
+  std::span<const std::uint8_t> bytes_;
+  std::size_t at_ = 0;
+};
+
+/// One run: the calls, and what is known of the mesh that they made.
+class Run {
+ public:
+  explicit Run(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+
+  std::string run() {
+    prepare();
+    constexpr int most_calls = 48;
+    for (int i = 0; i < most_calls && !bytes_.empty() && fault_.empty(); ++i) {
+      call_ = bytes_.below(16);
+      try {
+        call();
+        constexpr std::int32_t deepest_told = 30;  // positions tell ipos for all tame domains
+        if (level_max > deepest_told) regular_ = false;
+      } catch (const Thrown& thrown) {
+        judge_end(thrown.what());
+      }
+      message_handler = [](std::string_view) {};
+      if (fault_.empty()) check();
+    }
+    clear();
+    return fault_;
+  }
+
+ private:
+  // The library without a mesh, as if the process had just begun.
+  void prepare() {
+    for (std::size_t i = 0; i < records_.size(); ++i) records_[i] = {0.0, static_cast<int>(i) % 3};
+    fatal_handler = [](std::string_view text) { throw Thrown(std::string(text)); };
+    message_handler = pause_handler = [](std::string_view) {};
+    next_id = 1;
+    level_max = -1;
+    n_cell_data = 0;
+    data_interpolation = true;
+    init_data_ptr = nullptr;
+    bc_type_ptr = nullptr;
+  }
+  void clear() {
+    try {
+      const std::int32_t nodes = nb_nodes;
+      std::string text;
+      message_handler = [&](std::string_view block) { text = block; };
+      const bool arrays = !level_beg.empty();
+      if (arrays) delete_mesh();
+      if (arrays && text != " nb of deallocated nodes: " + std::to_string(nodes)) {
+        fault_ += "delete_mesh: " + text + " of " + std::to_string(nodes) + "\n";
+      }
+    } catch (const Thrown& thrown) {
+      fault_ += std::string("delete_mesh: ") + thrown.what() + "\n";
+    }
+    if (nb_nodes != 0 || mesh_beg != nullptr) fault_ += "delete_mesh left nodes\n";
+    fatal_handler = message_handler = pause_handler = nullptr;
+  }
+
+  void call() {
+    switch (call_) {
+      case 0: set_records(); break;
+      case 1: make_mesh(); break;
+      case 2: set_number_of_values(); break;
+      case 3:
+      case 4:
+      case 5: update_mesh_no_init(size()); break;
+      case 6:
+      case 7: update_mesh_init(size(), data()); break;
+      case 8: set_subdiv_max(limit()); break;
+      case 9: bytes_.below(2) == 0 ? split_sublists() : join_sublists(); break;
+      case 10: insert_proposal(); break;
+      case 11: insert_anything(); break;
+      case 12:
+      case 13: remove(); break;
+      case 14: read(); break;
+      default: end_or_hinder();
+    }
+  }
+
+  void set_records() {
+    const std::array<Boundary**, 12> places = {
+        &north_boundary_dir, &north_boundary_neu, &north_boundary_oth, &east_boundary_dir,
+        &east_boundary_neu,  &east_boundary_oth,  &south_boundary_dir, &south_boundary_neu,
+        &south_boundary_oth, &west_boundary_dir,  &west_boundary_neu,  &west_boundary_oth};
+    const bool one_is_missing = bytes_.below(4) == 0;
+    for (std::size_t i = 0; i < places.size(); ++i) *places[i] = &records_[i];
+    if (one_is_missing) *places[bytes_.next() % places.size()] = nullptr;
+    // Records may go only while no node is linked to them.
+    if (nb_nodes > 0) regular_ = regular_ && !one_is_missing;
+    if (nb_nodes > 0) return;
+    const double west = bytes_.one_of(origins), south = bytes_.one_of(origins);
+    const double width = bytes_.one_of(widths), height = bytes_.one_of(widths);
+    records_[9].c = west;
+    records_[3].c = west + width;
+    records_[6].c = south;
+    records_[0].c = south + height;
+    const double far = std::max(std::abs(west), std::abs(south));
+    tame_ = width >= 1e-3 && width <= 1e3 && far <= 1e3 * width;
+  }
+
+  void set_number_of_values() {
+    n_cell_data = bytes_.below(5) - 1;
+    values_differ_ = nb_nodes > 0;
+  }
+
+  void make_mesh() {
+    const std::int32_t nx = bytes_.below(10) - 1, ny = bytes_.below(10) - 1;
+    const bool had_mesh = nb_nodes > 0;
+    double y_max = 0.0;
+    const std::int32_t subdiv_max = limit();
+    const bc_type_function kinds = sides();
+    if (had_mesh) {
+      init_mesh(kinds, nx, ny, subdiv_max, y_max);
+      return;
+    }
+    regular_ = tame_;
+    values_differ_ = false;
+    init_mesh(kinds, nx, ny, subdiv_max, y_max);
+    big_enough_ = nx >= 3 && ny >= 3;
+  }
+
+  std::int32_t limit() {
+    constexpr std::array<std::int32_t, 16> limits = {0, 1,  2,  3,  4,  5,  6,       7,
+                                                     8, 10, 12, 30, 63, -1, 2000000, -2147483647};
+    return bytes_.one_of(limits);
+  }
+
+  /// Callbacks throw when the countdown that they share ends; updates must end some time.
+  void count_down() {
+    if (--countdown_ == 0) throw Thrown("callback");
+  }
+  void set_countdown() {
+    constexpr std::array<int, 8> counts = {1, 2, 3, 7, 20, 100, 2000, 2000};
+    countdown_ = bytes_.one_of(counts);
+  }
+
+  bc_type_function sides() {
+    const std::int32_t kind = bytes_.below(8);
+    if (kind == 7) return nullptr;
+    return [this, kind](double x, double y, std::string_view side) {
+      if (kind < 3) return kind;
+      if (kind == 3) return side.size() % 3 == 0 ? 1 : 0;
+      if (kind == 4) return x > 0.5 ? 2 : 1;
+      if (kind == 5 && nb_nodes > 4) count_down();
+      const double steps = (x - x_min + y - y_min) / dist_0;
+      const bool on_first_grid = !(std::abs(steps - std::round(steps)) > 1e-3);
+      if (kind < 6 || on_first_grid) return 0;
+      regular_ = false;
+      return -5;
+    };
+  }
+
+  init_data_function data() {
+    const std::int32_t kind = bytes_.below(6);
+    if (kind == 5) return nullptr;
+    return [this, kind](double x, double y) {
+      count_down();
+      return kind == 0 ? 0.0 : kind == 1 ? x * y : kind == 2 ? no_number : kind == 3 ? infinity : x;
+    };
+  }
+
+  size_function size() {
+    set_countdown();
+    const std::int32_t kind = bytes_.below(12);
+    const double a = bytes_.next() / 255.0, b = bytes_.next() / 255.0;
+    const double finest = std::exp2(-bytes_.below(24) / 2.0), radius = bytes_.next() / 255.0;
+    if (kind == 11) return nullptr;
+    return [=, this](double x, double y, std::span<const double> values, double g, double g2) {
+      count_down();
+      const double u = (x - x_min) / dist_0 / 5.0, v = (y - y_min) / dist_0 / 5.0;
+      switch (kind) {
+        case 0: return dist_0 * finest;
+        case 1: return 0.0;
+        case 2: return infinity;
+        case 3: return u < a ? no_number : dist_0;
+        case 4: return -finest;
+        case 5: return values.empty() ? g : dist_0 / (1.0 + std::abs(values[0]) + g + g2);
+        case 6: return dist_0 * (u < a ? finest : 1.0) * (v < b ? 0.5 : 1.0);
+        default: {
+          const double distance = std::abs(std::hypot(u - a, v - b) - radius);
+          return dist_0 * std::max(finest, 4.0 * distance);
+        }
+      }
+    };
+  }
+
+  /// A node of the mesh, or nullptr where there is none.
+  Cell* node() {
+    if (nb_nodes == 0) return nullptr;
+    std::int32_t i = bytes_.next() * 256 + bytes_.next();
+    i %= nb_nodes;
+    for (const Handle& first : level_beg) {
+      Cell* last = nullptr;
+      for (Cell* c = first.next; c != nullptr && (last == nullptr || c->ipos == last->ipos);
+           last = c, c = c->next) {
+        if (i-- == 0) return c;
+      }
+    }
+    fault_ = "a node cannot be reached through the stretches\n";
+    return nullptr;
+  }
+
+  void insert(const Vertex& v) {
+    if (v.level % 2 != 0) {
+      insert_node_odd_level(v);
+    } else {
+      insert_node_even_level(v);
+    }
+  }
+
+  void insert_proposal() {
+    Cell* c = node();
+    if (c == nullptr) return;
+    std::array<Vertex, 4> proposals;
+    std::int32_t n = 0;
+    build_vertex(c, proposals, n);
+    if (n < 0 || n > 4) fault_ = "build_vertex proposes more than four\n";
+    if (n > 0) insert(proposals[static_cast<std::size_t>(bytes_.below(n))]);
+  }
+
+  void insert_anything() {
+    Vertex v;
+    Cell* const somewhere = node();
+    if (somewhere == nullptr) return;
+    regular_ = false;
+    const std::int32_t missing = bytes_.below(8);
+    v.p1 = missing == 1 ? nullptr : somewhere;
+    v.p2 = missing == 2 ? nullptr : node();
+    v.p3 = missing == 3 ? nullptr : node();
+    v.p4 = missing >= 4 ? nullptr : node();
+    const double off = bytes_.below(4) == 0 ? bytes_.one_of(widths) : 0.0;
+    v.x = somewhere->x + dist_0 * std::exp2(-bytes_.below(8)) + off;
+    v.y = somewhere->y + (bytes_.below(2) == 0 ? 0.0 : dist_0 / 4.0);
+    constexpr std::array<std::int32_t, 8> levels = {0, 1, 2, 3, 4, 5, -1, -2147483647 - 1};
+    v.level = bytes_.one_of(levels);
+    bytes_.below(2) == 0 ? insert_node_odd_level(v) : insert_node_even_level(v);
+  }
+
+  void remove() {
+    const std::int32_t kind = bytes_.below(8);
+    Cell* c = kind == 7 ? nullptr : node();
+    const bool by_level = kind < 5;
+    const bool odd = by_level && c != nullptr ? c->level % 2 == 1 : kind == 5;
+    const bool first_grid = c != nullptr && c->ipos == 0;
+    odd ? remove_node_odd_level(c) : remove_node_even_level(c);
+    if (c == nullptr && (first_grid || !by_level)) regular_ = false;
+  }
+
+  void read() {
+    Cell* c = node();
+    if (c == nullptr) return;
+    std::int32_t type = 0, shift = 0;
+    CellFaces faces;
+    std::array<Point, max_cell_corners> corners;
+    double dx = 0.0, dy = 0.0;
+    switch (bytes_.below(5)) {
+      case 0: cell_type(c, type, shift); break;
+      case 1: cell_area(c); break;
+      case 2: cell_faces(c, faces); break;
+      case 3: cell_polygon(c, corners, type); break;
+      default: compute_data_at_node(c, &dx, &dy);
+    }
+    known_value(*c);
+  }
+
+  void end_or_hinder() {
+    switch (bytes_.below(4)) {
+      case 0: delete_mesh(); break;
+      case 1:
+        message_handler = [](std::string_view) { throw Thrown("message"); };
+        delete_mesh();
+        break;
+      case 2: bc_type_ptr = nullptr; break;
+      default: data_interpolation = !data_interpolation;
+    }
+  }
+
+  /// Some ends must not come about while the caller did everything right.
+  void judge_end(std::string_view text) {
+    if (!regular_ || !tame_ || !big_enough_) return;
+    for (const std::string_view bad : {"internal error", "cannot be removed", "belongs to level",
+                                       "insert_node_odd on_boundary"}) {
+      if (text.find(bad) != std::string_view::npos) fault_ = std::string(text) + "\n";
+    }
+  }
+
+  void check() {
+    countdown_ = 0;
+    std::vector<Finding> findings;
+    check_mesh(findings);
+    for (const Finding& finding : findings) {
+      constexpr std::array<std::string_view, 6> always = {"arrays", "list", "stretch",
+                                                          "count",  "id",   "link"};
+      if (!regular_ && std::find(always.begin(), always.end(), finding.rule) == always.end()) {
+        continue;
+      }
+      fault_ += std::string(finding.rule) + ": " + std::string(finding.text) + "\n";
+    }
+    if (regular_ && !values_differ_ && n_cell_data >= 0 && bc_type_ptr) {
+      for (const std::string& text : find_faults()) fault_ += "independently: " + text + "\n";
+    }
+    if (!fault_.empty()) fault_ = "after call " + std::to_string(call_) + "\n" + fault_;
+  }
+
+  static constexpr std::array<double, 8> origins = {0.0,  -1.0, 10.0,      1000.0,
+                                                    -0.1, 1e9,  no_number, infinity};
+  static constexpr std::array<double, 8> widths = {1.0,  2.0,    4.0, 0.3,
+                                                   1e-3, 1e-300, 0.0, no_number};
+
+  Bytes bytes_;
+  std::array<Boundary, 12> records_;
+  std::string fault_;
+  int call_ = 0, countdown_ = 0;
+  bool regular_ = true;         ///< the caller did nothing that breaks the geometry
+  bool tame_ = false;           ///< positions can be told apart well
+  bool big_enough_ = false;     ///< for derivatives
+  bool values_differ_ = false;  ///< in number: n_cell_data is the caller's to change
+};
+
+}  // namespace
+
+std::string run_calls(std::span<const std::uint8_t> bytes) { return Run(bytes).run(); }
+
+}  // namespace velmar_2d::tests
