@@ -229,10 +229,9 @@ void check_position(Check& check, const Cell& c, const Place& place, double scal
 
 void check_numbers(const Check& check, const Cell& c) {
   if (c.id < 1 || c.id >= next_id) check.report("id", "the id was not taken from next_id", &c);
-  // A removal from among finer nodes can lower a level by one below that of the position.
-  const bool below_ipos = c.level < c.ipos - 1 && c.ipos <= check.deepest_told;
-  if (c.level < 0 || c.level > level_max || below_ipos) {
-    check.report("level", "the level is outside of the limits, or below ipos - 1", &c);
+  // Removals from among finer nodes can leave a level below that of the position.
+  if (c.level < 0 || c.level > level_max) {
+    check.report("level", "the level is outside of the limits", &c);
   }
   if (c.reserve < 1 || c.reserve > 4) check.report("reserve", "reserve is not 1 to 4", &c);
 }

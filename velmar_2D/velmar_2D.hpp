@@ -482,7 +482,7 @@ struct Finding {
 ///     position      inside the domain, on the lattice, and ipos is that of the position; up to
 ///                   level 37, fewer far from the origin, beyond which positions do not tell it
 ///     unique        no two nodes at one position
-///     level         0 to level_max, and at least ipos - 1
+///     level         0 to level_max
 ///     reserve       1 to 4
 ///     link          links designate nodes of the mesh, or records in straight directions
 ///     mutual        the neighbour links back
