@@ -179,7 +179,6 @@ const Damage damages[] = {
     {"unique", [](Cell& c) { c.x += 1.0; }},
     {"level", [](Cell& c) { c.level = level_max + 1; }},
     {"level", [](Cell& c) { c.level = -1; }},
-    {"level", [](Cell&) { level_beg[4].next->level = 2; }},
     {"reserve", [](Cell& c) { c.reserve = 0; }},
     {"reserve", [](Cell& c) { c.reserve = 5; }},
     {"link", [](Cell& c) { (c.n.empty() ? c.ne : c.n) = &other_node; }},
