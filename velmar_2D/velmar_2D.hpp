@@ -348,8 +348,8 @@ VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int
 ///
 /// First the derivatives of data[0] are computed at every node. Then stretches are walked upwards,
 /// inserting nodes where the wanted level 2 log2(dist_0 / size) exceeds a node's level, and
-/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. One call moves
-/// the mesh by about one spacing halving; repeat it until nothing changes where that matters.
+/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. One call mostly
+/// reaches the wanted spacing from any mesh; a second one settles what is left.
 /// References to removed nodes are invalid afterwards; all others stay good.
 /// Ends the process if there is no mesh or a callback that is needed is empty.
 /// Cost: linear in the number of nodes.
