@@ -122,11 +122,10 @@ void refine(const size_function& size_fun) {
     while (c != nullptr) {
       scout.advance();
       if (refining || !scout.at_settled_node()) scout.request_neighbours();
-      const std::int32_t id_save = c->id;
       refining = too_coarse(*c, size_fun);
       if (refining) refine_cell(c, false);
-      if (c != nullptr && c->level < level_max) refine_cell(c, true);
-      if (c != nullptr && c->id == id_save) c = c->next;
+      if (c->level < level_max) refine_cell(c, true);
+      c = c->next;
     }
   }
 }
