@@ -1,5 +1,7 @@
 // The two passes of an adaptation.
 #include <cmath>
+#include <limits>
+#include <new>
 
 #include "velmar_2D/update_mesh_decl.hpp"
 
@@ -39,16 +41,64 @@ bool clearly_below(double ratio, double threshold) {
   return ratio < threshold * (1.0 - Thresholds::hair) && ratio >= 0.0;
 }
 
+/// Asks for the wanted spacing of each node as a walk comes to it.
+class SizesOneByOne {
+ public:
+  explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(const Cell* /*start*/, Cell* Cell::* /*step*/) {}
+  double at(const Cell& c) const {
+    return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  }
+
+ private:
+  const size_function& size_fun_;
+};
+
+/// Asks for the wanted spacings of a whole stretch before it is walked.
+///
+/// A walk meets just the nodes that are there when it begins: what refinement adds to its stretch
+/// enters behind it, at the head, and coarsening removes no node but the one that it visits. Nor do
+/// the values of a node change on the way. So the answers are those of SizesOneByOne.
+class SizesInBatches {
+ public:
+  explicit SizesInBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(const Cell* start, Cell* Cell::*step) {
+    try {
+      nodes_.clear();
+      for (const Cell* c = start; c != nullptr; c = c->*step) nodes_.push_back(c);
+      sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
+    } catch (const std::bad_alloc&) {
+      allocation_failed((nodes_.size() + 1) * (sizeof(Cell*) + sizeof(double)));
+    }
+    next_ = 0;
+    if (!nodes_.empty()) size_fun_(nodes_, sizes_);
+  }
+  /// Needs: the nodes of the walk in their order; some may be left out.
+  double at(const Cell& c) {
+    while (nodes_[next_] != &c) ++next_;
+    return sizes_[next_++];
+  }
+
+ private:
+  const batch_size_function& size_fun_;
+  std::vector<const Cell*> nodes_;
+  std::vector<double> sizes_;
+  std::size_t next_ = 0;
+};
+
 /// dist_0 divided by the wanted spacing.
-double wanted_ratio(const Cell& c, const size_function& size_fun) {
+template <typename Sizes>
+double wanted_ratio(const Cell& c, Sizes& sizes) {
   ++update_statistics.visited;
-  return dist_0 /
-         size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  return dist_0 / sizes.at(c);
 }
 
 /// Whether the wanted level exceeds the node's.
-bool too_coarse(const Cell& c, const size_function& size_fun) {
-  const double ratio = wanted_ratio(c, size_fun);
+template <typename Sizes>
+bool too_coarse(const Cell& c, Sizes& sizes) {
+  const double ratio = wanted_ratio(c, sizes);
   if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
     if (clearly_above(ratio, thresholds.refine[l])) return true;
     if (clearly_below(ratio, thresholds.refine[l])) return false;
@@ -57,8 +107,9 @@ bool too_coarse(const Cell& c, const size_function& size_fun) {
 }
 
 /// Whether the node's level exceeds the wanted one by more than the margin.
-bool too_fine(const Cell& c, const size_function& size_fun) {
-  const double ratio = wanted_ratio(c, size_fun);
+template <typename Sizes>
+bool too_fine(const Cell& c, Sizes& sizes) {
+  const double ratio = wanted_ratio(c, sizes);
   if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
     if (clearly_above(ratio, thresholds.coarsen[l])) return false;
     if (clearly_below(ratio, thresholds.coarsen[l])) return true;
@@ -113,16 +164,21 @@ class Scout {
 
 /// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
 /// visited in the same pass.
-void refine(const size_function& size_fun) {
+template <typename Sizes>
+void refine(Sizes& sizes) {
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
+    sizes.begin_walk(c, &Cell::next);
     Scout scout(c, &Cell::next);
     bool refining = true;
     while (c != nullptr) {
       scout.advance();
       if (refining || !scout.at_settled_node()) scout.request_neighbours();
-      refining = too_coarse(*c, size_fun);
+      refining = too_coarse(*c, sizes);
+      if (refining) refine_cell(c, false);
+      if (c->level < level_max) refine_cell(c, true);
+      c = c->next;
       if (refining) refine_cell(c, false);
       if (c->level < level_max) refine_cell(c, true);
       c = c->next;
@@ -131,16 +187,18 @@ void refine(const size_function& size_fun) {
 }
 
 /// Stretches downwards, each from its last node. The predecessor is taken before a node is removed.
-void coarsen(const size_function& size_fun) {
+template <typename Sizes>
+void coarsen(Sizes& sizes) {
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
+    sizes.begin_walk(c, &Cell::prev);
     Scout scout(c, &Cell::prev);
     while (c != nullptr) {
       scout.advance();
       Cell* tmp = c;
       c = c->prev;
       if (tmp->level == 0) continue;
-      if (!too_fine(*tmp, size_fun)) continue;
+      if (!too_fine(*tmp, sizes)) continue;
       if (tmp->level % 2 != 1) {
         remove_node_even_level(tmp);
       } else {
@@ -169,14 +227,18 @@ class CountAtEnd {
   std::int32_t nb_nodes_before_ = nb_nodes;
 };
 
-}  // namespace
-
-void update_mesh_body(const size_function& size_fun) {
+template <typename Sizes>
+void adapt(Sizes sizes) {
   const CountAtEnd count_at_end;
   const JoinAtEnd join_at_end;
   split_sublists();
-  refine(size_fun);
-  coarsen(size_fun);
+  refine(sizes);
+  coarsen(sizes);
 }
+
+}  // namespace
+
+void update_mesh_body(const size_function& size_fun) { adapt(SizesOneByOne(size_fun)); }
+void update_mesh_body(const batch_size_function& size_fun) { adapt(SizesInBatches(size_fun)); }
 
 }  // namespace velmar_2d::detail
