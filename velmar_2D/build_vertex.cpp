@@ -114,7 +114,7 @@ struct Collector {
   std::array<Site, 4>& sites;
   std::int32_t& n;
 
-  static bool admits(const Cell&) { return true; }
+  static bool admits(const Cell& /*c*/) { return true; }
 
   /// `towards_first` is the direction from the centre to the first corner; the others follow
   /// clockwise.
