@@ -242,9 +242,29 @@ bool not_large_house_reserve_2(const Cell* c) {
 
 bool special_refinement_possible(Cell& c) {
   // Closed figures are out where c awaits all its neighbours; half ones lie at the sides.
-  if (!SpecialProbe::admits(c) && !may_have_neighbour_on_side(c)) return false;
+  if (may_have_neighbour_on_side(c) || links_may_be_one_way) {
+    SpecialProbe probe;
+    try_all(probe, c);
+    return probe.found;
+  }
+  if (!SpecialProbe::admits(c)) return false;
+  // A figure has two neighbours of c a quarter turn apart, with no link of c between them. Most
+  // often the only ones that have begun to rise lie on a line with c.
+  std::array<bool, nb_directions> admitted{};
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* neighbour = link(c, d).cell();
+    admitted[static_cast<std::size_t>(d)] =
+        neighbour != nullptr && SpecialProbe::admits(*neighbour);
+  }
   SpecialProbe probe;
-  try_all(probe, c);
+  for (int d = 0; d < nb_directions && !probe.found; ++d) {
+    if (!admitted[static_cast<std::size_t>(d)] || !admitted[static_cast<std::size_t>((d + 2) & 7)]) continue;
+    if (d % 2 == 0) {
+      try_square(probe, c, d + 1);
+    } else {
+      try_diamond(probe, c, *link(c, d).cell(), d);
+    }
+  }
   return probe.found;
 }
 

@@ -3,6 +3,7 @@
 #include <limits>
 #include <new>
 
+#include "velmar_2D/scout.hpp"
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -48,6 +49,8 @@ class SizesOneByOne {
 
   void begin_walk(const Cell* /*start*/, Cell* Cell::* /*step*/) {}
   double at(const Cell& c) const {
+    // Without values there are no derivatives, and no need to fetch them.
+    if (c.data.empty()) return size_fun_(c.x, c.y, {}, 0.0, 0.0);
     return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
   }
 
@@ -117,71 +120,22 @@ bool too_fine(const Cell& c, Sizes& sizes) {
   return c.level > coarsening_margin + level_of(ratio);
 }
 
-/// Runs a few nodes ahead of a walk and asks the memory for what the walk will read there.
-///
-/// Nodes that follow one another in a stretch mostly lie one slot apart, so the place of a node
-/// further ahead can be guessed before its address is known; a wrong guess costs nothing but the
-/// request.
-class Scout {
- public:
-  Scout(Cell* start, Cell* Cell::*step) : position_(start), step_(step) {
-    for (int i = 0; i < nodes_ahead; ++i) advance();
-  }
-
-  void advance() {
-    if (position_ == nullptr) return;
-    Cell* following = position_->*step_;
-    if (following != nullptr) {
-      const auto here = reinterpret_cast<std::uintptr_t>(position_);
-      const auto there = reinterpret_cast<std::uintptr_t>(following);
-      request(there + guessed_ahead * (there - here));
-      request(there + guessed_ahead * (there - here) + 64);
-    }
-    position_ = following;
-  }
-
-  /// Asks for the neighbours of the node that the scout has reached.
-  void request_neighbours() const {
-    if (position_ == nullptr) return;
-    for (int d = 0; d < nb_directions; ++d) {
-      if (const Cell* neighbour = link(*position_, d).cell()) {
-        request(reinterpret_cast<std::uintptr_t>(neighbour));
-      }
-    }
-  }
-  bool at_settled_node() const { return position_ == nullptr || position_->reserve == 4; }
-
- private:
-  static constexpr int nodes_ahead = 4, guessed_ahead = 6;
-
-  static void request(std::uintptr_t address) {
-    __builtin_prefetch(reinterpret_cast<const void*>(address));
-  }
-
-  Cell* position_;
-  Cell* Cell::*step_;
-};
-
 /// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
 /// visited in the same pass.
 template <typename Sizes>
 void refine(Sizes& sizes) {
+  Scout scout = Scout::forwards();
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
     sizes.begin_walk(c, &Cell::next);
-    Scout scout(c, &Cell::next);
+    scout.begin_stretch(c);
     bool refining = true;
-    while (c != nullptr) {
-      scout.advance();
-      if (refining || !scout.at_settled_node()) scout.request_neighbours();
+    for (; c != nullptr; c = c->next) {
+      scout.advance(refining);
       refining = too_coarse(*c, sizes);
       if (refining) refine_cell(c, false);
       if (c->level < level_max) refine_cell(c, true);
-      c = c->next;
-      if (refining) refine_cell(c, false);
-      if (c->level < level_max) refine_cell(c, true);
-      c = c->next;
     }
   }
 }
@@ -189,23 +143,29 @@ void refine(Sizes& sizes) {
 /// Stretches downwards, each from its last node. The predecessor is taken before a node is removed.
 template <typename Sizes>
 void coarsen(Sizes& sizes) {
+  Scout scout = Scout::backwards();
+  trail.begin_recording();
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
     sizes.begin_walk(c, &Cell::prev);
-    Scout scout(c, &Cell::prev);
+    scout.begin_stretch(c);
+    bool removing = false;
     while (c != nullptr) {
-      scout.advance();
+      scout.advance(removing);
       Cell* tmp = c;
       c = c->prev;
-      if (tmp->level == 0) continue;
-      if (!too_fine(*tmp, sizes)) continue;
-      if (tmp->level % 2 != 1) {
-        remove_node_even_level(tmp);
-      } else {
-        remove_node_odd_level(tmp);
+      removing = tmp->level != 0 && too_fine(*tmp, sizes);
+      if (removing) {
+        if (tmp->level % 2 != 1) {
+          remove_node_even_level(tmp);
+        } else {
+          remove_node_odd_level(tmp);
+        }
       }
+      if (tmp != nullptr) trail.record(tmp);
     }
   }
+  trail.end_recording();
 }
 
 /// Every node that came or went is one step of mesh_revision: with the change of their number that

@@ -206,14 +206,14 @@ struct alignas(64) Cell {
   double x = 0.0, y = 0.0;                  ///< position
   std::int32_t level = 0;                   ///< rises as the mesh around the node is refined
   std::int32_t reserve = 4;                 ///< finer neighbours still awaited before `level` rises
-  std::int32_t on_boundary = 0;             ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  std::int32_t ipos = 0;                    ///< level at which a node at this position is created
   std::array<std::uint8_t, 2> signature{};  ///< shape of the control cell, see cell_type()
   bool signature_set = false;               ///< whether `signature` is current
   Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
   CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
   NeighbourLink n, ne, e, se, s, sw, w, nw;
-  std::int32_t id = 0;      ///< unique while the process lives, taken from next_id
-  std::int32_t ipos = 0;    ///< level at which a node at this position is first created
+  std::int32_t id = 0;           ///< unique while the process lives, taken from next_id
+  std::int32_t on_boundary = 0;  ///< 0 inside, 1 on a side, 2 at a corner of the domain
   double area = -1.0;       ///< area of the control cell; negative: not computed, see cell_area()
   double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()
   double grad2_data = 0.0;  ///< Frobenius norm of the Hessian of data[0]
