@@ -7,8 +7,11 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <new>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -185,6 +188,19 @@ std::string choose_domain(const Options& options, const tools::SizeField& field,
   return {};
 }
 
+/// The program speaks for itself: the library keeps silent, waits for nobody, and what would end the
+/// process becomes an exception with the message in one line.
+void take_over_messages() {
+  message_handler = [](std::string_view) {};
+  pause_handler = [](std::string_view) {};
+  fatal_handler = [](std::string_view text) {
+    std::istringstream words{std::string(text)};
+    std::string line, word;
+    while (words >> word) line += (line.empty() ? "" : " ") + word;
+    throw std::runtime_error(line);
+  };
+}
+
 int run(int argc, char** argv) {
   Options options;
   CLI::App app(description, "velmar_2d");
@@ -247,9 +263,15 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  int status = bad_input;
+  take_over_messages();
   try {
-    return run(argc, argv);
+    status = run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    fail("memory is exhausted");
   } catch (const std::exception& error) {
-    return fail(error.what());
+    fail(error.what());
   }
+  if (nb_nodes > 0) delete_mesh();
+  return status;
 }

@@ -157,6 +157,8 @@ class Program(unittest.TestCase):
                 (["stats", "1", "--domain", "0", "1", "0", "nan"], "--domain"),
                 (["stats", "1", "--domain", "0", "1", "0", "1e9"], "long and thin"),
                 (["stats", "1", "--domain", "1e20", "1.0000000000000002e20", "0", "1"], "domain"),
+                # Neighbours would get one and the same place: the library itself refuses.
+                (["stats", "1", "--domain", "1e15", "1000000000000001", "0", "1"], "init_mesh.*too small"),
                 (["stats", "0", "--limit", "30", "--max-nodes", "5000"], "5000 nodes"),
                 (["draw", "1", "--over-picture"], "no picture"),
                 (["draw", "1", "-o", "mesh.bmp"], "mesh.bmp: "),
