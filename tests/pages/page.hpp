@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -32,11 +33,12 @@ inline void make_mesh() {
       [](double x, double y) { return x * x + y; });
 }
 
-/// Runs a block, its output between two marks, and leaves no mesh to the next one.
+/// Runs a block, its output between two marks, and leaves no mesh and no handler to the next one.
 inline void run(int (*block)()) {
   std::printf("<<begin>>\n");
   if (block() != 0) std::exit(EXIT_FAILURE);
   std::printf("<<end>>\n");
+  velmar_2d::message_handler = velmar_2d::pause_handler = velmar_2d::fatal_handler = nullptr;
   if (velmar_2d::nb_nodes > 0) velmar_2d::delete_mesh();
   velmar_2d::n_cell_data = 0;
 }
