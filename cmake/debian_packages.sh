@@ -23,4 +23,4 @@ install_packages() {
 packages_for_the_demo=(g++ make cmake ninja-build pkg-config libcairo2-dev libpugixml-dev)
 packages_to_build=("${packages_for_the_demo[@]}" libcli11-dev libeigen3-dev libmuparser-dev
                    nlohmann-json3-dev)
-packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio doxygen)
+packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio doxygen fakeroot)

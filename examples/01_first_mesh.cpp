@@ -36,16 +36,13 @@ std::int32_t condition(double, double, std::string_view side) {
 
 /// Adapts the mesh once and prints what changed.
 void update(int step, const velmar_2d::size_function& spacing) {
-  const std::int32_t nodes_before = velmar_2d::nb_nodes;
-  const std::int32_t first_new_id = velmar_2d::next_id;
   const auto start = std::chrono::steady_clock::now();
   velmar_2d::update_mesh_no_init(spacing);
   const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
 
-  const std::int32_t inserted = velmar_2d::next_id - first_new_id;
-  const std::int32_t removed = nodes_before + inserted - velmar_2d::nb_nodes;
-  std::printf("update %2d: %6d nodes  %+6d %+6d  %7.2f ms\n", step, velmar_2d::nb_nodes, inserted,
-              -removed, time.count());
+  std::printf("update %2d: %6d nodes  %+6lld %+6lld  %7.2f ms\n", step, velmar_2d::nb_nodes,
+              static_cast<long long>(velmar_2d::update_statistics.inserted),
+              -static_cast<long long>(velmar_2d::update_statistics.removed), time.count());
 }
 
 }  // namespace

@@ -83,12 +83,12 @@ void add_mesh_options(CLI::App& command, Options& options) {
   tools::MeshOptions& mesh = options.mesh;
   constexpr double smallest_length = 1e-300, largest_length = 1e300;
   command.add_option("FIELD", field.text, "expression, picture, or file of points and lines")
-      ->type_name("")
+      ->option_text(" ")
       ->required();
-  command.add_option("--domain", options.domain, "west, east, south and north side of the domain")
-      ->type_name("X X Y Y")
-      ->type_size(1)
-      ->expected(4);
+  command.add_option("--domain", options.domain, "the sides of the domain")
+      ->type_name("WEST EAST SOUTH NORTH")
+      ->type_size(4)
+      ->expected(1);
   add_number(command, "--squares", mesh.squares, "N", 1, 1024,
              "base squares along the shorter side of the domain");
   add_number(command, "--limit", mesh.limit, "LEVEL", 0, 40,
@@ -254,6 +254,10 @@ int run(int argc, char** argv) {
   if (const std::string error = tools::make_mesh(field, options.mesh, domain, outcome);
       !error.empty()) {
     return fail(error);
+  }
+  constexpr double patience = 1.0;  // seconds
+  if (outcome.seconds > patience && !stats_command->parsed()) {
+    std::fprintf(stderr, "writing %d nodes to %s\n", nb_nodes, options.output.c_str());
   }
   if (draw_command->parsed()) return draw(options, field, wish);
   if (vtu_command->parsed()) return write_vtu(options);

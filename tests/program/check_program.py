@@ -1,6 +1,6 @@
 """Runs the program velmar_2d.
 
-    check_program.py PROGRAM FOLDER
+    check_program.py PROGRAM MANUAL FOLDER
 """
 import json
 import os
@@ -17,7 +17,7 @@ import zlib
 import meshio
 import numpy
 
-PROGRAM, FOLDER = sys.argv.pop(1), sys.argv.pop(1)
+PROGRAM, MANUAL, FOLDER = (sys.argv.pop(1) for _ in range(3))
 
 
 def run(*arguments):
@@ -45,7 +45,7 @@ def png(rows):
 class Program(unittest.TestCase):
     def assert_done(self, done):
         self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertRegex(done.stderr, r"^(update \d+: \d+ nodes, \d+ s\n)*$")
+        self.assertRegex(done.stderr, r"^((update \d+: \d+ nodes, \d+ s|writing .*)\n)*$")
 
     def mesh(self, *arguments):
         done = run("vtu", *arguments, "-o", "mesh.vtu")
@@ -174,9 +174,15 @@ class Program(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(FOLDER)), files, "files were left")
 
     def test_help(self):
+        with open(MANUAL) as file:
+            manual = file.read().replace("\\-", "-")
         for arguments in (["--help"], ["draw", "--help"], ["vtu", "--help"], ["stats", "--help"]):
             done = run(*arguments)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
+            options = re.findall(r"--[a-z-]+", done.stdout)
+            self.assertGreaterEqual(len(options), 2)
+            for option in options:
+                self.assertRegex(manual, rf"{option}\b(?!-)", "not in the manual")
         # Every example in the help works.
         examples = re.findall(r"^  velmar_2d (\w+) (.*)$", run("--help").stdout, re.M)
         self.assertEqual(len(examples), 4)
