@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <string>
 
+#include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
@@ -48,13 +49,7 @@ void update(int step, const velmar_2d::size_function& spacing) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
-    return 2;
-  }
+  const std::filesystem::path folder = picture_folder(argc, argv);
 
   // 1. The rectangle and its side records.  2. The grid.
   velmar_2d::scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
@@ -76,11 +71,7 @@ int main(int argc, char** argv) {
   std::string picture;
   for (const char* extension : {".svg", ".pdf", ".png"}) {
     picture = (folder / "01_first_mesh").string() + extension;
-    const std::string fault = velmar_2d::io::draw_mesh(picture, options);
-    if (!fault.empty()) {
-      std::fprintf(stderr, "%s\n", fault.c_str());
-      return 2;
-    }
+    require(velmar_2d::io::draw_mesh(picture, options));
   }
 
   // 5. Give it back.

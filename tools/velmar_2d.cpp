@@ -2,12 +2,14 @@
 #include "velmar_2D/velmar_2D.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <new>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -188,8 +190,8 @@ std::string choose_domain(const Options& options, const tools::SizeField& field,
   return {};
 }
 
-/// The program speaks for itself: the library keeps silent, waits for nobody, and what would end the
-/// process becomes an exception with the message in one line.
+/// The program speaks for itself: the library keeps silent, waits for nobody, and what would end
+/// the process becomes an exception with the message in one line.
 void take_over_messages() {
   message_handler = [](std::string_view) {};
   pause_handler = [](std::string_view) {};
@@ -199,6 +201,15 @@ void take_over_messages() {
     while (words >> word) line += (line.empty() ? "" : " ") + word;
     throw std::runtime_error(line);
   };
+}
+
+/// Number of base squares along the shorter side of a picture, next to `wish`, that fill it without
+/// a rest; `wish` itself where there is none near.
+int squares_that_fill(const io::Image& picture, int wish) {
+  const int least =
+      std::min(picture.width, picture.height) / std::gcd(picture.width, picture.height);
+  const int filling = least * std::max(1, (wish + least / 2) / least);
+  return filling <= 2 * wish ? filling : wish;
 }
 
 int run(int argc, char** argv) {
@@ -250,6 +261,10 @@ int run(int argc, char** argv) {
     return fail(error);
   }
   const tools::Domain wish = domain;
+  const bool squares_given = app.get_subcommands().front()->count("--squares") > 0;
+  if (field.picture != nullptr && options.domain.empty() && !squares_given) {
+    options.mesh.squares = squares_that_fill(*field.picture, options.mesh.squares);
+  }
   tools::Outcome outcome;
   if (const std::string error = tools::make_mesh(field, options.mesh, domain, outcome);
       !error.empty()) {

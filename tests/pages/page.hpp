@@ -26,11 +26,9 @@ inline void make_mesh() {
   n_cell_data = 1;
   double y_max = 1.0;
   init_mesh([](double, double, std::string_view) { return bc_type_dir; }, 9, 9, 8, y_max);
-  update_mesh_init(
-      [](double x, double y, std::span<const double>, double, double) {
-        return 0.02 + 0.2 * std::abs(std::hypot(x, y) - 0.7);
-      },
-      [](double x, double y) { return x * x + y; });
+  update_mesh_init([](double x, double y, std::span<const double>, double,
+                      double) { return 0.02 + 0.2 * std::abs(std::hypot(x, y) - 0.7); },
+                   [](double x, double y) { return x * x + y; });
 }
 
 /// Runs a block, its output between two marks, and leaves no mesh and no handler to the next one.

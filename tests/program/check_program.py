@@ -118,6 +118,10 @@ class Program(unittest.TestCase):
             with open(os.path.join(FOLDER, arguments[-1]), "rb") as file:
                 self.assertEqual(file.read(len(begin)), begin)
 
+        # 60 x 45 pixels are 20 x 15 squares: none is left over at a side.
+        done = run("stats", write("wide.png", png([[0] * 60] * 45)))
+        self.assertRegex(done.stdout, "^domain: x 0 to 60, y 0 to 45; base squares of 3\n")
+
     def test_stats(self):
         done = run("stats", "0.03", "--squares", "8", "--updates", "6")
         self.assert_done(done)
