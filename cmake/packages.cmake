@@ -45,7 +45,7 @@ velmar_2d_package(io ${io} libs "${library} ${same}"
 velmar_2d_package(dev libvelmar-2d-dev libdevel "${library} ${same}, ${io} ${same}"
   "This package holds the headers and what CMake and pkg-config need.")
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
-  "This package holds the program velmar_2d, which draws, writes and counts meshes.")
+  "This package holds the program velmar_2d, to look at meshes.")
 velmar_2d_package(doc velmar-2d-doc doc ""
   "This package holds the pages, pictures and examples.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
