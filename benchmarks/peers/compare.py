@@ -34,6 +34,8 @@ def main():
     arguments = parser.parse_args()
 
     with open(arguments.results, "w") as results:
+        results.write(subprocess.run([arguments.program, "machine"], stdout=subprocess.PIPE,
+                                     text=True, check=True).stdout)
         results.write(HEAD)
         for case in arguments.cases.split(","):
             for size in arguments.sizes.split(","):

@@ -13,10 +13,12 @@
 //
 // The sides take turns within one process, on one core, each starting with an empty heap.
 // `compare.py` runs the cases and makes the table.
+#include <Eigen/Core>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <string>
@@ -206,6 +208,7 @@ void front_p4est(const Run& run, int r) {
 }
 
 void front(const Run& run) {
+  report(run, 0, "both", "steps", run.steps, 0.0);
   ours::TooCoarse left_over;
   for (int r = 0; r < run.repetitions; ++r) {
     front_ours(run, r, "no data", 0, false, left_over);
@@ -295,6 +298,21 @@ void memory_p4est(const Run& run) {
   report(run, 0, "p4est", "peak", tree.nb_cells(), peak - before);
 }
 
+/// What the measurements were made by and on, as a comment among them.
+int print_machine() {
+  std::ifstream file("/proc/cpuinfo");
+  std::string line, processor = "unknown processor";
+  while (std::getline(file, line)) {
+    if (line.starts_with("model name")) {
+      processor = line.substr(line.find(':') + 2);
+      break;
+    }
+  }
+  std::printf("# %s; compiler %s; p4est %s, Eigen %d.%d.%d\n", processor.c_str(), __VERSION__,
+              P4EST_VERSION, EIGEN_WORLD_VERSION, EIGEN_MAJOR_VERSION, EIGEN_MINOR_VERSION);
+  return 0;
+}
+
 int run(int argc, char** argv) {
   const std::map<std::string, std::function<void(const Run&)>> cases = {
       {"ring", ring},
@@ -306,6 +324,7 @@ int run(int argc, char** argv) {
       {"derivatives", derivatives},
       {"memory_ours", memory_ours},
       {"memory_p4est", memory_p4est}};
+  if (argc == 2 && std::strcmp(argv[1], "machine") == 0) return print_machine();
   if (argc < 3 || cases.count(argv[1]) == 0) {
     std::fprintf(stderr, "usage: velmar_2d_peers CASE ABOUT [REPETITIONS [STEPS]]\n");
     return 2;

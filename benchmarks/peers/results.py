@@ -11,6 +11,7 @@ class Measured:
 
     def __init__(self):
         self.counts, self.seconds = [], []
+        self.steps = 1  # that a count and its seconds are the sum of
 
     def per_count(self):
         return [s / max(c, 1) for s, c in zip(self.seconds, self.counts)]
@@ -36,12 +37,24 @@ def read_results(path):
     """{(case, about): {(side, what): Measured}}, in the order of the file."""
     results = defaultdict(lambda: defaultdict(Measured))
     with open(path) as file:
-        for row in csv.DictReader(file):
+        lines = (line for line in file if not line.startswith("#"))
+        for row in csv.DictReader(lines):
             case = "memory" if row["case"].startswith("memory") else row["case"]
             one = results[case, int(row["about"])][row["side"], row["what"]]
             one.counts.append(int(row["count"]))
             one.seconds.append(float(row["seconds"]))
+    for measured in results.values():
+        if ("both", "steps") in measured:
+            steps = measured["both", "steps"].count
+            for one in measured.values():
+                one.steps = steps
     return results
+
+
+def machine_of(path):
+    """What the results were measured on and with."""
+    with open(path) as file:
+        return file.readline().lstrip("# ").strip()
 
 
 def peer_of(case, measured, what=""):
@@ -53,7 +66,7 @@ def peer_of(case, measured, what=""):
     return measured.get(("p4est", "all"))
 
 
-NOT_A_TIME = {"too coarse", "finest", "updates", "rounds", "inserted and removed"}
+NOT_A_TIME = {"steps", "too coarse", "finest", "updates", "rounds", "inserted and removed"}
 
 
 def rows_of(results):
@@ -80,7 +93,7 @@ def text_table(results):
             seconds, scale, unit = f"{one.total:.4f}", 1e9, ""
         low, high = one.range
         spread = f"{low * scale:.0f} to {high * scale:.0f}" if len(one.counts) > 1 else ""
-        line = (f"{case:12}{about:>9}  {side:6}{what:22}{one.count:>12.0f}{seconds:>10}"
+        line = (f"{case:12}{about:>9}  {side:6}{what:22}{one.count / one.steps:>12.0f}{seconds:>10}"
                 f"{one.median * scale:>9.1f}{unit}  {spread:15}")
         if ratio is not None:
             peer = peer_of(case, results[case, about], what)
