@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the comparison and prints it as a table.
 
-    compare.py PROGRAM RESULTS [--sizes 1e4,1e5,1e6] [--cases ring,front,...] [--repetitions 5]
+    compare.py PROGRAM RESULTS [--sizes 1e4,1e5,1e6] [--cases ring,front,...] [--repetitions N]
                                [--before COMMAND]
 
 RESULTS receives every single measurement as comma-separated values. --before puts a command in
@@ -29,7 +29,7 @@ def main():
     parser.add_argument("results")
     parser.add_argument("--sizes", default="1e4,1e5,1e6")
     parser.add_argument("--cases", default=",".join(CASES))
-    parser.add_argument("--repetitions", type=int, default=5)
+    parser.add_argument("--repetitions", type=int, help="5, and 15 at the smallest size")
     parser.add_argument("--before", default="")
     arguments = parser.parse_args()
 
@@ -39,13 +39,14 @@ def main():
         results.write(HEAD)
         for case in arguments.cases.split(","):
             for size in arguments.sizes.split(","):
+                repetitions = arguments.repetitions or (15 if float(size) < 1e5 else 5)
                 for program in programs_of(case):
                     command = shlex.split(arguments.before) + [
                         os.path.abspath(arguments.program), program, size,
-                        str(arguments.repetitions)]
+                        str(repetitions)]
                     # A long front is cut into as many pieces as there are repetitions.
                     if case == "front" and float(size) >= 1e6:
-                        command.append(str(50 // arguments.repetitions))
+                        command.append(str(max(50 // repetitions, 1)))
                     print(f"{program} {size} ...", file=sys.stderr, flush=True)
                     done = subprocess.run(command, stdout=subprocess.PIPE, text=True)
                     if done.returncode != 0:

@@ -22,8 +22,7 @@ void pin_one_core() {
 void prepare_memory(std::size_t bytes) {
   malloc_trim(0);
   if (bytes == 0) return;
-  void* memory =
-      mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) return;
   std::memset(memory, 1, bytes);
   munmap(memory, bytes);

@@ -6,10 +6,9 @@
 //
 // CASE is ring, half, steep, front, steady, walk, derivatives, memory_ours or memory_p4est.
 // ABOUT is the size: about so many nodes of ours. `count` is the number of nodes or cells that the
-// seconds went into, over all steps of a front; for the memory cases, which belong into a process of
-// their own, the last number is bytes.
-// `front` does its 50 steps in every repetition; with STEPS, repetition r does the steps from
-// 1 + r STEPS on.
+// seconds went into, over all steps of a front; for the memory cases, which belong into a process
+// of their own, the last number is bytes. `front` does its 50 steps in every repetition; with
+// STEPS, repetition r does the steps from 1 + r STEPS on.
 //
 // The sides take turns within one process, on one core, each starting with an empty heap.
 // `compare.py` runs the cases and makes the table.
@@ -39,8 +38,9 @@ struct Run {
   bool is_large() const { return about >= 1'000'000; }
 };
 
-/// The growth of the spacing with the distance, and the finest spacing. Its values are round figures
-/// that give about 10^4, 10^5, 10^6 and 10^7 nodes of ours; where the slope is 2, cells of theirs.
+/// The growth of the spacing with the distance, and the finest spacing. Its values are round
+/// figures that give about 10^4, 10^5, 10^6 and 10^7 nodes of ours; where the slope is 2, cells of
+/// theirs.
 Field field_for(const Run& run) {
   struct Finest {
     std::int64_t about;
@@ -71,8 +71,8 @@ void prepare(const Run& run) {
   prepare_memory(run.is_large() ? 3 * gibibyte : 0);
 }
 
-void report(const Run& run, int repetition, const char* side, const char* what,
-            std::int64_t count, double seconds) {
+void report(const Run& run, int repetition, const char* side, const char* what, std::int64_t count,
+            double seconds) {
   std::printf("%s,%lld,%s,%s,%d,%lld,%.9g\n", run.name.c_str(), static_cast<long long>(run.about),
               side, what, repetition, static_cast<long long>(count), seconds);
   std::fflush(stdout);
@@ -308,7 +308,7 @@ int print_machine() {
       break;
     }
   }
-  std::printf("# %s; compiler %s; p4est %s, Eigen %d.%d.%d\n", processor.c_str(), __VERSION__,
+  std::printf("# %s; g++ %s; p4est %s, Eigen %d.%d.%d\n", processor.c_str(), __VERSION__,
               P4EST_VERSION, EIGEN_WORLD_VERSION, EIGEN_MAJOR_VERSION, EIGEN_MINOR_VERSION);
   return 0;
 }

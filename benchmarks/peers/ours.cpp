@@ -15,9 +15,8 @@ namespace ours {
 
 namespace {
 size_function size_of(const Field& field) {
-  return [field](double x, double y, std::span<const double>, double, double) {
-    return field(x, y);
-  };
+  return
+      [field](double x, double y, std::span<const double>, double, double) { return field(x, y); };
 }
 }  // namespace
 

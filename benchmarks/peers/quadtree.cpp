@@ -54,8 +54,8 @@ void Quadtree::set(p4est_quadrant_t& cell, double value) {
 Quadtree::Quadtree(bool with_values)
     : with_values_(with_values),
       connectivity_(p4est_connectivity_new_unitsquare()),
-      forest_(p4est_new_ext(sc_MPI_COMM_SELF, connectivity_, 0, first_level, 1, 0, nullptr,
-                            nullptr)) {}
+      forest_(
+          p4est_new_ext(sc_MPI_COMM_SELF, connectivity_, 0, first_level, 1, 0, nullptr, nullptr)) {}
 
 Quadtree::~Quadtree() {
   forget_neighbours();

@@ -34,7 +34,7 @@ class Measured:
 
 
 def read_results(path):
-    """{(case, about): {(side, what): Measured}}, in the order of the file."""
+    """{(case, about): {(side, what): Measured}}, in the order of CASES and sizes."""
     results = defaultdict(lambda: defaultdict(Measured))
     with open(path) as file:
         lines = (line for line in file if not line.startswith("#"))
@@ -48,7 +48,7 @@ def read_results(path):
             steps = measured["both", "steps"].count
             for one in measured.values():
                 one.steps = steps
-    return results
+    return dict(sorted(results.items(), key=lambda item: (CASES.index(item[0][0]), item[0][1])))
 
 
 def machine_of(path):

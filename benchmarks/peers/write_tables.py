@@ -10,7 +10,7 @@ import re
 import subprocess
 import sys
 
-from results import CASES, read_results, machine_of, rows_of, peer_of
+from results import CASES, machine_of, peer_of, read_results, rows_of
 
 LINES = [  # name, case, (side, what), colour
     ("ring, from scratch", "ring", ("ours", "no data"), "0.80 0.15 0.15"),
@@ -28,7 +28,7 @@ LINES = [  # name, case, (side, what), colour
 
 
 def draw(results, program, picture):
-    text = ["Time per node (ours, solid) or cell (p4est, dashed)", "nodes or cells", "ns"]
+    text = ["Time per node (ours, solid) and per cell or fit (theirs, dashed)", "nodes or cells", "ns"]
     for name, case, key, colour in LINES:
         points = []
         for (one_case, about), measured in results.items():
@@ -58,18 +58,19 @@ def figure(one, scale):
 
 def case_table(results, case):
     scale, unit = (1.0, "bytes") if case == "memory" else (1e9, "ns")
-    other = "Eigen" if case == "derivatives" else "p4est"
-    yield f"| about | ours | nodes | {unit} a node | {other} | cells | {unit} a cell | ours / theirs | at equal spacing |"
-    yield "|---|---|---|---|---|---|---|---|---|"
+    other = "Eigen's nodes" if case == "derivatives" else "p4est's cells"
+    each = "node" if case == "derivatives" else "cell"
+    yield (f"| about | ours | nodes | {unit} a node | {other} | {unit} a {each} | ours / theirs | "
+           "at equal spacing |")
+    yield "|---|---|---|---|---|---|---|---|"
     for one_case, about, side, what, one, ratio in rows_of(results):
         if one_case != case or side != "ours":
             continue
         measured = results[case, about]
         peer = peer_of(case, measured, what)
-        name = {"derivatives": "LU", "memory": what}.get(case, "")
         cells = number(peer.count / peer.steps) if peer else ""
         yield (f"| {about:.0e} | {what} | {number(one.count / one.steps)} | {figure(one, scale)} "
-               f"| {name} | {cells} | {figure(peer, scale) if peer else ''} | "
+               f"| {cells} | {figure(peer, scale) if peer else ''} | "
                f"{f'**{ratio:.2f}**' if ratio else ''} | "
                f"{f'{one.total / peer.total:.2f}' if peer else ''} |".replace("e+0", "e"))
 
