@@ -38,6 +38,10 @@ function(velmar_2d_library_properties target shared_macro)
     VERSION ${PROJECT_VERSION}
     # Before 1.0 every minor version may change the records.
     SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+  if(VELMAR_2D_BUILD_TESTS)
+    # The unit tests of private procedures link them.
+    set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET default)
+  endif()
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "SHARED_LIBRARY")
     target_compile_definitions(${target} PUBLIC ${shared_macro})

@@ -1,4 +1,4 @@
-# Sourced by demo.sh and test.sh.
+# Sourced by demo.sh, test.sh and bench.sh.
 
 # Installs the Debian packages that are not there yet; without any to install it needs neither root
 # rights nor a network.
@@ -23,4 +23,8 @@ install_packages() {
 packages_for_the_demo=(g++ make cmake ninja-build pkg-config libcairo2-dev libpugixml-dev)
 packages_to_build=("${packages_for_the_demo[@]}" libcli11-dev libeigen3-dev libmuparser-dev
                    nlohmann-json3-dev)
-packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio doxygen clang-tidy cppcheck valgrind)
+packages_to_test=(libgtest-dev libbenchmark-dev python3-meshio doxygen fakeroot valgrind clang-tidy
+                  cppcheck)
+# p4est's headers need those of the MPI that it was built with.
+packages_to_compare=("${packages_for_the_demo[@]}" libbenchmark-dev libp4est-dev mpi-default-dev
+                     libeigen3-dev python3)

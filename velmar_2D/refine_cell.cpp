@@ -28,7 +28,7 @@ void refine_cell(Cell*& c, bool special) {
   for (std::int32_t i = 0; i < n; ++i) {
     const Site& site = sites[static_cast<std::size_t>(i)];
     if (!wanted(site, special)) {
-      if (!special && site.level > level_max) ++update_statistics.refused;
+      if (!special && site.level >= level_max) ++update_statistics.refused;
       continue;
     }
     if (site.level % 2 == 1) {

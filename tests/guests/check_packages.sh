@@ -11,7 +11,7 @@ root=$build/root
 fail() { echo "$*"; exit 1; }
 # Without root rights files cannot be given to root; fakeroot pretends.
 if [ "$(id -u)" -ne 0 ]; then
-  command -v fakeroot >/dev/null || exit 77
+  command -v fakeroot >/dev/null || fail "without root rights fakeroot is needed"
   [ -n "${FAKEROOTKEY:-}" ] || exec fakeroot "$0" "$@"
 fi
 
