@@ -22,8 +22,8 @@ using namespace detail;
 /// Highest position index that true_ipos() tells without an expansion, see there.
 constexpr std::int32_t highest_exact_ipos = 28;
 
-/// Level of a new node by the lattice: `offset` is 1 for the centre of a square with sides of length
-/// delta, 2 for the centre of a diamond with a diagonal of that length.
+/// Level of a new node by the lattice: `offset` is 1 for the centre of a square with sides of
+/// length delta, 2 for the centre of a diamond with a diagonal of that length.
 std::int32_t lattice_level(double delta, int offset) {
   return static_cast<std::int32_t>(std::lround(2.0 * detail::log2(dist_0 / delta) + offset));
 }
@@ -40,32 +40,27 @@ struct ClosedFigure {
   int axis, offset;
 
   /// Position index of the centre, as long as domain.lattice_is_whole; -1 where the corners do not
-  /// tell it. A figure with sides of length dist_0 / 2^k has them like this:
+  /// tell it. Those of a figure with sides of length dist_0 / 2^k, or half a diagonal of it, are
   ///
-  ///     2k ---- < 2k-1        2k-1              Other patterns occur around holes, which nodes leave
-  ///      |        |           /    \            that were removed from among finer ones.
-  ///    2k-1 ---- 2k      < 2k-1   < 2k-1
-  ///                           \    /
-  ///                            2k-1
+  ///      2k ---- lower            2k-1
+  ///       |        |             /    \            .
+  ///       |        |         lower    lower
+  ///       |        |             \    /
+  ///     2k-1 ---- 2k              2k-1
+  ///
+  /// in one of the turns. Others occur where a node was removed from among finer ones.
   std::int32_t ipos() const {
-    const auto pair = [this](std::size_t i) {
-      return std::pair{corners[i]->ipos, corners[i + 2]->ipos};
-    };
-    const auto [a, a2] = pair(0);
-    const auto [b, b2] = pair(1);
-    const std::int32_t highest = std::max(a, b);
-    // Those of the other two corners, on the diagonal across.
-    const std::int32_t other = a > b ? std::max(b, b2) : std::max(a, a2);
-    if (highest > highest_exact_ipos) return -1;
-    if (offset == 1) {
-      if (highest == 0 && other == 0) return 1;
-      const std::int32_t least = a > b ? std::min(b, b2) : std::min(a, a2);
-      return (a > b ? a == a2 : b == b2) && highest % 2 == 0 && other == highest - 1 &&
-                     least < other
-                 ? highest + 1
-                 : -1;
+    std::int32_t a = corners[0]->ipos, b = corners[1]->ipos, a2 = corners[2]->ipos,
+                 b2 = corners[3]->ipos;
+    if (std::max(a, a2) < std::max(b, b2)) {
+      std::swap(a, b);
+      std::swap(a2, b2);
     }
-    return (a > b ? a == a2 : b == b2) && highest % 2 == 1 && other < highest ? highest + 1 : -1;
+    if (a != a2 || a > highest_exact_ipos) return -1;
+    const std::int32_t lower = std::max(b, b2), lowest = std::min(b, b2);
+    const bool in_square = a % 2 == 0 && (a == 0 || (lower == a - 1 && lowest < lower));
+    const bool in_diamond = a % 2 == 1 && lower < a;
+    return (offset == 1 ? in_square : in_diamond) ? a + 1 : -1;
   }
 
   std::int32_t level(std::int32_t ipos) const {
@@ -258,7 +253,8 @@ bool special_refinement_possible(Cell& c) {
   }
   SpecialProbe probe;
   for (int d = 0; d < nb_directions && !probe.found; ++d) {
-    if (!admitted[static_cast<std::size_t>(d)] || !admitted[static_cast<std::size_t>((d + 2) & 7)]) continue;
+    if (!admitted[static_cast<std::size_t>(d)] || !admitted[static_cast<std::size_t>((d + 2) & 7)])
+      continue;
     if (d % 2 == 0) {
       try_square(probe, c, d + 1);
     } else {

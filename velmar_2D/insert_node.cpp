@@ -51,8 +51,7 @@ Site site_of(std::string_view operation, const Vertex& v, int nb_parents,
 }
 
 Cell* new_cell_at(const Site& site) {
-  const std::int32_t ipos =
-      site.ipos >= 0 ? site.ipos : true_ipos(site.x - x_min, site.y - y_min);
+  const std::int32_t ipos = site.ipos >= 0 ? site.ipos : true_ipos(site.x - x_min, site.y - y_min);
   if (ipos < 0 || ipos > level_max) {
     fatal(
         "(Velmar_2D:) insert_node: ERROR\n"

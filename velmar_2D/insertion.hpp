@@ -48,8 +48,8 @@ inline void link_parent(Cell& c, int direction, Cell& parent) {
 }
 
 /// Cuts the link of a new node's parent in the direction `cut`, which the new node crosses, once it
-/// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link `back`
-/// across it. Keeps the link's level. Does nothing without a parent.
+/// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link
+/// `back` across it. Keeps the link's level. Does nothing without a parent.
 inline void prune_link(Cell* parent, int to_beyond, int back, int cut) {
   if (parent == nullptr) return;
   const Cell* beyond = link(*parent, to_beyond).cell();

@@ -1,9 +1,9 @@
 // Procedures and tables that the operation groups share. Never installed.
 #pragma once
 
-#include "velmar_2D/velmar_2D.hpp"
-
 #include <string>
+
+#include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::detail {
 
@@ -119,8 +119,8 @@ void find_broken_rules(std::vector<Finding>& findings);
 
 /// The scope of an exported procedure that changes the mesh. In a build with VELMAR_2D_VALIDATE the
 /// mesh is checked at the end of the outermost one, and the process ended with the first finding;
-/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's word
-/// for what they insert and remove, and are held to the rules of list and links only. In other
+/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's
+/// word for what they insert and remove, and are held to the rules of list and links only. In other
 /// builds it is nothing.
 class MeshChange {
  public:

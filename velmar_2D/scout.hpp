@@ -5,8 +5,8 @@
 
 namespace velmar_2d::detail {
 
-/// The nodes that the last coarsening left, in the order of the list: the next walks meet nearly the
-/// same ones. No node is read through it, so it may be out of date.
+/// The nodes that the last coarsening left, in the order of the list: the next walks meet nearly
+/// the same ones. No node is read through it, so it may be out of date.
 class Trail {
  public:
   /// The number of a node's slot in memory, cut to 32 bits.
@@ -40,8 +40,8 @@ class Trail {
 };
 extern Trail trail;
 
-/// Runs a few nodes ahead of a walk through the stretches and asks the memory for what the walk will
-/// read there.
+/// Runs a few nodes ahead of a walk through the stretches and asks the memory for what the walk
+/// will read there.
 ///
 /// Nodes on the trail are known long before. New ones mostly lie one slot apart, so that the place
 /// of one further ahead can be guessed; a wrong guess costs nothing but the request.
@@ -52,32 +52,19 @@ class Scout {
 
   void begin_stretch(Cell* first) {
     far_ = near_ = first;
-    lead_ = 0;
-    if (first == nullptr) return;
-    request_after(*first, *first);
-    while (lead_ < far_ahead && far_ != nullptr) advance(true);
+    if (first != nullptr) request_after(*first, *first);
+    for (int i = 0; i < far_ahead; ++i) advance_far(true);
+    for (int i = 0; i < near_ahead; ++i) advance_near(true);
   }
 
   /// One step; `busy` tells that the walk changes the mesh around the nodes here.
   void advance(bool busy) {
-    if (far_ != nullptr) {
-      Cell* following = far_->*step_;
-      if (following != nullptr) {
-        request_after(*following, *far_);
-        // What this node needs besides its first line is known by that.
-        if (busy || reads_links(*far_)) request(address_of(far_) + line);
-        if (busy) request(address_of(far_) + 2 * line);
-      }
-      far_ = following;
-    }
-    if (++lead_ <= far_ahead - near_ahead || near_ == nullptr) return;
-    near_ = near_->*step_;
-    if (near_ != nullptr && (busy || reads_links(*near_))) request_neighbours(*near_);
+    advance_far(busy);
+    advance_near(busy);
   }
 
  private:
-  static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6,
-                       marks_ahead = 8;
+  static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6, marks_ahead = 8;
 
   Scout(Cell* Cell::*step, std::ptrdiff_t start, std::ptrdiff_t direction)
       : step_(step), mark_(start), direction_(direction) {}
@@ -93,6 +80,22 @@ class Scout {
       request(address_of(neighbour));
       request(address_of(neighbour) + line);
     }
+  }
+
+  /// The next node but a few comes into sight: its first line tells whether more of it is needed.
+  void advance_far(bool busy) {
+    if (far_ == nullptr) return;
+    Cell* following = far_->*step_;
+    if (following != nullptr) request_after(*following, *far_);
+    if (busy || reads_links(*far_)) request(address_of(far_) + line);
+    if (busy) request(address_of(far_) + 2 * line);
+    far_ = following;
+  }
+  /// The neighbours of a node that is about to be reached.
+  void advance_near(bool busy) {
+    if (near_ == nullptr) return;
+    near_ = near_->*step_;
+    if (near_ != nullptr && (busy || reads_links(*near_))) request_neighbours(*near_);
   }
 
   static void request(std::uintptr_t address) {
@@ -115,7 +118,6 @@ class Scout {
   }
 
   Cell *far_ = nullptr, *near_ = nullptr;
-  int lead_ = 0;
   Cell* Cell::*step_;
   std::ptrdiff_t mark_;  ///< of the node that the scout expects next on the trail
   std::ptrdiff_t direction_;

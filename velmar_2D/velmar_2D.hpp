@@ -199,9 +199,9 @@ class UserReference {
 ///
 /// Callers read every field, and write `data`, `data_ptr` and `used`; the rest is kept by the
 /// library. Copying a node copies its data values and borrows everything else.
-/// One cache line holds what a walk over the nodes reads, there and at their neighbours; the next one
-/// the links; the third one what an insertion or a removal changes nearby. What is read rarely comes
-/// last.
+/// One cache line holds what a walk over the nodes reads, there and at their neighbours; the next
+/// one the links; the third one what an insertion or a removal changes nearby. What is read rarely
+/// comes last.
 struct alignas(64) Cell {
   double x = 0.0, y = 0.0;                  ///< position
   std::int32_t level = 0;                   ///< rises as the mesh around the node is refined
@@ -240,7 +240,7 @@ struct Handle {
 /// What an adaptation did. Inserted minus removed is the change of nb_nodes; a node that one call
 /// inserts and removes again counts in both.
 struct UpdateStatistics {
-  std::int64_t visited = 0;   ///< nodes whose wanted spacing was asked for; twice, if by both passes
+  std::int64_t visited = 0;  ///< nodes whose wanted spacing was asked for; twice, if by both passes
   std::int64_t inserted = 0;  ///< nodes created
   std::int64_t removed = 0;   ///< nodes released
   /// Insertions that the wanted spacing asked for and the subdivision limit forbade. Each of the
@@ -304,9 +304,9 @@ VELMAR_2D_API extern std::vector<Handle> level_beg, level_end;
 VELMAR_2D_API extern std::vector<Handle> tmp_beg, tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2> level_range;
-VELMAR_2D_API extern std::int32_t level_max;    ///< subdivision limit, -1 before the first mesh
-VELMAR_2D_API extern std::int32_t next_id;      ///< id of the next node created
-VELMAR_2D_API extern std::int32_t nb_nodes;     ///< number of nodes; a mesh exists while it is above 0
+VELMAR_2D_API extern std::int32_t level_max;  ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t next_id;    ///< id of the next node created
+VELMAR_2D_API extern std::int32_t nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
 /// Grows whenever a node comes or goes, and with that wherever a link or a level changes: what a
 /// caller derived from the mesh is current while this number is. An update can remove nodes and
 /// insert others at the same places; references to the old ones are then as invalid as ever, and
@@ -486,8 +486,8 @@ struct Finding {
   std::string_view rule;            ///< its name, see check_mesh()
   std::string_view text;            ///< what is wrong, in words
   const Cell* node = nullptr;       ///< where; nullptr: the mesh as a whole
-  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the mesh:
-                                    ///< compare it, do not follow it
+  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the
+                                    ///< mesh: compare it, do not follow it
 };
 
 /// Checks every rule of a whole mesh and reports the places where one does not hold.
