@@ -104,23 +104,23 @@ class Scout {
   bool on_trail(std::ptrdiff_t i) const { return i >= 0 && i < trail.size(); }
 
   void request_after(const Cell& c, const Cell& previous) {
+    std::uintptr_t ahead = 0;
     if (on_trail(mark_) && trail[mark_] == Trail::mark_of(&c)) {
-      const std::ptrdiff_t ahead = mark_ + direction_ * marks_ahead;
-      if (on_trail(ahead)) {
-        request(Trail::address(trail[ahead], &c));
-      }
+      const std::ptrdiff_t i = mark_ + direction_ * marks_ahead;
+      if (on_trail(i)) ahead = Trail::address(trail[i], &c);
       mark_ += direction_;
-      return;
+    } else {
+      ahead = address_of(&c) + guessed_ahead * (address_of(&c) - address_of(&previous));
     }
-    const auto here = reinterpret_cast<std::uintptr_t>(&c);
-    const auto there = here + guessed_ahead * (here - reinterpret_cast<std::uintptr_t>(&previous));
-    request(there);
+    request(ahead);
+    if (reads_derivatives_) request(ahead + 2 * line);
   }
 
   Cell *far_ = nullptr, *near_ = nullptr;
   Cell* Cell::*step_;
   std::ptrdiff_t mark_;  ///< of the node that the scout expects next on the trail
   std::ptrdiff_t direction_;
+  bool reads_derivatives_ = n_cell_data > 0;  ///< for the size function; those of no values are 0
 };
 
 }  // namespace velmar_2d::detail

@@ -1,14 +1,21 @@
 // Adapting the mesh: the entry points, which differ in where the data of new nodes come from and in
 // how the wanted spacing is asked for.
+#include "velmar_2D/scout.hpp"
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d {
 
-namespace detail {
-
 void compute_data_at_all_nodes() {
-  for (Cell* c = mesh_beg; c != nullptr; c = c->next) compute_data_at_node(c);
+  if (detail::lists_are_split()) join_sublists();
+  detail::Scout scout = detail::Scout::forwards();
+  scout.begin_stretch(mesh_beg);
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    scout.advance(true);
+    compute_data_at_node(c);
+  }
 }
+
+namespace detail {
 
 void check_update(bool has_size_fun) {
   require_mesh("update_mesh");

@@ -5,9 +5,6 @@
 
 namespace velmar_2d::detail {
 
-/// Derivatives at every node of the joined list.
-void compute_data_at_all_nodes();
-
 /// One refinement pass upwards and one coarsening pass downwards, on the split list.
 void update_mesh_body(const size_function& size_fun);
 void update_mesh_body(const batch_size_function& size_fun);

@@ -414,6 +414,11 @@ VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);  ///< the nod
 ///                    is then 0
 VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double* dfdy = nullptr);
 
+/// compute_data_at_node() for every node, in the order of the list: what update_mesh_*() does
+/// first. Faster than a loop of the caller's on a large mesh, since it asks the memory ahead. Joins
+/// the list if it is split; does nothing without a mesh.
+VELMAR_2D_API void compute_data_at_all_nodes();
+
 // ---------------------------------------------------------------------------------------------
 // Control cells
 //
