@@ -193,7 +193,7 @@ class Nodes:
         Raises MeshError, and writes nothing, where the mesh has other nodes by now.
         """
         k = self._mesh.n_cell_data
-        array = np.ascontiguousarray(values, dtype=np.float64)
+        array = np.asarray(values, dtype=np.float64, order="C")
         if column is None and array.ndim == 1 and k == 1:
             column = 0
         if column is not None:
