@@ -100,14 +100,27 @@ void ask_for_all(const py::function& size, Nodes nodes, std::span<double> sizes)
   const auto n = static_cast<py::ssize_t>(nodes.size());
   const auto nb_values = static_cast<py::ssize_t>(n_cell_data);
   py::array_t<double> x(n), y(n), data({n, nb_values}), grad(n), grad2(n);
-  double *px = x.mutable_data(), *py_ = y.mutable_data(), *pd = data.mutable_data(),
-         *pg = grad.mutable_data(), *pg2 = grad2.mutable_data();
-  for (const Cell* c : nodes) {
-    *px++ = c->x;
-    *py_++ = c->y;
-    pd = std::copy(c->data.begin(), c->data.end(), pd);
-    *pg++ = c->grad_data;
-    *pg2++ = c->grad2_data;
+  double *out_x = x.mutable_data(), *out_y = y.mutable_data(), *out_data = data.mutable_data(),
+         *out_grad = grad.mutable_data(), *out_grad2 = grad2.mutable_data();
+  // The records of a stretch lie in many places of the memory, which is asked for them in good
+  // time.
+  constexpr std::size_t nodes_ahead = 24;
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    if (i + nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + nodes_ahead]);
+    *out_x++ = nodes[i]->x;
+    *out_y++ = nodes[i]->y;
+  }
+  if (nb_values == 0) {  // derivatives of no data are 0, and need not be fetched
+    std::fill_n(out_grad, n, 0.0);
+    std::fill_n(out_grad2, n, 0.0);
+  } else {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (i + nodes_ahead < nodes.size()) __builtin_prefetch(&nodes[i + nodes_ahead]->data);
+      const Cell& c = *nodes[i];
+      out_data = std::copy(c.data.begin(), c.data.end(), out_data);
+      *out_grad++ = c.grad_data;
+      *out_grad2++ = c.grad2_data;
+    }
   }
   copy_values(size(std::move(x), std::move(y), std::move(data), std::move(grad), std::move(grad2)),
               "size", sizes);
@@ -138,6 +151,7 @@ class Forecast {
       for (BulkValues& side : bulk_kinds->sides) side.clear();
     }
     for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (i + nodes_ahead < nodes.size()) request_neighbours(*nodes[i + nodes_ahead]);
       if (nodes[i]->level < level_max) look_around(*nodes[i], sizes[i]);
     }
     if (init_data_ != nullptr) init_data_->evaluate();
@@ -147,8 +161,21 @@ class Forecast {
   }
 
  private:
+  /// Asks the memory for what look_around() will read.
+  static void request_neighbours(const Cell& c) {
+    if (c.reserve == 4) return;
+    for (const auto link : links) {
+      if (const Cell* there = (c.*link).cell()) {
+        __builtin_prefetch(there);
+        __builtin_prefetch(&there->n);
+      }
+    }
+  }
+  static constexpr std::size_t nodes_ahead = 6;
+
   void look_around(const Cell& c, double size) {
-    const bool too_coarse = 2.0 * std::log2(dist_0 / size) > c.level;
+    const bool too_coarse = dist_0 / size > std::exp2(0.5 * c.level);
+    if (!too_coarse && c.reserve == 4 && !may_complete_half_figure(c)) return;
     std::array<Vertex, 4> proposals;
     std::int32_t n = 0;
     build_vertex(const_cast<Cell*>(&c), proposals, n);  // changes nothing
@@ -164,6 +191,12 @@ class Forecast {
       if (there == nullptr) continue;
       expect((c.x + there->x) / 2.0, (c.y + there->y) / 2.0);
     }
+  }
+
+  /// Half figures lie at sides.
+  static bool may_complete_half_figure(const Cell& c) {
+    return c.on_boundary != 0 || c.x - x_min <= dist_0 || c.y - y_min <= dist_0 ||
+           east_boundary_dir->c - c.x <= dist_0 || north_boundary_dir->c - c.y <= dist_0;
   }
 
   /// Such figures are completed also around nodes that are fine enough.

@@ -14,13 +14,29 @@ py::array_t<T> table(std::size_t rows, std::size_t columns) {
   return py::array_t<T>({static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(columns)});
 }
 
-/// Hands a vector over to numpy without a copy.
+/// Room for as many values as there can be at most, and the array of those that there are. Pages
+/// that stay untouched cost no memory.
 template <typename T>
-py::array_t<T> adopt(std::vector<T>&& values) {
-  auto* kept = new std::vector<T>(std::move(values));
-  const py::capsule owner(kept, [](void* v) { delete static_cast<std::vector<T>*>(v); });
-  return py::array_t<T>(static_cast<py::ssize_t>(kept->size()), kept->data(), owner);
+class Filling {
+ public:
+  explicit Filling(std::size_t most)
+      : all_(static_cast<py::ssize_t>(most)), next_(all_.mutable_data()) {}
+  void add(T value) { *next_++ = value; }
+  py::object filled() { return all_[py::slice(0, next_ - all_.data(), 1)]; }
+
+ private:
+  py::array_t<T> all_;
+  T* next_;
+};
+
+/// Asks the memory for what a walk reads of the neighbours of a node that comes soon.
+void request_neighbours(const std::vector<Cell*>& nodes, std::size_t soon) {
+  if (soon >= nodes.size()) return;
+  for (const auto member : links) {
+    if (const Cell* there = (nodes[soon]->*member).cell()) __builtin_prefetch(&there->used);
+  }
 }
+constexpr std::size_t nodes_ahead = 6;
 
 template <typename T, typename ValueOf>
 py::array_t<T> per_node(ValueOf value_of) {
@@ -49,7 +65,9 @@ py::array_t<std::int32_t> link_table() {
   const auto& nodes = numbered_nodes();
   auto array = table<std::int32_t>(nodes.size(), 8);
   std::int32_t* out = array.mutable_data();
-  for (const Cell* c : nodes) {
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    request_neighbours(nodes, i + nodes_ahead);
+    const Cell* c = nodes[i];
     for (const auto member : links) {
       const NeighbourLink link = c->*member;
       const Cell* there = link.cell();
@@ -105,17 +123,18 @@ py::tuple gradient() {
 py::tuple faces() {
   const Busy busy("reading faces");
   const auto& nodes = numbered_nodes();
-  std::vector<std::int32_t> from, to;
-  std::vector<double> length, distance;
-  const std::size_t expected = 4 * nodes.size() + 64;
-  from.reserve(expected), to.reserve(expected);
-  length.reserve(expected), distance.reserve(expected);
+  // Each of eight links is shared by two nodes, and no node lies on more than two sides.
+  const std::size_t most = 6 * nodes.size();
+  Filling<std::int32_t> from(most), to(most);
+  Filling<double> length(most), distance(most);
   const auto add = [&](const Cell* c, std::int32_t other, double l, double d) {
-    from.push_back(c->used), to.push_back(other);
-    length.push_back(l), distance.push_back(d);
+    from.add(c->used), to.add(other);
+    length.add(l), distance.add(d);
   };
   CellFaces f;
-  for (const Cell* c : nodes) {
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    request_neighbours(nodes, i + nodes_ahead);
+    const Cell* c = nodes[i];
     cell_faces(c, f);
     for (std::size_t d = 0; d < 8; ++d) {
       const Cell* there = f.neighbour[d];
@@ -129,8 +148,7 @@ py::tuple faces() {
       if (record != nullptr && f.side[side] > 0.0) add(c, side_code(record), f.side[side], 0.0);
     }
   }
-  return py::make_tuple(adopt(std::move(from)), adopt(std::move(to)), adopt(std::move(length)),
-                        adopt(std::move(distance)));
+  return py::make_tuple(from.filled(), to.filled(), length.filled(), distance.filled());
 }
 
 /// Corners of all control cells, one after another, and where those of each begin.
@@ -139,8 +157,7 @@ py::tuple polygons() {
   const auto& nodes = numbered_nodes();
   py::array_t<std::int64_t> offsets(static_cast<py::ssize_t>(nodes.size() + 1));
   std::int64_t* offset = offsets.mutable_data();
-  std::vector<double> coordinates;
-  coordinates.reserve(2 * 5 * nodes.size() + 64);
+  Filling<double> coordinates(2 * max_cell_corners * nodes.size());
   std::array<Point, max_cell_corners> corners;
   std::int32_t n = 0;
   *offset = 0;
@@ -148,13 +165,13 @@ py::tuple polygons() {
     cell_polygon(c, corners, n);
     for (std::int32_t i = 0; i < n; ++i) {
       const Point& corner = corners[static_cast<std::size_t>(i)];
-      coordinates.push_back(corner.x);
-      coordinates.push_back(corner.y);
+      coordinates.add(corner.x);
+      coordinates.add(corner.y);
     }
     offset[1] = offset[0] + n;
     ++offset;
   }
-  return py::make_tuple(offsets, adopt(std::move(coordinates)).reshape({-1, 2}));
+  return py::make_tuple(offsets, coordinates.filled().attr("reshape")(-1, 2));
 }
 
 py::list findings() {
