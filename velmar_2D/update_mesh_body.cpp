@@ -68,6 +68,11 @@ class SizesInBatches {
 
   void begin_walk(const Cell* start, Cell* Cell::*step) {
     try {
+      const auto most = static_cast<std::size_t>(nb_nodes);
+      if (nodes_.capacity() < most) {
+        nodes_.reserve(most + most / 2);
+        sizes_.reserve(most + most / 2);
+      }
       nodes_.clear();
       for (const Cell *c = start, *next = nullptr; c != nullptr; c = next) {
         nodes_.push_back(c);

@@ -95,25 +95,50 @@ void set_side_records(const std::array<double, 4>& rectangle) {
 
 using Nodes = std::span<const Cell* const>;
 
-/// One call for all nodes of a batch.
-void ask_for_all(const py::function& size, Nodes nodes, std::span<double> sizes) {
-  const auto n = static_cast<py::ssize_t>(nodes.size());
-  const auto nb_values = static_cast<py::ssize_t>(n_cell_data);
-  py::array_t<double> x(n), y(n), data({n, nb_values}), grad(n), grad2(n);
-  double *out_x = x.mutable_data(), *out_y = y.mutable_data(), *out_data = data.mutable_data(),
-         *out_grad = grad.mutable_data(), *out_grad2 = grad2.mutable_data();
+/// The arrays that a vectorised size function gets. Their memory serves one batch after another, as
+/// long as the function keeps none of them.
+class SizeArguments {
+ public:
+  py::object call(const py::function& size, Nodes nodes) {
+    const auto n = static_cast<py::ssize_t>(nodes.size());
+    if (capacity_ < n || kept_by_others()) make_room(std::max(n, py::ssize_t{nb_nodes}));
+    fill(nodes);
+    const py::slice part(0, n, 1);
+    return size(x_[part], y_[part], data_[part], grad_[part], grad2_[part]);
+  }
+
+ private:
+  bool kept_by_others() const {
+    const auto shared = [](const py::object& array) { return array.ref_count() > 1; };
+    return shared(x_) || shared(y_) || shared(data_) || shared(grad_) || shared(grad2_);
+  }
+
+  void make_room(py::ssize_t capacity) {
+    x_ = y_ = grad_ = grad2_ = data_ = py::array_t<double>();
+    x_ = py::array_t<double>(capacity);
+    y_ = py::array_t<double>(capacity);
+    data_ = py::array_t<double>({capacity, static_cast<py::ssize_t>(n_cell_data)});
+    grad_ = py::array_t<double>(capacity);
+    grad2_ = py::array_t<double>(capacity);
+    capacity_ = capacity;
+  }
+
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
-  constexpr std::size_t nodes_ahead = 24;
-  for (std::size_t i = 0; i < nodes.size(); ++i) {
-    if (i + nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + nodes_ahead]);
-    *out_x++ = nodes[i]->x;
-    *out_y++ = nodes[i]->y;
-  }
-  if (nb_values == 0) {  // derivatives of no data are 0, and need not be fetched
-    std::fill_n(out_grad, n, 0.0);
-    std::fill_n(out_grad2, n, 0.0);
-  } else {
+  void fill(Nodes nodes) {
+    constexpr std::size_t nodes_ahead = 24;
+    double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
+           *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (i + nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + nodes_ahead]);
+      *out_x++ = nodes[i]->x;
+      *out_y++ = nodes[i]->y;
+    }
+    if (n_cell_data == 0) {  // derivatives of no data are 0, and need not be fetched
+      std::fill_n(out_grad, nodes.size(), 0.0);
+      std::fill_n(out_grad2, nodes.size(), 0.0);
+      return;
+    }
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       if (i + nodes_ahead < nodes.size()) __builtin_prefetch(&nodes[i + nodes_ahead]->data);
       const Cell& c = *nodes[i];
@@ -122,9 +147,10 @@ void ask_for_all(const py::function& size, Nodes nodes, std::span<double> sizes)
       *out_grad2++ = c.grad2_data;
     }
   }
-  copy_values(size(std::move(x), std::move(y), std::move(data), std::move(grad), std::move(grad2)),
-              "size", sizes);
-}
+
+  py::ssize_t capacity_ = -1;
+  py::array_t<double> x_, y_, data_, grad_, grad2_;
+};
 
 double ask_for_one(const py::function& size, double x, double y, std::span<const double> data,
                    double grad, double grad2) {
@@ -294,9 +320,10 @@ void update(const py::function& size, const py::object& init_data, bool vectoris
     interpolates ? update_mesh_no_init(one) : update_mesh_init(one, value_at);
     return;
   }
+  SizeArguments arguments;
   const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
     if (vectorised) {
-      ask_for_all(size, nodes, sizes);
+      copy_values(arguments.call(size, nodes), "size", sizes);
     } else {
       for (std::size_t i = 0; i < nodes.size(); ++i) {
         const Cell& c = *nodes[i];

@@ -20,16 +20,37 @@ std::size_t hash_of(double x, double y) {
 }  // namespace
 
 void BulkValues::clear() {
+  noted_.clear();
   x_.clear();
   y_.clear();
   values_.clear();
-  slots_.assign(fewest_slots, 0);
+  slots_.clear();
+}
+
+void BulkValues::expect(double x, double y) {
+  noted_.push_back(x);
+  noted_.push_back(y);
+}
+
+std::size_t BulkValues::slot_of(double x, double y) const {
+  return hash_of(x, y) & (slots_.size() - 1);
+}
+
+/// At most half of the slots are taken.
+void BulkValues::resize_slots(std::size_t places) {
+  slots_.assign(std::max(fewest_slots, std::bit_ceil(2 * places)), 0);
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t i = 0; i < x_.size(); ++i) {
+    std::size_t slot = slot_of(x_[i], y_[i]);
+    while (slots_[slot] != 0) slot = (slot + 1) & mask;
+    slots_[slot] = static_cast<std::uint32_t>(i + 1);
+  }
 }
 
 std::size_t BulkValues::index_of(double x, double y) {
-  if (2 * (x_.size() + 1) > slots_.size()) grow();
+  if (2 * (x_.size() + 1) > slots_.size()) resize_slots(2 * (x_.size() + 1));
   const std::size_t mask = slots_.size() - 1;
-  std::size_t slot = hash_of(x, y) & mask;
+  std::size_t slot = slot_of(x, y);
   for (; slots_[slot] != 0; slot = (slot + 1) & mask) {
     const std::size_t i = slots_[slot] - 1;
     if (x_[i] == x && y_[i] == y) return i;
@@ -40,24 +61,28 @@ std::size_t BulkValues::index_of(double x, double y) {
   return x_.size() - 1;
 }
 
-void BulkValues::grow() {
-  slots_.assign(std::max(fewest_slots, 2 * slots_.size()), 0);
-  const std::size_t mask = slots_.size() - 1;
-  for (std::size_t i = 0; i < x_.size(); ++i) {
-    std::size_t slot = hash_of(x_[i], y_[i]) & mask;
-    while (slots_[slot] != 0) slot = (slot + 1) & mask;
-    slots_[slot] = static_cast<std::uint32_t>(i + 1);
-  }
-}
-
-void BulkValues::expect(double x, double y) { index_of(x, y); }
-
 void BulkValues::evaluate() {
+  if (!noted_.empty()) {
+    resize_slots(x_.size() + noted_.size() / 2 + 1);
+    constexpr std::size_t numbers_ahead = 2 * 12;
+    for (std::size_t i = 0; i < noted_.size(); i += 2) {
+      if (const std::size_t ahead = i + numbers_ahead; ahead < noted_.size()) {
+        __builtin_prefetch(&slots_[slot_of(noted_[ahead], noted_[ahead + 1])]);
+      }
+      index_of(noted_[i], noted_[i + 1]);
+    }
+    noted_.clear();
+  }
   const std::size_t known = values_.size();
   if (known == x_.size()) return;
-  std::vector<double> fresh(x_.size() - known);
-  function_(std::span(x_).subspan(known), std::span(y_).subspan(known), fresh);
-  values_.insert(values_.end(), fresh.begin(), fresh.end());
+  values_.resize(x_.size());
+  try {
+    function_(std::span(x_).subspan(known), std::span(y_).subspan(known),
+              std::span(values_).subspan(known));
+  } catch (...) {
+    clear();  // places without values must not stay
+    throw;
+  }
 }
 
 double BulkValues::at(double x, double y) {

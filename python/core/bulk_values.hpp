@@ -31,11 +31,13 @@ class BulkValues {
 
  private:
   std::size_t index_of(double x, double y);
-  void grow();
+  std::size_t slot_of(double x, double y) const;
+  void resize_slots(std::size_t places);
 
   Function function_;
-  std::vector<double> x_, y_, values_;  // the last of x and y may still have no value
-  std::vector<std::uint32_t> slots_;    // open addressing: 0 or index + 1
+  std::vector<double> noted_;  // places with repetitions, x and y in turn
+  std::vector<double> x_, y_, values_;
+  std::vector<std::uint32_t> slots_;  // open addressing: 0 or index + 1
 };
 
 }  // namespace velmar_2d::python

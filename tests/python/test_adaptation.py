@@ -91,6 +91,23 @@ def test_batches_are_few_and_new_places_are_foreseen():
                                    mesh.nodes.positions.sum(axis=1)[mesh.nodes.ipos > 0])
 
 
+def test_arguments_belong_to_who_keeps_them():
+    kept = []
+
+    def size(x, y, data, grad, grad2):
+        kept.append((x, x.copy(), data[::2], data[::2].copy()))
+        x[:1] += 0.0  # they may be written
+        return 0.01 + 0.2 * np.abs(x - 0.4)
+
+    with Mesh(nx=9, subdiv_max=6, n_cell_data=2) as mesh:
+        mesh.update(size, lambda x, y: x)
+        mesh.update(size)
+    assert len(kept) > 10
+    for x, x_then, data, data_then in kept:
+        np.testing.assert_array_equal(x, x_then)
+        np.testing.assert_array_equal(data, data_then)
+
+
 def test_scalar_functions_get_one_node():
     seen = []
 
