@@ -89,10 +89,17 @@ class SizesInBatches {
   /// Needs: the nodes of the walk in their order; some may be left out.
   double at(const Cell& c) {
     while (nodes_[next_] != &c) ++next_;
+    if (next_ + nodes_ahead < nodes_.size()) {
+      const auto soon = reinterpret_cast<std::uintptr_t>(nodes_[next_ + nodes_ahead]);
+      request(soon);
+      request(soon + 64);
+    }
     return sizes_[next_++];
   }
 
  private:
+  static constexpr std::size_t nodes_ahead = 10;
+
   /// Nodes that follow one another mostly lie one slot apart, as for the Scout.
   static void request_ahead(const Cell* c, const Cell* next) {
     constexpr std::uintptr_t guessed_ahead = 8;
