@@ -4,6 +4,7 @@
 //   steady  one more update, which leaves every position as it is
 //   front   a step of 1/50 of the way of the travelling ring
 //   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it
+//   check   check_mesh()
 //
 // Each with none and with one value per node. `ns_per_node` counts nodes at the end of the step;
 // `bytes_per_node` is the growth of the resident memory.
@@ -141,6 +142,17 @@ void walk(benchmark::State& state) {
   delete_quietly();
 }
 
+void check(benchmark::State& state) {
+  make_ring(state, 0.5);
+  Cost cost(state);
+  std::vector<Finding> findings;
+  for (auto _ : state) {
+    cost.time([&] { check_mesh(findings); });
+    if (!findings.empty()) state.SkipWithError("the mesh is broken");
+  }
+  delete_quietly();
+}
+
 void sizes(benchmark::internal::Benchmark* b) {
   b->ArgsProduct({{10'000, 100'000, 1'000'000}, {0, 1}})->ArgNames({"about", "values"});
   b->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(0.3);
@@ -150,6 +162,11 @@ BENCHMARK(steady)->Apply(sizes);
 BENCHMARK(front)->Apply(sizes);
 BENCHMARK(walk)
     ->ArgsProduct({{10'000, 100'000, 1'000'000}, {1}})
+    ->ArgNames({"about", "values"})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(check)
+    ->ArgsProduct({{10'000, 100'000, 1'000'000}, {0}})
     ->ArgNames({"about", "values"})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);

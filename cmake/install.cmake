@@ -48,6 +48,12 @@ endforeach()
 
 if(TARGET velmar_2d_program)
   install(TARGETS velmar_2d_program RUNTIME COMPONENT tools)
+  # Packed as Debian wants manual pages; `man` reads them so everywhere. A fixed time of the file
+  # keeps builds alike.
+  set(manual ${CMAKE_CURRENT_BINARY_DIR}/velmar_2d.1.gz)
+  file(ARCHIVE_CREATE OUTPUT ${manual} PATHS ${PROJECT_SOURCE_DIR}/tools/velmar_2d.1
+       FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "2026-01-01")
+  install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endif()
 if(PROJECT_IS_TOP_LEVEL)
   include(cmake/packages.cmake)

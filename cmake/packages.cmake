@@ -1,14 +1,20 @@
 # Debian packages, made by `cpack` from a build of shared libraries for the prefix /usr:
 #
-#   cmake -S . -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_SHARED_LIBS=ON -DVELMAR_2D_BUILD_DOCS=ON \
-#         -DVELMAR_2D_BUILD_PYTHON=ON
-#   cmake --build build/deb && (cd build/deb && cpack)
+#   cmake --preset deb && cmake --build --preset deb && (cd build/deb && cpack)
+
+# Who answers for the packages is who makes them, named as for Debian's own tools.
+if(DEFINED ENV{DEBFULLNAME} AND DEFINED ENV{DEBEMAIL})
+  set(maintainer "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
+else()
+  set(maintainer "unknown builder <set-DEBFULLNAME-and-DEBEMAIL@localhost.invalid>")
+endif()
+set(VELMAR_2D_MAINTAINER ${maintainer} CACHE STRING "Maintainer of the Debian packages: Name <address>")
 
 set(abi ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME velmar-2d)
 set(CPACK_PACKAGE_VENDOR "velmar_2d")
-set(CPACK_PACKAGE_CONTACT "The velmar_2d developers <velmar_2d@localhost>")
+set(CPACK_PACKAGE_CONTACT ${VELMAR_2D_MAINTAINER})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -20,13 +26,14 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # One package: its component, name, section, Debian dependencies beside the shared libraries that
-# its files are linked with, and what it is.
+# its files are linked with, and what it is. Each has its own copy of the copyright file.
 macro(velmar_2d_package component name section depends summary)
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}")
+  install(FILES cmake/copyright COMPONENT ${component} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name})
 endmacro()
 set(library libvelmar-2d${abi})
 set(io libvelmar-2d-io${abi})
@@ -38,7 +45,7 @@ velmar_2d_package(io ${io} libs "${library} ${same}"
 velmar_2d_package(dev libvelmar-2d-dev libdevel "${library} ${same}, ${io} ${same}"
   "This package holds the headers and what CMake and pkg-config need.")
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
-  "This package holds the program velmar_2d, which draws, writes and counts meshes.")
+  "This package holds the program velmar_2d, to look at meshes.")
 velmar_2d_package(doc velmar-2d-doc doc ""
   "This package holds the pages, pictures and examples.")
 if(TARGET velmar_2d_python)

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <string>
 
+#include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
@@ -36,28 +37,19 @@ std::int32_t condition(double, double, std::string_view side) {
 
 /// Adapts the mesh once and prints what changed.
 void update(int step, const velmar_2d::size_function& spacing) {
-  const std::int32_t nodes_before = velmar_2d::nb_nodes;
-  const std::int32_t first_new_id = velmar_2d::next_id;
   const auto start = std::chrono::steady_clock::now();
   velmar_2d::update_mesh_no_init(spacing);
   const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
 
-  const std::int32_t inserted = velmar_2d::next_id - first_new_id;
-  const std::int32_t removed = nodes_before + inserted - velmar_2d::nb_nodes;
-  std::printf("update %2d: %6d nodes  %+6d %+6d  %7.2f ms\n", step, velmar_2d::nb_nodes, inserted,
-              -removed, time.count());
+  std::printf("update %2d: %6d nodes  %+6lld %+6lld  %7.2f ms\n", step, velmar_2d::nb_nodes,
+              static_cast<long long>(velmar_2d::update_statistics.inserted),
+              -static_cast<long long>(velmar_2d::update_statistics.removed), time.count());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
-    return 2;
-  }
+  const std::filesystem::path folder = picture_folder(argc, argv);
 
   // 1. The rectangle and its side records.  2. The grid.
   velmar_2d::scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
@@ -79,11 +71,7 @@ int main(int argc, char** argv) {
   std::string picture;
   for (const char* extension : {".svg", ".pdf", ".png"}) {
     picture = (folder / "01_first_mesh").string() + extension;
-    const std::string fault = velmar_2d::io::draw_mesh(picture, options);
-    if (!fault.empty()) {
-      std::fprintf(stderr, "%s\n", fault.c_str());
-      return 2;
-    }
+    require(velmar_2d::io::draw_mesh(picture, options));
   }
 
   // 5. Give it back.

@@ -16,11 +16,11 @@
 //     03_follow_the_data my/folder   pictures go to my/folder/
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
@@ -95,11 +95,7 @@ std::vector<Row> run(bool interpolate, const std::filesystem::path& folder) {
     options.title = "A mesh that follows a front, step " + std::to_string(step);
     char name[40];
     std::snprintf(name, sizeof name, "03_follow_the_data_%03d.png", step);
-    const std::string fault = velmar_2d::io::draw_mesh((folder / name).string(), options);
-    if (!fault.empty()) {
-      std::fprintf(stderr, "%s\n", fault.c_str());
-      std::exit(2);
-    }
+    require(velmar_2d::io::draw_mesh((folder / name).string(), options));
   }
   velmar_2d::delete_mesh();
   return rows;
@@ -108,13 +104,7 @@ std::vector<Row> run(bool interpolate, const std::filesystem::path& folder) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
-    return 2;
-  }
+  const std::filesystem::path folder = picture_folder(argc, argv);
   const std::vector<Row> exact = run(false, folder), interpolated = run(true, folder);
   std::printf("            new values exact            new values interpolated\n");
   std::printf("step    nodes inserted  removed    nodes inserted  removed    error\n");

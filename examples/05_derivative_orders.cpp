@@ -20,6 +20,7 @@
 #include <tuple>
 
 #include "log_log_plot.hpp"
+#include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
 
 namespace {
@@ -100,13 +101,7 @@ void print(const char* name, const Series& series) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
-    return 2;
-  }
+  const std::filesystem::path folder = picture_folder(argc, argv);
   Series uniform, adapted;
   for (std::size_t i = 0; i < grids.size(); ++i) {
     uniform[i] = measure(grids[i], false);
@@ -128,10 +123,7 @@ int main(int argc, char** argv) {
     plot.add(hessian);
   }
   const std::string picture = (folder / "05_derivative_orders.svg").string();
-  if (const std::string fault = plot.draw(picture); !fault.empty()) {
-    std::fprintf(stderr, "%s\n", fault.c_str());
-    return 2;
-  }
+  require(plot.draw(picture));
   const auto last_orders = [](const Series& s, double Errors::*error_of) {
     return order(s[s.size() - 2].*error_of, s.back().*error_of);
   };

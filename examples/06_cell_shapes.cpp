@@ -18,6 +18,7 @@
 #include <numeric>
 #include <string>
 
+#include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
@@ -107,9 +108,7 @@ void draw_shape(cairo_t* pen, Cell* c, int type, double column, double row) {
 
 int main(int argc, char** argv) {
   namespace scenarios = velmar_2d::scenarios;
-  const std::filesystem::path folder = argc > 1 ? argv[1] : "pictures";
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
+  const std::filesystem::path folder = picture_folder(argc, argv);
   const std::string shapes_file = (folder / "06_cell_shapes.png").string();
   const std::string types_file = (folder / "06_cell_types.png").string();
 
@@ -136,6 +135,10 @@ int main(int argc, char** argv) {
   const cairo_status_t status = cairo_surface_write_to_png(surface, shapes_file.c_str());
   cairo_destroy(pen);
   cairo_surface_destroy(surface);
+  if (!complete) require(shapes_file + ": a shape is missing");
+  if (status != CAIRO_STATUS_SUCCESS) {
+    require(shapes_file + ": " + cairo_status_to_string(status));
+  }
 
   velmar_2d::set_subdiv_max(0);  // back to the grid
   velmar_2d::set_subdiv_max(9);
@@ -147,14 +150,7 @@ int main(int argc, char** argv) {
   options.title = "Control cells by their shape";
   options.cells = velmar_2d::io::CellColour::type;
   options.links = false;
-  const std::string fault = velmar_2d::io::draw_mesh(types_file, options);
+  require(velmar_2d::io::draw_mesh(types_file, options));
   velmar_2d::delete_mesh();
-
-  if (!complete || status != CAIRO_STATUS_SUCCESS || !fault.empty()) {
-    std::fprintf(stderr, "%s: %s\n", shapes_file.c_str(),
-                 !complete ? "a shape is missing" : cairo_status_to_string(status));
-    if (!fault.empty()) std::fprintf(stderr, "%s\n", fault.c_str());
-    return 2;
-  }
   std::printf("pictures: %s %s\n", shapes_file.c_str(), types_file.c_str());
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr double decade = 110.0, left = 80.0, right = 230.0, top = 60.0, bottom = 60.0;
+constexpr double left = 80.0, right = 230.0, top = 60.0, bottom = 60.0;
 
 void text(cairo_t* pen, double x, double y, const std::string& words, double align = 0.0) {
   cairo_text_extents_t size;
@@ -34,6 +34,7 @@ std::string LogLogPlot::draw(const std::string& path) const {
       y_high = std::max(y_high, std::ceil(std::log10(y)));
     }
   }
+  const double decade = decade_;
   const double width = (x_high - x_low) * decade, height = (y_high - y_low) * decade;
   cairo_surface_t* surface =
       cairo_svg_surface_create(path.c_str(), left + width + right, top + height + bottom);

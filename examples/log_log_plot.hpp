@@ -20,8 +20,12 @@ class LogLogPlot {
     std::vector<Point> points;  ///< from the left or the right; the name goes to the last one
   };
 
-  LogLogPlot(std::string title, std::string x_name, std::string y_name)
-      : title_(std::move(title)), x_name_(std::move(x_name)), y_name_(std::move(y_name)) {}
+  /// `decade`: width and height of a decade, in points.
+  LogLogPlot(std::string title, std::string x_name, std::string y_name, double decade = 110.0)
+      : title_(std::move(title)),
+        x_name_(std::move(x_name)),
+        y_name_(std::move(y_name)),
+        decade_(decade) {}
 
   void add(Line line) { lines_.push_back(std::move(line)); }
   /// Writes an SVG file. Returns nothing on success, otherwise one line: the path and the reason.
@@ -29,5 +33,6 @@ class LogLogPlot {
 
  private:
   std::string title_, x_name_, y_name_;
+  double decade_;
   std::vector<Line> lines_;
 };

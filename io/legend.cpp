@@ -31,7 +31,7 @@ std::string to_short_text(double value, int digits) {
                                  std::chars_format::general, digits);
   return {text.data(), end.ptr};
 }
-std::string spacing_text(double spacing) { return to_short_text(spacing, 3); }
+std::string rounded_text(double value) { return to_short_text(value, 3); }
 std::string coordinate_text(double coordinate) { return to_short_text(coordinate, 6); }
 
 /// Margin left of the domain: y coordinates stand there.
@@ -86,7 +86,7 @@ std::size_t columns_of_block(double width) {
 constexpr std::array<const char*, 3> side_names = {"Dirichlet", "Neumann", "other"};
 
 void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std::int32_t>& levels,
-                      double left, double top, double column_width) {
+                      bool coloured, double left, double top, double column_width) {
   constexpr std::array<const char*, 3> row_names = {"level", "spacing", "nodes"};
   for (std::size_t row = 0; row < row_names.size(); ++row) {
     set_colour(pen, palette::faint_ink);
@@ -97,7 +97,7 @@ void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std:
     constexpr double pill_width = 34.0, pill_height = 14.0;
     cairo_set_line_cap(pen, CAIRO_LINE_CAP_ROUND);
     cairo_set_line_width(pen, pill_height);
-    set_colour(pen, colour_of_level(survey, level));
+    set_colour(pen, coloured ? colour_of_level(survey, level) : palette::faint_ink);
     cairo_move_to(pen, column - 0.5 * (pill_width - pill_height), top - 4.0);
     cairo_rel_line_to(pen, pill_width - pill_height, 0.0);
     cairo_stroke(pen);
@@ -106,7 +106,7 @@ void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std:
     write(pen, column, top, std::to_string(level), Align::centre);
     choose_font(pen, text_size);
     set_colour(pen, palette::ink);
-    write(pen, column, top + line_height, spacing_text(spacing_of_level(level)), Align::centre);
+    write(pen, column, top + line_height, rounded_text(spacing_of_level(level)), Align::centre);
     write(pen, column, top + 2.0 * line_height,
           to_grouped_text(survey.nodes_of_level[static_cast<std::size_t>(level)]), Align::centre);
     column += column_width;
@@ -139,7 +139,7 @@ void draw_value_scale(cairo_t* pen, const std::array<double, 2>& range, double l
   write(pen, left, row, "value", Align::left);
   const double begin = left + label_width + 6.0;
   set_colour(pen, palette::ink);
-  const std::string lowest = coordinate_text(range[0]);
+  const std::string lowest = rounded_text(range[0]);
   write(pen, begin, row, lowest, Align::left);
   cairo_text_extents_t extents;
   cairo_text_extents(pen, lowest.c_str(), &extents);
@@ -156,7 +156,7 @@ void draw_value_scale(cairo_t* pen, const std::array<double, 2>& range, double l
   cairo_fill(pen);
   cairo_pattern_destroy(scale);
   set_colour(pen, palette::ink);
-  write(pen, scale_left + width + 8.0, row, coordinate_text(range[1]), Align::left);
+  write(pen, scale_left + width + 8.0, row, rounded_text(range[1]), Align::left);
 }
 
 /// A patch for each type of shape inside, one for sides and one for corners.
@@ -272,19 +272,22 @@ void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
   if (!has_words(options)) return;
   choose_font(pen, text_size);
   const std::vector<std::int32_t> levels = levels_that_occur(survey);
-  const std::size_t columns = columns_of_block(options.width);
+  // As many blocks as are needed, all of the same width.
+  const std::size_t blocks = std::max<std::size_t>(nb_blocks(survey, options.width), 1);
+  const std::size_t columns = (levels.size() + blocks - 1) / blocks;
+  const bool levels_have_colours =
+      options.links || options.nodes || options.cells == CellColour::level;
   // The columns stand under the domain where it is wide enough, their labels left of it.
   const double left = std::max(margin, view.left - label_width);
   const double room = std::max(view.left + view.width, options.width - left) - left - label_width;
-  const double column_width =
-      std::min(room / static_cast<double>(std::min(columns, levels.size())), 100.0);
+  const double column_width = std::min(room / static_cast<double>(columns), 100.0);
   double top = view.top + view.height + 48.0;
   for (std::size_t first = 0; first < levels.size(); first += columns) {
     const std::size_t end = std::min(first + columns, levels.size());
     draw_level_block(pen, survey,
                      {levels.begin() + static_cast<std::ptrdiff_t>(first),
                       levels.begin() + static_cast<std::ptrdiff_t>(end)},
-                     margin, top, column_width);
+                     levels_have_colours, margin, top, column_width);
     top += block_height;
   }
   if (options.cells == CellColour::value) {

@@ -44,7 +44,7 @@ constexpr std::array<Stop, 5> stops = {{{0.80, 0.115, 95.0},
 }  // namespace
 
 Colour on_scale(double value) {
-  const double last = static_cast<double>(stops.size() - 1);
+  const auto last = static_cast<double>(stops.size() - 1);
   const double place = std::clamp(value, 0.0, 1.0) * last;
   const double whole = std::min(std::floor(place), last - 1.0);
   const double part = place - whole;

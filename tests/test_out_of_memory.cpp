@@ -1,12 +1,19 @@
-// Exhausted memory, and work that must take none, in a program of its own because it replaces the
-// global allocation functions.
+// Exhausted memory, work that must take none, and a long life in the same memory; in a program of
+// its own because it replaces the global allocation functions.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <new>
+#include <numbers>
 #include <set>
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
+#include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
 
 namespace {
@@ -15,7 +22,8 @@ namespace {
 std::size_t smallest_refused = 1, largest_refused = 0;
 constexpr long no_end = -1;
 long still_granted = no_end;
-long in_use = 0;  // allocations not given back yet
+long in_use = 0;        // allocations not given back yet
+long bytes_in_use = 0;  // and their size
 
 bool is_refused(std::size_t size) {
   if (still_granted == 0) return true;
@@ -31,6 +39,7 @@ void refuse(std::size_t smallest, std::size_t largest) {
 [[gnu::noinline]] void* allocate(std::size_t size) {
   void* memory = is_refused(size) ? nullptr : std::malloc(size);
   in_use += memory != nullptr ? 1 : 0;
+  bytes_in_use += static_cast<long>(malloc_usable_size(memory));
   return memory;
 }
 [[gnu::noinline]] void* allocate(std::size_t size, std::align_val_t alignment) {
@@ -38,10 +47,12 @@ void refuse(std::size_t smallest, std::size_t largest) {
   const std::size_t whole = (size + multiple - 1) / multiple * multiple;
   void* memory = is_refused(size) ? nullptr : std::aligned_alloc(multiple, whole);
   in_use += memory != nullptr ? 1 : 0;
+  bytes_in_use += static_cast<long>(malloc_usable_size(memory));
   return memory;
 }
 [[gnu::noinline]] void give_back(void* memory) {
   in_use -= memory != nullptr ? 1 : 0;
+  bytes_in_use -= static_cast<long>(malloc_usable_size(memory));
   std::free(memory);
 }
 
@@ -118,31 +129,60 @@ TEST(OutOfMemory, ForTheLevelArrays) {
       1000 * sizeof(Handle));
 }
 
+TEST(OutOfMemory, ForTheCheck) {
+  expect_end(
+      [] {
+        scenarios::init_unit_square(20, 20, 1);  // two tables of 1024 slots, of 8 and of 16 bytes
+        std::vector<Finding> findings;
+        refuse(8192, SIZE_MAX);
+        check_mesh(findings);
+      },
+      24 * 1024);
+}
+
+// Where no large block is left, small ones go on.
+TEST(OutOfMemory, ComesOnlyWhenSmallBlocksAreUsedUpToo) {
+  scenarios::init_unit_square(20, 20, 4);
+  refuse((1 << 16) + 1, SIZE_MAX);
+  update_mesh_no_init(scenarios::even_spacing(0.3 * dist_0));
+  refuse(1, 0);
+  EXPECT_GT(nb_nodes, 1000);
+  delete_mesh();
+}
+
+constexpr auto exhaust = [](long granted) {
+  still_granted = granted;
+  double y_max = 0.0;
+  init_mesh(scenarios::all_dirichlet, 5, 5, 8, y_max);
+  for (int i = 0; i < 4; ++i) update_mesh_no_init(scenarios::even_spacing(0.02));
+  set_subdiv_max(2);
+  set_subdiv_max(100);
+  still_granted = no_end;
+};
+
 // Memory ends after ever more allocations, until the work is done: nodes with three values take one
 // each. What exists then is whole, and all of it can be given back without memory.
 TEST(OutOfMemory, AnywhereLosesNoNode) {
   n_cell_data = 3;
   scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
-  const bc_type_function kinds = scenarios::all_dirichlet;
-  const size_function spacing = scenarios::even_spacing(0.02);
   std::array<char, 64> text{};
   message_handler = [&](std::string_view block) { block.copy(text.data(), text.size()); };
-  fatal_handler = [](std::string_view) { throw 1; };
+  fatal_handler = [&](std::string_view block) {
+    block.copy(text.data(), text.size());
+    throw 1;
+  };
   const long before = in_use;
   std::set<std::int32_t> node_counts;
   bool done = false;
-  for (long granted = 0; !done; granted += 1 + granted / 8) {
-    still_granted = granted;
+  for (long granted = 0; !done; granted += 1 + granted / 64) {
+    text = {};
     try {
-      double y_max = 0.0;
-      init_mesh(kinds, 5, 5, 8, y_max);
-      for (int i = 0; i < 4; ++i) update_mesh_no_init(spacing);
-      set_subdiv_max(2);
-      set_subdiv_max(100);
+      exhaust(granted);
       done = true;
     } catch (int) {
+      still_granted = no_end;
+      EXPECT_EQ(std::string_view(text.data()).substr(0, 17), "Error allocating ");
     }
-    still_granted = no_end;
     std::vector<Finding> findings;
     EXPECT_EQ(check_mesh(findings), 0U) << granted;
     const std::int32_t nodes = nb_nodes;
@@ -155,11 +195,16 @@ TEST(OutOfMemory, AnywhereLosesNoNode) {
       EXPECT_EQ(text.data(), " nb of deallocated nodes: " + std::to_string(nodes));
     }
   }
-  EXPECT_GT(node_counts.size(), 20U) << "provoked in the middle of updates";
+  EXPECT_GT(node_counts.size(), 100U) << "provoked in the middle of updates";
   node_counts.clear();
   EXPECT_EQ(in_use, before);
-  n_cell_data = 0;
   fatal_handler = message_handler = nullptr;
+  for (const long granted : {40, 150, 600, 2000}) {  // without handlers, the end of the process
+    const ChildEnd end = run_in_child([&] { exhaust(granted); });
+    EXPECT_EQ(end.output, "Error allocating 24 bytes\n") << granted;
+    EXPECT_EQ(end.exit_status, EXIT_FAILURE);
+  }
+  n_cell_data = 0;
 }
 
 // Far from the origin the search for a stencil runs twice.
@@ -183,6 +228,64 @@ TEST(NoMemory, ForTheDerivatives) {
     });
     EXPECT_EQ(end.exit_status, 0) << end.output;
   }
+}
+
+long resident_kilobytes() {
+  std::ifstream status("/proc/self/statm");
+  long pages = 0, resident = 0;
+  status >> pages >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// VELMAR_2D_LONG_LIFE=1 in the environment takes a larger mesh and tells about it: see
+// docs/reliability.md.
+TEST(LongLife, EndsInTheSameMemory) {
+  const bool large = std::getenv("VELMAR_2D_LONG_LIFE") != nullptr;
+  message_handler = [](std::string_view) {};
+  n_cell_data = 2;
+  std::vector<Finding> findings;
+  const scenarios::Ring start{1.0, 2.0, 1.0};
+  const auto spacing_around = [&](const scenarios::Ring& ring) {
+    return scenarios::ring_spacing(ring, large ? 0.1 : 0.4, large ? 0.01 : 0.25, 1.0);
+  };
+  const size_function spacing = spacing_around(start);
+  const std::int32_t limit = large ? 14 : 5;
+  const long before = bytes_in_use;
+  for (int round = 0; round < 2000; ++round) {
+    make_grid(3 + round % 4, 3 + round % 3, limit);
+    update_mesh_no_init(spacing);
+    if (round % 2 == 0) split_sublists();
+    delete_mesh();
+    ASSERT_EQ(nb_nodes, 0);
+    ASSERT_EQ(bytes_in_use, before) << "round " << round;
+    if (large && round % 500 == 499) {
+      std::printf("round %d: %ld kB resident\n", round + 1, resident_kilobytes());
+    }
+  }
+
+  // A front that comes back to its place every 50 updates.
+  constexpr int period = 50, nb_updates = 5000;
+  make_grid(5, 5, limit);
+  long most_bytes = 0, most_bytes_at_first = 0;
+  for (int i = 1; i <= nb_updates; ++i) {
+    const double angle = 2.0 * std::numbers::pi * i / period;
+    update_mesh_no_init(spacing_around({2.0 + std::sin(angle), 2.0 + 0.3 * std::cos(angle), 1.0}));
+    most_bytes = std::max(most_bytes, bytes_in_use);
+    if (i == 4 * period) most_bytes_at_first = most_bytes;
+    if (i % period != 0) continue;
+    ASSERT_EQ(check_mesh(findings), 0U) << "update " << i;
+    ASSERT_TRUE(mesh_is_whole()) << "update " << i;
+    if (large && i % 500 == 0) {
+      std::printf("update %d: %d nodes, %ld kB in use, %ld kB resident\n", i, nb_nodes,
+                  bytes_in_use / 1024, resident_kilobytes());
+    }
+  }
+  EXPECT_LE(most_bytes, most_bytes_at_first);
+  delete_mesh();
+  std::vector<Finding>().swap(findings);
+  EXPECT_EQ(bytes_in_use, before);
+  n_cell_data = 0;
+  message_handler = nullptr;
 }
 
 }  // namespace

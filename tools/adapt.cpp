@@ -46,6 +46,9 @@ void set_sides(const Domain& domain) {
 
 constexpr int most_squares = 4096;
 
+/// Leaves an update from within its size function.
+struct TooManyNodes {};
+
 }  // namespace
 
 std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain& domain,
@@ -69,24 +72,24 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
   const auto wanted = field.make(wish, finest);
   Progress progress;
   const auto begin = Clock::now();
-  bool is_full = false;
   constexpr unsigned calls_per_look = 4096;
   unsigned calls = 0;
   const size_function size = [&](double x, double y, std::span<const double>, double, double) {
     if (++calls % calls_per_look == 0) progress.tell(outcome.updates + 1);
-    is_full = is_full || nb_nodes > options.max_nodes;
-    return is_full ? HUGE_VAL : wanted(x, y);
+    if (nb_nodes > options.max_nodes) throw TooManyNodes{};
+    return wanted(x, y);
   };
 
   const int most = options.updates > 0 ? options.updates : most_updates;
   while (outcome.updates < most && !(options.updates == 0 && outcome.is_settled)) {
     const std::int32_t before = nb_nodes;
-    update_mesh_no_init(size);
-    ++outcome.updates;
-    if (is_full) {
+    try {
+      update_mesh_no_init(size);
+    } catch (const TooManyNodes&) {
       return "more than " + std::to_string(options.max_nodes) +
              " nodes are wanted; lower --limit or raise --max-nodes";
     }
+    ++outcome.updates;
     outcome.is_settled = before == nb_nodes;
   }
   outcome.seconds = std::chrono::duration<double>(Clock::now() - begin).count();

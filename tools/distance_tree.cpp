@@ -71,8 +71,8 @@ double DistanceTree::distance(Point p) const {
   waiting[nb_waiting++] = {squared_distance(nodes_.front().box, p), 0};
   double best = std::numeric_limits<double>::infinity();
   while (nb_waiting > 0) {
-    const auto [distance, index] = waiting[--nb_waiting];
-    if (distance >= best) continue;
+    const auto [box_distance, index] = waiting[--nb_waiting];
+    if (box_distance >= best) continue;
     const Node& node = nodes_[index];
     if (node.count > 0) {
       for (std::uint32_t i = node.first; i < node.first + node.count; ++i) {

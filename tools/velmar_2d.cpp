@@ -2,13 +2,18 @@
 #include "velmar_2D/velmar_2D.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <new>
+#include <numeric>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -80,12 +85,12 @@ void add_mesh_options(CLI::App& command, Options& options) {
   tools::MeshOptions& mesh = options.mesh;
   constexpr double smallest_length = 1e-300, largest_length = 1e300;
   command.add_option("FIELD", field.text, "expression, picture, or file of points and lines")
-      ->type_name("")
+      ->option_text(" ")
       ->required();
-  command.add_option("--domain", options.domain, "west, east, south and north side of the domain")
-      ->type_name("X X Y Y")
-      ->type_size(1)
-      ->expected(4);
+  command.add_option("--domain", options.domain, "the sides of the domain")
+      ->type_name("WEST EAST SOUTH NORTH")
+      ->type_size(4)
+      ->expected(1);
   add_number(command, "--squares", mesh.squares, "N", 1, 1024,
              "base squares along the shorter side of the domain");
   add_number(command, "--limit", mesh.limit, "LEVEL", 0, 40,
@@ -185,6 +190,28 @@ std::string choose_domain(const Options& options, const tools::SizeField& field,
   return {};
 }
 
+/// The program speaks for itself: the library keeps silent, waits for nobody, and what would end
+/// the process becomes an exception with the message in one line.
+void take_over_messages() {
+  message_handler = [](std::string_view) {};
+  pause_handler = [](std::string_view) {};
+  fatal_handler = [](std::string_view text) {
+    std::istringstream words{std::string(text)};
+    std::string line, word;
+    while (words >> word) line += (line.empty() ? "" : " ") + word;
+    throw std::runtime_error(line);
+  };
+}
+
+/// Number of base squares along the shorter side of a picture, next to `wish`, that fill it without
+/// a rest; `wish` itself where there is none near.
+int squares_that_fill(const io::Image& picture, int wish) {
+  const int least =
+      std::min(picture.width, picture.height) / std::gcd(picture.width, picture.height);
+  const int filling = least * std::max(1, (wish + least / 2) / least);
+  return filling <= 2 * wish ? filling : wish;
+}
+
 int run(int argc, char** argv) {
   Options options;
   CLI::App app(description, "velmar_2d");
@@ -234,10 +261,18 @@ int run(int argc, char** argv) {
     return fail(error);
   }
   const tools::Domain wish = domain;
+  const bool squares_given = app.get_subcommands().front()->count("--squares") > 0;
+  if (field.picture != nullptr && options.domain.empty() && !squares_given) {
+    options.mesh.squares = squares_that_fill(*field.picture, options.mesh.squares);
+  }
   tools::Outcome outcome;
   if (const std::string error = tools::make_mesh(field, options.mesh, domain, outcome);
       !error.empty()) {
     return fail(error);
+  }
+  constexpr double patience = 1.0;  // seconds
+  if (outcome.seconds > patience && !stats_command->parsed()) {
+    std::fprintf(stderr, "writing %d nodes to %s\n", nb_nodes, options.output.c_str());
   }
   if (draw_command->parsed()) return draw(options, field, wish);
   if (vtu_command->parsed()) return write_vtu(options);
@@ -247,9 +282,15 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  int status = bad_input;
+  take_over_messages();
   try {
-    return run(argc, argv);
+    status = run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    fail("memory is exhausted");
   } catch (const std::exception& error) {
-    return fail(error.what());
+    fail(error.what());
   }
+  if (nb_nodes > 0) delete_mesh();
+  return status;
 }

@@ -67,7 +67,7 @@ struct Proposals {
   std::array<Vertex, 4>& list;
   std::int32_t& n;
 
-  static bool admits(const Cell&) { return true; }
+  static bool admits(const Cell& /*c*/) { return true; }
 
   /// Centre of the closed figure c, tmp1, tmp2, tmp3: a square or a full diamond.
   void add_centre(Cell& c, Cell& tmp1, Cell& tmp2, Cell& tmp3, double delta, int offset) {

@@ -83,7 +83,8 @@ constexpr Surroundings surroundings_from(std::string_view representative) {
   Surroundings s;
   for (int d = 0; d < nb_directions; ++d) {
     const char there = representative[static_cast<std::size_t>(d)];
-    if (there != '.') s.levels |= in_direction(d, static_cast<std::uint64_t>(there - '0' + 1));
+    const int stored = there - '0' + 1;
+    if (there != '.') s.levels |= in_direction(d, static_cast<std::uint64_t>(stored));
   }
   return s;
 }
@@ -118,8 +119,8 @@ constexpr void measure(KnownShape& shape, int level) {
     if (byte_at(s.levels, d) == 0) continue;
     const auto i = static_cast<std::size_t>(d);
     const int spacing_level = static_cast<int>(byte_at(s.levels, d)) - 1 + level;
-    const int halves =
-        (byte_at(missing.clockwise, d) == 0) + (byte_at(missing.anticlockwise, d) == 0);
+    const int halves = (byte_at(missing.clockwise, d) == 0 ? 1 : 0) +
+                       (byte_at(missing.anticlockwise, d) == 0 ? 1 : 0);
     shape.distance[i] = exact_power_of_2(-((spacing_level + 1) >> 1));
     shape.length[i] = halves * shape.distance[i] / 2;
     shape.area += halves * exact_power_of_2(level - spacing_level) / 8;

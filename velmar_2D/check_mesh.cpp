@@ -41,7 +41,7 @@ class NodeTable {
     return std::bit_ceil(2 * nb_nodes_at_most + 2);
   }
   static std::size_t bytes(std::size_t nb_nodes_at_most) {
-    return nb_slots(nb_nodes_at_most) * (sizeof(const Cell*) + sizeof(PlaceSlot));
+    return nb_slots(nb_nodes_at_most) * (sizeof(void*) + sizeof(PlaceSlot));
   }
 
   /// False where the node is in the table already.

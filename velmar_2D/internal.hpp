@@ -133,7 +133,7 @@ class MeshChange {
  private:
   std::string_view operation_;
   int exceptions_before_;
-  bool was_whole_;
+  bool was_whole_ = false;
 #else
   explicit MeshChange(std::string_view /*operation*/) {}
 #endif

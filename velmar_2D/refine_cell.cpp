@@ -26,7 +26,7 @@ void refine_cell(Cell*& c, bool special) {
   for (std::int32_t i = 0; i < n; ++i) {
     const Vertex& v = vertex_list[static_cast<std::size_t>(i)];
     if (!wanted(v, special)) {
-      if (!special && v.level > level_max) ++update_statistics.refused;
+      if (!special && v.level >= level_max) ++update_statistics.refused;
       continue;
     }
     if (v.level % 2 == 1) {

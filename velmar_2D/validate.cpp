@@ -59,7 +59,7 @@ void end_with(std::string_view operation, const Finding& finding) {
 }  // namespace
 
 MeshChange::MeshChange(std::string_view operation)
-    : operation_(operation), exceptions_before_(std::uncaught_exceptions()), was_whole_(false) {
+    : operation_(operation), exceptions_before_(std::uncaught_exceptions()) {
   if (++changes_under_way > 1) return;
   std::vector<Finding> findings;
   was_whole_ = is_whole("", findings);

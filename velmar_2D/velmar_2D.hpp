@@ -184,7 +184,8 @@ class UserReference {
   /// The object, or nullptr where none was set or where it was set with another type.
   template <typename T>
   T* get() const {
-    return tag_ == &tag_of<T> ? static_cast<T*>(object_) : nullptr;
+    const char* const tag = &tag_of<T>;
+    return tag == tag_ ? static_cast<T*>(object_) : nullptr;
   }
 
  private:

@@ -53,7 +53,7 @@ class Run {
       } catch (const Thrown& thrown) {
         judge_end(thrown.what());
       }
-      message_handler = [](std::string_view) {};
+      message_handler = pause_handler = [](std::string_view) {};
       if (fault_.empty()) check();
     }
     clear();
@@ -154,8 +154,9 @@ class Run {
   }
 
   std::int32_t limit() {
-    constexpr std::array<std::int32_t, 16> limits = {0, 1,  2,  3,  4,  5,  6,       7,
-                                                     8, 10, 12, 30, 63, -1, 2000000, -2147483647};
+    constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::array<std::int32_t, 16> limits = {0, 1,    2,  3,  4,  5,  6,       7,
+                                                     8, 1000, 12, 30, 63, -1, 2000000, lowest};
     return bytes_.one_of(limits);
   }
 
@@ -169,9 +170,14 @@ class Run {
   }
 
   bc_type_function sides() {
-    const std::int32_t kind = bytes_.below(8);
+    const std::int32_t byte = bytes_.next(), kind = byte % 8;
     if (kind == 7) return nullptr;
-    return [this, kind](double x, double y, std::string_view side) {
+    return [this, byte, kind](double x, double y, std::string_view side) {
+      constexpr std::int32_t hostile_from = 240;
+      if (byte >= hostile_from && x > 0.5) {
+        regular_ = false;
+        return byte % 2 == 0 ? byte : std::numeric_limits<std::int32_t>::min();
+      }
       if (kind < 3) return kind;
       if (kind == 3) return side.size() % 3 == 0 ? 1 : 0;
       if (kind == 4) return x > 0.5 ? 2 : 1;
@@ -301,8 +307,8 @@ class Run {
     switch (bytes_.below(4)) {
       case 0: delete_mesh(); break;
       case 1:
-        message_handler = [](std::string_view) { throw Thrown("message"); };
-        delete_mesh();
+        message_handler = pause_handler = [](std::string_view) { throw Thrown("message"); };
+        nb_nodes > 0 ? delete_mesh() : make_mesh();
         break;
       case 2: bc_type_ptr = nullptr; break;
       default: data_interpolation = !data_interpolation;

@@ -4,14 +4,15 @@
 #
 #   check_packages.sh BUILD PREFIX [PYTHON]
 #
-# PYTHON is the interpreter for which the build has a package. PREFIX is where the same build was installed by `cmake --install`.
+# PREFIX is where the same build was installed by `cmake --install`. PYTHON is the interpreter for
+# which it has a package, if it has one.
 set -eu
 build=$1 prefix=$2 python=${3:-}
 root=$build/root
 fail() { echo "$*"; exit 1; }
 # Without root rights files cannot be given to root; fakeroot pretends.
 if [ "$(id -u)" -ne 0 ]; then
-  command -v fakeroot >/dev/null || exit 77
+  command -v fakeroot >/dev/null || fail "without root rights fakeroot is needed"
   [ -n "${FAKEROOTKEY:-}" ] || exec fakeroot "$0" "$@"
 fi
 

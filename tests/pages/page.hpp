@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,18 +26,17 @@ inline void make_mesh() {
   n_cell_data = 1;
   double y_max = 1.0;
   init_mesh([](double, double, std::string_view) { return bc_type_dir; }, 9, 9, 8, y_max);
-  update_mesh_init(
-      [](double x, double y, std::span<const double>, double, double) {
-        return 0.02 + 0.2 * std::abs(std::hypot(x, y) - 0.7);
-      },
-      [](double x, double y) { return x * x + y; });
+  update_mesh_init([](double x, double y, std::span<const double>, double,
+                      double) { return 0.02 + 0.2 * std::abs(std::hypot(x, y) - 0.7); },
+                   [](double x, double y) { return x * x + y; });
 }
 
-/// Runs a block, its output between two marks, and leaves no mesh to the next one.
+/// Runs a block, its output between two marks, and leaves no mesh and no handler to the next one.
 inline void run(int (*block)()) {
   std::printf("<<begin>>\n");
   if (block() != 0) std::exit(EXIT_FAILURE);
   std::printf("<<end>>\n");
+  velmar_2d::message_handler = velmar_2d::pause_handler = velmar_2d::fatal_handler = nullptr;
   if (velmar_2d::nb_nodes > 0) velmar_2d::delete_mesh();
   velmar_2d::n_cell_data = 0;
 }

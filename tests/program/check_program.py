@@ -1,6 +1,6 @@
 """Runs the program velmar_2d.
 
-    check_program.py PROGRAM FOLDER
+    check_program.py PROGRAM MANUAL FOLDER
 """
 import json
 import os
@@ -17,7 +17,7 @@ import zlib
 import meshio
 import numpy
 
-PROGRAM, FOLDER = sys.argv.pop(1), sys.argv.pop(1)
+PROGRAM, MANUAL, FOLDER = (sys.argv.pop(1) for _ in range(3))
 
 
 def run(*arguments):
@@ -45,7 +45,7 @@ def png(rows):
 class Program(unittest.TestCase):
     def assert_done(self, done):
         self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertRegex(done.stderr, r"^(update \d+: \d+ nodes, \d+ s\n)*$")
+        self.assertRegex(done.stderr, r"^((update \d+: \d+ nodes, \d+ s|writing .*)\n)*$")
 
     def mesh(self, *arguments):
         done = run("vtu", *arguments, "-o", "mesh.vtu")
@@ -118,6 +118,10 @@ class Program(unittest.TestCase):
             with open(os.path.join(FOLDER, arguments[-1]), "rb") as file:
                 self.assertEqual(file.read(len(begin)), begin)
 
+        # 60 x 45 pixels are 20 x 15 squares: none is left over at a side.
+        done = run("stats", write("wide.png", png([[0] * 60] * 45)))
+        self.assertRegex(done.stdout, "^domain: x 0 to 60, y 0 to 45; base squares of 3\n")
+
     def test_stats(self):
         done = run("stats", "0.03", "--squares", "8", "--updates", "6")
         self.assert_done(done)
@@ -157,6 +161,8 @@ class Program(unittest.TestCase):
                 (["stats", "1", "--domain", "0", "1", "0", "nan"], "--domain"),
                 (["stats", "1", "--domain", "0", "1", "0", "1e9"], "long and thin"),
                 (["stats", "1", "--domain", "1e20", "1.0000000000000002e20", "0", "1"], "domain"),
+                # Neighbours would get one and the same place: the library itself refuses.
+                (["stats", "1", "--domain", "1e15", "1000000000000001", "0", "1"], "init_mesh.*too small"),
                 (["stats", "0", "--limit", "30", "--max-nodes", "5000"], "5000 nodes"),
                 (["draw", "1", "--over-picture"], "no picture"),
                 (["draw", "1", "-o", "mesh.bmp"], "mesh.bmp: "),
@@ -172,9 +178,15 @@ class Program(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(FOLDER)), files, "files were left")
 
     def test_help(self):
+        with open(MANUAL) as file:
+            manual = file.read().replace("\\-", "-")
         for arguments in (["--help"], ["draw", "--help"], ["vtu", "--help"], ["stats", "--help"]):
             done = run(*arguments)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
+            options = re.findall(r"--[a-z-]+", done.stdout)
+            self.assertGreaterEqual(len(options), 2)
+            for option in options:
+                self.assertRegex(manual, rf"{option}\b(?!-)", "not in the manual")
         # Every example in the help works.
         examples = re.findall(r"^  velmar_2d (\w+) (.*)$", run("--help").stdout, re.M)
         self.assertEqual(len(examples), 4)

@@ -1,6 +1,7 @@
 #include "support/mesh_view.hpp"
 
 #include <cmath>
+#include <cstring>
 #include <sstream>
 
 namespace velmar_2d::tests {
@@ -72,15 +73,24 @@ std::vector<std::string> describe_mesh() {
 }
 
 std::string fingerprint() {
+  const auto mix = [](std::uint64_t h, auto part) {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &part, sizeof part);
+    h = (h ^ bits) * 0x9e3779b97f4a7c15U;
+    return h ^ (h >> 29);
+  };
+  const auto place = [&](const Cell& c) { return mix(mix(1, c.x), c.y); };
   std::uint64_t sum = 0;
   for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
-    std::uint64_t h = 0;
-    for (const double part : {std::ldexp(offset_x(*c), 16), std::ldexp(offset_y(*c), 16),
-                              static_cast<double>(c->level)}) {
-      h = (h ^ static_cast<std::uint64_t>(std::llround(part))) * 0x9e3779b97f4a7c15U;
-      h ^= h >> 29;
+    std::uint64_t h = mix(mix(mix(place(*c), c->ipos), c->level), c->reserve);
+    for (const NeighbourLink link : {c->n, c->ne, c->e, c->se, c->s, c->sw, c->w, c->nw}) {
+      const Boundary* side = link.boundary();
+      h = mix(h, link.cell() != nullptr ? place(*link.cell())
+                 : side != nullptr      ? static_cast<std::uint64_t>(side->bc_type) + 2
+                                        : 1U);
     }
-    sum += h;
+    for (const double value : c->data) h = mix(h, value);
+    sum += n_cell_data > 0 ? mix(mix(h, c->grad_data), c->grad2_data) : h;
   }
   std::ostringstream text;
   text << nb_nodes << " nodes, " << std::hex << sum;

@@ -1,0 +1,66 @@
+"""Counts the instructions of fixed cases and compares them with stored counts.
+
+    instructions.py check PROGRAM COUNTS CASE     fails if a count differs by more than the margin
+    instructions.py store PROGRAM COUNTS          counts all cases and stores them
+
+COUNTS is a text file: the compiler on the first line, then a case and its count on each line. With
+another compiler there is nothing to compare with, and the check ends with 77: skipped.
+"""
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+MARGIN = 0.03
+CASES = ["ring", "front", "derivatives"]
+SKIPPED = 77
+
+
+def compiler_of(program):
+    return subprocess.run([program, "compiler"], capture_output=True, text=True,
+                          check=True).stdout.strip()
+
+
+def count(program, case):
+    with tempfile.TemporaryDirectory() as folder:
+        done = subprocess.run(
+            ["valgrind", "--tool=callgrind", "--collect-atstart=no",
+             "--toggle-collect=measured_work", "--cache-sim=no",
+             "--callgrind-out-file=" + os.path.join(folder, "out"), program, case],
+            capture_output=True, text=True)
+    found = re.search(r"Collected : (\d+)", done.stderr)
+    if done.returncode != 0 or found is None or int(found[1]) == 0:
+        sys.exit(f"{case}: nothing was counted\n{done.stderr}")
+    return int(found[1])
+
+
+def read(path):
+    with open(path) as file:
+        compiler, *lines = file.read().splitlines()
+    return compiler, {name: int(number) for name, number in (line.split() for line in lines)}
+
+
+def check(program, path, case):
+    compiler, stored = read(path)
+    if compiler_of(program) != compiler:
+        print(f"the counts were stored with {compiler}, this is {compiler_of(program)}")
+        sys.exit(SKIPPED)
+    now, before = count(program, case), stored[case]
+    change = now / before - 1.0
+    print(f"{case}: {now} instructions, {before} stored, {100.0 * change:+.1f} %")
+    if abs(change) > MARGIN:
+        what = "slower" if change > 0 else "faster: keep it so by storing the new count"
+        sys.exit(f"{case} has become {what}\n"
+                 f"    {sys.executable} {os.path.abspath(__file__)} store {program} {path}")
+
+
+def store(program, path):
+    lines = [compiler_of(program)] + [f"{case} {count(program, case)}" for case in CASES]
+    with open(path, "w") as file:
+        file.write("\n".join(lines) + "\n")
+    print("\n".join(lines))
+
+
+if __name__ == "__main__":
+    {"check": check, "store": store}[sys.argv[1]](*sys.argv[2:])
