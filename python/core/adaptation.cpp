@@ -37,7 +37,7 @@ std::shared_ptr<BulkKinds> bulk_kinds;
 
 /// All places of the first grid that lie on sides, computed as init_mesh() does.
 void expect_first_grid(const std::array<double, 4>& rectangle, std::int32_t nx, std::int32_t ny) {
-  const auto [west, east, south, north] = rectangle;
+  const double west = rectangle[0], east = rectangle[1], south = rectangle[2], north = rectangle[3];
   const double dx = (east - west) / (nx - 1);
   double dy = (north - south) / (ny - 1);
   constexpr double square_tolerance = 2.220446049250313e-15;
