@@ -11,6 +11,7 @@ from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
 ROOT = pathlib.Path(__file__).resolve().parent
+PROJECT = (ROOT / "CMakeLists.txt").read_text().split("project(")[1]
 SCRATCH = pathlib.Path("build/pip")  # nothing is left anywhere else in the source tree
 
 
@@ -34,7 +35,7 @@ class BuildByCMake(build_ext):
 os.chdir(ROOT)
 SCRATCH.mkdir(parents=True, exist_ok=True)
 setup(
-    version=re.search(r"VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text().split("project(")[1])[1],
+    version=re.search(r"VERSION ([\d.]+)", PROJECT)[1],
     package_dir={"": "python"},
     packages=["velmar_2d"],
     package_data={"velmar_2d": ["py.typed", "*.pyi"]},

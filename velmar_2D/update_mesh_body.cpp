@@ -81,7 +81,7 @@ class SizesInBatches {
       }
       sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
     } catch (const std::bad_alloc&) {
-      allocation_failed((nodes_.size() + 1) * (sizeof(Cell*) + sizeof(double)));
+      allocation_failed((nodes_.size() + 1) * (sizeof(void*) + sizeof(double)));
     }
     next_ = 0;
     if (!nodes_.empty()) size_fun_(nodes_, sizes_);

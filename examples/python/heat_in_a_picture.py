@@ -92,8 +92,9 @@ def draw(mesh, ax, plate, frame):
     mesh.plot("field", "value", ax=ax, vmin=0.0, vmax=HOT, cmap="inferno", colorbar=False)
     mesh.plot("links", "white", ax=ax, linewidths=0.25, alpha=0.35)
     rows, columns = plate.brightness.shape
-    ax.contour(np.linspace(0.0, plate.width, columns), np.linspace(1.0, 0.0, rows), plate.brightness,
-               levels=[0.3, 0.6], colors="deepskyblue", linewidths=0.7)
+    ax.contour(np.linspace(0.0, plate.width, columns), np.linspace(1.0, 0.0, rows),
+               plate.brightness, levels=[0.3, 0.6], colors="deepskyblue",
+               linewidths=0.7)
     ax.set_title(f"frame {frame}: {len(mesh)} nodes")
 
 

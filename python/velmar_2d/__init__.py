@@ -10,8 +10,8 @@
         mesh.update(size)
         print(len(mesh), mesh.nodes.positions, mesh.nodes.links)
 
-There is one mesh at a time in a process. Messages of the library go to the logger "velmar_2d", fatal
-ones are raised as MeshError, and nothing waits for a key.
+There is one mesh at a time in a process. Messages of the library go to the logger "velmar_2d",
+fatal ones are raised as MeshError, and nothing waits for a key.
 """
 from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of

@@ -21,7 +21,8 @@ def laplacian(nodes: Nodes, conductivity: Any, per_area: bool) -> Any:
     if conductivity is not None:
         k = np.asarray(conductivity, dtype=np.float64)
         if k.shape not in ((), (n,)):
-            raise ValueError(f"conductivity has shape {k.shape}; {n} nodes need ({n},) or one number")
+            raise ValueError(f"conductivity has shape {k.shape}; "
+                             f"{n} nodes need ({n},) or one number")
         if not np.all(k >= 0.0):
             raise ValueError("conductivity must not be negative")
         k = np.broadcast_to(k, (n,))

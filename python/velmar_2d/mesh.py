@@ -54,8 +54,8 @@ class Mesh:
     n_cell_data  data values of each node, 0.0 at first
     bc_type      the kind of condition on the sides: DIRICHLET, NEUMANN or OTHER (or their names)
                  for all; a mapping from "north", "east", "south", "west"; or a callable
-                 bc_type(x, y, side) with the side as "North" and so on, kept for later updates. Without:
-                 DIRICHLET
+                 bc_type(x, y, side) with the side as "North" and so on, kept for later updates.
+                 Without: DIRICHLET
     vectorised   whether a callable bc_type takes arrays of places and returns an array of kinds,
                  or takes one place and returns one
 
@@ -254,7 +254,7 @@ class Mesh:
         if cells not in ("triangles", "control_cells"):
             raise ValueError(f"cells is {cells!r}; it must be 'triangles' or 'control_cells'")
         if not _core.has_io:
-            raise _core.MeshError("velmar_2d was built without pugixml: no triangles, no .vtu files")
+            raise _core.MeshError("velmar_2d was built without pugixml: no .vtu files")
         _core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
@@ -286,7 +286,8 @@ def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, floa
     try:
         west, east, south, north = (float(side) for side in rectangle)
     except (TypeError, ValueError):
-        raise ValueError(f"rectangle is {rectangle!r}; it must be (west, east, south, north)") from None
+        raise ValueError(
+            f"rectangle is {rectangle!r}; it must be (west, east, south, north)") from None
     return west, east, south, north
 
 

@@ -53,11 +53,13 @@ def _colours(nodes: Nodes, colour: Any) -> tuple[Any, str]:
         return None, ""
     values = np.asarray(colour, dtype=np.float64)
     if values.shape != (len(nodes),):
-        raise ValueError(f"colour has shape {values.shape}; {len(nodes)} nodes need ({len(nodes)},)")
+        raise ValueError(f"colour has shape {values.shape}; "
+                         f"{len(nodes)} nodes need ({len(nodes)},)")
     return values, ""
 
 
-def _collection(kind: Any, parts: Any, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
+def _collection(kind: Any, parts: Any, values: Any, colour: Any, ax: Any,
+                style: dict[str, Any]) -> Any:
     limits = style.pop("vmin", None), style.pop("vmax", None)
     collection = kind(parts, array=values, **style)
     if values is None:
