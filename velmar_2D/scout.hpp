@@ -50,6 +50,9 @@ class Scout {
   static Scout forwards() { return {&Cell::next, 0, 1}; }
   static Scout backwards() { return {&Cell::prev, trail.size() - 1, -1}; }
 
+  /// The node that the walk comes to after c.
+  const Cell* after(const Cell& c) const { return c.*step_; }
+
   void begin_stretch(Cell* first) {
     far_ = near_ = first;
     if (first != nullptr) request_after(*first, *first);

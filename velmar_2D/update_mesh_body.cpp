@@ -47,7 +47,7 @@ class SizesOneByOne {
  public:
   explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
 
-  void begin_walk(const Cell* /*start*/, Cell* Cell::* /*step*/) {}
+  void begin_walk(Cell* /*start*/, const Scout& /*scout*/) {}
   double at(const Cell& c) const {
     // Without values there are no derivatives, and no need to fetch them.
     if (c.data.empty()) return size_fun_(c.x, c.y, {}, 0.0, 0.0);
@@ -67,13 +67,23 @@ class SizesInBatches {
  public:
   explicit SizesInBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
 
-  void begin_walk(const Cell* start, Cell* Cell::*step) {
+  /// The scout of the walk is copied: it comes this way again.
+  void begin_walk(Cell* start, Scout scout) {
+    scout.begin_stretch(start);
     try {
+      const auto most = static_cast<std::size_t>(nb_nodes);
+      if (nodes_.capacity() < most) {
+        nodes_.reserve(most + most / 2);
+        sizes_.reserve(most + most / 2);
+      }
       nodes_.clear();
-      for (const Cell* c = start; c != nullptr; c = c->*step) nodes_.push_back(c);
+      for (const Cell* c = start; c != nullptr; c = scout.after(*c)) {
+        scout.advance(false);
+        nodes_.push_back(c);
+      }
       sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
     } catch (const std::bad_alloc&) {
-      allocation_failed((nodes_.size() + 1) * (sizeof(Cell*) + sizeof(double)));
+      allocation_failed((nodes_.size() + 1) * (sizeof(void*) + sizeof(double)));
     }
     next_ = 0;
     if (!nodes_.empty()) size_fun_(nodes_, sizes_);
@@ -128,7 +138,7 @@ void refine(Sizes& sizes) {
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
-    sizes.begin_walk(c, &Cell::next);
+    sizes.begin_walk(c, scout);
     scout.begin_stretch(c);
     bool refining = true;
     for (; c != nullptr; c = c->next) {
@@ -147,7 +157,7 @@ void coarsen(Sizes& sizes) {
   trail.begin_recording();
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
-    sizes.begin_walk(c, &Cell::prev);
+    sizes.begin_walk(c, scout);
     scout.begin_stretch(c);
     bool removing = false;
     while (c != nullptr) {
