@@ -24,9 +24,13 @@ struct TooCoarse {
 TooCoarse too_coarse(const Field& field);
 /// Changes with the position of any node, whatever their order.
 std::uint64_t position_hash();
-/// How many updates the field takes from the first grid on, until one more leaves every position as
-/// it is. Ends the process if 40 are too few.
-int updates_needed(const Field& field);
+/// How many updates the field takes from the first grid on.
+struct Updates {
+  int to_resolve = 0;  ///< until no node is coarser than wanted by more than a quarter of a level
+  int to_settle = 0;   ///< until one more leaves every position as it is; the most there can be
+};
+/// Ends the process if 40 updates are too few to settle.
+Updates updates_needed(const Field& field);
 /// Sum over all nodes of their neighbours' values.
 double walk();
 void end();
