@@ -52,21 +52,6 @@ TEST_F(Adaptation, NodesStayUntilTheWantedLevelIsClearlyLower) {
   }
 }
 
-TEST_F(Adaptation, AtTheLimitTheMeshStillFollows) {
-  scenarios::init_unit_square(9, 9, 4);
-  for (int i = 0; i <= 10; ++i)
-    update_mesh_no_init(
-        scenarios::ring_spacing(scenarios::travelling_ring(0.1 * i), 1.0, 0.0, 1.0));
-  int fine_nodes = 0;
-  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
-    if (c->level < 3) continue;
-    ++fine_nodes;
-    EXPECT_LT(scenarios::travelling_ring(1.0).distance(c->x, c->y), 0.2) << c->x << ' ' << c->y;
-  }
-  EXPECT_GT(fine_nodes, 50);
-  EXPECT_TRUE(mesh_is_whole());
-}
-
 TEST_F(Adaptation, SizeFunctionSeesTheDataAndNewNodesTakeThemFromTheChosenSource) {
   n_cell_data = 2;
   make_grid(3, 3, 4);

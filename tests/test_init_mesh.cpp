@@ -1,6 +1,5 @@
 // The uniform grid of level 0.
 #include <iostream>
-#include <map>
 #include <sstream>
 
 #include "scenarios/scenarios.hpp"
@@ -83,27 +82,6 @@ TEST_F(InitMesh, ListOrderAndLinks) {
   EXPECT_EQ(level_beg[1].next, nullptr);
 }
 
-TEST_F(InitMesh, EachSideGetsTheRecordThatTheCallbackSelects) {
-  scenarios::set_domain(0.0, 2.0, 0.0, 2.0);
-  double y_max = 0.0;
-  std::map<std::string, int> calls;
-  init_mesh(
-      [&](double x, double y, std::string_view side) {
-        ++calls[std::string(side)];
-        if (side == "North") return y == 2.0 ? bc_type_neu : -1;
-        if (side == "East") return x == 2.0 ? bc_type_oth : -1;
-        if (side == "South") return y == 0.0 && x < 1.0 ? bc_type_neu : bc_type_dir;
-        return x == 0.0 ? bc_type_oth : -1;
-      },
-      3, 3, 1, y_max);
-  EXPECT_EQ(calls,
-            (std::map<std::string, int>{{"North", 3}, {"East", 3}, {"South", 3}, {"West", 3}}));
-  EXPECT_EQ(links(0, 0), "n(0,1) e(1,0) s[South neu] w[West oth]");
-  EXPECT_EQ(links(1, 0), "n(1,1) e(2,0) s[South] w(0,0)");
-  EXPECT_EQ(links(2, 2), "n[North neu] e[East oth] s(2,1) w(1,2)");
-}
-
-// Division of the width by nx - 1 does not give x_min back exactly; the westmost column does.
 TEST_F(InitMesh, MovesTheNorthSideWhereCellsAreNoSquares) {
   const auto code = [] {
     double y_max = 0.0;

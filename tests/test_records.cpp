@@ -1,5 +1,6 @@
 // Records, copy rules, small accessors, and the state before the first mesh.
 #include <numeric>
+#include <tuple>
 
 #include "support/mesh_view.hpp"
 #include "velmar_2D/velmar_2D.hpp"
@@ -34,12 +35,12 @@ TEST(Records, InitialStateOfTheLibraryAndOfANode) {
 TEST(Records, LinkTellsItsThreeStatesApart) {
   Cell cell;
   Boundary boundary;
-  const NeighbourLink none, to_cell = &cell, to_boundary = &boundary;
-  EXPECT_TRUE(none.empty() && none.cell() == nullptr && none.boundary() == nullptr);
-  EXPECT_TRUE(!to_cell.empty() && to_cell.cell() == &cell && to_cell.boundary() == nullptr);
-  EXPECT_TRUE(!to_boundary.empty() && to_boundary.boundary() == &boundary &&
-              to_boundary.cell() == nullptr);
-  EXPECT_EQ(NeighbourLink(static_cast<Boundary*>(nullptr)), none);
+  using States = std::tuple<bool, Cell*, Boundary*>;
+  const auto states = [](NeighbourLink l) { return States(l.empty(), l.cell(), l.boundary()); };
+  EXPECT_EQ(states(&cell), States(false, &cell, nullptr));
+  EXPECT_EQ(states(&boundary), States(false, nullptr, &boundary));
+  EXPECT_EQ(states(static_cast<Boundary*>(nullptr)), States(true, nullptr, nullptr));
+  EXPECT_EQ(NeighbourLink(static_cast<Boundary*>(nullptr)), NeighbourLink());
   EXPECT_EQ(sizeof(NeighbourLink), sizeof(void*));
 }
 
@@ -90,7 +91,7 @@ TEST(Records, AccessorsReadTheirField) {
 }
 
 TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
-  Boundary dir{0.0, bc_type_dir}, neu{0.0, bc_type_neu};
+  Boundary dir{0.0, bc_type_dir}, neu{0.0, bc_type_neu}, oth{0.0, bc_type_oth};
   for (NeighbourLink Cell::*straight : {&Cell::n, &Cell::e, &Cell::s, &Cell::w}) {
     Cell c, neighbour;
     c.n = c.e = c.s = c.w = &neighbour;
@@ -98,9 +99,11 @@ TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
     EXPECT_FALSE(known_value(c)) << "inside, whatever the links say";
     c.on_boundary = 1;
     EXPECT_TRUE(known_value(c));
-    c.*straight = &neu;
-    c.ne = c.se = c.sw = c.nw = &dir;
-    EXPECT_FALSE(known_value(c)) << "diagonal links do not count";
+    c.ne = c.se = c.sw = c.nw = &dir;  // diagonal links do not count
+    for (Boundary* other : {&neu, &oth}) {
+      c.*straight = other;
+      EXPECT_FALSE(known_value(c));
+    }
   }
 }
 

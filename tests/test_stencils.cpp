@@ -1,6 +1,7 @@
 // The rows from which derivatives are computed.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 
 #include "support/literal_derivatives.hpp"
@@ -55,6 +56,37 @@ TEST(CandidateOrder, IsThatOfRepeatedSelection) {
     detail::unique_in_lists(stencil, 4, list, n_list);
     expect_rows(rows, list, n_list, true);
   }
+}
+
+// A fit that is accepted without an estimate would have been accepted with it.
+TEST(CentredFit, AcceptsByTheConditionEstimate) {
+  std::mt19937 random(8);
+  std::uniform_int_distribution<int> step(-2, 2), nb_rows(6, 9);
+  std::uniform_real_distribution<double> shift(-1.0, 1.0), decade(-7.0, 0.0);
+  int nb_accepted = 0, nb_refused = 0;
+  for (int trial = 0; trial < 6000; ++trial) {
+    Cell c;
+    c.x = 100.0;
+    c.y = -3.0;
+    Stencil list{};
+    LiteralRows rows;
+    const double displacement = std::pow(10.0, decade(random));
+    for (int i = 0, n_list = nb_rows(random); i < n_list; ++i) {
+      list.x[i] = c.x + (i == 0 ? 0.0 : step(random) + displacement * shift(random));
+      list.y[i] = c.y + (i == 0 ? 0.0 : step(random) / 2 + displacement * shift(random));
+      rows.push_back({0.0, list.x[i], list.y[i], 0.0, 0.0});
+    }
+    const double rcond = literal_condition(c, rows), least = rows.size() == 6 ? 1e-6 : 1e-8;
+    if (std::abs(rcond / least - 1.0) < 1e-3) continue;  // rounding decides
+    double unused[5];
+    bool succ = false;
+    detail::fit_hessian_centred(&c, list, static_cast<int>(rows.size()), unused[0], unused[1],
+                                unused[2], unused[3], unused[4], succ);
+    ASSERT_EQ(succ, rcond >= least) << "trial " << trial << ", estimate " << rcond;
+    ++(succ ? nb_accepted : nb_refused);
+  }
+  EXPECT_GE(nb_accepted, 1000);
+  EXPECT_GE(nb_refused, 1000);
 }
 
 TEST(Alignment, OfRows) {

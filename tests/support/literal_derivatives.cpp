@@ -25,18 +25,13 @@ int id_of(const LiteralRow& row) { return static_cast<int>(row.id); }
 
 /// Condition estimate in coordinates relative to (x0, y0), divided by `unit`.
 double condition(const LiteralRows& rows, double x0, double y0, double unit) {
-  const int m = static_cast<int>(rows.size());
-  std::vector<std::vector<double>> a;
-  for (const LiteralRow& row : rows) {
-    const double x = (row.x - x0) / unit, y = (row.y - y0) / unit;
-    a.push_back({1.0, x, y, x * x, y * y, y * x});
-  }
-  double matrix[36];
-  for (std::size_t j = 0; j < 6; ++j) {
-    for (std::size_t k = 0; k < 6; ++k) {
-      double sum = 0.0;
-      for (const auto& row : a) sum += row[j] * row[k];
-      matrix[j + 6 * k] = m > 6 ? sum : a[j][k];
+  double matrix[36] = {};
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const double x = (rows[i].x - x0) / unit, y = (rows[i].y - y0) / unit;
+    const double p[6] = {1.0, x, y, x * x, y * y, y * x};
+    for (std::size_t j = 0; j < 6; ++j) {
+      if (rows.size() <= 6) matrix[i + 6 * j] = p[j];
+      for (std::size_t k = 0; k < 6 && rows.size() > 6; ++k) matrix[j + 6 * k] += p[j] * p[k];
     }
   }
   std::int32_t pivots[6];
@@ -51,10 +46,6 @@ double largest_distance(const Cell& c, const LiteralRows& rows) {
     largest = std::max(largest, std::hypot(row.x - c.x, row.y - c.y));
   }
   return largest;
-}
-
-double centred_condition(const Cell& c, const LiteralRows& rows) {
-  return condition(rows, c.x, c.y, largest_distance(c, rows));
 }
 
 /// The least-squares quadratic, in long double with full pivoting.
@@ -77,7 +68,7 @@ void solve(const Cell& c, const LiteralRows& rows, LiteralDerivatives& d) {
 }
 
 bool accepted(const Cell& c, const LiteralRows& rows, bool centred) {
-  if (centred) return centred_condition(c, rows) >= (rows.size() > 6 ? 1e-8 : 1e-6);
+  if (centred) return literal_condition(c, rows) >= (rows.size() > 6 ? 1e-8 : 1e-6);
   const double power = static_cast<double>(static_cast<std::int32_t>(1u << c.level));
   const double t = 0.001 * dist_0 * dist_0 / power;
   return !(condition(rows, 0.0, 0.0, 1.0) < (rows.size() > 6 ? t * t : t));
@@ -162,7 +153,7 @@ void add_fifth_parallelogram(const Cell& c, LiteralRows& stencil) {
       const LiteralRow sixth{0.0, p.x + q.x - o.x, p.y + q.y - o.y, p.value + q.value - o.value, 0};
       LiteralRows six = stencil;
       six.push_back(sixth);
-      const double rcond = centred_condition(c, six);
+      const double rcond = literal_condition(c, six);
       if (rcond > best_condition) best_condition = rcond, best = sixth;
     }
   }
@@ -170,6 +161,10 @@ void add_fifth_parallelogram(const Cell& c, LiteralRows& stencil) {
 }
 
 }  // namespace
+
+double literal_condition(const Cell& c, const LiteralRows& rows) {
+  return condition(rows, c.x, c.y, largest_distance(c, rows));
+}
 
 void literal_unique(LiteralRows& rows) {
   LiteralRows sorted;
