@@ -62,8 +62,10 @@ TEST(Records, DataKeepTheirValuesWhenResizedCopiedAndMoved) {
     EXPECT_TRUE(holds_values(data)) << "the copy shares its values";
     copy = node;
     EXPECT_TRUE(holds_values(copy.data));
-    const Cell moved = std::move(copy);
+    Cell moved = std::move(copy);
     EXPECT_TRUE(holds_values(moved.data));
+    copy = std::move(moved);
+    EXPECT_TRUE(holds_values(copy.data));
 
     data.resize(size + 3);
     EXPECT_TRUE(std::equal(values.begin(), values.end(), data.begin()));
@@ -81,6 +83,7 @@ TEST(Records, AccessorsReadTheirField) {
   c.ipos = 5;
   c.reserve = 3;
   c.on_boundary = 2;
+  EXPECT_TRUE(c.data_ptr.empty());
   c.data_ptr = &users;
   EXPECT_EQ(cell_ipos(&c), 5);
   EXPECT_EQ(velmar_get_cell_reserve(&c), 3);
