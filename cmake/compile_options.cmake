@@ -3,7 +3,8 @@
 include(CheckIPOSupported)
 check_ipo_supported(RESULT VELMAR_2D_HAS_IPO LANGUAGES CXX)
 
-function(velmar_2d_compile_options target)
+# Everything but the sanitizers.
+function(velmar_2d_plain_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   # The same input gives the same mesh on every machine: no fused multiply-add.
@@ -15,6 +16,10 @@ function(velmar_2d_compile_options target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                            -Wnon-virtual-dtor -Wold-style-cast -Werror)
   endif()
+endfunction()
+
+function(velmar_2d_compile_options target)
+  velmar_2d_plain_compile_options(${target})
   if(VELMAR_2D_BUILD_FUZZERS AND target STREQUAL velmar_2d)
     # The fuzzer is led by the branches of the library, not by those of the checks around it. Its
     # bytes choose from tables, so that to trace comparisons is of no use and halves the speed.

@@ -48,6 +48,15 @@ velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${sam
   "This package holds the program velmar_2d, to look at meshes.")
 velmar_2d_package(doc velmar-2d-doc doc ""
   "This package holds the pages, pictures and examples.")
+if(TARGET velmar_2d_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+  # The extension module is made for one version of the interpreter.
+  math(EXPR next_minor "${Python_VERSION_MINOR} + 1")
+  velmar_2d_package(python python3-velmar-2d python
+    "python3 (>= 3.${Python_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy"
+    "This package holds the module velmar_2d for Python, with the library in it.")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-scipy")
+endif()
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
 

@@ -1,4 +1,5 @@
 // Generated histories: whatever is done to a mesh, it stays whole and finds back to its first grid.
+#include <bit>
 #include <limits>
 
 #include "scenarios/scenarios.hpp"
@@ -58,6 +59,42 @@ TEST_P(Histories, KeepTheMeshWholeAndLeadBackToTheFirstGrid) {
     ASSERT_TRUE(mesh_is_whole()) << story;
     ASSERT_EQ(describe_mesh(), first_grid) << story;
     delete_mesh();
+  }
+}
+
+double first_value(const Cell& c) { return c.data.empty() ? 0.0 : c.data[0]; }
+
+/// Everything that a history leaves behind, to the last bit, after each of its steps.
+std::vector<std::string> records_of(const HistoryPlan& plan) {
+  std::vector<std::string> records;
+  next_id = 1;
+  update_statistics = {};
+  data_interpolation = true;
+  run_history(plan, [&](const std::string& step) {
+    records.push_back(step);
+    for (const std::int64_t count : {update_statistics.visited, update_statistics.inserted,
+                                     update_statistics.removed, update_statistics.refused}) {
+      records.push_back(std::to_string(count));
+    }
+    for (const std::string& node : describe_mesh()) records.push_back(node);
+    for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      for (const double value : {c->x, c->y, first_value(*c), c->grad_data, c->grad2_data}) {
+        records.push_back(std::to_string(std::bit_cast<std::uint64_t>(value)));
+      }
+    }
+  });
+  delete_mesh();
+  return records;
+}
+
+TEST_P(Histories, AreTheSameWhenSpacingsAreAskedForInBatches) {
+  const Batch& batch = GetParam();
+  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories / 4; ++seed) {
+    HistoryPlan plan{seed, batch.steps, batch.far_from_origin};
+    plan.by_data = true;
+    const std::vector<std::string> one_by_one = records_of(plan);
+    plan.batched = true;
+    ASSERT_TRUE(records_of(plan) == one_by_one) << "seed " << seed;
   }
 }
 

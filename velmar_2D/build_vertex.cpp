@@ -11,7 +11,7 @@
 #include <cassert>
 #include <cmath>
 
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d {
 
@@ -19,19 +19,13 @@ namespace {
 
 using namespace detail;
 
-/// Level of a vertex by the lattice: `offset` is 1 for the centre of a square with sides of length
-/// delta, 2 for the centre of a diamond with a diagonal of that length.
+/// Highest position index that true_ipos() tells without an expansion, see there.
+constexpr std::int32_t highest_exact_ipos = 28;
+
+/// Level of a new node by the lattice: `offset` is 1 for the centre of a square with sides of
+/// length delta, 2 for the centre of a diamond with a diagonal of that length.
 std::int32_t lattice_level(double delta, int offset) {
-  const double ratio = dist_0 / delta;
-  // Most often the ratio is a power of two but for rounding; rounding the logarithm then gives just
-  // its exponent.
-  constexpr double power_tolerance = 1e-6;
-  int exponent = 0;
-  const double mantissa = std::frexp(ratio * (1.0 + power_tolerance), &exponent);
-  if (mantissa >= 0.5 && mantissa < 0.5 * (1.0 + 2.0 * power_tolerance)) {
-    return 2 * (exponent - 1) + offset;
-  }
-  return static_cast<std::int32_t>(std::lround(2.0 * detail::log2(ratio) + offset));
+  return static_cast<std::int32_t>(std::lround(2.0 * detail::log2(dist_0 / delta) + offset));
 }
 
 /// Whether a cell with few awaited neighbours lets the lattice decide.
@@ -39,56 +33,111 @@ bool nearly_complete(const Cell& c) {
   return c.reserve <= 2 && (c.reserve != 2 || !not_large_house_reserve_2(&c));
 }
 
-std::int32_t centre_level(const Cell& c, const Cell& tmp1, const Cell& tmp2, const Cell& tmp3,
-                          double delta, int offset) {
-  const bool by_lattice = c.level == tmp1.level && c.level == tmp2.level && c.level == tmp3.level &&
-                          nearly_complete(c) && nearly_complete(tmp1) && nearly_complete(tmp2) &&
-                          nearly_complete(tmp3);
-  return by_lattice ? lattice_level(delta, offset)
-                    : std::max({c.level, tmp1.level, tmp2.level, tmp3.level}) + 1;
-}
+/// A closed figure. Its axis runs from the first corner to the second one of a square, to the third
+/// one of a diamond.
+struct ClosedFigure {
+  std::array<Cell*, 4> corners;
+  int axis, offset;
 
-/// The three cells of half a diamond. They are listed as c, tmp1, tmp2; `apex` is the one off the
-/// boundary, the centre lies midway between the other two, a and b.
-struct HalfDiamond {
-  Cell &c, &tmp1, &tmp2;
-  const Cell &a, &b, &apex;
-  double delta;
+  /// Position index of the centre, as long as domain.lattice_is_whole; -1 where the corners do not
+  /// tell it. Those of a figure with sides of length dist_0 / 2^k, or half a diagonal of it, are
+  ///
+  ///      2k ---- lower            2k-1
+  ///       |        |             /    \            .
+  ///       |        |         lower    lower
+  ///       |        |             \    /
+  ///     2k-1 ---- 2k              2k-1
+  ///
+  /// in one of the turns. Others occur where a node was removed from among finer ones.
+  std::int32_t ipos() const {
+    std::int32_t a = corners[0]->ipos, b = corners[1]->ipos, a2 = corners[2]->ipos,
+                 b2 = corners[3]->ipos;
+    if (std::max(a, a2) < std::max(b, b2)) {
+      std::swap(a, b);
+      std::swap(a2, b2);
+    }
+    if (a != a2 || a > highest_exact_ipos) return -1;
+    const std::int32_t lower = std::max(b, b2), lowest = std::min(b, b2);
+    const bool in_square = a % 2 == 0 && (a == 0 || (lower == a - 1 && lowest < lower));
+    const bool in_diamond = a % 2 == 1 && lower < a;
+    return (offset == 1 ? in_square : in_diamond) ? a + 1 : -1;
+  }
 
-  std::int32_t level() const {
-    const bool by_lattice = c.level == tmp1.level && c.level == tmp2.level && a.reserve <= 1 &&
-                            b.reserve <= 1 && nearly_complete(apex);
-    return by_lattice ? lattice_level(delta, 2) : std::max({c.level, tmp1.level, tmp2.level}) + 1;
+  std::int32_t level(std::int32_t ipos) const {
+    const Cell &p1 = *corners[0], &p2 = *corners[1], &p3 = *corners[2], &p4 = *corners[3];
+    if (!(p1.level == p2.level && p1.level == p3.level && p1.level == p4.level &&
+          nearly_complete(p1) && nearly_complete(p2) && nearly_complete(p3) &&
+          nearly_complete(p4))) {
+      return std::max({p1.level, p2.level, p3.level, p4.level}) + 1;
+    }
+    if (ipos >= 0) return ipos;
+    return lattice_level(distance_along(axis, p1, offset == 1 ? p2 : p3), offset);
   }
 };
 
-/// Collects what is found into the list that the caller gets.
-struct Proposals {
-  std::array<Vertex, 4>& list;
+/// The three cells of half a diamond. The centre lies midway between the cells a and b on the
+/// boundary, the one on the way from a to b along the axis; `apex` is the one off the boundary.
+struct HalfDiamond {
+  std::array<Cell*, 4> corners;
+  const Cell &a, &b, &apex;
+  int axis;
+
+  /// As for a diamond.
+  std::int32_t ipos() const {
+    const std::int32_t highest = apex.ipos;
+    return highest % 2 == 1 && highest <= highest_exact_ipos && a.ipos < highest && b.ipos < highest
+               ? highest + 1
+               : -1;
+  }
+
+  std::int32_t level(std::int32_t ipos) const {
+    if (!(a.level == b.level && a.level == apex.level && a.reserve <= 1 && b.reserve <= 1 &&
+          nearly_complete(apex))) {
+      return std::max({a.level, b.level, apex.level}) + 1;
+    }
+    return ipos >= 0 ? ipos : lattice_level(distance_along(axis, a, b), 2);
+  }
+};
+
+template <typename Figure>
+std::int32_t ipos_of(const Figure& figure) {
+  return domain.lattice_is_whole ? figure.ipos() : -1;
+}
+
+/// Collects what is found.
+struct Collector {
+  std::array<Site, 4>& sites;
   std::int32_t& n;
 
   static bool admits(const Cell& /*c*/) { return true; }
 
-  /// Centre of the closed figure c, tmp1, tmp2, tmp3: a square or a full diamond.
-  void add_centre(Cell& c, Cell& tmp1, Cell& tmp2, Cell& tmp3, double delta, int offset) {
-    add(c, tmp2, centre_level(c, tmp1, tmp2, tmp3, delta, offset), {&c, &tmp1, &tmp2, &tmp3});
+  /// `towards_first` is the direction from the centre to the first corner; the others follow
+  /// clockwise.
+  void add(const ClosedFigure& figure, int towards_first) {
+    Site* site = next();
+    if (site == nullptr) return;
+    const Cell &a = *figure.corners[0], &b = *figure.corners[2];
+    for (int i = 0; i < 4; ++i) site->directions[i] = (towards_first + 2 * i) & 7;
+    fill(*site, figure, a, b);
   }
-  void add_half(const HalfDiamond& half) {
-    add(half.a, half.b, half.level(), {&half.c, &half.tmp1, &half.tmp2, nullptr});
+  void add(const HalfDiamond& half, const std::array<int, 3>& directions) {
+    Site* site = next();
+    if (site == nullptr) return;
+    for (int i = 0; i < 3; ++i) site->directions[i] = directions[i] & 7;
+    fill(*site, half, half.a, half.b);
   }
 
  private:
-  void add(const Cell& a, const Cell& b, std::int32_t level, const std::array<Cell*, 4>& parents) {
-    // No node of a well-formed mesh has more than four; never write beyond the list.
-    if (n == static_cast<std::int32_t>(list.size())) return;
-    Vertex& v = list[static_cast<std::size_t>(n++)];
-    v.x = (a.x + b.x) / 2.0;
-    v.y = (a.y + b.y) / 2.0;
-    v.level = level;
-    v.p1 = parents[0];
-    v.p2 = parents[1];
-    v.p3 = parents[2];
-    v.p4 = parents[3];
+  /// No node of a well-formed mesh has more than four; never write beyond the list.
+  Site* next() { return n == static_cast<std::int32_t>(sites.size()) ? nullptr : &sites[n++]; }
+
+  template <typename Figure>
+  static void fill(Site& site, const Figure& figure, const Cell& a, const Cell& b) {
+    site.x = (a.x + b.x) / 2.0;
+    site.y = (a.y + b.y) / 2.0;
+    site.ipos = ipos_of(figure);
+    site.level = figure.level(site.ipos);
+    site.parents = figure.corners;
   }
 };
 
@@ -99,13 +148,14 @@ struct SpecialProbe {
 
   static bool admits(const Cell& c) { return c.reserve != 4; }
 
-  void add_centre(const Cell& c, const Cell& tmp1, const Cell& tmp2, const Cell& tmp3, double delta,
-                  int offset) {
-    if (admits(tmp3) && centre_level(c, tmp1, tmp2, tmp3, delta, offset) <= level_max) {
+  void add(const ClosedFigure& figure, int) {
+    if (admits(*figure.corners[3]) && figure.level(ipos_of(figure)) <= level_max) {
       found = true;
     }
   }
-  void add_half(const HalfDiamond& half) { found = found || half.level() <= level_max; }
+  void add(const HalfDiamond& half, const std::array<int, 3>&) {
+    found = found || half.level(ipos_of(half)) <= level_max;
+  }
 };
 
 /// The square that has c as a corner and lies in the diagonal direction d from it.
@@ -117,10 +167,8 @@ void try_square(Sink& sink, Cell& c, int d) {
   Cell* tmp2 = link(*tmp1, d + 1).cell();
   if (tmp2 == nullptr || !Sink::admits(*tmp2)) return;
   Cell* tmp3 = link(*tmp2, d + 3).cell();
-  if (tmp3 == nullptr) return;
-  const Cell* back = link(*tmp3, d + 5).cell();
-  if (back == nullptr || back->id != c.id) return;
-  sink.add_centre(c, *tmp1, *tmp2, *tmp3, distance_along(d - 1, c, *tmp1), 1);
+  if (tmp3 == nullptr || link(*tmp3, d + 5).cell() != &c) return;
+  sink.add(ClosedFigure{{&c, tmp1, tmp2, tmp3}, d - 1, 1}, d + 4);
 }
 
 /// The diamond clockwise from the diagonal link d of c, whose axis runs in the direction d + 1. It
@@ -137,19 +185,19 @@ void try_diamond(Sink& sink, Cell& c, Cell& tmp1, int d) {
     if (!below.empty()) {
       if (!Sink::admits(c) || !Sink::admits(tmp1) || !Sink::admits(*tmp2)) return;
       Cell* tmp3 = below.cell();
-      if (tmp3 == nullptr) return;
-      const Cell* back = link(*tmp3, d + 6).cell();
-      if (back == nullptr || back->id != c.id) return;
-      sink.add_centre(c, tmp1, *tmp2, *tmp3, distance_along(axis, c, *tmp2), 2);
+      if (tmp3 == nullptr || link(*tmp3, d + 6).cell() != &c) return;
+      sink.add(ClosedFigure{{&c, &tmp1, tmp2, tmp3}, axis, 2}, axis + 4);
     } else if (link(*tmp2, across).boundary() != nullptr && link(c, across).boundary() != nullptr) {
-      sink.add_half({c, tmp1, *tmp2, c, *tmp2, tmp1, distance_along(axis, c, *tmp2)});
+      sink.add(HalfDiamond{{&c, &tmp1, tmp2, nullptr}, c, *tmp2, tmp1, axis},
+               {axis + 4, axis + 6, axis});
     }
     return;
   }
   if (link(tmp1, axis).boundary() == nullptr) return;
   Cell* tmp2 = link(c, d + 2).cell();
   if (tmp2 == nullptr || link(*tmp2, axis).boundary() == nullptr) return;
-  sink.add_half({c, tmp1, *tmp2, tmp1, *tmp2, c, distance_along(d - 1, *tmp2, tmp1)});
+  sink.add(HalfDiamond{{&c, &tmp1, tmp2, nullptr}, *tmp2, tmp1, c, d - 1},
+           {axis + 4, axis - 2, axis + 2});
 }
 
 /// The half diamond anticlockwise from the diagonal link d of c, with c and tmp2 on the boundary.
@@ -162,7 +210,8 @@ void try_half_diamond(Sink& sink, Cell& c, Cell& tmp1, int d) {
       link(c, across).boundary() == nullptr) {
     return;
   }
-  sink.add_half({c, tmp1, *tmp2, c, *tmp2, tmp1, distance_along(axis, c, *tmp2)});
+  sink.add(HalfDiamond{{&c, &tmp1, tmp2, nullptr}, c, *tmp2, tmp1, axis},
+           {axis + 4, axis + 2, axis});
 }
 
 template <typename Sink>
@@ -188,18 +237,55 @@ bool not_large_house_reserve_2(const Cell* c) {
 
 bool special_refinement_possible(Cell& c) {
   // Closed figures are out where c awaits all its neighbours; half ones lie at the sides.
-  if (!SpecialProbe::admits(c) && !may_have_neighbour_on_side(c)) return false;
+  if (may_have_neighbour_on_side(c) || links_may_be_one_way) {
+    SpecialProbe probe;
+    try_all(probe, c);
+    return probe.found;
+  }
+  if (!SpecialProbe::admits(c)) return false;
+  // A figure has two neighbours of c a quarter turn apart, with no link of c between them. Most
+  // often the only ones that have begun to rise lie on a line with c.
+  std::array<bool, nb_directions> admitted{};
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* neighbour = link(c, d).cell();
+    admitted[static_cast<std::size_t>(d)] =
+        neighbour != nullptr && SpecialProbe::admits(*neighbour);
+  }
   SpecialProbe probe;
-  try_all(probe, c);
+  for (int d = 0; d < nb_directions && !probe.found; ++d) {
+    if (!admitted[static_cast<std::size_t>(d)] || !admitted[static_cast<std::size_t>((d + 2) & 7)])
+      continue;
+    if (d % 2 == 0) {
+      try_square(probe, c, d + 1);
+    } else {
+      try_diamond(probe, c, *link(c, d).cell(), d);
+    }
+  }
   return probe.found;
+}
+
+void find_sites(Cell& c, std::array<Site, 4>& sites, std::int32_t& n) {
+  n = 0;
+  Collector collector{sites, n};
+  try_all(collector, c);
 }
 
 }  // namespace detail
 
 void build_vertex(Cell* c, std::array<Vertex, 4>& vertex_list, std::int32_t& n) {
-  n = 0;
-  Proposals proposals{vertex_list, n};
-  try_all(proposals, *c);
+  std::array<Site, 4> sites;
+  find_sites(*c, sites, n);
+  for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
+    const Site& site = sites[i];
+    Vertex& v = vertex_list[i];
+    v.x = site.x;
+    v.y = site.y;
+    v.level = site.level;
+    v.p1 = site.parents[0];
+    v.p2 = site.parents[1];
+    v.p3 = site.parents[2];
+    v.p4 = site.parents[3];
+  }
 }
 
 }  // namespace velmar_2d

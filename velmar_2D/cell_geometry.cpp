@@ -138,10 +138,7 @@ constexpr void measure(KnownShape& shape, int level) {
 }
 
 struct Catalogue {
-  /// Inside, on sides, at corners.
-  static constexpr std::size_t capacity = 70 + 64 + 16;
-
-  std::array<KnownShape, capacity> shapes{};
+  std::array<KnownShape, nb_known_shapes> shapes{};
   std::size_t n = 0;
   std::array<std::uint8_t, 65536> by_signature{};  ///< index into shapes plus 1, or 0
 
@@ -161,6 +158,7 @@ struct Catalogue {
 
   constexpr void add(const Surroundings& s, int type, int shift) {
     KnownShape& shape = shapes[n];
+    shape.index = static_cast<std::uint8_t>(n);
     shape.signature = signature_of(s);
     shape.type = static_cast<std::uint8_t>(type);
     shape.shift = static_cast<std::uint8_t>(shift);
@@ -205,7 +203,7 @@ struct Catalogue {
 };
 
 constexpr Catalogue catalogue;
-static_assert(catalogue.n == Catalogue::capacity);
+static_assert(catalogue.n == nb_known_shapes);
 
 }  // namespace
 

@@ -125,11 +125,15 @@ constexpr Signature signature_of(const Surroundings& s) {
 struct KnownShape {
   Signature signature{};
   std::uint8_t type = 0, shift = 0;  ///< as given by cell_type()
+  std::uint8_t index = 0;            ///< in the catalogue, below nb_known_shapes
   Surroundings surroundings;         ///< spacing levels above the node's level, plus 1
   double area = 0.0;
   std::array<double, nb_directions> distance{}, length{};  ///< of the faces; 0 where there is none
   std::array<double, 4> side{};                            ///< of the domain sides n, e, s, w
 };
+
+/// Inside, on sides, at corners.
+inline constexpr std::size_t nb_known_shapes = 70 + 64 + 16;
 
 /// The shape with this signature, or nullptr.
 const KnownShape* known_shape(const Signature& signature);
@@ -183,7 +187,10 @@ struct Polygon {
   const Corner& after(std::size_t i) const { return corners[i + 1 < n ? i + 1 : 0]; }
 };
 
+/// By what the neighbours' positions tell.
 Polygon polygon_of(const Cell& c);
+/// The same for a known shape, in units of the straight length.
+const Polygon& polygon_of(const KnownShape& shape);
 double area_of(const Polygon& polygon);
 
 }  // namespace velmar_2d::detail

@@ -49,12 +49,11 @@ double distance_to_side(const Cell& c, int side) {
   }
 }
 
-/// A rectangle that ends at the sides which the node lies on and well beyond the others.
-Polygon rectangle_around(const Cell& c, HalfPlanes& planes) {
+/// A rectangle with sides at these distances.
+Polygon rectangle_around(const std::array<double, 4>& distances, HalfPlanes& planes) {
   for (const int d : straight_directions) {
     const auto i = static_cast<std::size_t>(d);
-    const bool on_side = link(c, d).boundary() != nullptr;
-    planes[i + 8] = {away_x[i], away_y[i], on_side ? 0.0 : distance_to_side(c, d) + dist_0};
+    planes[i + 8] = {away_x[i], away_y[i], distances[i / 2]};
   }
   Polygon rectangle;
   for (const int d : {east, north, west, south}) {  // anticlockwise
@@ -63,7 +62,9 @@ Polygon rectangle_around(const Cell& c, HalfPlanes& planes) {
   return rectangle;
 }
 
-/// Half plane of the points that are nearer to the node than to the linked one.
+/// Half plane of the points that are nearer to the node than to one that lies (dx, dy) away.
+HalfPlane nearer_half(double dx, double dy) { return {dx, dy, 0.5 * (dx * dx + dy * dy)}; }
+
 HalfPlane nearer_half(const Cell& c, const Cell& neighbour, const Surroundings& s, int d) {
   double dx = neighbour.x - c.x, dy = neighbour.y - c.y;
   if (byte_at(s.levels, d) != off_lattice) {
@@ -71,7 +72,7 @@ HalfPlane nearer_half(const Cell& c, const Cell& neighbour, const Surroundings& 
     dx = away_x[static_cast<std::size_t>(d)] * step;
     dy = away_y[static_cast<std::size_t>(d)] * step;
   }
-  return {dx, dy, 0.5 * (dx * dx + dy * dy)};
+  return nearer_half(dx, dy);
 }
 
 /// Cuts off what lies beyond the half plane of an edge, and gives the polygon that edge.
@@ -122,8 +123,13 @@ void drop_empty_edges(Polygon& polygon) {
 
 Polygon polygon_of(const Cell& c) {
   const Surroundings s = surroundings_of(c);
+  std::array<double, 4> distances;  // well beyond the sides that the node does not lie on
+  for (const int d : straight_directions) {
+    const bool on_side = link(c, d).boundary() != nullptr;
+    distances[static_cast<std::size_t>(d / 2)] = on_side ? 0.0 : distance_to_side(c, d) + dist_0;
+  }
   HalfPlanes planes;
-  Polygon polygon = rectangle_around(c, planes);
+  Polygon polygon = rectangle_around(distances, planes);
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* neighbour = link(c, d).cell();
     if (neighbour == nullptr) continue;
@@ -134,6 +140,37 @@ Polygon polygon_of(const Cell& c) {
   }
   cut_by_domain(polygon, planes, c);
   drop_empty_edges(polygon);
+  return polygon;
+}
+
+namespace {
+
+/// Diagonal distances are in units of the diagonal length, which has the straight one along x and
+/// y.
+Polygon polygon_from(const KnownShape& shape) {
+  constexpr double beyond_all = 4.0;
+  std::array<double, 4> distances;
+  for (const int side : straight_directions) {
+    const bool on_side = byte_at(shape.surroundings.sides, side) != 0;
+    distances[static_cast<std::size_t>(side / 2)] = on_side ? 0.0 : beyond_all;
+  }
+  HalfPlanes planes;
+  Polygon polygon = rectangle_around(distances, planes);
+  for (std::size_t d = 0; d < nb_directions; ++d) {
+    if (byte_at(shape.surroundings.levels, static_cast<int>(d)) == 0) continue;
+    planes[d] = nearer_half(away_x[d] * shape.distance[d], away_y[d] * shape.distance[d]);
+    cut(polygon, planes, static_cast<int>(d), 2.0 * planes[d].limit * corner_tolerance);
+  }
+  drop_empty_edges(polygon);
+  return polygon;
+}
+
+}  // namespace
+
+const Polygon& polygon_of(const KnownShape& shape) {
+  static std::array<Polygon, nb_known_shapes> polygons;  // made as they are asked for
+  Polygon& polygon = polygons[shape.index];
+  if (polygon.n == 0) polygon = polygon_from(shape);
   return polygon;
 }
 
@@ -149,10 +186,16 @@ double area_of(const Polygon& polygon) {
 }  // namespace detail
 
 void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners, std::int32_t& n) {
-  const detail::Polygon polygon = detail::polygon_of(*c);
-  n = static_cast<std::int32_t>(polygon.n);
-  for (std::size_t i = 0; i < polygon.n; ++i) {
-    corners[i] = {c->x + polygon.corners[i].x, c->y + polygon.corners[i].y};
+  const auto place = [&](const detail::Polygon& polygon, double unit) {
+    n = static_cast<std::int32_t>(polygon.n);
+    for (std::size_t i = 0; i < polygon.n; ++i) {
+      corners[i] = {c->x + polygon.corners[i].x * unit, c->y + polygon.corners[i].y * unit};
+    }
+  };
+  if (const detail::KnownShape* shape = detail::look_at(*c).shape) {
+    place(detail::polygon_of(*shape), detail::length_units(c->level)[0]);
+  } else {
+    place(detail::polygon_of(*c), 1.0);
   }
 }
 

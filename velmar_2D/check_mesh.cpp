@@ -339,6 +339,18 @@ void check_node(Check& check, const Cell& c) {
   }
 }
 
+/// Asks the memory for what the checks of a node will read there and at its neighbours.
+void prepare(const Cell& c) {
+  constexpr std::size_t line = 64;
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* neighbour = link(c, d).cell();
+    if (neighbour == nullptr) continue;
+    const auto* bytes = reinterpret_cast<const std::byte*>(neighbour);
+    __builtin_prefetch(bytes);
+    __builtin_prefetch(bytes + line);
+  }
+}
+
 void check_nodes(Check& check) {
   constexpr std::int32_t nodes_at_a_time = 16;
   std::array<Place, nodes_at_a_time> places;
@@ -352,7 +364,11 @@ void check_nodes(Check& check) {
       for (std::size_t i = 0; i < n; ++i, c = c->next) {
         places[i] = nearest_place(*c, scale);
         check.nodes.prepare(places[i].key);
+        __builtin_prefetch(&c->n);
+        __builtin_prefetch(&c->area);
       }
+      c = first;
+      for (std::size_t i = 0; i < n; ++i, c = c->next) prepare(*c);
       c = first;
       for (std::size_t i = 0; i < n; ++i, c = c->next) {
         check_position(check, *c, places[i], scale);

@@ -159,6 +159,7 @@ bool fit_derivatives(const Cell* c, int n_list_1, Derivatives& d) {
     fit_as_it_is(c, n_list_1, d);
     return true;
   }
+  extract_ids(c, list_1);
   int n_list_2 = 0;
   extract_neighbors_neighbors(c, list_2, n_list_2);
   unique_in_list(list_2, n_list_2);
@@ -183,17 +184,17 @@ bool fit_derivatives(const Cell* c, int n_list_1, Derivatives& d) {
 void compute_data_at_node(Cell* c, double* dfdx, double* dfdy) {
   using namespace detail;
 
-  list_1.id[0] = c->id;
   list_1.x[0] = c->x;
   list_1.y[0] = c->y;
   list_1.value[0] = first_data(*c);
   int n_list_1 = 1, quick_hessian_case = 0;
-  extract_neighbors(c, list_1, n_list_1);
-  if (c->reserve == 4 && n_list_1 == 5) {
-    extract_neighbor_square(c, list_1, n_list_1, quick_hessian_case);
+  if (c->reserve == 4) extract_neighbor_square(c, list_1, n_list_1, quick_hessian_case);
+  if (quick_hessian_case == 0) {
+    extract_neighbors(c, list_1, n_list_1);
+    if (c->on_boundary == 1 && c->reserve == 2) {
+      extract_neighbors_square_boundary(c, list_1, n_list_1);
+    }
   }
-  if (c->on_boundary == 1 && c->reserve == 2)
-    extract_neighbors_square_boundary(c, list_1, n_list_1);
 
   Derivatives d;
   bool grad_x_null = false, grad_y_null = false;

@@ -212,6 +212,7 @@ void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::
   domain.y_max = y_max;
   domain.largest_coordinate = largest_coordinate();
   domain.longest_link = dist_0 * (1.0 + link_length_margin);
+  domain.lattice_is_whole = positions_are_exact();
 
   level_beg.clear();
   level_end.clear();

@@ -1,10 +1,14 @@
 // The steps that odd-level and even-level insertion share.
 #include <string>
 
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d::detail {
 
+namespace {
+
+/// Ends the process unless the vertex has its first `nb_parents` parents and a level within the
+/// limit.
 void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
   const auto tag = [&] { return "(Velmar_2D:) " + std::string(operation) + ": ERROR\n"; };
   if (v.level > level_max) {
@@ -23,42 +27,48 @@ void check_vertex(std::string_view operation, const Vertex& v, int nb_parents) {
   }
 }
 
-Cell* new_cell_at(const Vertex& v) {
-  const std::int32_t ipos = true_ipos(v.x - x_min, v.y - y_min);
+/// Whether refinement would insert a node like this one.
+bool is_proposed(const Site& site) {
+  std::array<Site, 4> sites;
+  std::int32_t n = 0;
+  find_sites(*site.parents[0], sites, n);
+  return std::any_of(sites.begin(), sites.begin() + n, [&site](const Site& proposed) {
+    return proposed.x == site.x && proposed.y == site.y && proposed.parents == site.parents;
+  });
+}
+
+}  // namespace
+
+Site site_of(std::string_view operation, const Vertex& v, int nb_parents,
+             int (*direction_to)(const Cell& parent, const Vertex& v)) {
+  check_vertex(operation, v, nb_parents);
+  Site site{v.x, v.y, v.level, -1, {v.p1, v.p2, v.p3, v.p4}, {}};
+  for (std::size_t i = 0; i < site.parents.size(); ++i) {
+    if (site.parents[i] != nullptr) site.directions[i] = direction_to(*site.parents[i], v);
+  }
+  if (!is_proposed(site)) domain.lattice_is_whole = false;
+  return site;
+}
+
+Cell* new_cell_at(const Site& site) {
+  const std::int32_t ipos = site.ipos >= 0 ? site.ipos : true_ipos(site.x - x_min, site.y - y_min);
   if (ipos < 0 || ipos > level_max) {
     fatal(
         "(Velmar_2D:) insert_node: ERROR\n"
         "             the position (" +
-        to_text(v.x) + ", " + to_text(v.y) + ") belongs to level " + std::to_string(ipos) +
+        to_text(site.x) + ", " + to_text(site.y) + ") belongs to level " + std::to_string(ipos) +
         ",\n"
         "             which lies outside of the levels 0 to " +
         std::to_string(level_max));
   }
   Cell* c = new_cell();
-  c->x = v.x;
-  c->y = v.y;
+  c->x = site.x;
+  c->y = site.y;
   c->ipos = ipos;
-  c->level = v.level;
+  c->level = site.level;
   // Enter the list first: whatever happens then, the node is not lost.
   enter_stretch(*c);
   return c;
-}
-
-void prune_link(Cell* parent, int to_beyond, int back, int cut) {
-  if (parent == nullptr) return;
-  const Cell* beyond = link(*parent, to_beyond).cell();
-  if (beyond != nullptr && link(*beyond, back).empty()) {
-    link(*parent, cut) = nullptr;
-    link_level(*parent, cut) = 2;
-  }
-  if (!link(*parent, cut).empty()) link_level(*parent, cut) = 1;
-}
-
-void link_parent(Cell& c, int direction, Cell& parent) {
-  NeighbourLink& back = link(parent, opposite(direction));
-  if (!link(c, direction).empty() || !back.empty()) links_may_be_one_way = true;
-  link(c, direction) = &parent;
-  back = &c;
 }
 
 //     P ------ R       P and R, neighbouring parents of the new node N, may be linked to each
@@ -81,20 +91,15 @@ void check_surroundings(const Cell& c, const std::array<int, 4>& directions) {
   }
 }
 
-void announce_to(Cell* parent, const Cell& c) {
-  update_level(parent, &c);
-  parent->area = -1.0;
-  parent->signature_set = false;
-}
-
-double initial_data(const Vertex& v) {
+double initial_data(const Site& site) {
+  if (n_cell_data <= 0 || data_interpolation) return 0.0;
   if (!init_data_ptr) {
     fatal(
         "(Velmar_2D:) insert_node: ERROR\n"
         "             there is no procedure for the data of new nodes\n"
         "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
   }
-  return init_data_ptr(v.x, v.y);
+  return init_data_ptr(site.x, site.y);
 }
 
 NeighbourLink side_link(int direction, double x, double y) {

@@ -7,7 +7,7 @@
 //        s
 #include <cmath>
 
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d {
 
@@ -19,7 +19,8 @@ using namespace detail;
 constexpr double same_column = 1e-6;
 
 /// The straight direction in which a parent lies from the new node.
-int direction_to(const Cell& parent, const Vertex& v, double eps) {
+int direction_to(const Cell& parent, const Vertex& v) {
+  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
   if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
   return parent.y <= v.y ? south : north;
 }
@@ -32,16 +33,16 @@ struct Sides {
 };
 
 /// Sides are the straight directions in which no parent lies. Asks the caller for the records.
-Sides sides_at(const Vertex& v, double eps) {
+Sides sides_at(const Site& site) {
   Sides sides;
   std::array<bool, 4> taken{};
-  for (const Cell* parent : {v.p1, v.p2, v.p3}) {
-    taken[static_cast<std::size_t>(direction_to(*parent, v, eps) / 2)] = true;
+  for (std::size_t i = 0; i < 3; ++i) {
+    taken[static_cast<std::size_t>(site.directions[i] / 2)] = true;
   }
   for (const int side : straight_directions) {
     const auto i = static_cast<std::size_t>(side / 2);
     if (taken[i]) continue;
-    sides.links[i] = side_link(side, v.x, v.y);
+    sides.links[i] = side_link(side, site.x, site.y);
     ++sides.number;
   }
   return sides;
@@ -83,37 +84,41 @@ void prune_quadrant(Cell& c, int d) {
   prune_link(link(c, d + 2).cell(), d, d + 5, d + 7);
 }
 
-}  // namespace
+/// `foreign` is a vertex of the caller's, whose parents may be anywhere.
+void insert(const Site& site, bool foreign) {
+  const std::size_t nb_parents = site.parents[3] == nullptr ? 3 : 4;
+  const Sides sides = nb_parents == 3 ? sides_at(site) : Sides{};
+  const double first_value = initial_data(site);
 
-void insert_node_even_level(const Vertex& v) {
-  const detail::MeshChange change("insert_node_even_level");
-  check_vertex("insert_node_even_level", v, 3);
-  const double eps = dist_0 / std::exp2(v.level / 2.0) * same_column;
-  const Sides sides = v.p4 == nullptr ? sides_at(v, eps) : Sides{};
-  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
-
-  Cell& c = *new_cell_at(v);
-  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
-    if (parent != nullptr) link_parent(c, direction_to(*parent, v, eps), *parent);
+  Cell& c = *new_cell_at(site);
+  for (std::size_t i = 0; i < nb_parents; ++i) {
+    link_parent(c, site.directions[i], *site.parents[i]);
   }
-  if (v.p4 == nullptr) link_sides(c, sides);
+  if (nb_parents == 3) link_sides(c, sides);
   set_shape(c);
-  check_surroundings(c, straight_directions);
+  if (foreign) check_surroundings(c, straight_directions);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
-  check_surroundings(c, straight_directions);
-  for (Cell* parent : {v.p1, v.p2, v.p3, v.p4}) {
-    if (parent != nullptr) announce_to(parent, c);
-  }
+  if (foreign) check_surroundings(c, straight_directions);
+  for (std::size_t i = 0; i < nb_parents; ++i) announce_to(site.parents[i], c);
 
   if (n_cell_data <= 0) return;
   if (!data_interpolation) {
     c.data[0] = first_value;
-  } else if (v.p4 != nullptr) {
-    interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
+  } else if (nb_parents == 4) {
+    interp_4pts(site.parents[0], site.parents[1], site.parents[2], site.parents[3], &c);
   } else {
-    interp_3pts(v.p1, v.p2, v.p3, &c);
+    interp_3pts(site.parents[0], site.parents[1], site.parents[2], &c);
   }
   compute_data_at_node(&c);
+}
+
+}  // namespace
+
+void detail::insert_midpoint(const Site& site) { insert(site, false); }
+
+void insert_node_even_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_even_level");
+  insert(site_of("insert_node_even_level", v, 3, direction_to), true);
 }
 
 }  // namespace velmar_2d

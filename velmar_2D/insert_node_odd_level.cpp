@@ -5,7 +5,7 @@
 //      |    N    |           nw and ne, once X is linked to both.
 //      | /     \ |
 //     sw ------- se
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d {
 
@@ -13,12 +13,10 @@ namespace {
 
 using namespace detail;
 
-/// Links a new centre and one corner of its square, by the quadrant in which the corner lies.
-void link_corner(Cell& centre, Cell& corner) {
-  const bool west_of = corner.x <= centre.x, south_of = corner.y <= centre.y;
-  const int direction =
-      west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
-  link_parent(centre, direction, corner);
+/// The quadrant in which a corner lies.
+int direction_to(const Cell& corner, const Vertex& v) {
+  const bool west_of = corner.x <= v.x, south_of = corner.y <= v.y;
+  return west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
 }
 
 /// The two corners of the square's side in direction `side`, seen from the new centre.
@@ -37,32 +35,37 @@ void prune_along_boundary(Cell& centre, int side) {
   }
 }
 
-}  // namespace
-
-void insert_node_odd_level(const Vertex& v) {
-  const detail::MeshChange change("insert_node_odd_level");
-  check_vertex("insert_node_odd_level", v, 4);
-  const double first_value = n_cell_data > 0 && !data_interpolation ? initial_data(v) : 0.0;
-  Cell& c = *new_cell_at(v);
-  c.area = dist_0 * dist_0 / power_of_2(v.level);
+/// `foreign` is a vertex of the caller's, whose parents may be anywhere.
+void insert(const Site& site, bool foreign) {
+  const double first_value = initial_data(site);
+  Cell& c = *new_cell_at(site);
+  c.area = dist_0 * dist_0 / power_of_2(site.level);
   c.signature = {85, 85};
   c.signature_set = true;
 
-  const std::array<Cell*, 4> corners = {v.p1, v.p2, v.p3, v.p4};
-  for (Cell* corner : corners) link_corner(c, *corner);
-  check_surroundings(c, diagonal_directions);
+  for (std::size_t i = 0; i < 4; ++i) link_parent(c, site.directions[i], *site.parents[i]);
+  if (foreign) check_surroundings(c, diagonal_directions);
   for (const int side : straight_directions) prune_across(c, side);
   for (const int side : straight_directions) prune_along_boundary(c, side);
-  check_surroundings(c, diagonal_directions);
-  for (Cell* corner : corners) announce_to(corner, c);
+  if (foreign) check_surroundings(c, diagonal_directions);
+  for (Cell* corner : site.parents) announce_to(corner, c);
 
   if (n_cell_data <= 0) return;
   if (data_interpolation) {
-    interp_4pts(v.p1, v.p2, v.p3, v.p4, &c);
+    interp_4pts(site.parents[0], site.parents[1], site.parents[2], site.parents[3], &c);
   } else {
     c.data[0] = first_value;
   }
   compute_data_at_node(&c);
+}
+
+}  // namespace
+
+void detail::insert_centre(const Site& site) { insert(site, false); }
+
+void insert_node_odd_level(const Vertex& v) {
+  const detail::MeshChange change("insert_node_odd_level");
+  insert(site_of("insert_node_odd_level", v, 4, direction_to), true);
 }
 
 }  // namespace velmar_2d

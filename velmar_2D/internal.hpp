@@ -1,9 +1,9 @@
 // Procedures and tables that the operation groups share. Never installed.
 #pragma once
 
-#include "velmar_2D/velmar_2D.hpp"
-
 #include <string>
+
+#include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::detail {
 
@@ -119,8 +119,8 @@ void find_broken_rules(std::vector<Finding>& findings);
 
 /// The scope of an exported procedure that changes the mesh. In a build with VELMAR_2D_VALIDATE the
 /// mesh is checked at the end of the outermost one, and the process ended with the first finding;
-/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's word
-/// for what they insert and remove, and are held to the rules of list and links only. In other
+/// unless an exception leaves it, or the mesh was broken before. Single steps take the caller's
+/// word for what they insert and remove, and are held to the rules of list and links only. In other
 /// builds it is nothing.
 class MeshChange {
  public:
@@ -156,6 +156,9 @@ struct Domain {
   /// No link is longer than this along x or y: the spacing of level 0, as long as all its nodes are
   /// there.
   double longest_link = 0.0;
+  /// Positions can be told exactly, and all squares and diamonds of linked nodes are some: no node
+  /// of level 0 was removed, and callers inserted nodes only where refinement would.
+  bool lattice_is_whole = false;
 };
 extern Domain domain;
 
@@ -167,6 +170,8 @@ inline bool may_have_neighbour_on_side(const Cell& c) {
 }
 
 std::int32_t true_ipos(double x, double y);
+/// Whether true_ipos() tells positions apart without the tolerance that a domain far away needs.
+bool positions_are_exact();
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
 std::int32_t log2_special(std::int32_t n);
 
@@ -186,28 +191,6 @@ bool not_large_house_reserve_2(const Cell* c);
 bool special_refinement_possible(Cell& c);
 void refine_cell(Cell*& c, bool special = false);
 void special_sort_level(std::int32_t l);
-
-// What odd and even insertion have in common (insert_node.cpp), in the order of an insertion. All
-// that can fail, callbacks included, comes before the first link is changed.
-
-/// Ends the process unless the vertex has its first `nb_parents` parents and a level within the limit.
-void check_vertex(std::string_view operation, const Vertex& v, int nb_parents);
-/// A node at the vertex, in its stretch but without links. Ends the process if its position has no
-/// place in the level arrays.
-Cell* new_cell_at(const Vertex& v);
-/// Cuts the link of a new node's parent in the direction `cut`, which the new node crosses, once it
-/// is crossed from both hands: the node X beyond, at `to_beyond` from the parent, has no link `back`
-/// across it. Keeps the link's level. Does nothing without a parent.
-void prune_link(Cell* parent, int to_beyond, int back, int cut);
-/// Links the new node and a parent that lies in this direction from it.
-void link_parent(Cell& c, int direction, Cell& parent);
-/// Whether the parents surround the new node: the links between them lead nowhere else, and back.
-/// Wanted before and after links are cut; both kinds of node alike, see insert_node.cpp.
-void check_surroundings(const Cell& c, const std::array<int, 4>& directions);
-/// Tells a parent about its new neighbour.
-void announce_to(Cell* parent, const Cell& c);
-/// Calls init_data_ptr for the first data value of a node at the vertex.
-double initial_data(const Vertex& v);
 
 /// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
 /// of the three. `direction` is the straight direction of the side.

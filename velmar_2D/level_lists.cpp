@@ -54,7 +54,10 @@ void enter_stretch(Cell& c) {
 
 void leave_stretch(Cell& c) {
   // Without a node of level 0 its neighbours' links grow: distances tell nothing any more.
-  if (c.ipos == 0) domain.longest_link = std::numeric_limits<double>::infinity();
+  if (c.ipos == 0) {
+    domain.longest_link = std::numeric_limits<double>::infinity();
+    domain.lattice_is_whole = false;
+  }
   const auto stretch = static_cast<std::size_t>(c.ipos);
   Cell*& first = level_beg[stretch].next;
   Cell*& last = level_end[stretch].next;

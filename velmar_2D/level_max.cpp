@@ -1,5 +1,5 @@
 // The subdivision limit: raising it makes room, lowering it removes every node above.
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d {
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <new>
 
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/scout.hpp"
 
 #if defined(__linux__)
 #include <sys/mman.h>
@@ -35,13 +35,19 @@ struct Slab {
   std::size_t bytes;
 };
 
+/// A slot that waits for its next use. A new node writes all of it, so that memory is asked for the
+/// slots a few uses before.
 struct FreeSlot {
   FreeSlot* next;
+  FreeSlot* later;  ///< one that will be used a little after this one, or was
 };
+constexpr std::size_t slots_ahead = 6;
 
 std::vector<Slab> slabs;
 std::byte *unused_begin = nullptr, *unused_end = nullptr;  // rest of the last slab
 FreeSlot* free_slots = nullptr;
+std::array<FreeSlot*, slots_ahead> recent_free_slots{};
+std::size_t nb_freed = 0;
 std::size_t bytes_in_slabs = 0;
 
 std::align_val_t alignment_of(std::size_t bytes) {
@@ -92,6 +98,8 @@ void* take_slot() {
     FreeSlot* slot = free_slots;
     unpoison(slot);
     free_slots = slot->next;
+    const auto* later = reinterpret_cast<const std::byte*>(slot->later);
+    for (std::size_t line = 0; line < sizeof(Cell); line += 64) __builtin_prefetch(later + line, 1);
     return slot;
   }
   if (unused_begin == unused_end) add_slab();
@@ -102,7 +110,9 @@ void* take_slot() {
 }
 
 void give_slot(void* memory) {
-  free_slots = new (memory) FreeSlot{free_slots};
+  FreeSlot*& earlier = recent_free_slots[nb_freed++ % slots_ahead];
+  free_slots = new (memory) FreeSlot{free_slots, earlier};
+  earlier = free_slots;
   poison(memory);
 }
 
@@ -117,6 +127,7 @@ void return_node_memory() {
   std::vector<Slab>().swap(slabs);
   unused_begin = unused_end = nullptr;
   free_slots = nullptr;
+  recent_free_slots = {};
   bytes_in_slabs = 0;
 }
 
@@ -167,6 +178,7 @@ std::int32_t release_all_nodes() {
     std::fill(ends->begin(), ends->end(), Handle{});
   }
   return_node_memory();
+  trail.forget();
   links_may_be_one_way = false;
   return nb_released;
 }

@@ -1,38 +1,40 @@
 // Refining the mesh around one node.
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/insertion.hpp"
 
 namespace velmar_2d::detail {
 
 namespace {
 
-bool awaits_all(const Cell* c) { return c->reserve == 4; }
+/// Whether the node still awaits all of its finer neighbours. A missing one, where a side is, does
+/// not.
+bool awaits_all(const Cell* c) { return c != nullptr && c->reserve == 4; }
 
 /// In special mode a closed figure is completed up to the limit itself, once all its cells have
 /// begun to rise. Half figures, which have no fourth cell, are not held to that.
-bool wanted(const Vertex& v, bool special) {
-  if (!special) return v.level < level_max;
-  if (v.level > level_max) return false;
-  return v.p4 == nullptr ||
-         !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) || awaits_all(v.p4));
+bool wanted(const Site& site, bool special) {
+  if (!special) return site.level < level_max;
+  if (site.level > level_max) return false;
+  return site.parents[3] == nullptr ||
+         std::none_of(site.parents.begin(), site.parents.end(), awaits_all);
 }
 
 }  // namespace
 
 void refine_cell(Cell*& c, bool special) {
   if (special && !special_refinement_possible(*c)) return;
-  std::array<Vertex, 4> vertex_list;
+  std::array<Site, 4> sites;
   std::int32_t n = 0;
-  build_vertex(c, vertex_list, n);
+  find_sites(*c, sites, n);
   for (std::int32_t i = 0; i < n; ++i) {
-    const Vertex& v = vertex_list[static_cast<std::size_t>(i)];
-    if (!wanted(v, special)) {
-      if (!special && v.level >= level_max) ++update_statistics.refused;
+    const Site& site = sites[static_cast<std::size_t>(i)];
+    if (!wanted(site, special)) {
+      if (!special && site.level >= level_max) ++update_statistics.refused;
       continue;
     }
-    if (v.level % 2 == 1) {
-      insert_node_odd_level(v);
+    if (site.level % 2 == 1) {
+      insert_centre(site);
     } else {
-      insert_node_even_level(v);
+      insert_midpoint(site);
     }
   }
 }

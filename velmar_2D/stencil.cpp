@@ -15,11 +15,11 @@ namespace {
 /// 1e-6 of the spacing, well above the rounding of positions and well below a finer neighbour.
 constexpr double regular_square_tolerance = 2e-6;
 
+/// Leaves the id out, which lies on another cache line.
 template <int nb_rows>
 void append_row(StencilTable<nb_rows>& list, int& n_list, const Cell& c) {
   assert(n_list < nb_rows);
   if (n_list >= nb_rows) return;
-  list.id[n_list] = c.id;
   list.x[n_list] = c.x;
   list.y[n_list] = c.y;
   list.value[n_list] = first_data(c);
@@ -30,6 +30,13 @@ template <int nb_rows>
 void append_neighbors(const Cell& c, StencilTable<nb_rows>& list, int& n_list) {
   for (int direction = 0; direction < nb_directions; ++direction) {
     if (const Cell* neighbour = link(c, direction).cell()) append_row(list, n_list, *neighbour);
+  }
+}
+
+template <int nb_rows>
+void identify_neighbors(const Cell& c, StencilTable<nb_rows>& list, int row) {
+  for (int direction = 0; direction < nb_directions && row < nb_rows; ++direction) {
+    if (const Cell* neighbour = link(c, direction).cell()) list.id[row++] = neighbour->id;
   }
 }
 
@@ -55,7 +62,13 @@ void extract_neighbors(const Cell* c, Stencil& list, int& n_list) {
   append_neighbors(*c, list, n_list);
 }
 
+void extract_ids(const Cell* c, Stencil& list) {
+  list.id[0] = c->id;
+  identify_neighbors(*c, list, 1);
+}
+
 void extract_neighbors_l2(const Cell* c, Candidates& list, int& n_list) {
+  identify_neighbors(*c, list, n_list);
   append_neighbors(*c, list, n_list);
 }
 
@@ -137,31 +150,49 @@ void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, in
   }
 }
 
-// The two neighbours that close a square with the far corner, by case; direction 0 is the first
-// neighbour of the stencil (n at an even level, ne at an odd one), 2 the second and so on.
-//
-//     case 1: rows 2 and 3      case 2: rows 5 and 2      case 3: rows 4 and 5      case 4: 3 and 4
-void extract_neighbor_square(const Cell* c, Stencil& list, int& n_list, int& quick_hessian_case) {
-  quick_hessian_case = 0;
-  const int first_direction = c->level % 2 == 0 ? north : north_east;
-  const double spacing2 = dist_0 * dist_0 / std::abs(power_of_2(c->level));
-  for (int direction = first_direction; direction < nb_directions; direction += 2) {
-    const Cell* neighbour = link(*c, direction).cell();
-    if (neighbour == nullptr) return;
-    const double x = neighbour->x - c->x, y = neighbour->y - c->y;
+namespace {
+
+/// `first` is the direction of the first of the four neighbours: north at an even level, north-east
+/// at an odd one.
+template <int first>
+void extract_square(const Cell& c, Stencil& list, int& n_list, int& quick_hessian_case) {
+  std::array<const Cell*, 4> neighbours;
+  const double spacing2 = dist_0 * dist_0 / std::abs(power_of_2(c.level));
+  for (int i = 0; i < 4; ++i) {
+    const Cell* neighbour = link(c, first + 2 * i).cell();
+    if (neighbour == nullptr || link(c, first + 2 * i + 1).cell() != nullptr) return;
+    neighbours[static_cast<std::size_t>(i)] = neighbour;
+  }
+  for (const Cell* neighbour : neighbours) {
+    const double x = neighbour->x - c.x, y = neighbour->y - c.y;
     // Strict, so that a level without a finite spacing has no regular square.
     if (!(std::abs(x * x + y * y - spacing2) < regular_square_tolerance * spacing2)) return;
   }
 
+  // The two neighbours that close a square with the far corner, by case:
+  //
+  //   case 1: rows 2 and 3    case 2: rows 5 and 2    case 3: rows 4 and 5    case 4: rows 3 and 4
   static constexpr std::array<std::array<int, 2>, 4> neighbours_by_case = {
       {{0, 2}, {6, 0}, {4, 6}, {2, 4}}};
   for (std::size_t i = 0; i < neighbours_by_case.size(); ++i) {
     const auto [a, b] = neighbours_by_case[i];
-    if (const Cell* far = far_corner(*c, first_direction + a, first_direction + b)) {
-      append_row(list, n_list, *far);
-      quick_hessian_case = static_cast<int>(i) + 1;
-      return;
-    }
+    const Cell* far = far_corner(c, first + a, first + b);
+    if (far == nullptr) continue;
+    for (const Cell* neighbour : neighbours) append_row(list, n_list, *neighbour);
+    append_row(list, n_list, *far);
+    quick_hessian_case = static_cast<int>(i) + 1;
+    return;
+  }
+}
+
+}  // namespace
+
+void extract_neighbor_square(const Cell* c, Stencil& list, int& n_list, int& quick_hessian_case) {
+  quick_hessian_case = 0;
+  if (c->level % 2 == 0) {
+    extract_square<north>(*c, list, n_list, quick_hessian_case);
+  } else {
+    extract_square<north_east>(*c, list, n_list, quick_hessian_case);
   }
 }
 

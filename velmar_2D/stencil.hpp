@@ -35,9 +35,13 @@ void copy_row(StencilTable<nb_rows>& to, int row, const Candidates& from, int fr
   to.value[row] = from.value[from_row];
 }
 
-/// Appends the Cells among the eight links, in the order of the links.
+/// Appends the Cells among the eight links, in the order of the links, without their ids.
 void extract_neighbors(const Cell* c, Stencil& list, int& n_list);
-/// The same into a table of candidates. What it has no room for is left out.
+/// Fills in the ids of the node and the neighbours, rows 0 and following, which are wanted only
+/// where candidates are compared with them.
+void extract_ids(const Cell* c, Stencil& list);
+/// As extract_neighbors() into a table of candidates, with ids. What it has no room for is left
+/// out.
 void extract_neighbors_l2(const Cell* c, Candidates& list, int& n_list);
 /// Appends the neighbours of every neighbour: the node itself and repetitions included.
 void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list);
@@ -48,8 +52,9 @@ void unique_in_list(Candidates& list, int& n_list);
 /// which they are tried: a distance order, though not an ascending one (see the definition).
 void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, int& n_candidates);
 
-/// Recognises the regular square: the four neighbours at one spacing and a far corner that closes a
-/// square with two of them. Appends the far corner and tells which two (1 to 4), else gives case 0.
+/// Recognises the regular square: four neighbours and no others, at one spacing, and a far corner
+/// that closes a square with two of them. Appends all five and tells which two (1 to 4), else gives
+/// case 0 and appends nothing.
 void extract_neighbor_square(const Cell* c, Stencil& list, int& n_list, int& quick_hessian_case);
 /// At a node on a side with three neighbours: appends the two far corners of the squares inwards
 /// and the node two steps inwards, if all three are there.

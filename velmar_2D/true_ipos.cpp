@@ -92,10 +92,19 @@ std::int32_t log2_special(std::int32_t n) {
   return res;
 }
 
+namespace {
+
+/// Away from the origin x - x_min carries the rounding of x itself.
+double tolerance_far_away() {
+  return roundings * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0;
+}
+
+}  // namespace
+
+bool positions_are_exact() { return tolerance_far_away() <= position_tolerance; }
+
 std::int32_t true_ipos(double x, double y) {
-  // Away from the origin x - x_min carries the rounding of x itself.
-  const double tolerance =
-      roundings * std::numeric_limits<double>::epsilon() * domain.largest_coordinate / dist_0;
+  const double tolerance = tolerance_far_away();
   const double* tol = tolerance > position_tolerance ? &tolerance : nullptr;
   const std::int32_t dx = denominator(x / dist_0, tol);
   const std::int32_t dy = denominator(y / dist_0, tol);

@@ -1,42 +1,73 @@
-// Adapting the mesh: the two entry points, which differ in where the data of new nodes come from.
+// Adapting the mesh: the entry points, which differ in where the data of new nodes come from and in
+// how the wanted spacing is asked for.
+#include "velmar_2D/scout.hpp"
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d {
 
+void compute_data_at_all_nodes() {
+  if (detail::lists_are_split()) join_sublists();
+  detail::Scout scout = detail::Scout::forwards();
+  scout.begin_stretch(mesh_beg);
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    scout.advance(true);
+    compute_data_at_node(c);
+  }
+}
+
 namespace detail {
 
-void compute_data_at_all_nodes() {
-  for (Cell* c = mesh_beg; c != nullptr; c = c->next) compute_data_at_node(c);
-}
-
-void check_update(const size_function& size_fun) {
+void check_update(bool has_size_fun) {
   require_mesh("update_mesh");
   if (lists_are_split()) join_sublists();
-  if (!size_fun) fatal("(velmar_2D/update_mesh:) ERROR: arg 'size_fun' is no procedure!");
+  if (!has_size_fun) fatal("(velmar_2D/update_mesh:) ERROR: arg 'size_fun' is no procedure!");
   update_statistics = {};
 }
+
+namespace {
+
+template <typename SizeFunction>
+void update_with_init(std::string_view operation, const SizeFunction& size_fun,
+                      init_data_function& init_data) {
+  const MeshChange change(operation);
+  check_update(static_cast<bool>(size_fun));
+  if (!init_data && n_cell_data > 0) {
+    fatal("(velmar_2D/update_mesh:) ERROR: arg 'init_data' is no procedure!");
+  }
+  data_interpolation = false;
+  init_data_ptr = std::move(init_data);
+  compute_data_at_all_nodes();
+  update_mesh_body(size_fun);
+}
+
+template <typename SizeFunction>
+void update_with_interpolation(std::string_view operation, const SizeFunction& size_fun) {
+  const MeshChange change(operation);
+  check_update(static_cast<bool>(size_fun));
+  data_interpolation = true;
+  init_data_ptr = nullptr;
+  if (n_cell_data > 0) compute_data_at_all_nodes();
+  update_mesh_body(size_fun);
+}
+
+}  // namespace
 
 }  // namespace detail
 
 void update_mesh_init(const size_function& size_fun, init_data_function init_data) {
-  const detail::MeshChange change("update_mesh_init");
-  detail::check_update(size_fun);
-  if (!init_data && n_cell_data > 0) {
-    detail::fatal("(velmar_2D/update_mesh:) ERROR: arg 'init_data' is no procedure!");
-  }
-  data_interpolation = false;
-  init_data_ptr = std::move(init_data);
-  detail::compute_data_at_all_nodes();
-  detail::update_mesh_body(size_fun);
+  detail::update_with_init("update_mesh_init", size_fun, init_data);
 }
 
 void update_mesh_no_init(const size_function& size_fun) {
-  const detail::MeshChange change("update_mesh_no_init");
-  detail::check_update(size_fun);
-  data_interpolation = true;
-  init_data_ptr = nullptr;
-  if (n_cell_data > 0) detail::compute_data_at_all_nodes();
-  detail::update_mesh_body(size_fun);
+  detail::update_with_interpolation("update_mesh_no_init", size_fun);
+}
+
+void update_mesh_init_batched(const batch_size_function& size_fun, init_data_function init_data) {
+  detail::update_with_init("update_mesh_init_batched", size_fun, init_data);
+}
+
+void update_mesh_no_init_batched(const batch_size_function& size_fun) {
+  detail::update_with_interpolation("update_mesh_no_init_batched", size_fun);
 }
 
 }  // namespace velmar_2d

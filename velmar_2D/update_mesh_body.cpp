@@ -1,6 +1,9 @@
 // The two passes of an adaptation.
 #include <cmath>
+#include <limits>
+#include <new>
 
+#include "velmar_2D/scout.hpp"
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -39,16 +42,76 @@ bool clearly_below(double ratio, double threshold) {
   return ratio < threshold * (1.0 - Thresholds::hair) && ratio >= 0.0;
 }
 
+/// Asks for the wanted spacing of each node as a walk comes to it.
+class SizesOneByOne {
+ public:
+  explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(Cell* /*start*/, const Scout& /*scout*/) {}
+  double at(const Cell& c) const {
+    // Without values there are no derivatives, and no need to fetch them.
+    if (c.data.empty()) return size_fun_(c.x, c.y, {}, 0.0, 0.0);
+    return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  }
+
+ private:
+  const size_function& size_fun_;
+};
+
+/// Asks for the wanted spacings of a whole stretch before it is walked.
+///
+/// A walk meets just the nodes that are there when it begins: what refinement adds to its stretch
+/// enters behind it, at the head, and coarsening removes no node but the one that it visits. Nor do
+/// the values of a node change on the way. So the answers are those of SizesOneByOne.
+class SizesInBatches {
+ public:
+  explicit SizesInBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
+
+  /// The scout of the walk is copied: it comes this way again.
+  void begin_walk(Cell* start, Scout scout) {
+    scout.begin_stretch(start);
+    try {
+      const auto most = static_cast<std::size_t>(nb_nodes);
+      if (nodes_.capacity() < most) {
+        nodes_.reserve(most + most / 2);
+        sizes_.reserve(most + most / 2);
+      }
+      nodes_.clear();
+      for (const Cell* c = start; c != nullptr; c = scout.after(*c)) {
+        scout.advance(false);
+        nodes_.push_back(c);
+      }
+      sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
+    } catch (const std::bad_alloc&) {
+      allocation_failed((nodes_.size() + 1) * (sizeof(void*) + sizeof(double)));
+    }
+    next_ = 0;
+    if (!nodes_.empty()) size_fun_(nodes_, sizes_);
+  }
+  /// Needs: the nodes of the walk in their order; some may be left out.
+  double at(const Cell& c) {
+    while (nodes_[next_] != &c) ++next_;
+    return sizes_[next_++];
+  }
+
+ private:
+  const batch_size_function& size_fun_;
+  std::vector<const Cell*> nodes_;
+  std::vector<double> sizes_;
+  std::size_t next_ = 0;
+};
+
 /// dist_0 divided by the wanted spacing.
-double wanted_ratio(const Cell& c, const size_function& size_fun) {
+template <typename Sizes>
+double wanted_ratio(const Cell& c, Sizes& sizes) {
   ++update_statistics.visited;
-  return dist_0 /
-         size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  return dist_0 / sizes.at(c);
 }
 
 /// Whether the wanted level exceeds the node's.
-bool too_coarse(const Cell& c, const size_function& size_fun) {
-  const double ratio = wanted_ratio(c, size_fun);
+template <typename Sizes>
+bool too_coarse(const Cell& c, Sizes& sizes) {
+  const double ratio = wanted_ratio(c, sizes);
   if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
     if (clearly_above(ratio, thresholds.refine[l])) return true;
     if (clearly_below(ratio, thresholds.refine[l])) return false;
@@ -57,8 +120,9 @@ bool too_coarse(const Cell& c, const size_function& size_fun) {
 }
 
 /// Whether the node's level exceeds the wanted one by more than the margin.
-bool too_fine(const Cell& c, const size_function& size_fun) {
-  const double ratio = wanted_ratio(c, size_fun);
+template <typename Sizes>
+bool too_fine(const Cell& c, Sizes& sizes) {
+  const double ratio = wanted_ratio(c, sizes);
   if (const auto l = static_cast<std::size_t>(c.level); l < Thresholds::nb_levels) {
     if (clearly_above(ratio, thresholds.coarsen[l])) return false;
     if (clearly_below(ratio, thresholds.coarsen[l])) return true;
@@ -66,89 +130,52 @@ bool too_fine(const Cell& c, const size_function& size_fun) {
   return c.level > coarsening_margin + level_of(ratio);
 }
 
-/// Runs a few nodes ahead of a walk and asks the memory for what the walk will read there.
-///
-/// Nodes that follow one another in a stretch mostly lie one slot apart, so the place of a node
-/// further ahead can be guessed before its address is known; a wrong guess costs nothing but the
-/// request.
-class Scout {
- public:
-  Scout(Cell* start, Cell* Cell::*step) : position_(start), step_(step) {
-    for (int i = 0; i < nodes_ahead; ++i) advance();
-  }
-
-  void advance() {
-    if (position_ == nullptr) return;
-    Cell* following = position_->*step_;
-    if (following != nullptr) {
-      const auto here = reinterpret_cast<std::uintptr_t>(position_);
-      const auto there = reinterpret_cast<std::uintptr_t>(following);
-      request(there + guessed_ahead * (there - here));
-      request(there + guessed_ahead * (there - here) + 64);
-    }
-    position_ = following;
-  }
-
-  /// Asks for the neighbours of the node that the scout has reached.
-  void request_neighbours() const {
-    if (position_ == nullptr) return;
-    for (int d = 0; d < nb_directions; ++d) {
-      if (const Cell* neighbour = link(*position_, d).cell()) {
-        request(reinterpret_cast<std::uintptr_t>(neighbour));
-      }
-    }
-  }
-  bool at_settled_node() const { return position_ == nullptr || position_->reserve == 4; }
-
- private:
-  static constexpr int nodes_ahead = 4, guessed_ahead = 6;
-
-  static void request(std::uintptr_t address) {
-    __builtin_prefetch(reinterpret_cast<const void*>(address));
-  }
-
-  Cell* position_;
-  Cell* Cell::*step_;
-};
-
 /// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
 /// visited in the same pass.
-void refine(const size_function& size_fun) {
+template <typename Sizes>
+void refine(Sizes& sizes) {
+  Scout scout = Scout::forwards();
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
-    Scout scout(c, &Cell::next);
+    sizes.begin_walk(c, scout);
+    scout.begin_stretch(c);
     bool refining = true;
-    while (c != nullptr) {
-      scout.advance();
-      if (refining || !scout.at_settled_node()) scout.request_neighbours();
-      const std::int32_t id_save = c->id;
-      refining = too_coarse(*c, size_fun);
+    for (; c != nullptr; c = c->next) {
+      scout.advance(refining);
+      refining = too_coarse(*c, sizes);
       if (refining) refine_cell(c, false);
-      if (c != nullptr && c->level < level_max) refine_cell(c, true);
-      if (c != nullptr && c->id == id_save) c = c->next;
+      if (c->level < level_max) refine_cell(c, true);
     }
   }
 }
 
 /// Stretches downwards, each from its last node. The predecessor is taken before a node is removed.
-void coarsen(const size_function& size_fun) {
+template <typename Sizes>
+void coarsen(Sizes& sizes) {
+  Scout scout = Scout::backwards();
+  trail.begin_recording();
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
-    Scout scout(c, &Cell::prev);
+    sizes.begin_walk(c, scout);
+    scout.begin_stretch(c);
+    bool removing = false;
     while (c != nullptr) {
-      scout.advance();
+      scout.advance(removing);
       Cell* tmp = c;
       c = c->prev;
-      if (tmp->level == 0) continue;
-      if (!too_fine(*tmp, size_fun)) continue;
-      if (tmp->level % 2 != 1) {
-        remove_node_even_level(tmp);
-      } else {
-        remove_node_odd_level(tmp);
+      removing = tmp->level != 0 && too_fine(*tmp, sizes);
+      if (removing) {
+        if (tmp->level % 2 != 1) {
+          remove_node_even_level(tmp);
+        } else {
+          remove_node_odd_level(tmp);
+        }
       }
+      if (tmp != nullptr) trail.record(tmp);
     }
   }
+  trail.end_recording();
 }
 
 /// Every node that came or went is one step of mesh_revision: with the change of their number that
@@ -170,14 +197,18 @@ class CountAtEnd {
   std::int32_t nb_nodes_before_ = nb_nodes;
 };
 
-}  // namespace
-
-void update_mesh_body(const size_function& size_fun) {
+template <typename Sizes>
+void adapt(Sizes sizes) {
   const CountAtEnd count_at_end;
   const JoinAtEnd join_at_end;
   split_sublists();
-  refine(size_fun);
-  coarsen(size_fun);
+  refine(sizes);
+  coarsen(sizes);
 }
+
+}  // namespace
+
+void update_mesh_body(const size_function& size_fun) { adapt(SizesOneByOne(size_fun)); }
+void update_mesh_body(const batch_size_function& size_fun) { adapt(SizesInBatches(size_fun)); }
 
 }  // namespace velmar_2d::detail

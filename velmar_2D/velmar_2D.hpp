@@ -199,21 +199,22 @@ class UserReference {
 ///
 /// Callers read every field, and write `data`, `data_ptr` and `used`; the rest is kept by the
 /// library. Copying a node copies its data values and borrows everything else.
-/// One cache line holds what a walk over the nodes reads, the next one the links, the third one the
-/// values; what is read rarely comes last.
+/// One cache line holds what a walk over the nodes reads, there and at their neighbours; the next
+/// one the links; the third one what an insertion or a removal changes nearby. What is read rarely
+/// comes last.
 struct alignas(64) Cell {
-  std::int32_t id = 0;                      ///< unique while the process lives, taken from next_id
+  double x = 0.0, y = 0.0;                  ///< position
+  std::int32_t level = 0;                   ///< rises as the mesh around the node is refined
+  std::int32_t reserve = 4;                 ///< finer neighbours still awaited before `level` rises
+  std::int32_t ipos = 0;                    ///< level at which a node at this position is created
   std::array<std::uint8_t, 2> signature{};  ///< shape of the control cell, see cell_type()
   bool signature_set = false;               ///< whether `signature` is current
-  double x = 0.0, y = 0.0;                  ///< position
-  double area = -1.0;        ///< area of the control cell; negative: not computed, see cell_area()
-  std::int32_t ipos = 0;     ///< level at which a node at this position is first created
-  std::int32_t level = 0;    ///< current level; rises as the mesh around the node is refined
-  std::int32_t reserve = 4;  ///< finer neighbours still awaited before `level` rises
-  std::int32_t on_boundary = 0;           ///< 0 inside, 1 on a side, 2 at a corner of the domain
-  Cell *prev = nullptr, *next = nullptr;  ///< node list, mesh_beg to mesh_end
+  Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
+  CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
   NeighbourLink n, ne, e, se, s, sw, w, nw;
-  CellData data;            ///< n_cell_data values; data[0] drives the adaptation
+  std::int32_t id = 0;           ///< unique while the process lives, taken from next_id
+  std::int32_t on_boundary = 0;  ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  double area = -1.0;       ///< area of the control cell; negative: not computed, see cell_area()
   double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()
   double grad2_data = 0.0;  ///< Frobenius norm of the Hessian of data[0]
   std::int32_t nl = 2, nel = 2, el = 2, sel = 2, sl = 2, swl = 2, wl = 2,
@@ -239,7 +240,7 @@ struct Handle {
 /// What an adaptation did. Inserted minus removed is the change of nb_nodes; a node that one call
 /// inserts and removes again counts in both.
 struct UpdateStatistics {
-  std::int64_t visited = 0;   ///< nodes whose wanted spacing was asked for; twice, if by both passes
+  std::int64_t visited = 0;  ///< nodes whose wanted spacing was asked for; twice, if by both passes
   std::int64_t inserted = 0;  ///< nodes created
   std::int64_t removed = 0;   ///< nodes released
   /// Insertions that the wanted spacing asked for and the subdivision limit forbade. Each of the
@@ -257,6 +258,10 @@ using bc_type_function = std::function<std::int32_t(double x, double y, std::str
 /// the coarsest; a node for which it is negative or not a number is left as it is.
 using size_function = std::function<double(double x, double y, std::span<const double> data,
                                            double grad_data, double grad2_data)>;
+/// Wanted spacings of many nodes at once: sizes[i] receives that of *nodes[i], as a size_function
+/// would return it; one that is not written leaves its node as it is.
+using batch_size_function =
+    std::function<void(std::span<const Cell* const> nodes, std::span<double> sizes)>;
 /// First data value of a new node at (x, y).
 using init_data_function = std::function<double(double x, double y)>;
 /// Receives a text of the library; see fatal_handler, message_handler and pause_handler.
@@ -299,9 +304,9 @@ VELMAR_2D_API extern std::vector<Handle> level_beg, level_end;
 VELMAR_2D_API extern std::vector<Handle> tmp_beg, tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2> level_range;
-VELMAR_2D_API extern std::int32_t level_max;    ///< subdivision limit, -1 before the first mesh
-VELMAR_2D_API extern std::int32_t next_id;      ///< id of the next node created
-VELMAR_2D_API extern std::int32_t nb_nodes;     ///< number of nodes; a mesh exists while it is above 0
+VELMAR_2D_API extern std::int32_t level_max;  ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t next_id;    ///< id of the next node created
+VELMAR_2D_API extern std::int32_t nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
 /// Grows whenever a node comes or goes, and with that wherever a link or a level changes: what a
 /// caller derived from the mesh is current while this number is. An update can remove nodes and
 /// insert others at the same places; references to the old ones are then as invalid as ever, and
@@ -360,6 +365,18 @@ VELMAR_2D_API void update_mesh_init(const size_function& size_fun, init_data_fun
 /// derivatives are computed only where n_cell_data is above 0.
 VELMAR_2D_API void update_mesh_no_init(const size_function& size_fun);
 
+/// As update_mesh_init(), with one call of size_fun for each stretch that holds nodes and each of
+/// the two passes, before the pass walks it. The nodes of a batch come in the order of the walk,
+/// those that the pass has inserted with the later stretches. The mesh is the same as with a
+/// size_function that gives the same spacings. For callers whose spacings are cheaper in bulk:
+/// vectorised, computed by several threads, or asked of an interpreter.
+/// Cost besides: 16 bytes a node of the longest stretch.
+VELMAR_2D_API void update_mesh_init_batched(const batch_size_function& size_fun,
+                                            init_data_function init_data);
+
+/// As update_mesh_no_init(), asking for the wanted spacings as update_mesh_init_batched() does.
+VELMAR_2D_API void update_mesh_no_init_batched(const batch_size_function& size_fun);
+
 /// Changes the subdivision limit. Lowering it removes every node that lies above it; the nodes that
 /// remain are coarsened around. Raising it changes no node.
 ///
@@ -396,6 +413,11 @@ VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);  ///< the nod
 /// @param dfdx, dfdy  receive the gradient where both are given; a component across a Neumann side
 ///                    is then 0
 VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double* dfdy = nullptr);
+
+/// compute_data_at_node() for every node, in the order of the list: what update_mesh_*() does
+/// first. Faster than a loop of the caller's on a large mesh, since it asks the memory ahead. Joins
+/// the list if it is split; does nothing without a mesh.
+VELMAR_2D_API void compute_data_at_all_nodes();
 
 // ---------------------------------------------------------------------------------------------
 // Control cells
@@ -469,8 +491,8 @@ struct Finding {
   std::string_view rule;            ///< its name, see check_mesh()
   std::string_view text;            ///< what is wrong, in words
   const Cell* node = nullptr;       ///< where; nullptr: the mesh as a whole
-  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the mesh:
-                                    ///< compare it, do not follow it
+  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the
+                                    ///< mesh: compare it, do not follow it
 };
 
 /// Checks every rule of a whole mesh and reports the places where one does not hold.

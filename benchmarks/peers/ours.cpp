@@ -34,9 +34,7 @@ void set_values(const Field& field) {
 
 void update(const Field& field) { update_mesh_no_init(size_of(field)); }
 
-void compute_derivatives() {
-  for (Cell* c = mesh_beg; c != nullptr; c = c->next) compute_data_at_node(c);
-}
+void compute_derivatives() { compute_data_at_all_nodes(); }
 
 void make(const Field& field, std::int32_t values, int nb_updates) {
   start(field, values);

@@ -2,11 +2,12 @@
 # Makes the Debian packages of a build, installs them below a folder, runs the program, and removes
 # them again.
 #
-#   check_packages.sh BUILD PREFIX
+#   check_packages.sh BUILD PREFIX [PYTHON]
 #
-# PREFIX is where the same build was installed by `cmake --install`.
+# PREFIX is where the same build was installed by `cmake --install`. PYTHON is the interpreter for
+# which it has a package, if it has one.
 set -eu
-build=$1 prefix=$2
+build=$1 prefix=$2 python=${3:-}
 root=$build/root
 fail() { echo "$*"; exit 1; }
 # Without root rights files cannot be given to root; fakeroot pretends.
@@ -20,7 +21,8 @@ cpack --config "$build/CPackConfig.cmake" -B "$build/packages" >"$build/packages
   { cat "$build/packages.log"; fail "no packages were made"; }
 cd "$build/packages"
 names=$(for package in *.deb; do dpkg-deb -f "$package" Package; done)
-[ "$(echo "$names" | wc -l)" -eq 5 ] || fail "packages: $names"
+number=$(echo "$names" | wc -l)
+[ "$number" -eq $((5 + ${python:+1}+0)) ] || fail "packages: $names"
 
 # dpkg knows what is installed on this machine, so that it refuses a package whose dependencies do
 # not exist.
@@ -50,6 +52,19 @@ LD_LIBRARY_PATH='' "$root/usr/bin/velmar_2d" --version >/dev/null 2>&1 &&
 for_developers=$(find "$root" -name '*.hpp' -o -name '*.so' -o -name '*.cmake' -o -name '*.pc')
 [ -z "$for_developers" ] || fail "for developers: $for_developers"
 
+# The Python package needs none of the libraries.
+if [ -n "$python" ]; then
+  package_manager --remove velmar-2d-tools $(echo "$names" | grep '^libvelmar-2d') ||
+    { tail -n 20 "$build/dpkg.log"; fail "the program cannot be removed"; }
+  install python3-velmar-2d*.deb
+  PYTHONPATH=$root/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 "$python" -c '
+import velmar_2d
+with velmar_2d.Mesh(nx=9) as mesh:
+    mesh.update(0.05)
+    assert velmar_2d.__file__.startswith("'"$root"'") and mesh.check() == []' ||
+    fail "the Python package does not work"
+fi
+
 # Together the packages hold what an installation holds, and nothing else.
 install ./*.deb
 (cd "$prefix" && find . -type f -o -type l) | sort >"$build/installed"
@@ -63,4 +78,4 @@ package_manager --remove "$library" && fail "$library can be removed although ot
 package_manager --purge $names || { tail -n 20 "$build/dpkg.log"; fail "the packages cannot be removed"; }
 left=$(find "$root" -path '*/usr/*' ! -type d)
 [ -z "$left" ] || fail "left behind: $left"
-echo "5 packages installed, run and removed"
+echo "$number packages installed, run and removed"

@@ -5,13 +5,17 @@
     pages.py write (the same)                     puts what they print and draw into the page
 
 A block with a main() is a program of its own; any other is run on a mesh that is made for it. A
-```text block that follows a ```cpp or ```sh block is what it prints.
+```python block is a program too, which is run where the Python package was built. A ```text block
+that follows a ```cpp, ```python or ```sh block is what it prints.
 """
 import os
 import re
 import shutil
 import subprocess
 import sys
+
+# Where the Python package was built; empty where it was not.
+PYTHON_PACKAGE = os.environ.get("VELMAR_2D_PYTHON_PACKAGE", "")
 
 FENCE = re.compile(r"^```(\w*)\n(.*?)^```\n", re.M | re.S)
 
@@ -61,6 +65,13 @@ def outputs_of(page, program, tool, folder):
     printed = iter(re.findall(r"<<begin>>\n(.*?)<<end>>\n", done.stdout, re.S))
     for language, content, _ in blocks_of(page):
         output = next(printed) if language == "cpp" else None
+        if language == "python" and PYTHON_PACKAGE:
+            done = subprocess.run([sys.executable, "-c", content], cwd=folder, capture_output=True,
+                                  text=True, stdin=subprocess.DEVNULL,
+                                  env=os.environ | {"PYTHONPATH": PYTHON_PACKAGE, "MPLBACKEND": "Agg"})
+            if done.returncode != 0:
+                sys.exit(f"{page}:\n{content}\n{done.stderr}")
+            output = done.stdout
         for line in re.findall(r"^velmar_2d .*", content, re.M) if language == "sh" else []:
             done = subprocess.run("./" + line, shell=True, cwd=folder, capture_output=True, text=True)
             if done.returncode != 0:
@@ -74,8 +85,10 @@ def timeless(text):
 
 
 def run(page, program, tool, folder):
-    for (_, content, expected), output in zip(blocks_of(page),
-                                              outputs_of(page, program, tool, folder)):
+    for (language, content, expected), output in zip(
+            blocks_of(page), outputs_of(page, program, tool, folder)):
+        if language == "python" and not PYTHON_PACKAGE:
+            continue
         if expected is not None and timeless(output or "") != timeless(expected):
             sys.exit(f"{page}:\n{content}prints\n{output}instead of\n{expected}")
     check_links(page, folder)

@@ -78,6 +78,14 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
       size = scenarios::even_spacing(std::max(finest, 0.3 * dist_0));
       break;
   }
+  if (plan.by_data) {
+    size = [size = std::move(size)](double x, double y, std::span<const double> data, double grad,
+                                    double grad2) {
+      const double value = data.empty() ? 0.0 : data[0];
+      return size(x, y, data, grad, grad2) *
+             (0.5 + 1.0 / (1.0 + std::abs(value) + std::sqrt(grad) + std::cbrt(grad2)));
+    };
+  }
   if (plan.steps == Steps::adapt_hostile) {
     name = "hostile " + name;
     size = scenarios::hostile_spacing(seed, std::move(size));
@@ -88,10 +96,17 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
 std::string adapt(const HistoryPlan& plan, Random& random) {
   std::string name;
   const size_function size = draw_size(plan, random, name);
+  const batch_size_function sizes = [&](std::span<const Cell* const> nodes, std::span<double> out) {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      const Cell& c = *nodes[i];
+      out[i] = size(c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
+    }
+  };
+  const auto product = [](double x, double y) { return x * y; };
   if (random.between(0, 1) == 0 || !grid_has_second_derivatives()) {
-    update_mesh_no_init(size);
+    plan.batched ? update_mesh_no_init_batched(sizes) : update_mesh_no_init(size);
   } else {
-    update_mesh_init(size, [](double x, double y) { return x * y; });
+    plan.batched ? update_mesh_init_batched(sizes, product) : update_mesh_init(size, product);
   }
   return "update: " + name;
 }

@@ -18,6 +18,8 @@ struct HistoryPlan {
   Steps steps = Steps::adapt;
   bool far_from_origin = false;  ///< x = 1e3 .. 1e6, spacing 0.1; otherwise a power of 2 near 0
   int nb_steps = 8;
+  bool by_data = false;  ///< the wanted spacing depends on data and derivatives too
+  bool batched = false;  ///< the wanted spacings are asked for in batches
 };
 
 /// Makes the mesh of a plan and runs its steps. `after_step` is called after each, the making

@@ -1,0 +1,27 @@
+"""A node-based adaptive mesh of a rectangle, with its nodes as numpy arrays.
+
+    import numpy as np
+    import velmar_2d
+
+    def size(x, y, data, grad, grad2):            # numpy arrays: many nodes at once
+        return 0.005 + 0.1 * np.abs(np.hypot(x - 0.5, y - 0.5) - 0.3)
+
+    with velmar_2d.Mesh(rectangle=(0, 1, 0, 1), nx=17, subdiv_max=10) as mesh:
+        mesh.update(size)
+        print(len(mesh), mesh.nodes.positions, mesh.nodes.links)
+
+There is one mesh at a time in a process. Messages of the library go to the logger "velmar_2d",
+fatal ones are raised as MeshError, and nothing waits for a key.
+"""
+from ._core import MeshError, version as _version
+from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
+from .mesh import Finding, Mesh, UpdateStatistics, current
+from .nodes import Faces, Nodes, Polygons
+
+__version__ = _version()
+
+__all__ = [
+    "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
+    "Faces", "Finding", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
+    "current", "kind_of", "side_code", "side_of",
+]

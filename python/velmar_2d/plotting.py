@@ -1,0 +1,103 @@
+"""Pictures with matplotlib."""
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Any
+
+import numpy as np
+
+from . import _core
+
+if TYPE_CHECKING:
+    from .mesh import Mesh
+    from .nodes import Nodes
+
+
+def plot(mesh: Mesh, what: str, colour: Any, *, ax: Any, colorbar: bool, cmap: Any,
+         **style: Any) -> Any:
+    """See Mesh.plot()."""
+    draw = {"links": _links, "cells": _cells, "field": _field}.get(what)
+    if draw is None:
+        raise ValueError(f"what is {what!r}; it must be 'links', 'cells' or 'field'")
+    try:
+        from matplotlib import pyplot
+    except ImportError as error:
+        raise ImportError("plot() needs matplotlib (Debian: python3-matplotlib)") from error
+    values, label = _colours(mesh.nodes, colour)
+    if values is None and what == "field":
+        raise ValueError(f"a field cannot be drawn in the one colour {colour!r}; give values")
+    if ax is None:
+        ax = pyplot.figure().add_subplot()
+    if cmap is not None:
+        style["cmap"] = cmap
+    drawn = draw(mesh.nodes, values, colour, ax, style)
+    west, east, south, north = mesh.rectangle
+    ax.set_xlim(west, east)
+    ax.set_ylim(south, north)
+    ax.set_aspect("equal")
+    if colorbar and values is not None:
+        ax.figure.colorbar(drawn, ax=ax, label=label)
+    return ax
+
+
+def _colours(nodes: Nodes, colour: Any) -> tuple[Any, str]:
+    """One number for each node and what they are; or None, where there is one colour for all."""
+    if isinstance(colour, str):
+        if colour == "level":
+            return nodes.levels, "level"
+        if colour == "value":
+            if nodes.data.shape[1] == 0:
+                raise ValueError("the nodes have no data values to draw (n_cell_data is 0)")
+            return nodes.data[:, 0], "value"
+        return None, ""
+    if colour is None or (isinstance(colour, tuple) and len(colour) in (3, 4) != len(nodes)):
+        return None, ""
+    values = np.asarray(colour, dtype=np.float64)
+    if values.shape != (len(nodes),):
+        raise ValueError(f"colour has shape {values.shape}; "
+                         f"{len(nodes)} nodes need ({len(nodes)},)")
+    return values, ""
+
+
+def _collection(kind: Any, parts: Any, values: Any, colour: Any, ax: Any,
+                style: dict[str, Any]) -> Any:
+    limits = style.pop("vmin", None), style.pop("vmax", None)
+    collection = kind(parts, array=values, **style)
+    if values is None:
+        collection.set_color("black" if colour is None else colour)
+    else:
+        collection.set_clim(*limits)
+    return ax.add_collection(collection)
+
+
+def _links(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
+    from matplotlib.collections import LineCollection
+    start = np.repeat(np.arange(len(nodes)), 8)
+    end = nodes.links.ravel()
+    once = end > start
+    start, end = start[once], end[once]
+    if values is not None:  # the colour of the finer end
+        finer = np.where(nodes.levels[end] > nodes.levels[start], end, start)
+        values = values[finer]
+    style.setdefault("linewidths", 0.6)
+    return _collection(LineCollection, nodes.positions[np.stack((start, end), axis=1)], values,
+                       colour, ax, style)
+
+
+def _cells(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
+    from matplotlib.collections import PolyCollection
+    offsets, vertices = nodes.polygons
+    style.setdefault("linewidths", 0.3)
+    if values is None:
+        style.setdefault("facecolors", "none")
+        collection = PolyCollection(np.split(vertices, offsets[1:-1]), **style)
+        collection.set_edgecolor("black" if colour is None else colour)
+        return ax.add_collection(collection)
+    style.setdefault("edgecolors", "face")
+    return _collection(PolyCollection, np.split(vertices, offsets[1:-1]), values, colour, ax, style)
+
+
+def _field(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
+    from matplotlib.tri import Triangulation
+    style.setdefault("shading", "gouraud")
+    triangles = nodes.triangles if _core.has_io else None
+    return ax.tripcolor(Triangulation(nodes.x, nodes.y, triangles), values, **style)

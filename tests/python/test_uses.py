@@ -1,0 +1,143 @@
+"""Pictures, files, matrices; and that what is documented and declared is what is there."""
+import ast
+import inspect
+import pathlib
+
+import numpy as np
+import pytest
+
+import velmar_2d
+from velmar_2d import Mesh, _core
+
+meshio = pytest.importorskip("meshio")
+pyplot = pytest.importorskip("matplotlib.pyplot")
+
+
+@pytest.fixture(autouse=True)
+def no_figure():
+    yield
+    pyplot.close("all")
+
+
+def test_pictures_show_every_link_and_cell(adapted):
+    nodes = adapted.nodes
+    ax = adapted.plot("links")
+    lines = ax.collections[0]
+    assert len(lines.get_segments()) == np.sum(nodes.links >= 0) / 2
+    assert lines.get_array().max() == nodes.levels.max() and len(ax.figure.axes) == 2
+    lengths = np.ptp(np.array(lines.get_segments()), axis=1).max(axis=1)
+    finest = lengths[lines.get_array() == nodes.levels.max()].max()
+    assert finest < 0.2 * lengths[lines.get_array() == 0].min()
+
+    ax = adapted.plot("cells", "value", vmin=-1.0, vmax=2.0, cmap="magma", colorbar=False)
+    cells = ax.collections[0]
+    assert len(cells.get_paths()) == len(nodes) and cells.get_clim() == (-1.0, 2.0)
+    np.testing.assert_array_equal(cells.get_array(), nodes.data[:, 0])
+    assert cells.get_cmap().name == "magma" and len(ax.figure.axes) == 1
+
+    assert adapted.plot("cells", "black", ax=ax) is ax and len(ax.collections) == 2
+    assert len(adapted.plot("links", None).figure.axes) == 1
+    field = adapted.plot("field", np.hypot(nodes.x, nodes.y))
+    assert field.collections[0].get_array().max() == pytest.approx(np.hypot(2.0, 1.0))
+    field.figure.canvas.draw()
+
+    for wrong, text in ((dict(what="nodes"), "'links', 'cells' or 'field'"),
+                        (dict(what="field", colour="red"), "give values"),
+                        (dict(colour=np.ones(3)), r"shape \(3,\)")):
+        with pytest.raises(ValueError, match=text):
+            adapted.plot(**wrong)
+
+
+def test_files_hold_nodes_and_data(adapted, tmp_path):
+    adapted.write_vtu(tmp_path / "mesh.vtu", data_names=["u", "source"], ascii=True)
+    read = meshio.read(tmp_path / "mesh.vtu")
+    nodes = adapted.nodes
+    np.testing.assert_array_equal(read.points[:, :2], nodes.positions)
+    np.testing.assert_array_equal(read.point_data["u"], nodes.data[:, 0])
+    np.testing.assert_array_equal(read.cells_dict["triangle"], nodes.triangles)
+    adapted.write_vtu(str(tmp_path / "cells.vtu"), cells="control_cells")
+    assert (tmp_path / "cells.vtu").stat().st_size > 1000
+    with pytest.raises(OSError, match="no_such_folder"):
+        adapted.write_vtu(tmp_path / "no_such_folder" / "mesh.vtu")
+    with pytest.raises(ValueError, match="'triangles' or 'control_cells'"):
+        adapted.write_vtu(tmp_path / "mesh.vtu", cells="squares")
+
+
+def test_laplacian_conserves_and_is_exact_for_planes(adapted):
+    nodes = adapted.nodes
+    per_cell = adapted.to_scipy_laplacian(per_area=False)
+    assert per_cell.shape == (len(nodes),) * 2 and per_cell.format == "csr"
+    assert abs(per_cell - per_cell.T).max() == 0.0
+    np.testing.assert_allclose(per_cell @ np.ones(len(nodes)), 0.0, atol=1e-12)
+    plane = 3.0 * nodes.x - 2.0 * nodes.y
+    laplacian = adapted.to_scipy_laplacian()
+    inside = nodes.on_boundary == 0
+    np.testing.assert_allclose((laplacian @ plane)[inside], 0.0, atol=1e-8)
+    np.testing.assert_allclose(laplacian.multiply(nodes.areas[:, None]).toarray(),
+                               per_cell.toarray(), atol=1e-12)
+    # A wall that lets nothing through keeps what is on each side of it.
+    conductivity = np.where(np.abs(nodes.x - 1.0) < 0.2, 0.0, 2.0)
+    walled = adapted.to_scipy_laplacian(conductivity, per_area=False)
+    west = (nodes.x < 1.0).astype(float)
+    np.testing.assert_allclose(walled @ west, 0.0, atol=1e-12)
+    assert (adapted.to_scipy_laplacian(3.0) != 3.0 * laplacian).nnz == 0 or \
+        abs(adapted.to_scipy_laplacian(3.0) - 3.0 * laplacian).max() < 1e-9
+    for wrong in (np.ones(3), -1.0, np.full(len(nodes), np.nan)):
+        with pytest.raises(ValueError, match="conductivity"):
+            adapted.to_scipy_laplacian(wrong)
+
+
+def test_laplacian_converges():
+    errors = []
+    for spacing in (0.05, 0.025, 0.0125):
+        with Mesh(nx=11, subdiv_max=12) as mesh:
+            for _ in range(3):
+                mesh.update(lambda x, *_: np.where(x < 0.5, spacing, 2.0 * spacing))
+            nodes, matrix = mesh.nodes, mesh.to_scipy_laplacian(per_area=False)
+            exact = np.cos(np.pi * nodes.x) * np.cos(2.0 * np.pi * nodes.y)
+            from scipy.sparse.linalg import spsolve
+            from scipy.sparse import diags
+            source = (1.0 + 5.0 * np.pi**2) * exact * nodes.areas
+            solved = spsolve((diags(nodes.areas) - matrix).tocsc(), source)
+            errors.append(np.sqrt(np.sum(nodes.areas * (solved - exact)**2)))
+    assert errors[0] / errors[1] > 3.0 and errors[1] / errors[2] > 3.0
+
+
+def public_parts():
+    for name in velmar_2d.__all__:
+        part = getattr(velmar_2d, name)
+        if inspect.isclass(part):
+            yield name, part
+            for member, value in vars(part).items():
+                if not member.startswith("_") and (callable(value) or isinstance(value, property)):
+                    yield f"{name}.{member}", value
+        elif callable(part):
+            yield name, part
+
+
+def test_everything_public_is_documented():
+    missing = [name for name, part in public_parts() if not (part.__doc__ or "").strip()]
+    assert missing == []
+
+
+def test_stubs_declare_what_is_there():
+    folder = pathlib.Path(velmar_2d.__file__).parent
+    assert (folder / "py.typed").exists()
+    declared = {}
+    for node in ast.parse((folder / "_core.pyi").read_text()).body:
+        if isinstance(node, ast.FunctionDef):
+            declared[node.name] = [a.arg for a in node.args.args]
+        elif isinstance(node, ast.ClassDef):
+            declared[node.name] = None
+        elif isinstance(node, ast.AnnAssign):
+            declared[node.target.id] = None
+    there = {name for name in vars(_core) if not name.startswith("__")}
+    assert set(declared) == there
+    for name, arguments in declared.items():
+        if arguments is None:
+            continue
+        signature = getattr(_core, name).__doc__.split("\n")[0]
+        inside = signature[signature.index("(") + 1:signature.rindex(") ->")]
+        for argument in arguments:
+            assert f"{argument}:" in inside or f"arg0:" in inside, signature
+        assert inside.count(":") >= len(arguments), signature
