@@ -183,7 +183,8 @@ std::string measure_changed_cell(void (*change)(Cell& centre)) {
            cell_type(c, type, shift);
            CellFaces faces;
            cell_faces(c, faces);
-           std::printf("\ntype %d shift %d area %g faces", type, shift, cell_area(c));
+           std::printf("\ntype %d shift %d area %g polygon %g faces", type, shift, cell_area(c),
+                       polygon_area(*c));
            for (const double length : faces.length) std::printf(" %g", length);
            std::printf(" to the north side %g\n", faces.side[0]);
          })
@@ -198,13 +199,14 @@ TEST_F(CellGeometry, UnknownShapesWarnAndAreMeasured) {
   const std::string open = measure_changed_cell([](Cell& c) { c.n = nullptr; });
   EXPECT_EQ(open.find("(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n"), 0U);
   expect_in(open, "signature 42, 42\n[return for resume...]\n");
-  expect_in(open, "type 0 shift 0 area 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1\n");
+  expect_in(open,
+            "type 0 shift 0 area 2.5 polygon 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1\n");
   // A neighbour at half the distance: the signature alone would pass for type 1.
   expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x -= 0.5; }),
-            "type 0 shift 0 area 0.75 faces 0.75 0 1 0 0.75 0 1 0 to");
+            "type 0 shift 0 area 0.75 polygon 0.75 faces 0.75 0 1 0 0.75 0 1 0 to");
   // A neighbour that has left the lattice: its bisector runs through (0.6, 0) and (0.5, 0.3).
   expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x += 0.08, c.e.cell()->y += 0.36; }),
-            "type 0 shift 0 area 1.1 faces");
+            "type 0 shift 0 area 1.1 polygon 1.1 faces");
 }
 
 }  // namespace
