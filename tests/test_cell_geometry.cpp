@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <limits>
 #include <map>
-#include <set>
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
@@ -148,122 +147,66 @@ TEST_F(CellGeometry, TilesTheDomainAndKeepsItsCachesRightInEveryHistory) {
     const Signature& first = gallery.at({type, 0});
     EXPECT_EQ(signature, (Signature{oriented(first[0], shift), oriented(first[1], shift)}));
   }
+  // The interior ones in the order that is promised to callers.
+  constexpr Signature firsts[] = {{85, 85},  {87, 82},  {91, 74},  {91, 81}, {95, 68},
+                                  {111, 36}, {119, 20}, {119, 34}, {127, 8}};
+  for (std::size_t i = 0; i < 9; ++i)
+    EXPECT_EQ(gallery.at({static_cast<std::int32_t>(i) + 1, 0}), firsts[i]);
 }
 
-/// A node and the nodes around it, from a text with one place per direction, n to nw: '.' none,
-/// '0' farthest, '1' nearer by the square root of 2, and so on.
-struct Star {
-  std::array<Cell, 9> cells;  // the node itself is the last one
-
-  Star(std::string_view text, int shift, int coarsest_level) {
-    cells[8].level = coarsest_level;
-    Cell& centre = cells[8];
-    const std::array<NeighbourLink*, 8> to = {&centre.n, &centre.ne, &centre.e, &centre.se,
-                                              &centre.s, &centre.sw, &centre.w, &centre.nw};
-    for (std::size_t d = 0; d < 8; ++d) {
-      if (text[d] == '.') continue;
-      const int target = ((shift >= 8 ? 8 - static_cast<int>(d) : static_cast<int>(d)) + shift) % 8;
-      const auto t = static_cast<std::size_t>(target);
-      const int level = coarsest_level + (text[d] - '0');
-      const double step = dist_0 * std::exp2(-((level + 1) / 2));
-      EXPECT_EQ(level % 2, target % 2);
-      cells[t].x = away_x[t] * step;
-      cells[t].y = away_y[t] * step;
-      *to[t] = &cells[t];
-    }
+// The square of a level where 2^level is beyond 32 bits.
+TEST_F(CellGeometry, AreaOfADeepLevel) {
+  make_grid(2, 2, 1);
+  constexpr double h = 1.0 / (1 << 21);
+  std::array<Cell, 4> corners;
+  Cell c;
+  c.level = 41;
+  NeighbourLink* const to[] = {&c.ne, &c.se, &c.sw, &c.nw};
+  for (std::size_t i = 0; i < 4; ++i) {
+    corners[i].x = i < 2 ? h : -h;
+    corners[i].y = i % 3 == 0 ? h : -h;
+    *to[i] = &corners[i];
   }
-};
-
-TEST_F(CellGeometry, EveryOrientationOfEachShapeIsTold) {
-  struct Shape {
-    std::string_view around;
-    Signature signature;
-    double area;
-    std::size_t nb_signatures;
-  };
-  const std::array<Shape, 9> shapes = {{{".0.0.0.0", {85, 85}, 1.0, 2},
-                                        {".0.0.010", {87, 82}, 7.0 / 8, 8},
-                                        {".0.01.10", {91, 74}, 3.0 / 4, 8},
-                                        {".1.10.01", {91, 81}, 5.0 / 8, 8},
-                                        {".0.01210", {95, 68}, 11.0 / 16, 8},
-                                        {".01.1210", {111, 36}, 9.0 / 16, 16},
-                                        {".012.210", {119, 20}, 1.0 / 2, 8},
-                                        {".010.010", {119, 34}, 3.0 / 4, 4},
-                                        {".0123210", {127, 8}, 15.0 / 32, 8}}};
-  const double dist_0_before = dist_0;
-  dist_0 = 0.3;
-  for (std::size_t i = 0; i < shapes.size(); ++i) {
-    const Shape& shape = shapes[i];
-    std::set<Signature> signatures;
-    for (int shift = 0; shift < 16; ++shift) {
-      // Farthest nodes on the diagonals (but on the axes for type 4), before they are turned.
-      const int parity = (shape.around[1] == '0' ? 1 : 0) ^ (shift % 2);
-      for (const int coarsest_level : {parity, 40 + parity}) {
-        Star star(shape.around, shift, coarsest_level);
-        Cell& c = star.cells[8];
-        std::int32_t type = 0, told_shift = 0;
-        cell_type(&c, type, told_shift);
-        EXPECT_EQ(type, static_cast<std::int32_t>(i) + 1);
-        EXPECT_EQ(c.signature, (Signature{oriented(shape.signature[0], shift),
-                                          oriented(shape.signature[1], shift)}));
-        EXPECT_EQ(c.signature, (Signature{oriented(shape.signature[0], told_shift),
-                                          oriented(shape.signature[1], told_shift)}));
-        EXPECT_DOUBLE_EQ(cell_area(&c), shape.area * dist_0 * dist_0 * std::exp2(-coarsest_level));
-        signatures.insert(c.signature);
-      }
-    }
-    EXPECT_EQ(signatures.size(), shape.nb_signatures);
-  }
-  dist_0 = dist_0_before;
+  EXPECT_EQ(cell_area(&c), 2.0 * h * h);
 }
 
-/// Classifies the centre of a grid of 5 x 5 nodes with spacing 1 after its links were changed.
-void measure_changed_cell(void (*change)(Cell& centre)) {
-  scenarios::set_domain(0.0, 4.0, 0.0, 4.0);
-  double y_max = 0.0;
-  init_mesh(scenarios::all_dirichlet, 5, 5, 1, y_max);
-  Cell* c = node_at(2, 2);
-  change(*c);
-  c->area = -1.0;
-  c->signature_set = false;
-  std::int32_t type = 7, shift = 7;
-  cell_type(c, type, shift);
-  CellFaces faces;
-  cell_faces(c, faces);
-  std::printf("\ntype %d shift %d area %g faces", type, shift, cell_area(c));
-  for (const double length : faces.length) std::printf(" %g", length);
-  std::printf(" to the north side %g\n", faces.side[0]);
-  std::fflush(stdout);
+/// What is printed where the centre of a grid of 5 x 5 nodes with spacing 1 is classified after its
+/// links were changed.
+std::string measure_changed_cell(void (*change)(Cell& centre)) {
+  return run_in_child([&] {
+           make_grid(5, 5, 1);
+           Cell* c = node_at(2, 2);
+           change(*c);
+           c->area = -1.0;
+           c->signature_set = false;
+           std::int32_t type = 7, shift = 7;
+           cell_type(c, type, shift);
+           CellFaces faces;
+           cell_faces(c, faces);
+           std::printf("\ntype %d shift %d area %g polygon %g faces", type, shift, cell_area(c),
+                       polygon_area(*c));
+           for (const double length : faces.length) std::printf(" %g", length);
+           std::printf(" to the north side %g\n", faces.side[0]);
+         })
+      .output;
 }
 
 TEST_F(CellGeometry, UnknownShapesWarnAndAreMeasured) {
+  const auto expect_in = [](const std::string& output, const char* part) {
+    EXPECT_NE(output.find(part), std::string::npos) << output;
+  };
   // No link to the north: the cell reaches the side of the domain. Its surroundings: 4 x 4 units.
-  const ChildEnd open = run_in_child([] { measure_changed_cell([](Cell& c) { c.n = nullptr; }); });
-  EXPECT_EQ(open.exit_status, 0);
-  const std::string warning = "(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n";
-  EXPECT_EQ(open.output.substr(0, warning.size()), warning);
-  EXPECT_NE(open.output.find("signature 42, 42\n[return for resume...]\n"), std::string::npos)
-      << open.output;
-  EXPECT_NE(
-      open.output.find("type 0 shift 0 area 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1"),
-      std::string::npos)
-      << open.output;
-
+  const std::string open = measure_changed_cell([](Cell& c) { c.n = nullptr; });
+  EXPECT_EQ(open.find("(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n"), 0U);
+  expect_in(open, "signature 42, 42\n[return for resume...]\n");
+  expect_in(open,
+            "type 0 shift 0 area 2.5 polygon 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1\n");
   // A neighbour at half the distance: the signature alone would pass for type 1.
-  const ChildEnd near =
-      run_in_child([] { measure_changed_cell([](Cell& c) { c.e.cell()->x -= 0.5; }); });
-  EXPECT_NE(near.output.find("type 0 shift 0 area 0.75 faces 0.75 0 1 0 0.75 0 1 0 to"),
-            std::string::npos)
-      << near.output;
-
+  expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x -= 0.5; }),
+            "type 0 shift 0 area 0.75 polygon 0.75 faces 0.75 0 1 0 0.75 0 1 0 to");
   // A neighbour that has left the lattice: its bisector runs through (0.6, 0) and (0.5, 0.3).
-  const ChildEnd moved = run_in_child([] {
-    measure_changed_cell([](Cell& c) {
-      c.e.cell()->x += 0.08;
-      c.e.cell()->y += 0.36;
-    });
-  });
-  EXPECT_NE(moved.output.find("type 0 shift 0 area 1.1 faces"), std::string::npos) << moved.output;
+  expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x += 0.08, c.e.cell()->y += 0.36; }),
+            "type 0 shift 0 area 1.1 polygon 1.1 faces");
 }
 
 }  // namespace

@@ -193,16 +193,12 @@ TEST_F(Derivatives, NeumannSidesZeroTheGradientHandedBack) {
       },
       3, 3, 2, y_max);
   const auto plane = [](double x, double y) { return 2.0 * x + 3.0 * y; };
-  const auto set_values = [&] {
-    for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = plane(c->x, c->y);
-  };
-  set_values();
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = plane(c->x, c->y);
   double full_dx = 0.0, full_dy = 0.0;
   compute_data_at_node(node_at(0, 2), &full_dx, &full_dy);
   EXPECT_NEAR(full_dx, 2.0, 1e-12) << "a corner with neighbours of its own is not zeroed";
   EXPECT_NEAR(full_dy, 3.0, 1e-12);
-  update_mesh_init([](double, double, auto, double, double) { return 0.8; }, plane);
-  set_values();
+  update_mesh_init(scenarios::even_spacing(0.8), plane);
   ASSERT_EQ(nb_nodes, 13);
 
   const double full = std::sqrt(13.0);
@@ -269,133 +265,90 @@ TEST_F(Derivatives, SurviveValuesThatAreNoNumbers) {
     EXPECT_FALSE(std::isfinite(bad->grad2_data));
     EXPECT_GE(nb_spoilt, 5);
   }
-  const auto by_gradient = [](double, double, auto, double gradient, double hessian) {
-    return gradient + hessian > 3.0 ? 0.05 : 0.25;
-  };
-  for (int i = 0; i < 5; ++i) update_mesh_no_init(by_gradient);
   for (int i = 0; i < 5; ++i) {
-    update_mesh_init(by_gradient, [](double x, double y) { return x / (y - y); });
+    update_mesh_init(
+        [](double, double, auto, double g, double h) { return g + h > 3 ? 0.05 : 0.25; },
+        [](double x, double y) { return x / (y - y); });
   }
   EXPECT_GE(nb_nodes, 25);
 }
 
-TEST_F(Derivatives, UpdateWithoutDataIsHarmless) {
-  scenarios::init_unit_square(4, 4, 4);
-  for (int i = 0; i < 4; ++i) {
-    update_mesh_init([](double, double, auto, double, double) { return 0.1; }, {});
-  }
-  for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
-    ASSERT_EQ(c->grad_data, 0.0);
-    ASSERT_EQ(c->grad2_data, 0.0);
-  }
-  EXPECT_GT(nb_nodes, 100);
-}
-
 TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
-  const std::string tag = "(Velmar_2D:) compute_data_at_node: internal error\n";
-  const auto grid = [](int nx, int ny) {
-    n_cell_data = 1;
-    scenarios::set_domain(0.0, nx - 1.0, 0.0, ny - 1.0);
-    double y_max = 0.0;
-    init_mesh(scenarios::all_dirichlet, nx, ny, 40, y_max);
-  };
-  struct Case {
-    std::string message;
-    std::function<void()> code;
+  const std::string tag = "(Velmar_2D:) compute_data_at_node: internal error\n             ";
+  /// Asks for the derivatives at a node of a grid of squares.
+  const auto ask = [](int nx, int ny, double x, double y, std::int32_t id, std::int32_t level) {
+    return [=] {
+      n_cell_data = 1;
+      make_grid(nx, ny, 40);
+      Cell* c = node_at(x, y);
+      c->id = id;
+      c->level = level;
+      compute_data_at_node(c);
+    };
   };
   double unused[5];
   bool succ = false, flag = false;
   detail::Stencil list{};
   detail::Candidates rows{};
-  const Case cases[] = {
-      {tag + "             n_list_2 < 6-n_list_1 - 1\n",
-       [&] {
-         grid(2, 2);
-         compute_data_at_node(mesh_beg);
-       }},
-      {tag + "             list_2_init_offset > n_list_2\n             c%id = 3\n",
-       [&] {
-         grid(2, 5);
-         Cell* c = node_at(0.0, 2.0);
-         c->id = 3;
-         compute_data_at_node(c);
-       }},
-      {tag + "             list_2_init_offset > n_list_2\n             c%id = 5\n",
-       [&] {
-         grid(4, 4);
-         Cell* c = node_at(1.0, 1.0);
-         c->id = 5;
-         c->level = 32;
-         compute_data_at_node(c);
-       }},
-      {tag + "             list_2_offset = 0\n             c%id = 7\n",
-       [&] {
-         grid(4, 4);
-         Cell* c = node_at(1.0, 0.0);  // a square at a side
-         c->id = 7;
-         c->level = 32;
-         compute_data_at_node(c);
-       }},
-      {tag + "             quick_hessian_case = 5 in 'quick_fit_hessian_6pts' !\n",
+  const Cell inner;
+  const std::pair<std::string, std::function<void()>> cases[] = {
+      {tag + "n_list_2 < 6-n_list_1 - 1\n", ask(2, 2, 0, 0, 1, 0)},
+      {tag + "list_2_init_offset > n_list_2\n             c%id = 3\n", ask(2, 5, 0, 2, 3, 0)},
+      {tag + "list_2_init_offset > n_list_2\n             c%id = 5\n", ask(4, 4, 1, 1, 5, 32)},
+      {tag + "list_2_offset = 0\n             c%id = 7\n", ask(4, 4, 1, 0, 7, 32)},
+      {tag + "quick_hessian_case = 5 in 'quick_fit_hessian_6pts' !\n",
        [&] { detail::quick_fit_hessian_6pts(5, 0, list, unused[0], unused[1], unused[2]); }},
-      {tag + "             too few equ in 'fit_hessian_6pts' !\n",
+      {tag + "too few equ in 'fit_hessian_6pts' !\n",
        [&] {
-         const Cell c;
-         detail::fit_hessian_6pts(&c, list, 5, unused[0], unused[1], unused[2], unused[3],
+         detail::fit_hessian_6pts(&inner, list, 5, unused[0], unused[1], unused[2], unused[3],
                                   unused[4], succ);
        }},
       {"(Velmar_2D:) gradient_on_boundary: internal error\n"
        "             cell must be on a boundary!\n",
-       [&] {
-         const Cell c;
-         detail::gradient_on_boundary(&c, succ, flag);
-       }},
+       [&] { detail::gradient_on_boundary(&inner, succ, flag); }},
       {"(Velmar_2D:) fit_data: internal error\n             too few equations !\n",
        [&] { detail::fit_data(rows, 5, 0.0, 0.0, unused[0], 0); }},
   };
-  for (const Case& one : cases) {
-    const ChildEnd end = run_in_child(one.code);
-    EXPECT_EQ(end.exit_status, EXIT_FAILURE) << one.message;
-    EXPECT_EQ(end.output, one.message);
+  for (const auto& [message, code] : cases) {
+    const ChildEnd end = run_in_child(code);
+    EXPECT_EQ(end.exit_status, EXIT_FAILURE) << message;
+    EXPECT_EQ(end.output, message);
   }
 }
 
-// Scattered nodes around the origin.
+// Scattered nodes around the origin. Level 31 wraps to a negative tolerance, which refuses no
+// square system but squares to a positive one; levels that have no spacing refuse all.
 TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
   const auto quadratic = [](double x, double y) {
     return 1.0 - 2.0 * x + 0.5 * y + 3.0 * x * x - y * y + 0.25 * x * y;
   };
   std::mt19937 random(3);
   std::uniform_real_distribution<double> place(-1.0, 1.0);
-  dist_0 = 1.0;
-  detail::Candidates list{};
+  detail::Candidates list{}, line{};
   for (int i = 0; i < 40; ++i) {
-    list.x[i] = place(random);
+    line.x[i] = list.x[i] = place(random);
+    line.y[i] = 2.0 * line.x[i];
     list.y[i] = place(random);
     list.value[i] = quadratic(list.x[i], list.y[i]);
   }
-  // Level 31 wraps to a negative tolerance, which refuses no square system but squares to a
-  // positive one; levels that have no spacing refuse all.
   struct Case {
     int n_list, level;
     bool written;
+    double spacing = 1.0;
   };
-  for (const Case& one : {Case{6, 10, true}, Case{7, 10, true}, Case{40, 0, true},
-                          Case{6, 31, true}, Case{40, 31, true}, Case{6, 32, false},
-                          Case{9, 32, false}, Case{6, -1, false}, Case{40, 1000, false}}) {
+  for (const Case& one :
+       {Case{6, 10, true}, Case{7, 10, true}, Case{40, 0, true}, Case{6, 31, true},
+        Case{40, 31, true}, Case{6, 32, false}, Case{9, 32, false}, Case{40, 1000, false},
+        Case{6, 0, false, 1e3}, Case{9, 0, false, 1e3}}) {
+    dist_0 = one.spacing;
     double value = -77.0;
+    detail::fit_data(line, one.n_list, 0.0, 0.0, value, 4);
+    EXPECT_EQ(value, -77.0) << "nodes on one line";
     detail::fit_data(list, one.n_list, 0.3, -0.4, value, one.level);
     EXPECT_NEAR(value, one.written ? quadratic(0.3, -0.4) : -77.0, 1e-8)
         << one.n_list << " rows, level " << one.level;
   }
-  // One line, and a spacing for which the condition does not suffice.
-  double value = -77.0;
-  detail::Candidates line = list;
-  for (int i = 0; i < 40; ++i) line.y[i] = 2.0 * line.x[i];
-  for (const int n_list : {6, 9}) detail::fit_data(line, n_list, 0.0, 0.0, value, 4);
-  dist_0 = 1e3;
-  for (const int n_list : {6, 9}) detail::fit_data(list, n_list, 0.0, 0.0, value, 0);
-  EXPECT_EQ(value, -77.0);
+  double value = 0.0;
   const ChildEnd end = run_in_child([&] { detail::fit_data(list, 41, 0.0, 0.0, value, 0); });
   EXPECT_EQ(end.exit_status, EXIT_FAILURE);
 }

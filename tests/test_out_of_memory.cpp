@@ -36,16 +36,12 @@ void refuse(std::size_t smallest, std::size_t largest) {
 }
 
 // Not inlined: the compiler would take free() for a mismatch with the operator new around it.
-[[gnu::noinline]] void* allocate(std::size_t size) {
-  void* memory = is_refused(size) ? nullptr : std::malloc(size);
-  in_use += memory != nullptr ? 1 : 0;
-  bytes_in_use += static_cast<long>(malloc_usable_size(memory));
-  return memory;
-}
-[[gnu::noinline]] void* allocate(std::size_t size, std::align_val_t alignment) {
+[[gnu::noinline]] void* allocate(std::size_t size, std::align_val_t alignment = {}) {
   const auto multiple = static_cast<std::size_t>(alignment);
-  const std::size_t whole = (size + multiple - 1) / multiple * multiple;
-  void* memory = is_refused(size) ? nullptr : std::aligned_alloc(multiple, whole);
+  void* memory = is_refused(size) ? nullptr
+                 : multiple == 0
+                     ? std::malloc(size)
+                     : std::aligned_alloc(multiple, (size + multiple - 1) / multiple * multiple);
   in_use += memory != nullptr ? 1 : 0;
   bytes_in_use += static_cast<long>(malloc_usable_size(memory));
   return memory;
@@ -82,62 +78,40 @@ void operator delete[](void* memory, std::size_t) noexcept { give_back(memory); 
 namespace velmar_2d::tests {
 namespace {
 
-void expect_end(const std::function<void()>& code, std::size_t bytes) {
-  const ChildEnd end = run_in_child(code);
-  EXPECT_EQ(end.output, "Error allocating " + std::to_string(bytes) + " bytes\n");
-  EXPECT_EQ(end.exit_status, EXIT_FAILURE);
-}
-
-TEST(OutOfMemory, ForANode) {
-  expect_end(
-      [] {
-        refuse(sizeof(Cell), SIZE_MAX);
-        scenarios::init_unit_square(2, 2, 1);
-      },
-      sizeof(Cell));
-}
-
-TEST(OutOfMemory, ForTheDataOfANode) {
-  expect_end(
-      [] {
-        n_cell_data = 1000;
-        refuse(8000, 16000);
-        scenarios::init_unit_square(2, 2, 1);
-      },
-      8000);
-}
-
-TEST(OutOfMemory, ForTheDataOfAnInsertedNode) {
-  expect_end(
-      [] {
-        n_cell_data = 1000;
-        scenarios::init_unit_square(2, 2, 1);
-        const Vertex v = proposals_around(mesh_beg).at(0);
-        refuse(8000, 16000);
-        insert_node_odd_level(v);
-      },
-      8000);
-}
-
-TEST(OutOfMemory, ForTheLevelArrays) {
-  expect_end(
-      [] {
-        scenarios::init_unit_square(2, 2, 1);
-        refuse(8000, 16000);
-        set_subdiv_max(999);
-      },
-      1000 * sizeof(Handle));
-}
-
-TEST(OutOfMemory, ForTheCheck) {
-  expect_end(
-      [] {
-        scenarios::init_unit_square(20, 20, 1);  // two tables of 1024 slots, of 8 and of 16 bytes
-        std::vector<Finding> findings;
-        refuse(8192, SIZE_MAX);
-        check_mesh(findings);
-      },
-      24 * 1024);
+TEST(OutOfMemory, EndsWithTheSizeThatWasAskedFor) {
+  static constexpr auto make_mesh = [] { scenarios::init_unit_square(20, 20, 1); };
+  const struct {
+    const char* what;
+    void (*code)();
+    std::size_t bytes;
+  } cases[] = {
+      {"a node", [] { refuse(sizeof(Cell), SIZE_MAX), make_mesh(); }, sizeof(Cell)},
+      {"the data of a node", [] { n_cell_data = 1000, refuse(8000, 16000), make_mesh(); }, 8000},
+      {"the data of an inserted node",
+       [] {
+         n_cell_data = 1000;
+         make_mesh();
+         const Vertex v = proposals_around(mesh_beg).at(0);
+         refuse(8000, 16000);
+         insert_node_odd_level(v);
+       },
+       8000},
+      {"the level arrays", [] { make_mesh(), refuse(8000, 16000), set_subdiv_max(999); },
+       1000 * sizeof(Handle)},
+      {"the check: two tables of 1024 slots, of 8 and of 16 bytes",
+       [] {
+         make_mesh();
+         std::vector<Finding> findings;
+         refuse(8192, SIZE_MAX);
+         check_mesh(findings);
+       },
+       24 * 1024},
+  };
+  for (const auto& c : cases) {
+    const ChildEnd end = run_in_child(c.code);
+    EXPECT_EQ(end.output, "Error allocating " + std::to_string(c.bytes) + " bytes\n") << c.what;
+    EXPECT_EQ(end.exit_status, EXIT_FAILURE) << c.what;
+  }
 }
 
 // Where no large block is left, small ones go on.

@@ -1,5 +1,6 @@
 // Records, copy rules, small accessors, and the state before the first mesh.
 #include <numeric>
+#include <tuple>
 
 #include "support/mesh_view.hpp"
 #include "velmar_2D/velmar_2D.hpp"
@@ -10,48 +11,36 @@ namespace {
 // Read while the process is loaded, before any test can have made a mesh.
 struct InitialState {
   std::int32_t limit = get_subdiv_max(), id = next_id, nodes = nb_nodes, data = n_cell_data;
-  std::array<std::int32_t, 2> range = level_range;
   bool interpolation = data_interpolation;
-  bool no_lists = mesh_beg == nullptr && mesh_end == nullptr && level_beg.empty() &&
-                  level_end.empty() && tmp_beg.empty() && tmp_end.empty();
-  bool no_sides = north_boundary_dir == nullptr && east_boundary_neu == nullptr &&
-                  south_boundary_oth == nullptr && west_boundary_dir == nullptr;
+  bool nothing = mesh_beg == nullptr && mesh_end == nullptr && level_beg.empty() &&
+                 level_end.empty() && tmp_beg.empty() && north_boundary_dir == nullptr &&
+                 east_boundary_neu == nullptr && south_boundary_oth == nullptr;
 };
 const InitialState at_load;
 
-TEST(Records, InitialStateOfTheLibrary) {
+TEST(Records, InitialStateOfTheLibraryAndOfANode) {
   EXPECT_EQ(at_load.limit, -1);
   EXPECT_EQ(at_load.id, 1);
   EXPECT_EQ(at_load.nodes, 0);
   EXPECT_EQ(at_load.data, 0);
-  EXPECT_EQ(at_load.range, (std::array<std::int32_t, 2>{0, 0}));
   EXPECT_TRUE(at_load.interpolation);
-  EXPECT_TRUE(at_load.no_lists);
-  EXPECT_TRUE(at_load.no_sides);
-}
-
-TEST(Records, FreshNodeHasTheDefaultsThatAreNotZero) {
+  EXPECT_TRUE(at_load.nothing);
   const Cell c;
   EXPECT_EQ(c.reserve, 4);
   EXPECT_EQ(c.area, -1.0);
   for (const std::int32_t level : {c.nl, c.nel, c.el, c.sel, c.sl, c.swl, c.wl, c.nwl})
     EXPECT_EQ(level, 2);
-  EXPECT_EQ(links(c), "");
-  EXPECT_TRUE(c.data.empty());
-  EXPECT_FALSE(c.signature_set);
 }
 
 TEST(Records, LinkTellsItsThreeStatesApart) {
   Cell cell;
   Boundary boundary;
-  const NeighbourLink none, to_cell = &cell, to_boundary = &boundary;
-  EXPECT_TRUE(none.empty() && none.cell() == nullptr && none.boundary() == nullptr);
-  EXPECT_TRUE(!to_cell.empty() && to_cell.cell() == &cell && to_cell.boundary() == nullptr);
-  EXPECT_TRUE(!to_boundary.empty() && to_boundary.boundary() == &boundary &&
-              to_boundary.cell() == nullptr);
-  EXPECT_EQ(NeighbourLink(static_cast<Boundary*>(nullptr)), none);
-  EXPECT_EQ(NeighbourLink(static_cast<Cell*>(nullptr)), none);
-  EXPECT_NE(to_cell, to_boundary);
+  using States = std::tuple<bool, Cell*, Boundary*>;
+  const auto states = [](NeighbourLink l) { return States(l.empty(), l.cell(), l.boundary()); };
+  EXPECT_EQ(states(&cell), States(false, &cell, nullptr));
+  EXPECT_EQ(states(&boundary), States(false, nullptr, &boundary));
+  EXPECT_EQ(states(static_cast<Boundary*>(nullptr)), States(true, nullptr, nullptr));
+  EXPECT_EQ(NeighbourLink(static_cast<Boundary*>(nullptr)), NeighbourLink());
   EXPECT_EQ(sizeof(NeighbourLink), sizeof(void*));
 }
 
@@ -59,67 +48,49 @@ TEST(Records, LinkTellsItsThreeStatesApart) {
 TEST(Records, DataKeepTheirValuesWhenResizedCopiedAndMoved) {
   for (const std::size_t size : {0U, 1U, 2U, 5U}) {
     SCOPED_TRACE(size);
-    CellData data;
+    Cell node;
+    CellData& data = node.data;
     data.resize(size);
     std::iota(data.begin(), data.end(), 1.0);
     const std::vector<double> values(data.begin(), data.end());
     const auto holds_values = [&](const CellData& d) {
       return std::equal(d.begin(), d.end(), values.begin(), values.end());
     };
-
-    CellData copy = data;
-    EXPECT_TRUE(holds_values(copy));
-    if (size > 0) {
-      copy[0] = -7.0;
-      EXPECT_TRUE(holds_values(data)) << "the copy shares its values";
-    }
-    copy = data;
-    EXPECT_TRUE(holds_values(copy));
-    CellData moved = std::move(copy);
-    EXPECT_TRUE(holds_values(moved));
+    Cell copy = node;
+    EXPECT_TRUE(holds_values(copy.data));
+    std::fill(copy.data.begin(), copy.data.end(), -7.0);
+    EXPECT_TRUE(holds_values(data)) << "the copy shares its values";
+    copy = node;
+    EXPECT_TRUE(holds_values(copy.data));
+    Cell moved = std::move(copy);
+    EXPECT_TRUE(holds_values(moved.data));
+    copy = std::move(moved);
+    EXPECT_TRUE(holds_values(copy.data));
 
     data.resize(size + 3);
     EXPECT_TRUE(std::equal(values.begin(), values.end(), data.begin()));
     EXPECT_EQ(data[size] + data[size + 1] + data[size + 2], 0.0);
+    data[size] = 3.0;
     data.resize(size);
     data.resize(size + 1);
     EXPECT_EQ(data[size], 0.0) << "a value given up comes back";
   }
 }
 
-TEST(Records, CopiesOfNodesOwnTheirDataAndBorrowTheRest) {
-  Cell east, node;
-  Boundary side;
-  double users = 1.0;
-  node.id = 12;
-  node.e = &east;
-  node.n = &side;
-  node.next = &east;
-  node.data_ptr = &users;
-  node.data.resize(2);
-  node.data[1] = 4.0;
-  Cell copy = node;
-  node.data[1] = 5.0;
-  EXPECT_EQ(copy.data[1], 4.0);
-  EXPECT_EQ(copy.id, 12);
-  EXPECT_EQ(copy.e.cell(), &east);
-  EXPECT_EQ(copy.n.boundary(), &side);
-  EXPECT_EQ(copy.next, &east);
-  EXPECT_EQ(copy.data_ptr.get<double>(), &users);
-  EXPECT_EQ(copy.data_ptr.get<float>(), nullptr) << "read with another type";
-  copy = Cell{};
-  EXPECT_TRUE(copy.data.empty());
-}
-
 TEST(Records, AccessorsReadTheirField) {
   Cell c;
+  double users = 1.0;
   c.ipos = 5;
   c.reserve = 3;
   c.on_boundary = 2;
+  EXPECT_TRUE(c.data_ptr.empty());
+  c.data_ptr = &users;
   EXPECT_EQ(cell_ipos(&c), 5);
   EXPECT_EQ(velmar_get_cell_reserve(&c), 3);
   EXPECT_EQ(cell_on_boundary(&c), 2);
   EXPECT_EQ(velmar_get_cell_on_boundary(&c), 2);
+  EXPECT_EQ(c.data_ptr.get<double>(), &users);
+  EXPECT_EQ(c.data_ptr.get<float>(), nullptr) << "read with another type";
 }
 
 TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
@@ -131,18 +102,12 @@ TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
     EXPECT_FALSE(known_value(c)) << "inside, whatever the links say";
     c.on_boundary = 1;
     EXPECT_TRUE(known_value(c));
-    c.*straight = &neu;
-    EXPECT_FALSE(known_value(c));
-    c.*straight = &oth;
-    EXPECT_FALSE(known_value(c));
-    c.ne = c.se = c.sw = c.nw = &dir;
-    EXPECT_FALSE(known_value(c)) << "diagonal links do not count";
+    c.ne = c.se = c.sw = c.nw = &dir;  // diagonal links do not count
+    for (Boundary* other : {&neu, &oth}) {
+      c.*straight = other;
+      EXPECT_FALSE(known_value(c));
+    }
   }
-  Cell corner;
-  corner.on_boundary = 2;
-  corner.e = &neu;
-  corner.s = &dir;
-  EXPECT_TRUE(known_value(corner)) << "the second side decides";
 }
 
 }  // namespace

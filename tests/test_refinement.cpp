@@ -11,6 +11,7 @@ namespace {
 
 using Refinement = MeshTest;
 using Lines = std::vector<std::string>;
+using Levels = std::vector<std::int32_t>;
 
 Lines proposed(double u, double v) {
   Lines lines;
@@ -24,27 +25,17 @@ Lines proposed(double u, double v) {
   return lines;
 }
 
-TEST_F(Refinement, ProposesTheCentresOfSquares) {
-  make_grid(3, 3, 4);
-  EXPECT_EQ(proposed(1, 1), (Lines{"(1.5,1.5) level 1 of (1,1) (1,2) (2,2) (2,1)",
-                                   "(1.5,0.5) level 1 of (1,1) (2,1) (2,0) (1,0)",
-                                   "(0.5,0.5) level 1 of (1,1) (1,0) (0,0) (0,1)",
-                                   "(0.5,1.5) level 1 of (1,1) (0,1) (0,2) (1,2)"}));
-  EXPECT_EQ(proposed(1, 0), (Lines{"(1.5,0.5) level 1 of (1,0) (1,1) (2,1) (2,0)",
-                                   "(0.5,0.5) level 1 of (1,0) (0,0) (0,1) (1,1)"}));
-  EXPECT_EQ(proposed(2, 2), (Lines{"(1.5,1.5) level 1 of (2,2) (2,1) (1,1) (1,2)"}));
-  insert(proposals_around(node_at(1, 1)).at(0));
-  EXPECT_EQ(proposed(1, 1).size(), 3U) << "a square with a centre is done";
-  EXPECT_EQ(nb_nodes, 10) << "proposing inserts nothing";
-}
-
 //   (0,2)     (1,2)     (2,2)
 //       o         o             centres o at (0.5,0.5) ... (1.5,1.5)
 //   (0,1)     (1,1)     (2,1)
 //       o         o
 //   (0,0)     (1,0)     (2,0)
-TEST_F(Refinement, ProposesTheCentresOfDiamonds) {
+TEST_F(Refinement, ProposesTheCentresOfSquaresThenOfDiamonds) {
   make_grid(3, 3, 4);
+  EXPECT_EQ(proposed(1, 1), (Lines{"(1.5,1.5) level 1 of (1,1) (1,2) (2,2) (2,1)",
+                                   "(1.5,0.5) level 1 of (1,1) (2,1) (2,0) (1,0)",
+                                   "(0.5,0.5) level 1 of (1,1) (1,0) (0,0) (0,1)",
+                                   "(0.5,1.5) level 1 of (1,1) (0,1) (0,2) (1,2)"}));
   for (const Vertex& v : proposals_around(node_at(1, 1))) insert(v);
   EXPECT_EQ(proposed(1, 1), (Lines{"(1.5,1) level 2 of (1,1) (1.5,1.5) (2,1) (1.5,0.5)",
                                    "(1,0.5) level 2 of (1,1) (1.5,0.5) (1,0) (0.5,0.5)",
@@ -55,23 +46,10 @@ TEST_F(Refinement, ProposesTheCentresOfDiamonds) {
                                        "(0.5,0) level 2 of (0.5,0.5) (1,0) (0,0)",
                                        "(0,0.5) level 2 of (0.5,0.5) (0,0) (0,1)",
                                        "(0.5,1) level 2 of (0.5,0.5) (0,1) (0.5,1.5) (1,1)"}));
-  EXPECT_EQ(proposed(1.5, 1.5), (Lines{"(2,1.5) level 2 of (1.5,1.5) (2,2) (2,1)",
-                                       "(1.5,1) level 2 of (1.5,1.5) (2,1) (1.5,0.5) (1,1)",
-                                       "(1,1.5) level 2 of (1.5,1.5) (1,1) (0.5,1.5) (1,2)",
-                                       "(1.5,2) level 2 of (1.5,1.5) (1,2) (2,2)"}));
   // Halves with the node on the side itself.
-  EXPECT_EQ(proposed(1, 0), (Lines{"(1.5,0) level 2 of (1,0) (1.5,0.5) (2,0)",
-                                   "(1,0.5) level 2 of (1,0) (0.5,0.5) (1,1) (1.5,0.5)",
-                                   "(0.5,0) level 2 of (1,0) (0.5,0.5) (0,0)"}));
   EXPECT_EQ(proposed(2, 1), (Lines{"(1.5,1) level 2 of (2,1) (1.5,0.5) (1,1) (1.5,1.5)",
                                    "(2,0.5) level 2 of (2,1) (1.5,0.5) (2,0)",
                                    "(2,1.5) level 2 of (2,1) (1.5,1.5) (2,2)"}));
-  EXPECT_EQ(proposed(1, 2), (Lines{"(1,1.5) level 2 of (1,2) (1.5,1.5) (1,1) (0.5,1.5)",
-                                   "(1.5,2) level 2 of (1,2) (1.5,1.5) (2,2)",
-                                   "(0.5,2) level 2 of (1,2) (0.5,1.5) (0,2)"}));
-  EXPECT_EQ(proposed(0, 1), (Lines{"(0.5,1) level 2 of (0,1) (0.5,1.5) (1,1) (0.5,0.5)",
-                                   "(0,1.5) level 2 of (0,1) (0.5,1.5) (0,2)",
-                                   "(0,0.5) level 2 of (0,1) (0.5,0.5) (0,0)"}));
 }
 
 // The lattice gives level 1 or 2; one above the cells' own level 4 would be 5. Levels and reserves
@@ -79,54 +57,38 @@ TEST_F(Refinement, ProposesTheCentresOfDiamonds) {
 TEST_F(Refinement, LatticeDecidesTheLevelOfNearlyCompleteFigures) {
   make_grid(2, 2, 9);
   Cell* const corners[] = {node_at(0, 0), node_at(0, 1), node_at(1, 1), node_at(1, 0)};
-  const auto reset = [&] {
+  const auto level = [&](std::int32_t reserve_of_last, std::int32_t level_of_last = 4) {
     for (Cell* c : corners) c->level = 4, c->reserve = 1;
+    corners[2]->reserve = reserve_of_last;
+    corners[2]->level = level_of_last;
+    return proposals_around(corners[0]).at(0).level;
   };
-  const auto level = [&] { return proposals_around(corners[0]).at(0).level; };
-  Cell other;
-  for (Cell* c : corners) {
-    reset();
-    EXPECT_EQ(level(), 1);
-    c->reserve = 2;
-    EXPECT_EQ(level(), 5) << "awaits two, and is no large house";
-    c->reserve = 3;
-    EXPECT_EQ(level(), 5);
-    reset();
-    c->level = 3;
-    EXPECT_EQ(level(), 5) << "levels differ";
-  }
-  reset();
-  Cell& house = *corners[2];  // two links along the square, three more make five
-  house.reserve = 2;
-  house.ne = house.se = house.nw = &other;
-  EXPECT_EQ(level(), 1);
-  house.reserve = 3;
-  EXPECT_EQ(level(), 5);
-}
+  EXPECT_EQ((Levels{level(1), level(2), level(3), level(1, 3)}), (Levels{1, 5, 5, 5}));
+  Cell other;  // two links along the square, three more make a large house
+  corners[2]->ne = corners[2]->se = corners[2]->nw = &other;
+  EXPECT_EQ((Levels{level(2), level(3)}), (Levels{1, 5}));
+  corners[2]->ne = corners[2]->se = corners[2]->nw = nullptr;
 
-TEST_F(Refinement, LatticeDecidesTheLevelOfNearlyCompleteHalves) {
-  make_grid(2, 2, 9);
-  Cell* apex = insert(proposals_around(node_at(0, 0)).at(0));
-  Cell *left = node_at(0, 0), *right = node_at(1, 0), other;
+  for (Cell* c : corners) c->level = 0, c->reserve = 1;
+  Cell* apex = insert(proposals_around(corners[0]).at(0));
+  Cell *left = corners[0], *right = corners[3];
   const auto levels = [&](std::int32_t of_left, std::int32_t of_right, std::int32_t of_apex) {
     apex->level = left->level = right->level = 4;
     left->reserve = of_left;
     right->reserve = of_right;
     apex->reserve = of_apex;
-    std::vector<std::int32_t> found;  // by all three of its cells
+    Levels found;  // by all three cells of the half at the south side
     for (Cell* around : {apex, left, right})
       for (const Vertex& v : proposals_around(around))
         if (v.x == 0.5 && v.y == 0.0) found.push_back(v.level);
     return found;
   };
-  using Levels = std::vector<std::int32_t>;
   EXPECT_EQ(levels(1, 1, 1), (Levels{2, 2, 2}));
   EXPECT_EQ(levels(2, 1, 1), (Levels{5, 5, 5}));
   EXPECT_EQ(levels(1, 2, 1), (Levels{5, 5, 5}));
   EXPECT_EQ(levels(1, 1, 2), (Levels{5, 5, 5}));
   apex->n = &other;
   EXPECT_EQ(levels(1, 1, 2), (Levels{2, 2, 2})) << "the apex is a large house";
-  EXPECT_EQ(levels(1, 1, 3), (Levels{5, 5, 5}));
 }
 
 TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
@@ -139,17 +101,11 @@ TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
   c->reserve = 3;
   detail::refine_cell(c, true);
   EXPECT_EQ(nb_nodes, 13);
-  EXPECT_EQ(c, node_at(1, 1)) << "the caller's node stays";
 
   set_subdiv_max(2);
   c = node_at(0.5, 0.5);
-  ASSERT_EQ(c->reserve, 4);
-  detail::refine_cell(c, false);
-  EXPECT_EQ(nb_nodes, 13);
   detail::refine_cell(c, true);
   EXPECT_EQ(nb_nodes, 15) << "the halves only: they are not held to the reserve";
-  EXPECT_NE(node_at(0.5, 0), nullptr);
-  EXPECT_NE(node_at(0, 0.5), nullptr);
   set_subdiv_max(3);
   detail::refine_cell(c, false);
   EXPECT_EQ(nb_nodes, 17) << "ordinary mode asks for no reserve";
@@ -160,33 +116,30 @@ TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
 TEST_F(Refinement, ShortcutForTheSpecialModeAgreesWithTheProposals) {
   int possible = 0, asked = 0;
   for (const double at : {0.1, 0.5, 0.8}) {
-    for (const std::int32_t limit : {3, 6}) {
-      scenarios::init_unit_square(5, 4, 6);
-      update_mesh_no_init(scenarios::ring_spacing({at, 0.4, 0.3}, 0.5, 0.1 * dist_0, dist_0));
-      set_subdiv_max(limit);
-      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
-        const auto proposals = proposals_around(c);
-        const auto taken = [](const Vertex& v) {
-          const auto awaits_all = [](const Cell* p) { return p->reserve == 4; };
-          return v.level <= level_max &&
-                 (v.p4 == nullptr ||
-                  !(awaits_all(v.p1) || awaits_all(v.p2) || awaits_all(v.p3) || awaits_all(v.p4)));
-        };
-        const bool expected = std::any_of(proposals.begin(), proposals.end(), taken);
-        ASSERT_EQ(detail::special_refinement_possible(*c), expected) << c->x << ' ' << c->y;
-        possible += expected;
-        ++asked;
+    scenarios::init_unit_square(5, 4, 6);
+    update_mesh_no_init(scenarios::ring_spacing({at, 0.4, 0.3}, 0.5, 0.1 * dist_0, dist_0));
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      bool expected = false;
+      for (const Vertex& v : proposals_around(c)) {
+        const auto awaits_all = [](const Cell* p) { return p->reserve == 4; };
+        expected |=
+            v.level <= level_max && (v.p4 == nullptr || !(awaits_all(v.p1) || awaits_all(v.p2) ||
+                                                          awaits_all(v.p3) || awaits_all(v.p4)));
       }
-      delete_mesh();
+      ASSERT_EQ(detail::special_refinement_possible(*c), expected) << c->x << ' ' << c->y;
+      possible += expected;
+      ++asked;
     }
+    delete_mesh();
   }
-  EXPECT_GT(possible, 20);
-  EXPECT_GT(asked - possible, 100);
+  EXPECT_GT(possible, 10);
+  EXPECT_GT(asked - possible, 50);
 }
 
-// Five nodes of one stretch; each has neighbours of its kind with the given levels.
+// Five nodes of one stretch; each has two neighbours of its kind with the given levels.
 TEST_F(Refinement, SortingAStretchMovesItsMixedNodesToTheTail) {
-  const auto sorted = [](std::int32_t l, std::array<std::pair<int, int>, 5> levels) {
+  using Neighbours = std::array<std::pair<int, int>, 5>;
+  const auto sorted = [](std::size_t l, const Neighbours& levels) {
     std::array<Cell, 5> nodes;
     std::array<std::array<Cell, 2>, 5> neighbours;
     for (std::size_t i = 0; i < 5; ++i) {
@@ -197,34 +150,27 @@ TEST_F(Refinement, SortingAStretchMovesItsMixedNodesToTheTail) {
       neighbours[i][1].level = levels[i].second;
       (l % 2 == 0 ? nodes[i].e : nodes[i].se) = &neighbours[i][0];
       (l % 2 == 0 ? nodes[i].w : nodes[i].nw) = &neighbours[i][1];
-      Cell* of_the_other_kind = &neighbours[i][0];
-      (l % 2 == 0 ? nodes[i].ne : nodes[i].n) = i == 4 ? nullptr : of_the_other_kind;
     }
     level_beg.assign(4, {});
     level_end.assign(4, {});
-    level_beg[static_cast<std::size_t>(l)].next = nodes.data();
-    level_end[static_cast<std::size_t>(l)].next = &nodes[4];
-    detail::special_sort_level(l);
+    level_beg[l].next = nodes.data();
+    level_end[l].next = &nodes[4];
+    detail::special_sort_level(static_cast<std::int32_t>(l));
     std::string order;
-    const Cell* before = nullptr;
-    for (const Cell* c = level_beg[static_cast<std::size_t>(l)].next; c != nullptr; c = c->next) {
-      EXPECT_EQ(c->prev, before);
-      before = c;
+    for (const Cell* c = level_beg[l].next; c != nullptr; c = c->next)
       order += static_cast<char>('A' + c->id);
-    }
-    EXPECT_EQ(level_end[static_cast<std::size_t>(l)].next, before);
+    for (const Cell* c = level_end[l].next; c != nullptr; c = c->prev)
+      order += static_cast<char>('a' + c->id);
     level_beg.clear();
     level_end.clear();
     return order;
   };
-  using Levels = std::array<std::pair<int, int>, 5>;
-  for (const std::int32_t l : {2, 3}) {
+  for (const int l : {2, 3}) {
     const std::pair mixed{l, l - 1}, same{l, l}, coarse{l - 1, l - 1}, finer{l + 1, l - 1};
-    EXPECT_EQ(sorted(l, Levels{same, same, coarse, same, same}), "ABCDE");
-    EXPECT_EQ(sorted(l, Levels{same, mixed, same, coarse, same}), "ACDEB");
-    EXPECT_EQ(sorted(l, Levels{mixed, same, mixed, same, mixed}), "BDECA");
-    EXPECT_EQ(sorted(l, Levels{mixed, finer, mixed, same, same}), "ABDEC") << "stops at B";
-    EXPECT_EQ(sorted(l, Levels{mixed, mixed, mixed, mixed, finer}), "ABCDE");
+    const auto stretch = static_cast<std::size_t>(l);
+    EXPECT_EQ(sorted(stretch, {same, mixed, same, coarse, same}), "ACDEBbedca");
+    EXPECT_EQ(sorted(stretch, {mixed, same, mixed, same, mixed}), "BDECAacedb");
+    EXPECT_EQ(sorted(stretch, {mixed, finer, mixed, same, same}), "ABDECcedba") << "stops at B";
   }
 }
 

@@ -26,10 +26,7 @@ class Bytes {
   bool empty() const { return at_ >= bytes_.size(); }
   std::uint8_t next() { return empty() ? std::uint8_t{0} : bytes_[at_++]; }
   std::int32_t below(std::int32_t n) { return next() % n; }
-  template <typename T, std::size_t n>
-  T one_of(const std::array<T, n>& values) {
-    return values[next() % n];
-  }
+  auto one_of(const auto& values) { return values[next() % values.size()]; }
 
  private:
   std::span<const std::uint8_t> bytes_;
@@ -74,14 +71,13 @@ class Run {
     bc_type_ptr = nullptr;
   }
   void clear() {
+    std::string text;
+    message_handler = [&](std::string_view block) { text = block; };
     try {
-      const std::int32_t nodes = nb_nodes;
-      std::string text;
-      message_handler = [&](std::string_view block) { text = block; };
-      const bool arrays = !level_beg.empty();
-      if (arrays) delete_mesh();
-      if (arrays && text != " nb of deallocated nodes: " + std::to_string(nodes)) {
-        fault_ += "delete_mesh: " + text + " of " + std::to_string(nodes) + "\n";
+      const std::string expected = " nb of deallocated nodes: " + std::to_string(nb_nodes);
+      if (!level_beg.empty()) {
+        delete_mesh();
+        if (text != expected) fault_ += "delete_mesh:" + text + " instead of" + expected + "\n";
       }
     } catch (const Thrown& thrown) {
       fault_ += std::string("delete_mesh: ") + thrown.what() + "\n";
@@ -119,9 +115,10 @@ class Run {
     const bool one_is_missing = bytes_.below(4) == 0;
     for (std::size_t i = 0; i < places.size(); ++i) *places[i] = &records_[i];
     if (one_is_missing) *places[bytes_.next() % places.size()] = nullptr;
-    // Records may go only while no node is linked to them.
-    if (nb_nodes > 0) regular_ = regular_ && !one_is_missing;
-    if (nb_nodes > 0) return;
+    if (nb_nodes > 0) {  // records may go only while no node is linked to them
+      regular_ = regular_ && !one_is_missing;
+      return;
+    }
     const double west = bytes_.one_of(origins), south = bytes_.one_of(origins);
     const double width = bytes_.one_of(widths), height = bytes_.one_of(widths);
     records_[9].c = west;
@@ -139,16 +136,13 @@ class Run {
 
   void make_mesh() {
     const std::int32_t nx = bytes_.below(10) - 1, ny = bytes_.below(10) - 1;
-    const bool had_mesh = nb_nodes > 0;
     double y_max = 0.0;
     const std::int32_t subdiv_max = limit();
     const bc_type_function kinds = sides();
-    if (had_mesh) {
-      init_mesh(kinds, nx, ny, subdiv_max, y_max);
-      return;
+    if (nb_nodes == 0) {  // otherwise it is refused
+      regular_ = tame_;
+      values_differ_ = false;
     }
-    regular_ = tame_;
-    values_differ_ = false;
     init_mesh(kinds, nx, ny, subdiv_max, y_max);
     big_enough_ = nx >= 3 && ny >= 3;
   }
@@ -227,8 +221,7 @@ class Run {
   /// A node of the mesh, or nullptr where there is none.
   Cell* node() {
     if (nb_nodes == 0) return nullptr;
-    std::int32_t i = bytes_.next() * 256 + bytes_.next();
-    i %= nb_nodes;
+    std::int32_t i = (bytes_.next() * 256 + bytes_.next()) % nb_nodes;
     for (const Handle& first : level_beg) {
       Cell* last = nullptr;
       for (Cell* c = first.next; c != nullptr && (last == nullptr || c->ipos == last->ipos);
@@ -240,14 +233,6 @@ class Run {
     return nullptr;
   }
 
-  void insert(const Vertex& v) {
-    if (v.level % 2 != 0) {
-      insert_node_odd_level(v);
-    } else {
-      insert_node_even_level(v);
-    }
-  }
-
   void insert_proposal() {
     Cell* c = node();
     if (c == nullptr) return;
@@ -255,7 +240,9 @@ class Run {
     std::int32_t n = 0;
     build_vertex(c, proposals, n);
     if (n < 0 || n > 4) fault_ = "build_vertex proposes more than four\n";
-    if (n > 0) insert(proposals[static_cast<std::size_t>(bytes_.below(n))]);
+    if (n <= 0) return;
+    const Vertex& v = proposals[static_cast<std::size_t>(bytes_.below(n))];
+    (v.level % 2 != 0 ? insert_node_odd_level : insert_node_even_level)(v);
   }
 
   void insert_anything() {
@@ -273,7 +260,7 @@ class Run {
     v.y = somewhere->y + (bytes_.below(2) == 0 ? 0.0 : dist_0 / 4.0);
     constexpr std::array<std::int32_t, 8> levels = {0, 1, 2, 3, 4, 5, -1, -2147483647 - 1};
     v.level = bytes_.one_of(levels);
-    bytes_.below(2) == 0 ? insert_node_odd_level(v) : insert_node_even_level(v);
+    (bytes_.below(2) == 0 ? insert_node_odd_level : insert_node_even_level)(v);
   }
 
   void remove() {

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "support/full_pivoting.hpp"
 #include "velmar_2D/linpack.hpp"
 
 namespace velmar_2d::tests {
@@ -24,18 +25,13 @@ int id_of(const LiteralRow& row) { return static_cast<int>(row.id); }
 
 /// Condition estimate in coordinates relative to (x0, y0), divided by `unit`.
 double condition(const LiteralRows& rows, double x0, double y0, double unit) {
-  const int m = static_cast<int>(rows.size());
-  std::vector<std::vector<double>> a;
-  for (const LiteralRow& row : rows) {
-    const double x = (row.x - x0) / unit, y = (row.y - y0) / unit;
-    a.push_back({1.0, x, y, x * x, y * y, y * x});
-  }
-  double matrix[36];
-  for (std::size_t j = 0; j < 6; ++j) {
-    for (std::size_t k = 0; k < 6; ++k) {
-      double sum = 0.0;
-      for (const auto& row : a) sum += row[j] * row[k];
-      matrix[j + 6 * k] = m > 6 ? sum : a[j][k];
+  double matrix[36] = {};
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const double x = (rows[i].x - x0) / unit, y = (rows[i].y - y0) / unit;
+    const double p[6] = {1.0, x, y, x * x, y * y, y * x};
+    for (std::size_t j = 0; j < 6; ++j) {
+      if (rows.size() <= 6) matrix[i + 6 * j] = p[j];
+      for (std::size_t k = 0; k < 6 && rows.size() > 6; ++k) matrix[j + 6 * k] += p[j] * p[k];
     }
   }
   std::int32_t pivots[6];
@@ -52,10 +48,6 @@ double largest_distance(const Cell& c, const LiteralRows& rows) {
   return largest;
 }
 
-double centred_condition(const Cell& c, const LiteralRows& rows) {
-  return condition(rows, c.x, c.y, largest_distance(c, rows));
-}
-
 /// The least-squares quadratic, in long double with full pivoting.
 void solve(const Cell& c, const LiteralRows& rows, LiteralDerivatives& d) {
   const long double size = largest_distance(c, rows);
@@ -67,36 +59,16 @@ void solve(const Cell& c, const LiteralRows& rows, LiteralDerivatives& d) {
       for (int k = 0; k < 7; ++k) m[j][k] += p[j] * p[k];
     }
   }
-  long double b[6] = {};
-  bool used[6] = {};
-  int row_of_column[6] = {};
-  for (int step = 0; step < 6; ++step) {
-    int p = -1, q = -1;
-    for (int i = 0; i < 6; ++i) {
-      if (used[i]) continue;
-      for (int j = 0; j < 6; ++j) {
-        if (p < 0 || std::abs(m[i][j]) > std::abs(m[p][q])) p = i, q = j;
-      }
-    }
-    used[p] = true;
-    row_of_column[q] = p;
-    for (int i = 0; i < 6; ++i) {
-      if (i == p) continue;
-      const long double factor = m[i][q] / m[p][q];
-      for (int k = 0; k < 7; ++k) m[i][k] -= factor * m[p][k];
-      m[i][q] = 0;
-    }
-  }
-  for (int q = 0; q < 6; ++q) b[q] = m[row_of_column[q]][6] / m[row_of_column[q]][q];
-  const long double dx2 = 2 * b[3] / (size * size), dy2 = 2 * b[4] / (size * size);
-  const long double dxdy = b[5] / (size * size);
-  d.dx = double(b[1] / size);
-  d.dy = double(b[2] / size);
+  solve_with_full_pivoting(m);
+  const long double dx2 = 2 * m[3][6] / (size * size), dy2 = 2 * m[4][6] / (size * size);
+  const long double dxdy = m[5][6] / (size * size);
+  d.dx = double(m[1][6] / size);
+  d.dy = double(m[2][6] / size);
   d.grad2 = double(std::sqrt(dx2 * dx2 + dy2 * dy2 + 2 * dxdy * dxdy));
 }
 
 bool accepted(const Cell& c, const LiteralRows& rows, bool centred) {
-  if (centred) return centred_condition(c, rows) >= (rows.size() > 6 ? 1e-8 : 1e-6);
+  if (centred) return literal_condition(c, rows) >= (rows.size() > 6 ? 1e-8 : 1e-6);
   const double power = static_cast<double>(static_cast<std::int32_t>(1u << c.level));
   const double t = 0.001 * dist_0 * dist_0 / power;
   return !(condition(rows, 0.0, 0.0, 1.0) < (rows.size() > 6 ? t * t : t));
@@ -155,25 +127,19 @@ bool square(const Cell& c, LiteralDerivatives& d) {
   return false;
 }
 
-/// The nodes of the squares at a side, spelled out for each of the four.
+/// The nodes of the squares at a side, for each of the four.
 void add_side_square(const Cell& c, LiteralRows& stencil) {
-  struct Turn {
-    NeighbourLink Cell::*side;
-    NeighbourLink Cell::*inwards;
-    NeighbourLink Cell::*a;
-    NeighbourLink Cell::*b;
-  };
-  for (const Turn& t :
-       {Turn{&Cell::n, &Cell::s, &Cell::e, &Cell::w}, Turn{&Cell::e, &Cell::w, &Cell::s, &Cell::n},
-        Turn{&Cell::s, &Cell::n, &Cell::w, &Cell::e},
-        Turn{&Cell::w, &Cell::e, &Cell::n, &Cell::s}}) {
-    if ((c.*t.side).boundary() == nullptr) continue;
-    const Cell *inner = (c.*t.inwards).cell(), *a = (c.*t.a).cell(), *b = (c.*t.b).cell();
+  constexpr NeighbourLink Cell::*ways[4] = {&Cell::n, &Cell::e, &Cell::s, &Cell::w};
+  for (std::size_t side = 0; side < 4; ++side) {
+    const auto a_way = ways[(side + 1) % 4], inwards = ways[(side + 2) % 4];
+    const auto b_way = ways[(side + 3) % 4];
+    if ((c.*ways[side]).boundary() == nullptr) continue;
+    const Cell *inner = (c.*inwards).cell(), *a = (c.*a_way).cell(), *b = (c.*b_way).cell();
     if (inner == nullptr || a == nullptr || b == nullptr) continue;
-    const Cell *ia = (inner->*t.a).cell(), *ib = (inner->*t.b).cell();
-    const Cell* second = (inner->*t.inwards).cell();
+    const Cell *ia = (inner->*a_way).cell(), *ib = (inner->*b_way).cell();
+    const Cell* second = (inner->*inwards).cell();
     if (ia == nullptr || ib == nullptr || second == nullptr) continue;
-    if (ia != (a->*t.inwards).cell() || ib != (b->*t.inwards).cell()) continue;
+    if (ia != (a->*inwards).cell() || ib != (b->*inwards).cell()) continue;
     for (const Cell* cell : {ia, ib, second}) stencil.push_back(row_of(*cell));
   }
 }
@@ -187,7 +153,7 @@ void add_fifth_parallelogram(const Cell& c, LiteralRows& stencil) {
       const LiteralRow sixth{0.0, p.x + q.x - o.x, p.y + q.y - o.y, p.value + q.value - o.value, 0};
       LiteralRows six = stencil;
       six.push_back(sixth);
-      const double rcond = centred_condition(c, six);
+      const double rcond = literal_condition(c, six);
       if (rcond > best_condition) best_condition = rcond, best = sixth;
     }
   }
@@ -195,6 +161,10 @@ void add_fifth_parallelogram(const Cell& c, LiteralRows& stencil) {
 }
 
 }  // namespace
+
+double literal_condition(const Cell& c, const LiteralRows& rows) {
+  return condition(rows, c.x, c.y, largest_distance(c, rows));
+}
 
 void literal_unique(LiteralRows& rows) {
   LiteralRows sorted;

@@ -21,6 +21,8 @@ struct LiteralDerivatives {
 
 LiteralDerivatives literal_derivatives(const Cell& c);
 
+/// Condition estimate in coordinates relative to the node, in units of the largest distance.
+double literal_condition(const Cell& c, const LiteralRows& rows);
 /// The rows sorted by id, without repetitions, by repeated selection.
 void literal_unique(LiteralRows& rows);
 /// The rows that are not in the stencil, by repeated selection of the smallest distance, in which

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <unordered_map>
 
@@ -72,7 +73,6 @@ class Checker {
     check_arrays();
     if (!place_nodes()) return findings_;
     for (const Cell* c : nodes_) check_node(*c);
-    check_unique_positions();
     check_reachable();
     return findings_;
   }
@@ -170,7 +170,8 @@ class Checker {
   void check_node(const Cell& c) {
     const Place& here = place(c);
     if (c.id < 1 || c.id >= next_id) report(&c, "id outside 1 to next_id ", next_id);
-    if (!ids_.emplace(c.id, &c).second) report(&c, "shares its id");
+    if (!ids_.insert(c.id).second) report(&c, "shares its id");
+    if (!taken_.insert({here.fine_x, here.fine_y}).second) report(&c, "shares its place");
     if (c.ipos != closed_form_ipos(here.x, here.y))
       report(&c, "ipos should be ", closed_form_ipos(here.x, here.y));
     if (c.level < 0 || c.level > level_max) report(&c, "level outside 0 to the limit ", level_max);
@@ -224,18 +225,6 @@ class Checker {
     return kind < 0 || kind > 2 ? nullptr : records[d / 2][kind];
   }
 
-  void check_unique_positions() {
-    std::vector<const Cell*> sorted = nodes_;
-    const auto key = [this](const Cell* c) {
-      return std::pair(place(*c).fine_x, place(*c).fine_y);
-    };
-    std::sort(sorted.begin(), sorted.end(),
-              [&](const Cell* a, const Cell* b) { return key(a) < key(b); });
-    for (std::size_t i = 1; i < sorted.size(); ++i)
-      if (key(sorted[i - 1]) == key(sorted[i]))
-        report(sorted[i], "shares its place with node ", sorted[i - 1]->id);
-  }
-
   void check_reachable() {
     std::vector<bool> seen(nodes_.size());
     std::vector<const Cell*> open = {nodes_.front()};
@@ -260,7 +249,8 @@ class Checker {
   std::vector<const Cell*> nodes_;
   std::vector<Place> places_;
   std::unordered_map<const Cell*, std::size_t> index_;
-  std::unordered_map<std::int32_t, const Cell*> ids_;
+  std::set<std::int32_t> ids_;
+  std::set<std::pair<std::int64_t, std::int64_t>> taken_;
   std::int64_t east_ = 0, north_ = 0;  // upper right corner on the finest lattice
   std::vector<std::string> findings_;
 };

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <sstream>
 
 namespace velmar_2d::tests {
@@ -13,20 +14,15 @@ double offset_x(const Cell& c) { return (c.x - x_min) / dist_0; }
 double offset_y(const Cell& c) { return (c.y - y_min) / dist_0; }
 
 std::string record_name(const Boundary* b) {
-  struct Side {
-    const char* name;
-    const Boundary *dir, *neu, *oth;
-  };
-  for (const Side& side :
-       {Side{"North", north_boundary_dir, north_boundary_neu, north_boundary_oth},
-        Side{"East", east_boundary_dir, east_boundary_neu, east_boundary_oth},
-        Side{"South", south_boundary_dir, south_boundary_neu, south_boundary_oth},
-        Side{"West", west_boundary_dir, west_boundary_neu, west_boundary_oth}}) {
-    if (b == side.dir) return side.name;
-    if (b == side.neu) return std::string(side.name) + " neu";
-    if (b == side.oth) return std::string(side.name) + " oth";
-  }
-  return "?";
+  const std::map<const Boundary*, const char*> names = {
+      {north_boundary_dir, "North"},     {north_boundary_neu, "North neu"},
+      {north_boundary_oth, "North oth"}, {east_boundary_dir, "East"},
+      {east_boundary_neu, "East neu"},   {east_boundary_oth, "East oth"},
+      {south_boundary_dir, "South"},     {south_boundary_neu, "South neu"},
+      {south_boundary_oth, "South oth"}, {west_boundary_dir, "West"},
+      {west_boundary_neu, "West neu"},   {west_boundary_oth, "West oth"}};
+  const auto found = names.find(b);
+  return found == names.end() ? "?" : found->second;
 }
 
 }  // namespace

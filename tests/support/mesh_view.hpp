@@ -23,8 +23,8 @@ std::string links(double u, double v);
 /// levels and cached shapes are left out: what was refined and coarsened again may differ in them.
 std::vector<std::string> describe_mesh();
 
-/// Number of nodes and a hash of them all that does not depend on their order: the bits of positions,
-/// data values and derivatives; levels, and where links lead.
+/// Number of nodes and a hash of them all that does not depend on their order: the bits of
+/// positions, data values and derivatives; levels, and where links lead.
 std::string fingerprint();
 
 /// A grid of squares of side 1 whose lower left corner lies at the origin.
