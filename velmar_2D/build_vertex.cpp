@@ -117,19 +117,26 @@ struct Collector {
     Site* site = next();
     if (site == nullptr) return;
     const Cell &a = *figure.corners[0], &b = *figure.corners[2];
-    for (int i = 0; i < 4; ++i) site->directions[i] = (towards_first + 2 * i) & 7;
+    for (std::size_t i = 0; i < 4; ++i) {
+      site->directions[i] = (towards_first + 2 * static_cast<int>(i)) & 7;
+    }
     fill(*site, figure, a, b);
   }
   void add(const HalfDiamond& half, const std::array<int, 3>& directions) {
     Site* site = next();
     if (site == nullptr) return;
-    for (int i = 0; i < 3; ++i) site->directions[i] = directions[i] & 7;
+    for (std::size_t i = 0; i < 3; ++i) site->directions[i] = directions[i] & 7;
     fill(*site, half, half.a, half.b);
   }
 
  private:
   /// No node of a well-formed mesh has more than four; never write beyond the list.
-  Site* next() { return n == static_cast<std::int32_t>(sites.size()) ? nullptr : &sites[n++]; }
+  Site* next() {
+    const auto used = static_cast<std::size_t>(n);
+    if (used == sites.size()) return nullptr;
+    ++n;
+    return &sites[used];
+  }
 
   template <typename Figure>
   static void fill(Site& site, const Figure& figure, const Cell& a, const Cell& b) {
@@ -148,12 +155,12 @@ struct SpecialProbe {
 
   static bool admits(const Cell& c) { return c.reserve != 4; }
 
-  void add(const ClosedFigure& figure, int) {
+  void add(const ClosedFigure& figure, int /*towards_first*/) {
     if (admits(*figure.corners[3]) && figure.level(ipos_of(figure)) <= level_max) {
       found = true;
     }
   }
-  void add(const HalfDiamond& half, const std::array<int, 3>&) {
+  void add(const HalfDiamond& half, const std::array<int, 3>& /*directions*/) {
     found = found || half.level(ipos_of(half)) <= level_max;
   }
 };
@@ -245,16 +252,15 @@ bool special_refinement_possible(Cell& c) {
   if (!SpecialProbe::admits(c)) return false;
   // A figure has two neighbours of c a quarter turn apart, with no link of c between them. Most
   // often the only ones that have begun to rise lie on a line with c.
-  std::array<bool, nb_directions> admitted{};
-  for (int d = 0; d < nb_directions; ++d) {
-    const Cell* neighbour = link(c, d).cell();
-    admitted[static_cast<std::size_t>(d)] =
-        neighbour != nullptr && SpecialProbe::admits(*neighbour);
+  std::array<bool, nb_directions> risen{};
+  for (std::size_t d = 0; d < nb_directions; ++d) {
+    const Cell* neighbour = link(c, static_cast<int>(d)).cell();
+    risen[d] = neighbour != nullptr && SpecialProbe::admits(*neighbour);
   }
   SpecialProbe probe;
-  for (int d = 0; d < nb_directions && !probe.found; ++d) {
-    if (!admitted[static_cast<std::size_t>(d)] || !admitted[static_cast<std::size_t>((d + 2) & 7)])
-      continue;
+  for (std::size_t i = 0; i < nb_directions && !probe.found; ++i) {
+    if (!risen[i] || !risen[(i + 2) % nb_directions]) continue;
+    const int d = static_cast<int>(i);
     if (d % 2 == 0) {
       try_square(probe, c, d + 1);
     } else {

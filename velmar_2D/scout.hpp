@@ -104,7 +104,7 @@ class Scout {
   static void request(std::uintptr_t address) {
     __builtin_prefetch(reinterpret_cast<const void*>(address));
   }
-  bool on_trail(std::ptrdiff_t i) const { return i >= 0 && i < trail.size(); }
+  static bool on_trail(std::ptrdiff_t i) { return i >= 0 && i < trail.size(); }
 
   void request_after(const Cell& c, const Cell& previous) {
     std::uintptr_t ahead = 0;
