@@ -10,7 +10,8 @@ namespace velmar_2d::peers {
 void pin_one_core();
 
 /// Gives freed memory back to the system, so that every run starts with an empty heap, and has the
-/// system lay hands on so many bytes first: memory that lay idle is slow at its first touch.
+/// system lay hands on so many bytes first, in small pages and in huge ones: memory that lay idle
+/// is slow at its first touch.
 void prepare_memory(std::size_t bytes);
 
 /// Resident memory of this process in bytes, now and at most since the last reset_peak().

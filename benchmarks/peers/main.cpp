@@ -68,7 +68,8 @@ Field front_at(Field field, int step) {
 
 void prepare(const Run& run) {
   constexpr std::size_t gibibyte = std::size_t{1} << 30;
-  prepare_memory(run.is_large() ? 3 * gibibyte : 0);
+  // In pages of each of two kinds.
+  prepare_memory(run.about >= 1e7 ? 4 * gibibyte : run.is_large() ? gibibyte : 0);
 }
 
 void report(const Run& run, int repetition, const char* side, const char* what, std::int64_t count,
