@@ -126,26 +126,28 @@ class SizeArguments {
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
   void fill(Nodes nodes) {
-    constexpr std::size_t nodes_ahead = 24;
+    constexpr std::size_t nodes_ahead = 16;
     double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
            *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
+    const bool has_data = n_cell_data > 0;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + nodes_ahead]);
-      *out_x++ = nodes[i]->x;
-      *out_y++ = nodes[i]->y;
-    }
-    if (n_cell_data == 0) {  // derivatives of no data are 0, and need not be fetched
-      std::fill_n(out_grad, nodes.size(), 0.0);
-      std::fill_n(out_grad2, nodes.size(), 0.0);
-      return;
-    }
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + nodes_ahead < nodes.size()) __builtin_prefetch(&nodes[i + nodes_ahead]->data);
+      if (i + nodes_ahead < nodes.size()) {
+        const Cell* soon = nodes[i + nodes_ahead];
+        __builtin_prefetch(soon);
+        if (has_data) __builtin_prefetch(&soon->grad_data);
+      }
       const Cell& c = *nodes[i];
+      *out_x++ = c.x;
+      *out_y++ = c.y;
+      if (!has_data) continue;
       out_data = std::copy(c.data.begin(), c.data.end(), out_data);
       *out_grad++ = c.grad_data;
       *out_grad2++ = c.grad2_data;
     }
+    if (has_data) return;
+    // Derivatives of no data are 0, and need not be fetched.
+    std::fill_n(out_grad, nodes.size(), 0.0);
+    std::fill_n(out_grad2, nodes.size(), 0.0);
   }
 
   py::ssize_t capacity_ = -1;
