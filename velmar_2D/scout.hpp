@@ -50,6 +50,13 @@ class Scout {
   static Scout forwards() { return {&Cell::next, 0, 1}; }
   static Scout backwards() { return {&Cell::prev, trail.size() - 1, -1}; }
 
+  /// For a quick walk that reads first lines only, and so is at the next node soon.
+  Scout in_haste() const {
+    Scout scout = *this;
+    scout.hasty_ = true;
+    return scout;
+  }
+
   /// The node that the walk comes to after c.
   const Cell* after(const Cell& c) const { return c.*step_; }
 
@@ -67,7 +74,8 @@ class Scout {
   }
 
  private:
-  static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6, marks_ahead = 8;
+  static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6, marks_ahead = 8,
+                       hasty_marks_ahead = 32;
 
   Scout(Cell* Cell::*step, std::ptrdiff_t start, std::ptrdiff_t direction)
       : step_(step), mark_(start), direction_(direction) {}
@@ -90,13 +98,13 @@ class Scout {
     if (far_ == nullptr) return;
     Cell* following = far_->*step_;
     if (following != nullptr) request_after(*following, *far_);
-    if (busy || reads_links(*far_)) request(address_of(far_) + line);
-    if (busy) request(address_of(far_) + 2 * line);
+    if (!hasty_ && (busy || reads_links(*far_))) request(address_of(far_) + line);
+    if (!hasty_ && busy) request(address_of(far_) + 2 * line);
     far_ = following;
   }
   /// The neighbours of a node that is about to be reached.
   void advance_near(bool busy) {
-    if (near_ == nullptr) return;
+    if (near_ == nullptr || hasty_) return;
     near_ = near_->*step_;
     if (near_ != nullptr && (busy || reads_links(*near_))) request_neighbours(*near_);
   }
@@ -109,20 +117,21 @@ class Scout {
   void request_after(const Cell& c, const Cell& previous) {
     std::uintptr_t ahead = 0;
     if (on_trail(mark_) && trail[mark_] == Trail::mark_of(&c)) {
-      const std::ptrdiff_t i = mark_ + direction_ * marks_ahead;
+      const std::ptrdiff_t i = mark_ + direction_ * (hasty_ ? hasty_marks_ahead : marks_ahead);
       if (on_trail(i)) ahead = Trail::address(trail[i], &c);
       mark_ += direction_;
     } else {
       ahead = address_of(&c) + guessed_ahead * (address_of(&c) - address_of(&previous));
     }
     request(ahead);
-    if (reads_derivatives_) request(ahead + 2 * line);
+    if (reads_derivatives_ && !hasty_) request(ahead + 2 * line);
   }
 
   Cell *far_ = nullptr, *near_ = nullptr;
   Cell* Cell::*step_;
   std::ptrdiff_t mark_;  ///< of the node that the scout expects next on the trail
   std::ptrdiff_t direction_;
+  bool hasty_ = false;
   bool reads_derivatives_ = n_cell_data > 0;  ///< for the size function; those of no values are 0
 };
 

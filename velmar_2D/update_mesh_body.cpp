@@ -67,8 +67,8 @@ class SizesInBatches {
  public:
   explicit SizesInBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
 
-  /// The scout of the walk is copied: it comes this way again.
-  void begin_walk(Cell* start, Scout scout) {
+  void begin_walk(Cell* start, const Scout& of_the_walk) {
+    Scout scout = of_the_walk.in_haste();
     scout.begin_stretch(start);
     try {
       const auto most = static_cast<std::size_t>(nb_nodes);
