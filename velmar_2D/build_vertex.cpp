@@ -270,6 +270,18 @@ bool special_refinement_possible(Cell& c) {
   return probe.found;
 }
 
+Vertex vertex_at(const Site& site) {
+  Vertex v;
+  v.x = site.x;
+  v.y = site.y;
+  v.level = site.level;
+  v.p1 = site.parents[0];
+  v.p2 = site.parents[1];
+  v.p3 = site.parents[2];
+  v.p4 = site.parents[3];
+  return v;
+}
+
 void find_sites(Cell& c, std::array<Site, 4>& sites, std::int32_t& n) {
   n = 0;
   Collector collector{sites, n};
@@ -282,15 +294,10 @@ void build_vertex(Cell* c, std::array<Vertex, 4>& vertex_list, std::int32_t& n) 
   std::array<Site, 4> sites;
   find_sites(*c, sites, n);
   for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
-    const Site& site = sites[i];
-    Vertex& v = vertex_list[i];
-    v.x = site.x;
-    v.y = site.y;
-    v.level = site.level;
-    v.p1 = site.parents[0];
-    v.p2 = site.parents[1];
-    v.p3 = site.parents[2];
-    v.p4 = site.parents[3];
+    // The caller's values stay.
+    CellData data = std::move(vertex_list[i].data);
+    vertex_list[i] = vertex_at(sites[i]);
+    vertex_list[i].data = std::move(data);
   }
 }
 

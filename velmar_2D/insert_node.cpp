@@ -33,7 +33,8 @@ bool is_proposed(const Site& site) {
   std::int32_t n = 0;
   find_sites(*site.parents[0], sites, n);
   return std::any_of(sites.begin(), sites.begin() + n, [&site](const Site& proposed) {
-    return proposed.x == site.x && proposed.y == site.y && proposed.parents == site.parents;
+    return proposed.x == site.x && proposed.y == site.y && proposed.parents == site.parents &&
+           proposed.level_fits() && site.level_fits();
   });
 }
 

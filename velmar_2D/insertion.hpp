@@ -13,10 +13,17 @@ struct Site {
   std::int32_t ipos;
   std::array<Cell*, 4> parents;   ///< the last one is none on a side
   std::array<int, 4> directions;  ///< in which the parents lie, seen from the node to come
+
+  /// Odd levels are centres of squares, even ones of diamonds. Levels that were raised by a
+  /// caller's insertions need not keep to that.
+  bool level_fits() const { return ((level ^ directions[0]) & 1) == 0; }
 };
 
 /// Centres of the squares and diamonds around c that have none, at most four.
 void find_sites(Cell& c, std::array<Site, 4>& sites, std::int32_t& n);
+
+/// The site as a caller sees it.
+Vertex vertex_at(const Site& site);
 
 /// Inserts the centre of a square whose corners are its parents.
 void insert_centre(const Site& site);

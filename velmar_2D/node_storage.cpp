@@ -117,8 +117,10 @@ void* take_slot() {
     FreeSlot* slot = free_slots;
     unpoison(slot);
     free_slots = slot->next;
-    const auto* later = reinterpret_cast<const std::byte*>(slot->later);
-    for (std::size_t line = 0; line < sizeof(Cell); line += 64) __builtin_prefetch(later + line, 1);
+    const auto later = reinterpret_cast<std::uintptr_t>(slot->later);
+    for (std::size_t line = 0; line < sizeof(Cell); line += 64) {
+      __builtin_prefetch(reinterpret_cast<const void*>(later + line), 1);
+    }
     return slot;
   }
   if (unused_begin == unused_end) add_slab();

@@ -18,6 +18,16 @@ bool wanted(const Site& site, bool special) {
          std::none_of(site.parents.begin(), site.parents.end(), awaits_all);
 }
 
+/// By its level alone, as a caller's vertex.
+void insert_misfit(const Site& site) {
+  const Vertex v = vertex_at(site);
+  if (v.level % 2 == 1) {
+    insert_node_odd_level(v);
+  } else {
+    insert_node_even_level(v);
+  }
+}
+
 }  // namespace
 
 void refine_cell(Cell*& c, bool special) {
@@ -31,7 +41,9 @@ void refine_cell(Cell*& c, bool special) {
       if (!special && site.level >= level_max) ++update_statistics.refused;
       continue;
     }
-    if (site.level % 2 == 1) {
+    if (!site.level_fits()) {
+      insert_misfit(site);
+    } else if (site.level % 2 == 1) {
       insert_centre(site);
     } else {
       insert_midpoint(site);
