@@ -51,6 +51,14 @@ Site site_of(std::string_view operation, const Vertex& v, int nb_parents,
   return site;
 }
 
+void insert_by_level(const Vertex& v) {
+  if (v.level % 2 == 1) {
+    insert_node_odd_level(v);
+  } else {
+    insert_node_even_level(v);
+  }
+}
+
 Cell* new_cell_at(const Site& site) {
   const std::int32_t ipos = site.ipos >= 0 ? site.ipos : true_ipos(site.x - x_min, site.y - y_min);
   if (ipos < 0 || ipos > level_max) {

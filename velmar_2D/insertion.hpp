@@ -25,6 +25,9 @@ void find_sites(Cell& c, std::array<Site, 4>& sites, std::int32_t& n);
 /// The site as a caller sees it.
 Vertex vertex_at(const Site& site);
 
+/// Inserts as a caller would: at an odd level the centre of a square, at an even one of a diamond.
+void insert_by_level(const Vertex& v);
+
 /// Inserts the centre of a square whose corners are its parents.
 void insert_centre(const Site& site);
 /// Inserts the midpoint of an edge, the centre of a diamond that a side may cut in half.

@@ -61,11 +61,7 @@ void fill_holes_above(std::int32_t limit) {
       for (std::int32_t i = 0; i < n; ++i) {
         const Vertex& v = proposals[static_cast<std::size_t>(i)];
         if (v.level > level_max || true_ipos(v.x - x_min, v.y - y_min) > l) continue;
-        if (v.level % 2 == 1) {
-          insert_node_odd_level(v);
-        } else {
-          insert_node_even_level(v);
-        }
+        insert_by_level(v);
       }
     }
   }

@@ -18,16 +18,6 @@ bool wanted(const Site& site, bool special) {
          std::none_of(site.parents.begin(), site.parents.end(), awaits_all);
 }
 
-/// By its level alone, as a caller's vertex.
-void insert_misfit(const Site& site) {
-  const Vertex v = vertex_at(site);
-  if (v.level % 2 == 1) {
-    insert_node_odd_level(v);
-  } else {
-    insert_node_even_level(v);
-  }
-}
-
 }  // namespace
 
 void refine_cell(Cell*& c, bool special) {
@@ -42,7 +32,7 @@ void refine_cell(Cell*& c, bool special) {
       continue;
     }
     if (!site.level_fits()) {
-      insert_misfit(site);
+      insert_by_level(vertex_at(site));
     } else if (site.level % 2 == 1) {
       insert_centre(site);
     } else {
