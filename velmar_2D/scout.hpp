@@ -67,7 +67,7 @@ class Scout {
     for (int i = 0; i < near_ahead; ++i) advance_near(true);
   }
 
-  /// One step; `busy` tells that the walk changes the mesh around the nodes here.
+  /// One step; `busy` tells that the walk works with links and neighbours of the nodes here.
   void advance(bool busy) {
     advance_far(busy);
     advance_near(busy);

@@ -3,14 +3,13 @@ import ast
 import inspect
 import pathlib
 
+import matplotlib.pyplot as pyplot
+import meshio
 import numpy as np
 import pytest
 
 import velmar_2d
 from velmar_2d import Mesh, _core
-
-meshio = pytest.importorskip("meshio")
-pyplot = pytest.importorskip("matplotlib.pyplot")
 
 
 @pytest.fixture(autouse=True)
