@@ -128,7 +128,13 @@ constexpr auto exhaust = [](long granted) {
   still_granted = granted;
   double y_max = 0.0;
   init_mesh(scenarios::all_dirichlet, 5, 5, 8, y_max);
-  for (int i = 0; i < 4; ++i) update_mesh_no_init(scenarios::even_spacing(0.02));
+  for (int i = 0; i < 2; ++i) {
+    update_mesh_no_init_batched(
+        [](std::span<const Cell* const> /*nodes*/, std::span<double> sizes) {
+          std::fill(sizes.begin(), sizes.end(), 0.02);
+        });
+    update_mesh_no_init(scenarios::even_spacing(0.02));
+  }
   set_subdiv_max(2);
   set_subdiv_max(100);
   still_granted = no_end;

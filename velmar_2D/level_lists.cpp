@@ -9,7 +9,7 @@
 #include <new>
 #include <string>
 
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/roll.hpp"
 
 namespace velmar_2d::detail {
 
@@ -50,6 +50,7 @@ void enter_stretch(Cell& c) {
   }
   level_beg[stretch].next = &c;
   if (head == nullptr) level_end[stretch].next = &c;
+  if (roll.is_open()) roll.enter(c);
 }
 
 void leave_stretch(Cell& c) {

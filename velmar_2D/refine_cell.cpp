@@ -1,5 +1,6 @@
 // Refining the mesh around one node.
 #include "velmar_2D/insertion.hpp"
+#include "velmar_2D/roll.hpp"
 
 namespace velmar_2d::detail {
 
@@ -43,6 +44,7 @@ void refine_cell(Cell*& c, bool special) {
 
 void special_sort_level(std::int32_t l) {
   if (l < 0 || static_cast<std::size_t>(l) >= level_beg.size()) return;
+  roll.forget();  // it is in the old order
   Cell*& head = level_beg[static_cast<std::size_t>(l)].next;
   Cell*& tail = level_end[static_cast<std::size_t>(l)].next;
   const auto& directions = l % 2 == 0 ? straight_directions : diagonal_directions;

@@ -44,7 +44,8 @@ extern Trail trail;
 /// will read there.
 ///
 /// Nodes on the trail are known long before. New ones mostly lie one slot apart, so that the place
-/// of one further ahead can be guessed; a wrong guess costs nothing but the request.
+/// of one further ahead can be guessed, unless the walk knows all its nodes; a wrong guess costs
+/// nothing but the request.
 class Scout {
  public:
   static Scout forwards() { return {&Cell::next, 0, 1}; }
@@ -54,7 +55,16 @@ class Scout {
   Scout in_haste() const {
     Scout scout = *this;
     scout.hasty_ = true;
+    scout.known_ = {};
     return scout;
+  }
+
+  bool goes_forwards() const { return direction_ > 0; }
+
+  /// Tells what the next stretch consists of, in the order of the walk.
+  void know(std::span<const Cell* const> nodes) {
+    known_ = nodes;
+    next_known_ = 0;
   }
 
   /// The node that the walk comes to after c.
@@ -120,6 +130,9 @@ class Scout {
       const std::ptrdiff_t i = mark_ + direction_ * (hasty_ ? hasty_marks_ahead : marks_ahead);
       if (on_trail(i)) ahead = Trail::address(trail[i], &c);
       mark_ += direction_;
+    } else if (!known_.empty()) {
+      while (known_[next_known_] != &c) ++next_known_;
+      ahead = address_of(known_[std::min(next_known_ + marks_ahead, known_.size() - 1)]);
     } else {
       ahead = address_of(&c) + guessed_ahead * (address_of(&c) - address_of(&previous));
     }
@@ -131,6 +144,8 @@ class Scout {
   Cell* Cell::*step_;
   std::ptrdiff_t mark_;  ///< of the node that the scout expects next on the trail
   std::ptrdiff_t direction_;
+  std::span<const Cell* const> known_;
+  std::size_t next_known_ = 0;
   bool hasty_ = false;
   bool reads_derivatives_ = n_cell_data > 0;  ///< for the size function; those of no values are 0
 };

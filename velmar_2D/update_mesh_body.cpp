@@ -3,7 +3,7 @@
 #include <limits>
 #include <new>
 
-#include "velmar_2D/scout.hpp"
+#include "velmar_2D/roll.hpp"
 #include "velmar_2D/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -47,12 +47,15 @@ class SizesOneByOne {
  public:
   explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
 
-  void begin_walk(Cell* /*start*/, const Scout& /*scout*/) {}
+  void begin_update() {}
+  void begin_walk(std::size_t /*stretch*/, Scout& /*scout*/) {}
   double at(const Cell& c) const {
     // Without values there are no derivatives, and no need to fetch them.
     if (c.data.empty()) return size_fun_(c.x, c.y, {}, 0.0, 0.0);
     return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
   }
+  void node_removed() {}
+  void end_update() {}
 
  private:
   const size_function& size_fun_;
@@ -66,25 +69,25 @@ class SizesOneByOne {
 class SizesInBatches {
  public:
   explicit SizesInBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
+  SizesInBatches(const SizesInBatches&) = delete;
+  SizesInBatches& operator=(const SizesInBatches&) = delete;
+  ~SizesInBatches() {
+    if (roll.is_open()) roll.forget();  // an exception leaves the update
+  }
 
-  void begin_walk(Cell* start, const Scout& of_the_walk) {
-    Scout scout = of_the_walk.in_haste();
-    scout.begin_stretch(start);
+  void begin_update() { roll.open(); }
+  void begin_walk(std::size_t stretch, Scout& scout) {
+    nodes_ = roll.of_stretch(stretch);
     try {
-      const auto most = static_cast<std::size_t>(nb_nodes);
-      if (nodes_.capacity() < most) {
-        nodes_.reserve(most + most / 2);
-        sizes_.reserve(most + most / 2);
-      }
-      nodes_.clear();
-      for (const Cell* c = start; c != nullptr; c = scout.after(*c)) {
-        scout.advance(false);
-        nodes_.push_back(c);
+      if (scout.goes_forwards()) {
+        reversed_.assign(nodes_.rbegin(), nodes_.rend());
+        nodes_ = reversed_;
       }
       sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
     } catch (const std::bad_alloc&) {
-      allocation_failed((nodes_.size() + 1) * (sizeof(void*) + sizeof(double)));
+      allocation_failed(nodes_.size() * (sizeof(void*) + sizeof(double)));
     }
+    scout.know(nodes_);
     next_ = 0;
     if (!nodes_.empty()) size_fun_(nodes_, sizes_);
   }
@@ -93,10 +96,14 @@ class SizesInBatches {
     while (nodes_[next_] != &c) ++next_;
     return sizes_[next_++];
   }
+  /// The node of the last size is no more. Needs: the walk goes backwards.
+  void node_removed() { nodes_[next_ - 1] = nullptr; }
+  void end_update() { roll.close(); }
 
  private:
   const batch_size_function& size_fun_;
-  std::vector<const Cell*> nodes_;
+  std::span<const Cell*> nodes_;  ///< in the order of the walk
+  std::vector<const Cell*> reversed_;
   std::vector<double> sizes_;
   std::size_t next_ = 0;
 };
@@ -138,7 +145,7 @@ void refine(Sizes& sizes) {
   const std::int32_t last_level = level_max;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     Cell* c = level_beg[static_cast<std::size_t>(l)].next;
-    sizes.begin_walk(c, scout);
+    sizes.begin_walk(static_cast<std::size_t>(l), scout);
     scout.begin_stretch(c);
     bool refining = true;
     for (; c != nullptr; c = c->next) {
@@ -157,7 +164,7 @@ void coarsen(Sizes& sizes) {
   trail.begin_recording();
   for (std::int32_t l = level_max; l >= 1; --l) {
     Cell* c = level_end[static_cast<std::size_t>(l)].next;
-    sizes.begin_walk(c, scout);
+    sizes.begin_walk(static_cast<std::size_t>(l), scout);
     scout.begin_stretch(c);
     bool removing = false;
     while (c != nullptr) {
@@ -172,7 +179,11 @@ void coarsen(Sizes& sizes) {
           remove_node_odd_level(tmp);
         }
       }
-      if (tmp != nullptr) trail.record(tmp);
+      if (tmp != nullptr) {
+        trail.record(tmp);
+      } else {
+        sizes.node_removed();
+      }
     }
   }
   trail.end_recording();
@@ -202,8 +213,10 @@ void adapt(Sizes sizes) {
   const CountAtEnd count_at_end;
   const JoinAtEnd join_at_end;
   split_sublists();
+  sizes.begin_update();
   refine(sizes);
   coarsen(sizes);
+  sizes.end_update();
 }
 
 }  // namespace
