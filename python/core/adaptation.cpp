@@ -4,6 +4,7 @@
 
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::python {
 
@@ -42,6 +43,7 @@ void expect_first_grid(const std::array<double, 4>& rectangle, std::int32_t nx, 
   double dy = (north - south) / (ny - 1);
   constexpr double square_tolerance = 2.220446049250313e-15;
   if (std::abs(dx - dy) > dx * square_tolerance) dy = dx;
+  for (BulkValues& side : bulk_kinds->sides) side.clear(dx);
   const auto x_at = [&](std::int32_t i) { return i == nx ? west : east - (i - 1) * dx; };
   const auto y_at = [&](std::int32_t j) { return south + (j - 1) * dy; };
   for (std::int32_t i = 1; i <= nx; ++i) {
@@ -169,18 +171,31 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 /// about new nodes.
 class Forecast {
  public:
-  explicit Forecast(BulkValues* init_data) : init_data_(init_data) {}
+  explicit Forecast(BulkValues* init_data) : init_data_(init_data) {
+    if (!has_readers()) return;
+    for (std::int32_t level = 0; level < level_max; ++level) {
+      spacings_.push_back(dist_0 * std::exp2(-0.5 * level));
+    }
+  }
 
   bool has_readers() const { return init_data_ != nullptr || bulk_kinds != nullptr; }
 
   void look_ahead(Nodes nodes, std::span<const double> sizes) {
-    if (init_data_ != nullptr) init_data_->clear();
+    // Mostly nodes of the next two levels come: half as far from one another.
+    const double unit = 0.25 * dist_0 * std::exp2(-0.5 * nodes.front()->ipos);
+    if (init_data_ != nullptr) init_data_->clear(unit);
     if (bulk_kinds) {
-      for (BulkValues& side : bulk_kinds->sides) side.clear();
+      for (BulkValues& side : bulk_kinds->sides) side.clear(unit);
     }
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + nodes_ahead < nodes.size()) request_neighbours(*nodes[i + nodes_ahead]);
-      if (nodes[i]->level < level_max) look_around(*nodes[i], sizes[i]);
+    find_concerned(nodes, sizes);
+    for (std::size_t i = 0; i < concerned_.size(); ++i) {
+      if (const std::size_t ahead = i + 2 * nodes_ahead; ahead < concerned_.size()) {
+        __builtin_prefetch(&concerned_[ahead].node->n);
+      }
+      if (const std::size_t ahead = i + nodes_ahead; ahead < concerned_.size()) {
+        request_neighbours(*concerned_[ahead].node);
+      }
+      look_around(*concerned_[i].node, concerned_[i].size);
     }
     if (init_data_ != nullptr) init_data_->evaluate();
     if (bulk_kinds) {
@@ -189,9 +204,26 @@ class Forecast {
   }
 
  private:
+  struct Concerned {
+    const Cell* node;
+    double size;
+  };
+
+  /// Those around which something may be inserted, told by their own first line of memory.
+  void find_concerned(Nodes nodes, std::span<const double> sizes) {
+    concerned_.clear();
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
+      const Cell& c = *nodes[i];
+      if (c.level >= level_max) continue;
+      if (too_coarse(c, sizes[i]) || c.reserve != 4 || detail::may_have_neighbour_on_side(c)) {
+        concerned_.push_back({&c, sizes[i]});
+      }
+    }
+  }
+
   /// Asks the memory for what look_around() will read.
   static void request_neighbours(const Cell& c) {
-    if (c.reserve == 4) return;
     for (const auto link : links) {
       if (const Cell* there = (c.*link).cell()) {
         __builtin_prefetch(there);
@@ -201,33 +233,32 @@ class Forecast {
   }
   static constexpr std::size_t nodes_ahead = 6;
 
-  void look_around(const Cell& c, double size) {
-    const bool too_coarse = dist_0 / size > std::exp2(0.5 * c.level);
-    if (!too_coarse && c.reserve == 4 && !may_complete_half_figure(c)) return;
+  bool too_coarse(const Cell& c, double size) const {
+    return c.level < level_max && size < spacings_[static_cast<std::size_t>(c.level)];
+  }
+
+  void look_around(const Cell& node, double size) {
+    auto& c = const_cast<Cell&>(node);  // nothing here changes it
+    const bool refined = too_coarse(c, size);
+    if (!refined && !detail::special_refinement_possible(c)) return;
     std::array<Vertex, 4> proposals;
     std::int32_t n = 0;
-    build_vertex(const_cast<Cell*>(&c), proposals, n);  // changes nothing
+    build_vertex(&c, proposals, n);
     for (std::int32_t i = 0; i < n; ++i) {
       const Vertex& v = proposals[static_cast<std::size_t>(i)];
-      if (v.level > level_max || !(too_coarse || completes_figure(v))) continue;
+      if (v.level > level_max || !(refined || completes_figure(v))) continue;
       expect(v.x, v.y);
     }
-    if (!too_coarse) return;
-    // What is proposed once those are there: midpoints of links.
+    if (!refined) return;
+    // What is proposed once those are there: midpoints of links to nodes that are refined too.
     for (const auto link : links) {
       const Cell* there = (c.*link).cell();
-      if (there == nullptr) continue;
+      if (there == nullptr || !too_coarse(*there, size)) continue;
       expect((c.x + there->x) / 2.0, (c.y + there->y) / 2.0);
     }
   }
 
-  /// Half figures lie at sides.
-  static bool may_complete_half_figure(const Cell& c) {
-    return c.on_boundary != 0 || c.x - x_min <= dist_0 || c.y - y_min <= dist_0 ||
-           east_boundary_dir->c - c.x <= dist_0 || north_boundary_dir->c - c.y <= dist_0;
-  }
-
-  /// Such figures are completed also around nodes that are fine enough.
+  /// Figures that are completed also around nodes that are fine enough.
   static bool completes_figure(const Vertex& v) {
     return v.p4 == nullptr ||
            (v.p1->reserve != 4 && v.p2->reserve != 4 && v.p3->reserve != 4 && v.p4->reserve != 4);
@@ -247,6 +278,8 @@ class Forecast {
   }
 
   BulkValues* init_data_;
+  std::vector<double> spacings_;  // of the levels
+  std::vector<Concerned> concerned_;
 };
 
 /// The functions of one update are let go at its end, however it ends.

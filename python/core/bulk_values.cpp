@@ -1,6 +1,7 @@
 #include "python/core/bulk_values.hpp"
 
 #include <bit>
+#include <cmath>
 
 namespace velmar_2d::python {
 
@@ -8,18 +9,20 @@ namespace {
 
 constexpr std::size_t fewest_slots = 64;
 
-std::size_t hash_of(double x, double y) {
-  // Adding 0.0 makes the two zeros one.
-  std::uint64_t bits = std::bit_cast<std::uint64_t>(x + 0.0) * 0x9e3779b97f4a7c15U;
-  bits ^= std::rotl(std::bit_cast<std::uint64_t>(y + 0.0) * 0xbf58476d1ce4e5b9U, 32);
-  bits ^= bits >> 29;
-  bits *= 0x94d049bb133111ebU;
-  return static_cast<std::size_t>(bits ^ (bits >> 32));
+std::uint64_t mixed(std::uint64_t bits) {
+  bits *= 0x9e3779b97f4a7c15U;
+  return bits ^ (bits >> 32);
+}
+
+/// 0 for what is beyond all reason or no number.
+std::uint64_t whole(double units) {
+  return std::abs(units) < 1e18 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(units)) : 0;
 }
 
 }  // namespace
 
-void BulkValues::clear() {
+void BulkValues::clear(double unit) {
+  per_unit_ = 1.0 / unit;
   noted_.clear();
   x_.clear();
   y_.clear();
@@ -32,8 +35,12 @@ void BulkValues::expect(double x, double y) {
   noted_.push_back(y);
 }
 
+// Places come in the order of a walk, mostly near one another. Those of a tile of 8 by 8 units
+// share a few lines of memory.
 std::size_t BulkValues::slot_of(double x, double y) const {
-  return hash_of(x, y) & (slots_.size() - 1);
+  const std::uint64_t column = whole(x * per_unit_), row = whole(y * per_unit_);
+  const std::uint64_t tile = mixed(mixed(column / 8) + row / 8);
+  return (64 * tile + 8 * (row % 8) + column % 8) & (slots_.size() - 1);
 }
 
 /// At most half of the slots are taken.
@@ -80,7 +87,7 @@ void BulkValues::evaluate() {
     function_(std::span(x_).subspan(known), std::span(y_).subspan(known),
               std::span(values_).subspan(known));
   } catch (...) {
-    clear();  // places without values must not stay
+    clear(1.0 / per_unit_);  // places without values must not stay
     throw;
   }
 }

@@ -20,8 +20,9 @@ class BulkValues {
 
   explicit BulkValues(Function function) : function_(std::move(function)) {}
 
-  /// Forgets places and values.
-  void clear();
+  /// Forgets places and values. The next places will mostly be some `unit` apart; they are found
+  /// soon as long as there are not many within one.
+  void clear(double unit);
   /// Notes a place whose value may be asked for.
   void expect(double x, double y);
   /// Asks the function for all places noted since it was last asked.
@@ -35,6 +36,7 @@ class BulkValues {
   void resize_slots(std::size_t places);
 
   Function function_;
+  double per_unit_ = 1.0;
   std::vector<double> noted_;  // places with repetitions, x and y in turn
   std::vector<double> x_, y_, values_;
   std::vector<std::uint32_t> slots_;  // open addressing: 0 or index + 1
