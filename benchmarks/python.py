@@ -54,28 +54,28 @@ def update(mesh, moment, nodes):
     mesh.update(size, init_data if mesh.n_cell_data else None)
 
 
+def best_of(times, work, *arguments):
+    return min(work(*arguments) for _ in range(times))
+
+
 def ring(values):
     touch_memory()
-
-    def from_the_first_grid():
-        with make(NODES, values) as mesh:
-            return seconds(lambda: [update(mesh, 0.5, NODES) for _ in range(3)])
-
-    return min(from_the_first_grid() for _ in range(3))
+    with make(NODES, values) as mesh:
+        return seconds(lambda: [update(mesh, 0.5, NODES) for _ in range(3)])
 
 
 def steady(values):
     with make(NODES, values) as mesh:
         for _ in range(3):
             update(mesh, 0.5, NODES)
-        return min(seconds(lambda: update(mesh, 0.5, NODES)) for _ in range(5))
+        return best_of(5, seconds, lambda: update(mesh, 0.5, NODES))
 
 
 def front(values):
     with make(NODES, values) as mesh:
         for _ in range(3):
             update(mesh, 0.0, NODES)
-        return min(seconds(lambda: update(mesh, step / 50.0, NODES)) for step in (1, 2, 3))
+        return seconds(lambda: update(mesh, 1.0 / 50.0, NODES))
 
 
 def cpp_milliseconds(program, case, values):
@@ -91,7 +91,7 @@ def compare_updates(program):
     print("update of about 10^6 nodes, ms    Python     C++   ratio")
     for case in (ring, steady, front):
         for values in (0, 1):
-            mine = 1e3 * case(values)
+            mine = 1e3 * best_of(3, case, values)
             name = f"{case.__name__}, {values} data values"
             line = f"  {name:28s} {mine:9.0f}"
             if program:
