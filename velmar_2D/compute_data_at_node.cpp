@@ -100,6 +100,33 @@ void fit_as_it_is(const Cell* c, int n_list, Derivatives& d) {
       std::to_string(c->id));
 }
 
+/// The same for all neighbours, and the rows that a side adds.
+void fit_neighbours(const Cell* c, int n_list, Derivatives& d) {
+  const FitOperator* op = has_fit_level(*c) ? find_operator(c, list_1, n_list) : nullptr;
+  if (op != nullptr) {
+    apply_operator(*op, c, list_1, n_list, d.dx2, d.dy2, d.dxdy, d.dx, d.dy);
+  } else {
+    fit_as_it_is(c, n_list, d);
+  }
+}
+
+/// Accepts where the shape of the six rows tells that fit_hessian_6pts() would.
+void fit_if_certain(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                    double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  const FitOperator* op = has_fit_level(*c) ? find_operator(c, list, n_list) : nullptr;
+  fit_hessian_succ = op != nullptr && acceptance_is_certain(*op, c, list);
+  if (fit_hessian_succ) apply_operator(*op, c, list, n_list, dx2, dy2, dxdy, dx, dy);
+}
+
+/// fit_hessian_6pts(), by the shape where that will do.
+void fit_by_shape(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                  double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  fit_if_certain(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  if (!fit_hessian_succ) {
+    fit_hessian_6pts(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  }
+}
+
 /// Walks the last row of the stencil through the candidates; when they are used up, the row before
 /// it moves on by one candidate and the last row starts again behind it. Not every pair is tried.
 ///
@@ -120,9 +147,10 @@ bool search(Fit fit, const Cell* c, int n_list, int n_added, int n_candidates, D
 
 /// Where the search runs out, it starts anew with the centred criterion.
 void fit_with_candidates(const Cell* c, int n_list, int n_added, int n_candidates, Derivatives& d) {
+  if (accepts(fit_if_certain, c, n_list, d)) return;
   const Stencil start = list_1;
   if (!(has_fit_level(*c) && search_is_hopeless(c, list_1, n_list, list_2, n_candidates))) {
-    if (search(fit_hessian_6pts, c, n_list, n_added, n_candidates, d)) return;
+    if (search(fit_by_shape, c, n_list, n_added, n_candidates, d)) return;
     list_1 = start;
   }
   if (has_fit_level(*c) && search(fit_hessian_centred, c, n_list, n_added, n_candidates, d)) return;
@@ -156,8 +184,15 @@ void corner_rule(Cell* c, Derivatives& d, bool& grad_x_null, bool& grad_y_null) 
 /// Fills the stencil of a node and fits it. False at a corner with one neighbour.
 bool fit_derivatives(const Cell* c, int n_list_1, Derivatives& d) {
   if (n_list_1 >= 6) {
-    fit_as_it_is(c, n_list_1, d);
+    fit_neighbours(c, n_list_1, d);
     return true;
+  }
+  if (n_list_1 == 5) {
+    if (const Cell* candidate = first_candidate(c)) {
+      append_row(list_1, n_list_1, *candidate);
+      if (accepts(fit_if_certain, c, n_list_1, d)) return true;
+      --n_list_1;
+    }
   }
   extract_ids(c, list_1);
   int n_list_2 = 0;
