@@ -5,6 +5,8 @@
 //     six rows and more    one fit: nodes with many neighbours, squares at a side
 //     fewer                rows of neighbours' neighbours are added until a fit accepts them
 //     one, in a corner     taken over from that neighbour
+//
+// Fits are made by the shape of their stencil where the nodes lie on the lattice.
 #include <cmath>
 #include <string>
 
@@ -89,25 +91,27 @@ bool accepts(Fit fit, const Cell* c, int n_list, Derivatives& d) {
   return succ;
 }
 
+/// fit_hessian_centred(), by the shape where that is known. Needs: a level that has fits.
+void fit_centred_by_shape(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                          double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  const FitOperator* op = find_operator(c, list, n_list);
+  fit_hessian_succ = op != nullptr;
+  if (fit_hessian_succ) {
+    apply_operator(*op, c, list, n_list, dx2, dy2, dxdy, dx, dy);
+  } else {
+    fit_hessian_centred(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  }
+}
+
 /// A stencil that cannot be changed. The centred criterion is asked first: where it accepts, both
 /// criteria lead to the same derivatives.
 void fit_as_it_is(const Cell* c, int n_list, Derivatives& d) {
-  if (has_fit_level(*c) && accepts(fit_hessian_centred, c, n_list, d)) return;
+  if (has_fit_level(*c) && accepts(fit_centred_by_shape, c, n_list, d)) return;
   if (accepts(fit_hessian_6pts, c, n_list, d)) return;
   internal_error(
       "             list_2_offset = 0\n"
       "             c%id = " +
       std::to_string(c->id));
-}
-
-/// The same for all neighbours, and the rows that a side adds.
-void fit_neighbours(const Cell* c, int n_list, Derivatives& d) {
-  const FitOperator* op = has_fit_level(*c) ? find_operator(c, list_1, n_list) : nullptr;
-  if (op != nullptr) {
-    apply_operator(*op, c, list_1, n_list, d.dx2, d.dy2, d.dxdy, d.dx, d.dy);
-  } else {
-    fit_as_it_is(c, n_list, d);
-  }
 }
 
 /// Accepts where the shape of the six rows tells that fit_hessian_6pts() would.
@@ -153,7 +157,8 @@ void fit_with_candidates(const Cell* c, int n_list, int n_added, int n_candidate
     if (search(fit_by_shape, c, n_list, n_added, n_candidates, d)) return;
     list_1 = start;
   }
-  if (has_fit_level(*c) && search(fit_hessian_centred, c, n_list, n_added, n_candidates, d)) return;
+  if (has_fit_level(*c) && search(fit_centred_by_shape, c, n_list, n_added, n_candidates, d))
+    return;
   internal_error(
       "             list_2_init_offset > n_list_2\n"
       "             c%id = " +
@@ -184,7 +189,7 @@ void corner_rule(Cell* c, Derivatives& d, bool& grad_x_null, bool& grad_y_null) 
 /// Fills the stencil of a node and fits it. False at a corner with one neighbour.
 bool fit_derivatives(const Cell* c, int n_list_1, Derivatives& d) {
   if (n_list_1 >= 6) {
-    fit_neighbours(c, n_list_1, d);
+    fit_as_it_is(c, n_list_1, d);
     return true;
   }
   if (n_list_1 == 5) {
