@@ -125,6 +125,79 @@ TEST_F(Derivatives, OfQuadraticsAreExactOnAnyDomain) {
   }
 }
 
+// Weights that are kept by shape stand for the fit of each stencil, and for its acceptance; on
+// domains too where rounding has moved the nodes off their lattice, far more than the tolerance.
+TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
+  const auto quadratic = [](double x, double y) {
+    return 0.3 - x + 0.7 * y + 0.9 * x * x - 0.4 * y * y + 1.3 * x * y;
+  };
+  int nb_by_rows[detail::Stencil::capacity + 1] = {}, nb_others = 0, nb_certain = 0, nb_moved = 0;
+  for (const Domain& domain :
+       {Domain{0, 0, 1}, Domain{0.3, -0.2, 0.7}, Domain{-30, 2, 0.1}, Domain{1e5, 1e5, 3}}) {
+    make_mesh(domain, 0.4, 6, 5, 10, 4, wave);
+    for (std::uint64_t seed = 0; seed < 4; ++seed) {
+      update_mesh_init(scenarios::random_spacing(seed, 0.1, dist_0 / 32, dist_0), wave);
+    }
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      const double x = (c->x - domain.x) / domain.size, y = (c->y - domain.y) / domain.size;
+      c->data[0] = domain.x == 0 ? wave(x, y) : quadratic(x, y);
+    }
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+      const std::string where =
+          "node " + std::to_string(c->id) + ", domain at " + std::to_string(domain.x);
+      detail::Stencil list{};
+      detail::Candidates candidates{};
+      int n = 0, n_candidates = 0;
+      detail::append_row(list, n, *c);
+      detail::extract_neighbors(c, list, n);
+      if (n < 4) continue;
+      if (n < 6) {
+        detail::extract_ids(c, list);
+        detail::extract_neighbors_neighbors(c, candidates, n_candidates);
+        detail::unique_in_list(candidates, n_candidates);
+        detail::unique_in_lists(list, n, candidates, n_candidates);
+        const Cell* first = detail::first_candidate(c);
+        ASSERT_TRUE(first != nullptr && n_candidates >= 2) << where;
+        ASSERT_EQ(first->id, static_cast<std::int32_t>(candidates.id[0])) << where;
+        for (int i = 0; n < 6; ++i) detail::copy_row(list, n++, candidates, i);
+      }
+      const detail::FitOperator* op = detail::find_operator(c, list, n);
+      double e[5], d[5];  // dx2, dy2, dxdy, dx, dy
+      bool accepted = false;
+      detail::fit_hessian_centred(c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
+      if (op == nullptr) {
+        nb_others += accepted ? 1 : 0;
+        continue;
+      }
+      ASSERT_TRUE(accepted) << where;
+      detail::apply_operator(*op, c, list, n, d[0], d[1], d[2], d[3], d[4]);
+      const double h = dist_0 / std::exp2(c->level / 2.0);
+      double change = 0.0;
+      bool moved = false;
+      for (int i = 0; i < n; ++i) {
+        change = std::max(change, std::abs(list.value[i] - list.value[0]));
+        const double quarters = 4.0 * (list.x[i] - c->x) / (dist_0 / std::exp2(c->level / 2));
+        moved = moved || std::abs(quarters - std::round(quarters)) > 1e-10;
+      }
+      nb_moved += moved ? 1 : 0;
+      for (int i = 0; i < 5; ++i) {
+        ASSERT_NEAR(d[i] * (i < 3 ? h * h : h), e[i] * (i < 3 ? h * h : h), 1e-12 * change)
+            << where;
+      }
+      ++nb_by_rows[n];
+      if (n != 6 || !detail::acceptance_is_certain(*op, c, list)) continue;
+      ++nb_certain;
+      detail::fit_hessian_6pts(c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
+      ASSERT_TRUE(accepted) << where;
+    }
+    delete_mesh();
+  }
+  for (const int n : {6, 7, 8}) EXPECT_GE(nb_by_rows[n], 20) << n;
+  EXPECT_LE(nb_others, 30) << "rows too far apart are few";
+  EXPECT_GE(nb_certain, 500);
+  EXPECT_GE(nb_moved, 500);
+}
+
 // The search may be skipped only where each of its stencils would be refused, and is skipped where
 // the domain lies far away. In between, where the criterion turns, the proof is put to the test.
 TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {

@@ -5,6 +5,8 @@
 //     six rows and more    one fit: nodes with many neighbours, squares at a side
 //     fewer                rows of neighbours' neighbours are added until a fit accepts them
 //     one, in a corner     taken over from that neighbour
+//
+// Fits are made by the shape of their stencil where the nodes lie on the lattice.
 #include <cmath>
 #include <string>
 
@@ -89,15 +91,44 @@ bool accepts(Fit fit, const Cell* c, int n_list, Derivatives& d) {
   return succ;
 }
 
+/// fit_hessian_centred(), by the shape where that is known. Needs: a level that has fits.
+void fit_centred_by_shape(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                          double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  const FitOperator* op = find_operator(c, list, n_list);
+  fit_hessian_succ = op != nullptr;
+  if (fit_hessian_succ) {
+    apply_operator(*op, c, list, n_list, dx2, dy2, dxdy, dx, dy);
+  } else {
+    fit_hessian_centred(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  }
+}
+
 /// A stencil that cannot be changed. The centred criterion is asked first: where it accepts, both
 /// criteria lead to the same derivatives.
 void fit_as_it_is(const Cell* c, int n_list, Derivatives& d) {
-  if (has_fit_level(*c) && accepts(fit_hessian_centred, c, n_list, d)) return;
+  if (has_fit_level(*c) && accepts(fit_centred_by_shape, c, n_list, d)) return;
   if (accepts(fit_hessian_6pts, c, n_list, d)) return;
   internal_error(
       "             list_2_offset = 0\n"
       "             c%id = " +
       std::to_string(c->id));
+}
+
+/// Accepts where the shape of the six rows tells that fit_hessian_6pts() would.
+void fit_if_certain(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                    double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  const FitOperator* op = has_fit_level(*c) ? find_operator(c, list, n_list) : nullptr;
+  fit_hessian_succ = op != nullptr && acceptance_is_certain(*op, c, list);
+  if (fit_hessian_succ) apply_operator(*op, c, list, n_list, dx2, dy2, dxdy, dx, dy);
+}
+
+/// fit_hessian_6pts(), by the shape where that will do.
+void fit_by_shape(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
+                  double& dxdy, double& dx, double& dy, bool& fit_hessian_succ) {
+  fit_if_certain(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  if (!fit_hessian_succ) {
+    fit_hessian_6pts(c, list, n_list, dx2, dy2, dxdy, dx, dy, fit_hessian_succ);
+  }
 }
 
 /// Walks the last row of the stencil through the candidates; when they are used up, the row before
@@ -120,12 +151,14 @@ bool search(Fit fit, const Cell* c, int n_list, int n_added, int n_candidates, D
 
 /// Where the search runs out, it starts anew with the centred criterion.
 void fit_with_candidates(const Cell* c, int n_list, int n_added, int n_candidates, Derivatives& d) {
+  if (accepts(fit_if_certain, c, n_list, d)) return;
   const Stencil start = list_1;
   if (!(has_fit_level(*c) && search_is_hopeless(c, list_1, n_list, list_2, n_candidates))) {
-    if (search(fit_hessian_6pts, c, n_list, n_added, n_candidates, d)) return;
+    if (search(fit_by_shape, c, n_list, n_added, n_candidates, d)) return;
     list_1 = start;
   }
-  if (has_fit_level(*c) && search(fit_hessian_centred, c, n_list, n_added, n_candidates, d)) return;
+  if (has_fit_level(*c) && search(fit_centred_by_shape, c, n_list, n_added, n_candidates, d))
+    return;
   internal_error(
       "             list_2_init_offset > n_list_2\n"
       "             c%id = " +
@@ -158,6 +191,13 @@ bool fit_derivatives(const Cell* c, int n_list_1, Derivatives& d) {
   if (n_list_1 >= 6) {
     fit_as_it_is(c, n_list_1, d);
     return true;
+  }
+  if (n_list_1 == 5) {
+    if (const Cell* candidate = first_candidate(c)) {
+      append_row(list_1, n_list_1, *candidate);
+      if (accepts(fit_if_certain, c, n_list_1, d)) return true;
+      --n_list_1;
+    }
   }
   extract_ids(c, list_1);
   int n_list_2 = 0;

@@ -5,6 +5,13 @@
 
 namespace velmar_2d::detail {
 
+/// The condition estimate from which on six rows in absolute coordinates are accepted, for a node
+/// of this level.
+inline double least_condition(std::int32_t level) {
+  constexpr double per_spacing2 = 0.001;
+  return per_spacing2 * dist_0 * dist_0 / power_of_2(level);
+}
+
 /// Least-squares quadratic through the rows of a stencil; its derivatives at the node.
 ///
 /// The stencil is refused (`fit_hessian_succ` false, outputs untouched) where the condition
@@ -19,6 +26,21 @@ void fit_hessian_6pts(const Cell* c, const Stencil& list, int n_list, double& dx
 /// condition estimate of the centred system, at least 1e-6 for six rows, 1e-8 for more.
 void fit_hessian_centred(const Cell* c, const Stencil& list, int n_list, double& dx2, double& dy2,
                          double& dxdy, double& dx, double& dy, bool& fit_hessian_succ);
+
+/// A fit by shape: weights that make the derivatives of the values on a stencil.
+struct FitOperator;
+/// The operator of a stencil: the node, its neighbours, and up to three rows more. nullptr where
+/// the rows do not lie on the lattice, where they lie too far apart, or where the centred criterion
+/// refuses them. Good until the next call.
+///
+/// Needs: a level of 0 or more.
+const FitOperator* find_operator(const Cell* c, const Stencil& list, int n_list);
+/// The derivatives that a fit would give, up to rounding.
+void apply_operator(const FitOperator& op, const Cell* c, const Stencil& list, int n_list,
+                    double& dx2, double& dy2, double& dxdy, double& dx, double& dy);
+/// Whether fit_hessian_6pts() is bound to accept these six rows. Cheaper than asking it, and true
+/// for nearly all that it accepts.
+bool acceptance_is_certain(const FitOperator& op, const Cell* c, const Stencil& list);
 
 /// Completes five nodes to six rows: the candidates, and the parallelogram of two rows and the node
 /// that gives the best conditioned system. No mixed difference is then seen along those two.

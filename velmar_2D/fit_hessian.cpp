@@ -22,9 +22,8 @@ namespace {
 
 constexpr int nb_coefficients = linpack_order;
 
-/// A stencil is accepted from this condition estimate on, times the squared spacing of the level.
-constexpr double condition_per_spacing2 = 0.001;
-/// The same for centred systems, which know no unit of length: six rows, and normal equations.
+/// Condition estimates from which on centred systems, which know no unit of length, are accepted:
+/// six rows, and normal equations.
 constexpr double centred_condition = 1e-6;
 constexpr double centred_normal_condition = 1e-8;
 
@@ -219,7 +218,7 @@ void fit_hessian_6pts(const Cell* c, const Stencil& list, int n_list, double& dx
         "(Velmar_2D:) compute_data_at_node: internal error\n"
         "             too few equ in 'fit_hessian_6pts' !");
   }
-  const double t = condition_per_spacing2 * dist_0 * dist_0 / power_of_2(c->level);
+  const double t = least_condition(c->level);
   const double least = n_list > nb_coefficients ? t * t : t;
   fit_hessian_succ = !(absolute_condition(list, n_list) < least);
   if (!fit_hessian_succ) return;
@@ -286,7 +285,7 @@ void weird_partial_hessian_5pts(const Cell* c, Stencil& list, const Candidates& 
 bool search_is_hopeless(const Cell* c, const Stencil& list, int n_list,
                         const Candidates& candidates, int n_candidates) {
   assert(n_list == nb_coefficients);
-  const double t = condition_per_spacing2 * dist_0 * dist_0 / power_of_2(c->level);
+  const double t = least_condition(c->level);
   const double x = c->x, y = c->y;
   const double xx = x * x, yy = y * y, xy = x * y;
 

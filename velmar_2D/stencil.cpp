@@ -15,17 +15,6 @@ namespace {
 /// 1e-6 of the spacing, well above the rounding of positions and well below a finer neighbour.
 constexpr double regular_square_tolerance = 2e-6;
 
-/// Leaves the id out, which lies on another cache line.
-template <int nb_rows>
-void append_row(StencilTable<nb_rows>& list, int& n_list, const Cell& c) {
-  assert(n_list < nb_rows);
-  if (n_list >= nb_rows) return;
-  list.x[n_list] = c.x;
-  list.y[n_list] = c.y;
-  list.value[n_list] = first_data(c);
-  ++n_list;
-}
-
 template <int nb_rows>
 void append_neighbors(const Cell& c, StencilTable<nb_rows>& list, int& n_list) {
   for (int direction = 0; direction < nb_directions; ++direction) {
@@ -78,6 +67,30 @@ void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list) {
       extract_neighbors_l2(neighbour, list, n_list);
     }
   }
+}
+
+const Cell* first_candidate(const Cell* c) {
+  std::array<const Cell*, nb_directions> neighbours;
+  for (int d = 0; d < nb_directions; ++d) {
+    neighbours[static_cast<std::size_t>(d)] = link(*c, d).cell();
+  }
+  const Cell* first = nullptr;
+  double smallest = 0.0;
+  for (const Cell* neighbour : neighbours) {
+    if (neighbour == nullptr) continue;
+    for (int d = 0; d < nb_directions; ++d) {
+      const Cell* candidate = link(*neighbour, d).cell();
+      if (candidate == nullptr || candidate == c) continue;
+      const double x = candidate->x - c->x, y = candidate->y - c->y;
+      const double distance2 = y * y + x * x;
+      if (first != nullptr && distance2 > smallest) continue;
+      if (first != nullptr && distance2 == smallest && candidate->id >= first->id) continue;
+      if (std::find(neighbours.begin(), neighbours.end(), candidate) != neighbours.end()) continue;
+      first = candidate;
+      smallest = distance2;
+    }
+  }
+  return first;
 }
 
 void unique_in_list(Candidates& list, int& n_list) {

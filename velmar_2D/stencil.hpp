@@ -1,6 +1,8 @@
 // Stencils: the nodes from which the derivatives at a node are computed.
 #pragma once
 
+#include <cassert>
+
 #include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
@@ -35,6 +37,17 @@ void copy_row(StencilTable<nb_rows>& to, int row, const Candidates& from, int fr
   to.value[row] = from.value[from_row];
 }
 
+/// Appends a row. Leaves the id out, which lies on another cache line.
+template <int nb_rows>
+void append_row(StencilTable<nb_rows>& list, int& n_list, const Cell& c) {
+  assert(n_list < nb_rows);
+  if (n_list >= nb_rows) return;
+  list.x[n_list] = c.x;
+  list.y[n_list] = c.y;
+  list.value[n_list] = first_data(c);
+  ++n_list;
+}
+
 /// Appends the Cells among the eight links, in the order of the links, without their ids.
 void extract_neighbors(const Cell* c, Stencil& list, int& n_list);
 /// Fills in the ids of the node and the neighbours, rows 0 and following, which are wanted only
@@ -51,6 +64,11 @@ void unique_in_list(Candidates& list, int& n_list);
 /// Drops the candidates that the stencil holds already and brings the others into the order in
 /// which they are tried: a distance order, though not an ascending one (see the definition).
 void unique_in_lists(const Stencil& list, int n_list, Candidates& candidates, int& n_candidates);
+
+/// The candidate that comes first in that order, of a node with at most five neighbours, whose
+/// neighbours' neighbours a table has room for: the nearest one, and of those the oldest. nullptr
+/// where there is none. Sorts and copies nothing.
+const Cell* first_candidate(const Cell* c);
 
 /// Recognises the regular square: four neighbours and no others, at one spacing, and a far corner
 /// that closes a square with two of them. Appends all five and tells which two (1 to 4), else gives

@@ -5,12 +5,33 @@
 
 namespace velmar_2d {
 
+namespace {
+
+/// The far corner of a regular square, the first one that extract_neighbor_square() tries. No link
+/// of the node leads there.
+const Cell* probable_far_corner(const Cell& c) {
+  if (c.reserve != 4) return nullptr;
+  const int to_a = c.level % 2 == 0 ? detail::north : detail::north_east;
+  const Cell* a = detail::link(c, to_a).cell();
+  return a == nullptr ? nullptr : detail::link(*a, to_a + 2).cell();
+}
+
+}  // namespace
+
 void compute_data_at_all_nodes() {
   if (detail::lists_are_split()) join_sublists();
   detail::Scout scout = detail::Scout::forwards();
   scout.begin_stretch(mesh_beg);
+  // The scout has asked for the neighbours of this node a while ago, and for its own links before.
+  constexpr int nodes_ahead = 2;
+  const Cell* ahead = mesh_beg;
+  for (int i = 0; i < nodes_ahead && ahead != nullptr; ++i) ahead = ahead->next;
   for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
     scout.advance(true);
+    if (ahead != nullptr) {
+      __builtin_prefetch(probable_far_corner(*ahead));
+      ahead = ahead->next;
+    }
     compute_data_at_node(c);
   }
 }
