@@ -133,7 +133,7 @@ void build_grid(std::int32_t nx, std::int32_t ny, double x_max, double dy) {
     Cell* row_below = row_start;
     Cell* east_neighbour = nullptr;
     for (std::int32_t i = 1; i <= nx; ++i) {
-      Cell* c = new_cell();
+      Cell* c = new_cell(0);
       c->x = i == nx ? x_min : x_max - (i - 1) * dist_0;
       c->y = y_min + (j - 1) * dy;
       c->next = mesh_beg;

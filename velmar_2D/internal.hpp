@@ -68,8 +68,9 @@ std::string to_text(double value);
 // Nodes and their list (node_storage.cpp, level_lists.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// A node with default fields, an id of its own and n_cell_data values of 0.0; counts it.
-Cell* new_cell();
+/// A node with default fields, an id of its own and n_cell_data values of 0.0, for a stretch that
+/// it has yet to enter; counts it.
+Cell* new_cell(std::int32_t stretch);
 /// Gives a node back and clears the caller's reference; counts it.
 void release_cell(Cell*& c);
 /// Gives back every node, in list order, and the memory that they lived in; leaves the list and its

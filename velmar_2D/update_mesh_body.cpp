@@ -150,6 +150,7 @@ void refine(Sizes& sizes) {
     bool refining = true;
     for (; c != nullptr; c = c->next) {
       scout.advance(refining);
+      if (refining && c->next != nullptr) request_far_corners(*c->next);
       refining = too_coarse(*c, sizes);
       if (refining) refine_cell(c, false);
       if (c->level < level_max) refine_cell(c, true);
