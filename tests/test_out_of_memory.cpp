@@ -179,7 +179,7 @@ TEST(OutOfMemory, AnywhereLosesNoNode) {
   node_counts.clear();
   EXPECT_EQ(in_use, before);
   fatal_handler = message_handler = nullptr;
-  for (const long granted : {40, 150, 600, 2000}) {  // without handlers, the end of the process
+  for (const long granted : {28, 150, 600, 2000}) {  // without handlers, the end of the process
     const ChildEnd end = run_in_child([&] { exhaust(granted); });
     EXPECT_EQ(end.output, "Error allocating 24 bytes\n") << granted;
     EXPECT_EQ(end.exit_status, EXIT_FAILURE);

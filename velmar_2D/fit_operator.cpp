@@ -152,9 +152,9 @@ const FitOperator& operator_for(Key key) {
     if (op.key == key) return op;
     if (op.key == 0 && free == nullptr) free = &op;
   }
-  FitOperator& op = free != nullptr ? *free : operators[first];
-  compute(op, key);
-  return op;
+  if (free == nullptr) free = &operators[first];
+  compute(*free, key);
+  return *free;
 }
 
 }  // namespace

@@ -70,7 +70,6 @@ Cell* new_cell_at(const Site& site) {
         "             which lies outside of the levels 0 to " +
         std::to_string(level_max));
   }
-  request_beyond(site);
   Cell* c = new_cell(ipos);
   c->x = site.x;
   c->y = site.y;

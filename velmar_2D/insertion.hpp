@@ -1,7 +1,7 @@
 // What refinement and the two kinds of insertion share. Never installed.
 #pragma once
 
-#include "velmar_2D/scout.hpp"
+#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::detail {
 
@@ -68,16 +68,6 @@ inline void prune_link(Cell* parent, int to_beyond, int back, int cut) {
     link_level(*parent, cut) = 2;
   } else if (!link(*parent, cut).empty()) {
     link_level(*parent, cut) = 1;
-  }
-}
-
-/// Asks for the links of the nodes beyond the parents, which prune_link() will read.
-[[gnu::always_inline]] inline void request_beyond(const Site& site) {
-  for (std::size_t i = 0; i < site.parents.size(); ++i) {
-    if (site.parents[i] == nullptr) continue;
-    const int to_site = opposite(site.directions[i]);
-    request_links(link(*site.parents[i], to_site + 2).cell());
-    request_links(link(*site.parents[i], to_site - 2).cell());
   }
 }
 

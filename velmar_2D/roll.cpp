@@ -34,10 +34,10 @@ void Roll::enter(const Cell& c) {
 }
 
 std::span<const Cell*> Roll::of_stretch(std::size_t stretch) {
-  std::vector<const Cell*>& nodes = stretches_[stretch];
+  const std::vector<const Cell*>& nodes = stretches_[stretch];
   Scout scout = Scout::backwards().in_haste();  // newcomers are not on the trail: it will guess
   call_up(stretch, nodes.empty() ? level_end[stretch].next : nodes.back()->prev, scout);
-  return nodes;
+  return stretches_[stretch];
 }
 
 void Roll::call_up(std::size_t stretch, Cell* first, Scout& scout) {

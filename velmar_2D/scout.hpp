@@ -40,23 +40,17 @@ class Trail {
 };
 extern Trail trail;
 
-// A procedure that only asks the memory for something has no effect that g++ knows of, and would be
-// dropped, unless it is part of another one.
-
-/// Asks for the cache line with the links of a node, if there is one.
-[[gnu::always_inline]] inline void request_links(const Cell* c) {
-  __builtin_prefetch(reinterpret_cast<const std::byte*>(c) + 64);
-}
-
 /// Asks for the corners of the squares and diamonds that could get a centre next to c, as far as
-/// they are no neighbours of c. Reads the links of c and of its neighbours.
+/// they are no neighbours of c. Reads the links of c and of its neighbours. Always a part of its
+/// caller: to g++ a procedure that only asks the memory has no effect, and calls of it none either.
 [[gnu::always_inline]] inline void request_far_corners(const Cell& c) {
+  constexpr std::size_t line = 64;
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* corner = link(c, d).cell();
     if (corner == nullptr || !link(c, d + 1).empty()) continue;
-    const Cell* far = link(*corner, d + 2).cell();
+    const auto* far = reinterpret_cast<const std::byte*>(link(*corner, d + 2).cell());
     __builtin_prefetch(far);
-    request_links(far);
+    __builtin_prefetch(far + line);
   }
 }
 

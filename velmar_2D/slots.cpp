@@ -54,12 +54,12 @@ struct Block {
   Block *prev = nullptr, *next = nullptr;
 };
 
-/// Kinds of blocks: by quarters of their slots that are free, and entirely empty ones.
-constexpr std::size_t nb_partial_kinds = 4, half_free = 2, empty_kind = 4;
+/// Kinds of blocks: 0 to 3 by the quarters of their slots that are free, and entirely empty ones.
+constexpr std::size_t slots_per_quarter = slots_per_block / 4, half_free = 2, empty_kind = 4;
+constexpr std::size_t nb_kinds = 5;
 
 std::size_t kind_of(const Block& block) {
-  return block.nb_free == block.nb_slots ? empty_kind
-                                         : block.nb_free * nb_partial_kinds / slots_per_block;
+  return block.nb_free == block.nb_slots ? empty_kind : block.nb_free / slots_per_quarter;
 }
 
 /// Blocks in a ring, through a head that is none.
@@ -94,7 +94,7 @@ SlabHead* slabs = nullptr;
 std::size_t bytes_in_slabs = 0;
 std::int64_t nb_slots = 0;
 std::int64_t nb_given = 0;  ///< how often a slot has been given back
-std::array<BlockList, empty_kind + 1> blocks;
+std::array<BlockList, nb_kinds> blocks;
 
 /// Where the next node of a stretch goes. Few meshes have so many stretches that two share a block.
 std::array<Block*, 64> open_blocks{};

@@ -47,7 +47,7 @@ class SizesOneByOne {
  public:
   explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
 
-  void begin_update() {}
+  static void begin_update() {}
   void begin_walk(std::size_t /*stretch*/, Scout& /*scout*/) {}
   double at(const Cell& c) const {
     // Without values there are no derivatives, and no need to fetch them.
@@ -55,7 +55,7 @@ class SizesOneByOne {
     return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
   }
   void node_removed() {}
-  void end_update() {}
+  static void end_update() {}
 
  private:
   const size_function& size_fun_;
@@ -75,7 +75,7 @@ class SizesInBatches {
     if (roll.is_open()) roll.forget();  // an exception leaves the update
   }
 
-  void begin_update() { roll.open(); }
+  static void begin_update() { roll.open(); }
   void begin_walk(std::size_t stretch, Scout& scout) {
     nodes_ = roll.of_stretch(stretch);
     try {
@@ -98,7 +98,7 @@ class SizesInBatches {
   }
   /// The node of the last size is no more. Needs: the walk goes backwards.
   void node_removed() { nodes_[next_ - 1] = nullptr; }
-  void end_update() { roll.close(); }
+  static void end_update() { roll.close(); }
 
  private:
   const batch_size_function& size_fun_;
@@ -214,10 +214,10 @@ void adapt(Sizes sizes) {
   const CountAtEnd count_at_end;
   const JoinAtEnd join_at_end;
   split_sublists();
-  sizes.begin_update();
+  Sizes::begin_update();
   refine(sizes);
   coarsen(sizes);
-  sizes.end_update();
+  Sizes::end_update();
 }
 
 }  // namespace
