@@ -45,7 +45,8 @@ extern Trail trail;
 
 /// Asks for the cache line with the links of a node, if there is one.
 [[gnu::always_inline]] inline void request_links(const Cell* c) {
-  __builtin_prefetch(reinterpret_cast<const std::byte*>(c) + 64);
+  constexpr std::uintptr_t line = 64;  // whole numbers, as there is no place behind none
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(c) + line));
 }
 
 /// Asks for the corners of the squares and diamonds that could get a centre next to c, as far as
