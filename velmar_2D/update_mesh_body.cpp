@@ -75,7 +75,7 @@ class SizesInBatches {
     if (roll.is_open()) roll.forget();  // an exception leaves the update
   }
 
-  void begin_update() { roll.open(); }
+  static void begin_update() { roll.open(); }
   void begin_walk(std::size_t stretch, Scout& scout) {
     nodes_ = roll.of_stretch(stretch);
     try {
@@ -98,7 +98,7 @@ class SizesInBatches {
   }
   /// The node of the last size is no more. Needs: the walk goes backwards.
   void node_removed() { nodes_[next_ - 1] = nullptr; }
-  void end_update() { roll.close(); }
+  static void end_update() { roll.close(); }
 
  private:
   const batch_size_function& size_fun_;
