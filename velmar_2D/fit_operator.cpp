@@ -52,7 +52,8 @@ double nearest(double offset) {
   return static_cast<int>(offset + (bias + 0.5)) - bias;
 }
 
-/// The key of a stencil; 0 where a row does not lie on the lattice or too far away.
+/// The key of a stencil; 0 where a row does not lie on the lattice or too far away, or a neighbour
+/// at the node itself.
 Key key_of(const Cell& c, const Stencil& list, int n_list) {
   const double per_unit = inverse_unit(c.level);
   Key key = 0;
@@ -65,6 +66,7 @@ Key key_of(const Cell& c, const Stencil& list, int n_list) {
     const double away = std::max(std::abs(x), std::abs(y));
     if (!(away < largest_offset + 0.5)) return 0;
     const double offset = nearest(away);
+    if (offset == 0.0) return 0;
     if (!is_close(x, away_x[i] * offset) || !is_close(y, away_y[i] * offset)) return 0;
     key |= static_cast<Key>(offset) << (d * bits_of_neighbour);
   }

@@ -14,7 +14,7 @@ void Roll::open() {
   try {
     stretches_.resize(level_beg.size());
   } catch (const std::bad_alloc&) {
-    allocation_failed(level_beg.size() * sizeof(stretches_[0]));
+    allocation_failed(level_beg.size() * sizeof(std::vector<const Cell*>));
   }
   if (is_known) return;
   Scout scout = Scout::backwards().in_haste();
@@ -49,7 +49,7 @@ void Roll::call_up(std::size_t stretch, Cell* first, Scout& scout) {
       nodes.push_back(c);
     }
   } catch (const std::bad_alloc&) {
-    allocation_failed((nodes.size() + 1) * sizeof(nodes[0]));
+    allocation_failed((nodes.size() + 1) * sizeof(void*));
   }
 }
 

@@ -44,13 +44,13 @@ extern Trail trail;
 /// they are no neighbours of c. Reads the links of c and of its neighbours. Always a part of its
 /// caller: to g++ a procedure that only asks the memory has no effect, and calls of it none either.
 [[gnu::always_inline]] inline void request_far_corners(const Cell& c) {
-  constexpr std::size_t line = 64;
+  constexpr std::uintptr_t line = 64;
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* corner = link(c, d).cell();
     if (corner == nullptr || !link(c, d + 1).empty()) continue;
-    const auto* far = reinterpret_cast<const std::byte*>(link(*corner, d + 2).cell());
-    __builtin_prefetch(far);
-    __builtin_prefetch(far + line);
+    const auto far = reinterpret_cast<std::uintptr_t>(link(*corner, d + 2).cell());
+    __builtin_prefetch(reinterpret_cast<const void*>(far));
+    __builtin_prefetch(reinterpret_cast<const void*>(far + line));
   }
 }
 

@@ -66,7 +66,7 @@ std::size_t kind_of(const Block& block) {
 class BlockList {
  public:
   bool empty() const { return head_.next == &head_; }
-  Block& front() { return *head_.next; }
+  Block& front() const { return *head_.next; }
   void append(Block& block) {
     block.prev = head_.prev;
     block.next = &head_;
@@ -181,21 +181,31 @@ bool has_room_to_spare() {
   return nb_slots >= nb_nodes + std::min(nb_given / 16, std::int64_t{nb_nodes} / 8);
 }
 
-/// The kind to fill next. Ends the process where no slot is free and no memory either.
-std::size_t kind_to_fill() {
+/// The blocks to fill next: none where there is no memory either.
+const BlockList& blocks_to_fill() {
   std::size_t kind = empty_kind;
   while (kind > 0 && blocks[kind].empty()) --kind;
-  const bool none = blocks[kind].empty();
-  if (!none && (kind >= half_free || has_room_to_spare())) return kind;
-  if (add_slab()) return empty_kind;
-  if (none) allocation_failed(sizeof(Cell));
-  return kind;
+  if (kind >= half_free || (!blocks[kind].empty() && has_room_to_spare())) return blocks[kind];
+  return blocks[add_slab() ? empty_kind : kind];
+}
+
+/// The last free slots are in blocks that other stretches fill. Ends the process where there are
+/// none.
+Block& block_of_another_stretch() {
+  for (Block*& block : open_blocks) {
+    if (block != nullptr && block->nb_free > 0) return *std::exchange(block, nullptr);
+  }
+  allocation_failed(sizeof(Cell));
 }
 
 /// An open block with free slots, at best behind the one that has just been filled.
 Block& open_block(Block* filled) {
   Block* block = filled == nullptr ? nullptr : empty_successor(*filled);
-  if (block == nullptr) block = &blocks[kind_to_fill()].front();
+  if (block == nullptr) {
+    const BlockList& list = blocks_to_fill();
+    if (list.empty()) return block_of_another_stretch();
+    block = &list.front();
+  }
   BlockList::remove(*block);
   block->open = true;
   return *block;
