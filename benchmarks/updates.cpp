@@ -3,7 +3,9 @@
 //   ring    from the first grid until a ring front is resolved (three updates)
 //   steady  one more update, which leaves every position as it is
 //   front   a step of 1/50 of the way of the travelling ring
-//   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it
+//   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it;
+//   also
+//           after 25 steps of the front, and of copies that lie in memory in the order of the list
 //   check   check_mesh()
 //
 // Each with none and with one value per node. `ns_per_node` counts nodes at the end of the step;
@@ -125,20 +127,56 @@ void front(benchmark::State& state) {
   delete_quietly();
 }
 
-void walk(benchmark::State& state) {
-  make_ring(state, 0.5);
+constexpr NeighbourLink Cell::*links[] = {&Cell::n, &Cell::ne, &Cell::e, &Cell::se,
+                                          &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
+
+void time_walks(benchmark::State& state, const Cell* first) {
   Cost cost(state);
   for (auto _ : state) {
-    cost.time([] {
+    cost.time([first] {
       double sum = 0.0;
-      for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
-        for (const NeighbourLink link : {c->n, c->ne, c->e, c->se, c->s, c->sw, c->w, c->nw}) {
-          if (const Cell* neighbour = link.cell()) sum += neighbour->data[0];
+      for (const Cell* c = first; c != nullptr; c = c->next) {
+        for (const auto link : links) {
+          if (const Cell* neighbour = (c->*link).cell()) sum += neighbour->data[0];
         }
       }
       benchmark::DoNotOptimize(sum);
     });
   }
+}
+
+void walk(benchmark::State& state) {
+  make_ring(state, 0.5);
+  time_walks(state, mesh_beg);
+  delete_quietly();
+}
+
+void walk_after_front(benchmark::State& state) {
+  make_ring(state, 0.0);
+  for (int step = 1; step <= 25; ++step) update(step / 50.0, state.range(0));
+  time_walks(state, mesh_beg);
+  delete_quietly();
+}
+
+/// What a walk could gain from yet another order in memory: one node behind the other.
+void walk_in_order(benchmark::State& state) {
+  make_ring(state, 0.5);
+  std::vector<Cell> copies;
+  copies.reserve(static_cast<std::size_t>(nb_nodes));
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    c->used = static_cast<std::int32_t>(copies.size());
+    copies.push_back(*c);
+  }
+  for (Cell& c : copies) {
+    const auto copy_of = [&](const Cell* there) {
+      return &copies[static_cast<std::size_t>(there->used)];
+    };
+    if (c.next != nullptr) c.next = copy_of(c.next);
+    for (const auto link : links) {
+      if (const Cell* neighbour = (c.*link).cell()) c.*link = copy_of(neighbour);
+    }
+  }
+  time_walks(state, copies.data());
   delete_quietly();
 }
 
@@ -160,16 +198,17 @@ void sizes(benchmark::internal::Benchmark* b) {
 BENCHMARK(ring)->Apply(sizes);
 BENCHMARK(steady)->Apply(sizes);
 BENCHMARK(front)->Apply(sizes);
-BENCHMARK(walk)
-    ->ArgsProduct({{10'000, 100'000, 1'000'000}, {1}})
-    ->ArgNames({"about", "values"})
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(check)
-    ->ArgsProduct({{10'000, 100'000, 1'000'000}, {0}})
-    ->ArgNames({"about", "values"})
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+
+void whole_mesh(benchmark::internal::Benchmark* b, int values) {
+  b->ArgsProduct({{10'000, 100'000, 1'000'000}, {values}})->ArgNames({"about", "values"});
+  b->UseManualTime()->Unit(benchmark::kMillisecond);
+}
+void with_values(benchmark::internal::Benchmark* b) { whole_mesh(b, 1); }
+void without_values(benchmark::internal::Benchmark* b) { whole_mesh(b, 0); }
+BENCHMARK(walk)->Apply(with_values);
+BENCHMARK(walk_after_front)->Apply(with_values);
+BENCHMARK(walk_in_order)->Apply(with_values);
+BENCHMARK(check)->Apply(without_values);
 
 }  // namespace
 }  // namespace velmar_2d::benchmarks

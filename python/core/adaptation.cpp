@@ -4,7 +4,6 @@
 
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
-#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::python {
 
@@ -216,7 +215,7 @@ class Forecast {
       if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
       const Cell& c = *nodes[i];
       if (c.level >= level_max) continue;
-      if (too_coarse(c, sizes[i]) || c.reserve != 4 || detail::may_have_neighbour_on_side(c)) {
+      if (too_coarse(c, sizes[i]) || c.reserve != 4 || may_complete_half_figure(c)) {
         concerned_.push_back({&c, sizes[i]});
       }
     }
@@ -240,7 +239,6 @@ class Forecast {
   void look_around(const Cell& node, double size) {
     auto& c = const_cast<Cell&>(node);  // nothing here changes it
     const bool refined = too_coarse(c, size);
-    if (!refined && !detail::special_refinement_possible(c)) return;
     std::array<Vertex, 4> proposals;
     std::int32_t n = 0;
     build_vertex(&c, proposals, n);
@@ -256,6 +254,12 @@ class Forecast {
       if (there == nullptr || !too_coarse(*there, size)) continue;
       expect((c.x + there->x) / 2.0, (c.y + there->y) / 2.0);
     }
+  }
+
+  /// Half figures lie at sides.
+  static bool may_complete_half_figure(const Cell& c) {
+    return c.x - x_min <= dist_0 || c.y - y_min <= dist_0 || east_boundary_dir->c - c.x <= dist_0 ||
+           north_boundary_dir->c - c.y <= dist_0;
   }
 
   /// Figures that are completed also around nodes that are fine enough.
