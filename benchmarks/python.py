@@ -5,8 +5,8 @@
 
 Updates: the cases `ring`, `steady` and `front` of velmar_2d_bench, with the same functions written
 in numpy; the second column is the C++ program's time for the same mesh. Both are the best of a few.
-Arrays: every field of
-mesh.nodes, of about 10^6 nodes. Memory: 200 updates of a moving ring with all arrays taken each time.
+Arrays: every field of mesh.nodes, of about 10^6 nodes. Memory: 200 updates of a moving ring with all
+arrays taken each time.
 """
 import gc
 import json
