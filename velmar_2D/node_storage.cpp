@@ -2,7 +2,7 @@
 #include <limits>
 #include <new>
 
-#include "velmar_2D/scout.hpp"
+#include "velmar_2D/roll.hpp"
 #include "velmar_2D/slots.hpp"
 
 namespace velmar_2d::detail {
@@ -53,6 +53,7 @@ std::int32_t release_all_nodes() {
   }
   return_slots();
   trail.forget();
+  roll.forget();
   links_may_be_one_way = false;
   return nb_released;
 }
