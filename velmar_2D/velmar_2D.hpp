@@ -42,230 +42,9 @@
 // The library owns the nodes; the caller owns the Boundary records and the callbacks.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <span>
-#include <string_view>
-#include <utility>
-#include <vector>
-
-#if defined(VELMAR_2D_SHARED)
-#define VELMAR_2D_API __attribute__((visibility("default")))
-#else
-#define VELMAR_2D_API
-#endif
+#include "velmar_2D/records.hpp"
 
 namespace velmar_2d {
-
-struct Cell;
-
-// ---------------------------------------------------------------------------------------------
-// Records
-// ---------------------------------------------------------------------------------------------
-
-/// Kinds of side condition: each selects one of the three records of a side.
-inline constexpr std::int32_t bc_type_dir = 0;  ///< Dirichlet
-inline constexpr std::int32_t bc_type_neu = 1;  ///< Neumann
-inline constexpr std::int32_t bc_type_oth = 2;  ///< anything else
-
-/// Natural logarithm of 2.
-inline constexpr double log_of_2 = 0.6931471805599453;
-
-/// One condition on one side of the domain. Owned by the caller, never copied by the library.
-struct Boundary {
-  double c = 0.0;  ///< prescribed value; on Dirichlet records: the side's coordinate
-  std::int32_t bc_type = bc_type_dir;  ///< bc_type_dir, bc_type_neu or bc_type_oth
-};
-
-/// A link of a node: empty, to another node, or to the record of a side. Owns nothing.
-class NeighbourLink {
- public:
-  NeighbourLink() = default;
-  NeighbourLink(std::nullptr_t) {}
-  NeighbourLink(Cell* cell) : bits_(reinterpret_cast<std::uintptr_t>(cell)) {}
-  NeighbourLink(Boundary* boundary)
-      : bits_(boundary == nullptr ? 0 : reinterpret_cast<std::uintptr_t>(boundary) | boundary_tag) {
-  }
-
-  bool empty() const { return bits_ == 0; }
-  /// The linked node, or nullptr where the link is empty or designates a Boundary.
-  Cell* cell() const {
-    return (bits_ & boundary_tag) != 0 ? nullptr : reinterpret_cast<Cell*>(bits_);
-  }
-  /// The linked side record, or nullptr where the link is empty or designates a Cell.
-  Boundary* boundary() const {
-    return (bits_ & boundary_tag) == 0 ? nullptr
-                                       : reinterpret_cast<Boundary*>(bits_ & ~boundary_tag);
-  }
-
-  friend bool operator==(NeighbourLink, NeighbourLink) = default;
-
- private:
-  // Both records are aligned to at least 8 bytes, so the lowest bit of an address is free.
-  static constexpr std::uintptr_t boundary_tag = 1;
-  std::uintptr_t bits_ = 0;
-};
-
-/// The data values of one node: a small resizable array of double.
-///
-/// Up to one value lies inside the record itself, so that the common case costs no allocation and
-/// no second cache line. Values gained by resize() are 0.0.
-class CellData {
- public:
-  CellData() = default;
-  CellData(const CellData& other) { *this = other; }
-  CellData(CellData&& other) noexcept { swap(other); }
-  CellData& operator=(const CellData& other) {
-    if (this != &other) {
-      resize(other.size());
-      std::copy(other.begin(), other.end(), begin());
-    }
-    return *this;
-  }
-  CellData& operator=(CellData&& other) noexcept {
-    swap(other);
-    return *this;
-  }
-  ~CellData() {
-    if (!inside()) delete[] store_.outside;
-  }
-
-  std::size_t size() const { return size_; }
-  bool empty() const { return size_ == 0; }
-  double* data() { return inside() ? &store_.inside : store_.outside; }
-  const double* data() const { return inside() ? &store_.inside : store_.outside; }
-  double& operator[](std::size_t i) { return data()[i]; }
-  double operator[](std::size_t i) const { return data()[i]; }
-  double* begin() { return data(); }
-  double* end() { return data() + size_; }
-  const double* begin() const { return data(); }
-  const double* end() const { return data() + size_; }
-
-  /// Keeps the first values, new ones are 0.0. Throws std::bad_alloc when memory is exhausted.
-  void resize(std::size_t size) {
-    if (size > capacity_) {
-      auto* grown = new double[size];
-      std::copy(begin(), end(), grown);
-      if (!inside()) delete[] store_.outside;
-      store_.outside = grown;
-      capacity_ = static_cast<std::uint32_t>(size);
-    }
-    if (size > size_) std::fill(data() + size_, data() + size, 0.0);
-    size_ = static_cast<std::uint32_t>(size);
-  }
-
- private:
-  bool inside() const { return capacity_ <= 1; }
-  void swap(CellData& other) noexcept {
-    std::swap(size_, other.size_);
-    std::swap(capacity_, other.capacity_);
-    std::swap(store_, other.store_);
-  }
-
-  std::uint32_t size_ = 0;
-  std::uint32_t capacity_ = 1;
-  union {
-    double inside;
-    double* outside;
-  } store_{0.0};
-};
-
-/// A reference to anything of the caller's: remembers the type it was set with, owns nothing.
-class UserReference {
- public:
-  UserReference() = default;
-  template <typename T>
-  UserReference(T* object) : object_(object), tag_(&tag_of<T>) {}
-
-  bool empty() const { return object_ == nullptr; }
-  /// The object, or nullptr where none was set or where it was set with another type.
-  template <typename T>
-  T* get() const {
-    const char* const tag = &tag_of<T>;
-    return tag == tag_ ? static_cast<T*>(object_) : nullptr;
-  }
-
- private:
-  template <typename T>
-  static inline const char tag_of = 0;
-  void* object_ = nullptr;
-  const char* tag_ = nullptr;
-};
-
-/// One node of the mesh. The defaults are those of a freshly created node.
-///
-/// Callers read every field, and write `data`, `data_ptr` and `used`; the rest is kept by the
-/// library. Copying a node copies its data values and borrows everything else.
-/// One cache line holds what a walk over the nodes reads, there and at their neighbours; the next
-/// one the links; the third one what an insertion or a removal changes nearby. What is read rarely
-/// comes last.
-struct alignas(64) Cell {
-  double x = 0.0, y = 0.0;                  ///< position
-  std::int32_t level = 0;                   ///< rises as the mesh around the node is refined
-  std::int32_t reserve = 4;                 ///< finer neighbours still awaited before `level` rises
-  std::int32_t ipos = 0;                    ///< level at which a node at this position is created
-  std::array<std::uint8_t, 2> signature{};  ///< shape of the control cell, see cell_type()
-  bool signature_set = false;               ///< whether `signature` is current
-  Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
-  CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
-  NeighbourLink n, ne, e, se, s, sw, w, nw;
-  std::int32_t id = 0;           ///< unique while the process lives, taken from next_id
-  std::int32_t on_boundary = 0;  ///< 0 inside, 1 on a side, 2 at a corner of the domain
-  double area = -1.0;       ///< area of the control cell; negative: not computed, see cell_area()
-  double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()
-  double grad2_data = 0.0;  ///< Frobenius norm of the Hessian of data[0]
-  std::int32_t nl = 2, nel = 2, el = 2, sel = 2, sl = 2, swl = 2, wl = 2,
-               nwl = 2;    ///< link levels, 1 or 2
-  std::int32_t used = 0;   ///< a mark for the caller's own walks
-  UserReference data_ptr;  ///< for the caller, never read or set by the library
-};
-
-/// A node that does not exist yet: what build_vertex() proposes and the insertions take.
-struct Vertex {
-  double x = 0.0, y = 0.0;
-  CellData data;
-  std::int32_t level = 0;
-  Cell *p1 = nullptr, *p2 = nullptr, *p3 = nullptr,
-       *p4 = nullptr;  ///< surrounding nodes; p4 is none on a side
-};
-
-/// One end of a stretch of the node list.
-struct Handle {
-  Cell* next = nullptr;
-};
-
-/// What an adaptation did. Inserted minus removed is the change of nb_nodes; a node that one call
-/// inserts and removes again counts in both.
-struct UpdateStatistics {
-  std::int64_t visited = 0;  ///< nodes whose wanted spacing was asked for; twice, if by both passes
-  std::int64_t inserted = 0;  ///< nodes created
-  std::int64_t removed = 0;   ///< nodes released
-  /// Insertions that the wanted spacing asked for and the subdivision limit forbade. Each of the
-  /// nodes around a place that asks for it counts.
-  std::int64_t refused = 0;
-};
-
-// ---------------------------------------------------------------------------------------------
-// Callbacks
-// ---------------------------------------------------------------------------------------------
-
-/// Kind of condition at (x, y) on the side "North", "East", "South" or "West".
-using bc_type_function = std::function<std::int32_t(double x, double y, std::string_view side)>;
-/// Wanted spacing at a node, in the unit of x and y. Zero asks for the finest level, infinity for
-/// the coarsest; a node for which it is negative or not a number is left as it is.
-using size_function = std::function<double(double x, double y, std::span<const double> data,
-                                           double grad_data, double grad2_data)>;
-/// Wanted spacings of many nodes at once: sizes[i] receives that of *nodes[i], as a size_function
-/// would return it; one that is not written leaves its node as it is.
-using batch_size_function =
-    std::function<void(std::span<const Cell* const> nodes, std::span<double> sizes)>;
-/// First data value of a new node at (x, y).
-using init_data_function = std::function<double(double x, double y)>;
-/// Receives a text of the library; see fatal_handler, message_handler and pause_handler.
-using text_function = std::function<void(std::string_view text)>;
 
 // ---------------------------------------------------------------------------------------------
 // Messages and the end of the process
@@ -281,53 +60,55 @@ using text_function = std::function<void(std::string_view text)>;
 /// The mesh is whole after every exit by an exception, be it from here or from one of the caller's
 /// own callbacks: a node is in it with all its links or not at all, and update_mesh_*() and
 /// set_subdiv_max() leave their list joined. init_mesh() makes the whole grid or no node.
-VELMAR_2D_API extern text_function fatal_handler;
+VELMAR_2D_API extern text_function& fatal_handler;
 
 /// Takes the place of standard output: called with each message (without the line end after its
 /// last line), fatal ones included. Empty at first. It may throw, as fatal_handler may.
-VELMAR_2D_API extern text_function message_handler;
+VELMAR_2D_API extern text_function& message_handler;
 
 /// Takes the place of the pauses: called with the prompt, which is then not printed, and returns
 /// when the library may go on. Empty at first: print the prompt and wait for a line of standard
 /// input or for its end. It may throw, as fatal_handler may.
-VELMAR_2D_API extern text_function pause_handler;
+VELMAR_2D_API extern text_function& pause_handler;
 
 // ---------------------------------------------------------------------------------------------
 // Library-wide state
 // ---------------------------------------------------------------------------------------------
 
 // Node list. It runs by stretches: first all nodes with ipos 0, then those with ipos 1, and so on.
-VELMAR_2D_API extern Cell *mesh_beg, *mesh_end;
+VELMAR_2D_API extern Cell *&mesh_beg, *&mesh_end;
 /// First and last node of each stretch, indexed by ipos; empty while there is no mesh.
-VELMAR_2D_API extern std::vector<Handle> level_beg, level_end;
+VELMAR_2D_API extern std::vector<Handle>&level_beg, &level_end;
 /// A second pair of list heads for the caller; the library neither reads nor writes them.
-VELMAR_2D_API extern std::vector<Handle> tmp_beg, tmp_end;
+VELMAR_2D_API extern std::vector<Handle>&tmp_beg, &tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
-VELMAR_2D_API extern std::array<std::int32_t, 2> level_range;
-VELMAR_2D_API extern std::int32_t level_max;  ///< subdivision limit, -1 before the first mesh
-VELMAR_2D_API extern std::int32_t next_id;    ///< id of the next node created
-VELMAR_2D_API extern std::int32_t nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
+VELMAR_2D_API extern std::array<std::int32_t, 2>& level_range;
+VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int64_t& next_id;    ///< id of the next node created
+VELMAR_2D_API extern std::int32_t&
+    nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
 /// Grows whenever a node comes or goes, and with that wherever a link or a level changes: what a
 /// caller derived from the mesh is current while this number is. An update can remove nodes and
 /// insert others at the same places; references to the old ones are then as invalid as ever, and
 /// the number has grown. Never falls while the process lives.
-VELMAR_2D_API extern std::uint64_t mesh_revision;
+VELMAR_2D_API extern std::uint64_t& mesh_revision;
 /// What the last update_mesh_*() did, also where it ended by an exception.
-VELMAR_2D_API extern UpdateStatistics update_statistics;
-VELMAR_2D_API extern std::int32_t n_cell_data;  ///< data values per node; set it before init_mesh()
-VELMAR_2D_API extern double x_min, y_min;       ///< lower left corner of the domain
-VELMAR_2D_API extern double dist_0;             ///< spacing of the grid of level 0
-VELMAR_2D_API extern double grad_data, grad2_data;  ///< scratch values for the caller
+VELMAR_2D_API extern UpdateStatistics& update_statistics;
+VELMAR_2D_API extern std::int32_t&
+    n_cell_data;                             ///< data values per node; set it before init_mesh()
+VELMAR_2D_API extern double &x_min, &y_min;  ///< lower left corner of the domain
+VELMAR_2D_API extern double& dist_0;         ///< spacing of the grid of level 0
+VELMAR_2D_API extern double &grad_data, &grad2_data;  ///< scratch values for the caller
 /// Whether the data of new nodes are interpolated (true) or come from init_data_ptr (false).
-VELMAR_2D_API extern bool data_interpolation;
-VELMAR_2D_API extern init_data_function init_data_ptr;
-VELMAR_2D_API extern bc_type_function bc_type_ptr;
+VELMAR_2D_API extern bool& data_interpolation;
+VELMAR_2D_API extern init_data_function& init_data_ptr;
+VELMAR_2D_API extern bc_type_function& bc_type_ptr;
 
 // Side records, owned by the caller. The four Dirichlet ones must exist for init_mesh().
-VELMAR_2D_API extern Boundary *north_boundary_dir, *north_boundary_neu, *north_boundary_oth;
-VELMAR_2D_API extern Boundary *east_boundary_dir, *east_boundary_neu, *east_boundary_oth;
-VELMAR_2D_API extern Boundary *south_boundary_dir, *south_boundary_neu, *south_boundary_oth;
-VELMAR_2D_API extern Boundary *west_boundary_dir, *west_boundary_neu, *west_boundary_oth;
+VELMAR_2D_API extern Boundary *&north_boundary_dir, *&north_boundary_neu, *&north_boundary_oth;
+VELMAR_2D_API extern Boundary *&east_boundary_dir, *&east_boundary_neu, *&east_boundary_oth;
+VELMAR_2D_API extern Boundary *&south_boundary_dir, *&south_boundary_neu, *&south_boundary_oth;
+VELMAR_2D_API extern Boundary *&west_boundary_dir, *&west_boundary_neu, *&west_boundary_oth;
 
 // ---------------------------------------------------------------------------------------------
 // Making, adapting and deleting the mesh
@@ -398,15 +179,6 @@ VELMAR_2D_API void delete_mesh();
 // Reading nodes
 // ---------------------------------------------------------------------------------------------
 
-/// Whether a Dirichlet condition prescribes the data of this node: it lies on the boundary and one
-/// of its four straight links designates a Boundary of kind bc_type_dir.
-VELMAR_2D_API bool known_value(const Cell& tmp);
-VELMAR_2D_API std::int32_t cell_ipos(const Cell* c);         ///< the node's `ipos`
-VELMAR_2D_API std::int32_t cell_on_boundary(const Cell* c);  ///< the node's `on_boundary`
-VELMAR_2D_API std::int32_t velmar_get_cell_on_boundary(
-    const Cell* c);                                                 ///< the node's `on_boundary`
-VELMAR_2D_API std::int32_t velmar_get_cell_reserve(const Cell* c);  ///< the node's `reserve`
-
 /// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
 /// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
 ///
@@ -418,7 +190,7 @@ VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double*
 /// compute_data_at_node() for every node, in the order of the list: what update_mesh_*() does
 /// first. Faster than a loop of the caller's on a large mesh, since it asks the memory ahead. Joins
 /// the list if it is split; does nothing without a mesh.
-VELMAR_2D_API void compute_data_at_all_nodes();
+VELMAR_2D_API void compute_data_at_all_nodes(int threads = 1);
 
 // ---------------------------------------------------------------------------------------------
 // Control cells
@@ -449,30 +221,12 @@ VELMAR_2D_API void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift);
 /// the area of its polygon.
 VELMAR_2D_API double cell_area(Cell* c);
 
-/// What surrounds a control cell. Directions are numbered n 0, ne 1, e 2, se 3, s 4, sw 5, w 6,
-/// nw 7.
-struct CellFaces {
-  std::array<Cell*, 8> neighbour{};  ///< the linked nodes; nullptr: none, or a side of the domain
-  std::array<double, 8> length{};    ///< of the face between the two cells; 0 where there is none
-  std::array<double, 8> distance{};  ///< to the linked node; 0 where there is none
-  std::array<double, 4> side{};      ///< length of the domain side n, e, s, w that bounds the cell
-};
-
 /// Faces of the control cell: length / distance is the weight of a two-point flux.
 ///
 /// Both cells that share a face get the same length and distance, to the last bit, and the face's
 /// normal is the link's direction. Changes nothing, prints nothing; cells of unknown shape get the
 /// edges of their polygon, which the neighbour need not agree with.
 VELMAR_2D_API void cell_faces(const Cell* c, CellFaces& faces);
-
-/// A point of the plane.
-struct Point {
-  double x = 0.0, y = 0.0;
-};
-
-/// Most corners that a control cell can have: the four of the domain, and each of eight links cuts
-/// off a part, which adds one corner at most.
-inline constexpr std::size_t max_cell_corners = 12;
 
 /// Corners of the control cell, anticlockwise, without repetition. Works for every shape, changes
 /// nothing, prints nothing.
@@ -486,15 +240,6 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 // ---------------------------------------------------------------------------------------------
 // Checking the mesh
 // ---------------------------------------------------------------------------------------------
-
-/// A rule of the mesh that does not hold at some place.
-struct Finding {
-  std::string_view rule;            ///< its name, see check_mesh()
-  std::string_view text;            ///< what is wrong, in words
-  const Cell* node = nullptr;       ///< where; nullptr: the mesh as a whole
-  const Cell* neighbour = nullptr;  ///< the other node concerned, if any. It may have left the
-                                    ///< mesh: compare it, do not follow it
-};
 
 /// Checks every rule of a whole mesh and reports the places where one does not hold.
 ///

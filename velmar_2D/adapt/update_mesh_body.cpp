@@ -1,0 +1,178 @@
+// The two passes of an adaptation.
+#include <limits>
+#include <new>
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+/// Asks for the wanted spacing of each node as a walk comes to it.
+class SizesOneByOne {
+ public:
+  SizesOneByOne(State& /*state*/, const size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(std::size_t /*stretch*/, Walk& /*walk*/) {}
+  double at(const Cell& c) const {
+    return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  }
+  void node_removed() {}
+  void end_update() {}
+
+ private:
+  const size_function& size_fun_;
+};
+
+/// Asks for the wanted spacings of a whole stretch before it is walked.
+///
+/// A walk meets just the nodes that are there when it begins: what refinement adds to its stretch
+/// enters behind it, at the head, and coarsening removes no node but the one that it visits. Nor do
+/// the values of a node change on the way. So the answers are those of SizesOneByOne.
+class SizesInBatches {
+ public:
+  SizesInBatches(State& state, const batch_size_function& size_fun)
+      : state_(state), nodes_of_mesh_(state.stretch_nodes), size_fun_(size_fun) {
+    try {
+      nodes_of_mesh_.open(state.level_end, state.history, state.mesh_revision);
+    } catch (const std::bad_alloc&) {
+      end_without_memory(static_cast<std::size_t>(state.nb_nodes) * sizeof(void*));
+    }
+  }
+  SizesInBatches(const SizesInBatches&) = delete;
+  SizesInBatches& operator=(const SizesInBatches&) = delete;
+  ~SizesInBatches() {
+    if (nodes_of_mesh_.is_open()) nodes_of_mesh_.forget();  // an exception leaves the update
+  }
+
+  void begin_walk(std::size_t stretch, Walk& walk) {
+    try {
+      nodes_ = nodes_of_mesh_.of_stretch(stretch, state_.level_end[stretch].next, state_.history);
+      if (walk.goes_forwards()) {
+        reversed_.assign(nodes_.rbegin(), nodes_.rend());
+        nodes_ = reversed_;
+      }
+      sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
+    } catch (const std::bad_alloc&) {
+      end_without_memory(nodes_.size() * (sizeof(void*) + sizeof(double)));
+    }
+    walk.know(nodes_);
+    next_ = 0;
+    if (!nodes_.empty()) size_fun_(nodes_, sizes_);
+  }
+  /// Needs: the nodes of the walk in their order; some may be left out.
+  double at(const Cell& c) {
+    while (nodes_[next_] != &c) ++next_;
+    return sizes_[next_++];
+  }
+  /// The node of the last size is no more. Needs: the walk goes backwards.
+  void node_removed() { nodes_[next_ - 1] = nullptr; }
+  void end_update() { nodes_of_mesh_.close(state_.mesh_revision); }
+
+ private:
+  [[noreturn]] void end_without_memory(std::size_t bytes) {
+    nodes_of_mesh_.forget();
+    allocation_failed(state_.handlers, bytes);
+  }
+
+  State& state_;
+  StretchNodes& nodes_of_mesh_;
+  const batch_size_function& size_fun_;
+  std::span<const Cell*> nodes_;  ///< in the order of the walk
+  std::vector<const Cell*> reversed_;
+  std::vector<double> sizes_;
+  std::size_t next_ = 0;
+};
+
+/// dist_0 divided by the wanted spacing.
+template <typename Sizes>
+double wanted_ratio(State& state, const Cell& c, Sizes& sizes) {
+  ++state.update_statistics.visited;
+  return state.domain.dist_0 / sizes.at(c);
+}
+
+/// Stretches upwards, each from its first node: nodes that a stretch gains from the ones below are
+/// visited in the same pass.
+template <typename Sizes>
+void refine(State& state, Sizes& sizes) {
+  Walk walk = Walk::to_refine(state.history);
+  const std::int32_t last_level = state.level_max;
+  for (std::int32_t l = 0; l <= last_level; ++l) {
+    const auto stretch = static_cast<std::size_t>(l);
+    sizes.begin_walk(stretch, walk);
+    for (Cell& c : walk(state.level_beg[stretch].next)) {
+      const bool refining = is_too_coarse_by_threshold(wanted_ratio(state, c, sizes), c.level);
+      walk.changes_mesh_here(refining);
+      Cell* node = &c;
+      if (refining) refine_cell(state, node, false);
+      if (c.level < state.level_max) refine_cell(state, node, true);
+    }
+  }
+}
+
+/// Stretches downwards, each from its last node.
+template <typename Sizes>
+void coarsen(State& state, Sizes& sizes) {
+  Walk walk = Walk::to_coarsen(state.history);
+  state.history.begin_recording(state.nb_nodes);
+  for (std::int32_t l = state.level_max; l >= 1; --l) {
+    const auto stretch = static_cast<std::size_t>(l);
+    sizes.begin_walk(stretch, walk);
+    for (Cell& c : walk(state.level_end[stretch].next)) {
+      const bool removing =
+          c.level != 0 && is_too_fine_by_threshold(wanted_ratio(state, c, sizes), c.level);
+      walk.changes_mesh_here(removing);
+      if (!removing) continue;
+      Cell* node = &c;
+      remove_by_level(state, node);
+      if (node != nullptr) continue;  // it declined
+      walk.removed_node();
+      sizes.node_removed();
+    }
+  }
+  state.history.end_recording();
+}
+
+/// Every node that came or went is one step of mesh_revision: with the change of their number that
+/// gives both counts, also where the update is left by an exception.
+class CountAtEnd {
+ public:
+  explicit CountAtEnd(State& state)
+      : state_(state), revision_before_(state.mesh_revision), nb_nodes_before_(state.nb_nodes) {}
+  CountAtEnd(const CountAtEnd&) = delete;
+  CountAtEnd& operator=(const CountAtEnd&) = delete;
+  ~CountAtEnd() {
+    const auto changes = static_cast<std::int64_t>(state_.mesh_revision - revision_before_);
+    const std::int64_t growth = std::int64_t{state_.nb_nodes} - nb_nodes_before_;
+    state_.update_statistics.inserted = (changes + growth) / 2;
+    state_.update_statistics.removed = (changes - growth) / 2;
+  }
+
+ private:
+  State& state_;
+  std::uint64_t revision_before_;
+  std::int32_t nb_nodes_before_;
+};
+
+template <typename Sizes, typename SizeFunction>
+void adapt(State& state, const SizeFunction& size_fun) {
+  const CountAtEnd count_at_end(state);
+  const GatherLinkSources gather_link_sources(state);
+  const JoinAtEnd join_at_end(state);
+  split_sublists(state);
+  Sizes sizes(state, size_fun);
+  refine(state, sizes);
+  coarsen(state, sizes);
+  sizes.end_update();
+}
+
+}  // namespace
+
+void update_mesh_body(State& state, const size_function& size_fun) {
+  adapt<SizesOneByOne>(state, size_fun);
+}
+void update_mesh_body(State& state, const batch_size_function& size_fun) {
+  adapt<SizesInBatches>(state, size_fun);
+}
+
+}  // namespace velmar_2d::detail

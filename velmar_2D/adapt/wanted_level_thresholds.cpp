@@ -1,0 +1,55 @@
+// The decisions of an update by the ratios of spacings at which they change. The logarithm is taken
+// only within a hair of those, where its rounding decides.
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+constexpr double hair = 1e-9;  // of the ratio: far more than the rounding of a logarithm
+
+struct Thresholds {
+  static constexpr std::size_t nb_levels = 64;
+  std::array<double, nb_levels> refine{}, coarsen{};
+
+  constexpr Thresholds() {
+    constexpr double sqrt_of_2 = 1.4142135623730951, half_of_margin = 0.6949591099211685;
+    static_assert(coarsening_margin == 1.05);  // 2^(-1.05 / 2)
+    for (std::size_t l = 0; l < nb_levels; ++l) {
+      refine[l] = exact_power_of_2(static_cast<int>(l / 2)) * (l % 2 == 0 ? 1.0 : sqrt_of_2);
+      coarsen[l] = refine[l] * half_of_margin;
+    }
+  }
+};
+constexpr Thresholds thresholds;
+
+bool has_threshold(std::int32_t level) {
+  return static_cast<std::size_t>(level) < Thresholds::nb_levels;
+}
+bool clearly_above(double ratio, double threshold) { return ratio > threshold * (1.0 + hair); }
+/// False for negative ratios too: their level is no number.
+bool clearly_below(double ratio, double threshold) {
+  return ratio < threshold * (1.0 - hair) && ratio >= 0.0;
+}
+
+}  // namespace
+
+bool is_too_coarse_by_threshold(double ratio, std::int32_t level) {
+  if (has_threshold(level)) {
+    const double threshold = thresholds.refine[static_cast<std::size_t>(level)];
+    if (clearly_above(ratio, threshold)) return true;
+    if (clearly_below(ratio, threshold)) return false;
+  }
+  return is_too_coarse(ratio, level);
+}
+
+bool is_too_fine_by_threshold(double ratio, std::int32_t level) {
+  if (has_threshold(level)) {
+    const double threshold = thresholds.coarsen[static_cast<std::size_t>(level)];
+    if (clearly_above(ratio, threshold)) return false;
+    if (clearly_below(ratio, threshold)) return true;
+  }
+  return is_too_fine(ratio, level);
+}
+
+}  // namespace velmar_2d::detail

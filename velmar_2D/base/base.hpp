@@ -1,0 +1,203 @@
+// What every other room stands on: directions, messages, levels and the lattice, dense algebra.
+// Knows nothing of a mesh as a whole. Never installed.
+#pragma once
+
+#include <atomic>
+#include <bit>
+#include <string>
+
+#include "velmar_2D/records.hpp"
+
+namespace velmar_2d::detail {
+
+// ---------------------------------------------------------------------------------------------
+// Directions: numbers 0 to 7 clockwise from north, an eighth turn apart. Arithmetic wraps, so a
+// rule for one side or quadrant is turned to the others by adding 2, 4 or 6.
+// ---------------------------------------------------------------------------------------------
+
+enum : int { north, north_east, east, south_east, south, south_west, west, north_west };
+
+inline constexpr int nb_directions = 8;
+
+inline constexpr std::array<NeighbourLink Cell::*, nb_directions> link_members = {
+    &Cell::n, &Cell::ne, &Cell::e, &Cell::se, &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
+inline constexpr std::array<std::int32_t Cell::*, nb_directions> link_level_members = {
+    &Cell::nl, &Cell::nel, &Cell::el, &Cell::sel, &Cell::sl, &Cell::swl, &Cell::wl, &Cell::nwl};
+
+inline NeighbourLink& link(Cell& c, int direction) { return c.*link_members[direction & 7]; }
+inline NeighbourLink link(const Cell& c, int direction) { return c.*link_members[direction & 7]; }
+inline std::int32_t& link_level(Cell& c, int direction) {
+  return c.*link_level_members[direction & 7];
+}
+
+inline constexpr int opposite(int direction) { return (direction + 4) & 7; }
+
+/// Straight directions have even numbers, diagonal ones odd numbers.
+inline constexpr std::array<int, 4> straight_directions = {north, east, south, west};
+inline constexpr std::array<int, 4> diagonal_directions = {north_east, south_east, south_west,
+                                                           north_west};
+
+/// Signs of x and y on the way in each direction.
+inline constexpr std::array<double, nb_directions> away_x = {0, 1, 1, 1, 0, -1, -1, -1};
+inline constexpr std::array<double, nb_directions> away_y = {1, 1, 0, -1, -1, -1, 0, 1};
+
+/// `signature` of a node on one side without finer neighbours, by side: n, e, s, w.
+inline constexpr std::array<std::array<std::uint8_t, 2>, 4> side_signatures = {
+    {{42, 8}, {138, 2}, {162, 128}, {168, 32}}};
+
+/// Length of the way from a to b along a straight direction; negative where b lies behind.
+inline double distance_along(int direction, const Cell& a, const Cell& b) {
+  switch (direction & 7) {
+    case north: return b.y - a.y;
+    case east: return b.x - a.x;
+    case south: return a.y - b.y;
+    default: return a.x - b.x;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// What compilers spell differently
+// ---------------------------------------------------------------------------------------------
+
+// A procedure that only prefetches has no effect as far as g++ can see, and calls of it none
+// either: it must be a part of its caller.
+#if defined(__GNUC__)
+#define VELMAR_2D_ALWAYS_INLINE [[gnu::always_inline]] inline
+#else
+#define VELMAR_2D_ALWAYS_INLINE inline
+#endif
+
+inline constexpr std::size_t cache_line = 64;
+
+/// Brings a cache line closer that will be read, or written, soon. Any address will do.
+VELMAR_2D_ALWAYS_INLINE void prefetch([[maybe_unused]] const void* address) {
+#if defined(__GNUC__)
+  __builtin_prefetch(address);
+#endif
+}
+VELMAR_2D_ALWAYS_INLINE void prefetch_to_write([[maybe_unused]] const void* address) {
+#if defined(__GNUC__)
+  __builtin_prefetch(address, 1);
+#endif
+}
+
+/// Reading and writing what several threads may find out at the same time and note in one place:
+/// all of them note the same. Costs what a plain access costs.
+template <typename T>
+T load_shared(const T& from) {
+#if defined(__GNUC__)
+  T value;
+  __atomic_load(&from, &value, __ATOMIC_ACQUIRE);
+  return value;
+#else
+  return std::atomic_ref<T>(const_cast<T&>(from)).load(std::memory_order_acquire);
+#endif
+}
+template <typename T>
+void store_shared(T& to, T value) {
+#if defined(__GNUC__)
+  __atomic_store(&to, &value, __ATOMIC_RELEASE);
+#else
+  std::atomic_ref<T>(to).store(value, std::memory_order_release);
+#endif
+}
+
+// ---------------------------------------------------------------------------------------------
+// Messages (message.cpp): the one door for text, the one for pauses, the one for the end
+// ---------------------------------------------------------------------------------------------
+
+/// Who takes the texts of a mesh.
+struct Handlers {
+  text_function fatal, message, pause;
+  /// Where they are empty: those of the process. A mesh that has such defaults is an object: its
+  /// fatal errors are exceptions, and without a handler it prints nothing and waits for nothing.
+  const Handlers* defaults = nullptr;
+
+  bool of_object() const { return defaults != nullptr; }
+};
+
+/// Prints the lines of a message block, each closed by a line end.
+void message(const Handlers& handlers, std::string_view block);
+/// Prints a prompt without a line end and waits for a line of input; goes on at its end.
+void pause(const Handlers& handlers, std::string_view prompt);
+/// Throws the message block as an Error, or prints it, flushes and ends the process.
+[[noreturn]] void fatal(const Handlers& handlers, std::string_view block);
+/// Shortest decimal text that reads back as the same value.
+std::string to_text(double value);
+
+[[noreturn]] void allocation_failed(const Handlers& handlers, std::size_t bytes);
+[[noreturn]] void release_of_missing(const Handlers& handlers, std::string_view name);
+
+// ---------------------------------------------------------------------------------------------
+// Levels and the lattice (levels.cpp, true_ipos.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Base-2 logarithm: natural logarithm divided by log_of_2.
+double log2(double x);
+/// 2^level as a signed 32-bit integer where 0 <= level <= 31 (negative at 31), otherwise 0.
+double power_of_2(std::int32_t level);
+/// 2^exponent for exponents in the range of normal numbers.
+constexpr double exact_power_of_2(int exponent) {
+  return std::bit_cast<double>(static_cast<std::uint64_t>(1023 + exponent) << 52);
+}
+
+/// The rectangle of a mesh, and what follows from it.
+struct Domain {
+  double x_min = 0.0, y_min = 0.0;  ///< lower left corner
+  double dist_0 = 0.0;              ///< spacing of the grid of level 0
+  double x_max = 0.0, y_max = 0.0;
+  /// Largest absolute coordinate of the four sides: decides how well a position can be told.
+  double largest_coordinate = 0.0;
+  /// No link is longer than this along x or y: the spacing of level 0, as long as all its nodes are
+  /// there.
+  double longest_link = 0.0;
+  /// Positions can be told exactly, and all squares and diamonds of linked nodes are some: no node
+  /// of level 0 was removed, and callers inserted nodes only where refinement would.
+  bool lattice_is_whole = false;
+
+  /// Whether a link of this node can lead to a node on a side, told from its position alone.
+  bool may_have_neighbour_on_side(const Cell& c) const {
+    return c.x - x_min <= longest_link || x_max - c.x <= longest_link ||
+           c.y - y_min <= longest_link || y_max - c.y <= longest_link;
+  }
+};
+
+/// The position index of an offset from the lower left corner.
+std::int32_t true_ipos(const Domain& domain, double x, double y);
+/// Whether true_ipos() tells positions apart without the tolerance that a domain far away needs.
+bool positions_are_exact(const Domain& domain);
+void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
+std::int32_t log2_special(std::int32_t n);
+
+// ---------------------------------------------------------------------------------------------
+// Dense algebra (linpack.cpp)
+//
+// LU factors with partial pivoting, an estimate of the reciprocal condition number, and the
+// solution with the factors, for the local fits: the algorithms of J. J. Dongarra, J. R. Bunch,
+// C. B. Moler and G. W. Stewart, LINPACK Users' Guide, SIAM 1979, chapter 1. Which stencils a fit
+// accepts hangs on this very estimate, so that another factorisation or estimator may not stand in
+// for it.
+// ---------------------------------------------------------------------------------------------
+
+/// Order of all systems: the coefficients of a quadratic in two variables.
+inline constexpr int linpack_order = 6;
+
+/// Factorises the leading 6 x 6 block of a matrix.
+///
+/// @param a     column by column; receives U and the multipliers of L
+/// @param lda   leading dimension, at least 6
+/// @param ipvt  receives the 6 pivot rows, counted from 0
+/// @return whether no pivot is 0
+bool dgefa(double* a, int lda, std::int32_t* ipvt);
+
+/// dgefa() with an estimate of the reciprocal condition number in the 1-norm.
+///
+/// @param rcond  receives the estimate, at or above the true number up to rounding; 0 or of the
+///               order of rounding for a singular matrix
+/// @param z      6 entries of scratch; for a nearly singular matrix an approximate null vector
+void dgeco(double* a, int lda, std::int32_t* ipvt, double& rcond, double* z);
+
+/// Solves a x = b with the factors of dgefa() or dgeco(); b receives the solution.
+void dgesl(const double* a, int lda, const std::int32_t* ipvt, double* b);
+
+}  // namespace velmar_2d::detail

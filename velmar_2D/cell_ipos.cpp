@@ -1,7 +1,0 @@
-#include "velmar_2D/velmar_2D.hpp"
-
-namespace velmar_2d {
-
-std::int32_t cell_ipos(const Cell* c) { return c->ipos; }
-
-}  // namespace velmar_2d

@@ -1,0 +1,19 @@
+// Area of the control cell of a node.
+#include "velmar_2D/cells/cells.hpp"
+
+namespace velmar_2d::detail {
+
+double cell_area(const State& state, Cell& c) {
+  double area = load_shared(c.area);
+  if (area >= 0.0) return area;
+  if (const KnownShape* shape = classify(state, c)) {
+    area = quick_cell_area(shape->signature) * state.domain.dist_0 * state.domain.dist_0 *
+           exact_power_of_2(-c.level);
+  } else {
+    area = area_of(polygon_of(state.domain, c));
+  }
+  store_shared(c.area, area);
+  return area;
+}
+
+}  // namespace velmar_2d::detail

@@ -1,0 +1,37 @@
+#include <new>
+
+#include "velmar_2D/memory/memory.hpp"
+
+namespace velmar_2d::detail {
+
+FitOperators::~FitOperators() {
+  for (const auto& place : places_) delete place.load();
+}
+
+const FitOperator* FitOperators::find(std::uint64_t key) const {
+  const std::size_t first = first_place(key);
+  for (std::size_t i = 0; i < places_of_a_key; ++i) {
+    const FitOperator* op = places_[(first + i) % nb_places].load(std::memory_order_acquire);
+    if (op == nullptr || op->key == key) return op;
+  }
+  return nullptr;
+}
+
+const FitOperator* FitOperators::keep(const FitOperator& op) {
+  const auto* kept = new (std::nothrow) FitOperator(op);
+  if (kept == nullptr) return nullptr;
+  const std::size_t first = first_place(op.key);
+  for (std::size_t i = 0; i < places_of_a_key; ++i) {
+    const FitOperator* there = nullptr;
+    auto& place = places_[(first + i) % nb_places];
+    if (place.compare_exchange_strong(there, kept, std::memory_order_acq_rel)) return kept;
+    if (there->key == op.key) {  // another thread was faster
+      delete kept;
+      return there;
+    }
+  }
+  delete kept;
+  return nullptr;
+}
+
+}  // namespace velmar_2d::detail

@@ -1,0 +1,315 @@
+// The mesh as an object.
+#include "velmar_2D/mesh.hpp"
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/check/check.hpp"
+
+namespace velmar_2d {
+
+namespace {
+
+using detail::State;
+
+/// A height counts as a whole number of squares within this fraction of it: far above the rounding
+/// of coordinates, far below what anyone would call another height.
+constexpr double height_tolerance = 1e-9;
+
+[[noreturn]] void refuse(const std::string& text) {
+  throw Error("(velmar_2D/Mesh:) ERROR: " + text);
+}
+
+/// Number of nodes along y.
+std::int32_t rows_of(const Rectangle& r, const Grid& grid) {
+  if (grid.nx < 2 || grid.ny < 0 || grid.ny == 1) {
+    refuse("nx and ny must be at least 2, not " + std::to_string(grid.nx) + " and " +
+           std::to_string(grid.ny));
+  }
+  const double width = r.x_max - r.x_min, height = r.y_max - r.y_min;
+  if (!(width > 0.0 && height > 0.0 && std::isfinite(width) && std::isfinite(height))) {
+    refuse("the rectangle from (" + detail::to_text(r.x_min) + ", " + detail::to_text(r.y_min) +
+           ") to (" + detail::to_text(r.x_max) + ", " + detail::to_text(r.y_max) +
+           ") must have a width and a height above 0");
+  }
+  const double square = width / (grid.nx - 1);
+  const double squares = grid.ny > 0 ? grid.ny - 1 : std::max(1.0, std::round(height / square));
+  if (std::abs(height - squares * square) > height_tolerance * height) {
+    refuse("the height " + detail::to_text(height) + " is not " +
+           (grid.ny > 0 ? std::to_string(grid.ny - 1) + " squares" : "a whole number of squares") +
+           " of width " + detail::to_text(square) + "; " + detail::to_text(squares * square) +
+           " would be");
+  }
+  if (squares + 1.0 > std::numeric_limits<std::int32_t>::max()) {
+    refuse("the grid has too many nodes along y");
+  }
+  return static_cast<std::int32_t>(squares) + 1;
+}
+
+void set_rectangle(State& state, const Rectangle& r) {
+  const std::array<double, 4> sides = {r.y_max, r.x_max, r.y_min, r.x_min};
+  for (std::size_t side = 0; side < sides.size(); ++side) {
+    for (std::int32_t kind = bc_type_dir; kind <= bc_type_oth; ++kind) {
+      const auto k = static_cast<std::size_t>(kind);
+      state.own_side_records[side][k] = {kind == bc_type_dir ? sides[side] : 0.0, kind};
+      state.side_records[side][k] = &state.own_side_records[side][k];
+    }
+  }
+}
+
+/// What an update was given to fill new nodes with is forgotten with it.
+class ForgetInitData {
+ public:
+  explicit ForgetInitData(State& state) : state_(state) {}
+  ForgetInitData(const ForgetInitData&) = delete;
+  ForgetInitData& operator=(const ForgetInitData&) = delete;
+  ~ForgetInitData() {
+    state_.init_data_ptr = nullptr;
+    state_.data_interpolation = true;
+  }
+
+ private:
+  State& state_;
+};
+
+/// What the default mesh was given belongs to its variables and stays.
+template <typename Update>
+UpdateStatistics updated(State& state, std::string_view operation, const Update& update) {
+  const detail::MeshChange change(state, operation);
+  if (&state == &detail::default_state()) {
+    update();
+  } else {
+    const ForgetInitData forget(state);
+    update();
+  }
+  return state.update_statistics;
+}
+
+template <typename Node>
+NodeRange<Node> all_nodes(const State& state) {
+  if (!state.lists_are_split()) return {state.mesh_beg, nullptr};
+  return {nullptr, nullptr, state.level_beg};
+}
+
+template <typename Node>
+NodeRange<Node> nodes_of_level(const State& state, std::int32_t level) {
+  const auto stretch = static_cast<std::size_t>(level);
+  if (level < 0 || stretch >= state.level_beg.size()) return {nullptr, nullptr};
+  Cell* first = state.level_beg[stretch].next;
+  return {first, first == nullptr ? nullptr : state.level_end[stretch].next->next};
+}
+
+}  // namespace
+
+bc_type_function same_kind(std::int32_t kind) {
+  return [kind](double, double, std::string_view) { return kind; };
+}
+
+bc_type_function kind_by_side(std::int32_t north, std::int32_t east, std::int32_t south,
+                              std::int32_t west) {
+  return [=](double, double, std::string_view side) {
+    switch (side.front()) {
+      case 'N': return north;
+      case 'E': return east;
+      case 'S': return south;
+      default: return west;
+    }
+  };
+}
+
+void detail::StateDeleter::operator()(State* state) const {
+  if (state != &default_state()) delete state;
+}
+
+Mesh& default_mesh() {
+  static Mesh mesh(&detail::default_state());
+  return mesh;
+}
+
+State& Mesh::state() const {
+  if (state_ == nullptr) refuse("this mesh has been moved away");
+  return *state_;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Making and adapting
+// ---------------------------------------------------------------------------------------------
+
+Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
+  State& made = *state_;
+  made.handlers.defaults = &detail::default_state().handlers;
+  const std::int32_t ny = rows_of(rectangle, grid);
+  if (grid.n_cell_data < 0) refuse("n_cell_data is negative");
+  set_rectangle(made, rectangle);
+  made.n_cell_data = grid.n_cell_data;
+  double y_max = 0.0;
+  const detail::MeshChange change(made, "Mesh");
+  detail::init_mesh(made, grid.bc_type ? grid.bc_type : same_kind(bc_type_dir), grid.nx, ny,
+                    grid.subdiv_max, y_max);
+}
+
+UpdateStatistics Mesh::update(const size_function& size) {
+  return updated(state(), "update", [&] { detail::update_mesh_no_init(state(), size); });
+}
+
+UpdateStatistics Mesh::update(const size_function& size, init_data_function init_data) {
+  return updated(state(), "update",
+                 [&] { detail::update_mesh_init(state(), size, std::move(init_data)); });
+}
+
+UpdateStatistics Mesh::update_batched(const batch_size_function& sizes) {
+  return updated(state(), "update_batched", [&] { detail::update_mesh_no_init(state(), sizes); });
+}
+
+UpdateStatistics Mesh::update_batched(const batch_size_function& sizes,
+                                      init_data_function init_data) {
+  return updated(state(), "update_batched",
+                 [&] { detail::update_mesh_init(state(), sizes, std::move(init_data)); });
+}
+
+const UpdateStatistics& Mesh::statistics() const { return state().update_statistics; }
+
+std::int32_t Mesh::limit() const { return state().level_max; }
+
+void Mesh::set_limit(std::int32_t limit) {
+  if (limit < 0 && &state() != &detail::default_state()) refuse("the limit is negative");
+  const detail::MeshChange change(state(), "set_limit");
+  detail::set_subdiv_max(state(), limit);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Nodes
+// ---------------------------------------------------------------------------------------------
+
+NodeRange<Cell> Mesh::nodes() { return all_nodes<Cell>(state()); }
+NodeRange<const Cell> Mesh::nodes() const { return all_nodes<const Cell>(state()); }
+NodeRange<Cell> Mesh::nodes(std::int32_t level) { return nodes_of_level<Cell>(state(), level); }
+NodeRange<const Cell> Mesh::nodes(std::int32_t level) const {
+  return nodes_of_level<const Cell>(state(), level);
+}
+std::int64_t Mesh::size() const { return state().nb_nodes; }
+std::uint64_t Mesh::revision() const { return state().mesh_revision; }
+std::int32_t Mesh::n_cell_data() const { return state().n_cell_data; }
+std::int64_t Mesh::next_id() const { return state().next_id; }
+
+// ---------------------------------------------------------------------------------------------
+// The domain
+// ---------------------------------------------------------------------------------------------
+
+Rectangle Mesh::rectangle() const { return {x_min(), x_max(), y_min(), y_max()}; }
+double Mesh::x_min() const { return state().domain.x_min; }
+double Mesh::x_max() const { return state().domain.x_max; }
+double Mesh::y_min() const { return state().domain.y_min; }
+double Mesh::y_max() const { return state().domain.y_max; }
+double Mesh::dist_0() const { return state().domain.dist_0; }
+double Mesh::spacing_of_level(std::int32_t level) const {
+  return state().domain.dist_0 / std::exp2(level / 2.0);
+}
+
+Boundary& Mesh::side_record(Direction side, std::int32_t kind) {
+  const auto direction = static_cast<std::int32_t>(side);
+  if (direction % 2 != 0) refuse("a diagonal direction has no side");
+  if (kind < bc_type_dir || kind > bc_type_oth) {
+    refuse("a kind of side must be 0, 1 or 2, not " + std::to_string(kind));
+  }
+  Boundary* record =
+      state().side_records[static_cast<std::size_t>(direction / 2)][static_cast<std::size_t>(kind)];
+  if (record == nullptr) refuse("the side has no record of this kind");
+  return *record;
+}
+const Boundary& Mesh::side_record(Direction side, std::int32_t kind) const {
+  return const_cast<Mesh*>(this)->side_record(side, kind);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Derivatives and control cells
+// ---------------------------------------------------------------------------------------------
+
+Gradient Mesh::compute_derivatives(Cell& c) const {
+  Gradient gradient;
+  detail::Workspace work;
+  detail::compute_data_at_node(state(), work, &c, &gradient.dfdx, &gradient.dfdy);
+  return gradient;
+}
+
+void Mesh::compute_derivatives(int threads) { detail::compute_data_at_all_nodes(state(), threads); }
+
+double Mesh::area(Cell& c) const { return detail::cell_area(state(), c); }
+
+CellFaces Mesh::faces(const Cell& c) const {
+  CellFaces faces;
+  detail::cell_faces(state(), c, faces);
+  return faces;
+}
+
+CellPolygon Mesh::polygon(const Cell& c) const {
+  CellPolygon polygon;
+  detail::cell_polygon(state(), c, polygon.corners, polygon.n);
+  return polygon;
+}
+
+CellShape Mesh::shape(Cell& c) const {
+  CellShape shape;
+  detail::cell_type(state(), c, shape.type, shape.shift);
+  return shape;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Checking, single steps, texts
+// ---------------------------------------------------------------------------------------------
+
+std::vector<Finding> Mesh::check() const {
+  std::vector<Finding> findings;
+  detail::check_mesh(state(), findings);
+  return findings;
+}
+
+Proposals Mesh::build_vertex(Cell& c) const {
+  Proposals proposals;
+  detail::build_vertex(state(), c, proposals.vertices, proposals.n);
+  return proposals;
+}
+
+Cell& Mesh::insert_node_odd_level(const Vertex& v) {
+  const detail::MeshChange change(state(), "insert_node_odd_level");
+  return detail::insert_node_odd_level(state(), v);
+}
+
+Cell& Mesh::insert_node_even_level(const Vertex& v) {
+  const detail::MeshChange change(state(), "insert_node_even_level");
+  return detail::insert_node_even_level(state(), v);
+}
+
+bool Mesh::remove_node_odd_level(Cell& c) {
+  const detail::MeshChange change(state(), "remove_node_odd_level");
+  Cell* node = &c;
+  detail::remove_node_odd_level(state(), node);
+  return node == nullptr;
+}
+
+bool Mesh::remove_node_even_level(Cell& c) {
+  const detail::MeshChange change(state(), "remove_node_even_level");
+  Cell* node = &c;
+  detail::remove_node_even_level(state(), node);
+  return node == nullptr;
+}
+
+void Mesh::split_sublists() {
+  const detail::MeshChange change(state(), "split_sublists");
+  detail::split_sublists(state());
+}
+
+void Mesh::join_sublists() {
+  const detail::MeshChange change(state(), "join_sublists");
+  detail::join_sublists(state());
+}
+
+void Mesh::set_message_handler(text_function handler) {
+  state().handlers.message = std::move(handler);
+}
+void Mesh::set_fatal_handler(text_function handler) { state().handlers.fatal = std::move(handler); }
+void Mesh::set_pause_handler(text_function handler) { state().handlers.pause = std::move(handler); }
+
+}  // namespace velmar_2d

@@ -1,0 +1,18 @@
+#include "velmar_2D/mesh/state.hpp"
+
+#include <string>
+
+namespace velmar_2d::detail {
+
+State::State() = default;
+
+State::~State() { release_all_nodes(*this); }
+
+void require_mesh(const State& state, std::string_view operation) {
+  if (state.nb_nodes > 0) return;
+  fatal(state.handlers, "(velmar_2D/" + std::string(operation) +
+                            ":) ERROR: there is no mesh!\n"
+                            "        (It must be made by init_mesh before this call.)");
+}
+
+}  // namespace velmar_2d::detail

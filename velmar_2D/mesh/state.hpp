@@ -1,0 +1,190 @@
+// All that belongs to one mesh, and the procedures that keep its list, its nodes and its sides.
+// Every procedure of this room and of those above is handed the state it works on; nothing about a
+// mesh is remembered elsewhere. Never installed.
+#pragma once
+
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "velmar_2D/memory/memory.hpp"
+
+namespace velmar_2d::detail {
+
+class LinkSources;
+
+/// One mesh. Made and gone with it, so that forgetting is destruction.
+struct State {
+  State();
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+  ~State();
+
+  // The node list. It runs by stretches: all nodes with ipos 0, then those with ipos 1, and so on.
+  Cell *mesh_beg = nullptr, *mesh_end = nullptr;
+  std::vector<Handle> level_beg, level_end;  ///< by ipos; empty while there is no mesh
+  std::array<std::int32_t, 2> level_range{0, 0};
+  std::int32_t level_max = -1;
+  std::int32_t nb_nodes = 0;
+  std::int64_t next_id = 1;
+  std::uint64_t mesh_revision = 0;
+
+  Domain domain;
+  /// Records by side (n, e, s, w) and kind.
+  std::array<std::array<Boundary*, 3>, 4> side_records{};
+  std::array<std::array<Boundary, 3>, 4> own_side_records{};  ///< of a mesh that is an object
+
+  std::int32_t n_cell_data = 0;
+  bool data_interpolation = true;
+  init_data_function init_data_ptr;
+  bc_type_function bc_type_ptr;
+  Handlers handlers;
+  UpdateStatistics update_statistics;
+
+  /// Whether some link may not be mutual any more, because a caller inserted a node among nodes
+  /// that do not surround it. From then on removals look for links to the node; false again with
+  /// the next mesh.
+  bool links_may_be_one_way = false;
+  bool gathers_link_sources = false;          ///< many nodes are about to be removed
+  std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
+
+  NodeMemory memory;
+  TraversalHistory history;
+  StretchNodes stretch_nodes;
+  mutable FitOperators fit_operators;  ///< a cache: does not count as a change of the mesh
+
+  // The caller's own, see velmar_2D.hpp.
+  std::vector<Handle> tmp_beg, tmp_end;
+  double grad_data = 0.0, grad2_data = 0.0;
+
+  /// Whether the node list is cut into one list per stretch.
+  bool lists_are_split() const { return mesh_beg == nullptr && nb_nodes > 0; }
+};
+
+/// The mesh that the free procedures and the library-wide variables are the window of.
+State& default_state();
+
+// ---------------------------------------------------------------------------------------------
+// Making and deleting (init_mesh.cpp, delete_mesh.cpp)
+// ---------------------------------------------------------------------------------------------
+
+void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
+               std::int32_t subdiv_max, double& y_max);
+void delete_mesh(State& state);
+
+/// Ends the process with a message that names the operation if there is no mesh.
+void require_mesh(const State& state, std::string_view operation);
+
+// ---------------------------------------------------------------------------------------------
+// Single nodes (nodes.cpp): the one place that creates them and the one that releases them
+// ---------------------------------------------------------------------------------------------
+
+/// A node with default fields, an id of its own and n_cell_data values of 0.0, for a stretch that
+/// it has yet to enter; counts it.
+Cell* new_cell(State& state, std::int32_t stretch);
+/// Gives a node back and clears the caller's reference; counts it.
+void release_cell(State& state, Cell*& c);
+/// Gives back every node, in list order, and all that is remembered of them; leaves the list and
+/// its stretches empty. Returns the number of nodes.
+std::int32_t release_all_nodes(State& state);
+
+/// Whether a link leads to this node. Nodes are the same where their ids are: a copy stands for its
+/// original.
+inline bool is_node(const Cell& c, const Cell* linked) {
+  return linked == &c || (linked != nullptr && linked->id == c.id);
+}
+
+/// data(1) of a node; one without data counts as holding 0.0.
+inline double first_data(const Cell& c) { return c.data.empty() ? 0.0 : c.data[0]; }
+
+// ---------------------------------------------------------------------------------------------
+// The list and its stretches (level_lists.cpp, split_join_sublists.cpp)
+// ---------------------------------------------------------------------------------------------
+
+void split_sublists(State& state);
+void join_sublists(State& state);
+
+/// Joins the list at the end of a scope that splits it, however the scope is left.
+class JoinAtEnd {
+ public:
+  explicit JoinAtEnd(State& state) : state_(state) {}
+  JoinAtEnd(const JoinAtEnd&) = delete;
+  JoinAtEnd& operator=(const JoinAtEnd&) = delete;
+  ~JoinAtEnd() {
+    if (state_.lists_are_split()) join_sublists(state_);
+  }
+
+ private:
+  State& state_;
+};
+
+/// Puts a node at the head of the stretch of its ipos, in the joined and in the split state.
+void enter_stretch(State& state, Cell& c);
+/// Takes a node out of its stretch, in the joined and in the split state.
+void leave_stretch(State& state, Cell& c);
+
+/// Gives the level arrays room for a limit, keeping their entries.
+void make_level_arrays(State& state, std::int32_t subdiv_max);
+/// Ends the process if the limit is beyond any use.
+void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max);
+
+// ---------------------------------------------------------------------------------------------
+// Links (links.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Which nodes link to a node, for the removal of many nodes of a mesh whose links may be one-way.
+/// Entries may be out of date: whether a node still links to another is looked up there.
+class LinkSources {
+ public:
+  explicit LinkSources(const State& state);
+  /// Notes a new link, of a node that may be new itself.
+  void add(const Cell* to, Cell* from) {
+    later_.emplace(to, from);
+    gone_.erase(from);
+  }
+  /// Empties all links to a node that is about to leave the mesh.
+  void cut_links_to(const Cell* c);
+
+ private:
+  std::vector<std::pair<const Cell*, Cell*>> sorted_;  ///< target and source, at first
+  std::unordered_multimap<const Cell*, Cell*> later_;  ///< those that have come since
+  std::unordered_set<const Cell*> gone_;               ///< sources that are no nodes any more
+};
+
+/// While this scope lasts, links to nodes that are removed are looked up and not searched for.
+class GatherLinkSources {
+ public:
+  explicit GatherLinkSources(State& state) : state_(state) { state.gathers_link_sources = true; }
+  GatherLinkSources(const GatherLinkSources&) = delete;
+  GatherLinkSources& operator=(const GatherLinkSources&) = delete;
+  ~GatherLinkSources();
+
+ private:
+  State& state_;
+};
+
+/// Links `from` to another node, and remembers that while link sources are gathered.
+inline void link_to(State& state, Cell& from, int direction, NeighbourLink to) {
+  link(from, direction) = to;
+  if (state.link_sources != nullptr && to.cell() != nullptr) {
+    state.link_sources->add(to.cell(), &from);
+  }
+}
+/// Links `from` to whatever replaces the node between them; notes if that cuts another link.
+inline void relink(State& state, Cell& from, int direction, NeighbourLink to) {
+  const NeighbourLink there = link(from, direction);
+  if (!there.empty() && there != to) state.links_may_be_one_way = true;
+  link_to(state, from, direction, to);
+}
+/// Takes a node out of the mesh and gives it back. Its neighbours no longer link to it.
+void drop_cell(State& state, Cell*& c);
+
+// ---------------------------------------------------------------------------------------------
+// Sides (sides.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// The record of a side that bc_type_ptr selects at (x, y), or an empty link where the kind is none
+/// of the three. `direction` is the straight direction of the side.
+NeighbourLink side_link(const State& state, int direction, double x, double y);
+
+}  // namespace velmar_2d::detail

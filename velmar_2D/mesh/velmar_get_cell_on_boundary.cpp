@@ -1,0 +1,7 @@
+#include "velmar_2D/records.hpp"
+
+namespace velmar_2d {
+
+std::int32_t velmar_get_cell_on_boundary(const Cell* c) { return c->on_boundary; }
+
+}  // namespace velmar_2d

@@ -1,7 +1,0 @@
-#include "velmar_2D/velmar_2D.hpp"
-
-namespace velmar_2d {
-
-std::int32_t velmar_get_cell_reserve(const Cell* c) { return c->reserve; }
-
-}  // namespace velmar_2d
