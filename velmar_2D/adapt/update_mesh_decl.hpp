@@ -233,11 +233,14 @@ void set_data(const State& state, const Site& site, Cell& c, double first_value)
 
 /// Links the new node and a parent that lies in this direction from it.
 inline void link_parent(State& state, Cell& c, int direction, Cell& parent) {
-  if (!link(c, direction).empty() || !link(parent, opposite(direction)).empty()) {
-    state.links_may_be_one_way = true;
+  NeighbourLink &there = link(c, direction), &back = link(parent, opposite(direction));
+  if (!there.empty() || !back.empty()) state.links_may_be_one_way = true;
+  there = &parent;
+  back = &c;
+  if (state.link_sources != nullptr) {
+    state.link_sources->add(&parent, &c);
+    state.link_sources->add(&c, &parent);
   }
-  link_to(state, c, direction, &parent);
-  link_to(state, parent, opposite(direction), &c);
 }
 
 /// Cuts the link of a new node's parent in the direction `cut`, which the new node crosses, once it

@@ -163,18 +163,14 @@ class GatherLinkSources {
   State& state_;
 };
 
-/// Links `from` to another node, and remembers that while link sources are gathered.
-inline void link_to(State& state, Cell& from, int direction, NeighbourLink to) {
-  link(from, direction) = to;
+/// Links `from` to whatever replaces the node between them; notes if that cuts another link.
+inline void relink(State& state, Cell& from, int direction, NeighbourLink to) {
+  NeighbourLink& there = link(from, direction);
+  if (!there.empty() && there != to) state.links_may_be_one_way = true;
+  there = to;
   if (state.link_sources != nullptr && to.cell() != nullptr) {
     state.link_sources->add(to.cell(), &from);
   }
-}
-/// Links `from` to whatever replaces the node between them; notes if that cuts another link.
-inline void relink(State& state, Cell& from, int direction, NeighbourLink to) {
-  const NeighbourLink there = link(from, direction);
-  if (!there.empty() && there != to) state.links_may_be_one_way = true;
-  link_to(state, from, direction, to);
 }
 /// Takes a node out of the mesh and gives it back. Its neighbours no longer link to it.
 void drop_cell(State& state, Cell*& c);
