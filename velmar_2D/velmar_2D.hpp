@@ -11,35 +11,18 @@
 //   4. Walk the nodes:  for (Cell* c = mesh_beg; c != nullptr; c = c->next) ...
 //   5. delete_mesh()                                    and, if you wish, start again at 1.
 //
-// Directions and levels
-// ---------------------
-// Every node has eight links, always walked in this order:
-//
-//          nw  n  ne             7  0  1
-//            \ | /                \ | /
-//         w -- c -- e          6 -- c -- 2
-//            / | \                / | \          .
-//          sw  s  se             5  4  3
-//
-// The grid of level 0 has the spacing dist_0. Refinement alternates between two kinds of level:
-//
-//      odd level 2k-1: the centre of a square,        even level 2k: the midpoints of the
-//      linked through its diagonal links only         sides, linked through straight links only
-//
-//          o-------o                                      o---2---o
-//          | \   / |                                      |   |   |
-//          |   1   |                                      2---1---2
-//          | /   \ |                                      |   |   |
-//          o-------o                                      o---2---o
-//
-// so that two levels halve the spacing: level L stands for the spacing dist_0 / 2^(L/2).
+// Directions, levels and the records are drawn and described in records.hpp.
 //
 // Conventions
 // -----------
-// All state is library-wide: one mesh at a time, one thread at a time. Callbacks must not call the
-// library; they may throw. Messages go to standard output; after a fatal one the process ends with
-// EXIT_FAILURE. Both can be taken over, see fatal_handler.
-// The library owns the nodes; the caller owns the Boundary records and the callbacks.
+// All state here is library-wide: this is the window of one default mesh. Any number of others are
+// objects, see mesh.hpp; all rules are the same. Messages go to standard output; after a fatal one
+// the process ends with EXIT_FAILURE. Both can be taken over, see fatal_handler. Callbacks must not
+// call the library; they may throw. The library owns the nodes; the caller owns the Boundary
+// records and the callbacks.
+//
+// Threads: one at a time may call what changes the mesh, and none may read it meanwhile. While no
+// one changes the mesh or its data, any number of threads may call what is marked "Readers" below.
 #pragma once
 
 #include "velmar_2D/records.hpp"
@@ -51,7 +34,8 @@ namespace velmar_2d {
 // ---------------------------------------------------------------------------------------------
 
 /// Called with the whole message (lines separated by line ends, none after the last) before a fatal
-/// error ends the process. Empty at first.
+/// error ends the process. Empty at first. This and the two handlers below are also those of every
+/// Mesh that has none of its own.
 ///
 /// Where it returns, the message is printed and the process ends as usual. It may leave by an
 /// exception instead: then nothing is printed, and the call that failed is left by that exception.
@@ -101,6 +85,10 @@ VELMAR_2D_API extern double& dist_0;         ///< spacing of the grid of level 0
 VELMAR_2D_API extern double &grad_data, &grad2_data;  ///< scratch values for the caller
 /// Whether the data of new nodes are interpolated (true) or come from init_data_ptr (false).
 VELMAR_2D_API extern bool& data_interpolation;
+/// What update_mesh_init() was given, and still there when it has returned: insertions of the
+/// caller's own ask it for the data of new nodes, until update_mesh_no_init() empties it. What it
+/// refers to must live as long, or be taken from here. What the library inserts on its own, while
+/// the limit is lowered, is interpolated.
 VELMAR_2D_API extern init_data_function& init_data_ptr;
 VELMAR_2D_API extern bc_type_function& bc_type_ptr;
 
@@ -182,14 +170,19 @@ VELMAR_2D_API void delete_mesh();
 /// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
 /// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
 ///
+/// Readers: any number of threads, also at neighbouring nodes.
+///
 /// @param c           a node of the mesh; one without data counts as holding 0.0
 /// @param dfdx, dfdy  receive the gradient where both are given; a component across a Neumann side
 ///                    is then 0
 VELMAR_2D_API void compute_data_at_node(Cell* c, double* dfdx = nullptr, double* dfdy = nullptr);
 
-/// compute_data_at_node() for every node, in the order of the list: what update_mesh_*() does
-/// first. Faster than a loop of the caller's on a large mesh, since it asks the memory ahead. Joins
-/// the list if it is split; does nothing without a mesh.
+/// compute_data_at_node() for every node: what update_mesh_*() does first. Faster than a loop of
+/// the caller's on a large mesh, since it prefetches. Joins the list if it is split; does nothing
+/// without a mesh.
+///
+/// @param threads  how many may work at it, this one included; the results are the same to the last
+///                 bit
 VELMAR_2D_API void compute_data_at_all_nodes(int threads = 1);
 
 // ---------------------------------------------------------------------------------------------
@@ -208,6 +201,7 @@ VELMAR_2D_API void compute_data_at_all_nodes(int threads = 1);
 /// nodes were inserted out of order: prints a warning, awaits RETURN, gives type 0 and shift 0.
 /// Cost: a few nanoseconds; reads the node alone, and its neighbours only where the node is still
 /// at level 0 or its links do not fit together.
+/// Readers: any number of threads, at the same time and at the same node.
 ///
 /// @param c      a node of the mesh
 /// @param type   1 to 9 inside, 11 and up on a side, 31 and up at a corner of the domain
@@ -219,6 +213,7 @@ VELMAR_2D_API void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift);
 ///
 /// Where it is not cached the cell is classified as by cell_type(); a cell of unknown shape gets
 /// the area of its polygon.
+/// Readers: any number of threads, at the same time and at the same node.
 VELMAR_2D_API double cell_area(Cell* c);
 
 /// Faces of the control cell: length / distance is the weight of a two-point flux.
@@ -226,10 +221,12 @@ VELMAR_2D_API double cell_area(Cell* c);
 /// Both cells that share a face get the same length and distance, to the last bit, and the face's
 /// normal is the link's direction. Changes nothing, prints nothing; cells of unknown shape get the
 /// edges of their polygon, which the neighbour need not agree with.
+/// Readers: any number of threads.
 VELMAR_2D_API void cell_faces(const Cell* c, CellFaces& faces);
 
 /// Corners of the control cell, anticlockwise, without repetition. Works for every shape, changes
 /// nothing, prints nothing.
+/// Readers: any number of threads.
 ///
 /// @param c        a node of the mesh
 /// @param corners  receives the corners in its first n entries
@@ -267,6 +264,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 /// but not by a callback. Changes and prints nothing. Links are followed only where they lead to
 /// nodes of the list, so that a mesh that was damaged through its public fields can be checked.
 /// Cost: linear in the number of nodes, with a table of 48 to 96 bytes a node.
+/// Readers: any number of threads.
 ///
 /// @param findings  receives the findings, in list order
 /// @return their number; 0 for a whole mesh
@@ -277,7 +275,8 @@ VELMAR_2D_API std::size_t check_mesh(std::vector<Finding>& findings);
 // ---------------------------------------------------------------------------------------------
 
 /// Proposes the nodes that refine the mesh around `c`: centres of its squares and diamonds that
-/// have none yet. Changes nothing.
+/// have none yet. Changes nothing. A copy of a node stands for the node.
+/// Readers: any number of threads.
 ///
 /// @param c            a node of the mesh
 /// @param vertex_list  receives the proposals in its first n entries

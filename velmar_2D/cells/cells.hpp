@@ -107,7 +107,7 @@ constexpr Signature signature_of(const Surroundings& s) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Known shapes (cell_geometry.cpp)
+// Known shapes (known_shapes.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// One orientation of a known shape. Areas and lengths are relative: a node at level L has the
@@ -133,6 +133,8 @@ inline constexpr std::size_t nb_known_shapes = 70 + 64 + 16;
 std::span<const KnownShape, nb_known_shapes> known_shapes();
 /// The shape with this signature, or nullptr.
 const KnownShape* known_shape(const Signature& signature);
+
+// Recognising them (surroundings.cpp)
 
 /// What a look at a node tells: its signature and, unless nothing known fits, its shape.
 struct NodeShape {

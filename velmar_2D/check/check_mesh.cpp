@@ -352,7 +352,7 @@ void check_node(Check& check, const Cell& c) {
   }
 }
 
-/// Asks the memory for what the checks of a node will read there and at its neighbours.
+/// Prefetches what the checks of a node will read there and at its neighbours.
 void prepare(const Cell& c) {
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* neighbour = link(c, d).cell();
