@@ -14,10 +14,6 @@ namespace {
 
 using detail::State;
 
-/// A height counts as a whole number of squares within this fraction of it: far above the rounding
-/// of coordinates, far below what anyone would call another height.
-constexpr double height_tolerance = 1e-9;
-
 [[noreturn]] void refuse(const std::string& text) {
   throw Error("(velmar_2D/Mesh:) ERROR: " + text);
 }
@@ -36,7 +32,7 @@ std::int32_t rows_of(const Rectangle& r, const Grid& grid) {
   }
   const double square = width / (grid.nx - 1);
   const double squares = grid.ny > 0 ? grid.ny - 1 : std::max(1.0, std::round(height / square));
-  if (std::abs(height - squares * square) > height_tolerance * height) {
+  if (std::abs(height - squares * square) > detail::height_tolerance * height) {
     refuse("the height " + detail::to_text(height) + " is not " +
            (grid.ny > 0 ? std::to_string(grid.ny - 1) + " squares" : "a whole number of squares") +
            " of width " + detail::to_text(square) + "; " + detail::to_text(squares * square) +

@@ -13,9 +13,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
-constexpr double same_column = 1e-6;
-
 /// The straight direction in which a parent lies from the new node.
 int direction_to(const Domain& domain, const Cell& parent, const Vertex& v) {
   const double eps = domain.dist_0 / std::exp2(v.level / 2.0) * same_column;

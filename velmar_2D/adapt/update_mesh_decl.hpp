@@ -34,10 +34,6 @@ bool is_too_fine(double ratio, std::int32_t level);
 bool is_too_coarse_by_threshold(double ratio, std::int32_t level);
 bool is_too_fine_by_threshold(double ratio, std::int32_t level);
 
-/// A node is removed only where the wanted level lies further than this below its own. Refinement
-/// has no such margin; the gap between the two keeps nodes from coming and going.
-inline constexpr double coarsening_margin = 1.05;
-
 // ---------------------------------------------------------------------------------------------
 // How levels rise and fall (update_level.cpp, downdate_level.cpp)
 // ---------------------------------------------------------------------------------------------

@@ -6,8 +6,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-constexpr double hair = 1e-9;  // of the ratio: far more than the rounding of a logarithm
-
 struct Thresholds {
   static constexpr std::size_t nb_levels = 64;
   std::array<double, nb_levels> refine{}, coarsen{};
@@ -26,10 +24,12 @@ constexpr Thresholds thresholds;
 bool has_threshold(std::int32_t level) {
   return static_cast<std::size_t>(level) < Thresholds::nb_levels;
 }
-bool clearly_above(double ratio, double threshold) { return ratio > threshold * (1.0 + hair); }
+bool clearly_above(double ratio, double threshold) {
+  return ratio > threshold * (1.0 + threshold_margin);
+}
 /// False for negative ratios too: their level is no number.
 bool clearly_below(double ratio, double threshold) {
-  return ratio < threshold * (1.0 - hair) && ratio >= 0.0;
+  return ratio < threshold * (1.0 - threshold_margin) && ratio >= 0.0;
 }
 
 }  // namespace

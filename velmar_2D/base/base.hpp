@@ -1,5 +1,5 @@
-// What every other room stands on: directions, messages, levels and the lattice, dense algebra.
-// Knows nothing of a mesh as a whole. Never installed.
+// What every other room stands on: directions, tolerances, messages, levels and the lattice, dense
+// algebra. Knows nothing of a mesh as a whole. Never installed.
 #pragma once
 
 #include <atomic>
@@ -101,6 +101,62 @@ void store_shared(T& to, T value) {
   std::atomic_ref<T>(to).store(value, std::memory_order_release);
 #endif
 }
+
+// ---------------------------------------------------------------------------------------------
+// Tolerances: all that the library has, with their units and the reasons for their values
+// ---------------------------------------------------------------------------------------------
+
+// Making the grid
+
+/// The cells count as squares where width and height agree within this fraction of the width:
+/// ten times the machine epsilon, the rounding of the divisions that give them.
+inline constexpr double square_tolerance = 2.220446049250313e-15;
+/// The same for a height from which the number of squares is told, as a fraction of the height: far
+/// above the rounding of coordinates, far below what anyone would call another height.
+inline constexpr double height_tolerance = 1e-9;
+/// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
+/// exceed a thousandth of the cell, and soon after two nodes would have one position.
+inline constexpr double smallest_cell = 1e-13;
+/// Covers the rounding of positions when the length of a link is compared with dist_0, of which it
+/// is a fraction.
+inline constexpr double link_length_margin = 1e-3;
+
+// Positions
+
+/// Offsets this close, in units of dist_0, are the same position.
+inline constexpr double position_tolerance = 1e-12;
+/// A coordinate is good to one rounding; its offset in units of dist_0 passes through a few more.
+inline constexpr double roundings_of_an_offset = 8.0;
+/// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
+inline constexpr double same_column = 1e-6;
+
+// Wanted levels
+
+/// In levels. A node is removed only where the wanted level lies further than this below its own.
+/// Refinement has no such margin; the gap between the two keeps nodes from coming and going.
+inline constexpr double coarsening_margin = 1.05;
+/// Of a ratio of spacings: far more than the rounding of a logarithm.
+inline constexpr double threshold_margin = 1e-9;
+
+// Control cells
+
+/// Largest deviation of a linked node from its place on the lattice, as a fraction of the distance.
+/// Far from the origin the rounding of coordinates shows; neighbouring spacings differ by a factor
+/// of 2, so there is ample room.
+inline constexpr double lattice_tolerance = 1.0 / 16.0;
+/// Corners nearer to a bisector than this fraction of the distance between the nodes lie on it.
+inline constexpr double corner_tolerance = 1e-12;
+/// How well a node's distance to a side of the domain is known, in units of the machine epsilon
+/// times the largest coordinate. A cell that only touches a side must not lose a corner to it.
+inline constexpr double side_tolerance = 8.0;
+
+// Checking
+
+/// Cell areas and the lengths of their sides sum to the domain's within this fraction, and the
+/// rounding of the domain's corners.
+inline constexpr double sum_tolerance = 1e-9;
+/// A cached area differs from a fresh one by the rounding of a few products; a fraction.
+inline constexpr double area_tolerance = 1e-12;
 
 // ---------------------------------------------------------------------------------------------
 // Messages (message.cpp): the one door for text, the one for pauses, the one for the end

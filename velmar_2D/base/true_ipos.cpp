@@ -14,10 +14,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Offsets this close, in units of dist_0, are the same position.
-constexpr double position_tolerance = 1e-12;
-/// A coordinate is good to one rounding; its offset in units of dist_0 passes through a few more.
-constexpr double roundings = 8.0;
 /// The denominator grows by 2 or more with every pass, so a proper expansion needs fewer than 30.
 constexpr int most_passes = 64;
 
@@ -94,8 +90,8 @@ namespace {
 
 /// Away from the origin x - x_min carries the rounding of x itself.
 double tolerance_far_away(const Domain& domain) {
-  return roundings * std::numeric_limits<double>::epsilon() * domain.largest_coordinate /
-         domain.dist_0;
+  return roundings_of_an_offset * std::numeric_limits<double>::epsilon() *
+         domain.largest_coordinate / domain.dist_0;
 }
 
 /// Denominator of the nearest place on the finest lattice whose places the tolerance tells apart.

@@ -14,13 +14,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Corners nearer to a bisector than this fraction of the distance between the nodes lie on it.
-constexpr double corner_tolerance = 1e-12;
-
-/// How well a node's distance to a side of the domain is known, in units of the machine epsilon
-/// times the largest coordinate. A cell that only touches a side must not lose a corner to it.
-constexpr double side_tolerance = 8.0;
-
 /// The half plane normal . p <= limit, relative to the node.
 struct HalfPlane {
   double x = 0.0, y = 0.0, limit = 0.0;

@@ -7,11 +7,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Largest deviation of a linked node from its place on the lattice, as a fraction of the distance.
-/// Far from the origin the rounding of coordinates shows; neighbouring spacings differ by a factor
-/// of 2, so there is ample room.
-constexpr double lattice_tolerance = 1.0 / 16.0;
-
 /// Stored form of the spacing level of a link, or off_lattice.
 unsigned stored_level(const Cell& c, const Cell& neighbour, int d, double per_dist_0) {
   // With the tolerance added, a power of two that came out a little too small or too large has the

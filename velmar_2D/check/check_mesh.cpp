@@ -13,12 +13,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Cell areas and the lengths of their sides sum to the domain's within this fraction, and the
-/// rounding of the domain's corners.
-constexpr double sum_tolerance = 1e-9;
-/// A cached area differs from a fresh one by the rounding of a few products.
-constexpr double area_tolerance = 1e-12;
-
 /// A position as a place of the lattice of its ipos: offsets in units of dist_0 / 2^k, with k half
 /// of ipos rounded up. The key is the same for the same place; others may share it.
 struct Place {

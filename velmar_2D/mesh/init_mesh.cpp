@@ -9,17 +9,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// The cells count as squares where width and height agree within this fraction of the width:
-/// ten times the machine epsilon, the rounding of the divisions that give them.
-constexpr double square_tolerance = 2.220446049250313e-15;
-
-/// Covers the rounding of positions when the length of a link is compared with dist_0.
-constexpr double link_length_margin = 1e-3;
-
-/// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
-/// exceed a thousandth of the cell, and soon after two nodes would have one position.
-constexpr double smallest_cell = 1e-13;
-
 void check_side_records(const State& state) {
   constexpr std::array<std::string_view, 4> names = {"North_Boundary_Dir", "East_Boundary_Dir",
                                                      "South_Boundary_Dir", "West_Boundary_Dir"};
