@@ -1,5 +1,5 @@
 // The decisions of an update by the ratios of spacings at which they change. The logarithm is taken
-// only within a hair of those, where its rounding decides.
+// only within a margin of those, where its rounding decides.
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
