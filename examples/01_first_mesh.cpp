@@ -10,7 +10,6 @@
 // Every update prints the nodes it left, what it inserted and removed, and its time. At the end:
 //
 //     update 50:  42345 nodes   +4575  -5223    10.31 ms
-//      nb of deallocated nodes: 42345
 //     picture: pictures/01_first_mesh.png
 #include <chrono>
 #include <cstdio>
@@ -36,14 +35,14 @@ std::int32_t condition(double, double, std::string_view side) {
 }
 
 /// Adapts the mesh once and prints what changed.
-void update(int step, const velmar_2d::size_function& spacing) {
+void update(velmar_2d::Mesh& mesh, int step, const velmar_2d::size_function& spacing) {
   const auto start = std::chrono::steady_clock::now();
-  velmar_2d::update_mesh_no_init(spacing);
+  const velmar_2d::UpdateStatistics done = mesh.update(spacing);
   const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
 
-  std::printf("update %2d: %6d nodes  %+6lld %+6lld  %7.2f ms\n", step, velmar_2d::nb_nodes,
-              static_cast<long long>(velmar_2d::update_statistics.inserted),
-              -static_cast<long long>(velmar_2d::update_statistics.removed), time.count());
+  std::printf("update %2d: %6lld nodes  %+6lld %+6lld  %7.2f ms\n", step,
+              static_cast<long long>(mesh.size()), static_cast<long long>(done.inserted),
+              -static_cast<long long>(done.removed), time.count());
 }
 
 }  // namespace
@@ -51,31 +50,28 @@ void update(int step, const velmar_2d::size_function& spacing) {
 int main(int argc, char** argv) {
   const std::filesystem::path folder = picture_folder(argc, argv);
 
-  // 1. The rectangle and its side records.  2. The grid.
-  velmar_2d::scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
-  double y_max = 1.0;
-  velmar_2d::init_mesh(condition, nodes_per_side, nodes_per_side, subdivision_limit, y_max);
+  // 1. A uniform grid of the unit square.
+  velmar_2d::Mesh mesh(
+      {0.0, 1.0, 0.0, 1.0},
+      {.nx = nodes_per_side, .subdiv_max = subdivision_limit, .bc_type = condition});
 
-  // 3. Adapt it, update after update.
-  const double coarsest = velmar_2d::dist_0;
-  const double finest = velmar_2d::dist_0 / 16.0;
+  // 2. Adapt it, update after update.
+  const double coarsest = mesh.dist_0();
+  const double finest = mesh.dist_0() / 16.0;
   for (int step = 1; step <= nb_updates; ++step) {
     const double time = static_cast<double>(step) / nb_updates;
     const auto ring = velmar_2d::scenarios::travelling_ring(time);
-    update(step, velmar_2d::scenarios::ring_spacing(ring, 0.1, finest, coarsest));
+    update(mesh, step, velmar_2d::scenarios::ring_spacing(ring, 0.1, finest, coarsest));
   }
 
-  // 4. Look at it.
+  // 3. Look at it.
   velmar_2d::io::PictureOptions options;
   options.title = "A grid that follows a travelling ring";
   std::string picture;
   for (const char* extension : {".svg", ".pdf", ".png"}) {
     picture = (folder / "01_first_mesh").string() + extension;
-    require(velmar_2d::io::draw_mesh(picture, options));
+    require(velmar_2d::io::draw_mesh(mesh, picture, options));
   }
-
-  // 5. Give it back.
-  velmar_2d::delete_mesh();
   std::printf("picture: %s\n", picture.c_str());
-  return EXIT_SUCCESS;
+  return EXIT_SUCCESS;  // 4. The mesh goes with its scope.
 }

@@ -8,7 +8,6 @@
 //
 //     picture: 480 x 360 pixels, base spacing 30
 //     mesh: 10174 nodes for 172800 pixels, after 3 updates
-//      nb of deallocated nodes: 10174
 //     drawn: pictures/02_read_a_picture.png
 //
 // A file that cannot be read or an option that makes no sense gives one line on standard error and
@@ -22,7 +21,6 @@
 #include <vector>
 
 #include "sample_picture.hpp"
-#include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
@@ -97,10 +95,8 @@ int main(int argc, char** argv) {
   const int columns = image.width / base, rows = image.height / base;
   const double cut_x = 0.5 * (image.width % base), cut_y = 0.5 * (image.height % base);
   const double width = columns * base, height = rows * base;
-  velmar_2d::scenarios::set_domain(0.0, width, 0.0, height);
-  double y_max = height;
-  velmar_2d::init_mesh(velmar_2d::scenarios::all_dirichlet, columns + 1, rows + 1,
-                       options.level + 1, y_max);
+  velmar_2d::Mesh mesh({0.0, width, 0.0, height},
+                       {.nx = columns + 1, .ny = rows + 1, .subdiv_max = options.level + 1});
   std::printf("picture: %d x %d pixels, base spacing %d\n", image.width, image.height, base);
 
   // Nodes closer than the pixels would learn nothing more.
@@ -115,21 +111,21 @@ int main(int argc, char** argv) {
   };
   // Adapt until an update takes as many nodes as it gives.
   int updates = 0;
-  for (std::int32_t before = 0; before != velmar_2d::nb_nodes && updates < 40; ++updates) {
-    before = velmar_2d::nb_nodes;
-    velmar_2d::update_mesh_no_init(wanted);
+  for (std::int64_t before = 0; before != mesh.size() && updates < 40; ++updates) {
+    before = mesh.size();
+    mesh.update(wanted);
   }
-  std::printf("mesh: %d nodes for %zu pixels, after %d updates\n", velmar_2d::nb_nodes,
-              image.pixels.size(), updates);
+  std::printf("mesh: %lld nodes for %zu pixels, after %d updates\n",
+              static_cast<long long>(mesh.size()), image.pixels.size(), updates);
 
   velmar_2d::io::PictureOptions drawing;
   drawing.title = "A mesh that reads a picture";
   drawing.background = {&image, -cut_x, width + cut_x, -cut_y, height + cut_y, 0.75};
   drawing.width = 1000.0;
-  drawing.height = velmar_2d::io::fitting_height(drawing.width, drawing);
-  if (const std::string error = velmar_2d::io::draw_mesh(options.output, drawing); !error.empty())
+  drawing.height = velmar_2d::io::fitting_height(mesh, drawing.width, drawing);
+  if (const std::string error = velmar_2d::io::draw_mesh(mesh, options.output, drawing);
+      !error.empty())
     return fail(error);
-  velmar_2d::delete_mesh();
   std::printf("drawn: %s\n", options.output.c_str());
   return 0;
 }

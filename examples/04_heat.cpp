@@ -35,21 +35,18 @@
 
 namespace {
 
-using velmar_2d::Cell;
+using velmar_2d::Cell, velmar_2d::Mesh;
 namespace scenarios = velmar_2d::scenarios;
 
 constexpr double pi = 3.14159265358979323846;
 
-std::int32_t side_kind(double, double, std::string_view side) {
-  if (side == "West") return velmar_2d::bc_type_dir;
-  return side == "East" ? velmar_2d::bc_type_oth : velmar_2d::bc_type_neu;
-}
-
-void make_grid(int nodes_per_side, int limit) {
-  velmar_2d::n_cell_data = 1;
-  scenarios::set_domain(0.0, 1.0, 0.0, 1.0);
-  double y_max = 1.0;
-  velmar_2d::init_mesh(side_kind, nodes_per_side, nodes_per_side, limit, y_max);
+Mesh make_mesh(int nodes_per_side, int limit) {
+  using namespace velmar_2d;
+  return Mesh({0.0, 1.0, 0.0, 1.0},
+              {.nx = nodes_per_side,
+               .subdiv_max = limit,
+               .n_cell_data = 1,
+               .bc_type = kind_by_side(bc_type_neu, bc_type_oth, bc_type_neu, bc_type_dir)});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -66,24 +63,21 @@ double exact(double x, double y, double time) {
 
 /// Root of the area-weighted mean square of the error.
 double error_on_grid(int intervals) {
-  make_grid(intervals + 1, 3);
-  const double fine = 0.45 * velmar_2d::dist_0, coarse = velmar_2d::dist_0;
-  for (int i = 0; i < 3; ++i) {
-    velmar_2d::update_mesh_no_init(scenarios::jumping_spacing(0.5, fine, coarse));
-  }
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) c->data[0] = exact(c->x, c->y, 0);
+  Mesh mesh = make_mesh(intervals + 1, 3);
+  const double fine = 0.45 * mesh.dist_0(), coarse = mesh.dist_0();
+  for (int i = 0; i < 3; ++i) mesh.update(scenarios::jumping_spacing(0.5, fine, coarse));
+  for (Cell& c : mesh.nodes()) c.data[0] = exact(c.x, c.y, 0);
 
   HeatSolver solver({1.0, -wave_number / std::tan(wave_number)});
   const double step = end_time / intervals;
-  solver.prepare(step, 0.5);
+  solver.prepare(mesh, step, 0.5);
   for (int i = 0; i < intervals; ++i) solver.advance(i * step);
 
   double sum = 0.0;
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) {
-    const double error = c->data[0] - exact(c->x, c->y, end_time);
-    sum += cell_area(c) * error * error;
+  for (Cell& c : mesh.nodes()) {
+    const double error = c.data[0] - exact(c.x, c.y, end_time);
+    sum += mesh.area(c) * error * error;
   }
-  velmar_2d::delete_mesh();
   return std::sqrt(sum);
 }
 
@@ -118,8 +112,8 @@ double spacing_for(double tolerance, double second_derivative) {
 
 /// Largest imbalance of a step as a share of what the source gives.
 double follow_hot_spot(const std::filesystem::path& folder) {
-  make_grid(33, 9);
-  const double finest = velmar_2d::dist_0 / 16.0, coarsest = velmar_2d::dist_0;
+  Mesh mesh = make_mesh(33, 9);
+  const double finest = mesh.dist_0() / 16.0, coarsest = mesh.dist_0();
   const auto spacing = [=](double, double, std::span<const double>, double, double grad2_data) {
     return std::clamp(spacing_for(2e-3, grad2_data), finest, coarsest);
   };
@@ -128,18 +122,18 @@ double follow_hot_spot(const std::filesystem::path& folder) {
   std::printf("\n                        energy                since the start\n");
   std::printf(" step    nodes      now   =  from source  + from sides + interpolation\n");
   for (int i = 0; i < nb_steps; ++i) {
-    transfer -= total_energy();
-    velmar_2d::update_mesh_no_init(spacing);
-    transfer += total_energy();
+    transfer -= total_energy(mesh);
+    mesh.update(spacing);
+    transfer += total_energy(mesh);
     constexpr double step = 1.0 / nb_steps;
-    solver.prepare(step, 1.0);
+    solver.prepare(mesh, step, 1.0);
     const EnergyBalance balance = solver.advance(i * step);
     source += balance.source;
     sides += balance.through_sides;
     worst = std::max(worst, std::abs(balance.imbalance() / balance.source));
     if ((i + 1) % 5 == 0) {
-      std::printf("%5d %8d %11.6f   %11.6f   %11.6f   %11.6f\n", i + 1, velmar_2d::nb_nodes,
-                  total_energy(), source, sides, transfer);
+      std::printf("%5d %8lld %11.6f   %11.6f   %11.6f   %11.6f\n", i + 1,
+                  static_cast<long long>(mesh.size()), total_energy(mesh), source, sides, transfer);
     }
     if ((i + 1) % steps_per_picture != 0) continue;
     velmar_2d::io::PictureOptions options;
@@ -147,9 +141,8 @@ double follow_hot_spot(const std::filesystem::path& folder) {
     options.cells = velmar_2d::io::CellColour::value;
     options.links = options.nodes = false;
     const auto path = folder / ("04_heat_" + std::to_string(i + 1) + ".png");
-    require(velmar_2d::io::draw_mesh(path.string(), options));
+    require(velmar_2d::io::draw_mesh(mesh, path.string(), options));
   }
-  velmar_2d::delete_mesh();
   return worst;
 }
 

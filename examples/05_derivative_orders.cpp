@@ -22,6 +22,7 @@
 #include "log_log_plot.hpp"
 #include "pictures.hpp"
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/mesh.hpp"
 
 namespace {
 
@@ -44,38 +45,35 @@ Exact derivatives(double x, double y) {
 
 struct Errors {
   double spacing = 0.0;
-  int nodes = 0;
+  long long nodes = 0;
   double gradient = 0.0, largest_gradient = 0.0, hessian = 0.0, largest_hessian = 0.0;
 };
 
 /// Errors on a grid of n by n nodes, uniform or refined along a ring: to a quarter of the spacing
 /// within 1/16 of it, less and less as far as 1/4.
 Errors measure(int n, bool adapt) {
-  velmar_2d::n_cell_data = 1;
-  velmar_2d::scenarios::init_unit_square(n, n, 5);
+  velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = n, .subdiv_max = 5, .n_cell_data = 1});
   Errors e;
-  e.spacing = velmar_2d::dist_0;
+  e.spacing = mesh.dist_0();
   if (adapt) {
     const auto spacing = velmar_2d::scenarios::ring_spacing({0.45, 0.55, 0.3}, 4.0 * e.spacing,
                                                             e.spacing / 4.0, e.spacing);
-    for (int i = 0; i < 8; ++i) velmar_2d::update_mesh_no_init(spacing);
+    for (int i = 0; i < 8; ++i) mesh.update(spacing);
   }
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) c->data[0] = field(c->x, c->y);
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) {
-    double dx = 0.0, dy = 0.0;
-    velmar_2d::compute_data_at_node(c, &dx, &dy);
-    const Exact exact = derivatives(c->x, c->y);
-    const double gradient = std::hypot(dx - exact.dx, dy - exact.dy);
-    const double hessian = std::abs(c->grad2_data - exact.hessian);
+  for (Cell& c : mesh.nodes()) c.data[0] = field(c.x, c.y);
+  for (Cell& c : mesh.nodes()) {
+    const velmar_2d::Gradient computed = mesh.compute_derivatives(c);
+    const Exact exact = derivatives(c.x, c.y);
+    const double gradient = std::hypot(computed.dfdx - exact.dx, computed.dfdy - exact.dy);
+    const double hessian = std::abs(c.grad2_data - exact.hessian);
     e.gradient += gradient * gradient;
     e.hessian += hessian * hessian;
     e.largest_gradient = std::max(e.largest_gradient, gradient);
     e.largest_hessian = std::max(e.largest_hessian, hessian);
   }
-  e.nodes = velmar_2d::nb_nodes;
-  e.gradient = std::sqrt(e.gradient / e.nodes);
-  e.hessian = std::sqrt(e.hessian / e.nodes);
-  velmar_2d::delete_mesh();
+  e.nodes = mesh.size();
+  e.gradient = std::sqrt(e.gradient / static_cast<double>(e.nodes));
+  e.hessian = std::sqrt(e.hessian / static_cast<double>(e.nodes));
   return e;
 }
 
@@ -89,7 +87,7 @@ void print(const char* name, const Series& series) {
   std::printf("%s\n spacing   nodes   gradient order  largest    Hessian order  largest\n", name);
   for (std::size_t i = 0; i < series.size(); ++i) {
     const Errors& e = series[i];
-    std::printf("%8.5f %7d %10.2e", e.spacing, e.nodes, e.gradient);
+    std::printf("%8.5f %7lld %10.2e", e.spacing, e.nodes, e.gradient);
     i == 0 ? std::printf("      ")
            : std::printf(" %5.2f", order(series[i - 1].gradient, e.gradient));
     std::printf(" %8.1e %10.2e", e.largest_gradient, e.hessian);

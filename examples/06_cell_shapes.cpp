@@ -7,8 +7,7 @@
 // It prints what the first picture shows, and ends with
 //
 //     type 9   signature 127,   8   area 15/32
-//      nb of deallocated nodes: 3785
-//     pictures: pictures/06_cell_shapes.png pictures/06_cell_types.png
+//     pictures: pictures/06_cell_shapes.png pictures/06_cell_types.png (3785 nodes)
 #include <cairo.h>
 
 #include <array>
@@ -24,26 +23,25 @@
 
 namespace {
 
-using velmar_2d::Cell;
+using velmar_2d::Cell, velmar_2d::Mesh;
 
 constexpr int nb_types = 9, panels_per_row = 3;
 constexpr double panel_width = 280.0, panel_height = 320.0;
 
 /// A node of each type in the orientation that the others are turned and mirrored from.
-std::array<Cell*, nb_types> find_shapes() {
+std::array<Cell*, nb_types> find_shapes(Mesh& mesh) {
   std::array<Cell*, nb_types> found{};
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) {
-    std::int32_t type = 0, shift = 0;
-    velmar_2d::cell_type(c, type, shift);
-    if (type >= 1 && type <= nb_types && shift == 0) found[static_cast<std::size_t>(type - 1)] = c;
+  for (Cell& c : mesh.nodes()) {
+    const auto [type, shift] = mesh.shape(c);
+    if (type >= 1 && type <= nb_types && shift == 0) found[static_cast<std::size_t>(type - 1)] = &c;
   }
   return found;
 }
 
 /// Area in units of dist_0^2 / 2^level: a whole number of 32nds.
-std::string area_text(Cell* c) {
-  const double unit = std::ldexp(velmar_2d::dist_0 * velmar_2d::dist_0, -c->level);
-  const long parts = std::lround(32.0 * velmar_2d::cell_area(c) / unit);
+std::string area_text(const Mesh& mesh, Cell& c) {
+  const double unit = std::ldexp(mesh.dist_0() * mesh.dist_0(), -c.level);
+  const long parts = std::lround(32.0 * mesh.area(c) / unit);
   const long divisor = std::gcd(parts, 32L);
   return parts == 32 ? "1" : std::to_string(parts / divisor) + "/" + std::to_string(32 / divisor);
 }
@@ -57,18 +55,14 @@ void write_centred(cairo_t* pen, double column, double row, double size, const s
 }
 
 /// One shape around the point (column, row): cell, links, nodes and words.
-void draw_shape(cairo_t* pen, Cell* c, int type, double column, double row) {
-  const double scale = 0.40 * panel_width / (velmar_2d::dist_0 * std::exp2(-0.5 * c->level));
-  const auto x = [&](double at) { return column + (at - c->x) * scale; };
-  const auto y = [&](double at) { return row - (at - c->y) * scale; };
+void draw_shape(cairo_t* pen, const Mesh& mesh, Cell& c, int type, double column, double row) {
+  const double scale = 0.40 * panel_width / mesh.spacing_of_level(c.level);
+  const auto x = [&](double at) { return column + (at - c.x) * scale; };
+  const auto y = [&](double at) { return row - (at - c.y) * scale; };
 
-  std::array<velmar_2d::Point, velmar_2d::max_cell_corners> corners;
-  std::int32_t n = 0;
-  velmar_2d::cell_polygon(c, corners, n);
   cairo_new_path(pen);
-  for (std::int32_t i = 0; i < n; ++i) {
-    cairo_line_to(pen, x(corners[static_cast<std::size_t>(i)].x),
-                  y(corners[static_cast<std::size_t>(i)].y));
+  for (const velmar_2d::Point& corner : mesh.polygon(c)) {
+    cairo_line_to(pen, x(corner.x), y(corner.y));
   }
   cairo_close_path(pen);
   cairo_set_source_rgb(pen, 0.80, 0.88, 0.95);
@@ -77,31 +71,29 @@ void draw_shape(cairo_t* pen, Cell* c, int type, double column, double row) {
   cairo_set_line_width(pen, 2.0);
   cairo_stroke(pen);
 
-  velmar_2d::CellFaces faces;
-  velmar_2d::cell_faces(c, faces);
   const auto dot = [&](const Cell& node, double radius) {
     cairo_arc(pen, x(node.x), y(node.y), radius, 0.0, 2.0 * std::acos(-1.0));
     cairo_fill(pen);
   };
   cairo_set_source_rgb(pen, 0.45, 0.48, 0.55);
   cairo_set_line_width(pen, 1.0);
-  for (const Cell* neighbour : faces.neighbour) {
+  for (const Cell* neighbour : mesh.faces(c).neighbour) {
     if (neighbour == nullptr) continue;
-    cairo_move_to(pen, x(c->x), y(c->y));
+    cairo_move_to(pen, x(c.x), y(c.y));
     cairo_line_to(pen, x(neighbour->x), y(neighbour->y));
     cairo_stroke(pen);
     dot(*neighbour, 4.0);
   }
   cairo_set_source_rgb(pen, 0.13, 0.15, 0.20);
-  dot(*c, 6.0);
+  dot(c, 6.0);
 
   const std::string signature =
-      std::to_string(c->signature[0]) + ", " + std::to_string(c->signature[1]);
+      std::to_string(c.signature[0]) + ", " + std::to_string(c.signature[1]);
   write_centred(pen, column, row + 0.5 * panel_width + 8.0, 17.0, "type " + std::to_string(type));
   write_centred(pen, column, row + 0.5 * panel_width + 28.0, 13.0,
-                "signature " + signature + "    area " + area_text(c));
-  std::printf("type %d   signature %3d, %3d   area %s\n", type, c->signature[0], c->signature[1],
-              area_text(c).c_str());
+                "signature " + signature + "    area " + area_text(mesh, c));
+  std::printf("type %d   signature %3d, %3d   area %s\n", type, c.signature[0], c.signature[1],
+              area_text(mesh, c).c_str());
 }
 
 }  // namespace
@@ -113,9 +105,9 @@ int main(int argc, char** argv) {
   const std::string types_file = (folder / "06_cell_types.png").string();
 
   // A spacing that jumps about makes every shape.
-  scenarios::init_unit_square(17, 17, 9);
-  velmar_2d::update_mesh_no_init(
-      scenarios::random_spacing(6, 0.05, velmar_2d::dist_0 / 16.0, velmar_2d::dist_0));
+  const velmar_2d::Grid grid{.nx = 17, .subdiv_max = 9};
+  Mesh mesh({0.0, 1.0, 0.0, 1.0}, grid);
+  mesh.update(scenarios::random_spacing(6, 0.05, mesh.dist_0() / 16.0, mesh.dist_0()));
 
   cairo_surface_t* surface =
       cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(panels_per_row * panel_width),
@@ -123,13 +115,13 @@ int main(int argc, char** argv) {
   cairo_t* pen = cairo_create(surface);
   cairo_set_source_rgb(pen, 1.0, 1.0, 1.0);
   cairo_paint(pen);
-  const std::array<Cell*, nb_types> shapes = find_shapes();
+  const std::array<Cell*, nb_types> shapes = find_shapes(mesh);
   bool complete = true;
   for (int type = 1; type <= nb_types; ++type) {
     Cell* c = shapes[static_cast<std::size_t>(type - 1)];
     complete = complete && c != nullptr;
     if (c == nullptr) continue;
-    draw_shape(pen, c, type, panel_width * (0.5 + (type - 1) % panels_per_row),
+    draw_shape(pen, mesh, *c, type, panel_width * (0.5 + (type - 1) % panels_per_row),
                panel_height * ((type - 1) / panels_per_row) + 0.5 * panel_width);
   }
   const cairo_status_t status = cairo_surface_write_to_png(surface, shapes_file.c_str());
@@ -140,17 +132,15 @@ int main(int argc, char** argv) {
     require(shapes_file + ": " + cairo_status_to_string(status));
   }
 
-  velmar_2d::set_subdiv_max(0);  // back to the grid
-  velmar_2d::set_subdiv_max(9);
+  Mesh ring({0.0, 1.0, 0.0, 1.0}, grid);
   for (int i = 0; i < 5; ++i) {
-    velmar_2d::update_mesh_no_init(
-        scenarios::ring_spacing({}, 0.3, velmar_2d::dist_0 / 8.0, velmar_2d::dist_0));
+    ring.update(scenarios::ring_spacing({}, 0.3, ring.dist_0() / 8.0, ring.dist_0()));
   }
   velmar_2d::io::PictureOptions options;
   options.title = "Control cells by their shape";
   options.cells = velmar_2d::io::CellColour::type;
   options.links = false;
-  require(velmar_2d::io::draw_mesh(types_file, options));
-  velmar_2d::delete_mesh();
-  std::printf("pictures: %s %s\n", shapes_file.c_str(), types_file.c_str());
+  require(velmar_2d::io::draw_mesh(ring, types_file, options));
+  std::printf("pictures: %s %s (%lld nodes)\n", shapes_file.c_str(), types_file.c_str(),
+              static_cast<long long>(ring.size()));
 }

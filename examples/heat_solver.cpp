@@ -1,35 +1,31 @@
 #include "heat_solver.hpp"
 
-#include <array>
+using velmar_2d::Cell, velmar_2d::Mesh;
 
-using velmar_2d::Cell;
-
-void HeatSolver::prepare(double step, double share) {
+void HeatSolver::prepare(Mesh& mesh, double step, double share) {
   step_ = step;
   share_ = share;
   nodes_.clear();
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) {
-    c->used = static_cast<std::int32_t>(nodes_.size());
-    nodes_.push_back(c);
+  for (Cell& c : mesh.nodes()) {
+    c.used = static_cast<std::int32_t>(nodes_.size());
+    nodes_.push_back(&c);
   }
   const auto n = static_cast<Eigen::Index>(nodes_.size());
   areas_.resize(n);
   outflow_.setZero(n);
   free_.setOnes(n);
   for (Cell* c : nodes_) {
-    areas_[c->used] = cell_area(c);
+    areas_[c->used] = mesh.area(*c);
     if (known_value(*c)) free_[c->used] = 0.0;
   }
 
   // Flux from i to j: D x length x (u_i - u_j) / distance. Both cells see the same face.
   std::vector<Eigen::Triplet<double>> conduction, matrix;
-  velmar_2d::CellFaces faces;
   for (const Cell* c : nodes_) {
     const int i = c->used;
-    cell_faces(c, faces);
-    const std::array<velmar_2d::NeighbourLink, 4> straight = {c->n, c->e, c->s, c->w};
+    const velmar_2d::CellFaces faces = mesh.faces(*c);
     for (std::size_t side = 0; side < 4; ++side) {
-      const velmar_2d::Boundary* b = straight[side].boundary();
+      const velmar_2d::Boundary* b = link(*c, velmar_2d::directions[2 * side]).boundary();
       if (b != nullptr && b->bc_type == velmar_2d::bc_type_oth) {
         outflow_[i] += problem_.transfer * faces.side[side];
       }
@@ -72,8 +68,8 @@ EnergyBalance HeatSolver::advance(double time) {
   return {areas_.dot(change), step_ * source.sum(), step_ * (through_given - outflow_.dot(state))};
 }
 
-double total_energy() {
+double total_energy(Mesh& mesh) {
   double sum = 0.0;
-  for (Cell* c = velmar_2d::mesh_beg; c != nullptr; c = c->next) sum += cell_area(c) * c->data[0];
+  for (Cell& c : mesh.nodes()) sum += mesh.area(c) * c.data[0];
   return sum;
 }

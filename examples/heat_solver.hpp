@@ -4,7 +4,7 @@
 #include <Eigen/Sparse>
 #include <vector>
 
-#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/mesh.hpp"
 
 /// The temperature u is data[0]. On Dirichlet sides u = 0, on Neumann sides no heat flows, through
 /// the other ones `transfer` x u flows out per unit of length.
@@ -25,7 +25,7 @@ class HeatSolver {
 
   /// Reads the mesh as it stands and factorises the matrix. Fluxes are taken at `share` of the
   /// step: 1 is implicit Euler, 1/2 the midpoint rule. Numbers the nodes by their `used`.
-  void prepare(double step, double share);
+  void prepare(velmar_2d::Mesh& mesh, double step, double share);
   /// Advances u from `time` by one step. Needs: the mesh of the last prepare().
   EnergyBalance advance(double time);
 
@@ -39,4 +39,4 @@ class HeatSolver {
 };
 
 /// The energy of the mesh as it stands.
-double total_energy();
+double total_energy(velmar_2d::Mesh& mesh);

@@ -1,9 +1,11 @@
 // From a wanted spacing to a mesh.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "tools/size_field.hpp"
+#include "velmar_2D/mesh.hpp"
 
 namespace velmar_2d::tools {
 
@@ -24,9 +26,9 @@ struct Outcome {
 
 /// Makes the mesh of a field and adapts it. `domain` is enlarged at its north or east side to whole
 /// squares. Where it takes longer than a second, a line on standard error tells how far it is.
-/// The first data value of every node is the wanted spacing.
-/// @return nothing on success; otherwise one line
+/// The first data value of every node is the wanted spacing. Throws what Mesh throws.
+/// @return nothing on success, then there is a mesh; otherwise one line
 std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain& domain,
-                      Outcome& outcome);
+                      std::optional<Mesh>& mesh, Outcome& outcome);
 
 }  // namespace velmar_2d::tools

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/records.hpp"
 
 namespace velmar_2d::tools {
 

@@ -10,8 +10,8 @@
 #include <map>
 #include <new>
 #include <numeric>
+#include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -114,9 +114,9 @@ int fail(const std::string& line) {
   return bad_input;
 }
 
-int report(const std::string& error, const std::string& output) {
+int report(const Mesh& mesh, const std::string& error, const std::string& output) {
   if (!error.empty()) return fail(error);
-  std::printf("%s: %d nodes\n", output.c_str(), nb_nodes);
+  std::printf("%s: %lld nodes\n", output.c_str(), static_cast<long long>(mesh.size()));
   return 0;
 }
 
@@ -124,7 +124,8 @@ int report(const std::string& error, const std::string& output) {
 // Commands
 // ---------------------------------------------------------------------------------------------
 
-int draw(const Options& options, const tools::SizeField& field, const tools::Domain& wish) {
+int draw(const Mesh& mesh, const Options& options, const tools::SizeField& field,
+         const tools::Domain& wish) {
   io::PictureOptions picture;
   picture.title = options.title.empty() ? options.field.text : options.title;
   picture.width = options.width;
@@ -136,37 +137,35 @@ int draw(const Options& options, const tools::SizeField& field, const tools::Dom
     if (field.picture == nullptr) return fail("--over-picture: the field is no picture");
     picture.background = {field.picture.get(), wish.west, wish.east, wish.south, wish.north, 0.75};
   }
-  picture.height = io::fitting_height(picture.width, picture);
-  return report(io::draw_mesh(options.output, picture), options.output);
+  picture.height = io::fitting_height(mesh, picture.width, picture);
+  return report(mesh, io::draw_mesh(mesh, options.output, picture), options.output);
 }
 
-int write_vtu(const Options& options) {
+int write_vtu(const Mesh& mesh, const Options& options) {
   io::VtuOptions vtu;
   vtu.cells = options.cells ? io::VtuCells::control_cells : io::VtuCells::triangles;
   vtu.ascii = options.ascii;
   vtu.data_names = {"wanted_spacing"};
-  return report(io::write_vtu(options.output, vtu), options.output);
+  return report(mesh, io::write_vtu(mesh, options.output, vtu), options.output);
 }
 
-double spacing_of_level(int level) { return dist_0 * std::exp2(-0.5 * level); }
-
-int print_stats(const tools::Domain& domain, const tools::Outcome& outcome) {
+int print_stats(const Mesh& mesh, const tools::Domain& domain, const tools::Outcome& outcome) {
   std::map<int, std::int64_t> nodes_of_level;
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next)
-    ++nodes_of_level[node->level];
-  const double finest = spacing_of_level(nodes_of_level.rbegin()->first);
+  for (const Cell& node : mesh.nodes()) ++nodes_of_level[node.level];
+  const auto nb_nodes = static_cast<double>(mesh.size());
+  const double finest = mesh.spacing_of_level(nodes_of_level.rbegin()->first);
   const double uniform = (domain.width() / finest + 1.0) * (domain.height() / finest + 1.0);
 
   std::printf("domain: x %g to %g, y %g to %g; base squares of %g\n", domain.west, domain.east,
-              domain.south, domain.north, dist_0);
-  std::printf("nodes: %d after %d updates, %s\n", nb_nodes, outcome.updates,
+              domain.south, domain.north, mesh.dist_0());
+  std::printf("nodes: %.0f after %d updates, %s\n", nb_nodes, outcome.updates,
               outcome.is_settled ? "settled" : "not settled yet");
   std::printf("time: %.3g s\n", outcome.seconds);
   std::printf("a uniform grid of the finest spacing: %.0f nodes, %.3g times as many\n", uniform,
               uniform / nb_nodes);
   std::printf("level      spacing       nodes  share\n");
   for (const auto& [level, nodes] : nodes_of_level) {
-    std::printf("%5d %12.6g %11lld %5.1f%%\n", level, spacing_of_level(level),
+    std::printf("%5d %12.6g %11lld %5.1f%%\n", level, mesh.spacing_of_level(level),
                 static_cast<long long>(nodes), 100.0 * static_cast<double>(nodes) / nb_nodes);
   }
   return 0;
@@ -190,17 +189,12 @@ std::string choose_domain(const Options& options, const tools::SizeField& field,
   return {};
 }
 
-/// The program speaks for itself: the library keeps silent, waits for nobody, and what would end
-/// the process becomes an exception with the message in one line.
-void take_over_messages() {
-  message_handler = [](std::string_view) {};
-  pause_handler = [](std::string_view) {};
-  fatal_handler = [](std::string_view text) {
-    std::istringstream words{std::string(text)};
-    std::string line, word;
-    while (words >> word) line += (line.empty() ? "" : " ") + word;
-    throw std::runtime_error(line);
-  };
+/// A text in one line.
+std::string in_one_line(const std::string& text) {
+  std::istringstream words(text);
+  std::string line, word;
+  while (words >> word) line += (line.empty() ? "" : " ") + word;
+  return line;
 }
 
 /// Number of base squares along the shorter side of a picture, next to `wish`, that fill it without
@@ -265,32 +259,30 @@ int run(int argc, char** argv) {
   if (field.picture != nullptr && options.domain.empty() && !squares_given) {
     options.mesh.squares = squares_that_fill(*field.picture, options.mesh.squares);
   }
+  std::optional<Mesh> mesh;
   tools::Outcome outcome;
-  if (const std::string error = tools::make_mesh(field, options.mesh, domain, outcome);
+  if (const std::string error = tools::make_mesh(field, options.mesh, domain, mesh, outcome);
       !error.empty()) {
     return fail(error);
   }
   constexpr double patience = 1.0;  // seconds
   if (outcome.seconds > patience && !stats_command->parsed()) {
-    std::fprintf(stderr, "writing %d nodes to %s\n", nb_nodes, options.output.c_str());
+    std::fprintf(stderr, "writing %lld nodes to %s\n", static_cast<long long>(mesh->size()),
+                 options.output.c_str());
   }
-  if (draw_command->parsed()) return draw(options, field, wish);
-  if (vtu_command->parsed()) return write_vtu(options);
-  return print_stats(domain, outcome);
+  if (draw_command->parsed()) return draw(*mesh, options, field, wish);
+  if (vtu_command->parsed()) return write_vtu(*mesh, options);
+  return print_stats(*mesh, domain, outcome);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int status = bad_input;
-  take_over_messages();
   try {
-    status = run(argc, argv);
+    return run(argc, argv);
   } catch (const std::bad_alloc&) {
-    fail("memory is exhausted");
+    return fail("memory is exhausted");
   } catch (const std::exception& error) {
-    fail(error.what());
+    return fail(in_one_line(error.what()));
   }
-  if (nb_nodes > 0) delete_mesh();
-  return status;
 }

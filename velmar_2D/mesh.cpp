@@ -32,7 +32,12 @@ std::int32_t rows_of(const Rectangle& r, const Grid& grid) {
   }
   const double square = width / (grid.nx - 1);
   const double squares = grid.ny > 0 ? grid.ny - 1 : std::max(1.0, std::round(height / square));
-  if (std::abs(height - squares * square) > detail::height_tolerance * height) {
+  // Far from the origin width and height carry the rounding of the coordinates.
+  const double rounding =
+      std::numeric_limits<double>::epsilon() *
+      (std::max(std::abs(r.x_min), std::abs(r.x_max)) * squares / (grid.nx - 1) +
+       std::max(std::abs(r.y_min), std::abs(r.y_max)));
+  if (std::abs(height - squares * square) > detail::height_tolerance * height + rounding) {
     refuse("the height " + detail::to_text(height) + " is not " +
            (grid.ny > 0 ? std::to_string(grid.ny - 1) + " squares" : "a whole number of squares") +
            " of width " + detail::to_text(square) + "; " + detail::to_text(squares * square) +

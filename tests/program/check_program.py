@@ -65,6 +65,10 @@ class Program(unittest.TestCase):
         self.assertTrue(numpy.allclose(wanted, spacing.clip(0.03, 0.3), rtol=1e-12))
         # No node is a level coarser than it was asked to be.
         self.assertLess((0.1 * 2.0 ** (-level / 2) / wanted).max(), 2 ** 0.5)
+        # Far from the origin a width and a height are numbers of squares up to rounding only: here
+        # the width is a little more than 48 of them, and the domain grows.
+        x, y, _, _ = self.mesh("0.05", "--domain", "1e7", "10000000.3", "0", "0.1")
+        self.assertEqual((x.min(), x.max(), y.min(), len(x)), (1e7, 10000000.30625, 0, 50 * 17))
 
     def test_lines(self):
         random.seed(7)
