@@ -111,7 +111,10 @@ class SizeArguments {
     if (capacity_ < n || kept_by_others()) {
       make_room(std::max(n, static_cast<py::ssize_t>(mesh.size())), mesh.n_cell_data());
     }
-    fill(nodes, mesh.n_cell_data() > 0);
+    {
+      const py::gil_scoped_release others_may_run;
+      fill(nodes, mesh.n_cell_data() > 0);
+    }
     const py::slice part(0, n, 1);
     return size(x_[part], y_[part], data_[part], grad_[part], grad2_[part]);
   }

@@ -54,6 +54,9 @@ def assert_same(histories):
 
 
 def test_in_turn_each_is_as_alone():
+    small, large = Mesh(nx=5), Mesh((0, 2, 0, 2), nx=5)
+    assert small.revision == large.revision
+    np.testing.assert_array_equal(2.0 * small.nodes.positions, large.nodes.positions)
     histories = [History(seed) for seed in range(4)]
     for _ in range(6):
         for history in histories:
