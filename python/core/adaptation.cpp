@@ -1,6 +1,7 @@
 // Making and adapting the mesh with functions of Python.
 #include <cmath>
 #include <memory>
+#include <optional>
 
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
@@ -13,82 +14,87 @@ namespace {
 // Sides
 // ---------------------------------------------------------------------------------------------
 
+std::size_t number_of_side(std::string_view name) {
+  const auto found = std::find(side_names.begin(), side_names.end(), name);
+  return static_cast<std::size_t>(found - side_names.begin());
+}
+
+py::str text(std::string_view characters) { return {characters.data(), characters.size()}; }
+
 /// A vectorised bc_type: values at places on each side, kept as numbers.
 struct BulkKinds {
   std::vector<BulkValues> sides;
 
   explicit BulkKinds(const py::object& bc_type) {
     for (const std::string_view name : side_names) {
-      sides.emplace_back([bc_type, name](std::span<const double> x, std::span<const double> y,
-                                         std::span<double> kinds) {
-        copy_kinds(bc_type(to_array(x), to_array(y), py::str(name.data(), name.size())), "bc_type",
-                   kinds);
+      sides.emplace_back([&bc_type, name](std::span<const double> x, std::span<const double> y,
+                                          std::span<double> kinds) {
+        const py::gil_scoped_acquire python;
+        copy_kinds(bc_type(to_array(x), to_array(y), text(name)), "bc_type", kinds);
       });
     }
   }
   std::int32_t at(double x, double y, std::string_view name) {
-    const auto side = std::find(side_names.begin(), side_names.end(), name) - side_names.begin();
-    return static_cast<std::int32_t>(sides[static_cast<std::size_t>(side)].at(x, y));
+    return static_cast<std::int32_t>(sides[number_of_side(name)].at(x, y));
+  }
+  void clear(double unit) {
+    for (BulkValues& side : sides) side.clear(unit);
+  }
+  void evaluate() {
+    for (BulkValues& side : sides) side.evaluate();
   }
 };
 
-/// That of the present mesh, if it has one.
-std::shared_ptr<BulkKinds> bulk_kinds;
-
-/// All places of the first grid that lie on sides, computed as init_mesh() does.
-void expect_first_grid(const std::array<double, 4>& rectangle, std::int32_t nx, std::int32_t ny) {
-  const double west = rectangle[0], east = rectangle[1], south = rectangle[2], north = rectangle[3];
-  const double dx = (east - west) / (nx - 1);
-  double dy = (north - south) / (ny - 1);
+/// All places of the first grid that lie on sides, computed as the mesh does.
+void expect_first_grid(BulkKinds& kinds, const Rectangle& r, std::int32_t nx, std::int32_t ny) {
+  const double dx = (r.x_max - r.x_min) / (nx - 1);
+  if (ny == 0) ny = static_cast<std::int32_t>(std::lround((r.y_max - r.y_min) / dx)) + 1;
+  double dy = (r.y_max - r.y_min) / (ny - 1);
   constexpr double square_tolerance = 2.220446049250313e-15;
   if (std::abs(dx - dy) > dx * square_tolerance) dy = dx;
-  for (BulkValues& side : bulk_kinds->sides) side.clear(dx);
-  const auto x_at = [&](std::int32_t i) { return i == nx ? west : east - (i - 1) * dx; };
-  const auto y_at = [&](std::int32_t j) { return south + (j - 1) * dy; };
+  kinds.clear(dx);
+  const auto x_at = [&](std::int32_t i) { return i == nx ? r.x_min : r.x_max - (i - 1) * dx; };
+  const auto y_at = [&](std::int32_t j) { return r.y_min + (j - 1) * dy; };
   for (std::int32_t i = 1; i <= nx; ++i) {
-    bulk_kinds->sides[0].expect(x_at(i), y_at(ny));
-    bulk_kinds->sides[2].expect(x_at(i), y_at(1));
+    kinds.sides[0].expect(x_at(i), y_at(ny));
+    kinds.sides[2].expect(x_at(i), y_at(1));
   }
   for (std::int32_t j = 1; j <= ny; ++j) {
-    bulk_kinds->sides[1].expect(x_at(1), y_at(j));
-    bulk_kinds->sides[3].expect(x_at(nx), y_at(j));
+    kinds.sides[1].expect(x_at(1), y_at(j));
+    kinds.sides[3].expect(x_at(nx), y_at(j));
   }
-  for (BulkValues& side : bulk_kinds->sides) side.evaluate();
+  kinds.evaluate();
 }
 
-bc_type_function kinds_from(const py::object& bc_type, bool vectorised) {
-  if (py::isinstance<py::tuple>(bc_type)) {
-    return [kinds = bc_type.cast<std::array<std::int32_t, 4>>()](double, double,
-                                                                 std::string_view name) {
-      const auto side = std::find(side_names.begin(), side_names.end(), name) - side_names.begin();
-      return kinds[static_cast<std::size_t>(side)];
+/// While this lasts the mesh can ask for the kinds of its sides, where they are a function.
+class KindsAtHand {
+ public:
+  KindsAtHand(CoreMesh& core, const py::object& kinds, bool vectorised) : core_(core) {
+    if (py::isinstance<py::tuple>(kinds)) return;
+    if (vectorised) {
+      bulk_ = std::make_unique<BulkKinds>(kinds);
+      core.kind_at = [this](double x, double y, std::string_view name) {
+        return bulk_->at(x, y, name);
+      };
+      return;
+    }
+    core.kind_at = [&kinds](double x, double y, std::string_view name) {
+      const py::gil_scoped_acquire python;
+      double kind = 0.0;
+      copy_kinds(kinds(x, y, text(name)), "bc_type", {&kind, 1});
+      return static_cast<std::int32_t>(kind);
     };
   }
-  if (vectorised) {
-    return [](double x, double y, std::string_view name) { return bulk_kinds->at(x, y, name); };
-  }
-  return [bc_type](double x, double y, std::string_view name) {
-    double kind = 0.0;
-    copy_kinds(bc_type(x, y, py::str(name.data(), name.size())), "bc_type", {&kind, 1});
-    return static_cast<std::int32_t>(kind);
-  };
-}
+  ~KindsAtHand() { core_.kind_at = nullptr; }
+  KindsAtHand(const KindsAtHand&) = delete;
+  KindsAtHand& operator=(const KindsAtHand&) = delete;
 
-void set_side_records(const std::array<double, 4>& rectangle) {
-  const auto [west, east, south, north] = rectangle;
-  const std::array<double, 4> coordinates = {north, east, south, west};
-  constexpr std::array<std::array<Boundary**, 3>, 4> records = {
-      {{&north_boundary_dir, &north_boundary_neu, &north_boundary_oth},
-       {&east_boundary_dir, &east_boundary_neu, &east_boundary_oth},
-       {&south_boundary_dir, &south_boundary_neu, &south_boundary_oth},
-       {&west_boundary_dir, &west_boundary_neu, &west_boundary_oth}}};
-  for (std::size_t side = 0; side < 4; ++side) {
-    for (std::size_t kind = 0; kind < 3; ++kind) {
-      side_records[side][kind] = {coordinates[side], static_cast<std::int32_t>(kind)};
-      *records[side][kind] = &side_records[side][kind];
-    }
-  }
-}
+  BulkKinds* bulk() const { return bulk_.get(); }
+
+ private:
+  CoreMesh& core_;
+  std::unique_ptr<BulkKinds> bulk_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Wanted spacings
@@ -100,10 +106,15 @@ using Nodes = std::span<const Cell* const>;
 /// long as the function keeps none of them.
 class SizeArguments {
  public:
-  py::object call(const py::function& size, Nodes nodes) {
+  py::object call(const py::function& size, Nodes nodes, const Mesh& mesh) {
     const auto n = static_cast<py::ssize_t>(nodes.size());
-    if (capacity_ < n || kept_by_others()) make_room(std::max(n, py::ssize_t{nb_nodes}));
-    fill(nodes);
+    if (capacity_ < n || kept_by_others()) {
+      make_room(std::max(n, static_cast<py::ssize_t>(mesh.size())), mesh.n_cell_data());
+    }
+    {
+      const py::gil_scoped_release others_may_run;
+      fill(nodes, mesh.n_cell_data() > 0);
+    }
     const py::slice part(0, n, 1);
     return size(x_[part], y_[part], data_[part], grad_[part], grad2_[part]);
   }
@@ -114,11 +125,11 @@ class SizeArguments {
     return shared(x_) || shared(y_) || shared(data_) || shared(grad_) || shared(grad2_);
   }
 
-  void make_room(py::ssize_t capacity) {
+  void make_room(py::ssize_t capacity, py::ssize_t n_cell_data) {
     x_ = y_ = grad_ = grad2_ = data_ = py::array_t<double>();
     x_ = py::array_t<double>(capacity);
     y_ = py::array_t<double>(capacity);
-    data_ = py::array_t<double>({capacity, static_cast<py::ssize_t>(n_cell_data)});
+    data_ = py::array_t<double>({capacity, n_cell_data});
     grad_ = py::array_t<double>(capacity);
     grad2_ = py::array_t<double>(capacity);
     capacity_ = capacity;
@@ -126,11 +137,10 @@ class SizeArguments {
 
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
-  void fill(Nodes nodes) {
+  void fill(Nodes nodes, bool has_data) {
     constexpr std::size_t nodes_ahead = 16;
     double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
            *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
-    const bool has_data = n_cell_data > 0;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       if (i + nodes_ahead < nodes.size()) {
         const Cell* soon = nodes[i + nodes_ahead];
@@ -170,22 +180,26 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 /// about new nodes.
 class Forecast {
  public:
-  explicit Forecast(BulkValues* init_data) : init_data_(init_data) {
+  Forecast(const Mesh& mesh, BulkValues* init_data, BulkKinds* kinds)
+      : mesh_(mesh),
+        limit_(mesh.limit()),
+        dist_0_(mesh.dist_0()),
+        domain_(mesh.rectangle()),
+        init_data_(init_data),
+        kinds_(kinds) {
     if (!has_readers()) return;
-    for (std::int32_t level = 0; level < level_max; ++level) {
-      spacings_.push_back(dist_0 * std::exp2(-0.5 * level));
+    for (std::int32_t level = 0; level < limit_; ++level) {
+      spacings_.push_back(dist_0_ * std::exp2(-0.5 * level));
     }
   }
 
-  bool has_readers() const { return init_data_ != nullptr || bulk_kinds != nullptr; }
+  bool has_readers() const { return init_data_ != nullptr || kinds_ != nullptr; }
 
   void look_ahead(Nodes nodes, std::span<const double> sizes) {
     // Mostly nodes of the next two levels come: half as far from one another.
-    const double unit = 0.25 * dist_0 * std::exp2(-0.5 * nodes.front()->ipos);
+    const double unit = 0.25 * dist_0_ * std::exp2(-0.5 * nodes.front()->ipos);
     if (init_data_ != nullptr) init_data_->clear(unit);
-    if (bulk_kinds) {
-      for (BulkValues& side : bulk_kinds->sides) side.clear(unit);
-    }
+    if (kinds_ != nullptr) kinds_->clear(unit);
     find_concerned(nodes, sizes);
     for (std::size_t i = 0; i < concerned_.size(); ++i) {
       if (const std::size_t ahead = i + 2 * nodes_ahead; ahead < concerned_.size()) {
@@ -197,9 +211,7 @@ class Forecast {
       look_around(*concerned_[i].node, concerned_[i].size);
     }
     if (init_data_ != nullptr) init_data_->evaluate();
-    if (bulk_kinds) {
-      for (BulkValues& side : bulk_kinds->sides) side.evaluate();
-    }
+    if (kinds_ != nullptr) kinds_->evaluate();
   }
 
  private:
@@ -214,7 +226,7 @@ class Forecast {
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
       const Cell& c = *nodes[i];
-      if (c.level >= level_max) continue;
+      if (c.level >= limit_) continue;
       if (too_coarse(c, sizes[i]) || c.reserve != 4 || may_complete_half_figure(c)) {
         concerned_.push_back({&c, sizes[i]});
       }
@@ -233,18 +245,14 @@ class Forecast {
   static constexpr std::size_t nodes_ahead = 6;
 
   bool too_coarse(const Cell& c, double size) const {
-    return c.level < level_max && size < spacings_[static_cast<std::size_t>(c.level)];
+    return c.level < limit_ && size < spacings_[static_cast<std::size_t>(c.level)];
   }
 
   void look_around(const Cell& node, double size) {
     auto& c = const_cast<Cell&>(node);  // nothing here changes it
     const bool refined = too_coarse(c, size);
-    std::array<Vertex, 4> proposals;
-    std::int32_t n = 0;
-    build_vertex(&c, proposals, n);
-    for (std::int32_t i = 0; i < n; ++i) {
-      const Vertex& v = proposals[static_cast<std::size_t>(i)];
-      if (v.level > level_max || !(refined || completes_figure(v))) continue;
+    for (const Proposals proposals = mesh_.build_vertex(c); const Vertex& v : proposals) {
+      if (v.level > limit_ || !(refined || completes_figure(v))) continue;
       expect(v.x, v.y);
     }
     if (!refined) return;
@@ -257,9 +265,9 @@ class Forecast {
   }
 
   /// Half figures lie at sides.
-  static bool may_complete_half_figure(const Cell& c) {
-    return c.x - x_min <= dist_0 || c.y - y_min <= dist_0 || east_boundary_dir->c - c.x <= dist_0 ||
-           north_boundary_dir->c - c.y <= dist_0;
+  bool may_complete_half_figure(const Cell& c) const {
+    return c.x - domain_.x_min <= dist_0_ || c.y - domain_.y_min <= dist_0_ ||
+           domain_.x_max - c.x <= dist_0_ || domain_.y_max - c.y <= dist_0_;
   }
 
   /// Figures that are completed also around nodes that are fine enough.
@@ -270,99 +278,119 @@ class Forecast {
 
   void expect(double x, double y) {
     if (init_data_ != nullptr) init_data_->expect(x, y);
-    if (!bulk_kinds) return;
+    if (kinds_ == nullptr) return;
     // One place more than is asked for does no harm, so rounding may be met with plenty of room.
-    const auto near = [](double a, double b) { return std::abs(a - b) < 1e-6 * dist_0; };
-    const std::array<bool, 4> on_side = {
-        near(y, north_boundary_dir->c), near(x, east_boundary_dir->c),
-        near(y, south_boundary_dir->c), near(x, west_boundary_dir->c)};
+    const auto near = [this](double a, double b) { return std::abs(a - b) < 1e-6 * dist_0_; };
+    const std::array<bool, 4> on_side = {near(y, domain_.y_max), near(x, domain_.x_max),
+                                         near(y, domain_.y_min), near(x, domain_.x_min)};
     for (std::size_t side = 0; side < 4; ++side) {
-      if (on_side[side]) bulk_kinds->sides[side].expect(x, y);
+      if (on_side[side]) kinds_->sides[side].expect(x, y);
     }
   }
 
+  const Mesh& mesh_;
+  std::int32_t limit_;
+  double dist_0_;
+  Rectangle domain_;
   BulkValues* init_data_;
+  BulkKinds* kinds_;
   std::vector<double> spacings_;  // of the levels
   std::vector<Concerned> concerned_;
 };
 
-/// The functions of one update are let go at its end, however it ends.
-struct ForgetCallables {
-  ForgetCallables() = default;
-  ForgetCallables(const ForgetCallables&) = delete;
-  ForgetCallables& operator=(const ForgetCallables&) = delete;
-  ~ForgetCallables() {
-    init_data_ptr = nullptr;
-    data_interpolation = true;
-  }
-};
-
 /// A batch is in the order of a walk upwards, from the first node of a stretch on, or downwards.
-bool is_refinement(Nodes nodes) {
-  return nodes.front() == level_beg[static_cast<std::size_t>(nodes.front()->ipos)].next;
+bool is_refinement(const Mesh& mesh, Nodes nodes) {
+  return nodes.front() == &*mesh.nodes(nodes.front()->ipos).begin();
 }
 
 }  // namespace
 
-void make_mesh(const std::array<double, 4>& rectangle, std::int32_t nx, std::int32_t ny,
-               std::int32_t subdiv_max, std::int32_t nb_values, const py::object& bc_type,
-               bool vectorised) {
-  const Busy busy("making a mesh");
-  const bool in_bulk = vectorised && !py::isinstance<py::tuple>(bc_type);
-  if (nb_nodes == 0) {  // otherwise init_mesh() refuses
-    set_side_records(rectangle);
-    n_cell_data = nb_values;
-    bulk_kinds = in_bulk ? std::make_shared<BulkKinds>(bc_type) : nullptr;
-    if (in_bulk && nx > 1 && ny > 1) expect_first_grid(rectangle, nx, ny);
+std::unique_ptr<CoreMesh> make_mesh(const std::array<double, 4>& rectangle, std::int32_t nx,
+                                    std::int32_t ny, std::int32_t subdiv_max,
+                                    std::int32_t n_cell_data, const py::object& kinds,
+                                    bool kinds_vectorised) {
+  const auto [west, east, south, north] = rectangle;
+  const Rectangle domain = {west, east, south, north};
+  Grid grid;
+  grid.nx = nx;
+  grid.ny = ny;
+  grid.subdiv_max = subdiv_max;
+  grid.n_cell_data = n_cell_data;
+
+  auto core = std::make_unique<CoreMesh>();
+  const KindsAtHand kinds_at_hand(*core, kinds, kinds_vectorised);
+  if (py::isinstance<py::tuple>(kinds)) {
+    const auto [n, e, s, w] = kinds.cast<std::array<std::int32_t, 4>>();
+    grid.bc_type = kind_by_side(n, e, s, w);
+  } else {
+    if (BulkKinds* const bulk = kinds_at_hand.bulk()) {
+      // The first question comes when the library has found rectangle and grid in order.
+      core->kind_at = [=, foreseen = false](double x, double y, std::string_view name) mutable {
+        if (!foreseen) expect_first_grid(*bulk, domain, nx, ny);
+        foreseen = true;
+        return bulk->at(x, y, name);
+      };
+    }
+    grid.bc_type = [owner = core.get()](double x, double y, std::string_view name) {
+      return owner->kind_at(x, y, name);
+    };
   }
-  double y_max = 0.0;
-  init_mesh(kinds_from(bc_type, vectorised), nx, ny, subdiv_max, y_max);
+  {
+    const py::gil_scoped_release others_may_run;
+    core->mesh = std::make_unique<Mesh>(domain, grid);
+  }
+  core->mesh->set_message_handler(log);
+  if (subdiv_max == 0) log("velmar_2d: Warning: subdiv_max is 0, the mesh cannot be refined");
+  return core;
 }
 
-void delete_mesh_and_callables() {
-  const Busy busy("delete");
-  forget_numbers();
-  bc_type_ptr = nullptr;
-  bulk_kinds = nullptr;
-  if (!level_beg.empty()) delete_mesh();
+void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
+                    bool kinds_vectorised) {
+  const Changing changing(core, "subdiv_max");
+  const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
+  const py::gil_scoped_release others_may_run;
+  core.mesh->set_limit(limit);
 }
 
-void update(const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised) {
-  const Busy busy("update");
-  require_mesh();
-  const ForgetCallables at_end;
+void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
+            bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
+  const Changing changing(core, "update");
+  const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
+  Mesh& mesh = *core.mesh;
   const bool interpolates = init_data.is_none();
 
-  std::shared_ptr<BulkValues> values;
+  std::unique_ptr<BulkValues> values;
   init_data_function value_at;
   if (!interpolates && init_vectorised) {
-    values = std::make_shared<BulkValues>(
+    values = std::make_unique<BulkValues>(
         [&](std::span<const double> x, std::span<const double> y, std::span<double> out) {
+          const py::gil_scoped_acquire python;
           copy_values(init_data(to_array(x), to_array(y)), "init_data", out);
         });
-    value_at = [values](double x, double y) { return values->at(x, y); };
+    value_at = [&](double x, double y) { return values->at(x, y); };
   } else if (!interpolates) {
     value_at = [&](double x, double y) {
+      const py::gil_scoped_acquire python;
       double value = 0.0;
       copy_values(init_data(x, y), "init_data", {&value, 1});
       return value;
     };
   }
 
-  Forecast forecast(values.get());
+  Forecast forecast(mesh, values.get(), kinds_at_hand.bulk());
   if (!vectorised && !forecast.has_readers()) {
     const size_function one = [&](double x, double y, std::span<const double> data, double grad,
                                   double grad2) {
       return ask_for_one(size, x, y, data, grad, grad2);
     };
-    interpolates ? update_mesh_no_init(one) : update_mesh_init(one, value_at);
+    interpolates ? mesh.update(one) : mesh.update(one, value_at);
     return;
   }
   SizeArguments arguments;
   const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
     if (vectorised) {
-      copy_values(arguments.call(size, nodes), "size", sizes);
+      const py::gil_scoped_acquire python;
+      copy_values(arguments.call(size, nodes, mesh), "size", sizes);
     } else {
       for (std::size_t i = 0; i < nodes.size(); ++i) {
         const Cell& c = *nodes[i];
@@ -370,9 +398,12 @@ void update(const py::function& size, const py::object& init_data, bool vectoris
             ask_for_one(size, c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
       }
     }
-    if (forecast.has_readers() && is_refinement(nodes)) forecast.look_ahead(nodes, sizes);
+    if (forecast.has_readers() && is_refinement(mesh, nodes)) forecast.look_ahead(nodes, sizes);
   };
-  interpolates ? update_mesh_no_init_batched(all) : update_mesh_init_batched(all, value_at);
+  // Functions that are asked node by node would hand Python's lock over all the time.
+  std::optional<py::gil_scoped_release> others_may_run;
+  if (vectorised) others_may_run.emplace();
+  interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
 }
 
 }  // namespace velmar_2d::python

@@ -7,13 +7,14 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
-#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/mesh.hpp"
 
 namespace velmar_2d::python {
 
@@ -21,46 +22,75 @@ namespace py = pybind11;
 
 using Doubles = py::array_t<double, py::array::c_style | py::array::forcecast>;
 
-/// A fatal message of the library on its way to Python, where it is velmar_2d.MeshError.
-struct MeshFailure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-// ---------------------------------------------------------------------------------------------
-// State (state.cpp)
-// ---------------------------------------------------------------------------------------------
-
-/// The records of all sides: n, e, s, w, each of the kinds Dirichlet, Neumann, other.
-extern std::array<std::array<Boundary, 3>, 4> side_records;
 inline constexpr std::array<std::string_view, 4> side_names = {"North", "East", "South", "West"};
-
-/// What a link is in an index table: the linked node's index, or one of these.
-inline constexpr std::int32_t no_link_code = -1, first_side_code = -2;
-/// -2 - 3 * side - kind, with sides n 0, e 1, s 2, w 3.
-std::int32_t side_code(const Boundary* record);
 
 inline constexpr std::array<NeighbourLink Cell::*, 8> links = {
     &Cell::n, &Cell::ne, &Cell::e, &Cell::se, &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
 
-/// Held by whatever changes or reads the mesh: a callback that comes back to the library in the
-/// middle of an update, or another thread that does, meets a MeshFailure.
-class Busy {
+// ---------------------------------------------------------------------------------------------
+// One mesh (core_mesh.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// One mesh as Python sees it: velmar_2d._core.Mesh. Between calls it holds no object of Python's,
+/// so that whatever keeps a mesh alive is known to Python's garbage collector.
+class CoreMesh {
  public:
-  explicit Busy(std::string_view operation);
-  ~Busy();
-  Busy(const Busy&) = delete;
-  Busy& operator=(const Busy&) = delete;
+  CoreMesh() = default;
+  CoreMesh(const CoreMesh&) = delete;
+  CoreMesh& operator=(const CoreMesh&) = delete;
+
+  bool is_alive() const { return mesh != nullptr; }
+  void remove();
+  /// The mesh, for values that it knows at once. Throws Error where it was deleted, or is being
+  /// changed by another thread.
+  const Mesh& readable() const;
+  /// The nodes in list order. `used` of each is its index. Made once for each revision.
+  const std::vector<Cell*>& numbered_nodes();
+  /// What a link is in an index table where it leads to no node: no_link_code, or the side's
+  /// -2 - 3 * side - kind, with sides n 0, e 1, s 2, w 3.
+  std::int32_t code_of(const Boundary* record) const;
+
+  std::unique_ptr<Mesh> mesh;  ///< none once it was deleted
+  /// Kinds of the sides as a function of Python's, while a call lasts that may ask for them.
+  bc_type_function kind_at;
+  std::uint64_t data_version = 0;  ///< grows whenever values of nodes may have changed
+
+ private:
+  friend class Busy;
+  bool busy_ = false;  ///< guarded by Python's lock, as all that stands here
+  std::thread::id user_;
+  std::vector<Cell*> numbered_;
+  std::uint64_t numbered_revision_ = 0;
 };
 
-/// Sends messages to Python's logging, fatal ones into MeshFailure, and waits for nobody.
-void take_over_messages();
+inline constexpr std::int32_t no_link_code = -1, first_side_code = -2;
 
-/// The nodes in list order. `used` of each is its index. Made once for each revision.
-const std::vector<Cell*>& numbered_nodes();
-void forget_numbers();
+/// Held by whatever changes or reads a mesh: a callback that comes back to it in the middle of an
+/// update, or another thread that does, meets an Error. So does who finds the mesh deleted.
+class Busy {
+ public:
+  Busy(CoreMesh& core, std::string_view operation);
+  ~Busy() { core_.busy_ = false; }
+  Busy(const Busy&) = delete;
+  Busy& operator=(const Busy&) = delete;
 
-/// Throws MeshFailure unless there is a mesh.
-void require_mesh();
+ private:
+  CoreMesh& core_;
+};
+
+/// Held by what changes values of nodes.
+class Changing : public Busy {
+ public:
+  using Busy::Busy;
+  Changing(CoreMesh& core, std::string_view operation) : Busy(core, operation), core_(core) {}
+  ~Changing() { ++core_.data_version; }
+
+ private:
+  CoreMesh& core_;
+};
+
+/// Sends a text of the library to Python's logging.
+void log(std::string_view text);
 
 // ---------------------------------------------------------------------------------------------
 // Callables (callables.cpp, adaptation.cpp)
@@ -75,18 +105,20 @@ void copy_kinds(const py::object& result, std::string_view callable, std::span<d
 /// A numpy array of its own with these values.
 py::array_t<double> to_array(std::span<const double> values);
 
-void make_mesh(const std::array<double, 4>& rectangle, std::int32_t nx, std::int32_t ny,
-               std::int32_t subdiv_max, std::int32_t nb_values, const py::object& bc_type,
-               bool vectorised);
-/// Deletes the mesh, if there is one, and lets go of every callable.
-void delete_mesh_and_callables();
-void update(const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised);
+/// `kinds`, here and below: a tuple of four, or the function bc_type.
+std::unique_ptr<CoreMesh> make_mesh(const std::array<double, 4>& rectangle, std::int32_t nx,
+                                    std::int32_t ny, std::int32_t subdiv_max,
+                                    std::int32_t n_cell_data, const py::object& kinds,
+                                    bool kinds_vectorised);
+void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
+            bool init_vectorised, const py::object& kinds, bool kinds_vectorised);
+void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
+                    bool kinds_vectorised);
 
 // ---------------------------------------------------------------------------------------------
 // Arrays (arrays.cpp)
 // ---------------------------------------------------------------------------------------------
 
-void define_arrays(py::module_& module);
+void define_arrays(py::class_<CoreMesh>& mesh);
 
 }  // namespace velmar_2d::python

@@ -10,12 +10,12 @@
         mesh.update(size)
         print(len(mesh), mesh.nodes.positions, mesh.nodes.links)
 
-There is one mesh at a time in a process. Messages of the library go to the logger "velmar_2d",
-fatal ones are raised as MeshError, and nothing waits for a key.
+Any number of meshes live side by side. Warnings of the library go to the logger "velmar_2d",
+mistakes are raised as MeshError, and nothing waits for a key.
 """
 from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
-from .mesh import Finding, Mesh, UpdateStatistics, current
+from .mesh import Finding, Mesh, UpdateStatistics
 from .nodes import Faces, Nodes, Polygons
 
 __version__ = _version()
@@ -23,5 +23,5 @@ __version__ = _version()
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
     "Faces", "Finding", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
-    "current", "kind_of", "side_code", "side_of",
+    "kind_of", "side_code", "side_of",
 ]

@@ -5,16 +5,17 @@ import math
 import numbers
 import operator
 import os
-import weakref
-from typing import Any, Callable, NamedTuple, Sequence
+from typing import Any, Callable, NamedTuple, NoReturn, Sequence
 
 import numpy as np
 from numpy.typing import NDArray
 
 from . import _core, links
+from .matrices import laplacian
 from .nodes import Nodes
+from .plotting import plot
 
-_current: weakref.ReferenceType[Mesh] | None = None
+_MOST_NODES = 2**31 - 1  # which links as indices can tell apart
 
 
 class UpdateStatistics(NamedTuple):
@@ -37,19 +38,13 @@ class Finding(NamedTuple):
     node: int | None
 
 
-def current() -> Mesh | None:
-    """The mesh of this process, or None."""
-    mesh = _current() if _current is not None else None
-    return mesh if mesh is not None and mesh.is_alive else None
-
-
 class Mesh:
-    """An adaptive mesh of a rectangle. There is one at a time in a process.
+    """An adaptive mesh of a rectangle. Any number of them live side by side.
 
     rectangle    (west, east, south, north)
     nx, ny       nodes of the first grid along x and y. Its cells are squares of the width
-                 (east - west) / (nx - 1); where they do not fit the height the north side is
-                 moved, with a warning. Without ny the number is chosen that fits best.
+                 (east - west) / (nx - 1), and the height must be a whole number of them. Without ny
+                 that number is taken from the height.
     subdiv_max   limit of subdivision, the highest level that a node may have
     n_cell_data  data values of each node, 0.0 at first
     bc_type      the kind of condition on the sides: DIRICHLET, NEUMANN or OTHER (or their names)
@@ -59,37 +54,25 @@ class Mesh:
     vectorised   whether a callable bc_type takes arrays of places and returns an array of kinds,
                  or takes one place and returns one
 
-    Raises MeshError where there is a mesh already, or the library refuses.
-    Delete it with delete(), by leaving a `with` block, or by letting it go.
+    Raises MeshError where the library refuses: a height that does not fit, more nodes than the
+    machine's memory holds.
+    It goes when nothing holds it, at the end of a `with` block, or at delete(). It cannot be copied
+    or pickled. One thread at a time may use a mesh; updates of different meshes run side by side.
     """
 
     def __init__(self, rectangle: Sequence[float] = (0.0, 1.0, 0.0, 1.0), nx: int = 17,
                  ny: int | None = None, subdiv_max: int = 10, n_cell_data: int = 1,
                  bc_type: Any = None, *, vectorised: bool = True) -> None:
-        global _current
-        self._alive = False
-        west, east, south, north = _four_numbers(rectangle)
-        nx = operator.index(nx)
-        if ny is None:
-            ny = _fitting_ny(west, east, south, north, nx)
-        if operator.index(n_cell_data) < 0:
+        sides = _four_numbers(rectangle)
+        nx, ny = operator.index(nx), 0 if ny is None else operator.index(ny)
+        subdiv_max = _not_absurd("subdiv_max", subdiv_max)
+        n_cell_data = _not_absurd("n_cell_data", n_cell_data)
+        if n_cell_data < 0:
             raise ValueError(f"n_cell_data is {n_cell_data}; it must not be negative")
-        kinds = links.kinds_of_sides(bc_type)
-        if current() is not None:
-            raise _core.MeshError("velmar_2d: there is a mesh already, and one at a time is all "
-                                  "there can be: delete() it first (velmar_2d.current() is it)")
-        _core.delete_mesh()  # one whose owner could not
-        try:
-            _core.make_mesh((west, east, south, north), nx, operator.index(ny),
-                            operator.index(subdiv_max), operator.index(n_cell_data), kinds,
-                            vectorised)
-        except BaseException:
-            _core.delete_mesh()
-            raise
-        self._alive = True
+        self._kinds = links.kinds_of_sides(bc_type), vectorised
+        _require_room(sides, nx, ny, n_cell_data)
+        self._core = _core.make_mesh(sides, nx, ny, subdiv_max, n_cell_data, *self._kinds)
         self._nodes: Nodes | None = None
-        self._data_version = 0
-        _current = weakref.ref(self)
 
     # ---------------------------------------------------------------------------------------------
     # Life
@@ -98,35 +81,27 @@ class Mesh:
     @property
     def is_alive(self) -> bool:
         """Whether the mesh has not been deleted."""
-        return self._alive
+        return self._core.is_alive()
 
     def delete(self) -> None:
         """Deletes the mesh. Arrays that were taken from it stay. Does nothing the second time."""
-        if self._alive:
-            _core.delete_mesh()
-            self._alive = False
+        self._core.delete()
+        self._kinds = links.kinds_of_sides(None), False
 
     def __enter__(self) -> Mesh:
-        self._require_alive()
+        self._core.revision()  # raises where the mesh has been deleted
         return self
 
     def __exit__(self, *error: object) -> None:
         self.delete()
 
-    def __del__(self) -> None:
-        try:
-            self.delete()
-        except Exception:  # in use, or the interpreter ends: the next mesh, or its end, sees to it
-            pass
+    def __reduce_ex__(self, protocol: Any) -> NoReturn:
+        raise TypeError("a velmar_2d.Mesh cannot be copied or pickled")
 
     def __repr__(self) -> str:
-        if not self._alive:
+        if not self.is_alive:
             return "<velmar_2d.Mesh: deleted>"
         return f"<velmar_2d.Mesh: {len(self)} nodes, rectangle {self.rectangle}>"
-
-    def _require_alive(self) -> None:
-        if not self._alive:
-            raise _core.MeshError("velmar_2d: this mesh has been deleted")
 
     # ---------------------------------------------------------------------------------------------
     # What it is
@@ -134,56 +109,46 @@ class Mesh:
 
     def __len__(self) -> int:
         """Number of nodes."""
-        self._require_alive()
-        return _core.nb_nodes()
+        return self._core.nb_nodes()
 
     @property
     def rectangle(self) -> tuple[float, float, float, float]:
-        """(west, east, south, north), the north side as it may have been moved."""
-        self._require_alive()
-        west, east, south, north = _core.rectangle()
+        """(west, east, south, north); its height is a whole number of squares to the last bit."""
+        west, east, south, north = self._core.rectangle()
         return west, east, south, north
 
     @property
     def dist_0(self) -> float:
         """Spacing of the first grid."""
-        self._require_alive()
-        return _core.dist_0()
+        return self._core.dist_0()
 
     @property
     def n_cell_data(self) -> int:
         """Data values of each node."""
-        self._require_alive()
-        return _core.n_cell_data()
+        return self._core.n_cell_data()
 
     @property
     def revision(self) -> int:
         """Grows whenever a node comes or goes; never falls."""
-        self._require_alive()
-        return _core.revision()
+        return self._core.revision()
 
     @property
     def subdiv_max(self) -> int:
         """The limit of subdivision. Lowering it removes the nodes above it, raising it none."""
-        self._require_alive()
-        return _core.subdiv_max()
+        return self._core.subdiv_max()
 
     @subdiv_max.setter
     def subdiv_max(self, limit: int) -> None:
-        self._require_alive()
-        if operator.index(limit) < 0:
+        limit = _not_absurd("subdiv_max", limit)
+        if limit < 0:
             raise ValueError(f"subdiv_max is {limit}; it must not be negative")
-        try:
-            _core.set_subdiv_max(limit)
-        finally:
-            self._data_version += 1
+        self._core.set_subdiv_max(limit, *self._kinds)
 
     @property
     def nodes(self) -> Nodes:
         """The nodes as numpy arrays; the same object until nodes come or go."""
-        self._require_alive()
         if self._nodes is None or not self._nodes.is_current:
-            self._nodes = Nodes(self, _core.revision())
+            self._nodes = Nodes(self._core)
         return self._nodes
 
     # ---------------------------------------------------------------------------------------------
@@ -207,7 +172,6 @@ class Mesh:
         Both ways lead to the same mesh; the vectorised one is many times faster. An exception of a
         callable leaves the mesh whole, with part of the update done.
         """
-        self._require_alive()
         if isinstance(size, numbers.Real):
             spacing = float(size)
             size = lambda *_: spacing  # noqa: E731
@@ -215,25 +179,18 @@ class Mesh:
         for name, function in (("size", size), ("init_data", init_data)):
             if not callable(function) and not (function is None and name == "init_data"):
                 raise TypeError(f"{name} must be callable, not {type(function).__name__}")
-        try:
-            _core.update(size, init_data, vectorised,
-                         vectorised if init_vectorised is None else init_vectorised)
-        finally:
-            self._data_version += 1
+        self._core.update(size, init_data, vectorised,
+                          vectorised if init_vectorised is None else init_vectorised, *self._kinds)
         return self.statistics
 
     @property
     def statistics(self) -> UpdateStatistics:
         """What the last update did."""
-        return UpdateStatistics(**_core.statistics())
+        return UpdateStatistics(**self._core.statistics())
 
     def gradient(self) -> NDArray[np.float64]:
         """(n, 2): the gradient of data[:, 0] at every node; nodes.grad and nodes.grad2 follow."""
-        self._require_alive()
-        try:
-            return np.stack(_core.gradient(), axis=1)
-        finally:
-            self._data_version += 1
+        return np.stack(self._core.gradient(), axis=1)
 
     # ---------------------------------------------------------------------------------------------
     # Looking and using
@@ -241,8 +198,7 @@ class Mesh:
 
     def check(self) -> list[Finding]:
         """Checks every rule of a whole mesh; an empty list says that all hold."""
-        self._require_alive()
-        return [Finding(*found) for found in _core.findings()]
+        return [Finding(*found) for found in self._core.findings()]
 
     def write_vtu(self, path: str | os.PathLike[str], *, cells: str = "triangles",
                   ascii: bool = False, data_names: Sequence[str] = ()) -> None:
@@ -250,12 +206,11 @@ class Mesh:
 
         Raises OSError with the path and the reason where the file cannot be written.
         """
-        self._require_alive()
         if cells not in ("triangles", "control_cells"):
             raise ValueError(f"cells is {cells!r}; it must be 'triangles' or 'control_cells'")
         if not _core.has_io:
             raise _core.MeshError("velmar_2d was built without pugixml: no .vtu files")
-        _core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
+        self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
              colorbar: bool = True, cmap: Any = None, **style: Any) -> Any:
@@ -266,8 +221,8 @@ class Mesh:
                   links and cells also take a colour of matplotlib, such as "black"
         style     goes to the collection that is drawn (linewidths, vmin, vmax, alpha ...)
         """
-        from .plotting import plot
-        return plot(self, what, colour, ax=ax, colorbar=colorbar, cmap=cmap, **style)
+        return plot(self.nodes, self.rectangle, what, colour, ax=ax, colorbar=colorbar, cmap=cmap,
+                    **style)
 
     def to_scipy_laplacian(self, conductivity: Any = None, *, per_area: bool = True) -> Any:
         """The Laplacian of finite volumes on the control cells, as a scipy.sparse.csr_matrix.
@@ -278,7 +233,6 @@ class Mesh:
 
         conductivity    one number, or one for each node; faces take the harmonic mean
         """
-        from .matrices import laplacian
         return laplacian(self.nodes, conductivity, per_area)
 
 
@@ -291,9 +245,33 @@ def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, floa
     return west, east, south, north
 
 
-def _fitting_ny(west: float, east: float, south: float, north: float, nx: int) -> int:
-    """The number of rows whose squares come nearest to the height."""
-    if nx < 2 or not east > west or not north > south:
-        return 2  # refused by the library, in its own words
-    rows = (north - south) / (east - west) * (nx - 1)
-    return max(2, round(rows) + 1) if math.isfinite(rows) else 2
+def _not_absurd(name: str, value: int) -> int:
+    number = operator.index(value)
+    if abs(number) >= 2**31:
+        raise ValueError(f"{name} is {number}, beyond any use")
+    return number
+
+
+def _require_room(sides: tuple[float, float, float, float], nx: int, ny: int,
+                  n_cell_data: int) -> None:
+    """Raises MeshError where a grid has more nodes than can be numbered or held in memory."""
+    west, east, south, north = sides
+    if ny == 0 and 2 <= nx <= _MOST_NODES and east > west and north > south:
+        rows = (north - south) / (east - west) * (nx - 1)
+        ny = round(min(rows, _MOST_NODES)) + 1 if math.isfinite(rows) else 0
+    nodes = max(nx, 1) * max(ny, 1)
+    if nodes > _MOST_NODES:
+        raise _core.MeshError(f"velmar_2d: {nx} x {ny} nodes are too many: at most {_MOST_NODES} "
+                              "can be numbered")
+    bytes_of_node = _core.bytes_of_node + (8 * n_cell_data if n_cell_data > 1 else 0)
+    memory = _memory_of_machine()
+    if memory is not None and nodes * bytes_of_node > memory:
+        raise _core.MeshError(f"velmar_2d: {nx} x {ny} nodes of {bytes_of_node} bytes are more than "
+                              f"the memory of this machine holds, {memory} bytes")
+
+
+def _memory_of_machine() -> int | None:
+    try:
+        return os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
+    except (AttributeError, ValueError, OSError):
+        return None  # a system that does not tell

@@ -1,15 +1,12 @@
 """The nodes of one revision of the mesh, as numpy arrays."""
 from __future__ import annotations
 
-from typing import TYPE_CHECKING, Any, Callable, NamedTuple
+from typing import Any, Callable, NamedTuple
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core
-
-if TYPE_CHECKING:
-    from .mesh import Mesh
 
 Floats = NDArray[np.float64]
 Ints = NDArray[np.int32]
@@ -60,12 +57,13 @@ class Nodes:
     Each field is copied out of the mesh when it is first read, and kept. The arrays are read-only
     and stay what they are when the mesh moves on; then `is_current` is False, fields that were not
     read before raise MeshError, and so does writing data. Get the new ones from `mesh.nodes`.
+    They keep what they are copied from alive until it is deleted, though not the Mesh.
     """
 
-    def __init__(self, mesh: Mesh, revision: int) -> None:
-        self._mesh = mesh
-        self._revision = revision
-        self._count = _core.nb_nodes()
+    def __init__(self, core: _core.Mesh) -> None:
+        self._core = core
+        self._revision = core.revision()
+        self._count = core.nb_nodes()
         self._fields: dict[str, Any] = {}
         self._values: dict[str, Any] = {}
         self._values_version = -1
@@ -78,7 +76,7 @@ class Nodes:
     @property
     def is_current(self) -> bool:
         """Whether the mesh still has just these nodes."""
-        return self._mesh.is_alive and _core.revision() == self._revision
+        return self._core.is_alive() and self._core.revision() == self._revision
 
     def __len__(self) -> int:
         return self._count
@@ -94,7 +92,7 @@ class Nodes:
     @property
     def positions(self) -> Floats:
         """(n, 2): x and y."""
-        return self._field("positions", _core.positions)
+        return self._field("positions", self._core.positions)
 
     @property
     def x(self) -> Floats:
@@ -107,29 +105,29 @@ class Nodes:
         return self.positions[:, 1]
 
     @property
-    def ids(self) -> Ints:
-        """(n,): unique while the process lives, ascending in the order of creation."""
-        return self._field("ids", _core.ids)
+    def ids(self) -> NDArray[np.int64]:
+        """(n,): unique among all nodes that the mesh has had, ascending in the order of creation."""
+        return self._field("ids", self._core.ids)
 
     @property
     def levels(self) -> Ints:
         """(n,): level L stands for the spacing dist_0 / 2**(L / 2)."""
-        return self._field("levels", _core.levels)
+        return self._field("levels", self._core.levels)
 
     @property
     def ipos(self) -> Ints:
         """(n,): the level at which a node at this position is first created."""
-        return self._field("ipos", _core.ipos)
+        return self._field("ipos", self._core.ipos)
 
     @property
     def on_boundary(self) -> Ints:
         """(n,): 0 inside, 1 on a side, 2 at a corner of the domain."""
-        return self._field("on_boundary", _core.on_boundary)
+        return self._field("on_boundary", self._core.on_boundary)
 
     @property
     def known(self) -> NDArray[np.bool_]:
         """(n,): whether a Dirichlet condition prescribes the data of the node."""
-        return self._field("known", _core.known)
+        return self._field("known", self._core.known)
 
     # ---------------------------------------------------------------------------------------------
     # How they are linked
@@ -139,14 +137,14 @@ class Nodes:
     def links(self) -> Ints:
         """(n, 8): index of the node linked to the n, ne, e, se, s, sw, w and nw, or a negative code
         for a side or for nothing (see velmar_2d.side_of and NO_LINK)."""
-        return self._field("links", _core.links)
+        return self._field("links", self._core.links)
 
     @property
     def triangles(self) -> Ints:
         """(m, 3): indices of the corners, anticlockwise; the triangles fill the domain."""
         if not _core.has_io:
             raise _core.MeshError("velmar_2d was built without pugixml: no triangles")
-        return self._field("triangles", _core.triangles)
+        return self._field("triangles", self._core.triangles)
 
     # ---------------------------------------------------------------------------------------------
     # Control cells
@@ -155,17 +153,17 @@ class Nodes:
     @property
     def areas(self) -> Floats:
         """(n,): areas of the control cells; they sum to that of the domain."""
-        return self._field("areas", _core.areas)
+        return self._field("areas", self._core.areas)
 
     @property
     def faces(self) -> Faces:
         """The faces between the control cells."""
-        return self._field("faces", lambda: Faces(*map(_locked, _core.faces())))
+        return self._field("faces", lambda: Faces(*map(_locked, self._core.faces())))
 
     @property
     def polygons(self) -> Polygons:
         """The control cells as polygons."""
-        return self._field("polygons", lambda: Polygons(*map(_locked, _core.polygons())))
+        return self._field("polygons", lambda: Polygons(*map(_locked, self._core.polygons())))
 
     # ---------------------------------------------------------------------------------------------
     # What they hold
@@ -174,17 +172,17 @@ class Nodes:
     @property
     def data(self) -> Floats:
         """(n, k): the data values as they are now; after write_data() this is another array."""
-        return self._value("data", _core.data)
+        return self._value("data", self._core.data)
 
     @property
     def grad(self) -> Floats:
         """(n,): norm of the gradient of data[:, 0], as the last update or gradient() left it."""
-        return self._value("grad", _core.grad)
+        return self._value("grad", self._core.grad)
 
     @property
     def grad2(self) -> Floats:
         """(n,): norm of the Hessian of data[:, 0], as the last update or gradient() left it."""
-        return self._value("grad2", _core.grad2)
+        return self._value("grad2", self._core.grad2)
 
     def write_data(self, values: ArrayLike, column: int | None = None) -> None:
         """Writes the data of all nodes into the mesh.
@@ -192,7 +190,7 @@ class Nodes:
         values: shape (n, k); or (n,) for one column, which is `column` or the only one there is.
         Raises MeshError, and writes nothing, where the mesh has other nodes by now.
         """
-        k = self._mesh.n_cell_data
+        k = self._core.n_cell_data()
         array = np.asarray(values, dtype=np.float64, order="C")
         if column is None and array.ndim == 1 and k == 1:
             column = 0
@@ -205,10 +203,8 @@ class Nodes:
         if array.shape != expected:
             raise ValueError(f"data of shape {array.shape} were given; "
                              f"{len(self)} nodes of {k} values need {expected}")
-        self._mesh._require_alive()
         first = 0 if column is None else column % k
-        _core.write_data(array.reshape(len(self), -1) if k else array, first, self._revision)
-        self._mesh._data_version += 1
+        self._core.write_data(array.reshape(len(self), -1) if k else array, first, self._revision)
 
     # ---------------------------------------------------------------------------------------------
 
@@ -221,20 +217,20 @@ class Nodes:
 
     def _value(self, name: str, read: Callable[[], Any]) -> Any:
         """A field that is written in between."""
-        if self.is_current and self._values_version != self._mesh._data_version:
+        if self.is_current and self._values_version != self._core.data_version():
             self._values = {}
-            self._values_version = self._mesh._data_version
+            self._values_version = self._core.data_version()
         if name not in self._values:
             self._require_current(name)
             self._values[name] = _locked(read())
         return self._values[name]
 
     def _require_current(self, name: str) -> None:
-        self._mesh._require_alive()
-        if _core.revision() != self._revision:
+        revision = self._core.revision()
+        if revision != self._revision:
             raise _core.MeshError(
                 f"velmar_2d: {name} of revision {self._revision} cannot be read any more: the mesh "
-                f"is at revision {_core.revision()}; use mesh.nodes")
+                f"is at revision {revision}; use mesh.nodes")
 
 
 def _locked(array: Any) -> Any:

@@ -1,19 +1,16 @@
 """Pictures with matplotlib."""
 from __future__ import annotations
 
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 import numpy as np
 
 from . import _core
-
-if TYPE_CHECKING:
-    from .mesh import Mesh
-    from .nodes import Nodes
+from .nodes import Nodes
 
 
-def plot(mesh: Mesh, what: str, colour: Any, *, ax: Any, colorbar: bool, cmap: Any,
-         **style: Any) -> Any:
+def plot(nodes: Nodes, rectangle: tuple[float, float, float, float], what: str, colour: Any, *,
+         ax: Any, colorbar: bool, cmap: Any, **style: Any) -> Any:
     """See Mesh.plot()."""
     draw = {"links": _links, "cells": _cells, "field": _field}.get(what)
     if draw is None:
@@ -22,15 +19,15 @@ def plot(mesh: Mesh, what: str, colour: Any, *, ax: Any, colorbar: bool, cmap: A
         from matplotlib import pyplot
     except ImportError as error:
         raise ImportError("plot() needs matplotlib (Debian: python3-matplotlib)") from error
-    values, label = _colours(mesh.nodes, colour)
+    values, label = _colours(nodes, colour)
     if values is None and what == "field":
         raise ValueError(f"a field cannot be drawn in the one colour {colour!r}; give values")
     if ax is None:
         ax = pyplot.figure().add_subplot()
     if cmap is not None:
         style["cmap"] = cmap
-    drawn = draw(mesh.nodes, values, colour, ax, style)
-    west, east, south, north = mesh.rectangle
+    drawn = draw(nodes, values, colour, ax, style)
+    west, east, south, north = rectangle
     ax.set_xlim(west, east)
     ax.set_ylim(south, north)
     ax.set_aspect("equal")

@@ -1,5 +1,4 @@
-"""Every test starts and ends without a mesh."""
-import gc
+"""What the tests share."""
 import os
 
 os.environ.setdefault("MPLBACKEND", "Agg")
@@ -8,15 +7,6 @@ import numpy as np
 import pytest
 
 import velmar_2d
-
-
-@pytest.fixture(autouse=True)
-def no_mesh():
-    yield
-    gc.collect()
-    left = velmar_2d.current()
-    if left is not None:
-        left.delete()
 
 
 def ring(x0, finest, coarsest, slope=0.2):

@@ -22,7 +22,7 @@ def test_links_lead_where_they_point_and_back(adapted):
         reach = np.abs(way).max(axis=1, keepdims=True)
         np.testing.assert_allclose(way / reach, np.broadcast_to(AWAY[d], way.shape), atol=1e-12)
         assert (nodes.links[there[linked], (d + 4) % 8] == linked).all()
-    assert len(np.unique(nodes.ids)) == len(adapted)
+    assert len(np.unique(nodes.ids)) == len(adapted) and nodes.ids.dtype == np.int64
     assert (np.diff(nodes.ipos) >= 0).all() and (nodes.levels <= adapted.subdiv_max).all()
 
 

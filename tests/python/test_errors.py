@@ -1,9 +1,11 @@
 """What goes wrong is said in full, leaves a whole mesh, and stops nobody."""
 import logging
+import math
+import os
+import resource
 import subprocess
 import sys
 import textwrap
-import threading
 
 import numpy as np
 import pytest
@@ -16,17 +18,17 @@ def refused(text, **options):
     with pytest.raises(MeshError) as error:
         Mesh(**options)
     assert text in str(error.value)
-    assert velmar_2d.current() is None
 
 
-def test_fatal_messages_arrive_whole_and_the_next_mesh_can_be_made():
-    refused("(velmar_2D/init_mesh:) ERROR: bad arg 'nx' or 'ny'\n"
-            "                       mesh must have at least four elements !", nx=1, ny=5)
-    refused("interval width must be positive!", rectangle=(1, 0, 0, 1), ny=3)
-    refused("interval width must be positive!", rectangle=(0, np.nan, 0, 1))
+def test_mistakes_are_refused_with_the_whole_text():
+    refused("nx and ny must be at least 2, not 1 and 5", nx=1, ny=5)
+    refused("must have a width and a height above 0", rectangle=(1, 0, 0, 1), ny=3)
+    refused("must have a width and a height above 0", rectangle=(0, np.nan, 0, 1))
     refused("arg 'subdiv_max' < 0 !", subdiv_max=-1)
-    with Mesh(nx=5) as mesh:
-        assert len(mesh) == 25 and mesh.check() == []
+    refused("the height 3 is not 4 squares of width 1; 4 would be", rectangle=(0, 4, 0, 3), nx=5, ny=5)
+    refused("a whole number of squares", rectangle=(0, 1, 0, 0.72), nx=5)
+    with Mesh((0, 1, 0, 0.75), nx=5) as mesh:
+        assert len(mesh) == 20 and mesh.check() == []
     # Second derivatives need more than two rows: found out in the middle of an update.
     with Mesh(nx=2, ny=2) as mesh:
         with pytest.raises(MeshError, match="compute_data_at_node: internal error"):
@@ -34,22 +36,34 @@ def test_fatal_messages_arrive_whole_and_the_next_mesh_can_be_made():
         assert mesh.check() == []
 
 
-def test_one_mesh_at_a_time():
+def test_grids_beyond_memory_or_numbers_are_refused_at_once():
+    memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
+    edge = math.isqrt(memory // 200) + 2  # a node alone takes more than 200 bytes
+    before = resource.getrlimit(resource.RLIMIT_AS)
+    with open("/proc/self/statm") as file:
+        now = int(file.read().split()[0]) * os.sysconf("SC_PAGE_SIZE")
+    resource.setrlimit(resource.RLIMIT_AS, (now + int(2e8), before[1]))  # who tries is stopped
+    try:
+        for options in (dict(nx=edge), dict(nx=edge, ny=edge), dict(nx=50_000), dict(nx=10**30),
+                        dict(nx=9, n_cell_data=2**31 - 1), dict(rectangle=(0, 1, 0, 1e300))):
+            refused("nodes", **options)
+    finally:
+        resource.setrlimit(resource.RLIMIT_AS, before)
+    for absurd in (dict(subdiv_max=2**31), dict(n_cell_data=2**40)):
+        with pytest.raises(ValueError, match="beyond any use"):
+            Mesh(**absurd)
+
+
+def test_a_deleted_mesh_refuses_everything():
     mesh = Mesh(nx=3)
-    assert velmar_2d.current() is mesh
-    with pytest.raises(MeshError, match="one at a time"):
-        Mesh(nx=4)
-    assert len(mesh) == 9
     mesh.delete()
     mesh.delete()
-    assert velmar_2d.current() is None and "deleted" in repr(mesh)
+    assert not mesh.is_alive and "deleted" in repr(mesh)
     for use in (lambda: len(mesh), lambda: mesh.nodes, lambda: mesh.update(1.0), mesh.check,
-                lambda: mesh.subdiv_max, mesh.gradient, lambda: mesh.write_vtu("x.vtu")):
+                lambda: mesh.subdiv_max, mesh.gradient, lambda: mesh.write_vtu("x.vtu"),
+                mesh.__enter__, lambda: setattr(mesh, "subdiv_max", 3)):
         with pytest.raises(MeshError, match="deleted"):
             use()
-    mesh = Mesh(nx=4)  # letting go of a mesh deletes it
-    del mesh
-    assert len(Mesh(nx=3)) == 9
 
 
 @pytest.mark.parametrize("vectorised", [True, False])
@@ -109,7 +123,7 @@ def test_results_of_callables_are_checked():
             Mesh(**options)
 
 
-def test_callables_and_threads_cannot_come_back_in():
+def test_callables_cannot_come_back_in():
     with Mesh(nx=5, subdiv_max=8) as mesh:
         mesh.nodes.positions
         for intrude in (lambda: mesh.update(1.0), lambda: mesh.nodes.links, mesh.delete, mesh.check,
@@ -120,35 +134,17 @@ def test_callables_and_threads_cannot_come_back_in():
             with pytest.raises(MeshError, match="in use"):
                 mesh.update(size)
             assert len(mesh) == 25
-
-        caught = []
-
-        def from_elsewhere():
-            try:
-                mesh.update(0.1)
-            except MeshError as error:
-                caught.append(str(error))
-
-        def waiting(*_):
-            thread = threading.Thread(target=from_elsewhere)
-            thread.start()
-            thread.join()
-            return 0.1
-        mesh.update(waiting)
-        assert caught and all("another thread" in text for text in caught)
         assert mesh.check() == []
 
 
-def test_messages_go_to_logging_and_nothing_waits(caplog, capfd):
+def test_warnings_go_to_logging_and_nothing_waits(caplog, capfd):
     caplog.set_level(logging.INFO, logger="velmar_2d")
-    with Mesh((0, 4, 0, 3), nx=5, ny=5) as mesh:
-        assert mesh.rectangle == (0.0, 4.0, 0.0, 4.0)
-        with pytest.raises(MeshError):
-            Mesh(nx=3)
-    moved = [r for r in caplog.records if "squared" in r.message or "new y_max = 4" in r.message]
-    assert len(moved) == 2 and all(r.levelno == logging.WARNING for r in moved)
-    assert caplog.records[-1].getMessage() == " nb of deallocated nodes: 25"
-    assert caplog.records[-1].levelno == logging.INFO
+    with Mesh(nx=3, subdiv_max=0):
+        pass
+    with pytest.raises(MeshError):
+        Mesh(nx=1)
+    assert [r.levelno for r in caplog.records] == [logging.WARNING]
+    assert "cannot be refined" in caplog.records[0].getMessage()
     assert capfd.readouterr() == ("", "")
 
 

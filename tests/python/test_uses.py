@@ -1,7 +1,10 @@
 """Pictures, files, matrices; and that what is documented and declared is what is there."""
 import ast
+import contextlib
+import graphlib
 import inspect
 import pathlib
+import re
 
 import matplotlib.pyplot as pyplot
 import meshio
@@ -122,21 +125,40 @@ def test_everything_public_is_documented():
 def test_stubs_declare_what_is_there():
     folder = pathlib.Path(velmar_2d.__file__).parent
     assert (folder / "py.typed").exists()
-    declared = {}
-    for node in ast.parse((folder / "_core.pyi").read_text()).body:
-        if isinstance(node, ast.FunctionDef):
-            declared[node.name] = [a.arg for a in node.args.args]
-        elif isinstance(node, ast.ClassDef):
-            declared[node.name] = None
-        elif isinstance(node, ast.AnnAssign):
-            declared[node.target.id] = None
-    there = {name for name in vars(_core) if not name.startswith("__")}
-    assert set(declared) == there
-    for name, arguments in declared.items():
-        if arguments is None:
-            continue
-        signature = getattr(_core, name).__doc__.split("\n")[0]
-        inside = signature[signature.index("(") + 1:signature.rindex(") ->")]
-        for argument in arguments:
-            assert f"{argument}:" in inside or f"arg0:" in inside, signature
-        assert inside.count(":") >= len(arguments), signature
+
+    def compare(declarations, there):
+        declared = {getattr(d, "name", None) or d.target.id: d for d in declarations
+                    if isinstance(d, (ast.FunctionDef, ast.ClassDef, ast.AnnAssign))}
+        assert set(declared) == {name for name in vars(there) if not name.startswith("_")}
+        for name, declaration in declared.items():
+            if isinstance(declaration, ast.ClassDef):
+                compare(declaration.body, getattr(there, name))
+            if not isinstance(declaration, ast.FunctionDef):
+                continue
+            signature = getattr(there, name).__doc__.split("\n")[0]
+            inside = signature[signature.index("(") + 1:signature.rindex(") ->")]
+            taken = re.findall(r"(\w+): ", inside)
+            arguments = [a.arg for a in declaration.args.args]
+            # Those without a name are self, or all there are.
+            assert len(taken) == len(arguments), signature
+            assert all(t in (a, "self", "arg0") for t, a in zip(taken, arguments)), signature
+
+    compare(ast.parse((folder / "_core.pyi").read_text()).body, _core)
+
+
+def test_modules_import_one_another_in_one_direction_only():
+    folder = pathlib.Path(velmar_2d.__file__).parent
+    imports = {}
+    for file in folder.glob("*.py"):
+        found = imports[file.stem] = set()
+        for node in ast.walk(ast.parse(file.read_text())):
+            if isinstance(node, ast.ImportFrom) and node.level == 1:
+                found.update([node.module] if node.module else [a.name for a in node.names])
+            elif isinstance(node, (ast.Import, ast.ImportFrom)):
+                names = [node.module] if isinstance(node, ast.ImportFrom) else [a.name for a in node.names]
+                assert not any(name.startswith("velmar_2d") for name in names), file
+    assert len(imports["mesh"]) >= 4
+    order = []
+    with contextlib.suppress(graphlib.CycleError):
+        order = list(graphlib.TopologicalSorter(imports).static_order())
+    assert order and order[-1] == "__init__", imports
