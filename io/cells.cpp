@@ -10,11 +10,18 @@ namespace {
 
 constexpr std::int32_t first_side_type = 11, first_corner_type = 31;
 
-std::int32_t type_of(const Cell& node) {
-  Cell copy = node;  // classifying keeps what it finds, and a picture changes nothing
-  std::int32_t type = 0, shift = 0;
-  cell_type(&copy, type, shift);
-  return type;
+/// Classifying keeps what it finds in the node, and a picture changes nothing: it is shown a node
+/// with the same level and links, and without what other threads may be noting meanwhile.
+std::int32_t type_of(const Mesh& mesh, const Cell& node) {
+  Cell copy;
+  copy.id = node.id;
+  copy.x = node.x, copy.y = node.y;
+  copy.level = node.level;
+  copy.n = node.n, copy.ne = node.ne, copy.e = node.e, copy.se = node.se;
+  copy.s = node.s, copy.sw = node.sw, copy.w = node.w, copy.nw = node.nw;
+  copy.nl = node.nl, copy.nel = node.nel, copy.el = node.el, copy.sel = node.sel;
+  copy.sl = node.sl, copy.swl = node.swl, copy.wl = node.wl, copy.nwl = node.nwl;
+  return mesh.shape(copy).type;
 }
 
 double place_on_scale(double value, const std::array<double, 2>& range) {
@@ -41,30 +48,27 @@ std::array<double, 2> value_range(const Survey& survey, const PictureOptions& op
 
 void draw_cells(cairo_t* pen, const Survey& survey, const View& view,
                 const PictureOptions& options) {
+  const Mesh& mesh = *survey.mesh;
   const std::array<double, 2> range = value_range(survey, options);
   const auto colour_of = [&](const Cell& node) {
     switch (options.cells) {
-      case CellColour::type: return colour_of_cell_type(type_of(node));
+      case CellColour::type: return colour_of_cell_type(type_of(mesh, node));
       case CellColour::level: return colour_of_level(survey, node.level);
-      default: return on_scale(place_on_scale(node.data.empty() ? 0.0 : node.data[0], range));
+      default: return on_scale(place_on_scale(first_value(node), range));
     }
   };
-  std::array<Point, max_cell_corners> corners;
-  std::int32_t n = 0;
   cairo_set_line_join(pen, CAIRO_LINE_JOIN_ROUND);
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    cell_polygon(node, corners, n);
+  for (const Cell& node : mesh.nodes()) {
     cairo_new_path(pen);
-    for (std::int32_t i = 0; i < n; ++i) {
-      const Point& corner = corners[static_cast<std::size_t>(i)];
+    for (const Point& corner : mesh.polygon(node)) {
       cairo_line_to(pen, view.column(corner.x), view.row(corner.y));
     }
     cairo_close_path(pen);
-    const Colour colour = colour_of(*node);
+    const Colour colour = colour_of(node);
     set_colour(pen, colour);
     cairo_fill_preserve(pen);
     // A stroke in the cell's own colour covers the pale seam between two fills.
-    const bool edges = spacing_of_level(node->level) * view.scale >= smallest_with_edges;
+    const bool edges = mesh.spacing_of_level(node.level) * view.scale >= smallest_with_edges;
     if (edges) set_colour(pen, palette::paper, 0.75);
     cairo_set_line_width(pen, edges ? 0.8 : 0.3);
     cairo_stroke(pen);

@@ -14,16 +14,15 @@ namespace {
 // Reading the mesh
 // ---------------------------------------------------------------------------------------------
 
-// Clockwise from north, an eighth turn apart; the second half is opposite to the first.
-constexpr std::array<NeighbourLink Cell::*, 8> links_of_node = {
-    &Cell::n, &Cell::ne, &Cell::e, &Cell::se, &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
-constexpr std::size_t half_turn = 4;
+/// Each link has one end from which it leads in one of these; the other ends see the opposite.
+constexpr std::array<Direction, 4> half_of_directions = {Direction::north, Direction::north_east,
+                                                         Direction::east, Direction::south_east};
 
 /// The next node in a direction, if both agree that they are linked.
-const Cell* neighbour(const Cell& node, std::size_t direction) {
-  const Cell* other = (node.*links_of_node[direction]).cell();
+const Cell* neighbour(const Cell& node, Direction direction) {
+  const Cell* other = link(node, direction).cell();
   if (other == nullptr) return nullptr;
-  return (other->*links_of_node[(direction + half_turn) % 8]).cell() == &node ? other : nullptr;
+  return link(*other, opposite(direction)).cell() == &node ? other : nullptr;
 }
 
 constexpr std::size_t nb_levels = 64, nb_lengths = 64;
@@ -33,12 +32,12 @@ std::size_t level_index(const Cell& node) {
 }
 
 /// Links are dist_0 / 2^(k/2) long: k is what this returns.
-std::size_t length_index(const Cell& a, const Cell& b) {
+std::size_t length_index(double dist_0, const Cell& a, const Cell& b) {
   const double halvings = 2.0 * std::log2(dist_0 / std::hypot(a.x - b.x, a.y - b.y));
   return static_cast<std::size_t>(std::clamp(std::lround(halvings), 0L, long{nb_lengths} - 1));
 }
 
-double length_of_index(std::size_t length) {
+double length_of_index(double dist_0, std::size_t length) {
   return dist_0 * std::exp2(-0.5 * static_cast<double>(length));
 }
 
@@ -53,10 +52,11 @@ using Lots = std::vector<std::vector<Shape>>;
 
 /// Walks the lots from coarse to fine, so that the fine ones lie on top.
 template <typename Shape, typename Draw>
-void for_each_lot(const Lots<Shape>& lots, const Draw& draw) {
+void for_each_lot(double dist_0, const Lots<Shape>& lots, const Draw& draw) {
   for (std::size_t lot = 0; lot < nb_lots; ++lot) {
     if (lots[lot].empty()) continue;
-    draw(lots[lot], static_cast<std::int32_t>(lot / nb_lengths), length_of_index(lot % nb_lengths));
+    draw(lots[lot], static_cast<std::int32_t>(lot / nb_lengths),
+         length_of_index(dist_0, lot % nb_lengths));
   }
 }
 
@@ -64,41 +64,45 @@ struct Line {
   const Cell *from, *to;
 };
 
-std::size_t lot_of_link(const Cell& a, const Cell& b) {
-  return std::max(level_index(a), level_index(b)) * nb_lengths + length_index(a, b);
+std::size_t lot_of_link(double dist_0, const Cell& a, const Cell& b) {
+  return std::max(level_index(a), level_index(b)) * nb_lengths + length_index(dist_0, a, b);
 }
 
 /// Links of one lot that follow one another become one line: several times fewer strokes.
-Lots<Line> gather_lines() {
+Lots<Line> gather_lines(const Mesh& mesh) {
   Lots<Line> lots(nb_lots);
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    for (std::size_t direction = 0; direction < half_turn; ++direction) {
-      const Cell* ahead = neighbour(*node, direction);
+  const double dist_0 = mesh.dist_0();
+  for (const Cell& node : mesh.nodes()) {
+    for (const Direction direction : half_of_directions) {
+      const Cell* ahead = neighbour(node, direction);
       if (ahead == nullptr) continue;
-      const std::size_t lot = lot_of_link(*node, *ahead);
-      const Cell* behind = neighbour(*node, direction + half_turn);
-      if (behind != nullptr && lot_of_link(*behind, *node) == lot) continue;  // began earlier
+      const std::size_t lot = lot_of_link(dist_0, node, *ahead);
+      const Cell* behind = neighbour(node, opposite(direction));
+      if (behind != nullptr && lot_of_link(dist_0, *behind, node) == lot)
+        continue;  // began earlier
       const Cell* end = ahead;
       for (const Cell* more = neighbour(*end, direction);
-           more != nullptr && lot_of_link(*end, *more) == lot; more = neighbour(*end, direction)) {
+           more != nullptr && lot_of_link(dist_0, *end, *more) == lot;
+           more = neighbour(*end, direction)) {
         end = more;
       }
-      lots[lot].push_back({node, end});
+      lots[lot].push_back({&node, end});
     }
   }
   return lots;
 }
 
 /// Dots are as large as the shortest link of their node allows.
-Lots<const Cell*> gather_dots() {
+Lots<const Cell*> gather_dots(const Mesh& mesh) {
   Lots<const Cell*> lots(nb_lots);
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
+  const double dist_0 = mesh.dist_0();
+  for (const Cell& node : mesh.nodes()) {
     std::size_t shortest = 0;
-    for (std::size_t direction = 0; direction < links_of_node.size(); ++direction) {
-      const Cell* other = neighbour(*node, direction);
-      if (other != nullptr) shortest = std::max(shortest, length_index(*node, *other));
+    for (const Direction direction : directions) {
+      const Cell* other = neighbour(node, direction);
+      if (other != nullptr) shortest = std::max(shortest, length_index(dist_0, node, *other));
     }
-    lots[level_index(*node) * nb_lengths + shortest].push_back(node);
+    lots[level_index(node) * nb_lengths + shortest].push_back(&node);
   }
   return lots;
 }
@@ -141,7 +145,7 @@ void draw_background(cairo_t* pen, const View& view, const Background& backgroun
 
 void draw_links(cairo_t* pen, const Survey& survey, const View& view) {
   cairo_set_line_cap(pen, CAIRO_LINE_CAP_BUTT);
-  for_each_lot(gather_lines(),
+  for_each_lot(survey.mesh->dist_0(), gather_lines(*survey.mesh),
                [&](const std::vector<Line>& lines, std::int32_t level, double length) {
                  cairo_set_line_width(pen, std::clamp(0.2 + 0.1 * length * view.scale, 0.1, 1.0));
                  set_colour(pen, colour_of_level(survey, level), 0.8);
@@ -157,7 +161,7 @@ void draw_links(cairo_t* pen, const Survey& survey, const View& view) {
 
 void draw_nodes(cairo_t* pen, const Survey& survey, const View& view) {
   cairo_set_line_cap(pen, CAIRO_LINE_CAP_ROUND);
-  for_each_lot(gather_dots(),
+  for_each_lot(survey.mesh->dist_0(), gather_dots(*survey.mesh),
                [&](const std::vector<const Cell*>& nodes, std::int32_t level, double length) {
                  cairo_set_line_width(pen, std::clamp(0.34 * length * view.scale, 0.3, 6.5));
                  set_colour(pen, colour_of_level(survey, level));
@@ -173,27 +177,27 @@ void draw_nodes(cairo_t* pen, const Survey& survey, const View& view) {
 
 /// Along a side every node stands for the way up to halfway to its neighbours; stretches of one
 /// kind are drawn as one line, outside the domain.
-void draw_side(cairo_t* pen, const View& view, std::size_t direction) {
+void draw_side(cairo_t* pen, const Mesh& mesh, const View& view, Direction direction) {
   struct SideNode {
     double place;  // along the side, on paper
     std::int32_t bc_type;
   };
   std::vector<SideNode> nodes;
-  const bool along_x = direction == 0 || direction == half_turn;
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    const Boundary* side = (node->*links_of_node[direction]).boundary();
+  const bool along_x = direction == Direction::north || direction == Direction::south;
+  for (const Cell& node : mesh.nodes()) {
+    const Boundary* side = link(node, direction).boundary();
     if (side == nullptr) continue;
-    nodes.push_back({along_x ? view.column(node->x) : view.row(node->y), side->bc_type});
+    nodes.push_back({along_x ? view.column(node.x) : view.row(node.y), side->bc_type});
   }
   if (nodes.size() < 2) return;
   std::sort(nodes.begin(), nodes.end(),
             [](const SideNode& a, const SideNode& b) { return a.place < b.place; });
 
   const double offset = 0.5 * side_line_width + 1.0;
-  const double across = direction == 0   ? view.top - offset
-                        : direction == 2 ? view.left + view.width + offset
-                        : direction == 4 ? view.top + view.height + offset
-                                         : view.left - offset;
+  const double across = direction == Direction::north   ? view.top - offset
+                        : direction == Direction::east  ? view.left + view.width + offset
+                        : direction == Direction::south ? view.top + view.height + offset
+                                                        : view.left - offset;
   double begin = nodes.front().place;
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     const bool last = i + 1 == nodes.size();
@@ -211,30 +215,31 @@ void draw_side(cairo_t* pen, const View& view, std::size_t direction) {
 
 }  // namespace
 
-Survey survey_mesh() {
+Survey survey_of(const Mesh& mesh) {
   Survey survey;
-  survey.nb_nodes = nb_nodes;
+  survey.mesh = &mesh;
+  survey.nb_nodes = mesh.size();
   survey.nodes_of_level.assign(nb_levels, 0);
-  if (mesh_beg == nullptr) return survey;
-  survey.west = survey.east = mesh_beg->x;
-  survey.south = survey.north = mesh_beg->y;
-  survey.lowest_value = survey.highest_value = mesh_beg->data.empty() ? 0.0 : mesh_beg->data[0];
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    survey.west = std::min(survey.west, node->x);
-    survey.east = std::max(survey.east, node->x);
-    survey.south = std::min(survey.south, node->y);
-    survey.north = std::max(survey.north, node->y);
-    ++survey.nodes_of_level[level_index(*node)];
-    const double value = node->data.empty() ? 0.0 : node->data[0];
-    survey.lowest_value = std::min(survey.lowest_value, value);
-    survey.highest_value = std::max(survey.highest_value, value);
-    for (std::size_t direction = 0; direction < links_of_node.size(); ++direction) {
-      const Boundary* side = (node->*links_of_node[direction]).boundary();
-      if (side != nullptr) {
-        survey.side_kinds[static_cast<std::size_t>(std::clamp(side->bc_type, 0, 2))] = true;
-      } else if (direction < half_turn && neighbour(*node, direction) != nullptr) {
-        ++survey.nb_links;
-      }
+  if (mesh.size() == 0) return survey;
+  const Cell& first = *mesh.nodes().begin();
+  survey.west = survey.east = first.x;
+  survey.south = survey.north = first.y;
+  survey.lowest_value = survey.highest_value = first_value(first);
+  for (const Cell& node : mesh.nodes()) {
+    survey.west = std::min(survey.west, node.x);
+    survey.east = std::max(survey.east, node.x);
+    survey.south = std::min(survey.south, node.y);
+    survey.north = std::max(survey.north, node.y);
+    ++survey.nodes_of_level[level_index(node)];
+    survey.lowest_value = std::min(survey.lowest_value, first_value(node));
+    survey.highest_value = std::max(survey.highest_value, first_value(node));
+    for (const Direction direction : directions) {
+      const Boundary* side = link(node, direction).boundary();
+      if (side == nullptr) continue;
+      survey.side_kinds[static_cast<std::size_t>(std::clamp(side->bc_type, 0, 2))] = true;
+    }
+    for (const Direction direction : half_of_directions) {
+      if (neighbour(node, direction) != nullptr) ++survey.nb_links;
     }
   }
   const auto occurs = [](std::int32_t count) { return count > 0; };
@@ -246,15 +251,15 @@ Survey survey_mesh() {
   return survey;
 }
 
-std::string draw_mesh(const std::string& path, const PictureOptions& options) {
-  if (mesh_beg == nullptr) return path + ": there is no mesh to draw";
+std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOptions& options) {
+  if (mesh.size() == 0) return path + ": there is no mesh to draw";
   if (!is_whole(options.background.image)) {
     return path + ": the background image lacks pixels";
   }
   PictureFile file(path, options.width, options.height);
   if (!file.error().empty()) return file.error();
 
-  const Survey survey = survey_mesh();
+  const Survey survey = survey_of(mesh);
   const View view = place_domain(survey, options);
   cairo_t* pen = file.pen();
   set_colour(pen, palette::paper);
@@ -263,9 +268,11 @@ std::string draw_mesh(const std::string& path, const PictureOptions& options) {
   if (options.cells != CellColour::none) draw_cells(pen, survey, view, options);
   if (options.links) draw_links(pen, survey, view);
   if (options.nodes) draw_nodes(pen, survey, view);
-  for (std::size_t direction = 0; options.sides && direction < links_of_node.size();
-       direction += 2) {
-    draw_side(pen, view, direction);
+  if (options.sides) {
+    for (const Direction side :
+         {Direction::north, Direction::east, Direction::south, Direction::west}) {
+      draw_side(pen, mesh, view, side);
+    }
   }
   if (options.frame) {
     draw_title(pen, survey, view, options);
@@ -274,13 +281,13 @@ std::string draw_mesh(const std::string& path, const PictureOptions& options) {
   return file.finish();
 }
 
-double fitting_height(double width, const PictureOptions& options) {
-  if (mesh_beg == nullptr) return width;
+double fitting_height(const Mesh& mesh, double width, const PictureOptions& options) {
+  if (mesh.size() == 0) return width;
   // The domain is as wide as it may be once it is no longer the height that holds it back.
   PictureOptions tall = options;
   tall.width = width;
   tall.height = 4.0 * width;
-  const View view = place_domain(survey_mesh(), tall);
+  const View view = place_domain(survey_of(mesh), tall);
   return std::round(std::max(0.25 * width, tall.height - view.spare_height));
 }
 

@@ -106,7 +106,8 @@ void draw_level_block(cairo_t* pen, const Survey& survey, const std::vector<std:
     write(pen, column, top, std::to_string(level), Align::centre);
     choose_font(pen, text_size);
     set_colour(pen, palette::ink);
-    write(pen, column, top + line_height, rounded_text(spacing_of_level(level)), Align::centre);
+    write(pen, column, top + line_height, rounded_text(survey.mesh->spacing_of_level(level)),
+          Align::centre);
     write(pen, column, top + 2.0 * line_height,
           to_grouped_text(survey.nodes_of_level[static_cast<std::size_t>(level)]), Align::centre);
     column += column_width;
@@ -202,8 +203,6 @@ double legend_height(const Survey& survey, const PictureOptions& options) {
 Colour colour_of_level(const Survey& survey, std::int32_t level) {
   return level_colour(level, survey.lowest_level, survey.highest_level);
 }
-
-double spacing_of_level(std::int32_t level) { return dist_0 * std::exp2(-0.5 * level); }
 
 View place_domain(const Survey& survey, const PictureOptions& options) {
   const bool words = has_words(options);

@@ -3,13 +3,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
 namespace velmar_2d::io {
 
 OutputFile::OutputFile(std::string path)
-    : path_(std::move(path)), beside_(path_ + "." + std::to_string(getpid()) + ".part") {
+    : path_(std::move(path)),
+      // No other file of this process, or of another one, is on its way under this name.
+      beside_(path_ + "." + std::to_string(getpid()) + "." +
+              std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".part") {
   file_ = std::fopen(beside_.c_str(), "wb");
   if (file_ == nullptr) fail(std::strerror(errno));
 }

@@ -8,7 +8,8 @@
 namespace velmar_2d::io {
 
 /// Writes beside the place of a file and renames when all is written: the file is complete, or
-/// whatever stood there before. What goes wrong first is kept; everything after it does nothing.
+/// whatever stood there before; so too where several are on their way to the same place. What goes
+/// wrong first is kept; everything after it does nothing.
 class OutputFile {
  public:
   explicit OutputFile(std::string path);

@@ -8,15 +8,15 @@
 #include <vector>
 
 #include "io/palette.hpp"
-#include "velmar_2D/velmar_2D.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
 
-/// Everything that has to be known about the mesh before the first line is drawn.
+/// The mesh, and everything that has to be known about it before the first line is drawn.
 struct Survey {
+  const Mesh* mesh = nullptr;
   double west = 0.0, east = 0.0, south = 0.0, north = 0.0;
-  std::int32_t nb_nodes = 0;
+  std::int64_t nb_nodes = 0;
   std::int64_t nb_links = 0;                 ///< between nodes, each counted once
   std::vector<std::int32_t> nodes_of_level;  ///< how many nodes have each level
   std::int32_t lowest_level = 0, highest_level = 0;
@@ -24,7 +24,10 @@ struct Survey {
   double lowest_value = 0.0, highest_value = 0.0;  ///< of data[0]; 0 where there are no data
 };
 
-Survey survey_mesh();
+Survey survey_of(const Mesh& mesh);
+
+/// The first data value of a node; one without data counts as holding 0.
+inline double first_value(const Cell& node) { return node.data.empty() ? 0.0 : node.data[0]; }
 
 /// The values at the ends of the colour scale of a picture.
 std::array<double, 2> value_range(const Survey& survey, const PictureOptions& options);
@@ -34,9 +37,6 @@ Colour colour_of_cell_type(std::int32_t type);
 
 /// Colour of a level in this mesh.
 Colour colour_of_level(const Survey& survey, std::int32_t level);
-
-/// Spacing that a level stands for.
-double spacing_of_level(std::int32_t level);
 
 /// Where the domain lies on the paper.
 struct View {

@@ -17,8 +17,6 @@
 namespace velmar_2d::io {
 namespace {
 
-constexpr std::array<NeighbourLink Cell::*, 8> links_of_node = {
-    &Cell::n, &Cell::ne, &Cell::e, &Cell::se, &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
 constexpr std::int32_t none = -1;
 
 // ---------------------------------------------------------------------------------------------
@@ -36,22 +34,23 @@ struct Graph {
 };
 
 /// Links that both nodes agree on.
-Graph read_links() {
+Graph read_links(const Mesh& mesh) {
   Graph graph;
-  graph.nodes.reserve(static_cast<std::size_t>(nb_nodes));
+  graph.nodes.reserve(static_cast<std::size_t>(mesh.size()));
   std::unordered_map<const Cell*, std::int32_t> index_of;  // looked up only: its order is no matter
-  index_of.reserve(static_cast<std::size_t>(nb_nodes));
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    index_of.emplace(node, static_cast<std::int32_t>(graph.nodes.size()));
-    graph.nodes.push_back(node);
+  index_of.reserve(graph.nodes.capacity());
+  for (const Cell& node : mesh.nodes()) {
+    index_of.emplace(&node, static_cast<std::int32_t>(graph.nodes.size()));
+    graph.nodes.push_back(&node);
   }
   graph.neighbours.resize(graph.nodes.size());
   for (std::size_t i = 0; i < graph.nodes.size(); ++i) {
-    for (std::size_t direction = 0; direction < 8; ++direction) {
-      const Cell* other = (graph.nodes[i]->*links_of_node[direction]).cell();
+    for (const Direction direction : directions) {
+      const Cell* other = link(*graph.nodes[i], direction).cell();
       const bool is_mutual =
-          other != nullptr && (other->*links_of_node[(direction + 4) % 8]).cell() == graph.nodes[i];
-      graph.neighbours[i][direction] = is_mutual ? index_of.at(other) : none;
+          other != nullptr && link(*other, opposite(direction)).cell() == graph.nodes[i];
+      graph.neighbours[i][static_cast<std::size_t>(direction)] =
+          is_mutual ? index_of.at(other) : none;
     }
   }
   return graph;
@@ -62,7 +61,7 @@ void link_along_sides(Graph& graph) {
   for (unsigned side = 0; side < 8; side += 2) {
     std::vector<std::int32_t> row;
     for (std::int32_t i = 0; i < static_cast<std::int32_t>(graph.nodes.size()); ++i) {
-      if ((graph[i].*links_of_node[side]).boundary() != nullptr) row.push_back(i);
+      if (link(graph[i], static_cast<Direction>(side)).boundary() != nullptr) row.push_back(i);
     }
     // A quarter turn clockwise from the side: east along the north side, north along the west one.
     std::sort(row.begin(), row.end(), [&](std::int32_t a, std::int32_t b) {
@@ -163,8 +162,8 @@ class FaceCutter {
 
 }  // namespace
 
-Triangulation triangulate_mesh() {
-  Graph graph = read_links();
+Triangulation triangulation_of(const Mesh& mesh) {
+  Graph graph = read_links(mesh);
   link_along_sides(graph);
 
   Triangulation result;

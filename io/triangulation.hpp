@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "velmar_2D/velmar_2D.hpp"
+#include "velmar_2D/mesh.hpp"
 
 namespace velmar_2d::io {
 
@@ -17,6 +17,6 @@ struct Triangulation {
 /// Triangles between the linked nodes. They fill the domain, and every edge inside belongs to two
 /// of them: no corner of one lies within the edge of another.
 /// Cost: linear in the number of nodes, about 150 bytes of memory for each.
-Triangulation triangulate_mesh();
+Triangulation triangulation_of(const Mesh& mesh);
 
 }  // namespace velmar_2d::io

@@ -2,6 +2,7 @@
 // after the text: each array behind its length in bytes.
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -16,7 +17,6 @@
 
 #include "io/output_file.hpp"
 #include "io/triangulation.hpp"
-#include "velmar_2D/velmar_2D.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
@@ -104,7 +104,7 @@ class ArrayWriter {
 
 constexpr std::uint8_t vtk_triangle = 5, vtk_polygon = 7;
 
-struct Grid {
+struct VtkGrid {
   std::vector<const Cell*> nodes;  ///< whose values are written, in the order of points or cells
   std::vector<double> points;      ///< x, y, z of each
   std::vector<std::int64_t> connectivity, offsets;
@@ -114,9 +114,9 @@ struct Grid {
   void close_cell() { offsets.push_back(static_cast<std::int64_t>(connectivity.size())); }
 };
 
-Grid grid_of_triangles() {
-  Triangulation triangulation = triangulate_mesh();
-  Grid grid;
+VtkGrid grid_of_triangles(const Mesh& mesh) {
+  Triangulation triangulation = triangulation_of(mesh);
+  VtkGrid grid;
   grid.nodes = std::move(triangulation.nodes);
   grid.points.reserve(3 * grid.nodes.size());
   for (const Cell* node : grid.nodes) grid.add_point(node->x, node->y);
@@ -133,18 +133,16 @@ Grid grid_of_triangles() {
 /// Corners lie on a lattice a good deal finer than the shortest link.
 class CornerIndex {
  public:
-  CornerIndex() {
+  explicit CornerIndex(const Mesh& mesh) : west_(mesh.x_min()), south_(mesh.y_min()) {
     std::int32_t finest_level = 0;
-    for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-      finest_level = std::max(finest_level, node->level);
-    }
-    pitch_ = std::ldexp(dist_0, -finest_level / 2 - corner_halvings);
+    for (const Cell& node : mesh.nodes()) finest_level = std::max(finest_level, node.level);
+    pitch_ = std::ldexp(mesh.dist_0(), -finest_level / 2 - corner_halvings);
   }
 
   /// Index of a corner, and whether it is a new one.
   std::pair<std::int64_t, bool> find(const Point& corner) {
-    const Place place{std::llround((corner.x - x_min) / pitch_),
-                      std::llround((corner.y - y_min) / pitch_)};
+    const Place place{std::llround((corner.x - west_) / pitch_),
+                      std::llround((corner.y - south_) / pitch_)};
     const auto [entry, is_new] =
         index_of_.try_emplace(place, static_cast<std::int64_t>(index_of_.size()));
     return {entry->second, is_new};
@@ -164,27 +162,23 @@ class CornerIndex {
     }
   };
 
-  double pitch_;
+  double west_, south_, pitch_;
   std::unordered_map<Place, std::int64_t, Hash> index_of_;  // looked up only: no matter its order
 };
 
-Grid grid_of_control_cells() {
-  Grid grid;
+VtkGrid grid_of_control_cells(const Mesh& mesh) {
+  VtkGrid grid;
   grid.cell_kind = vtk_polygon;
-  grid.nodes.reserve(static_cast<std::size_t>(nb_nodes));
-  CornerIndex corner_index;
-  std::array<Point, max_cell_corners> corners;
-  for (const Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    std::int32_t nb_corners = 0;
-    cell_polygon(node, corners, nb_corners);
-    for (std::int32_t i = 0; i < nb_corners; ++i) {
-      const Point& corner = corners[static_cast<std::size_t>(i)];
+  grid.nodes.reserve(static_cast<std::size_t>(mesh.size()));
+  CornerIndex corner_index(mesh);
+  for (const Cell& node : mesh.nodes()) {
+    for (const Point& corner : mesh.polygon(node)) {
       const auto [index, is_new] = corner_index.find(corner);
       if (is_new) grid.add_point(corner.x, corner.y);
       grid.connectivity.push_back(index);
     }
     grid.close_cell();
-    grid.nodes.push_back(node);
+    grid.nodes.push_back(&node);
   }
   return grid;
 }
@@ -194,20 +188,23 @@ Grid grid_of_control_cells() {
 // ---------------------------------------------------------------------------------------------
 
 /// Area of the control cell, without touching what the node has cached.
-double area_of(const Cell& node) {
-  std::array<Point, max_cell_corners> corners;
-  std::int32_t nb_corners = 0;
-  cell_polygon(&node, corners, nb_corners);
+double area_of(const Mesh& mesh, const Cell& node) {
+  const CellPolygon polygon = mesh.polygon(node);
   double doubled = 0.0;
-  for (std::size_t i = 0, n = static_cast<std::size_t>(nb_corners); i < n; ++i) {
-    const Point &a = corners[i], &b = corners[(i + 1) % n];
+  for (std::size_t i = 0, n = static_cast<std::size_t>(polygon.n); i < n; ++i) {
+    const Point &a = polygon.corners[i], &b = polygon.corners[(i + 1) % n];
     doubled += (a.x - node.x) * (b.y - node.y) - (b.x - node.x) * (a.y - node.y);
   }
   return 0.5 * doubled;
 }
 
-void add_values(ArrayWriter& arrays, pugi::xml_node parent, const std::vector<const Cell*>& nodes,
-                const std::vector<std::string>& data_names) {
+/// What several threads may find out and note in a node at the same time; all note the same.
+double shared(const double& value) {
+  return std::atomic_ref<double>(const_cast<double&>(value)).load(std::memory_order_relaxed);
+}
+
+void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
+                const std::vector<const Cell*>& nodes, const std::vector<std::string>& data_names) {
   const auto add = [&](const std::string& name, auto&& value_of) {
     std::vector<std::decay_t<decltype(value_of(*nodes[0]))>> values;
     values.reserve(nodes.size());
@@ -218,9 +215,9 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const std::vector<co
   add("level", [](const Cell& node) { return node.level; });
   add("ipos", [](const Cell& node) { return node.ipos; });
   add("on_boundary", [](const Cell& node) { return node.on_boundary; });
-  add("area", area_of);
-  add("grad_data", [](const Cell& node) { return node.grad_data; });
-  add("grad2_data", [](const Cell& node) { return node.grad2_data; });
+  add("area", [&](const Cell& node) { return area_of(mesh, node); });
+  add("grad_data", [](const Cell& node) { return shared(node.grad_data); });
+  add("grad2_data", [](const Cell& node) { return shared(node.grad2_data); });
 
   std::size_t nb_data = 0;
   for (const Cell* node : nodes) nb_data = std::max(nb_data, node->data.size());
@@ -252,13 +249,13 @@ std::string as_text(const pugi::xml_document& document) {
 
 }  // namespace
 
-std::string write_vtu(const std::string& path, const VtuOptions& options) {
-  if (mesh_beg == nullptr) return path + ": there is no mesh to write";
+std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) {
+  if (mesh.size() == 0) return path + ": there is no mesh to write";
   OutputFile file(path);
   if (!file.error().empty()) return file.error();
 
   const bool by_points = options.cells == VtuCells::triangles;
-  const Grid grid = by_points ? grid_of_triangles() : grid_of_control_cells();
+  const VtkGrid grid = by_points ? grid_of_triangles(mesh) : grid_of_control_cells(mesh);
 
   pugi::xml_document document;
   pugi::xml_node root = add_root(document, "UnstructuredGrid");
@@ -270,7 +267,7 @@ std::string write_vtu(const std::string& path, const VtuOptions& options) {
   ArrayWriter arrays(options.ascii);
   pugi::xml_node values = piece.append_child(by_points ? "PointData" : "CellData");
   values.append_attribute("Scalars") = "level";
-  add_values(arrays, values, grid.nodes, options.data_names);
+  add_values(arrays, values, mesh, grid.nodes, options.data_names);
   arrays.add(piece.append_child("Points"), "Points", grid.points, 3);
   pugi::xml_node cells = piece.append_child("Cells");
   arrays.add(cells, "connectivity", grid.connectivity);

@@ -69,7 +69,7 @@ TEST_F(Adaptation, SizeFunctionSeesTheDataAndNewNodesTakeThemFromTheChosenSource
   EXPECT_FALSE(init_data_ptr);
   for (const Cell* c = mesh_beg; c != nullptr; c = c->next)
     EXPECT_DOUBLE_EQ(c->data[0], 2.0 * c->x - c->y) << "a plane is interpolated exactly";
-  const std::int32_t first_new = next_id;
+  const std::int64_t first_new = next_id;
   set_subdiv_max(2);
   set_subdiv_max(4);
   update_mesh_init(scenarios::even_spacing(0.25), [](double x, double y) { return 100.0 + x * y; });

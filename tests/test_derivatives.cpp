@@ -10,7 +10,7 @@
 #include "support/child_process.hpp"
 #include "support/literal_derivatives.hpp"
 #include "support/mesh_view.hpp"
-#include "velmar_2D/derivatives.hpp"
+#include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -131,6 +131,7 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
   const auto quadratic = [](double x, double y) {
     return 0.3 - x + 0.7 * y + 0.9 * x * x - 0.4 * y * y + 1.3 * x * y;
   };
+  detail::Workspace work;
   int nb_by_rows[detail::Stencil::capacity + 1] = {}, nb_others = 0, nb_certain = 0, nb_moved = 0;
   for (const Domain& domain :
        {Domain{0, 0, 1}, Domain{0.3, -0.2, 0.7}, Domain{-30, 2, 0.1}, Domain{1e5, 1e5, 3}}) {
@@ -154,23 +155,26 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
       if (n < 6) {
         detail::extract_ids(c, list);
         detail::extract_neighbors_neighbors(c, candidates, n_candidates);
-        detail::unique_in_list(candidates, n_candidates);
-        detail::unique_in_lists(list, n, candidates, n_candidates);
+        detail::unique_in_list(work, candidates, n_candidates);
+        detail::unique_in_lists(work, list, n, candidates, n_candidates);
         const Cell* first = detail::first_candidate(c);
         ASSERT_TRUE(first != nullptr && n_candidates >= 2) << where;
-        ASSERT_EQ(first->id, static_cast<std::int32_t>(candidates.id[0])) << where;
+        ASSERT_EQ(first->id, static_cast<std::int64_t>(candidates.id[0])) << where;
         for (int i = 0; n < 6; ++i) detail::copy_row(list, n++, candidates, i);
       }
-      const detail::FitOperator* op = detail::find_operator(c, list, n);
+      const detail::FitOperator* op =
+          detail::find_operator(detail::default_state(), work, c, list, n);
       double e[5], d[5];  // dx2, dy2, dxdy, dx, dy
       bool accepted = false;
-      detail::fit_hessian_centred(c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
+      detail::fit_hessian_centred(detail::default_state(), work, c, list, n, e[0], e[1], e[2], e[3],
+                                  e[4], accepted);
       if (op == nullptr) {
         nb_others += accepted ? 1 : 0;
         continue;
       }
       ASSERT_TRUE(accepted) << where;
-      detail::apply_operator(*op, c, list, n, d[0], d[1], d[2], d[3], d[4]);
+      detail::apply_operator(detail::default_state().domain, *op, c, list, n, d[0], d[1], d[2],
+                             d[3], d[4]);
       const double h = dist_0 / std::exp2(c->level / 2.0);
       double change = 0.0;
       bool moved = false;
@@ -185,9 +189,11 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
             << where;
       }
       ++nb_by_rows[n];
-      if (n != 6 || !detail::acceptance_is_certain(*op, c, list)) continue;
+      if (n != 6 || !detail::acceptance_is_certain(detail::default_state().domain, *op, c, list))
+        continue;
       ++nb_certain;
-      detail::fit_hessian_6pts(c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
+      detail::fit_hessian_6pts(detail::default_state(), work, c, list, n, e[0], e[1], e[2], e[3],
+                               e[4], accepted);
       ASSERT_TRUE(accepted) << where;
     }
     delete_mesh();
@@ -205,6 +211,7 @@ TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
   std::uniform_int_distribution<int> step(-2, 2), level(0, 18);
   std::uniform_real_distribution<double> place(-1.0, 1.0), log_distance(-0.5, 4.0);
   dist_0 = 0.125;
+  detail::Workspace work;
   int nb_far = 0, nb_far_skipped = 0, nb_near_skipped = 0;
   for (int trial = 0; trial < 6000; ++trial) {
     Cell c;
@@ -223,7 +230,8 @@ TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
       candidates.x[i] = c.x + step(random) * h;
       candidates.y[i] = c.y + step(random) * h;
     }
-    const bool skipped = detail::search_is_hopeless(&c, list, 6, candidates, 6);
+    const bool skipped =
+        detail::search_is_hopeless(detail::default_state().domain, &c, list, 6, candidates, 6);
     if (std::min(std::abs(c.x), std::abs(c.y)) > 9.0) {
       ++nb_far;
       nb_far_skipped += skipped ? 1 : 0;
@@ -238,8 +246,8 @@ TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
         if (j >= 0) detail::copy_row(tried, 5, candidates, j);
         double unused[5];
         bool succ = true;
-        detail::fit_hessian_6pts(&c, tried, 6, unused[0], unused[1], unused[2], unused[3],
-                                 unused[4], succ);
+        detail::fit_hessian_6pts(detail::default_state(), work, &c, tried, 6, unused[0], unused[1],
+                                 unused[2], unused[3], unused[4], succ);
         ASSERT_FALSE(succ) << "trial " << trial << ": " << c.x << ", " << c.y;
       }
     }
@@ -364,23 +372,27 @@ TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
   detail::Stencil list{};
   detail::Candidates rows{};
   const Cell inner;
+  detail::Workspace work;
   const std::pair<std::string, std::function<void()>> cases[] = {
       {tag + "n_list_2 < 6-n_list_1 - 1\n", ask(2, 2, 0, 0, 1, 0)},
       {tag + "list_2_init_offset > n_list_2\n             c%id = 3\n", ask(2, 5, 0, 2, 3, 0)},
       {tag + "list_2_init_offset > n_list_2\n             c%id = 5\n", ask(4, 4, 1, 1, 5, 32)},
       {tag + "list_2_offset = 0\n             c%id = 7\n", ask(4, 4, 1, 0, 7, 32)},
       {tag + "quick_hessian_case = 5 in 'quick_fit_hessian_6pts' !\n",
-       [&] { detail::quick_fit_hessian_6pts(5, 0, list, unused[0], unused[1], unused[2]); }},
+       [&] {
+         detail::quick_fit_hessian_6pts(detail::default_state(), 5, 0, list, unused[0], unused[1],
+                                        unused[2]);
+       }},
       {tag + "too few equ in 'fit_hessian_6pts' !\n",
        [&] {
-         detail::fit_hessian_6pts(&inner, list, 5, unused[0], unused[1], unused[2], unused[3],
-                                  unused[4], succ);
+         detail::fit_hessian_6pts(detail::default_state(), work, &inner, list, 5, unused[0],
+                                  unused[1], unused[2], unused[3], unused[4], succ);
        }},
       {"(Velmar_2D:) gradient_on_boundary: internal error\n"
        "             cell must be on a boundary!\n",
-       [&] { detail::gradient_on_boundary(&inner, succ, flag); }},
+       [&] { detail::gradient_on_boundary(detail::default_state(), &inner, succ, flag); }},
       {"(Velmar_2D:) fit_data: internal error\n             too few equations !\n",
-       [&] { detail::fit_data(rows, 5, 0.0, 0.0, unused[0], 0); }},
+       [&] { detail::fit_data(detail::default_state(), rows, 5, 0.0, 0.0, unused[0], 0); }},
   };
   for (const auto& [message, code] : cases) {
     const ChildEnd end = run_in_child(code);
@@ -415,14 +427,15 @@ TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
         Case{6, 0, false, 1e3}, Case{9, 0, false, 1e3}}) {
     dist_0 = one.spacing;
     double value = -77.0;
-    detail::fit_data(line, one.n_list, 0.0, 0.0, value, 4);
+    detail::fit_data(detail::default_state(), line, one.n_list, 0.0, 0.0, value, 4);
     EXPECT_EQ(value, -77.0) << "nodes on one line";
-    detail::fit_data(list, one.n_list, 0.3, -0.4, value, one.level);
+    detail::fit_data(detail::default_state(), list, one.n_list, 0.3, -0.4, value, one.level);
     EXPECT_NEAR(value, one.written ? quadratic(0.3, -0.4) : -77.0, 1e-8)
         << one.n_list << " rows, level " << one.level;
   }
   double value = 0.0;
-  const ChildEnd end = run_in_child([&] { detail::fit_data(list, 41, 0.0, 0.0, value, 0); });
+  const ChildEnd end = run_in_child(
+      [&] { detail::fit_data(detail::default_state(), list, 41, 0.0, 0.0, value, 0); });
   EXPECT_EQ(end.exit_status, EXIT_FAILURE);
 }
 

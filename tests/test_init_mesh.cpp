@@ -64,7 +64,7 @@ TEST_F(InitMesh, FieldsByPlace) {
 //   1 - 2 - 3       list order; ids run the other way
 //   4 - 5 - 6
 TEST_F(InitMesh, ListOrderAndLinks) {
-  const std::int32_t first_id = next_id;
+  const std::int64_t first_id = next_id;
   double y_max = 0.0;
   init(2.0, 1.0, 3, 2, y_max);
   std::string nodes;

@@ -5,7 +5,6 @@
 #include "scenarios/scenarios.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
-#include "velmar_2D/internal.hpp"
 
 namespace velmar_2d::tests {
 namespace {

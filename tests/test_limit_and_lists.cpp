@@ -113,7 +113,7 @@ TEST_F(Deletion, SaysHowManyNodesItReleasedOfASplitListToo) {
   EXPECT_TRUE(level_beg.empty() && level_end.empty());
   EXPECT_EQ(get_subdiv_max(), 4) << "stays";
   EXPECT_EQ(dist_0, 1.0) << "stays";
-  const std::int32_t first_id = next_id;
+  const std::int64_t first_id = next_id;
   make_grid(3, 3, 4);
   EXPECT_EQ(mesh_end->id, first_id) << "ids go on from mesh to mesh";
 }

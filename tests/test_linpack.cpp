@@ -7,7 +7,7 @@
 #include <random>
 
 #include "support/full_pivoting.hpp"
-#include "velmar_2D/linpack.hpp"
+#include "velmar_2D/base/base.hpp"
 
 namespace velmar_2d::tests {
 namespace {

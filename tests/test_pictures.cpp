@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <csignal>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "scenarios/scenarios.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
@@ -73,6 +75,57 @@ TEST_F(Pictures, SameMeshSameFile) {
   sleep(1);  // a date in a file would differ
   EXPECT_TRUE(draw("a.PNG") == png);
   EXPECT_TRUE(draw("a.pdf") == pdf);
+}
+
+/// A picture with every layer and both kinds of .vtu file, one after the other.
+std::string files_of(const Mesh& mesh, const fs::path& folder, const std::string& name) {
+  io::PictureOptions all;
+  all.cells = io::CellColour::type;
+  all.width = all.height = 400.0;
+  std::string bytes;
+  const std::string png = (folder / (name + ".png")).string(), vtu = png + ".vtu";
+  for (const io::VtuCells cells : {io::VtuCells::triangles, io::VtuCells::control_cells}) {
+    EXPECT_EQ(io::write_vtu(mesh, vtu, {.cells = cells}), "");
+    bytes += read(vtu);
+  }
+  EXPECT_EQ(io::draw_mesh(mesh, png, all), "");
+  return bytes + read(png);
+}
+
+TEST_F(Pictures, SplitListGivesTheSameFiles) {
+  const std::string joined = files_of(default_mesh(), folder, "joined");
+  const double height = io::fitting_height(500.0);
+  split_sublists();
+  EXPECT_TRUE(files_of(default_mesh(), folder, "split") == joined);
+  EXPECT_EQ(io::fitting_height(500.0), height);
+}
+
+TEST_F(Pictures, AnyNumberOfThreadsMayDraw) {
+  Mesh other({-2.0, 2.0, 5.0, 6.0}, {.nx = 9, .n_cell_data = 2, .bc_type = same_kind(bc_type_neu)});
+  other.update(scenarios::ring_spacing({0.0, 5.0, 0.5}, 0.4, 0.05, 1.0));
+  const std::string expected = files_of(default_mesh(), folder, "mesh"),
+                    expected_of_other = files_of(other, folder, "other");
+  const std::size_t nb_expected_files = nb_files();
+  const std::string png = (folder / "same_place.png").string();
+  std::atomic<int> nb_right = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, name = std::to_string(i)] {
+      for (int round = 0; round < 4; ++round) {
+        EXPECT_EQ(io::draw_mesh(png, bare), "");  // of all threads
+        for (Cell& c : other.nodes()) {           // may be noted in the nodes meanwhile
+          other.compute_derivatives(c);
+          other.shape(c);
+          other.area(c);
+        }
+        nb_right += files_of(default_mesh(), folder, name) == expected ? 1 : 0;
+        nb_right += files_of(other, folder, name) == expected_of_other ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(nb_right, 32);
+  EXPECT_EQ(nb_files(), nb_expected_files + 9);  // two of each thread and the one of all
 }
 
 TEST_F(Pictures, BackgroundLiesUpright) {

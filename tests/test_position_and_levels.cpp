@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "support/mesh_view.hpp"
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -50,11 +50,11 @@ TEST(PositionIndex, OfOffsets) {
                {0.5, 0, 2},    {1, 0.5, 2},  {0.25, 0.25, 3},   {0.75, 0.25, 3},
                {0.25, 0.5, 4}, {0.25, 0, 4}, {0.125, 0.375, 5}, {1.0 / 3, 1.0 / 3, 3},
                {0.1, 1.0, 8},  {0.1, 0.1, 7}};
-  domain.largest_coordinate = 0.0;
   for (const double spacing : {1.0, 0.3}) {
-    dist_0 = spacing;
+    Domain domain;
+    domain.dist_0 = spacing;
     for (const auto& c : cases)
-      EXPECT_EQ(true_ipos(c.x * spacing, c.y * spacing), c.ipos) << c.x << ", " << c.y;
+      EXPECT_EQ(true_ipos(domain, c.x * spacing, c.y * spacing), c.ipos) << c.x << ", " << c.y;
   }
 }
 

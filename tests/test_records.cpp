@@ -10,7 +10,8 @@ namespace {
 
 // Read while the process is loaded, before any test can have made a mesh.
 struct InitialState {
-  std::int32_t limit = get_subdiv_max(), id = next_id, nodes = nb_nodes, data = n_cell_data;
+  std::int64_t id = next_id;
+  std::int32_t limit = get_subdiv_max(), nodes = nb_nodes, data = n_cell_data;
   bool interpolation = data_interpolation;
   bool nothing = mesh_beg == nullptr && mesh_end == nullptr && level_beg.empty() &&
                  level_end.empty() && tmp_beg.empty() && north_boundary_dir == nullptr &&

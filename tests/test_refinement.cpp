@@ -4,7 +4,7 @@
 #include "scenarios/scenarios.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
-#include "velmar_2D/internal.hpp"
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -94,20 +94,20 @@ TEST_F(Refinement, LatticeDecidesTheLevelOfNearlyCompleteFigures) {
 TEST_F(Refinement, OrdinaryModeStaysBelowTheLimitSpecialModeReachesIt) {
   make_grid(3, 3, 1);
   Cell* c = node_at(1, 1);
-  detail::refine_cell(c);
+  detail::refine_cell(detail::default_state(), c);
   EXPECT_EQ(nb_nodes, 9) << "level 1 is not below the limit 1";
-  detail::refine_cell(c, true);
+  detail::refine_cell(detail::default_state(), c, true);
   EXPECT_EQ(nb_nodes, 9) << "a cell of the figure awaits all four";
   c->reserve = 3;
-  detail::refine_cell(c, true);
+  detail::refine_cell(detail::default_state(), c, true);
   EXPECT_EQ(nb_nodes, 13);
 
   set_subdiv_max(2);
   c = node_at(0.5, 0.5);
-  detail::refine_cell(c, true);
+  detail::refine_cell(detail::default_state(), c, true);
   EXPECT_EQ(nb_nodes, 15) << "the halves only: they are not held to the reserve";
   set_subdiv_max(3);
-  detail::refine_cell(c, false);
+  detail::refine_cell(detail::default_state(), c, false);
   EXPECT_EQ(nb_nodes, 17) << "ordinary mode asks for no reserve";
   EXPECT_TRUE(mesh_is_whole());
 }
@@ -126,7 +126,8 @@ TEST_F(Refinement, ShortcutForTheSpecialModeAgreesWithTheProposals) {
             v.level <= level_max && (v.p4 == nullptr || !(awaits_all(v.p1) || awaits_all(v.p2) ||
                                                           awaits_all(v.p3) || awaits_all(v.p4)));
       }
-      ASSERT_EQ(detail::special_refinement_possible(*c), expected) << c->x << ' ' << c->y;
+      ASSERT_EQ(detail::special_refinement_possible(detail::default_state(), *c), expected)
+          << c->x << ' ' << c->y;
       possible += expected;
       ++asked;
     }
@@ -155,7 +156,7 @@ TEST_F(Refinement, SortingAStretchMovesItsMixedNodesToTheTail) {
     level_end.assign(4, {});
     level_beg[l].next = nodes.data();
     level_end[l].next = &nodes[4];
-    detail::special_sort_level(static_cast<std::int32_t>(l));
+    detail::special_sort_level(detail::default_state(), static_cast<std::int32_t>(l));
     std::string order;
     for (const Cell* c = level_beg[l].next; c != nullptr; c = c->next)
       order += static_cast<char>('A' + c->id);

@@ -5,7 +5,7 @@
 #include <random>
 
 #include "support/literal_derivatives.hpp"
-#include "velmar_2D/derivatives.hpp"
+#include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -28,6 +28,7 @@ void expect_rows(const LiteralRows& expected, const Candidates& table, int n, bo
 TEST(CandidateOrder, IsThatOfRepeatedSelection) {
   std::mt19937 random(5);
   std::uniform_int_distribution<int> length(0, 40), id(1, 45), place(-3, 3);
+  detail::Workspace work;
   for (int trial = 0; trial < 3000; ++trial) {
     Candidates list{};
     LiteralRows rows;
@@ -41,7 +42,7 @@ TEST(CandidateOrder, IsThatOfRepeatedSelection) {
       list.value[i] = rows.back().value;
     }
     literal_unique(rows);
-    detail::unique_in_list(list, n_list);
+    detail::unique_in_list(work, list, n_list);
     expect_rows(rows, list, n_list, false);
 
     Stencil stencil{};
@@ -53,7 +54,7 @@ TEST(CandidateOrder, IsThatOfRepeatedSelection) {
       stencil.y[i] = known.back().y;
     }
     literal_order(known, rows);
-    detail::unique_in_lists(stencil, 4, list, n_list);
+    detail::unique_in_lists(work, stencil, 4, list, n_list);
     expect_rows(rows, list, n_list, true);
   }
 }
@@ -64,6 +65,7 @@ TEST(CentredFit, AcceptsByTheConditionEstimate) {
   std::uniform_int_distribution<int> step(-2, 2), nb_rows(6, 9);
   std::uniform_real_distribution<double> shift(-1.0, 1.0), decade(-7.0, 0.0);
   int nb_accepted = 0, nb_refused = 0;
+  detail::Workspace work;
   for (int trial = 0; trial < 6000; ++trial) {
     Cell c;
     c.x = 100.0;
@@ -80,8 +82,9 @@ TEST(CentredFit, AcceptsByTheConditionEstimate) {
     if (std::abs(rcond / least - 1.0) < 1e-3) continue;  // rounding decides
     double unused[5];
     bool succ = false;
-    detail::fit_hessian_centred(&c, list, static_cast<int>(rows.size()), unused[0], unused[1],
-                                unused[2], unused[3], unused[4], succ);
+    detail::fit_hessian_centred(detail::default_state(), work, &c, list,
+                                static_cast<int>(rows.size()), unused[0], unused[1], unused[2],
+                                unused[3], unused[4], succ);
     ASSERT_EQ(succ, rcond >= least) << "trial " << trial << ", estimate " << rcond;
     ++(succ ? nb_accepted : nb_refused);
   }

@@ -1,16 +1,25 @@
-// velmar_2d::io: pictures of the mesh, and files for ParaView.
+// velmar_2d::io: pictures of a mesh, and files for ParaView.
 //
-//     std::string error = velmar_2d::io::draw_mesh("mesh.svg");
+//     std::string error = velmar_2d::io::draw_mesh(mesh, "mesh.svg");
 //     if (!error.empty()) std::cerr << error << '\n';
 //
-// Everything here reads the mesh and changes nothing in it. Nothing here prints or ends the
-// process: what goes wrong comes back as one line of text that names the file and the reason.
+// Everything here reads the mesh and changes nothing in it, be its list joined or split. Nothing
+// here prints or ends the process: what goes wrong comes back as one line of text that names the
+// file and the reason.
+//
+// Threads: any number of them may draw and write at the same time, different meshes or the same
+// one, as long as none changes the mesh or its data.
+//
+// What reads a mesh takes it as its first argument; without, it reads the mesh of the free
+// procedures (velmar_2D.hpp).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "velmar_2D/mesh.hpp"
 
 #if defined(VELMAR_2D_IO_SHARED)
 #define VELMAR_2D_IO_API __attribute__((visibility("default")))
@@ -50,7 +59,7 @@ enum class CellColour {
 /// What a picture shows. The defaults make a picture of the whole mesh that explains itself.
 struct PictureOptions {
   double width = 800.0, height = 800.0;  ///< pixels in PNG files, points in SVG and PDF files
-  std::string title;                     ///< none: "Adaptive mesh"; counts are written below it
+  std::string title = {};                ///< none: "Adaptive mesh"; counts are written below it
   bool frame = true;  ///< title, corner coordinates and legend; without: the mesh alone
   bool links = true;  ///< lines between linked nodes, in the colour of the finer level
   bool nodes = true;  ///< dots in the colour of the level
@@ -58,20 +67,25 @@ struct PictureOptions {
   CellColour cells = CellColour::none;  ///< the control cells, below links and nodes
   /// Values at the ends of the colour scale; where they are equal, those that occur in the mesh.
   double lowest_value = 0.0, highest_value = 0.0;
-  Background background;
+  Background background = {};
 };
 
 /// Draws the mesh as it stands to an .svg, .png or .pdf file; the extension chooses.
 ///
 /// The domain is drawn as large as fits, its shape kept, y upwards. Lines and dots are as fine as
 /// the links around them are short. No file tells when it was drawn: the same program gives the
-/// same bytes. It is written beside its place and then renamed: it is complete, or what stood there
-/// before is untouched. Cost: linear in the number of nodes.
+/// same bytes (in SVG files a number counts the pictures that the process has drawn before). It is
+/// written beside its place and then renamed: it is complete, or what stood there before is
+/// untouched. Cost: linear in the number of nodes.
 ///
 /// @return nothing on success; otherwise one line: the path and the reason (no mesh, unknown
 ///         extension, no such folder, disk full, size not from 64 to 16384 ...)
-[[nodiscard]] VELMAR_2D_IO_API std::string draw_mesh(const std::string& path,
+[[nodiscard]] VELMAR_2D_IO_API std::string draw_mesh(const Mesh& mesh, const std::string& path,
                                                      const PictureOptions& options = {});
+[[nodiscard]] inline std::string draw_mesh(const std::string& path,
+                                           const PictureOptions& options = {}) {
+  return draw_mesh(default_mesh(), path, options);
+}
 
 /// Reads a PNG file of any kind; transparent parts become white.
 ///
@@ -88,9 +102,13 @@ struct PictureOptions {
 VELMAR_2D_IO_API std::vector<double> spacing_of_pixels(const Image& image, double finest,
                                                        double contrast);
 
-/// The size that a picture of the current domain needs to be `width` wide with no empty paper:
+/// The size that a picture of the mesh's domain needs to be `width` wide with no empty paper:
 /// its height, at least a quarter and at most four times the width.
-VELMAR_2D_IO_API double fitting_height(double width, const PictureOptions& options = {});
+VELMAR_2D_IO_API double fitting_height(const Mesh& mesh, double width,
+                                       const PictureOptions& options = {});
+inline double fitting_height(double width, const PictureOptions& options = {}) {
+  return fitting_height(default_mesh(), width, options);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Files for ParaView
@@ -104,8 +122,9 @@ enum class VtuCells {
 
 struct VtuOptions {
   VtuCells cells = VtuCells::triangles;
-  bool ascii = false;                   ///< numbers as text, readable back to the last bit
-  std::vector<std::string> data_names;  ///< names of the data values; none: "data_1", "data_2" ...
+  bool ascii = false;  ///< numbers as text, readable back to the last bit
+  std::vector<std::string> data_names =
+      {};  ///< names of the data values; none: "data_1", "data_2" ...
 };
 
 /// Writes the mesh as it stands to a .vtu file (VTK unstructured grid).
@@ -118,8 +137,12 @@ struct VtuOptions {
 /// stood there before. Cost: linear in the number of nodes.
 ///
 /// @return nothing on success; otherwise one line: the path and the reason
-[[nodiscard]] VELMAR_2D_IO_API std::string write_vtu(const std::string& path,
+[[nodiscard]] VELMAR_2D_IO_API std::string write_vtu(const Mesh& mesh, const std::string& path,
                                                      const VtuOptions& options = {});
+[[nodiscard]] inline std::string write_vtu(const std::string& path,
+                                           const VtuOptions& options = {}) {
+  return write_vtu(default_mesh(), path, options);
+}
 
 /// One moment of a time series.
 struct TimeStep {

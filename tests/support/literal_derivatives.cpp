@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "support/full_pivoting.hpp"
-#include "velmar_2D/linpack.hpp"
+#include "velmar_2D/base/base.hpp"
 
 namespace velmar_2d::tests {
 namespace {

@@ -249,7 +249,7 @@ class Checker {
   std::vector<const Cell*> nodes_;
   std::vector<Place> places_;
   std::unordered_map<const Cell*, std::size_t> index_;
-  std::set<std::int32_t> ids_;
+  std::set<std::int64_t> ids_;
   std::set<std::pair<std::int64_t, std::int64_t>> taken_;
   std::int64_t east_ = 0, north_ = 0;  // upper right corner on the finest lattice
   std::vector<std::string> findings_;

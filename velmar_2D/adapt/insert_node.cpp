@@ -104,11 +104,10 @@ void check_surroundings(State& state, const Cell& c, const std::array<int, 4>& d
 double initial_data(const State& state, const Site& site) {
   if (state.n_cell_data <= 0 || state.data_interpolation) return 0.0;
   if (!state.init_data_ptr) {
-    fatal(
-        state.handlers,
-        "(Velmar_2D:) insert_node: ERROR\n"
-        "             there is no procedure for the data of new nodes\n"
-        "             ('state.data_interpolation' is false, but 'state.init_data_ptr' is not set)");
+    fatal(state.handlers,
+          "(Velmar_2D:) insert_node: ERROR\n"
+          "             there is no procedure for the data of new nodes\n"
+          "             ('data_interpolation' is false, but 'init_data_ptr' is not set)");
   }
   return state.init_data_ptr(site.x, site.y);
 }

@@ -41,6 +41,7 @@ bool aligned(const Stencil& list, int i, int j, int k, double tolerance) {
 
 bool are_4pts_not_aligned(const Stencil& list, int n_list) {
   const double close = tolerance(list, n_list);
+  if (close == 0.0) return n_list < 4;  // all at one place, through which any line goes
   for (int i = 0; i < n_list; ++i) {
     for (int j = i + 1; j < n_list; ++j) {
       if (distance(list, i, j) <= close) continue;

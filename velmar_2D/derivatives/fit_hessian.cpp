@@ -214,9 +214,9 @@ void fit_hessian_6pts(const State& state, Workspace& work, const Cell* c, const 
   solve_centred(work.centred, dx2, dy2, dxdy, dx, dy);
 }
 
-void fit_hessian_centred(const State& state, Workspace& work, const Cell* c, const Stencil& list,
-                         int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy,
-                         bool& fit_hessian_succ) {
+void fit_hessian_centred(const State& /*state*/, Workspace& work, const Cell* c,
+                         const Stencil& list, int n_list, double& dx2, double& dy2, double& dxdy,
+                         double& dx, double& dy, bool& fit_hessian_succ) {
   assert(n_list >= nb_coefficients);
   const double least = n_list > nb_coefficients ? centred_normal_condition : centred_condition;
   build_centred_system(work.centred, *c, list, n_list);

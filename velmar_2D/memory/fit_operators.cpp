@@ -4,8 +4,10 @@
 
 namespace velmar_2d::detail {
 
-FitOperators::~FitOperators() {
-  for (const auto& place : places_) delete place.load();
+FitOperators::~FitOperators() { forget(); }
+
+void FitOperators::forget() {
+  for (auto& place : places_) delete place.exchange(nullptr);
 }
 
 const FitOperator* FitOperators::find(std::uint64_t key) const {

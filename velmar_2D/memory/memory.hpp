@@ -366,6 +366,8 @@ class FitOperators {
   const FitOperator* find(std::uint64_t key) const;
   /// Keeps a copy. nullptr where there is no place or no memory for it.
   const FitOperator* keep(const FitOperator& op);
+  /// Gives the memory back. Needs: no one else looks up or adds.
+  void forget();
 
  private:
   /// An operator lies in one of a few places behind that of its key. A moving front needs two

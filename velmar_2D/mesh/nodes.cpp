@@ -56,6 +56,7 @@ std::int32_t release_all_nodes(State& state) {
   state.memory.release_all();
   state.history.forget();
   state.stretch_nodes.forget();
+  state.fit_operators.forget();
   state.links_may_be_one_way = false;
   return nb_released;
 }
