@@ -4,10 +4,6 @@
 #include <cstdio>
 #include <sstream>
 
-#include "scenarios/scenarios.hpp"
-#include "support/mesh_view.hpp"
-#include "velmar_2D/velmar_2D.hpp"
-
 namespace velmar_2d::tests {
 namespace {
 
@@ -23,50 +19,56 @@ int small_or_large_limit(Random& random) {
 
 /// Two rows of nodes are too few for second derivatives: computing them would end the process.
 bool has_second_derivatives(int nx, int ny) { return nx > 2 && ny > 2; }
-bool grid_has_second_derivatives() {
-  return east_boundary_dir->c - x_min > 1.5 * dist_0 &&
-         north_boundary_dir->c - y_min > 1.5 * dist_0;
+bool grid_has_second_derivatives(const Mesh& mesh) {
+  return mesh.x_max() - mesh.x_min() > 1.5 * mesh.dist_0() &&
+         mesh.y_max() - mesh.y_min() > 1.5 * mesh.dist_0();
 }
 
-std::string make_mesh(const HistoryPlan& plan, Random& random) {
-  const int nx = random.between(2, 8), ny = random.between(2, 8);
-  const int limit = small_or_large_limit(random);
-  n_cell_data = has_second_derivatives(nx, ny) ? random.between(0, 2) : 0;
+}  // namespace
+
+std::string History::make_mesh() {
+  const int nx = random_.between(2, 8), ny = random_.between(2, 8);
+  const int limit = small_or_large_limit(random_);
+  const int nb_values = has_second_derivatives(nx, ny) ? random_.between(0, 2) : 0;
   // Powers of 2 near the origin: no coordinate is rounded and no side has to be moved.
-  const double spacing = plan.far_from_origin ? 0.1 : std::ldexp(1.0, random.between(-4, 4));
-  const double west = plan.far_from_origin ? std::pow(10.0, random.between(3, 6)) + random.uniform()
-                                           : spacing * random.between(-8, 8);
-  const double south = plan.far_from_origin ? -west / 3.0 : spacing * random.between(-8, 8);
-  scenarios::set_domain(west, west + (nx - 1) * spacing, south, south + (ny - 1) * spacing);
-  if (plan.far_from_origin && std::freopen("/dev/null", "r", stdin) == nullptr) std::abort();
-  double y_max = 0.0;
-  init_mesh(mixed_kinds, nx, ny, limit, y_max);
+  const double spacing = plan_.far_from_origin ? 0.1 : std::ldexp(1.0, random_.between(-4, 4));
+  const double west = plan_.far_from_origin
+                          ? std::pow(10.0, random_.between(3, 6)) + random_.uniform()
+                          : spacing * random_.between(-8, 8);
+  const double south = plan_.far_from_origin ? -west / 3.0 : spacing * random_.between(-8, 8);
+  if (plan_.face == Face::free_procedures && plan_.far_from_origin &&
+      std::freopen("/dev/null", "r", stdin) == nullptr)
+    std::abort();
+  driven_.make({west, west + (nx - 1) * spacing, south, south + (ny - 1) * spacing},
+               {nx, ny, limit, nb_values, mixed_kinds});
 
   std::ostringstream text;
-  text << "grid of " << nx << " x " << ny << ", spacing " << dist_0 << ", west side at " << west
-       << ", limit " << limit << ", " << n_cell_data << " data values";
+  text << "grid of " << nx << " x " << ny << ", spacing " << mesh().dist_0() << ", west side at "
+       << west << ", limit " << limit << ", " << nb_values << " data values";
   return text.str();
 }
 
 /// The rings, jumps and noise reach from the coarsest to a finest spacing that the limit may or may
 /// not allow. The work stays small: fine spacing everywhere is asked for under low limits only.
-size_function draw_size(const HistoryPlan& plan, Random& random, std::string& name) {
-  const double width = east_boundary_dir->c - x_min, height = north_boundary_dir->c - y_min;
-  const double finest = dist_0 * std::exp2(-0.5 * random.between(0, 9));
-  const double coarsest = dist_0 * random.between(1, 3);
-  const std::uint64_t seed = random.next();
+size_function History::draw_size(std::string& name) {
+  const double x_min = mesh().x_min(), y_min = mesh().y_min(), dist_0 = mesh().dist_0();
+  const double width = mesh().x_max() - x_min, height = mesh().y_max() - y_min;
+  const double finest = dist_0 * std::exp2(-0.5 * random_.between(0, 9));
+  const double coarsest = dist_0 * random_.between(1, 3);
+  const std::uint64_t seed = random_.next();
   size_function size;
-  switch (random.between(0, 3)) {
+  switch (random_.between(0, 3)) {
     case 0: {
-      const scenarios::Ring ring{x_min + width * random.uniform(),
-                                 y_min + height * random.uniform(), 0.4 * width * random.uniform()};
+      const scenarios::Ring ring{x_min + width * random_.uniform(),
+                                 y_min + height * random_.uniform(),
+                                 0.4 * width * random_.uniform()};
       name = "ring";
-      size = scenarios::ring_spacing(ring, 0.2 + random.uniform(), finest, coarsest);
+      size = scenarios::ring_spacing(ring, 0.2 + random_.uniform(), finest, coarsest);
       break;
     }
     case 1:
       name = "jump";
-      size = scenarios::jumping_spacing(x_min + width * random.uniform(),
+      size = scenarios::jumping_spacing(x_min + width * random_.uniform(),
                                         std::max(finest, 0.2 * dist_0), coarsest);
       break;
     case 2:
@@ -78,7 +80,7 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
       size = scenarios::even_spacing(std::max(finest, 0.3 * dist_0));
       break;
   }
-  if (plan.by_data) {
+  if (plan_.by_data) {
     size = [size = std::move(size)](double x, double y, std::span<const double> data, double grad,
                                     double grad2) {
       const double value = data.empty() ? 0.0 : data[0];
@@ -86,16 +88,16 @@ size_function draw_size(const HistoryPlan& plan, Random& random, std::string& na
              (0.5 + 1.0 / (1.0 + std::abs(value) + std::sqrt(grad) + std::cbrt(grad2)));
     };
   }
-  if (plan.steps == Steps::adapt_hostile) {
+  if (plan_.steps == Steps::adapt_hostile) {
     name = "hostile " + name;
     size = scenarios::hostile_spacing(seed, std::move(size));
   }
   return size;
 }
 
-std::string adapt(const HistoryPlan& plan, Random& random) {
+std::string History::adapt() {
   std::string name;
-  const size_function size = draw_size(plan, random, name);
+  const size_function size = draw_size(name);
   const batch_size_function sizes = [&](std::span<const Cell* const> nodes, std::span<double> out) {
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       const Cell& c = *nodes[i];
@@ -103,65 +105,62 @@ std::string adapt(const HistoryPlan& plan, Random& random) {
     }
   };
   const auto product = [](double x, double y) { return x * y; };
-  if (random.between(0, 1) == 0 || !grid_has_second_derivatives()) {
-    plan.batched ? update_mesh_no_init_batched(sizes) : update_mesh_no_init(size);
+  if (random_.between(0, 1) == 0 || !grid_has_second_derivatives(mesh())) {
+    plan_.batched ? driven_.update_batched(sizes) : driven_.update(size);
   } else {
-    plan.batched ? update_mesh_init_batched(sizes, product) : update_mesh_init(size, product);
+    plan_.batched ? driven_.update_batched(sizes, product) : driven_.update(size, product);
   }
   return "update: " + name;
 }
 
-std::string change_limit(Random& random) {
-  const int limit = random.between(0, 1) == 0 ? std::max(0, level_max - random.between(1, 4))
-                                              : std::min(9, level_max + random.between(1, 3));
-  set_subdiv_max(limit);
+std::string History::change_limit() {
+  const int old_limit = mesh().limit();
+  const int limit = random_.between(0, 1) == 0 ? std::max(0, old_limit - random_.between(1, 4))
+                                               : std::min(9, old_limit + random_.between(1, 3));
+  driven_.set_limit(limit);
   return "limit " + std::to_string(limit);
 }
 
-Cell* draw_node(Random& random) {
-  Cell* c = mesh_beg;
-  for (int skip = random.between(0, nb_nodes - 1); skip > 0; --skip) c = c->next;
-  return c;
+Cell& History::draw_node() {
+  auto node = mesh().nodes().begin();
+  for (int skip = random_.between(0, static_cast<int>(mesh().size()) - 1); skip > 0; --skip) ++node;
+  return *node;
 }
 
 /// Inserts or removes at a few nodes, in the joined or in the split state.
-std::string single_nodes(Random& random) {
+std::string History::single_nodes() {
   int inserted = 0, removed = 0;
-  const bool split = random.between(0, 1) == 0;
+  const bool split = random_.between(0, 1) == 0;
   for (int i = 0; i < 10; ++i) {
-    Cell* c = draw_node(random);
-    if (split) split_sublists();
-    if (random.between(0, 1) == 0) {
-      const auto proposals = proposals_around(c);
-      if (!proposals.empty() && proposals.back().level <= level_max) {
-        insert(proposals.back());
+    Cell& c = draw_node();
+    if (split) driven_.split();
+    if (random_.between(0, 1) == 0) {
+      const auto proposals = driven_.proposals_around(c);
+      if (!proposals.empty() && proposals.back().level <= mesh().limit()) {
+        driven_.insert(proposals.back());
         ++inserted;
       }
-    } else if (c->ipos > 0 && remove(c)) {
+    } else if (c.ipos > 0 && driven_.remove(c)) {
       ++removed;
     }
-    if (split) join_sublists();
+    if (split) driven_.join();
   }
   return std::to_string(inserted) + " inserted, " + std::to_string(removed) + " removed" +
          (split ? " in the split list" : " in the joined list");
 }
 
-}  // namespace
+std::string History::step() {
+  if (next_step_++ == 0) return make_mesh();
+  const int choice = random_.between(0, 5);
+  if (choice == 0) return change_limit();
+  if (choice == 1 && plan_.steps == Steps::single_nodes) return single_nodes();
+  return adapt();
+}
 
 void run_history(const HistoryPlan& plan,
                  const std::function<void(const std::string& step)>& after_step) {
-  Random random{plan.seed};
-  after_step(make_mesh(plan, random));
-  for (int i = 0; i < plan.nb_steps; ++i) {
-    const int choice = random.between(0, 5);
-    if (choice == 0) {
-      after_step(change_limit(random));
-    } else if (choice == 1 && plan.steps == Steps::single_nodes) {
-      after_step(single_nodes(random));
-    } else {
-      after_step(adapt(plan, random));
-    }
-  }
+  History history(plan);
+  while (!history.is_over()) after_step(history.step());
 }
 
 }  // namespace velmar_2d::tests

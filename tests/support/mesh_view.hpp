@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "scenarios/scenarios.hpp"
+#include "velmar_2D/mesh.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
@@ -25,7 +26,11 @@ std::vector<std::string> describe_mesh();
 
 /// Number of nodes and a hash of them all that does not depend on their order: the bits of
 /// positions, data values and derivatives; levels, and where links lead.
-std::string fingerprint();
+std::string fingerprint(const Mesh& mesh = default_mesh());
+
+/// A hash of all that a mesh is: every field of every node in list order, to the last bit, nodes
+/// named by their ids; domain, limit and counters.
+std::uint64_t state_hash(const Mesh& mesh);
 
 /// A grid of squares of side 1 whose lower left corner lies at the origin.
 void make_grid(int nx, int ny, int limit, bc_type_function kinds = scenarios::all_dirichlet);
