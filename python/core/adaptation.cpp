@@ -90,10 +90,24 @@ class KindsAtHand {
   KindsAtHand& operator=(const KindsAtHand&) = delete;
 
   BulkKinds* bulk() const { return bulk_.get(); }
+  /// Whether Python is called for one place after the other.
+  bool one_by_one() const { return core_.kind_at && bulk_ == nullptr; }
 
  private:
   CoreMesh& core_;
   std::unique_ptr<BulkKinds> bulk_;
+};
+
+/// Lets other threads have Python's lock while this lasts. Not where Python is called for one place
+/// after the other: to get the lock back each time can take longer than all the rest.
+class LetOthersRun {
+ public:
+  explicit LetOthersRun(bool one_by_one) {
+    if (!one_by_one) released_.emplace();
+  }
+
+ private:
+  std::optional<py::gil_scoped_release> released_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -336,7 +350,7 @@ std::unique_ptr<CoreMesh> make_mesh(const std::array<double, 4>& rectangle, std:
     };
   }
   {
-    const py::gil_scoped_release others_may_run;
+    const LetOthersRun others(kinds_at_hand.one_by_one());
     core->mesh = std::make_unique<Mesh>(domain, grid);
   }
   core->mesh->set_message_handler(log);
@@ -348,7 +362,7 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
                     bool kinds_vectorised) {
   const Changing changing(core, "subdiv_max");
   const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
-  const py::gil_scoped_release others_may_run;
+  const LetOthersRun others(kinds_at_hand.one_by_one());
   core.mesh->set_limit(limit);
 }
 
@@ -400,9 +414,8 @@ void update(CoreMesh& core, const py::function& size, const py::object& init_dat
     }
     if (forecast.has_readers() && is_refinement(mesh, nodes)) forecast.look_ahead(nodes, sizes);
   };
-  // Functions that are asked node by node would hand Python's lock over all the time.
-  std::optional<py::gil_scoped_release> others_may_run;
-  if (vectorised) others_may_run.emplace();
+  const bool values_one_by_one = !interpolates && values == nullptr;
+  const LetOthersRun others(!vectorised || values_one_by_one || kinds_at_hand.one_by_one());
   interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
 }
 

@@ -79,13 +79,15 @@ class Busy {
 };
 
 /// Held by what changes values of nodes.
-class Changing : public Busy {
+class Changing {
  public:
-  using Busy::Busy;
-  Changing(CoreMesh& core, std::string_view operation) : Busy(core, operation), core_(core) {}
+  Changing(CoreMesh& core, std::string_view operation) : busy_(core, operation), core_(core) {}
   ~Changing() { ++core_.data_version; }
+  Changing(const Changing&) = delete;
+  Changing& operator=(const Changing&) = delete;
 
  private:
+  Busy busy_;
   CoreMesh& core_;
 };
 

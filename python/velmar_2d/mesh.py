@@ -43,8 +43,8 @@ class Mesh:
 
     rectangle    (west, east, south, north)
     nx, ny       nodes of the first grid along x and y. Its cells are squares of the width
-                 (east - west) / (nx - 1), and the height must be a whole number of them. Without ny
-                 that number is taken from the height.
+                 (east - west) / (nx - 1), and the height must be a whole number of them. Without ny,
+                 or where it is 0, that number is taken from the height.
     subdiv_max   limit of subdivision, the highest level that a node may have
     n_cell_data  data values of each node, 0.0 at first
     bc_type      the kind of condition on the sides: DIRICHLET, NEUMANN or OTHER (or their names)
