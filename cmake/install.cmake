@@ -1,10 +1,10 @@
-# What `cmake --install` puts in place: the library, its public header, a package for
+# What `cmake --install` puts in place: the library, its public headers, a package for
 # find_package(velmar_2d) and one for pkg-config. Private headers stay at home.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velmar_2d)
 
-# Installs one library with its public header and its part of the CMake package.
+# Installs one library with its public headers and its part of the CMake package.
 function(velmar_2d_install_library target export runtime_component)
   install(TARGETS ${target} EXPORT ${export}
     RUNTIME COMPONENT ${runtime_component}

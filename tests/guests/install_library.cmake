@@ -1,4 +1,5 @@
-# Builds the library and installs it under a prefix that it was not configured for.
+# Builds the library and installs it under a prefix that it was not configured for. Of the headers the
+# public ones are installed and no other.
 #   cmake -DSOURCE=... -DBINARY=... -DPREFIX=... -DOPTIONS=... -DGENERATOR=... -P <this file>
 file(REMOVE_RECURSE ${PREFIX})
 foreach(step IN ITEMS
@@ -7,3 +8,9 @@ foreach(step IN ITEMS
     "--install;${BINARY};--prefix;${PREFIX}")
   execute_process(COMMAND ${CMAKE_COMMAND} ${step} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
+
+file(GLOB_RECURSE headers RELATIVE ${PREFIX}/include ${PREFIX}/include/*)
+set(public velmar_2D/mesh.hpp velmar_2D/records.hpp velmar_2D/velmar_2D.hpp velmar_2D/velmar_2D_io.hpp)
+if(NOT headers STREQUAL public)
+  message(FATAL_ERROR "installed headers: ${headers}")
+endif()

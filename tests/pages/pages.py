@@ -4,7 +4,8 @@
     pages.py run PAGE PAGE_PROGRAM TOOL FOLDER    runs it, and the lines "velmar_2d ..." of ```sh blocks
     pages.py write (the same)                     puts what they print and draw into the page
 
-A block with a main() is a program of its own; any other is run on a mesh that is made for it. A
+A block with a main() is a program of its own. Any other is run beside a `mesh` that is made for it,
+unless it makes one itself, and the same one for the free procedures, unless it calls init_mesh(). A
 ```python block is a program too, which is run where the Python package was built. A ```text block
 that follows a ```cpp, ```python or ```sh block is what it prints.
 """
@@ -45,8 +46,11 @@ def extract(page, source):
             if "int main(" in content:
                 file.write(f"namespace {name} {{\n#define main run\n{content}#undef main\n}}\n")
             else:
-                make = "" if "init_mesh(" in content else "page::make_mesh();\n"
-                file.write(f"namespace {name} {{\nint run() {{\n{make}{content}return 0;\n}}\n}}\n")
+                make = "velmar_2d::Mesh mesh = page::make_mesh();\n"
+                if "init_mesh(" not in content:
+                    make += "page::make_default_mesh();\n"
+                file.write(f"namespace {name} {{\nint run() {{\n{make}{{\n{content}}}\n"
+                           "return 0;\n}\n}\n")
         calls = "".join(f"  page::run({name}::run);\n" for name in names)
         file.write(f"int main() {{\n{calls}}}\n")
 
