@@ -2,9 +2,13 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "support/mesh_checker.hpp"
+#include "support/mesh_view.hpp"
+#include "velmar_2D/mesh.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
@@ -33,7 +37,14 @@ class Bytes {
   std::size_t at_ = 0;
 };
 
-/// One run: the calls, and what is known of the mesh that they made.
+/// A Mesh beside the default one. The caller never breaks its geometry.
+struct Object {
+  std::optional<Mesh> mesh;
+  std::uint64_t hash = 0;   ///< state_hash() after its last call
+  bool big_enough = false;  ///< for derivatives
+};
+
+/// One run: the calls, and what is known of the meshes that they made.
 class Run {
  public:
   explicit Run(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
@@ -42,14 +53,18 @@ class Run {
     prepare();
     constexpr int most_calls = 48;
     for (int i = 0; i < most_calls && !bytes_.empty() && fault_.empty(); ++i) {
-      call_ = bytes_.below(16);
+      call_ = bytes_.next();
+      const std::string others = call_ >= first_of_objects ? fingerprint() : "";
       try {
         call();
         constexpr std::int32_t deepest_told = 30;  // positions tell ipos for all tame domains
         if (level_max > deepest_told) regular_ = false;
       } catch (const Thrown& thrown) {
         judge_end(thrown.what());
+      } catch (const Error& error) {
+        judge_end_of_object(error.what());
       }
+      if (!others.empty() && fingerprint() != others) fault_ = "the default mesh has changed\n";
       message_handler = pause_handler = [](std::string_view) {};
       if (fault_.empty()) check();
     }
@@ -87,15 +102,28 @@ class Run {
   }
 
   void call() {
-    switch (call_) {
+    if (call_ >= first_of_objects) {
+      call_object(objects_[static_cast<std::size_t>(call_ % 2)]);
+    } else if (call_ >= first_of_readers) {
+      read_in_threads(default_mesh());
+    } else if (call_ >= first_of_batches) {
+      const batch_size_function sizes = in_batches(size(default_mesh()));
+      call_ % 2 == 0 ? update_mesh_no_init_batched(sizes) : update_mesh_init_batched(sizes, data());
+    } else {
+      call_default_mesh();
+    }
+  }
+
+  void call_default_mesh() {
+    switch (call_ % 16) {
       case 0: set_records(); break;
       case 1: make_mesh(); break;
       case 2: set_number_of_values(); break;
       case 3:
       case 4:
-      case 5: update_mesh_no_init(size()); break;
+      case 5: update_mesh_no_init(size(default_mesh())); break;
       case 6:
-      case 7: update_mesh_init(size(), data()); break;
+      case 7: update_mesh_init(size(default_mesh()), data()); break;
       case 8: set_subdiv_max(limit()); break;
       case 9: bytes_.below(2) == 0 ? split_sublists() : join_sublists(); break;
       case 10: insert_proposal(); break;
@@ -193,12 +221,13 @@ class Run {
     };
   }
 
-  size_function size() {
+  size_function size(const Mesh& mesh) {
     set_countdown();
     const std::int32_t kind = bytes_.below(12);
     const double a = bytes_.next() / 255.0, b = bytes_.next() / 255.0;
     const double finest = std::exp2(-bytes_.below(24) / 2.0), radius = bytes_.next() / 255.0;
     if (kind == 11) return nullptr;
+    const double x_min = mesh.x_min(), y_min = mesh.y_min(), dist_0 = mesh.dist_0();
     return [=, this](double x, double y, std::span<const double> values, double g, double g2) {
       count_down();
       const double u = (x - x_min) / dist_0 / 5.0, v = (y - y_min) / dist_0 / 5.0;
@@ -214,6 +243,18 @@ class Run {
           const double distance = std::abs(std::hypot(u - a, v - b) - radius);
           return dist_0 * std::max(finest, 4.0 * distance);
         }
+      }
+    };
+  }
+
+  /// Sometimes some are not written.
+  batch_size_function in_batches(const size_function& size) {
+    if (!size) return nullptr;
+    const std::size_t written = bytes_.below(4) == 0 ? 10 : std::numeric_limits<std::size_t>::max();
+    return [size, written](std::span<const Cell* const> nodes, std::span<double> sizes) {
+      for (std::size_t i = 0; i < std::min(nodes.size(), written); ++i) {
+        const Cell& c = *nodes[i];
+        sizes[i] = size(c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
       }
     };
   }
@@ -290,6 +331,102 @@ class Run {
     known_value(*c);
   }
 
+  void call_object(Object& object) {
+    current_ = &object;
+    const std::int32_t kind = bytes_.below(10);
+    if (kind == 0 || !object.mesh) return make_object(object);
+    Mesh& mesh = *object.mesh;
+    switch (kind) {
+      case 1: mesh.update(size(mesh)); break;
+      case 2: mesh.update(size(mesh), data()); break;
+      case 3: mesh.update_batched(in_batches(size(mesh))); break;
+      case 4: mesh.update_batched(in_batches(size(mesh)), data()); break;
+      case 5: mesh.set_limit(small_limit()); break;
+      case 6: change_node(mesh); break;
+      case 7: read_in_threads(mesh); break;
+      case 8: bytes_.below(2) == 0 ? mesh.split_sublists() : mesh.join_sublists(); break;
+      default: end_or_move(object);
+    }
+  }
+
+  std::int32_t small_limit() { return bytes_.below(14) - 1; }
+
+  void make_object(Object& object) {
+    constexpr std::array<double, 4> starts = {0.0, -1.0, 0.3, 1000.0};
+    const double west = bytes_.one_of(starts), south = bytes_.one_of(starts);
+    const std::int32_t nx = bytes_.below(8) + 1, ny = bytes_.below(8) + 1;
+    const std::int32_t subdiv_max = small_limit(), nb_values = bytes_.below(3);
+    const double spacing = std::exp2(bytes_.below(8) - 4);
+    const std::int32_t kind = bytes_.below(5);
+    const bc_type_function sides = kind == 3 ? kind_by_side(0, 1, 2, 0) : same_kind(kind % 3);
+    Mesh made({west, west + (nx - 1) * spacing, south, south + (ny - 1) * spacing},
+              {nx, ny, subdiv_max, nb_values, [this, kind, sides](double x, double y, auto side) {
+                 if (kind == 4) count_down();
+                 return sides(x, y, side);
+               }});
+    object.mesh = std::move(made);
+    object.big_enough = nb_values == 0 || (nx > 2 && ny > 2);
+  }
+
+  void change_node(Mesh& mesh) {
+    auto at = mesh.nodes().begin();
+    for (auto i = (bytes_.next() * 256 + bytes_.next()) % mesh.size(); i > 0; --i) ++at;
+    Cell& c = *at;
+    if (bytes_.below(2) == 0) {
+      if (c.ipos == 0) return;
+      c.level % 2 != 0 ? mesh.remove_node_odd_level(c) : mesh.remove_node_even_level(c);
+      return;
+    }
+    const Proposals proposals = mesh.build_vertex(c);
+    if (proposals.n == 0) return;
+    const Vertex& v = proposals.vertices[static_cast<std::size_t>(bytes_.below(proposals.n))];
+    v.level % 2 != 0 ? mesh.insert_node_odd_level(v) : mesh.insert_node_even_level(v);
+  }
+
+  void end_or_move(Object& object) {
+    Object& other = objects_[&object == objects_.data() ? 1 : 0];
+    if (bytes_.below(2) == 0) {
+      object = {};
+    } else {
+      std::swap(object, other);
+    }
+  }
+
+  /// Several threads read all nodes and must find the same.
+  void read_in_threads(Mesh& mesh) {
+    constexpr std::size_t nb_readers = 3;
+    const bool derive = bytes_.below(2) == 0;
+    std::vector<Cell*> nodes;
+    for (Cell& c : mesh.nodes()) nodes.push_back(&c);
+    std::array<double, nb_readers> sums{};
+    {
+      std::vector<std::jthread> readers;
+      for (std::size_t k = 0; k < nb_readers; ++k) {
+        readers.emplace_back([&, k] {
+          for (std::size_t i = k; derive && i < nodes.size(); i += nb_readers) {
+            try_to([&] { mesh.compute_derivatives(*nodes[i]); });
+          }
+          for (Cell* c : nodes) try_to([&] { sums[k] += measure(mesh, *c); });
+          mesh.check();
+        });
+      }
+    }
+    if (sums[1] != sums[0] || sums[2] != sums[0]) fault_ = "readers find different things\n";
+  }
+  static void try_to(const auto& read) {
+    try {
+      read();
+    } catch (const std::runtime_error&) {  // a warning or an error of one node: on with the next
+      return;
+    }
+  }
+  static double measure(const Mesh& mesh, Cell& c) {
+    double sum = mesh.shape(c).type + 64.0 * mesh.polygon(c).n;
+    for (const double length : mesh.faces(c).length) sum += length;
+    sum += mesh.area(c);
+    return std::isfinite(sum) ? sum : 1.0;
+  }
+
   void end_or_hinder() {
     switch (bytes_.below(4)) {
       case 0: delete_mesh(); break;
@@ -305,14 +442,38 @@ class Run {
   /// Some ends must not come about while the caller did everything right.
   void judge_end(std::string_view text) {
     if (!regular_ || !tame_ || !big_enough_) return;
-    for (const std::string_view bad : {"internal error", "cannot be removed", "belongs to level",
-                                       "insert_node_odd on_boundary"}) {
+    for (const std::string_view bad : bad_ends) {
       if (text.find(bad) != std::string_view::npos) fault_ = std::string(text) + "\n";
+    }
+  }
+
+  void judge_end_of_object(std::string_view text) {
+    if (text.find("is not whole") != std::string_view::npos) fault_ = std::string(text) + "\n";
+    if (current_ == nullptr || !current_->big_enough) return;
+    for (const std::string_view bad : bad_ends) {
+      if (text.find(bad) != std::string_view::npos) fault_ = std::string(text) + "\n";
+    }
+  }
+
+  /// Only the one that was called may have changed.
+  void check_objects() {
+    for (Object& object : objects_) {
+      const std::uint64_t hash = object.mesh ? state_hash(*object.mesh) : 0;
+      const bool was_called = call_ >= first_of_objects;
+      if (!was_called && hash != object.hash) fault_ += "a mesh has changed that was not called\n";
+      if (object.mesh && hash != object.hash) {
+        for (const Finding& finding : object.mesh->check()) {
+          fault_ +=
+              "object: " + std::string(finding.rule) + ": " + std::string(finding.text) + "\n";
+        }
+      }
+      object.hash = hash;
     }
   }
 
   void check() {
     countdown_ = 0;
+    check_objects();
     std::vector<Finding> findings;
     check_mesh(findings);
     for (const Finding& finding : findings) {
@@ -329,6 +490,10 @@ class Run {
     if (!fault_.empty()) fault_ = "after call " + std::to_string(call_) + "\n" + fault_;
   }
 
+  /// Calls from these bytes on; those before are of the default mesh, by their lowest four bits.
+  static constexpr int first_of_batches = 224, first_of_readers = 230, first_of_objects = 232;
+  static constexpr std::array<std::string_view, 4> bad_ends = {
+      "internal error", "cannot be removed", "belongs to level", "insert_node_odd on_boundary"};
   static constexpr std::array<double, 8> origins = {0.0,  -1.0, 10.0,      1000.0,
                                                     -0.1, 1e9,  no_number, infinity};
   static constexpr std::array<double, 8> widths = {1.0,  2.0,    4.0, 0.3,
@@ -336,6 +501,8 @@ class Run {
 
   Bytes bytes_;
   std::array<Boundary, 12> records_;
+  std::array<Object, 2> objects_;
+  const Object* current_ = nullptr;  ///< that was called last
   std::string fault_;
   int call_ = 0, countdown_ = 0;
   bool regular_ = true;         ///< the caller did nothing that breaks the geometry

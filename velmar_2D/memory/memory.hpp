@@ -103,9 +103,9 @@ VELMAR_2D_ALWAYS_INLINE void prefetch_far_corners(const Cell& c) {
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* corner = link(c, d).cell();
     if (corner == nullptr || !link(c, d + 1).empty()) continue;
-    const auto* far = reinterpret_cast<const std::byte*>(link(*corner, d + 2).cell());
-    prefetch(far);
-    prefetch(far + cache_line);
+    const auto far = reinterpret_cast<std::uintptr_t>(link(*corner, d + 2).cell());  // 0: none
+    prefetch(reinterpret_cast<const void*>(far));
+    prefetch(reinterpret_cast<const void*>(far + cache_line));
   }
 }
 
