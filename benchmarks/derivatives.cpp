@@ -1,5 +1,6 @@
-// Derivatives of the data: whole passes over adapted meshes, by where the domain lies; the nodes of
-// each path by themselves; one node with eight neighbours, fitted over nine rows.
+// Derivatives of the data: whole passes over adapted meshes, by where the domain lies, and by
+// several threads; the nodes of each path by themselves; one node with eight neighbours, fitted
+// over nine rows.
 
 #include <benchmark/benchmark.h>
 
@@ -81,6 +82,13 @@ void pass(benchmark::State& state, double origin, double size, int nodes_per_sid
   report(state, static_cast<std::size_t>(nb_nodes));
 }
 
+/// Every node at once, as an update does it, by a number of threads.
+void all_nodes(benchmark::State& state, int threads) {
+  make_mesh(0.0, 1.0, 129, 11, 0.035);
+  for (auto _ : state) compute_data_at_all_nodes(threads);
+  report(state, static_cast<std::size_t>(nb_nodes));
+}
+
 /// The nodes of one path in list order. Nodes with few neighbours are retried near the origin and
 /// searched for a second time far from it.
 void nodes_of_path(benchmark::State& state, Path path, double origin) {
@@ -146,6 +154,13 @@ void register_all() {
     add(std::string("pass_1e6/") + name, [d = domain](benchmark::State& state) {
       pass(state, d.origin, d.size, 129, 11, 0.035);
     })->Unit(benchmark::kMillisecond);
+  }
+
+  for (const int threads : {1, 2}) {
+    add("all_1e6/threads:" + std::to_string(threads),
+        [threads](benchmark::State& state) { all_nodes(state, threads); })
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
   }
 
   // Nodes with few neighbours: at the origin a stencil is found by retrying; far from it the search

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <bit>
+#include <limits>
 #include <string>
 
 #include "velmar_2D/records.hpp"
@@ -192,8 +193,10 @@ std::string to_text(double value);
 double log2(double x);
 /// 2^level as a signed 32-bit integer where 0 <= level <= 31 (negative at 31), otherwise 0.
 double power_of_2(std::int32_t level);
-/// 2^exponent for exponents in the range of normal numbers.
+/// 2^exponent; 0 or infinite beyond the range of normal numbers.
 constexpr double exact_power_of_2(int exponent) {
+  if (exponent < -1022) return 0.0;
+  if (exponent > 1023) return std::numeric_limits<double>::infinity();
   return std::bit_cast<double>(static_cast<std::uint64_t>(1023 + exponent) << 52);
 }
 

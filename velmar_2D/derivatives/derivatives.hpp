@@ -1,7 +1,9 @@
-// Derivatives of the data at a node, from the rows of a stencil. Never installed.
+// Derivatives of the data at a node, from the rows of a stencil: the rule, and shortcuts to what it
+// gives. Never installed.
 #pragma once
 
 #include <cassert>
+#include <string>
 
 #include "velmar_2D/mesh/state.hpp"
 
@@ -51,6 +53,12 @@ struct Workspace {
     double inverse_size;  ///< 1 / largest distance of a row from the node
   } centred;
   FitOperator op;  ///< one that the mesh has no place for
+
+  /// Told of a failure instead of the mesh's own, which only the caller's thread may call.
+  const Handlers* handlers = nullptr;
+  const Handlers& handlers_or(const Handlers& of_mesh) const {
+    return handlers != nullptr ? *handlers : of_mesh;
+  }
 };
 
 /// Copies a row; rows are counted from 0. The distance stays behind.
@@ -84,21 +92,23 @@ void extract_neighbors_l2(const Cell* c, Candidates& list, int& n_list);
 /// Appends the neighbours of every neighbour: the node itself and repetitions included.
 void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list);
 
+/// Ids are stored as doubles, as all columns are, and compared as integers.
+inline std::int64_t id_of(double id) { return static_cast<std::int64_t>(id); }
+
 /// Sorts by ascending id and keeps the first row of each id.
 void unique_in_list(Workspace& work, Candidates& list, int& n_list);
 /// Drops the candidates that the stencil holds already and brings the others into the order in
-/// which they are tried: a distance order, though not an ascending one (see the definition).
+/// which they are tried: by repeated selection of the smallest distance, where the distances of the
+/// rows behind the selected one do not move up with them.
 void unique_in_lists(Workspace& work, const Stencil& list, int n_list, Candidates& candidates,
                      int& n_candidates);
-
-/// The candidate that comes first in that order, of a node with at most five neighbours, whose
-/// neighbours' neighbours a table has room for: the nearest one, and of those the oldest. nullptr
-/// where there is none. Sorts and copies nothing.
-const Cell* first_candidate(const Cell* c);
+/// The first step of that: the candidates that the stencil does not hold, with their distances.
+void keep_unknown(const Stencil& list, int n_list, const Candidates& candidates, int n_candidates,
+                  Candidates& kept, int& n_kept);
 
 /// Recognises the regular square: four neighbours and no others, at one spacing, and a far corner
-/// that closes a square with two of them. Appends all five and tells which two (1 to 4), else gives
-/// case 0 and appends nothing.
+/// that closes a square with two of them. The node's row is then followed by those five, and the
+/// case tells which two (1 to 4); else it is 0, and the rows stay as they are.
 void extract_neighbor_square(const Domain& domain, const Cell* c, Stencil& list, int& n_list,
                              int& quick_hessian_case);
 /// At a node on a side with three neighbours: appends the two far corners of the squares inwards
@@ -116,7 +126,7 @@ bool are_4pts_not_aligned_neighbors(const Cell* c);
 bool are_6pts_not_aligned_3_by_3(const Stencil& list);
 
 // ---------------------------------------------------------------------------------------------
-// Fits
+// Fits (fit_hessian.cpp, fit_data.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// The condition estimate from which on six rows in absolute coordinates are accepted, for a node
@@ -125,6 +135,14 @@ inline double least_condition(const Domain& domain, std::int32_t level) {
   constexpr double per_spacing2 = 0.001;
   return per_spacing2 * domain.dist_0 * domain.dist_0 / power_of_2(level);
 }
+/// Levels whose spacing this criterion can express; beyond them no fit is accepted.
+inline bool has_fit_level(const Cell& c) {
+  constexpr std::int32_t highest_fit_level = 31;
+  return c.level >= 0 && c.level <= highest_fit_level;
+}
+/// The condition estimate from which on centred systems, which know no unit of length, are
+/// accepted: six rows, and normal equations.
+inline double least_centred_condition(int n_list) { return n_list > linpack_order ? 1e-8 : 1e-6; }
 
 /// Least-squares quadratic through the rows of a stencil; its derivatives at the node.
 ///
@@ -138,37 +156,39 @@ void fit_hessian_6pts(const State& state, Workspace& work, const Cell* c, const 
                       bool& fit_hessian_succ);
 
 /// fit_hessian_6pts() with another criterion, which does not depend on where the domain lies: the
-/// condition estimate of the centred system, at least 1e-6 for six rows, 1e-8 for more.
+/// condition estimate of the centred system.
 void fit_hessian_centred(const State& state, Workspace& work, const Cell* c, const Stencil& list,
                          int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy,
                          bool& fit_hessian_succ);
 
-/// The operator of a stencil: the node, its neighbours, and up to three rows more. nullptr where
-/// the rows do not lie on the lattice, where they lie too far apart, or where the centred criterion
-/// refuses them. Good until the next call.
-///
-/// Needs: a level of 0 or more.
-const FitOperator* find_operator(const State& state, Workspace& work, const Cell* c,
-                                 const Stencil& list, int n_list);
-/// The derivatives that a fit would give, up to rounding.
-void apply_operator(const Domain& domain, const FitOperator& op, const Cell* c, const Stencil& list,
-                    int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy);
-/// Whether fit_hessian_6pts() is bound to accept these six rows. Cheaper than asking it, and true
-/// for nearly all that it accepts.
-bool acceptance_is_certain(const Domain& domain, const FitOperator& op, const Cell* c,
-                           const Stencil& list);
+/// The system in coordinates centred on the node, normal equations for more than six rows; the
+/// derivatives at the node from its factors.
+void build_centred_system(Workspace::Centred& centred, const Cell& c, const Stencil& list,
+                          int n_list);
+void solve_centred(Workspace::Centred& centred, double& dx2, double& dy2, double& dxdy, double& dx,
+                   double& dy);
 
 /// Completes five nodes to six rows: the candidates, and the parallelogram of two rows and the node
 /// that gives the best conditioned system. No mixed difference is then seen along those two.
 void weird_partial_hessian_5pts(Workspace& work, const Cell* c, Stencil& list,
                                 const Candidates& candidates, int& n_list, int n_candidates);
 
-/// Whether fit_hessian_6pts() would refuse each stencil of a search, told without trying them: the
-/// first n_list - 2 rows of the list with any two of its last two rows and the candidates.
+/// Least-squares quadratic through scattered rows, evaluated at (x, y), for a node of a level.
 ///
-/// May miss a hopeless search, never condemns one that would find a stencil.
-bool search_is_hopeless(const Domain& domain, const Cell* c, const Stencil& list, int n_list,
-                        const Candidates& candidates, int n_candidates);
+/// `value` stays as it is where the system is too ill-conditioned, by the rule of
+/// fit_hessian_6pts(); the coordinates are used as they are.
+/// Ends the process with fewer than six rows.
+void fit_data(const State& state, const Candidates& list, int n_list, double x, double y,
+              double& value, std::int32_t level);
+
+// ---------------------------------------------------------------------------------------------
+// The rule (compute_data_at_node.cpp), and the pieces of it that the shortcuts share
+// ---------------------------------------------------------------------------------------------
+
+/// compute_data_at_node() step by step as one would write it down, slow: what the shortcuts are
+/// held against.
+void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c,
+                                  double* dfdx = nullptr, double* dfdy = nullptr);
 
 /// Second derivatives on the regular square, by differences. Along the axes of the square, so only
 /// their Frobenius norm has a meaning for all cases and levels.
@@ -181,23 +201,102 @@ void quick_gradient_case(const Cell* c, double& grad_x, double& grad_y);
 
 /// Which component of the gradient a Neumann side forces to 0: at most one.
 /// Ends the process if the node lies inside.
-void gradient_on_boundary(const State& state, const Cell* c, bool& grad_x_null, bool& grad_y_null);
+void gradient_on_boundary(const Handlers& handlers, const Cell* c, bool& grad_x_null,
+                          bool& grad_y_null);
 
-/// Least-squares quadratic through scattered rows, evaluated at (x, y), for a node of a level.
+/// What one computation finds out about its node.
+struct Derivatives {
+  double dx2 = 0.0, dy2 = 0.0, dxdy = 0.0, dx = 0.0, dy = 0.0;
+};
+
+using Fit = void(const State&, Workspace&, const Cell*, const Stencil&, int, double&, double&,
+                 double&, double&, double&, bool&);
+using ComputeDataAtNode = void(const State&, Workspace&, Cell*, double*, double*);
+
+/// Whether a fit accepts the stencil as it is now.
+inline bool accepts(Fit fit, const State& state, Workspace& work, const Cell* c, int n_list,
+                    Derivatives& d) {
+  bool succ = false;
+  fit(state, work, c, work.list_1, n_list, d.dx2, d.dy2, d.dxdy, d.dx, d.dy, succ);
+  return succ;
+}
+/// Walks the last row of the stencil through the candidates; when they are used up, the row before
+/// it moves on by one candidate and the last row starts again behind it. Not every pair is tried.
 ///
-/// `value` stays as it is where the system is too ill-conditioned, by the rule of
-/// fit_hessian_6pts(); the coordinates are used as they are.
-/// Ends the process with fewer than six rows.
-void fit_data(const State& state, const Candidates& list, int n_list, double x, double y,
-              double& value, std::int32_t level);
+/// @param n_added  rows of the stencil that are candidates already; without any nothing is changed
+/// @return whether a stencil was accepted
+bool search(Fit fit, const State& state, Workspace& work, const Cell* c, int n_list, int n_added,
+            int n_candidates, Derivatives& d);
+/// Completes the stencil of a node to six rows, from the candidates in their order. Ends the
+/// process where there are fewer than five nodes in all.
+///
+/// @return number of candidates that others can take the place of
+int complete_stencil(const State& state, Workspace& work, const Cell* c, int& n_list_1,
+                     int n_list_2);
+/// A corner with one neighbour takes its indicators from that one. The one-sided differences along
+/// Neumann sides read the table as the call for the neighbour left it.
+void corner_rule(ComputeDataAtNode compute, const State& state, Workspace& work, Cell* c,
+                 double* dfdx, double* dfdy);
+void store_indicators(Cell* c, const Derivatives& d);
+/// Hands back the gradient, without what a Neumann side forces to 0, where both are asked for.
+void hand_back(const State& state, const Cell* c, const Derivatives& d, double* dfdx, double* dfdy);
+
+/// Ends the process.
+[[noreturn]] void derivatives_internal_error(const Handlers& handlers, const std::string& lines);
+[[noreturn]] void no_stencil_accepted(const Handlers& handlers, const Cell& c, int n_added);
 
 // ---------------------------------------------------------------------------------------------
-// The derivatives at a node (compute_data_at_node.cpp)
+// Shortcuts, each in a file of its own. None changes what the rule gives, up to the rounding of
+// fits by shape.
 // ---------------------------------------------------------------------------------------------
 
+/// unique_in_list() and unique_in_lists() without repeated selection (candidate_order.cpp).
+void order_candidates(Workspace& work, const Stencil& list, int n_list, Candidates& candidates,
+                      int& n_candidates);
+
+/// The candidate that comes first in that order, of a node with at most five neighbours, whose
+/// neighbours' neighbours a table has room for: the nearest one, and of those the oldest. nullptr
+/// where there is none. Sorts and copies nothing (first_candidate.cpp).
+const Cell* first_candidate(const Cell* c);
+
+/// fit_hessian_centred() that mostly does without the estimate (proven_condition.cpp).
+void fit_hessian_centred_by_proof(const State& state, Workspace& work, const Cell* c,
+                                  const Stencil& list, int n_list, double& dx2, double& dy2,
+                                  double& dxdy, double& dx, double& dy, bool& fit_hessian_succ);
+
+/// Whether fit_hessian_6pts() would refuse each stencil of a search, told without trying them: the
+/// first n_list - 2 rows of the list with any two of its last two rows and the candidates.
+///
+/// May miss a hopeless search, never condemns one that would find a stencil (hopeless_search.cpp).
+bool search_is_hopeless(const Domain& domain, const Cell* c, const Stencil& list, int n_list,
+                        const Candidates& candidates, int n_candidates);
+
+/// The operator of a stencil: the node, its neighbours, and up to three rows more. nullptr where
+/// the rows do not lie on the lattice, where they lie too far apart, or where the centred criterion
+/// refuses them. Good until the next call (fit_by_shape.cpp).
+///
+/// Needs: a level of 0 or more.
+const FitOperator* find_operator(const State& state, Workspace& work, const Cell* c,
+                                 const Stencil& list, int n_list);
+/// The derivatives that a fit would give, up to rounding.
+void apply_operator(const Domain& domain, const FitOperator& op, const Cell* c, const Stencil& list,
+                    int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy);
+/// Whether fit_hessian_6pts() is bound to accept these six rows. Cheaper than asking it, and true
+/// for nearly all that it accepts.
+bool acceptance_is_certain(const Domain& domain, const FitOperator& op, const Cell* c,
+                           const Stencil& list);
+
+// ---------------------------------------------------------------------------------------------
+// The derivatives at a node, with all shortcuts (derivatives_by_shortcuts.cpp), and at every node
+// (compute_data_at_all_nodes.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Safe on different nodes of one mesh from any number of threads, each with a workspace of its
+/// own.
 void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* dfdx = nullptr,
                           double* dfdy = nullptr);
-/// For every node, in the order of the list, or by several threads.
+/// For every node, in the order of the list, or by several threads: with the same results, and ends
+/// where one thread does, in the caller's.
 void compute_data_at_all_nodes(State& state, int threads);
 
 }  // namespace velmar_2d::detail

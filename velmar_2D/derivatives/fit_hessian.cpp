@@ -21,11 +21,6 @@ namespace {
 
 constexpr int nb_coefficients = linpack_order;
 
-/// Condition estimates from which on centred systems, which know no unit of length, are accepted:
-/// six rows, and normal equations.
-constexpr double centred_condition = 1e-6;
-constexpr double centred_normal_condition = 1e-8;
-
 using Centred = Workspace::Centred;
 
 /// Condition estimate of the system in absolute coordinates.
@@ -148,7 +143,17 @@ void build_normal_equations(Centred& centred, const Cell& c, const Stencil& list
   std::copy(std::begin(rhs), std::end(rhs), centred.b);
 }
 
-void build_centred_system(Centred& centred, const Cell& c, const Stencil& list, int n_list) {
+/// Factorises the centred matrix; its condition estimate.
+double centred_condition_estimate(Centred& centred) {
+  double rcond = 0.0;
+  dgeco(centred.a, nb_coefficients, centred.ipiv, rcond, centred.work);
+  return rcond;
+}
+
+}  // namespace
+
+void build_centred_system(Workspace::Centred& centred, const Cell& c, const Stencil& list,
+                          int n_list) {
   if (n_list > nb_coefficients) {
     build_normal_equations(centred, c, list, n_list);
   } else {
@@ -157,8 +162,7 @@ void build_centred_system(Centred& centred, const Cell& c, const Stencil& list, 
   }
 }
 
-/// Derivatives at the node from the factorised centred system.
-void solve_centred(Centred& centred, double& dx2, double& dy2, double& dxdy, double& dx,
+void solve_centred(Workspace::Centred& centred, double& dx2, double& dy2, double& dxdy, double& dx,
                    double& dy) {
   dgesl(centred.a, nb_coefficients, centred.ipiv, centred.b);
   const double s = centred.inverse_size, s2 = s * s;
@@ -170,40 +174,12 @@ void solve_centred(Centred& centred, double& dx2, double& dy2, double& dxdy, dou
   dxdy = b[5] * s2;
 }
 
-/// Factorises the centred matrix; its condition estimate.
-double centred_condition_estimate(Centred& centred) {
-  double rcond = 0.0;
-  dgeco(centred.a, nb_coefficients, centred.ipiv, rcond, centred.work);
-  return rcond;
-}
-
-/// Factorises the centred matrix; whether its condition estimate is bound to reach a value. Cheaper
-/// than the estimate, and true for nearly all stencils that occur.
-///
-/// The determinant is the product of the singular values, and the sum of their squares is the
-/// squared Frobenius norm F^2, so that by the inequality of the means the smallest one is at least
-/// det (sqrt(5) / F)^5 and the condition number in the 1-norm at most 6 F over that.
-bool centred_condition_is_proven(Centred& centred, double least) {
-  double f2 = 0.0;
-  for (const double entry : centred.a) f2 += entry * entry;
-  dgefa(centred.a, nb_coefficients, centred.ipiv);
-  double determinant = 1.0;
-  for (int k = 0; k < nb_coefficients; ++k) {
-    determinant *= centred.a[k + nb_coefficients * k];
-  }
-  constexpr double sqrt_5_to_5 = 55.9, margin = 1.1;
-  return std::abs(determinant) * sqrt_5_to_5 >= margin * least * 6.0 * f2 * f2 * f2;
-}
-
-}  // namespace
-
 void fit_hessian_6pts(const State& state, Workspace& work, const Cell* c, const Stencil& list,
                       int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy,
                       bool& fit_hessian_succ) {
   if (n_list < nb_coefficients) {
-    fatal(state.handlers,
-          "(Velmar_2D:) compute_data_at_node: internal error\n"
-          "             too few equ in 'fit_hessian_6pts' !");
+    derivatives_internal_error(work.handlers_or(state.handlers),
+                               "too few equ in 'fit_hessian_6pts' !");
   }
   const double t = least_condition(state.domain, c->level);
   const double least = n_list > nb_coefficients ? t * t : t;
@@ -218,13 +194,8 @@ void fit_hessian_centred(const State& /*state*/, Workspace& work, const Cell* c,
                          const Stencil& list, int n_list, double& dx2, double& dy2, double& dxdy,
                          double& dx, double& dy, bool& fit_hessian_succ) {
   assert(n_list >= nb_coefficients);
-  const double least = n_list > nb_coefficients ? centred_normal_condition : centred_condition;
   build_centred_system(work.centred, *c, list, n_list);
-  fit_hessian_succ = centred_condition_is_proven(work.centred, least);
-  if (!fit_hessian_succ) {
-    build_centred_system(work.centred, *c, list, n_list);
-    fit_hessian_succ = centred_condition_estimate(work.centred) >= least;
-  }
+  fit_hessian_succ = centred_condition_estimate(work.centred) >= least_centred_condition(n_list);
   if (fit_hessian_succ) solve_centred(work.centred, dx2, dy2, dxdy, dx, dy);
 }
 
@@ -256,65 +227,6 @@ void weird_partial_hessian_5pts(Workspace& work, const Cell* c, Stencil& list,
   }
   complete(best_i, best_j);
   n_list = 6;
-}
-
-// The estimate is 1 / rcond = |A| |z| / |y| with trans(A) y = e, A z = y and all entries of e of
-// one size, say 1. Since |z| >= e.z = y.y, in the 1-norm, and |y|_1 <= sqrt(6) |y|_2,
-//
-//     rcond <= sqrt(6) / (|A| |y|_2),   sqrt(6) = 2.449...
-//
-// For a quadratic p with coefficients b, sum_i y_i p(x_i) = e.b, so |y|_2 >= |e.b| / |p|_2 with the
-// norm of p over the rows. With u = x - xc and v = y - yc,
-//
-//     p = xc^2 u^2 + yc^2 v^2 + xc yc u v
-//
-// is small on every stencil, while its coefficients grow with the distance from the origin; so y
-// must be large there, whatever the signs of e are.
-bool search_is_hopeless(const Domain& domain, const Cell* c, const Stencil& list, int n_list,
-                        const Candidates& candidates, int n_candidates) {
-  assert(n_list == nb_coefficients);
-  const double t = least_condition(domain, c->level);
-  const double x = c->x, y = c->y;
-  const double xx = x * x, yy = y * y, xy = x * y;
-
-  // Bounds over all stencils of the search: the sum over the rows that stay, and twice the extreme
-  // value over those that come and go.
-  double p2_fixed = 0.0, p2_largest = 0.0;
-  double xx_fixed = 0.0, yy_fixed = 0.0;
-  double xx_smallest = std::numeric_limits<double>::infinity(), yy_smallest = xx_smallest;
-  const int n_fixed = n_list - 2;
-  const auto p2_at = [=](double px, double py) {
-    const double u = px - x, v = py - y;
-    const double p = xx * u * u + yy * v * v + xy * u * v;
-    return p * p;
-  };
-  const auto add_changing = [&](double px, double py) {
-    p2_largest = std::max(p2_largest, p2_at(px, py));
-    xx_smallest = std::min(xx_smallest, px * px);
-    yy_smallest = std::min(yy_smallest, py * py);
-  };
-  for (int i = 0; i < n_fixed; ++i) {
-    p2_fixed += p2_at(list.x[i], list.y[i]);
-    xx_fixed += list.x[i] * list.x[i];
-    yy_fixed += list.y[i] * list.y[i];
-  }
-  for (int i = n_fixed; i < n_list; ++i) add_changing(list.x[i], list.y[i]);
-  for (int i = 0; i < n_candidates; ++i) add_changing(candidates.x[i], candidates.y[i]);
-  const double anorm = std::max(
-      {static_cast<double>(n_list), xx_fixed + 2.0 * xx_smallest, yy_fixed + 2.0 * yy_smallest});
-
-  // Coefficients of p, and the smallest |e.b| over all signs: the first outweighs the others, or
-  // nothing is proven.
-  const double b1 = xx * xx + yy * yy + xy * xy;
-  const double others =
-      std::abs(x) * (2.0 * xx + yy) + std::abs(y) * (2.0 * yy + xx) + xx + yy + std::abs(xy);
-  const double eb = b1 - others;
-  if (eb <= 0.0) return false;
-
-  // Rounding: the factors are those of a matrix that differs from A by some roundings of |A|.
-  constexpr double roundings = 1000.0 * std::numeric_limits<double>::epsilon();
-  const double p_norm = std::sqrt(p2_fixed + 2.0 * p2_largest) + roundings * anorm * (b1 + others);
-  return 2.5 * p_norm < (t - roundings) * anorm * eb;
 }
 
 }  // namespace velmar_2d::detail

@@ -27,8 +27,10 @@ void identify_neighbors(const Cell& c, StencilTable<nb_rows>& list, int row) {
   }
 }
 
-/// Ids are stored as doubles, as all columns are, and compared as integers.
-std::int64_t id_of(double id) { return static_cast<std::int64_t>(id); }
+/// The rows behind it move up; their distances stay where they are.
+void delete_row(Candidates& list, int& n_list, int row) {
+  for (--n_list; row < n_list; ++row) copy_row(list, row, list, row + 1);
+}
 
 /// The node that closes a square with c and two of its neighbours, or none:
 ///
@@ -67,69 +69,42 @@ void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list) {
   }
 }
 
-const Cell* first_candidate(const Cell* c) {
-  std::array<const Cell*, nb_directions> neighbours;
-  for (int d = 0; d < nb_directions; ++d) {
-    neighbours[static_cast<std::size_t>(d)] = link(*c, d).cell();
-  }
-  const Cell* first = nullptr;
-  double smallest = 0.0;
-  for (const Cell* neighbour : neighbours) {
-    if (neighbour == nullptr) continue;
-    for (int d = 0; d < nb_directions; ++d) {
-      const Cell* candidate = link(*neighbour, d).cell();
-      if (candidate == nullptr || candidate == c) continue;
-      const double x = candidate->x - c->x, y = candidate->y - c->y;
-      const double distance2 = y * y + x * x;
-      if (first != nullptr && distance2 > smallest) continue;
-      if (first != nullptr && distance2 == smallest && candidate->id >= first->id) continue;
-      if (std::find(neighbours.begin(), neighbours.end(), candidate) != neighbours.end()) continue;
-      first = candidate;
-      smallest = distance2;
-    }
-  }
-  return first;
-}
-
 void unique_in_list(Workspace& work, Candidates& list, int& n_list) {
-  // Insertion sort of the row numbers; an id that is there already is dropped, so that its first
-  // row stays.
-  std::array<std::int64_t, Candidates::capacity> ids;
-  std::array<int, Candidates::capacity> rows;
-  int n_unique = 0;
-  for (int row = 0; row < n_list; ++row) {
-    const std::int64_t id = id_of(list.id[row]);
-    int place = n_unique;
-    while (place > 0 && ids[static_cast<std::size_t>(place - 1)] > id) --place;
-    if (place > 0 && ids[static_cast<std::size_t>(place - 1)] == id) continue;
-    std::move_backward(ids.begin() + place, ids.begin() + n_unique, ids.begin() + n_unique + 1);
-    std::move_backward(rows.begin() + place, rows.begin() + n_unique, rows.begin() + n_unique + 1);
-    ids[static_cast<std::size_t>(place)] = id;
-    rows[static_cast<std::size_t>(place)] = row;
-    ++n_unique;
-  }
-
   Candidates& sorted = work.sorted;
-  for (int row = 0; row < n_unique; ++row) {
-    copy_row(sorted, row, list, rows[static_cast<std::size_t>(row)]);
+  int n_sorted = 0;
+  while (n_list > 0) {
+    int smallest = 0;
+    for (int row = 1; row < n_list; ++row) {
+      if (id_of(list.id[row]) < id_of(list.id[smallest])) smallest = row;
+    }
+    if (n_sorted == 0 || id_of(sorted.id[n_sorted - 1]) != id_of(list.id[smallest])) {
+      copy_row(sorted, n_sorted++, list, smallest);
+    }
+    delete_row(list, n_list, smallest);
   }
-  for (int row = 0; row < n_unique; ++row) copy_row(list, row, sorted, row);
-  n_list = n_unique;
+  for (int row = 0; row < n_sorted; ++row) copy_row(list, row, sorted, row);
+  n_list = n_sorted;
 }
 
-// The order comes from a selection by the smallest distance in which the rows behind the selected
-// one move up, but their distances stay where they are. The smallest distance then selects all the
-// rows behind it in turn; after them the smallest distance in front of it does the same, and so on.
-// So each distance that is smaller than all before it opens a block of rows that reaches to the
-// next such distance, and the blocks follow one another from the last to the first:
-//
-//     distances   5  7  4  6  2  9  3
-//     blocks      A  A  B  B  C  C  C     order C C C B B A A, all rows of a block with its
-//     distance
 void unique_in_lists(Workspace& work, const Stencil& list, int n_list, Candidates& candidates,
                      int& n_candidates) {
   Candidates& kept = work.sorted;
   int n_kept = 0;
+  keep_unknown(list, n_list, candidates, n_candidates, kept, n_kept);
+  n_candidates = 0;
+  while (n_kept > 0) {
+    int nearest = 0;
+    for (int row = 1; row < n_kept; ++row) {
+      if (kept.distance2[row] < kept.distance2[nearest]) nearest = row;
+    }
+    candidates.distance2[n_candidates] = kept.distance2[nearest];
+    copy_row(candidates, n_candidates++, kept, nearest);
+    delete_row(kept, n_kept, nearest);
+  }
+}
+
+void keep_unknown(const Stencil& list, int n_list, const Candidates& candidates, int n_candidates,
+                  Candidates& kept, int& n_kept) {
   for (int row = 0; row < n_candidates; ++row) {
     bool known = false;
     for (int i = 0; i < n_list; ++i) known |= id_of(list.id[i]) == id_of(candidates.id[row]);
@@ -138,27 +113,6 @@ void unique_in_lists(Workspace& work, const Stencil& list, int n_list, Candidate
     const double x = candidates.x[row] - list.x[0], y = candidates.y[row] - list.y[0];
     kept.distance2[n_kept] = y * y + x * x;
     ++n_kept;
-  }
-
-  std::array<int, Candidates::capacity> blocks;
-  int n_blocks = 0;
-  for (int row = 0; row < n_kept; ++row) {
-    if (n_blocks == 0 ||
-        kept.distance2[row] < kept.distance2[blocks[static_cast<std::size_t>(n_blocks - 1)]]) {
-      blocks[static_cast<std::size_t>(n_blocks++)] = row;
-    }
-  }
-
-  n_candidates = 0;
-  int end = n_kept;
-  for (int block = n_blocks - 1; block >= 0; --block) {
-    const int first = blocks[static_cast<std::size_t>(block)];
-    for (int row = first; row < end; ++row) {
-      copy_row(candidates, n_candidates, kept, row);
-      candidates.distance2[n_candidates] = kept.distance2[first];
-      ++n_candidates;
-    }
-    end = first;
   }
 }
 
@@ -170,14 +124,16 @@ template <int first>
 void extract_square(const Domain& domain, const Cell& c, Stencil& list, int& n_list,
                     int& quick_hessian_case) {
   std::array<const Cell*, 4> neighbours;
-  const double spacing2 = domain.dist_0 * domain.dist_0 * exact_power_of_2(-c.level);
   for (int i = 0; i < 4; ++i) {
     const Cell* neighbour = link(c, first + 2 * i).cell();
     if (neighbour == nullptr || link(c, first + 2 * i + 1).cell() != nullptr) return;
     neighbours[static_cast<std::size_t>(i)] = neighbour;
   }
+  // In units in which the straight spacing of the level is dist_0, however deep it lies.
+  const double scale = exact_power_of_2(c.level >> 1);
+  const double spacing2 = domain.dist_0 * domain.dist_0 * (first == north ? 1.0 : 0.5);
   for (const Cell* neighbour : neighbours) {
-    const double x = neighbour->x - c.x, y = neighbour->y - c.y;
+    const double x = (neighbour->x - c.x) * scale, y = (neighbour->y - c.y) * scale;
     if (!(std::abs(x * x + y * y - spacing2) < regular_square_tolerance * spacing2)) return;
   }
 
@@ -190,6 +146,7 @@ void extract_square(const Domain& domain, const Cell& c, Stencil& list, int& n_l
     const auto [a, b] = neighbours_by_case[i];
     const Cell* far = far_corner(c, first + a, first + b);
     if (far == nullptr) continue;
+    n_list = 1;
     for (const Cell* neighbour : neighbours) append_row(list, n_list, *neighbour);
     append_row(list, n_list, *far);
     quick_hessian_case = static_cast<int>(i) + 1;

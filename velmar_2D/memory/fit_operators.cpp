@@ -20,19 +20,22 @@ const FitOperator* FitOperators::find(std::uint64_t key) const {
 }
 
 const FitOperator* FitOperators::keep(const FitOperator& op) {
-  const auto* kept = new (std::nothrow) FitOperator(op);
-  if (kept == nullptr) return nullptr;
+  const FitOperator* copy = nullptr;
   const std::size_t first = first_place(op.key);
   for (std::size_t i = 0; i < places_of_a_key; ++i) {
-    const FitOperator* there = nullptr;
     auto& place = places_[(first + i) % nb_places];
-    if (place.compare_exchange_strong(there, kept, std::memory_order_acq_rel)) return kept;
+    const FitOperator* there = place.load(std::memory_order_acquire);
+    if (there == nullptr) {
+      if (copy == nullptr) copy = new (std::nothrow) FitOperator(op);
+      if (copy == nullptr) return nullptr;
+      if (place.compare_exchange_strong(there, copy, std::memory_order_acq_rel)) return copy;
+    }
     if (there->key == op.key) {  // another thread was faster
-      delete kept;
+      delete copy;
       return there;
     }
   }
-  delete kept;
+  delete copy;
   return nullptr;
 }
 

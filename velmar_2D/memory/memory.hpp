@@ -139,6 +139,10 @@ class Walk {
     walk.busy_ = true;
     return walk;
   }
+  /// Forwards, quick, for those who tell the nodes to others.
+  static Walk to_share(const TraversalHistory& history) {
+    return {&Cell::next, history, 0, 1, Reads::list};
+  }
   /// Backwards, quick: reads the list alone, and so is at the next node soon.
   static Walk to_list(const TraversalHistory& history) {
     return {&Cell::prev, history, history.size() - 1, -1, Reads::list};
@@ -170,7 +174,7 @@ class Walk {
       walk_->go_on();
       return *this;
     }
-    bool operator!=(std::nullptr_t) const { return walk_->current_ != nullptr; }
+    bool operator!=(const Cell* end) const { return walk_->current_ != end; }
 
    private:
     Walk* walk_;
@@ -178,10 +182,12 @@ class Walk {
   struct Stretch {
     Walk* walk;
     Iterator begin() const { return Iterator(walk); }
-    static std::nullptr_t end() { return nullptr; }
+    const Cell* end() const { return walk->end_; }
   };
-  /// The stretch that begins, in the order of the walk, with this node, which may be none.
-  Stretch operator()(Cell* first) {
+  /// The stretch that begins, in the order of the walk, with this node, which may be none, and
+  /// reaches to its last one or to `end`.
+  Stretch operator()(Cell* first, const Cell* end = nullptr) {
+    end_ = end;
     begin_stretch(first);
     return {this};
   }
@@ -215,7 +221,7 @@ class Walk {
     if (recorded_ != nullptr && !removed_) recorded_->record(current_);
     removed_ = false;
     current_ = following_;
-    if (current_ != nullptr) arrive();
+    if (current_ != end_) arrive();
   }
 
   void arrive() {
@@ -294,6 +300,7 @@ class Walk {
   }
 
   Cell *current_ = nullptr, *following_ = nullptr;
+  const Cell* end_ = nullptr;
   Cell *far_ = nullptr, *near_ = nullptr, *corner_ = nullptr;
   Cell* Cell::*step_;
   const TraversalHistory* history_;
@@ -345,12 +352,13 @@ class StretchNodes {
 // Weights of fits (fit_operators.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// Weights of a stencil, per unit of its lattice.
+/// Weights of a stencil, per unit of its lattice. Nothing is set from the start: most workspaces
+/// never use theirs.
 struct FitOperator {
-  std::uint64_t key = 0;  ///< the shape of the stencil, packed
-  bool accepted = false;  ///< by the centred criterion; the weights are set then only
+  std::uint64_t key;  ///< the shape of the stencil, packed
+  bool accepted;      ///< by the centred criterion; the weights are set then only
   /// Of each row but the node's, for its value less that of the node: dx, dy, dx2, dy2, dxdy.
-  std::array<std::array<double, 5>, 8> weights{};
+  std::array<std::array<double, 5>, 8> weights;
 };
 
 /// The operators that a mesh has met, by key. Any number of threads may look up and add at the same

@@ -105,16 +105,16 @@ int rows_of(Key key, Stencil& list) {
   return n_list;
 }
 
-/// Weights are fractions with small denumerators. Where rounding has moved one away from its
+/// Weights are fractions with small denominators. Where rounding has moved one away from its
 /// fraction, it moves back, so that simple values have exact derivatives.
 double without_rounding(double weight) {
-  constexpr double denumerator = 4096.0 * 9.0 * 5.0 * 7.0, rounding = 1e-7;
-  const double numerator = std::round(weight * denumerator);
-  return std::abs(weight * denumerator - numerator) < rounding ? numerator / denumerator : weight;
+  constexpr double denominator = 4096.0 * 9.0 * 5.0 * 7.0, rounding = 1e-7;
+  const double numerator = std::round(weight * denominator);
+  return std::abs(weight * denominator - numerator) < rounding ? numerator / denominator : weight;
 }
 
 void compute(const State& state, Workspace& work, FitOperator& op, Key key) {
-  static const Cell origin;
+  const Cell origin;
   Stencil list;
   const int n_list = rows_of(key, list);
   op.key = key;
