@@ -54,12 +54,12 @@ struct Rectangle {
 
 /// How a mesh begins: as a uniform grid of squares.
 struct Grid {
-  std::int32_t nx = 17;          ///< nodes along x, at least 2
-  std::int32_t ny = 0;           ///< along y; 0: from the height, which must be a whole number of
-                                 ///< squares
-  std::int32_t subdiv_max = 10;  ///< the limit: highest level that a node may have
-  std::int32_t n_cell_data = 0;  ///< data values per node
-  bc_type_function bc_type;      ///< kinds of the sides; empty: Dirichlet everywhere
+  std::int32_t nx = 17;           ///< nodes along x, at least 2
+  std::int32_t ny = 0;            ///< along y; 0: from the height, which must be a whole number of
+                                  ///< squares
+  std::int32_t subdiv_max = 10;   ///< the limit: highest level that a node may have
+  std::int32_t n_cell_data = 0;   ///< data values per node
+  bc_type_function bc_type = {};  ///< kinds of the sides; empty: Dirichlet everywhere
 };
 
 /// The same kind of condition on every side: bc_type_dir, bc_type_neu or bc_type_oth.
