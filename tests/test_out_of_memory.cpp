@@ -281,7 +281,9 @@ TEST(LongLife, EndsInTheSameMemory) {
     update_mesh_no_init(spacing);
     if (round % 2 == 0) split_sublists();
     if (round % 3 == 0) {
+      const long with_nodes = bytes_in_use, of_nodes = nb_nodes * long{sizeof(Cell)};
       set_subdiv_max(-1);
+      ASSERT_GE(with_nodes - bytes_in_use, of_nodes);
       ASSERT_LT(bytes_in_use, before + 1000) << "all but the level arrays";
     }
     delete_mesh();
