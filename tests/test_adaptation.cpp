@@ -7,6 +7,7 @@
 #include "scenarios/scenarios.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
+#include "velmar_2D/mesh/state.hpp"
 
 namespace velmar_2d::tests {
 namespace {
@@ -83,6 +84,18 @@ TEST_F(Adaptation, SizeFunctionSeesTheDataAndNewNodesTakeThemFromTheChosenSource
   EXPECT_EQ(nb_new, nb_nodes - 25);
 }
 
+TEST_F(Adaptation, SizeFunctionSeesTheIndicatorsOfNodesWithoutDataAsTheyStand) {
+  make_grid(3, 3, 2);
+  node_at(1, 1)->grad_data = 3.0;
+  node_at(1, 1)->grad2_data = 4.0;
+  int nb_seen = 0;
+  update_mesh_no_init([&](double, double, std::span<const double> data, double g, double g2) {
+    if (data.empty() && g == 3.0 && g2 == 4.0) ++nb_seen;
+    return 1.0;
+  });
+  EXPECT_EQ(nb_seen, 1);
+}
+
 // Not written leaves as it is; an exception leaves a whole mesh; the stretches come one at a time.
 TEST_F(Adaptation, BatchesAreTheStretchesInBothPasses) {
   make_grid(3, 3, 4);
@@ -106,6 +119,10 @@ TEST_F(Adaptation, BatchesAreTheStretchesInBothPasses) {
   };
   EXPECT_THROW(update_mesh_no_init_batched(give_up), int);
   EXPECT_NE(mesh_beg, nullptr);
+  EXPECT_TRUE(mesh_is_whole());
+  EXPECT_FALSE(detail::default_state().stretch_nodes.is_open());
+  set_subdiv_max(8);  // nodes enter stretches that were none of that update's
+  update_mesh_no_init(scenarios::even_spacing(0.1));
   EXPECT_TRUE(mesh_is_whole());
 }
 

@@ -186,7 +186,7 @@ std::string measure_changed_cell(void (*change)(Cell& centre)) {
            std::printf("\ntype %d shift %d area %g polygon %g faces", type, shift, cell_area(c),
                        polygon_area(*c));
            for (const double length : faces.length) std::printf(" %g", length);
-           std::printf(" to the north side %g\n", faces.side[0]);
+           std::printf(" to the north side %g and the east %g\n", faces.side[0], faces.distance[2]);
          })
       .output;
 }
@@ -200,13 +200,17 @@ TEST_F(CellGeometry, UnknownShapesWarnAndAreMeasured) {
   EXPECT_EQ(open.find("(velmar_2D/cell_type:) Warning: unknown shape of a control cell\n"), 0U);
   expect_in(open, "signature 42, 42\n[return for resume...]\n");
   expect_in(open,
-            "type 0 shift 0 area 2.5 polygon 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1\n");
+            "type 0 shift 0 area 2.5 polygon 2.5 faces 0 0 2.5 0 1 0 2.5 0 to the north side 1 and "
+            "the east 1\n");
   // A neighbour at half the distance: the signature alone would pass for type 1.
   expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x -= 0.5; }),
-            "type 0 shift 0 area 0.75 polygon 0.75 faces 0.75 0 1 0 0.75 0 1 0 to");
+            "type 0 shift 0 area 0.75 polygon 0.75 faces 0.75 0 1 0 0.75 0 1 0 to the north side 0 "
+            "and the east 0.5\n");
   // A neighbour that has left the lattice: its bisector runs through (0.6, 0) and (0.5, 0.3).
-  expect_in(measure_changed_cell([](Cell& c) { c.e.cell()->x += 0.08, c.e.cell()->y += 0.36; }),
-            "type 0 shift 0 area 1.1 polygon 1.1 faces");
+  const std::string off =
+      measure_changed_cell([](Cell& c) { c.e.cell()->x += 0.08, c.e.cell()->y += 0.36; });
+  expect_in(off, "type 0 shift 0 area 1.1 polygon 1.1 faces");
+  expect_in(off, "and the east 1.13842\n");
 }
 
 }  // namespace

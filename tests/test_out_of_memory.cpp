@@ -140,6 +140,51 @@ constexpr auto exhaust = [](long granted) {
   still_granted = no_end;
 };
 
+/// The mesh after its limit was lowered among links that may be one-way, or the end of the attempt.
+std::string lowered_mesh(std::uint64_t seed, bool without_memory_for_links) {
+  scenarios::Random random{seed};
+  next_id = 1;
+  scenarios::init_unit_square(9, 9, 8);
+  update_mesh_no_init(scenarios::random_spacing(seed, 0.05, dist_0 / 8.0, dist_0));
+  std::vector<Cell*> nodes;
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) nodes.push_back(c);
+  for (int i = 0; i < 5; ++i) {
+    const auto any = [&] { return nodes[random.next() % nodes.size()]; };
+    Vertex v;
+    v.x = dist_0 / 8.0 * random.between(1, 63);
+    v.y = dist_0 / 8.0 * random.between(1, 63);
+    v.level = 8 - i % 2;
+    v.p1 = any(), v.p2 = any(), v.p3 = any(), v.p4 = i % 2 == 0 ? nullptr : any();
+    insert(v);
+  }
+  std::string result;
+  if (without_memory_for_links) refuse(1 << 13, SIZE_MAX);
+  try {
+    set_subdiv_max(static_cast<std::int32_t>(seed % 3));
+  } catch (const std::string& text) {
+    result = text;
+  }
+  refuse(1, 0);
+  for (const std::string& node : describe_mesh()) result += "\n" + node;
+  delete_mesh();
+  return result;
+}
+
+// Links to the nodes that go are gathered once; where there is no memory for that, they are
+// searched for, node by node.
+TEST(OutOfMemory, GatheredLinksAreThoseThatASearchFinds) {
+  message_handler = [](std::string_view) {};
+  fatal_handler = [](std::string_view text) { throw std::string(text); };
+  std::set<std::string> results;
+  for (std::uint64_t seed = 0; seed < 40; ++seed) {
+    const std::string gathered = lowered_mesh(seed, false);
+    EXPECT_TRUE(gathered == lowered_mesh(seed, true)) << seed;
+    results.insert(gathered);
+  }
+  EXPECT_GT(results.size(), 10U) << "insertions leave traces";
+  fatal_handler = message_handler = nullptr;
+}
+
 // Memory ends after ever more allocations, until the work is done: nodes with three values take one
 // each. What exists then is whole, and all of it can be given back without memory.
 TEST(OutOfMemory, AnywhereLosesNoNode) {
@@ -235,6 +280,12 @@ TEST(LongLife, EndsInTheSameMemory) {
     make_grid(3 + round % 4, 3 + round % 3, limit);
     update_mesh_no_init(spacing);
     if (round % 2 == 0) split_sublists();
+    if (round % 3 == 0) {
+      const long with_nodes = bytes_in_use, of_nodes = nb_nodes * long{sizeof(Cell)};
+      set_subdiv_max(-1);
+      ASSERT_GE(with_nodes - bytes_in_use, of_nodes);
+      ASSERT_LT(bytes_in_use, before + 1000) << "all but the level arrays";
+    }
     delete_mesh();
     ASSERT_EQ(nb_nodes, 0);
     ASSERT_EQ(bytes_in_use, before) << "round " << round;

@@ -1,4 +1,4 @@
-// Records, copy rules, small accessors, and the state before the first mesh.
+// Records, copy rules, and the state before the first mesh.
 #include <numeric>
 #include <tuple>
 
@@ -19,18 +19,13 @@ struct InitialState {
 };
 const InitialState at_load;
 
-TEST(Records, InitialStateOfTheLibraryAndOfANode) {
+TEST(Records, InitialStateOfTheLibrary) {
   EXPECT_EQ(at_load.limit, -1);
   EXPECT_EQ(at_load.id, 1);
   EXPECT_EQ(at_load.nodes, 0);
   EXPECT_EQ(at_load.data, 0);
   EXPECT_TRUE(at_load.interpolation);
   EXPECT_TRUE(at_load.nothing);
-  const Cell c;
-  EXPECT_EQ(c.reserve, 4);
-  EXPECT_EQ(c.area, -1.0);
-  for (const std::int32_t level : {c.nl, c.nel, c.el, c.sel, c.sl, c.swl, c.wl, c.nwl})
-    EXPECT_EQ(level, 2);
 }
 
 TEST(Records, LinkTellsItsThreeStatesApart) {
@@ -78,20 +73,19 @@ TEST(Records, DataKeepTheirValuesWhenResizedCopiedAndMoved) {
   }
 }
 
-TEST(Records, AccessorsReadTheirField) {
+TEST(Records, UserReferencesTellTypesApart) {
   Cell c;
   double users = 1.0;
-  c.ipos = 5;
-  c.reserve = 3;
-  c.on_boundary = 2;
   EXPECT_TRUE(c.data_ptr.empty());
   c.data_ptr = &users;
-  EXPECT_EQ(cell_ipos(&c), 5);
-  EXPECT_EQ(velmar_get_cell_reserve(&c), 3);
-  EXPECT_EQ(cell_on_boundary(&c), 2);
-  EXPECT_EQ(velmar_get_cell_on_boundary(&c), 2);
   EXPECT_EQ(c.data_ptr.get<double>(), &users);
   EXPECT_EQ(c.data_ptr.get<float>(), nullptr) << "read with another type";
+  EXPECT_EQ(c.data_ptr.get<const double>(), nullptr);
+  c.data_ptr = static_cast<const double*>(&users);
+  EXPECT_EQ(c.data_ptr.get<const double>(), &users);
+  EXPECT_EQ(c.data_ptr.get<double>(), nullptr) << "what must not be written";
+  c.data_ptr = &cell_ipos;
+  EXPECT_EQ(c.data_ptr.get<std::int32_t(const Cell*)>(), &cell_ipos);
 }
 
 TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {

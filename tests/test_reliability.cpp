@@ -142,6 +142,26 @@ TEST_F(Reliability, CountersTellWhatAnUpdateDid) {
   EXPECT_EQ(mesh_revision, revision + static_cast<std::uint64_t>(nodes));
 }
 
+// A validating build holds every change against the rules. Here a callback breaks one.
+TEST_F(Reliability, ValidatingBuildsTellWhichChangeBrokeTheMesh) {
+  const ChildEnd end = run_in_child([] {
+    make_grid(3, 3, 2);
+    update_mesh_no_init([](double, double, auto...) {
+      level_beg[0].next->next->s = nullptr;
+      return 1.0;
+    });
+  });
+#if defined(VELMAR_2D_VALIDATE)
+  const std::string expected =
+      "(Velmar_2D:) update_mesh_no_init: ERROR\n             the mesh is not whole: ";
+  EXPECT_EQ(end.output.substr(0, expected.size()), expected) << end.output;
+  EXPECT_EQ(end.exit_status, EXIT_FAILURE);
+#else
+  EXPECT_EQ(end.output, "");
+  EXPECT_EQ(end.exit_status, 0);
+#endif
+}
+
 // ---------------------------------------------------------------------------------------------
 // The library's checker
 // ---------------------------------------------------------------------------------------------
