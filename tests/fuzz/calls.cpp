@@ -60,7 +60,7 @@ class Run {
         constexpr std::int32_t deepest_told = 30;  // positions tell ipos for all tame domains
         if (level_max > deepest_told) regular_ = false;
       } catch (const Thrown& thrown) {
-        judge_end(thrown.what());
+        call_ >= first_of_objects ? judge_end_of_object(thrown.what()) : judge_end(thrown.what());
       } catch (const Error& error) {
         judge_end_of_object(error.what());
       }
@@ -365,7 +365,7 @@ class Run {
                  return sides(x, y, side);
                }});
     object.mesh = std::move(made);
-    object.big_enough = nb_values == 0 || (nx > 2 && ny > 2);
+    object.big_enough = nx > 2 && ny > 2;
   }
 
   void change_node(Mesh& mesh) {
