@@ -2,20 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
-#include <map>
 #include <random>
+#include <thread>
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
-#include "support/literal_derivatives.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::tests {
 namespace {
-
-using Path = LiteralDerivatives::Path;
 
 struct Domain {
   double x, y, size;
@@ -49,37 +47,149 @@ class Derivatives : public MeshTest {
 
 double wave(double x, double y) { return std::sin(3.0 * x + 1.0) * std::cos(2.0 * y) + x * y; }
 
+using Indicators = std::array<double, 4>;  // dx, dy and both norms
+
+template <typename Compute>
+Indicators derivatives_at(Compute&& compute, Cell* c) {
+  Indicators d{};
+  compute(c, &d[0], &d[1]);
+  d[2] = c->grad_data;
+  d[3] = c->grad2_data;
+  return d;
+}
+
 // Searches that are skipped, orders that are computed at once, conditions that are proven instead
 // of estimated: none of it may change which stencil is accepted at any node. Another stencil
-// changes the second derivatives in their first digits.
-TEST_F(Derivatives, AreThoseOfTheLiteralSteps) {
+// changes the second derivatives in their first digits. Nor may what a workspace held before.
+TEST_F(Derivatives, ByShortcutsAreThoseOfTheRule) {
+  const detail::State& state = detail::default_state();
+  detail::Workspace work;
   const Domain domains[] = {{0, 0, 1},    {10, 10, 1},      {3, 2, 1},   {2, -5, 1},
                             {-1, 4, 2.0}, {0, 0, 1000},     {1e3, 0, 1}, {0, 0, 1e-6},
                             {0, 0, 1e9},  {1e10, -1e9, 1e9}};
-  std::map<Path, int> nb_by_path;
+  int nb_by_neighbours[9] = {};
   for (const Domain& domain : domains) {
     for (const int limit : {0, 1, 4, 9}) {
       make_mesh(domain, 0.4, 4, 5, limit, limit == 0 ? 1 : 8, wave);
       for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
-        const LiteralDerivatives expected = literal_derivatives(*c);
-        ++nb_by_path[expected.path];
-        double dx = 0.0, dy = 0.0;
-        compute_data_at_node(c, &dx, &dy);
-        const double scale = 1.0 / domain.size;  // gradients are of this order
-        ASSERT_NEAR(dx, expected.dx, 1e-8 * scale) << "node " << c->id << ", limit " << limit;
-        ASSERT_NEAR(dy, expected.dy, 1e-8 * scale);
-        ASSERT_NEAR(c->grad_data, expected.grad, 1e-8 * scale);
-        ASSERT_NEAR(c->grad2_data, expected.grad2, 1e-5 * scale * scale)
-            << "node " << c->id << " at " << c->x << ", " << c->y << " of level " << c->level;
+        const auto by_rule = [&](auto... arguments) {
+          detail::compute_data_at_node_by_rule(state, work, arguments...);
+        };
+        const auto by_shortcuts = [&](auto... arguments) {
+          std::memset(&work.list_1, 0xff, sizeof work.list_1);
+          std::memset(&work.list_2, 0xff, sizeof work.list_2);
+          detail::compute_data_at_node(state, work, arguments...);
+        };
+        const Indicators rule = derivatives_at(by_rule, c);
+        const Indicators found = derivatives_at(by_shortcuts, c);
+        ASSERT_EQ(found, derivatives_at([](auto... a) { compute_data_at_node(a...); }, c));
+        const double h = dist_0 / std::exp2(c->level / 2.0);  // the values are of the order of 1
+        for (std::size_t i = 0; i < 4; ++i) {
+          ASSERT_NEAR(found[i], rule[i], 1e-12 / (i == 3 ? h * h : h))
+              << "node " << c->id << " at " << c->x << ", " << c->y << " of level " << c->level;
+        }
+        int nb_neighbours = 0;
+        for (int way = 0; way < 8; ++way) nb_neighbours += detail::link(*c, way).cell() != nullptr;
+        ++nb_by_neighbours[nb_neighbours];
       }
       delete_mesh();
     }
   }
-  for (const Path path : {Path::square, Path::side, Path::fit, Path::retry, Path::second_search}) {
-    EXPECT_GE(nb_by_path[path], 200) << "path " << static_cast<int>(path);
+  for (const int n : {3, 4, 5, 6}) EXPECT_GE(nb_by_neighbours[n], 100) << n << " neighbours";
+  EXPECT_GE(nb_by_neighbours[1], 4);
+}
+
+// The last row runs through the candidates, then the one before it moves on: of all pairs, those
+// that begin with the first row, then those with the second, in ascending order.
+TEST_F(Derivatives, SearchTriesPairsInTheirOrder) {
+  static std::vector<std::pair<double, double>> tried;
+  const auto refuse = [](const detail::State&, detail::Workspace&, const Cell*,
+                         const detail::Stencil& list, int n, double&, double&, double&, double&,
+                         double&, bool&) { tried.emplace_back(list.x[n - 2], list.x[n - 1]); };
+  detail::Workspace work;
+  detail::Derivatives d;
+  for (int row = 0; row < 4; ++row) work.list_2.x[row] = row + 1;
+  std::copy_n(work.list_2.x, 2, work.list_1.x + 4);
+  EXPECT_FALSE(detail::search(refuse, detail::default_state(), work, nullptr, 6, 2, 4, d));
+  EXPECT_EQ(tried, (std::vector<std::pair<double, double>>{
+                       {1, 2}, {1, 3}, {1, 4}, {2, 3}, {2, 4}, {3, 4}}));
+}
+
+// Squares are squares however deep they lie; the Hessian counts with 32-bit powers of two.
+TEST_F(Derivatives, OfSquaresAtDeepLevels) {
+  dist_0 = 0.75;
+  for (const int level : {30, 32, 33, 1000, 1023, 1024, 2001}) {
+    const double h = std::ldexp(dist_0, -(level / 2)) / (level % 2 == 0 ? 1 : 2);
+    const int turn = level % 2;
+    Cell c, neighbours[4], far;
+    c.level = level;
+    const auto place = [h](Cell& cell, int direction, const Cell& from) {
+      const auto i = static_cast<std::size_t>(direction);
+      cell.x = from.x + h * detail::away_x[i];
+      cell.y = from.y + h * detail::away_y[i];
+      cell.data.resize(1);
+      cell.data[0] = 2.0 * cell.x / h + 3.0 * cell.y / h;
+    };
+    for (int i = 0; i < 4; ++i) {
+      place(neighbours[i], 2 * i + turn, c);
+      detail::link(c, 2 * i + turn) = &neighbours[i];
+    }
+    place(far, 2 + turn, neighbours[0]);
+    detail::link(neighbours[0], 2 + turn) = detail::link(neighbours[1], turn) = &far;
+    double dx = 0.0, dy = 0.0;
+    compute_data_at_node(&c, &dx, &dy);
+    EXPECT_NEAR(dx * h, 2.0, 1e-12) << "level " << level;
+    EXPECT_NEAR(dy * h, 3.0, 1e-12);
+    EXPECT_NEAR(c.grad2_data * (level < 32 ? h * h : 1.0), 0.0, 1e-12);
   }
-  EXPECT_GE(nb_by_path[Path::corner], 4);
-  EXPECT_EQ(nb_by_path[Path::none], 0);
+}
+
+TEST_F(Derivatives, ByManyThreadsAreThoseOfOne) {
+  make_mesh({0, 0, 1}, 0.4, 33, 33, 10, 6, wave);
+  ASSERT_GE(nb_nodes, 6000);
+  compute_data_at_all_nodes();
+  const std::string expected = fingerprint();
+  const auto forget = [] {
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->grad_data = c->grad2_data = -1.0;
+  };
+  for (const int nb_threads : {2, 3, 7, 1000}) {
+    forget();
+    compute_data_at_all_nodes(nb_threads);
+    EXPECT_EQ(fingerprint(), expected) << nb_threads << " threads";
+  }
+
+  forget();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([i] {
+      int turn = i;
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        if (turn++ % 4 == 0) compute_data_at_node(c);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(fingerprint(), expected) << "on different nodes";
+
+  // The first node in the list without derivatives ends it all, in the caller's thread.
+  std::vector<Cell*> inner;
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+    if (c->on_boundary == 0 && c->reserve != 4) inner.push_back(c);
+  }
+  const Cell* first = inner[inner.size() / 3];
+  for (std::size_t i = inner.size() / 3; i < inner.size(); i += 50) inner[i]->level = 40;
+  std::vector<std::string> ends;
+  const std::thread::id caller = std::this_thread::get_id();
+  fatal_handler = [&](std::string_view text) {
+    EXPECT_EQ(std::this_thread::get_id(), caller);
+    ends.emplace_back(text.substr(text.rfind(' ') + 1));
+    throw std::runtime_error("end");
+  };
+  for (const int nb_threads : {1, 2, 5}) {
+    EXPECT_THROW(compute_data_at_all_nodes(nb_threads), std::runtime_error);
+  }
+  fatal_handler = nullptr;
+  EXPECT_EQ(ends, std::vector(3, std::to_string(first->id)));
 }
 
 // A quadratic is differentiated exactly wherever the domain lies and however fine the mesh is.
@@ -131,6 +241,7 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
   const auto quadratic = [](double x, double y) {
     return 0.3 - x + 0.7 * y + 0.9 * x * x - 0.4 * y * y + 1.3 * x * y;
   };
+  const detail::State& state = detail::default_state();
   detail::Workspace work;
   int nb_by_rows[detail::Stencil::capacity + 1] = {}, nb_others = 0, nb_certain = 0, nb_moved = 0;
   for (const Domain& domain :
@@ -155,26 +266,22 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
       if (n < 6) {
         detail::extract_ids(c, list);
         detail::extract_neighbors_neighbors(c, candidates, n_candidates);
-        detail::unique_in_list(work, candidates, n_candidates);
-        detail::unique_in_lists(work, list, n, candidates, n_candidates);
+        detail::order_candidates(work, list, n, candidates, n_candidates);
         const Cell* first = detail::first_candidate(c);
         ASSERT_TRUE(first != nullptr && n_candidates >= 2) << where;
-        ASSERT_EQ(first->id, static_cast<std::int64_t>(candidates.id[0])) << where;
+        ASSERT_EQ(first->id, detail::id_of(candidates.id[0])) << where;
         for (int i = 0; n < 6; ++i) detail::copy_row(list, n++, candidates, i);
       }
-      const detail::FitOperator* op =
-          detail::find_operator(detail::default_state(), work, c, list, n);
+      const detail::FitOperator* op = detail::find_operator(state, work, c, list, n);
       double e[5], d[5];  // dx2, dy2, dxdy, dx, dy
       bool accepted = false;
-      detail::fit_hessian_centred(detail::default_state(), work, c, list, n, e[0], e[1], e[2], e[3],
-                                  e[4], accepted);
+      detail::fit_hessian_centred(state, work, c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
       if (op == nullptr) {
         nb_others += accepted ? 1 : 0;
         continue;
       }
       ASSERT_TRUE(accepted) << where;
-      detail::apply_operator(detail::default_state().domain, *op, c, list, n, d[0], d[1], d[2],
-                             d[3], d[4]);
+      detail::apply_operator(state.domain, *op, c, list, n, d[0], d[1], d[2], d[3], d[4]);
       const double h = dist_0 / std::exp2(c->level / 2.0);
       double change = 0.0;
       bool moved = false;
@@ -189,11 +296,9 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
             << where;
       }
       ++nb_by_rows[n];
-      if (n != 6 || !detail::acceptance_is_certain(detail::default_state().domain, *op, c, list))
-        continue;
+      if (n != 6 || !detail::acceptance_is_certain(state.domain, *op, c, list)) continue;
       ++nb_certain;
-      detail::fit_hessian_6pts(detail::default_state(), work, c, list, n, e[0], e[1], e[2], e[3],
-                               e[4], accepted);
+      detail::fit_hessian_6pts(state, work, c, list, n, e[0], e[1], e[2], e[3], e[4], accepted);
       ASSERT_TRUE(accepted) << where;
     }
     delete_mesh();
@@ -207,11 +312,12 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
 // The search may be skipped only where each of its stencils would be refused, and is skipped where
 // the domain lies far away. In between, where the criterion turns, the proof is put to the test.
 TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
+  const detail::State& state = detail::default_state();
+  detail::Workspace work;
   std::mt19937 random(11);
   std::uniform_int_distribution<int> step(-2, 2), level(0, 18);
   std::uniform_real_distribution<double> place(-1.0, 1.0), log_distance(-0.5, 4.0);
   dist_0 = 0.125;
-  detail::Workspace work;
   int nb_far = 0, nb_far_skipped = 0, nb_near_skipped = 0;
   for (int trial = 0; trial < 6000; ++trial) {
     Cell c;
@@ -230,8 +336,7 @@ TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
       candidates.x[i] = c.x + step(random) * h;
       candidates.y[i] = c.y + step(random) * h;
     }
-    const bool skipped =
-        detail::search_is_hopeless(detail::default_state().domain, &c, list, 6, candidates, 6);
+    const bool skipped = detail::search_is_hopeless(state.domain, &c, list, 6, candidates, 6);
     if (std::min(std::abs(c.x), std::abs(c.y)) > 9.0) {
       ++nb_far;
       nb_far_skipped += skipped ? 1 : 0;
@@ -246,8 +351,8 @@ TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
         if (j >= 0) detail::copy_row(tried, 5, candidates, j);
         double unused[5];
         bool succ = true;
-        detail::fit_hessian_6pts(detail::default_state(), work, &c, tried, 6, unused[0], unused[1],
-                                 unused[2], unused[3], unused[4], succ);
+        detail::fit_hessian_6pts(state, work, &c, tried, 6, unused[0], unused[1], unused[2],
+                                 unused[3], unused[4], succ);
         ASSERT_FALSE(succ) << "trial " << trial << ": " << c.x << ", " << c.y;
       }
     }
@@ -367,32 +472,30 @@ TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
       compute_data_at_node(c);
     };
   };
+  const detail::State& state = detail::default_state();
+  detail::Workspace work;
   double unused[5];
   bool succ = false, flag = false;
   detail::Stencil list{};
   detail::Candidates rows{};
   const Cell inner;
-  detail::Workspace work;
   const std::pair<std::string, std::function<void()>> cases[] = {
       {tag + "n_list_2 < 6-n_list_1 - 1\n", ask(2, 2, 0, 0, 1, 0)},
       {tag + "list_2_init_offset > n_list_2\n             c%id = 3\n", ask(2, 5, 0, 2, 3, 0)},
       {tag + "list_2_init_offset > n_list_2\n             c%id = 5\n", ask(4, 4, 1, 1, 5, 32)},
       {tag + "list_2_offset = 0\n             c%id = 7\n", ask(4, 4, 1, 0, 7, 32)},
       {tag + "quick_hessian_case = 5 in 'quick_fit_hessian_6pts' !\n",
-       [&] {
-         detail::quick_fit_hessian_6pts(detail::default_state(), 5, 0, list, unused[0], unused[1],
-                                        unused[2]);
-       }},
+       [&] { detail::quick_fit_hessian_6pts(state, 5, 0, list, unused[0], unused[1], unused[2]); }},
       {tag + "too few equ in 'fit_hessian_6pts' !\n",
        [&] {
-         detail::fit_hessian_6pts(detail::default_state(), work, &inner, list, 5, unused[0],
-                                  unused[1], unused[2], unused[3], unused[4], succ);
+         detail::fit_hessian_6pts(state, work, &inner, list, 5, unused[0], unused[1], unused[2],
+                                  unused[3], unused[4], succ);
        }},
       {"(Velmar_2D:) gradient_on_boundary: internal error\n"
        "             cell must be on a boundary!\n",
-       [&] { detail::gradient_on_boundary(detail::default_state(), &inner, succ, flag); }},
+       [&] { detail::gradient_on_boundary(state.handlers, &inner, succ, flag); }},
       {"(Velmar_2D:) fit_data: internal error\n             too few equations !\n",
-       [&] { detail::fit_data(detail::default_state(), rows, 5, 0.0, 0.0, unused[0], 0); }},
+       [&] { detail::fit_data(state, rows, 5, 0.0, 0.0, unused[0], 0); }},
   };
   for (const auto& [message, code] : cases) {
     const ChildEnd end = run_in_child(code);
@@ -404,6 +507,7 @@ TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
 // Scattered nodes around the origin. Level 31 wraps to a negative tolerance, which refuses no
 // square system but squares to a positive one; levels that have no spacing refuse all.
 TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
+  const detail::State& state = detail::default_state();
   const auto quadratic = [](double x, double y) {
     return 1.0 - 2.0 * x + 0.5 * y + 3.0 * x * x - y * y + 0.25 * x * y;
   };
@@ -427,15 +531,14 @@ TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
         Case{6, 0, false, 1e3}, Case{9, 0, false, 1e3}}) {
     dist_0 = one.spacing;
     double value = -77.0;
-    detail::fit_data(detail::default_state(), line, one.n_list, 0.0, 0.0, value, 4);
+    detail::fit_data(state, line, one.n_list, 0.0, 0.0, value, 4);
     EXPECT_EQ(value, -77.0) << "nodes on one line";
-    detail::fit_data(detail::default_state(), list, one.n_list, 0.3, -0.4, value, one.level);
+    detail::fit_data(state, list, one.n_list, 0.3, -0.4, value, one.level);
     EXPECT_NEAR(value, one.written ? quadratic(0.3, -0.4) : -77.0, 1e-8)
         << one.n_list << " rows, level " << one.level;
   }
   double value = 0.0;
-  const ChildEnd end = run_in_child(
-      [&] { detail::fit_data(detail::default_state(), list, 41, 0.0, 0.0, value, 0); });
+  const ChildEnd end = run_in_child([&] { detail::fit_data(state, list, 41, 0.0, 0.0, value, 0); });
   EXPECT_EQ(end.exit_status, EXIT_FAILURE);
 }
 

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <random>
 
-#include "support/literal_derivatives.hpp"
 #include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::tests {
@@ -13,80 +12,124 @@ namespace {
 using detail::Candidates;
 using detail::Stencil;
 
-void expect_rows(const LiteralRows& expected, const Candidates& table, int n, bool with_distances) {
-  ASSERT_EQ(static_cast<int>(expected.size()), n);
-  for (int i = 0; i < n; ++i) {
-    const LiteralRow& row = expected[static_cast<std::size_t>(i)];
-    ASSERT_EQ((std::array{row.id, row.x, row.y, row.value}),
-              (std::array{table.id[i], table.x[i], table.y[i], table.value[i]}))
-        << "row " << i;
-    ASSERT_TRUE(!with_distances || row.distance2 == table.distance2[i]);
+using Row = std::array<double, 5>;  // id, x, y, value, squared distance
+
+std::vector<Row> rows_of(const Candidates& list, int n_list) {
+  std::vector<Row> rows;
+  for (int i = 0; i < n_list; ++i) {
+    rows.push_back({list.id[i], list.x[i], list.y[i], list.value[i], list.distance2[i]});
   }
+  return rows;
+}
+
+void add_row(Candidates& list, int& n_list, double id, double x, double y) {
+  list.id[n_list] = id;
+  list.x[n_list] = x;
+  list.y[n_list] = y;
+  list.value[n_list] = n_list + 1;
+  ++n_list;
+}
+
+// Distances stay where they are while the rows behind a selected one move up:
+//
+//     id         1  2  3  4  5  6  7
+//     distance   5  7  4  6  2  9  3        2 selects 5, 6 and 7, then 4 selects 3 and 4, ...
+TEST(CandidateOrder, LeavesDistancesBehind) {
+  detail::Workspace work;
+  Candidates list{};
+  int n_list = 0;
+  for (const double id : {6, 2, 7, 1, 2, 5, 9, 4, 3, 7}) {
+    const double distance2[] = {0, 5, 7, 4, 6, 2, 9, 3, 0, 1};
+    add_row(list, n_list, id, 0.0, std::sqrt(distance2[static_cast<int>(id)]));
+  }
+  const Stencil stencil{.id = {9}, .x = {}, .y = {}, .value = {}, .distance2 = {}};
+  detail::unique_in_list(work, list, n_list);
+  detail::unique_in_lists(work, stencil, 1, list, n_list);
+  std::vector<std::array<double, 3>> found;  // id, place in the list at first, distance
+  for (const Row& row : rows_of(list, n_list))
+    found.push_back({row[0], row[3], std::round(row[4])});
+  EXPECT_EQ(found,
+            (std::vector<std::array<double, 3>>{
+                {5, 6, 2}, {6, 1, 2}, {7, 3, 2}, {3, 9, 4}, {4, 8, 4}, {1, 4, 5}, {2, 2, 5}}));
 }
 
 // Few ids and places, so that repetitions and equal distances abound.
-TEST(CandidateOrder, IsThatOfRepeatedSelection) {
+TEST(CandidateOrder, ByBlocksIsThatOfRepeatedSelection) {
+  detail::Workspace work;
   std::mt19937 random(5);
   std::uniform_int_distribution<int> length(0, 40), id(1, 45), place(-3, 3);
-  detail::Workspace work;
   for (int trial = 0; trial < 3000; ++trial) {
     Candidates list{};
-    LiteralRows rows;
-    int n_list = length(random);
-    for (int i = 0; i < n_list; ++i) {
-      rows.push_back(
-          {double(id(random)), double(place(random)), double(place(random)), double(i), 0});
-      list.id[i] = rows.back().id;
-      list.x[i] = rows.back().x;
-      list.y[i] = rows.back().y;
-      list.value[i] = rows.back().value;
+    int n_list = 0;
+    for (int left = length(random); left > 0; --left) {
+      add_row(list, n_list, id(random), place(random), place(random));
     }
-    literal_unique(rows);
-    detail::unique_in_list(work, list, n_list);
-    expect_rows(rows, list, n_list, false);
-
     Stencil stencil{};
-    LiteralRows known;
     for (int i = 0; i < 4; ++i) {
-      known.push_back({double(id(random)), 0.5 * i, 0.25, 0.0, 0.0});
-      stencil.id[i] = known.back().id;
-      stencil.x[i] = known.back().x;
-      stencil.y[i] = known.back().y;
+      stencil.id[i] = id(random);
+      stencil.x[i] = 0.5 * i;
+      stencil.y[i] = 0.25;
     }
-    literal_order(known, rows);
+    Candidates ordered = list;
+    int n_ordered = n_list;
+    detail::order_candidates(work, stencil, 4, ordered, n_ordered);
+    detail::unique_in_list(work, list, n_list);
     detail::unique_in_lists(work, stencil, 4, list, n_list);
-    expect_rows(rows, list, n_list, true);
+    ASSERT_EQ(rows_of(ordered, n_ordered), rows_of(list, n_list));
   }
+}
+
+/// Condition estimate in coordinates relative to the node, in units of the largest distance.
+double condition(const Cell& c, const Stencil& list, int n_list) {
+  double unit = 0.0, matrix[36] = {};
+  for (int i = 0; i < n_list; ++i) {
+    unit = std::max(unit, std::hypot(list.x[i] - c.x, list.y[i] - c.y));
+  }
+  for (int i = 0; i < n_list; ++i) {
+    const double x = (list.x[i] - c.x) / unit, y = (list.y[i] - c.y) / unit;
+    const double p[6] = {1.0, x, y, x * x, y * y, y * x};
+    for (int j = 0; j < 6; ++j) {
+      if (n_list == 6) matrix[i + 6 * j] = p[j];
+      for (int k = 0; k < 6 && n_list > 6; ++k) matrix[j + 6 * k] += p[j] * p[k];
+    }
+  }
+  std::int32_t pivots[6];
+  double rcond = -1.0, work[6];
+  detail::dgeco(matrix, 6, pivots, rcond, work);
+  return rcond;
 }
 
 // A fit that is accepted without an estimate would have been accepted with it.
 TEST(CentredFit, AcceptsByTheConditionEstimate) {
+  const detail::State& state = detail::default_state();
+  detail::Workspace work;
   std::mt19937 random(8);
   std::uniform_int_distribution<int> step(-2, 2), nb_rows(6, 9);
   std::uniform_real_distribution<double> shift(-1.0, 1.0), decade(-7.0, 0.0);
   int nb_accepted = 0, nb_refused = 0;
-  detail::Workspace work;
   for (int trial = 0; trial < 6000; ++trial) {
     Cell c;
     c.x = 100.0;
     c.y = -3.0;
     Stencil list{};
-    LiteralRows rows;
     const double displacement = std::pow(10.0, decade(random));
-    for (int i = 0, n_list = nb_rows(random); i < n_list; ++i) {
+    const int n_list = nb_rows(random);
+    for (int i = 0; i < n_list; ++i) {
       list.x[i] = c.x + (i == 0 ? 0.0 : step(random) + displacement * shift(random));
       list.y[i] = c.y + (i == 0 ? 0.0 : step(random) / 2 + displacement * shift(random));
-      rows.push_back({0.0, list.x[i], list.y[i], 0.0, 0.0});
+      list.value[i] = shift(random);
     }
-    const double rcond = literal_condition(c, rows), least = rows.size() == 6 ? 1e-6 : 1e-8;
+    const double rcond = condition(c, list, n_list), least = n_list == 6 ? 1e-6 : 1e-8;
     if (std::abs(rcond / least - 1.0) < 1e-3) continue;  // rounding decides
-    double unused[5];
-    bool succ = false;
-    detail::fit_hessian_centred(detail::default_state(), work, &c, list,
-                                static_cast<int>(rows.size()), unused[0], unused[1], unused[2],
-                                unused[3], unused[4], succ);
-    ASSERT_EQ(succ, rcond >= least) << "trial " << trial << ", estimate " << rcond;
-    ++(succ ? nb_accepted : nb_refused);
+    std::array<double, 5> rule{}, proven{};
+    for (const auto& [fit, d] : {std::pair{&detail::fit_hessian_centred, &rule},
+                                 std::pair{&detail::fit_hessian_centred_by_proof, &proven}}) {
+      bool succ = false;
+      fit(state, work, &c, list, n_list, (*d)[0], (*d)[1], (*d)[2], (*d)[3], (*d)[4], succ);
+      ASSERT_EQ(succ, rcond >= least) << "trial " << trial << ", estimate " << rcond;
+    }
+    ASSERT_EQ(rule, proven);
+    ++(rcond >= least ? nb_accepted : nb_refused);
   }
   EXPECT_GE(nb_accepted, 1000);
   EXPECT_GE(nb_refused, 1000);
