@@ -25,25 +25,6 @@ void insert_beside_the_lattice() {
   insert_node_odd_level(v);
 }
 
-TEST_F(Lists, SplitAndJoinGiveTheSameListBack) {
-  make_grid(4, 3, 5);
-  adapt(0.3, 2);
-  const auto before = describe_mesh();
-  split_sublists();
-  EXPECT_EQ(mesh_beg, nullptr);
-  EXPECT_EQ(mesh_end, nullptr);
-  for (std::size_t l = 0; l < level_beg.size(); ++l) {
-    if (level_beg[l].next == nullptr) continue;
-    EXPECT_EQ(level_beg[l].next->prev, nullptr);
-    EXPECT_EQ(level_end[l].next->next, nullptr);
-  }
-  EXPECT_TRUE(mesh_is_whole());
-  split_sublists();
-  join_sublists();
-  join_sublists();
-  EXPECT_EQ(describe_mesh(), before);
-}
-
 // Midpoints of edges without the centre that would come first: stretch 1 is filled last, between
 // two others, and emptied again. Stretch 3 stays empty, so that joining has to skip stretches.
 TEST_F(Lists, NodesEnterAndLeaveAStretchBetweenOthers) {

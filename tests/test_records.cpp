@@ -1,6 +1,5 @@
 // Records, copy rules, and the state before the first mesh.
 #include <numeric>
-#include <tuple>
 
 #include "support/mesh_view.hpp"
 #include "velmar_2D/velmar_2D.hpp"
@@ -26,18 +25,6 @@ TEST(Records, InitialStateOfTheLibrary) {
   EXPECT_EQ(at_load.data, 0);
   EXPECT_TRUE(at_load.interpolation);
   EXPECT_TRUE(at_load.nothing);
-}
-
-TEST(Records, LinkTellsItsThreeStatesApart) {
-  Cell cell;
-  Boundary boundary;
-  using States = std::tuple<bool, Cell*, Boundary*>;
-  const auto states = [](NeighbourLink l) { return States(l.empty(), l.cell(), l.boundary()); };
-  EXPECT_EQ(states(&cell), States(false, &cell, nullptr));
-  EXPECT_EQ(states(&boundary), States(false, nullptr, &boundary));
-  EXPECT_EQ(states(static_cast<Boundary*>(nullptr)), States(true, nullptr, nullptr));
-  EXPECT_EQ(NeighbourLink(static_cast<Boundary*>(nullptr)), NeighbourLink());
-  EXPECT_EQ(sizeof(NeighbourLink), sizeof(void*));
 }
 
 // Sizes on both sides of what fits into the record itself.

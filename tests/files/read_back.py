@@ -40,7 +40,8 @@ def check_values(values, table):
             check(numpy.allclose(written, wanted, rtol=1e-6, atol=0), "areas differ")
         else:
             check(numpy.array_equal(written, wanted), f"{name} differs")
-            check(written.dtype == ("int32" if column < 4 else "float64"), f"type of {name}")
+            wanted_type = "int64" if name == "id" else "int32" if column < 4 else "float64"
+            check(written.dtype == wanted_type, f"type of {name}")
 
 
 def check_cells(points, cells, sides):

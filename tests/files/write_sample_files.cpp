@@ -26,9 +26,9 @@ void write_table(const std::string& path) {
   std::fprintf(table, "%.17g %.17g %.17g %.17g\n", x_min, east_boundary_dir->c, y_min,
                north_boundary_dir->c);
   for (Cell* node = mesh_beg; node != nullptr; node = node->next) {
-    std::fprintf(table, "%.17g %.17g %d %d %d %d %.17g %.17g %.17g", node->x, node->y, node->id,
-                 node->level, node->ipos, node->on_boundary, cell_area(node), node->grad_data,
-                 node->grad2_data);
+    std::fprintf(table, "%.17g %.17g %lld %d %d %d %.17g %.17g %.17g", node->x, node->y,
+                 static_cast<long long>(node->id), node->level, node->ipos, node->on_boundary,
+                 cell_area(node), node->grad_data, node->grad2_data);
     for (const double value : node->data) std::fprintf(table, " %.17g", value);
     std::fprintf(table, "\n");
   }
