@@ -74,7 +74,10 @@ void compute_pieces(const State& state, Pieces& pieces) noexcept {
     work.handlers = &handlers;
     for (Piece piece = pieces.take(); piece.first != nullptr; piece = pieces.take()) {
       Walk walk = Walk::to_derive(state.history, piece.number);
-      for (Cell& c : walk(piece.first, piece.end)) compute_data_at_node(state, work, &c);
+      for (Cell& c : walk(piece.first)) {
+        if (&c == piece.end) break;
+        compute_data_at_node(state, work, &c);
+      }
     }
   } catch (...) {
     pieces.fail();

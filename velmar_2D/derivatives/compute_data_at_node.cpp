@@ -119,34 +119,34 @@ void hand_back(const State& state, const Cell* c, const Derivatives& d, double* 
   *dfdy = grad_y_null ? 0.0 : d.dy;
 }
 
-void corner_rule(ComputeDataAtNode compute, const State& state, Workspace& work, Cell* c,
-                 double* dfdx, double* dfdy) {
-  const Handlers& handlers = work.handlers_or(state.handlers);
+Cell* neighbor_of_corner(const Handlers& handlers, const Cell* c) {
   Cell* tmp = nullptr;
   get_unique_neighbor_from_corner(c, tmp);
   if (tmp == nullptr) {
     derivatives_internal_error(handlers, "a corner has no diagonal neighbour");
   }
-  Derivatives d;
-  compute(state, work, tmp, &d.dx, &d.dy);
-  store_shared(c->grad2_data, load_shared(tmp->grad2_data));
+  return tmp;
+}
 
+void corner_rule(const Handlers& handlers, const Stencil& list_1, Cell* c, const Cell* tmp,
+                 Derivatives& d) {
+  store_shared(c->grad2_data, load_shared(tmp->grad2_data));
   bool grad_x_null = false, grad_y_null = false;
   gradient_on_boundary(handlers, c, grad_x_null, grad_y_null);
-  const double df = work.list_1.value[1] - work.list_1.value[0];
+  const double df = list_1.value[1] - list_1.value[0];
   if (grad_y_null) {
     d.dy = 0.0;
-    d.dx = df / (work.list_1.x[1] - work.list_1.x[0]);
+    d.dx = df / (list_1.x[1] - list_1.x[0]);
   } else if (grad_x_null) {
     d.dx = 0.0;
-    d.dy = df / (work.list_1.y[1] - work.list_1.y[0]);
+    d.dy = df / (list_1.y[1] - list_1.y[0]);
   }
   store_shared(c->grad_data, std::sqrt(d.dy * d.dy + d.dx * d.dx));
-  hand_back(state, c, d, dfdx, dfdy);
 }
 
 void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, double* dfdx,
                                   double* dfdy) {
+  const Handlers& handlers = work.handlers_or(state.handlers);
   Stencil& list_1 = work.list_1;
   Candidates& list_2 = work.list_2;
   int n_list_1 = 0, n_list_2 = 0;
@@ -176,7 +176,10 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
       unique_in_list(work, list_2, n_list_2);
       unique_in_lists(work, list_1, n_list_1, list_2, n_list_2);
       if (n_list_1 == 2 && n_list_2 == 3) {
-        corner_rule(compute_data_at_node_by_rule, state, work, c, dfdx, dfdy);
+        Cell* tmp = neighbor_of_corner(handlers, c);
+        compute_data_at_node_by_rule(state, work, tmp, &d.dx, &d.dy);
+        corner_rule(handlers, list_1, c, tmp, d);
+        hand_back(state, c, d, dfdx, dfdy);
         return;
       }
       n_added = complete_stencil(state, work, c, n_list_1, n_list_2);
@@ -187,7 +190,7 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
       list_1 = start;
       if (!has_fit_level(*c) ||
           !search(fit_hessian_centred, state, work, c, n_list_1, n_added, n_list_2, d)) {
-        no_stencil_accepted(work.handlers_or(state.handlers), *c, n_added);
+        no_stencil_accepted(handlers, *c, n_added);
       }
     }
   }

@@ -211,7 +211,6 @@ struct Derivatives {
 
 using Fit = void(const State&, Workspace&, const Cell*, const Stencil&, int, double&, double&,
                  double&, double&, double&, bool&);
-using ComputeDataAtNode = void(const State&, Workspace&, Cell*, double*, double*);
 
 /// Whether a fit accepts the stencil as it is now.
 inline bool accepts(Fit fit, const State& state, Workspace& work, const Cell* c, int n_list,
@@ -233,10 +232,12 @@ bool search(Fit fit, const State& state, Workspace& work, const Cell* c, int n_l
 /// @return number of candidates that others can take the place of
 int complete_stencil(const State& state, Workspace& work, const Cell* c, int& n_list_1,
                      int n_list_2);
-/// A corner with one neighbour takes its indicators from that one. The one-sided differences along
-/// Neumann sides read the table as the call for the neighbour left it.
-void corner_rule(ComputeDataAtNode compute, const State& state, Workspace& work, Cell* c,
-                 double* dfdx, double* dfdy);
+/// The neighbour of a corner that has one only. Ends the process if there is none.
+Cell* neighbor_of_corner(const Handlers& handlers, const Cell* c);
+/// Such a corner takes its indicators from that neighbour, whose gradient has just been computed.
+/// The one-sided differences along Neumann sides read the table as that computation left it.
+void corner_rule(const Handlers& handlers, const Stencil& list_1, Cell* c, const Cell* tmp,
+                 Derivatives& d);
 void store_indicators(Cell* c, const Derivatives& d);
 /// Hands back the gradient, without what a Neumann side forces to 0, where both are asked for.
 void hand_back(const State& state, const Cell* c, const Derivatives& d, double* dfdx, double* dfdy);

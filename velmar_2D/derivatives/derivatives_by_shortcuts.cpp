@@ -98,16 +98,14 @@ bool fit_derivatives(const State& state, Workspace& work, const Cell* c, int n_l
   return true;
 }
 
-}  // namespace
-
-void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* dfdx,
-                          double* dfdy) {
+/// All but handing back the gradient: one procedure for all who ask, into which the compiler can
+/// put the steps.
+void find_derivatives(const State& state, Workspace& work, Cell* c, Derivatives& d) {
   int n_list_1 = 0, quick_hessian_case = 0;
   append_row(work.list_1, n_list_1, *c);
   if (c->reserve == 4) {
     extract_neighbor_square(state.domain, c, work.list_1, n_list_1, quick_hessian_case);
   }
-  Derivatives d;
   if (quick_hessian_case != 0) {
     quick_gradient_case(c, d.dx, d.dy);
     quick_fit_hessian_6pts(state, quick_hessian_case, c->level, work.list_1, d.dx2, d.dy2, d.dxdy);
@@ -117,11 +115,22 @@ void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* 
       extract_neighbors_square_boundary(c, work.list_1, n_list_1);
     }
     if (!fit_derivatives(state, work, c, n_list_1, d)) {
-      corner_rule(compute_data_at_node, state, work, c, dfdx, dfdy);
+      const Handlers& handlers = work.handlers_or(state.handlers);
+      Cell* tmp = neighbor_of_corner(handlers, c);
+      compute_data_at_node(state, work, tmp, &d.dx, &d.dy);
+      corner_rule(handlers, work.list_1, c, tmp, d);
       return;
     }
   }
   store_indicators(c, d);
+}
+
+}  // namespace
+
+void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* dfdx,
+                          double* dfdy) {
+  Derivatives d;
+  find_derivatives(state, work, c, d);
   hand_back(state, c, d, dfdx, dfdy);
 }
 

@@ -174,7 +174,7 @@ class Walk {
       walk_->go_on();
       return *this;
     }
-    bool operator!=(const Cell* end) const { return walk_->current_ != end; }
+    bool operator!=(std::nullptr_t) const { return walk_->current_ != nullptr; }
 
    private:
     Walk* walk_;
@@ -182,12 +182,10 @@ class Walk {
   struct Stretch {
     Walk* walk;
     Iterator begin() const { return Iterator(walk); }
-    const Cell* end() const { return walk->end_; }
+    static std::nullptr_t end() { return nullptr; }
   };
-  /// The stretch that begins, in the order of the walk, with this node, which may be none, and
-  /// reaches to its last one or to `end`.
-  Stretch operator()(Cell* first, const Cell* end = nullptr) {
-    end_ = end;
+  /// The stretch that begins, in the order of the walk, with this node, which may be none.
+  Stretch operator()(Cell* first) {
     begin_stretch(first);
     return {this};
   }
@@ -221,7 +219,7 @@ class Walk {
     if (recorded_ != nullptr && !removed_) recorded_->record(current_);
     removed_ = false;
     current_ = following_;
-    if (current_ != end_) arrive();
+    if (current_ != nullptr) arrive();
   }
 
   void arrive() {
@@ -300,7 +298,6 @@ class Walk {
   }
 
   Cell *current_ = nullptr, *following_ = nullptr;
-  const Cell* end_ = nullptr;
   Cell *far_ = nullptr, *near_ = nullptr, *corner_ = nullptr;
   Cell* Cell::*step_;
   const TraversalHistory* history_;
