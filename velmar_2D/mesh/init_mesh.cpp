@@ -13,9 +13,6 @@ namespace {
 /// ten times the machine epsilon, the rounding of the divisions that give them.
 constexpr double square_tolerance = 2.220446049250313e-15;
 
-/// Covers the rounding of positions when the length of a link is compared with dist_0.
-constexpr double link_length_margin = 1e-3;
-
 /// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
 /// exceed a thousandth of the cell, and soon after two nodes would have one position.
 constexpr double smallest_cell = 1e-13;
@@ -219,8 +216,7 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
   }
   domain.dist_0 = dx;
   domain.largest_coordinate = largest_coordinate();
-  domain.longest_link = dx * (1.0 + link_length_margin);
-  domain.lattice_is_whole = positions_are_exact(domain);
+  set_regular(domain);
 
   state.level_beg.clear();
   state.level_end.clear();

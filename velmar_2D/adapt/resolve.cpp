@@ -1,0 +1,221 @@
+// The least mesh in which no node is coarser than wanted.
+//
+//   1. Where anything else has changed the mesh, its rings are restored.
+//   2. All nodes are asked for the spacing they want, and raised to it: rings around them are
+//      completed. Nodes that come are asked in their turn, until none comes.
+//   3. What nothing rests on and nothing wants goes, finest nodes first.
+//
+// The mesh is the smallest set of positions that holds the grid and, with each member p, the rings
+// around it from its own ipos up to the wanted level. That is a closure: the order of the steps
+// within 2 and within 3 does not matter to the positions.
+#include <cmath>
+#include <limits>
+#include <new>
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+/// What a size means for a node.
+struct Want {
+  std::int32_t level;  ///< up to which rings are completed
+  std::int32_t kept;   ///< up to which members of rings stay
+  bool is_refused;     ///< the limit forbids what is wanted
+};
+
+class WantedLevels {
+ public:
+  WantedLevels(const State& state, double margin)
+      : dist_0_(state.domain.dist_0),
+        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
+        limit_(std::min(state.level_max, highest_wanted_level)) {}
+
+  Want of(const Cell& c, double size) const {
+    if (!(size >= 0.0)) return {c.level, c.level, false};
+    const double ratio = std::abs(dist_0_ / size);
+    const std::int32_t level = level_wanted_by(ratio);
+    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
+    return {std::min(level, limit_), std::min(kept, limit_), level > limit_};
+  }
+
+ private:
+  double dist_0_, margin_ratio_;
+  std::int32_t limit_;
+};
+
+/// Marks a node that waits to be removed, beside its wanted level.
+constexpr std::uint8_t is_waiting = 0x80;
+std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
+
+/// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
+bool is_surplus(const Cell& c) {
+  const std::int32_t ipos = c.ipos;
+  if (ipos == 0 || c.level != ipos) return false;
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* linked = link(c, d).cell();
+    if (linked != nullptr && (linked->ipos > ipos || wanted_level(*linked) >= ipos)) return false;
+  }
+  return true;
+}
+
+void remove(State& state, Cell& c) {
+  Cell* node = &c;
+  if (c.ipos % 2 == 0) {
+    remove_node_even_level(state, node);
+  } else {
+    remove_node_odd_level(state, node);
+  }
+}
+
+class Resolver {
+ public:
+  Resolver(State& state, const Resolution& resolution)
+      : state_(state),
+        wants_(state, resolution.margin),
+        rings_(state, nodes_, resolution.most_nodes),
+        was_in_order_(state.resolved_revision == state.mesh_revision) {
+    state.resolved_revision = 0;
+  }
+
+  bool was_in_order() const { return was_in_order_; }
+
+  void resolve(const size_function& size_fun) {
+    const auto ask = [&](const Cell& c) {
+      return size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+    };
+    Walk walk = Walk::to_refine(state_.history);
+    // Those that come while the walk goes on are asked after it.
+    const std::vector<Handle> first = state_.level_beg;
+    for (const Handle& stretch : first) {
+      for (Cell& c : walk(stretch.next)) walk.changes_mesh_here(settle(c, ask(c)));
+    }
+    for (std::size_t i = 0; i < nodes_.size(); ++i) settle(*nodes_[i], ask(*nodes_[i]));
+    release_surplus();
+  }
+
+  void resolve(const batch_size_function& size_fun) {
+    list_nodes();
+    std::vector<double> sizes;
+    for (std::size_t begin = 0; begin < nodes_.size();) {
+      const std::size_t n = nodes_.size() - begin;
+      try {
+        sizes.assign(n, std::numeric_limits<double>::quiet_NaN());
+      } catch (const std::bad_alloc&) {
+        allocation_failed(state_.handlers, n * sizeof(double));
+      }
+      size_fun(std::span<Cell* const>(nodes_).subspan(begin), sizes);
+      for (std::size_t i = 0; i < n; ++i) settle(*nodes_[begin + i], sizes[i]);
+      begin += n;
+    }
+    release_surplus();
+  }
+
+ private:
+  void list_nodes() {
+    nodes_.clear();
+    Walk walk = Walk::to_refine(state_.history);
+    for (const Handle& stretch : state_.level_beg) {
+      for (Cell& c : walk(stretch.next)) push_node(state_, nodes_, &c);
+    }
+  }
+
+  /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
+  bool settle(Cell& c, double size) {
+    ++state_.update_statistics.visited;
+    const Want want = wants_.of(c, size);
+    const std::int32_t before = wanted_level(c);
+    c.wanted_level = static_cast<std::uint8_t>(want.kept);
+    // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
+    const bool may_release = want.kept < before && want.kept <= c.level && before > c.ipos;
+    if (may_release && was_in_order_) push_node(state_, fallen_, &c);
+    const bool raising = want.level > c.level;
+    if (raising) rings_.raise(c, want.level);
+    if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
+    return raising;
+  }
+
+  void release_surplus() {
+    if (was_in_order_) {
+      release_around_fallen();
+    } else {
+      release_everywhere();
+    }
+  }
+
+  /// Stretches downwards.
+  void release_everywhere() {
+    Walk walk = Walk::to_coarsen(state_.history);
+    state_.history.begin_recording(state_.nb_nodes);
+    for (std::size_t l = state_.level_end.size(); l-- > 0;) {
+      for (Cell& c : walk(state_.level_end[l].next)) {
+        const bool removing = is_surplus(c);
+        walk.changes_mesh_here(removing);
+        if (!removing) continue;
+        remove(state_, c);
+        walk.removed_node();
+      }
+    }
+    state_.history.end_recording();
+  }
+
+  /// Where wants have fallen, and on from there. All others are needed as before.
+  void release_around_fallen() {
+    nodes_.clear();
+    for (const Cell* p : fallen_) {
+      for (int d = 0; d < nb_directions; ++d) {
+        Cell* linked = link(*p, d).cell();
+        if (linked != nullptr && linked->ipos > p->ipos) await_removal(*linked);
+      }
+    }
+    for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      Cell& c = *nodes_[i];
+      std::array<Cell*, 4> parents{};
+      for (int d = c.ipos % 2; d < nb_directions; d += 2) {
+        parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();
+      }
+      remove(state_, c);
+      for (Cell* parent : parents) {
+        if (parent != nullptr) await_removal(*parent);
+      }
+    }
+  }
+  void await_removal(Cell& c) {
+    if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
+    push_node(state_, nodes_, &c);
+    c.wanted_level |= is_waiting;
+  }
+
+  State& state_;
+  WantedLevels wants_;
+  std::vector<Cell*> nodes_;  ///< to ask, and later: to remove
+  std::vector<Cell*> fallen_;
+  RingMaker rings_;
+  bool was_in_order_;
+};
+
+template <typename SizeFunction>
+void resolve(State& state, const SizeFunction& size_fun, const Resolution& resolution) {
+  CountAtEnd count_at_end(state);
+  const JoinAtEnd join_at_end(state);
+  split_sublists(state);
+  Resolver resolver(state, resolution);
+  if (!resolver.was_in_order() && restore_rings(state, resolution.most_nodes)) {
+    count_at_end.links_changed();
+  }
+  resolver.resolve(size_fun);
+  state.resolved_revision = state.mesh_revision;
+}
+
+}  // namespace
+
+void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution) {
+  resolve(state, size_fun, resolution);
+}
+void resolve_mesh_body(State& state, const batch_size_function& size_fun,
+                       const Resolution& resolution) {
+  resolve(state, size_fun, resolution);
+}
+
+}  // namespace velmar_2d::detail
