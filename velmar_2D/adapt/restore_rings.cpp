@@ -54,6 +54,11 @@ class Lattice {
   bool contains(LatticePoint p) const {
     return p.x >= 0 && p.y >= 0 && p.x <= nx_ << halvings_ && p.y <= ny_ << halvings_;
   }
+  bool is_on_side(LatticePoint p, int straight_direction) const {
+    const auto d = static_cast<std::size_t>(straight_direction);
+    return !contains(
+        {p.x + static_cast<std::int64_t>(away_x[d]), p.y + static_cast<std::int64_t>(away_y[d])});
+  }
   std::int32_t ipos(LatticePoint p) const {
     const std::int32_t x = halvings_of(p.x), y = halvings_of(p.y);
     return x == y ? std::max(2 * x - 1, 0) : 2 * std::max(x, y);
@@ -220,12 +225,9 @@ class Restorer {
       } else {
         place_between_parents(m, entry);
       }
-      const LatticePoint last = lattice_.last();
-      const std::array<bool, 4> on_side = {entry.at.y == last.y, entry.at.x == last.x,
-                                           entry.at.y == 0, entry.at.x == 0};
-      for (std::size_t side = 0; side < on_side.size(); ++side) {
-        if (!on_side[side]) continue;
-        m.sides[side] = side_link(state_, 2 * static_cast<int>(side), m.x, m.y);
+      for (const int side : straight_directions) {
+        if (!lattice_.is_on_side(entry.at, side)) continue;
+        m.sides[static_cast<std::size_t>(side / 2)] = side_link(state_, side, m.x, m.y);
         ++m.nb_sides;
       }
       if (state_.n_cell_data > 0 && !state_.data_interpolation) {
@@ -317,8 +319,7 @@ class Restorer {
     while ((reserve = nb_missing(entry.at, level + 1)) == 0) ++level;
     bool changed = level != c.level || reserve != c.reserve;
     for (int d = 0; d < nb_directions; ++d) {
-      if (d % 2 == 0 && !lattice_.contains(lattice_.neighbour(entry.at, d, 0)) &&
-          link(c, d).cell() == nullptr) {
+      if (d % 2 == 0 && lattice_.is_on_side(entry.at, d) && link(c, d).cell() == nullptr) {
         continue;  // the record of a side, or of none
       }
       auto [cell, link_level_there] = linked(entry, d);
