@@ -11,6 +11,7 @@
 #include <cmath>
 #include <limits>
 #include <new>
+#include <optional>
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
@@ -32,12 +33,13 @@ class WantedLevels {
         margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
         limit_(std::min(state.level_max, highest_wanted_level)) {}
 
-  Want of(const Cell& c, double size) const {
+  /// A size that is none wants the level that is there.
+  Want of(const Cell& c, double size, std::int32_t lowest) const {
     if (!(size >= 0.0)) return {c.level, c.level, false};
     const double ratio = std::abs(dist_0_ / size);
     const std::int32_t level = level_wanted_by(ratio);
     const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
-    return {std::min(level, limit_), std::min(kept, limit_), level > limit_};
+    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
   }
 
  private:
@@ -75,6 +77,7 @@ class Resolver {
       : state_(state),
         wants_(state, resolution.margin),
         rings_(state, nodes_, resolution.most_nodes),
+        slope_(resolution.slope),
         was_in_order_(state.resolved_revision == state.mesh_revision) {
     state.resolved_revision = 0;
   }
@@ -85,29 +88,35 @@ class Resolver {
     const auto ask = [&](const Cell& c) {
       return size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
     };
+    if (slope_ > 0.0) {
+      resolve_graded([&](std::span<Cell* const> nodes, std::span<double> sizes) {
+        for (std::size_t i = 0; i < nodes.size(); ++i) sizes[i] = ask(*nodes[i]);
+      });
+      return;
+    }
+    const auto asked = [&](const Cell& c) {
+      ++state_.update_statistics.visited;
+      return ask(c);
+    };
     Walk walk = Walk::to_refine(state_.history);
     // Those that come while the walk goes on are asked after it.
     const std::vector<Handle> first = state_.level_beg;
     for (const Handle& stretch : first) {
-      for (Cell& c : walk(stretch.next)) walk.changes_mesh_here(settle(c, ask(c)));
+      for (Cell& c : walk(stretch.next)) walk.changes_mesh_here(settle(c, asked(c)));
     }
-    for (std::size_t i = 0; i < nodes_.size(); ++i) settle(*nodes_[i], ask(*nodes_[i]));
+    for (std::size_t i = 0; i < nodes_.size(); ++i) settle(*nodes_[i], asked(*nodes_[i]));
     release_surplus();
   }
 
   void resolve(const batch_size_function& size_fun) {
+    if (slope_ > 0.0) {
+      resolve_graded(size_fun);
+      return;
+    }
     list_nodes();
-    std::vector<double> sizes;
     for (std::size_t begin = 0; begin < nodes_.size();) {
-      const std::size_t n = nodes_.size() - begin;
-      try {
-        sizes.assign(n, std::numeric_limits<double>::quiet_NaN());
-      } catch (const std::bad_alloc&) {
-        allocation_failed(state_.handlers, n * sizeof(double));
-      }
-      size_fun(std::span<Cell* const>(nodes_).subspan(begin), sizes);
-      for (std::size_t i = 0; i < n; ++i) settle(*nodes_[begin + i], sizes[i]);
-      begin += n;
+      const std::span<const double> sizes = sizes_from(begin, size_fun);
+      for (const double size : sizes) settle(*nodes_[begin++], size);
     }
     release_surplus();
   }
@@ -121,10 +130,59 @@ class Resolver {
     }
   }
 
+  /// Sizes of the nodes from this number on.
+  template <typename BatchFunction>
+  std::span<const double> sizes_from(std::size_t begin, const BatchFunction& size_fun) {
+    const std::size_t n = nodes_.size() - begin;
+    try {
+      sizes_.assign(n, std::numeric_limits<double>::quiet_NaN());
+    } catch (const std::bad_alloc&) {
+      allocation_failed(state_.handlers, n * sizeof(double));
+    }
+    size_fun(std::span<Cell* const>(nodes_).subspan(begin), std::span<double>(sizes_));
+    state_.update_statistics.visited += static_cast<std::int64_t>(n);
+    return sizes_;
+  }
+
+  /// As the others, with all sizes at hand at any time.
+  template <typename BatchFunction>
+  void resolve_graded(const BatchFunction& size_fun) {
+    was_in_order_ = false;  // wants may have fallen anywhere
+    list_nodes();
+    const auto take_memory = [this](const auto& step) {
+      try {
+        step();
+      } catch (const std::bad_alloc&) {
+        allocation_failed(state_.handlers, nodes_.size() * sizeof(Lattice::Entry));
+      }
+    };
+    std::optional<GradedSizes> graded;
+    take_memory([&] { graded.emplace(state_, slope_); });
+    while (graded->size() < nodes_.size()) {
+      const std::span<const double> sizes = sizes_from(graded->size(), size_fun);
+      take_memory([&] {
+        for (const double size : sizes) graded->add(*nodes_[graded->size()], size);
+      });
+      settle_all(*graded);
+    }
+    // Without a node that goes the others may want less.
+    while (release_everywhere(&*graded)) {
+      graded->forget_grading();
+      settle_all(*graded);
+    }
+  }
+
+  void settle_all(GradedSizes& graded) {
+    graded.grade();
+    state_.update_statistics.refused = 0;
+    for (std::size_t i = 0; i < graded.size(); ++i) {
+      if (Cell* c = graded.node(i)) settle(*c, graded.at(i), graded.has_own(i) ? 0 : c->level);
+    }
+  }
+
   /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
-  bool settle(Cell& c, double size) {
-    ++state_.update_statistics.visited;
-    const Want want = wants_.of(c, size);
+  bool settle(Cell& c, double size, std::int32_t lowest = 0) {
+    const Want want = wants_.of(c, size, lowest);
     const std::int32_t before = wanted_level(c);
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
     // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
@@ -144,8 +202,9 @@ class Resolver {
     }
   }
 
-  /// Stretches downwards.
-  void release_everywhere() {
+  /// Stretches downwards. Returns whether a node went.
+  bool release_everywhere(GradedSizes* graded = nullptr) {
+    const std::int32_t nb_nodes_before = state_.nb_nodes;
     Walk walk = Walk::to_coarsen(state_.history);
     state_.history.begin_recording(state_.nb_nodes);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
@@ -153,11 +212,13 @@ class Resolver {
         const bool removing = is_surplus(c);
         walk.changes_mesh_here(removing);
         if (!removing) continue;
+        if (graded != nullptr) graded->remove(c);
         remove(state_, c);
         walk.removed_node();
       }
     }
     state_.history.end_recording();
+    return state_.nb_nodes < nb_nodes_before;
   }
 
   /// Where wants have fallen, and on from there. All others are needed as before.
@@ -191,7 +252,9 @@ class Resolver {
   WantedLevels wants_;
   std::vector<Cell*> nodes_;  ///< to ask, and later: to remove
   std::vector<Cell*> fallen_;
+  std::vector<double> sizes_;
   RingMaker rings_;
+  double slope_;
   bool was_in_order_;
 };
 

@@ -2,7 +2,6 @@
 //
 // Coarsening can remove a node from among finer ones, single steps of a caller anything anywhere.
 // What is left is taken as a set of positions; all else follows from those.
-#include <bit>
 #include <cmath>
 #include <new>
 #include <optional>
@@ -12,111 +11,6 @@
 namespace velmar_2d::detail {
 
 namespace {
-
-/// A position in units of the finest spacing, from the lower left corner.
-struct LatticePoint {
-  std::int64_t x, y;
-  friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
-};
-
-struct Entry {
-  LatticePoint at;
-  Cell* cell;         ///< none as long as it is to be made
-  std::int32_t ipos;  ///< as the position tells
-};
-
-/// The lattice of a mesh, and which of its positions hold a node.
-class Lattice {
- public:
-  Lattice(const State& state, std::int32_t highest_ipos)
-      : domain_(state.domain),
-        halvings_((highest_ipos + 3) / 2),
-        nx_(squares(domain_.x_max - domain_.x_min)),
-        ny_(squares(domain_.y_max - domain_.y_min)) {
-    const auto nodes = static_cast<std::size_t>(state.nb_nodes);
-    entries_.reserve(nodes + nodes / 16);
-    slots_.assign(std::bit_ceil(2 * nodes + 2), -1);
-  }
-
-  const std::vector<Entry>& entries() const { return entries_; }
-  std::vector<Entry>& entries() { return entries_; }
-  std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
-  LatticePoint last() const { return {nx_ << halvings_, ny_ << halvings_}; }
-  /// Along x or y, from a node to the members of a ring.
-  std::int64_t step(std::int32_t level) const {
-    return std::int64_t{1} << (halvings_ - (level + 1) / 2);
-  }
-  LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const {
-    const auto d = static_cast<std::size_t>(direction & 7);
-    return {p.x + static_cast<std::int64_t>(away_x[d]) * step(level),
-            p.y + static_cast<std::int64_t>(away_y[d]) * step(level)};
-  }
-  bool contains(LatticePoint p) const {
-    return p.x >= 0 && p.y >= 0 && p.x <= nx_ << halvings_ && p.y <= ny_ << halvings_;
-  }
-  bool is_on_side(LatticePoint p, int straight_direction) const {
-    const auto d = static_cast<std::size_t>(straight_direction);
-    return !contains(
-        {p.x + static_cast<std::int64_t>(away_x[d]), p.y + static_cast<std::int64_t>(away_y[d])});
-  }
-  std::int32_t ipos(LatticePoint p) const {
-    const std::int32_t x = halvings_of(p.x), y = halvings_of(p.y);
-    return x == y ? std::max(2 * x - 1, 0) : 2 * std::max(x, y);
-  }
-  /// False where a node lies off the lattice.
-  bool find_place(const Cell& c, LatticePoint& p) const {
-    return place((c.x - domain_.x_min) / domain_.dist_0, p.x) &&
-           place((c.y - domain_.y_min) / domain_.dist_0, p.y) && contains(p) && ipos(p) == c.ipos;
-  }
-
-  /// -1 where there is none.
-  std::int32_t find(LatticePoint p) const { return slots_[slot_of(p)]; }
-  bool holds(LatticePoint p) const { return contains(p) && find(p) >= 0; }
-  /// Number of the new entry, -1 where there was one.
-  std::int32_t add(const Entry& entry) {
-    const std::size_t slot = slot_of(entry.at);
-    if (slots_[slot] >= 0) return -1;
-    const auto number = static_cast<std::int32_t>(entries_.size());
-    entries_.push_back(entry);
-    slots_[slot] = number;
-    if (2 * entries_.size() > slots_.size()) {
-      slots_.assign(2 * slots_.size(), -1);
-      for (std::size_t i = 0; i < entries_.size(); ++i) {
-        slots_[slot_of(entries_[i].at)] = static_cast<std::int32_t>(i);
-      }
-    }
-    return number;
-  }
-
- private:
-  std::int64_t squares(double width) const { return std::llround(width / domain_.dist_0); }
-  std::int32_t halvings_of(std::int64_t offset) const {
-    const auto bits = static_cast<std::uint64_t>(offset) | static_cast<std::uint64_t>(grid_step());
-    return halvings_ - std::countr_zero(bits);
-  }
-  bool place(double offset, std::int64_t& whole) const {
-    constexpr double off_the_lattice = 0.25, largest = 4e18;
-    const double exact = std::ldexp(offset, halvings_);
-    if (!(std::abs(exact) < largest)) return false;
-    whole = std::llround(exact);
-    return std::abs(exact - static_cast<double>(whole)) < off_the_lattice;
-  }
-  std::size_t slot_of(LatticePoint p) const {
-    std::uint64_t hash = static_cast<std::uint64_t>(p.x) * 0x9e3779b97f4a7c15U;
-    hash = (hash ^ (hash >> 32) ^ static_cast<std::uint64_t>(p.y)) * 0xbf58476d1ce4e5b9U;
-    std::size_t slot = (hash ^ (hash >> 29)) & (slots_.size() - 1);
-    while (slots_[slot] >= 0 && entries_[static_cast<std::size_t>(slots_[slot])].at != p) {
-      slot = (slot + 1) & (slots_.size() - 1);
-    }
-    return slot;
-  }
-
-  const Domain& domain_;
-  std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
-  std::int64_t nx_, ny_;
-  std::vector<Entry> entries_;
-  std::vector<std::int32_t> slots_;
-};
 
 /// A node that is to be made, with all that callbacks have to say about it.
 struct Missing {
@@ -128,7 +22,9 @@ struct Missing {
 
 class Restorer {
  public:
-  Restorer(State& state, std::int32_t highest_ipos) : state_(state), lattice_(state, highest_ipos) {
+  Restorer(State& state, std::int32_t highest_ipos)
+      : state_(state),
+        lattice_(state.domain, highest_ipos, static_cast<std::size_t>(state.nb_nodes)) {
     missing_by_ipos_.resize(static_cast<std::size_t>(highest_ipos) + 1);
   }
 
@@ -148,7 +44,7 @@ class Restorer {
       release_cell(state_, c);
     }
     bool changed = false;
-    for (const Entry& entry : lattice_.entries()) changed = link_up(entry) || changed;
+    for (const Lattice::Entry& entry : lattice_.entries()) changed = link_up(entry) || changed;
     state_.links_may_be_one_way = false;
     set_regular(state_.domain);
     set_values();
@@ -179,7 +75,7 @@ class Restorer {
 
   /// What a node rests on has a lower position index.
   void add_parents(std::size_t number) {
-    const Entry entry = lattice_.entries()[number];
+    const Lattice::Entry entry = lattice_.entries()[number];
     for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
       const LatticePoint parent = lattice_.neighbour(entry.at, d, entry.ipos);
       if (lattice_.contains(parent) && lattice_.find(parent) < 0) add_missing(parent);
@@ -219,7 +115,7 @@ class Restorer {
 
   void ask_callbacks() {
     for (Missing& m : missing_) {
-      const Entry& entry = lattice_.entries()[m.entry];
+      const Lattice::Entry& entry = lattice_.entries()[m.entry];
       if (entry.ipos == 0) {
         place_on_grid(m, entry.at);
       } else {
@@ -244,7 +140,7 @@ class Restorer {
   }
 
   /// Midway between two opposite parents; those along a side, if it has no others.
-  void place_between_parents(Missing& m, const Entry& entry) const {
+  void place_between_parents(Missing& m, const Lattice::Entry& entry) const {
     for (int d = entry.ipos % 2; d < nb_directions / 2; d += 2) {
       const LatticePoint a = lattice_.neighbour(entry.at, d, entry.ipos);
       const LatticePoint b = lattice_.neighbour(entry.at, d + 4, entry.ipos);
@@ -302,7 +198,7 @@ class Restorer {
   }
 
   /// The nearest member of a ring in this direction, unless it is cut off; and the link's level.
-  std::pair<Cell*, std::int32_t> linked(const Entry& entry, int d) const {
+  std::pair<Cell*, std::int32_t> linked(const Lattice::Entry& entry, int d) const {
     std::int32_t level = entry.ipos % 2 == d % 2 ? entry.ipos : entry.ipos + 1;
     if (!has_member(entry.at, d, level)) return {nullptr, 2};
     while (has_member(entry.at, d, level + 2)) level += 2;
@@ -313,7 +209,7 @@ class Restorer {
     return {lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell, 2 - closed};
   }
 
-  bool link_up(const Entry& entry) {
+  bool link_up(const Lattice::Entry& entry) {
     Cell& c = *entry.cell;
     std::int32_t level = entry.ipos, reserve = 0;
     while ((reserve = nb_missing(entry.at, level + 1)) == 0) ++level;
@@ -347,7 +243,7 @@ class Restorer {
   void set_values() {
     if (state_.n_cell_data <= 0) return;
     for (const Missing& m : missing_) {
-      const Entry& entry = lattice_.entries()[m.entry];
+      const Lattice::Entry& entry = lattice_.entries()[m.entry];
       entry.cell->data[0] = state_.data_interpolation ? interpolated(entry) : m.first_value;
     }
     Workspace work;
@@ -357,7 +253,7 @@ class Restorer {
   }
 
   /// The mean of the parents, along the side on a side; of what is linked, for nodes of the grid.
-  double interpolated(const Entry& entry) const {
+  double interpolated(const Lattice::Entry& entry) const {
     const bool along_side = entry.cell->on_boundary == 1 && entry.ipos > 0;
     double sum = 0.0;
     int n = 0;
@@ -410,7 +306,8 @@ bool restore_rings(State& state, std::int64_t most_nodes) {
     restorer.emplace(state, std::min(highest, highest_wanted_level));
     restorer->prepare();
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, static_cast<std::size_t>(state.nb_nodes) * sizeof(Entry));
+    allocation_failed(state.handlers,
+                      static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
   }
   const std::int64_t nb_missing = restorer->nb_missing_nodes();
   if (most_nodes > 0 && nb_missing > 0 && state.nb_nodes + nb_missing > most_nodes) {

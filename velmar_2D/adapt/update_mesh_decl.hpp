@@ -370,6 +370,86 @@ inline void push_node(const State& state, std::vector<Cell*>& nodes, Cell* c) {
 /// Ends the update: the mesh would need more nodes than it may have.
 [[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
 
+/// A position in units of the finest spacing, from the lower left corner.
+struct LatticePoint {
+  std::int64_t x, y;
+  friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
+};
+
+/// The lattice of a mesh, and which of its positions are taken (lattice.cpp). Procedures that take
+/// memory may throw std::bad_alloc.
+class Lattice {
+ public:
+  struct Entry {
+    LatticePoint at;
+    Cell* cell;         ///< none as long as it is to be made, or when it has gone
+    std::int32_t ipos;  ///< as the position tells
+  };
+
+  Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes);
+
+  std::vector<Entry>& entries() { return entries_; }
+  const std::vector<Entry>& entries() const { return entries_; }
+  std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
+  /// The upper right corner.
+  LatticePoint last() const { return last_; }
+  /// The member of a ring that lies in this direction.
+  LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
+  bool contains(LatticePoint p) const;
+  bool is_on_side(LatticePoint p, int straight_direction) const;
+  std::int32_t ipos(LatticePoint p) const;
+  /// False where a node lies off the lattice.
+  bool find_place(const Cell& c, LatticePoint& p) const;
+  /// Number of the entry, -1 where there is none.
+  std::int32_t find(LatticePoint p) const { return slots_[slot_of(p)]; }
+  bool holds(LatticePoint p) const { return contains(p) && find(p) >= 0; }
+  /// Number of the new entry, -1 where there was one.
+  std::int32_t add(const Entry& entry);
+
+ private:
+  std::int32_t halvings_of(std::int64_t offset) const;
+  std::size_t slot_of(LatticePoint p) const;
+
+  const Domain& domain_;
+  std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
+  LatticePoint last_;
+  std::vector<Entry> entries_;
+  std::vector<std::int32_t> slots_;
+};
+
+/// The wanted sizes of all nodes, graded over the mesh (graded_sizes.cpp). Nodes have the numbers
+/// in which they are added, parents first.
+class GradedSizes {
+ public:
+  GradedSizes(const State& state, double slope);
+
+  std::size_t size() const { return nodes_.size(); }
+  /// A size that is negative or not a number is none.
+  void add(Cell& c, double size);
+  /// Needs: no node rests on this one.
+  void remove(const Cell& c);
+  void grade();
+  /// What is graded next is graded from the nodes' own sizes.
+  void forget_grading();
+  /// The node with a number, which may have gone, and its size.
+  Cell* node(std::size_t i) const { return lattice_.entries()[i].cell; }
+  double at(std::size_t i) const { return nodes_[i].graded; }
+  bool has_own(std::size_t i) const { return nodes_[i].has_own; }
+
+ private:
+  struct Node {
+    double own = 0.0, graded = 0.0;
+    std::array<std::int32_t, 4> parents{-1, -1, -1, -1};  ///< and neighbours on the grid
+    std::int32_t ipos = 0;
+    bool has_own = false;
+  };
+  bool relax(Node& node);
+
+  Lattice lattice_;
+  std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
+  std::vector<Node> nodes_;
+};
+
 /// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
 /// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
 /// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
