@@ -3,9 +3,9 @@
 #include <cmath>
 #include <limits>
 #include <map>
-#include <random>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 
 #include "scenarios/scenarios.hpp"
 #include "support/history.hpp"
@@ -65,13 +65,7 @@ class Lattice {
     return members;
   }
   int wanted_level(const size_function& size, Position p, double margin = 0.0) const {
-    const double h = size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
-    int level = 0;
-    while (level < limit_ && h * std::exp2(-0.5 * margin) <
-                                 dist_0_ * std::exp2(-0.5 * level) * (1.0 - 1e-9)) {
-      ++level;
-    }
-    return level;
+    return level_of(own_size(size, p) * std::exp2(-0.5 * margin));
   }
 
   /// The rules, starting from the positions that are there.
@@ -114,10 +108,48 @@ class Lattice {
   }
   Positions least(const size_function& size) const { return closure(grid(), size); }
 
+  /// As least(), with sizes that grow by `slope` at most along the ways between a position and
+  /// what it rests on, and between neighbours on the grid.
+  Positions least_graded(const size_function& size, double slope) const {
+    Positions all = grid();
+    for (std::size_t before = 0; before != all.size();) {
+      before = all.size();
+      std::map<Position, double> graded;
+      for (const Position& p : all) graded[p] = own_size(size, p);
+      for (bool lowered = true; lowered;) {
+        lowered = false;
+        for (const Position& p : all) {
+          const double way = slope * dist_0_ * std::exp2(-0.5 * ipos(p));
+          for (const Position& q : ring(p, ipos(p))) {
+            for (const auto& [from, to] : {std::pair{p, q}, std::pair{q, p}}) {
+              if (graded[to] <= (graded[from] + way) * (1.0 + 1e-13)) continue;
+              graded[to] = graded[from] + way;
+              lowered = true;
+            }
+          }
+        }
+      }
+      for (const auto& [p, h] : graded) {
+        for (int l = std::max(1, ipos(p)); l <= std::max(ipos(p), level_of(h)); ++l) {
+          all.merge(ring(p, l));
+        }
+      }
+    }
+    return all;
+  }
+
  private:
   static constexpr int halvings = 20;
   static constexpr std::int64_t unit = std::int64_t{1} << halvings;
 
+  double own_size(const size_function& size, Position p) const {
+    return size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
+  }
+  int level_of(double h) const {
+    int level = 0;
+    while (level < limit_ && h < dist_0_ * std::exp2(-0.5 * level) * (1.0 - 1e-9)) ++level;
+    return level;
+  }
   static int halvings_of(std::int64_t offset) {
     int n = 0;
     while (n < halvings && offset % (unit >> n) != 0) ++n;
@@ -161,9 +193,7 @@ bool is_in_order(const Mesh& mesh) {
 }
 
 size_function near_point(double x, double y, double slope, double finest) {
-  return [=](double px, double py, auto...) {
-    return finest + slope * std::hypot(px - x, py - y);
-  };
+  return [=](double px, double py, auto...) { return finest + slope * std::hypot(px - x, py - y); };
 }
 /// Along the line through two points.
 size_function near_line(double x, double y, double dx, double dy, double slope, double finest) {
@@ -220,8 +250,8 @@ TEST(Resolve, MakesTheLeastMeshAndThenLeavesItAsItIs) {
       const UpdateStatistics first = mesh.resolve(size);
       const Lattice lattice(mesh);
       const Positions expected = lattice.least(size);
-      ASSERT_TRUE(lattice.of(mesh) == expected)
-          << difference(lattice.of(mesh), expected) << "\n" << domain.name << ", run " << run;
+      ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected) << "\n"
+                                                << domain.name << ", run " << run;
       ASSERT_TRUE(is_in_order(mesh)) << domain.name << ", run " << run;
       EXPECT_EQ(first.visited, mesh.size());
       EXPECT_EQ(first.removed, 0);
@@ -244,7 +274,8 @@ TEST_F(ResolveAfter, AnyHistoryLeavesNoMoreThanIsNeeded) {
     // Twice: first from what the history has left, then from what the first call has.
     for (int i = 0; i < 3; ++i) {
       const Positions before = lattice.of(mesh);
-      const size_function size = size_of_kind(random.between(0, nb_kinds_of_size - 1), mesh, random);
+      const size_function size =
+          size_of_kind(random.between(0, nb_kinds_of_size - 1), mesh, random);
       resolve_mesh_no_init(size);
       const Positions expected = lattice.without_surplus(lattice.closure(before, size), size);
       ASSERT_TRUE(lattice.of(mesh) == expected)
@@ -257,6 +288,249 @@ TEST_F(ResolveAfter, AnyHistoryLeavesNoMoreThanIsNeeded) {
     ASSERT_TRUE(lattice.of(mesh) == lattice.least(graded)) << "seed " << seed;
     EXPECT_GE(mesh_revision, revision);
     delete_mesh();
+  }
+}
+
+/// Every node in list order, to the last bit.
+std::vector<std::string> describe(const Mesh& mesh) {
+  std::vector<std::string> nodes;
+  for (const Cell& c : mesh.nodes()) {
+    std::string text = std::to_string(c.id) + " level " + std::to_string(c.level) + "." +
+                       std::to_string(c.reserve);
+    for (const double value :
+         {c.x, c.y, c.data.empty() ? 0.0 : c.data[0], c.grad_data, c.grad2_data}) {
+      text += " " + std::to_string(std::bit_cast<std::uint64_t>(value));
+    }
+    nodes.push_back(text);
+  }
+  return nodes;
+}
+
+/// Bits of all positions, whatever their order.
+std::set<std::pair<double, double>> places(const Mesh& mesh) {
+  std::set<std::pair<double, double>> all;
+  for (const Cell& c : mesh.nodes()) all.emplace(c.x, c.y);
+  return all;
+}
+
+batch_size_function in_batches(const size_function& size) {
+  return [size](std::span<const Cell* const> nodes, std::span<double> sizes) {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      const Cell& c = *nodes[i];
+      sizes[i] = size(c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
+    }
+  };
+}
+
+// Squares of 0.1 away from the origin: positions are rounded, and still the same bits.
+TEST(Resolve, FollowsAFrontAsIfItHadBegunWithEachFrame) {
+  const Rectangle rectangle{3.0, 3.8, -0.3, 0.5};
+  for (const double slope : {0.1, 0.41}) {
+    Mesh mesh(rectangle, {.nx = 9, .subdiv_max = 9});
+    for (int frame = 0; frame < 50; ++frame) {
+      const scenarios::Ring ring{3.1 + 0.01 * frame, 0.1, 0.25};
+      const size_function size = scenarios::ring_spacing(ring, slope, 0.006, 0.15);
+      mesh.resolve(size);
+      Mesh from_scratch(rectangle, {.nx = 9, .subdiv_max = 9});
+      from_scratch.resolve(size);
+      ASSERT_TRUE(places(mesh) == places(from_scratch)) << "slope " << slope << ", " << frame;
+      ASSERT_TRUE(is_in_order(mesh));
+    }
+  }
+}
+
+TEST(Resolve, GivesExactLevelsAndDeepOnesInOneCall) {
+  for (int level = 0; level <= 12; ++level) {
+    Mesh mesh({0.0, 0.3, 0.0, 0.3}, {.nx = 4, .subdiv_max = 12});  // squares of 0.1, rounded
+    mesh.resolve(scenarios::even_spacing(0.1 * std::exp2(-0.5 * level)));
+    for (const Cell& c : mesh.nodes()) ASSERT_EQ(c.level, level);
+  }
+  Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 30});
+  const double x = 0.25 + std::ldexp(5, -14), y = std::ldexp(3, -13);
+  const size_function size = near_point(x, y, 1.0, std::ldexp(1.0, -18));
+  mesh.resolve(size);
+  const Lattice lattice(mesh);
+  EXPECT_TRUE(lattice.of(mesh) == lattice.least(size));
+  EXPECT_TRUE(is_in_order(mesh));
+  const bool reached = std::any_of(mesh.nodes().begin(), mesh.nodes().end(),
+                                   [](const Cell& c) { return c.level >= 30; });
+  EXPECT_TRUE(reached);
+  mesh.resolve(scenarios::even_spacing(1.0));
+  EXPECT_EQ(mesh.size(), 25);
+}
+
+TEST(Resolve, KeepsNodesWithinTheMargin) {
+  scenarios::Random random{7};
+  for (int run = 0; run < 2 * nb_kinds_of_size; ++run) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 8});
+    const Lattice lattice(mesh);
+    const double margin = 0.3 + 1.5 * random.uniform();
+    for (int i = 0; i < 3; ++i) {
+      const size_function size = size_of_kind(run % nb_kinds_of_size, mesh, random);
+      const Positions before = lattice.of(mesh);
+      mesh.resolve(size, {.margin = margin});
+      ASSERT_TRUE(lattice.of(mesh) ==
+                  lattice.without_surplus(lattice.closure(before, size), size, margin));
+      // Nothing that is wanted goes while wants fall by less than the margin. What is left from
+      // before may.
+      if (i > 0) continue;
+      const std::uint64_t revision = mesh.revision();
+      const double growth = std::exp2(0.5 * margin * 0.99);
+      mesh.resolve([&](double x, double y, auto... rest) { return growth * size(x, y, rest...); },
+                   {.margin = margin});
+      mesh.resolve(size, {.margin = margin});
+      EXPECT_EQ(mesh.revision(), revision);
+    }
+  }
+}
+
+TEST(Resolve, GradesSizesOverTheMesh) {
+  scenarios::Random random{9};
+  for (int run = 0; run < 4 * nb_kinds_of_size; ++run) {
+    const Domain& domain = domains[run % std::size(domains)];
+    const Grid grid{.nx = domain.nx, .subdiv_max = 8};
+    Mesh mesh(domain.rectangle, grid), other(domain.rectangle, grid);
+    const Lattice lattice(mesh);
+    const size_function size = size_of_kind(run % nb_kinds_of_size, mesh, random);
+    const double slope = 0.1 + 0.3 * random.uniform();
+    mesh.resolve(size, {.slope = slope});
+    const Positions expected = lattice.least_graded(size, slope);
+    ASSERT_TRUE(lattice.of(mesh) == expected)
+        << difference(lattice.of(mesh), expected) << "\nrun " << run;
+    ASSERT_TRUE(is_in_order(mesh));
+    const std::uint64_t revision = mesh.revision();
+    mesh.resolve(size, {.slope = slope});
+    EXPECT_EQ(mesh.revision(), revision) << "run " << run;
+    // A mesh that was finer everywhere comes to rest in one call, too.
+    other.resolve(scenarios::even_spacing(other.dist_0() / 8));
+    other.resolve(size, {.slope = slope});
+    ASSERT_TRUE(is_in_order(other));
+    const std::uint64_t at_rest = other.revision();
+    other.resolve(size, {.slope = slope});
+    EXPECT_EQ(other.revision(), at_rest) << "run " << run;
+  }
+}
+
+TEST(Resolve, LeavesNodesThatWantNothingAsTheyAre) {
+  constexpr double no_number = std::numeric_limits<double>::quiet_NaN();
+  Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 8});
+  mesh.resolve(near_point(0.3, 0.4, 0.4, 0.02));
+  const std::vector<std::string> before = describe(mesh);
+  for (const double nothing : {no_number, -1.0, -std::numeric_limits<double>::infinity()}) {
+    for (const double slope : {0.0, 0.5}) {
+      mesh.resolve(scenarios::even_spacing(nothing), {.slope = slope});
+      ASSERT_EQ(describe(mesh), before) << nothing << ", slope " << slope;
+    }
+  }
+  mesh.resolve_batched([](std::span<const Cell* const>, std::span<double>) {});
+  EXPECT_EQ(describe(mesh), before);
+  mesh.resolve(scenarios::even_spacing(-0.0));  // the finest
+  for (const Cell& c : mesh.nodes()) ASSERT_EQ(c.level, 8);
+}
+
+TEST(Resolve, EndsWhereItNeedsMoreNodesThanItMayHave) {
+  const size_function size = near_point(0.5, 0.5, 0.3, 1e-4);
+  for (const double slope : {0.0, 0.2}) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 20});
+    try {
+      mesh.resolve(size, {.most_nodes = 777, .slope = slope});
+      FAIL() << "no error";
+    } catch (const Error& error) {
+      EXPECT_NE(std::string(error.what()).find("more than 777 nodes"), std::string::npos);
+    }
+    EXPECT_EQ(mesh.size(), 777);
+    EXPECT_EQ(mesh.statistics().inserted, 777 - 25);
+    EXPECT_TRUE(is_in_order(mesh));
+    mesh.resolve(size);
+    const std::int64_t needed = mesh.size();
+    mesh.resolve(size, {.most_nodes = needed});
+    EXPECT_EQ(mesh.size(), needed);
+  }
+  Mesh mesh({0, 1, 0, 1}, {.nx = 3});
+  for (const Resolution& bad : {Resolution{.margin = -1.0}, Resolution{.most_nodes = -1},
+                                Resolution{.slope = std::nan("")}}) {
+    EXPECT_THROW(mesh.resolve(size, bad), Error);
+  }
+  EXPECT_THROW(mesh.resolve(size_function{}), Error);
+}
+
+/// All forms of one adaptation, with data that come from a procedure or are interpolated.
+class Forms : public MeshTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(Forms, AreTheSameToTheLastBit) {
+  const bool with_init = GetParam();
+  const auto wave = [](double x, double y) { return std::tanh(9.0 * (x - y * y)); };
+  const size_function by_data = [](double, double, std::span<const double> data, double gradient,
+                                   double hessian) {
+    return 0.6 / (0.3 + gradient + 0.05 * hessian + std::abs(data[0]));
+  };
+  for (const Resolution& resolution : {Resolution{}, Resolution{.margin = 0.5, .slope = 0.7}}) {
+    Mesh one_by_one({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 8, .n_cell_data = 1});
+    Mesh batched({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 8, .n_cell_data = 1});
+    n_cell_data = 1;
+    next_id = 1;
+    make_grid(5, 5, 8);
+    for (Mesh* mesh : {&one_by_one, &batched, &default_mesh()}) {
+      for (Cell& c : mesh->nodes()) c.data[0] = wave(c.x, c.y);
+    }
+    for (int i = 0; i < 5; ++i) {
+      if (with_init) {
+        one_by_one.resolve(by_data, wave, resolution);
+        batched.resolve_batched(in_batches(by_data), wave, resolution);
+        i % 2 == 0 ? resolve_mesh_init(by_data, wave, resolution)
+                   : resolve_mesh_init_batched(in_batches(by_data), wave, resolution);
+      } else {
+        one_by_one.resolve(by_data, resolution);
+        batched.resolve_batched(in_batches(by_data), resolution);
+        i % 2 == 0 ? resolve_mesh_no_init(by_data, resolution)
+                   : resolve_mesh_no_init_batched(in_batches(by_data), resolution);
+      }
+      ASSERT_EQ(describe(one_by_one), describe(batched)) << "call " << i;
+      ASSERT_EQ(describe(one_by_one), describe(default_mesh())) << "call " << i;
+      const UpdateStatistics a = one_by_one.statistics(), b = batched.statistics();
+      EXPECT_EQ(std::tuple(a.visited, a.inserted, a.removed, a.refused),
+                std::tuple(b.visited, b.inserted, b.removed, b.refused));
+      ASSERT_TRUE(is_in_order(one_by_one));
+      // Data of nodes that move on with the front are current.
+      for (const Cell& c : one_by_one.nodes()) {
+        if (with_init) ASSERT_EQ(c.data[0], wave(c.x, c.y));
+      }
+    }
+    EXPECT_GT(one_by_one.size(), 100);
+    delete_mesh();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Resolve, Forms, testing::Bool());
+
+TEST(Resolve, LeavesTheMeshWholeWhereACallbackThrows) {
+  const auto size_at = [](int frame) { return near_point(0.1 + 0.2 * frame, 0.3, 0.4, 0.01); };
+  const Lattice lattice(Mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 9}));
+  for (int thrower = 0; thrower < 60; ++thrower) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 9, .n_cell_data = 1, .bc_type = {}});
+    mesh.resolve(size_at(0));
+    const int fails_at = 37 * thrower + 1;
+    int nb_calls = 0;
+    const auto count = [&] {
+      if (++nb_calls == fails_at) throw std::runtime_error("no size");
+    };
+    const auto counted = [&](double x, double y, auto... rest) {
+      count();
+      return size_at(1)(x, y, rest...);
+    };
+    const auto init = [&](double x, double y) {
+      count();
+      return x * y;
+    };
+    try {
+      mesh.resolve(counted, init, {.slope = thrower % 3 == 2 ? 0.4 : 0.0});
+    } catch (const std::runtime_error&) {
+      EXPECT_EQ(nb_calls, fails_at);
+    }
+    ASSERT_TRUE(is_in_order(mesh)) << "call " << fails_at;
+    mesh.resolve(size_at(2));
+    ASSERT_TRUE(lattice.of(mesh) == lattice.least(size_at(2))) << "call " << fails_at;
+    ASSERT_TRUE(is_in_order(mesh));
   }
 }
 
