@@ -88,6 +88,7 @@ class Resolver {
     const auto ask = [&](const Cell& c) {
       return size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
     };
+    begin();
     if (slope_ > 0.0) {
       resolve_graded([&](std::span<Cell* const> nodes, std::span<double> sizes) {
         for (std::size_t i = 0; i < nodes.size(); ++i) sizes[i] = ask(*nodes[i]);
@@ -100,34 +101,61 @@ class Resolver {
     };
     Walk walk = Walk::to_refine(state_.history);
     // Those that come while the walk goes on are asked after it.
-    const std::vector<Handle> first = state_.level_beg;
-    for (const Handle& stretch : first) {
+    for (const Handle& stretch : heads_) {
       for (Cell& c : walk(stretch.next)) walk.changes_mesh_here(settle(c, asked(c)));
     }
-    for (std::size_t i = 0; i < nodes_.size(); ++i) settle(*nodes_[i], asked(*nodes_[i]));
+    for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      prefetch_newcomer(i);
+      settle(*nodes_[i], asked(*nodes_[i]));
+    }
     release_surplus();
   }
 
   void resolve(const batch_size_function& size_fun) {
+    begin();
     if (slope_ > 0.0) {
       resolve_graded(size_fun);
       return;
     }
     list_nodes();
-    for (std::size_t begin = 0; begin < nodes_.size();) {
-      const std::span<const double> sizes = sizes_from(begin, size_fun);
-      for (const double size : sizes) settle(*nodes_[begin++], size);
+    for (std::size_t next = 0; next < nodes_.size();) {
+      const std::span<const double> sizes = sizes_from(next, size_fun);
+      for (const double size : sizes) {
+        prefetch_newcomer(next);
+        settle(*nodes_[next++], size);
+      }
     }
     release_surplus();
   }
 
  private:
+  void begin() {
+    try {
+      heads_ = state_.level_beg;
+      for (const Handle& head : heads_) {
+        head_entries_.push_back(head.next == nullptr ? 0 : TraversalHistory::entry_of(head.next));
+      }
+    } catch (const std::bad_alloc&) {
+      allocation_failed(state_.handlers, state_.level_beg.size() * sizeof(Handle));
+    }
+  }
+
+  /// A few nodes before it is asked.
+  void prefetch_newcomer(std::size_t i) const {
+    constexpr std::size_t ahead = 8;
+    if (i + ahead >= nodes_.size()) return;
+    const auto* c = reinterpret_cast<const std::byte*>(nodes_[i + ahead]);
+    prefetch(c);
+    prefetch(c + cache_line);
+  }
+
   void list_nodes() {
     nodes_.clear();
     Walk walk = Walk::to_refine(state_.history);
     for (const Handle& stretch : state_.level_beg) {
       for (Cell& c : walk(stretch.next)) push_node(state_, nodes_, &c);
     }
+    nb_listed_ = nodes_.size();
   }
 
   /// Sizes of the nodes from this number on.
@@ -195,11 +223,15 @@ class Resolver {
   }
 
   void release_surplus() {
-    if (was_in_order_) {
-      release_around_fallen();
-    } else {
+    // Where much has changed, a walk through all nodes is faster.
+    constexpr std::size_t few = 16;  // one in so many
+    if (!was_in_order_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
       release_everywhere();
+      return;
     }
+    release_around_fallen();
+    const std::span<Cell* const> come = std::span(nodes_).subspan(nb_listed_);
+    if (!come.empty() || !gone_.empty()) state_.history.follow(head_entries_, come, gone_);
   }
 
   /// Stretches downwards. Returns whether a node went.
@@ -223,19 +255,20 @@ class Resolver {
 
   /// Where wants have fallen, and on from there. All others are needed as before.
   void release_around_fallen() {
-    nodes_.clear();
-    for (const Cell* p : fallen_) {
+    for (std::size_t i = 0; i < fallen_.size(); ++i) {
+      const Cell& p = *fallen_[i];
       for (int d = 0; d < nb_directions; ++d) {
-        Cell* linked = link(*p, d).cell();
-        if (linked != nullptr && linked->ipos > p->ipos) await_removal(*linked);
+        Cell* linked = link(p, d).cell();
+        if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
       }
     }
-    for (std::size_t i = 0; i < nodes_.size(); ++i) {
-      Cell& c = *nodes_[i];
+    for (std::size_t i = 0; i < surplus_.size(); ++i) {
+      Cell& c = *surplus_[i];
       std::array<Cell*, 4> parents{};
       for (int d = c.ipos % 2; d < nb_directions; d += 2) {
         parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();
       }
+      note_gone(c);
       remove(state_, c);
       for (Cell* parent : parents) {
         if (parent != nullptr) await_removal(*parent);
@@ -244,14 +277,24 @@ class Resolver {
   }
   void await_removal(Cell& c) {
     if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
-    push_node(state_, nodes_, &c);
+    push_node(state_, surplus_, &c);
     c.wanted_level |= is_waiting;
+  }
+  void note_gone(const Cell& c) {
+    try {
+      gone_.push_back(TraversalHistory::entry_of(&c));
+    } catch (const std::bad_alloc&) {
+      state_.history.forget();  // the walks are slower without it, that is all
+    }
   }
 
   State& state_;
   WantedLevels wants_;
-  std::vector<Cell*> nodes_;  ///< to ask, and later: to remove
-  std::vector<Cell*> fallen_;
+  std::vector<Handle> heads_;  ///< of the stretches, at first
+  std::vector<TraversalHistory::Entry> head_entries_, gone_;
+  std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
+  std::size_t nb_listed_ = 0;
+  std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
   RingMaker rings_;
   double slope_;
