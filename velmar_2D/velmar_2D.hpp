@@ -332,8 +332,8 @@ VELMAR_2D_API void insert_node_even_level(const Vertex& v);
 VELMAR_2D_API void remove_node_odd_level(Cell*& c);
 
 /// Removes the midpoint of an edge; `c` is cleared. Declines (and `c` stays) if the node has a
-/// diagonal link. Takes nodes of the first grid too, which leaves a hole in it for good: adaptation
-/// never does that.
+/// diagonal link. Takes nodes of the first grid too, which leaves a hole in it: adaptation never
+/// does that, and only resolve_mesh_*() fills it.
 VELMAR_2D_API void remove_node_even_level(Cell*& c);
 
 /// Cuts the node list into one list per stretch. Ends the process if there is no mesh.

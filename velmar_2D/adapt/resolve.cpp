@@ -224,7 +224,7 @@ class Resolver {
 
   void release_surplus() {
     // Where much has changed, a walk through all nodes is faster.
-    constexpr std::size_t few = 16;  // one in so many
+    constexpr std::size_t few = 12;  // one in so many
     if (!was_in_order_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
       release_everywhere();
       return;
@@ -302,7 +302,8 @@ class Resolver {
 };
 
 template <typename SizeFunction>
-void resolve(State& state, const SizeFunction& size_fun, const Resolution& resolution) {
+void resolve(State& state, const SizeFunction& size_fun, const Resolution& resolution,
+             bool with_derivatives) {
   CountAtEnd count_at_end(state);
   const JoinAtEnd join_at_end(state);
   split_sublists(state);
@@ -310,18 +311,23 @@ void resolve(State& state, const SizeFunction& size_fun, const Resolution& resol
   if (!resolver.was_in_order() && restore_rings(state, resolution.most_nodes)) {
     count_at_end.links_changed();
   }
+  if (with_derivatives) {
+    compute_data_at_all_nodes(state, 1);  // joins the list
+    split_sublists(state);
+  }
   resolver.resolve(size_fun);
   state.resolved_revision = state.mesh_revision;
 }
 
 }  // namespace
 
-void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution) {
-  resolve(state, size_fun, resolution);
+void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
+                       bool with_derivatives) {
+  resolve(state, size_fun, resolution, with_derivatives);
 }
 void resolve_mesh_body(State& state, const batch_size_function& size_fun,
-                       const Resolution& resolution) {
-  resolve(state, size_fun, resolution);
+                       const Resolution& resolution, bool with_derivatives) {
+  resolve(state, size_fun, resolution, with_derivatives);
 }
 
 }  // namespace velmar_2d::detail

@@ -198,13 +198,16 @@ class Restorer {
   }
 
   /// The nearest member of a ring in this direction, unless it is cut off; and the link's level.
+  /// Links along a side have half a face, whether they are there or are to come.
   std::pair<Cell*, std::int32_t> linked(const Lattice::Entry& entry, int d) const {
+    const bool along_side = d % 2 == 0 && (lattice_.is_on_side(entry.at, (d + 2) & 7) ||
+                                           lattice_.is_on_side(entry.at, (d + 6) & 7));
     std::int32_t level = entry.ipos % 2 == d % 2 ? entry.ipos : entry.ipos + 1;
-    if (!has_member(entry.at, d, level)) return {nullptr, 2};
+    if (!has_member(entry.at, d, level)) return {nullptr, along_side ? 1 : 2};
     while (has_member(entry.at, d, level + 2)) level += 2;
     const int closed =
         (is_closed(entry.at, d - 1, level) ? 1 : 0) + (is_closed(entry.at, d + 1, level) ? 1 : 0);
-    if (closed == 2) return {nullptr, 2};
+    if (closed == 2) return {nullptr, along_side ? 1 : 2};
     const LatticePoint there = lattice_.neighbour(entry.at, d, level);
     return {lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell, 2 - closed};
   }
@@ -219,9 +222,9 @@ class Restorer {
         continue;  // the record of a side, or of none
       }
       auto [cell, link_level_there] = linked(entry, d);
-      if (level == 0 && d % 2 == 0) link_level_there = 1;  // as the grid was made
-      if (link(c, d) == NeighbourLink(cell) &&
-          (cell == nullptr || link_level(c, d) == link_level_there)) {
+      // As the grid was made.
+      if (level == 0 && d % 2 == 0 && cell != nullptr) link_level_there = 1;
+      if (link(c, d) == NeighbourLink(cell) && link_level(c, d) == link_level_there) {
         continue;
       }
       changed = changed || link(c, d) != NeighbourLink(cell);
@@ -239,16 +242,12 @@ class Restorer {
     return changed;
   }
 
-  /// First data values of nodes that were made, and derivatives. Parents come first.
+  /// First data values of nodes that were made. Parents come first.
   void set_values() {
     if (state_.n_cell_data <= 0) return;
     for (const Missing& m : missing_) {
       const Lattice::Entry& entry = lattice_.entries()[m.entry];
       entry.cell->data[0] = state_.data_interpolation ? interpolated(entry) : m.first_value;
-    }
-    Workspace work;
-    for (const Missing& m : missing_) {
-      compute_data_at_node(state_, work, lattice_.entries()[m.entry].cell);
     }
   }
 

@@ -28,7 +28,6 @@ void begin_with_init(State& state, std::string_view operation, bool has_size_fun
   }
   state.data_interpolation = false;
   state.init_data_ptr = std::move(init_data);
-  compute_data_at_all_nodes(state, 1);
 }
 
 /// Data of new nodes are interpolated.
@@ -36,7 +35,6 @@ void begin_with_interpolation(State& state, std::string_view operation, bool has
   begin_update(state, operation, has_size_fun);
   state.data_interpolation = true;
   state.init_data_ptr = nullptr;
-  if (state.n_cell_data > 0) compute_data_at_all_nodes(state, 1);
 }
 
 void check_resolution(const State& state, const Resolution& resolution) {
@@ -52,12 +50,14 @@ void check_resolution(const State& state, const Resolution& resolution) {
 template <typename SizeFunction>
 void update_with_init(State& state, const SizeFunction& size_fun, init_data_function& init_data) {
   begin_with_init(state, "update_mesh", static_cast<bool>(size_fun), init_data);
+  compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }
 
 template <typename SizeFunction>
 void update_with_interpolation(State& state, const SizeFunction& size_fun) {
   begin_with_interpolation(state, "update_mesh", static_cast<bool>(size_fun));
+  if (state.n_cell_data > 0) compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }
 
@@ -66,7 +66,7 @@ void resolve_with_init(State& state, const SizeFunction& size_fun, init_data_fun
                        const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_init(state, "resolve_mesh", static_cast<bool>(size_fun), init_data);
-  resolve_mesh_body(state, size_fun, resolution);
+  resolve_mesh_body(state, size_fun, resolution, true);
 }
 
 template <typename SizeFunction>
@@ -74,7 +74,7 @@ void resolve_with_interpolation(State& state, const SizeFunction& size_fun,
                                 const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_interpolation(state, "resolve_mesh", static_cast<bool>(size_fun));
-  resolve_mesh_body(state, size_fun, resolution);
+  resolve_mesh_body(state, size_fun, resolution, state.n_cell_data > 0);
 }
 
 }  // namespace

@@ -30,10 +30,12 @@ void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
 void update_mesh_body(State& state, const size_function& size_fun);
 void update_mesh_body(State& state, const batch_size_function& size_fun);
 
-/// The least mesh that does what is asked (resolve.cpp).
-void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution);
+/// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
+/// computed once the mesh is in order: broken ones have nodes that have none.
+void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
+                       bool with_derivatives);
 void resolve_mesh_body(State& state, const batch_size_function& size_fun,
-                       const Resolution& resolution);
+                       const Resolution& resolution, bool with_derivatives);
 
 /// Every node that came or went is one step of mesh_revision: with the change of their number that
 /// gives both counts, also where the update is left by an exception.
