@@ -59,7 +59,7 @@ struct Grid {
                                  ///< squares
   std::int32_t subdiv_max = 10;  ///< the limit: highest level that a node may have
   std::int32_t n_cell_data = 0;  ///< data values per node
-  bc_type_function bc_type;      ///< kinds of the sides; empty: Dirichlet everywhere
+  bc_type_function bc_type{};    ///< kinds of the sides; empty: Dirichlet everywhere
 };
 
 /// The same kind of condition on every side: bc_type_dir, bc_type_neu or bc_type_oth.

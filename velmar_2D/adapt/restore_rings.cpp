@@ -223,7 +223,7 @@ class Restorer {
       }
       auto [cell, link_level_there] = linked(entry, d);
       // As the grid was made.
-      if (level == 0 && d % 2 == 0 && cell != nullptr) link_level_there = 1;
+      if (level == 0 && d % 2 == 0 && cell != nullptr && cell->ipos == 0) link_level_there = 1;
       if (link(c, d) == NeighbourLink(cell) && link_level(c, d) == link_level_there) {
         continue;
       }
