@@ -150,10 +150,12 @@ class Resolver {
   }
 
   void list_nodes() {
-    nodes_.clear();
-    Walk walk = Walk::to_refine(state_.history);
-    for (const Handle& stretch : state_.level_beg) {
-      for (Cell& c : walk(stretch.next)) push_node(state_, nodes_, &c);
+    std::size_t i = static_cast<std::size_t>(state_.nb_nodes);
+    reserve_nodes(state_, nodes_, i);
+    nodes_.resize(i);
+    Walk walk = Walk::to_list(state_.history);
+    for (std::size_t l = state_.level_end.size(); l-- > 0;) {
+      for (Cell& c : walk(state_.level_end[l].next)) nodes_[--i] = &c;
     }
     nb_listed_ = nodes_.size();
   }

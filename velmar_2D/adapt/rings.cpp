@@ -21,8 +21,7 @@ bool points_outside(const Cell& p, int direction) {
 
 }  // namespace
 
-void grow(const State& state, std::vector<Cell*>& nodes) {
-  const std::size_t capacity = std::max<std::size_t>(64, 2 * nodes.size());
+void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity) {
   try {
     nodes.reserve(capacity);
   } catch (const std::bad_alloc&) {

@@ -362,11 +362,11 @@ class RingMaker {
   std::vector<Member> deferred_;  ///< until what they rest on is there; no more than levels
 };
 
-/// Makes room for twice as many nodes.
-void grow(const State& state, std::vector<Cell*>& nodes);
-/// Appends to a list of nodes; ends the update where no memory is left for it.
+/// Makes room in a list of nodes; ends the update where no memory is left for it.
+void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity);
+/// Appends to one, alike.
 inline void push_node(const State& state, std::vector<Cell*>& nodes, Cell* c) {
-  if (nodes.size() == nodes.capacity()) grow(state, nodes);
+  if (nodes.size() == nodes.capacity()) reserve_nodes(state, nodes, 2 * nodes.size() + 64);
   nodes.push_back(c);
 }
 /// Ends the update: the mesh would need more nodes than it may have.
