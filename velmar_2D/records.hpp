@@ -282,11 +282,11 @@ struct Resolution {
   /// Most nodes that the mesh may have; 0: as many as there is memory for. An update that needs
   /// more ends with an error, with as many nodes as it was allowed and a mesh that is whole.
   std::int64_t most_nodes = 0;
-  /// Above 0, the wanted sizes are graded over the mesh: no node wants more than what a parent or
-  /// a child of its wants and `slope` times the way to it. For features so thin, and size
+  /// Above 0, the wanted sizes are graded over the mesh: none is larger than that of a parent
+  /// or a child of the node and `slope` times the way to it. For features so thin, and size
   /// functions so steep, that nodes of a coarse mesh do not see them from one to the next; one that
-  /// no node sees is missed all the same. Costs twice the time of a resolve from the first grid, ten
-  /// times that of one that changes nothing, and 80 to 130 bytes a node while it lasts.
+  /// no node sees is missed all the same. Costs twice the time of a resolve from the first grid,
+  /// ten times that of one that changes nothing, and 80 to 130 bytes a node while it lasts.
   double slope = 0.0;
 };
 
