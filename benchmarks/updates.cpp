@@ -3,6 +3,9 @@
 //   ring    from the first grid until a ring front is resolved (three updates)
 //   steady  one more update, which leaves every position as it is
 //   front   a step of 1/50 of the way of the travelling ring
+//   resolve_ring, resolve_steady, resolve_front    the same three with resolve_mesh_*(), which
+//   needs
+//           one call where the others need three
 //   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it;
 //   also
 //           after 25 steps of the front, and of copies that lie in memory in the order of the list
@@ -70,6 +73,17 @@ void update(double time, std::int64_t nodes) {
   }
 }
 
+void resolve(double time, std::int64_t nodes) {
+  const size_function size = spacing_at(time, nodes);
+  if (n_cell_data == 0) {
+    resolve_mesh_no_init(size);
+  } else {
+    const scenarios::Ring ring = scenarios::travelling_ring(time);
+    resolve_mesh_init(size,
+                      [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); });
+  }
+}
+
 /// Time and nodes of all iterations of a benchmark.
 class Cost {
  public:
@@ -92,40 +106,49 @@ class Cost {
   double seconds_ = 0.0, nodes_ = 0.0;
 };
 
-void make_ring(benchmark::State& state, double time) {
+using Adaptation = void(double time, std::int64_t nodes);
+
+void make_ring(benchmark::State& state, double time, Adaptation* adapt = update) {
   start(state.range(0), static_cast<std::int32_t>(state.range(1)));
-  for (int i = 0; i < 3; ++i) update(time, state.range(0));
+  const int calls = adapt == update ? 3 : 1;
+  for (int i = 0; i < calls; ++i) adapt(time, state.range(0));
 }
 
-void ring(benchmark::State& state) {
+void time_ring(benchmark::State& state, Adaptation* adapt) {
   Cost cost(state);
   for (auto _ : state) {
     const double before = resident_bytes();
-    cost.time([&] { make_ring(state, 0.5); });
+    cost.time([&] { make_ring(state, 0.5, adapt); });
     state.counters["bytes_per_node"] = (resident_bytes() - before) / nb_nodes;
     delete_quietly();
   }
 }
+void ring(benchmark::State& state) { time_ring(state, update); }
+void resolve_ring(benchmark::State& state) { time_ring(state, resolve); }
 
-void steady(benchmark::State& state) {
-  make_ring(state, 0.5);
+void time_steady(benchmark::State& state, Adaptation* adapt) {
+  make_ring(state, 0.5, adapt);
   Cost cost(state);
   for (auto _ : state) {
-    cost.time([&] { update(0.5, state.range(0)); });
+    cost.time([&] { adapt(0.5, state.range(0)); });
   }
   delete_quietly();
 }
+void steady(benchmark::State& state) { time_steady(state, update); }
+void resolve_steady(benchmark::State& state) { time_steady(state, resolve); }
 
-void front(benchmark::State& state) {
-  make_ring(state, 0.0);
+void time_front(benchmark::State& state, Adaptation* adapt) {
+  make_ring(state, 0.0, adapt);
   Cost cost(state);
   int step = 0;
   for (auto _ : state) {
     const double time = std::abs(std::remainder(static_cast<double>(++step) / 50.0, 2.0));
-    cost.time([&] { update(time, state.range(0)); });
+    cost.time([&] { adapt(time, state.range(0)); });
   }
   delete_quietly();
 }
+void front(benchmark::State& state) { time_front(state, update); }
+void resolve_front(benchmark::State& state) { time_front(state, resolve); }
 
 constexpr NeighbourLink Cell::*links[] = {&Cell::n, &Cell::ne, &Cell::e, &Cell::se,
                                           &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
@@ -198,6 +221,25 @@ void sizes(benchmark::internal::Benchmark* b) {
 BENCHMARK(ring)->Apply(sizes);
 BENCHMARK(steady)->Apply(sizes);
 BENCHMARK(front)->Apply(sizes);
+BENCHMARK(resolve_ring)->Apply(sizes);
+BENCHMARK(resolve_steady)->Apply(sizes);
+BENCHMARK(resolve_front)->Apply(sizes);
+
+/// The size function of the ring alone, called for every node in list order.
+void asking(benchmark::State& state) {
+  make_ring(state, 0.5, resolve);
+  const size_function size = spacing_at(0.5, state.range(0));
+  Cost cost(state);
+  for (auto _ : state) {
+    cost.time([&] {
+      for (const Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        benchmark::DoNotOptimize(size(c->x, c->y, {}, 0.0, 0.0));
+      }
+    });
+  }
+  delete_quietly();
+}
+BENCHMARK(asking)->Apply(sizes);
 
 void whole_mesh(benchmark::internal::Benchmark* b, int values) {
   b->ArgsProduct({{10'000, 100'000, 1'000'000}, {values}})->ArgNames({"about", "values"});

@@ -170,6 +170,31 @@ UpdateStatistics Mesh::update_batched(const batch_size_function& sizes,
                  [&] { detail::update_mesh_init(state(), sizes, std::move(init_data)); });
 }
 
+UpdateStatistics Mesh::resolve(const size_function& size, const Resolution& resolution) {
+  return updated(state(), "resolve",
+                 [&] { detail::resolve_mesh_no_init(state(), size, resolution); });
+}
+
+UpdateStatistics Mesh::resolve(const size_function& size, init_data_function init_data,
+                               const Resolution& resolution) {
+  return updated(state(), "resolve", [&] {
+    detail::resolve_mesh_init(state(), size, std::move(init_data), resolution);
+  });
+}
+
+UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
+                                       const Resolution& resolution) {
+  return updated(state(), "resolve_batched",
+                 [&] { detail::resolve_mesh_no_init(state(), sizes, resolution); });
+}
+
+UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
+                                       init_data_function init_data, const Resolution& resolution) {
+  return updated(state(), "resolve_batched", [&] {
+    detail::resolve_mesh_init(state(), sizes, std::move(init_data), resolution);
+  });
+}
+
 const UpdateStatistics& Mesh::statistics() const { return state().update_statistics; }
 
 std::int32_t Mesh::limit() const { return state().level_max; }

@@ -186,6 +186,31 @@ class VELMAR_2D_API Mesh {
   /// nodes at once.
   UpdateStatistics update_batched(const batch_size_function& sizes);
   UpdateStatistics update_batched(const batch_size_function& sizes, init_data_function init_data);
+  /// Adapts the mesh until no node is coarser than `size` wants, with as few nodes as that takes;
+  /// data[0] of new nodes is interpolated.
+  ///
+  /// A node's wanted level is the lowest one with a spacing of at most `size`, to a billionth, and
+  /// not above the limit. Nodes are asked once each, new ones as they come; then nodes that nothing
+  /// needs go. A second call with the same sizes changes nothing, not even revision(). Up to a
+  /// slope of sizes of 0.41 the mesh depends on the size function alone and not on what it was
+  /// before, and up to 1.41 a point where fine spacing is wanted is always found from the grid;
+  /// what lies between nodes and shows at none of them is missed (see Resolution::slope). A size
+  /// that is negative or not a number wants the node's level as it is.
+  /// References to removed nodes are invalid afterwards; all others stay good.
+  /// Throws Error as update() does, and where more than resolution.most_nodes would be needed.
+  /// Cost: linear in the number of nodes; where the mesh was changed by anything else since the
+  /// last call, with a table of about 100 bytes a node while it is put in order.
+  UpdateStatistics resolve(const size_function& size, const Resolution& resolution = {});
+  /// The same; data[0] of new nodes comes from `init_data`, which is forgotten when this returns.
+  UpdateStatistics resolve(const size_function& size, init_data_function init_data,
+                           const Resolution& resolution = {});
+  /// The same, with one call of `sizes` for all nodes, in list order, and one for each generation
+  /// of new nodes, in the order in which they came. The mesh is the same, to the last bit, as with
+  /// a size_function that gives the same spacings. Takes 16 bytes a node while it lasts.
+  UpdateStatistics resolve_batched(const batch_size_function& sizes,
+                                   const Resolution& resolution = {});
+  UpdateStatistics resolve_batched(const batch_size_function& sizes, init_data_function init_data,
+                                   const Resolution& resolution = {});
   /// What the last update did, also where it ended by an exception.
   const UpdateStatistics& statistics() const;
 

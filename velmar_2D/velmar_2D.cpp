@@ -109,6 +109,29 @@ void update_mesh_no_init_batched(const batch_size_function& size_fun) {
   detail::update_mesh_no_init(state(), size_fun);
 }
 
+void resolve_mesh_init(const size_function& size_fun, init_data_function init_data,
+                       const Resolution& resolution) {
+  const detail::MeshChange change(state(), "resolve_mesh_init");
+  detail::resolve_mesh_init(state(), size_fun, std::move(init_data), resolution);
+}
+
+void resolve_mesh_no_init(const size_function& size_fun, const Resolution& resolution) {
+  const detail::MeshChange change(state(), "resolve_mesh_no_init");
+  detail::resolve_mesh_no_init(state(), size_fun, resolution);
+}
+
+void resolve_mesh_init_batched(const batch_size_function& size_fun, init_data_function init_data,
+                               const Resolution& resolution) {
+  const detail::MeshChange change(state(), "resolve_mesh_init_batched");
+  detail::resolve_mesh_init(state(), size_fun, std::move(init_data), resolution);
+}
+
+void resolve_mesh_no_init_batched(const batch_size_function& size_fun,
+                                  const Resolution& resolution) {
+  const detail::MeshChange change(state(), "resolve_mesh_no_init_batched");
+  detail::resolve_mesh_no_init(state(), size_fun, resolution);
+}
+
 void set_subdiv_max(std::int32_t subdiv_max) {
   const detail::MeshChange change(state(), "set_subdiv_max");
   detail::set_subdiv_max(state(), subdiv_max);

@@ -147,6 +147,41 @@ VELMAR_2D_API void update_mesh_init_batched(const batch_size_function& size_fun,
 /// As update_mesh_no_init(), asking for the wanted spacings as update_mesh_init_batched() does.
 VELMAR_2D_API void update_mesh_no_init_batched(const batch_size_function& size_fun);
 
+/// Adapts the mesh until no node is coarser than size_fun wants, with as few nodes as that takes;
+/// data of new nodes come from init_data.
+///
+/// First the derivatives of data[0] are computed at every node. A node's wanted level is the lowest
+/// one with a spacing of at most its size, to a billionth, and not above the limit. Nodes are asked
+/// once each, new ones as they come; then nodes that nothing needs go. A second call with the same
+/// sizes changes nothing, not even mesh_revision. Up to a slope of sizes of 0.41 the mesh depends
+/// on the size function alone and not on what it was before, and up to 1.41 a point where fine
+/// spacing is wanted is always found from the grid; what lies between nodes and shows at none of
+/// them is missed (see Resolution::slope). A size that is negative or not a number wants the node's
+/// level as it is.
+/// References to removed nodes are invalid afterwards; all others stay good.
+/// Ends the process if there is no mesh, a callback that is needed is empty, or more than
+/// resolution.most_nodes nodes would be needed.
+/// Cost: linear in the number of nodes; where the mesh was changed by anything else since the last
+/// call, with a table of about 100 bytes a node while it is put in order.
+VELMAR_2D_API void resolve_mesh_init(const size_function& size_fun, init_data_function init_data,
+                                     const Resolution& resolution = {});
+
+/// As resolve_mesh_init(), but data[0] of new nodes is interpolated from their neighbours, and
+/// derivatives are computed only where n_cell_data is above 0.
+VELMAR_2D_API void resolve_mesh_no_init(const size_function& size_fun,
+                                        const Resolution& resolution = {});
+
+/// As resolve_mesh_init(), with one call of size_fun for all nodes, in list order, and one for each
+/// generation of new nodes, in the order in which they came. The mesh is the same, to the last bit,
+/// as with a size_function that gives the same spacings. Takes 16 bytes a node while it lasts.
+VELMAR_2D_API void resolve_mesh_init_batched(const batch_size_function& size_fun,
+                                             init_data_function init_data,
+                                             const Resolution& resolution = {});
+
+/// As resolve_mesh_no_init(), asking for the wanted spacings as resolve_mesh_init_batched() does.
+VELMAR_2D_API void resolve_mesh_no_init_batched(const batch_size_function& size_fun,
+                                                const Resolution& resolution = {});
+
 /// Changes the subdivision limit. Lowering it removes every node that lies above it; the nodes that
 /// remain are coarsened around. Raising it changes no node.
 ///
@@ -297,8 +332,8 @@ VELMAR_2D_API void insert_node_even_level(const Vertex& v);
 VELMAR_2D_API void remove_node_odd_level(Cell*& c);
 
 /// Removes the midpoint of an edge; `c` is cleared. Declines (and `c` stays) if the node has a
-/// diagonal link. Takes nodes of the first grid too, which leaves a hole in it for good: adaptation
-/// never does that.
+/// diagonal link. Takes nodes of the first grid too, which leaves a hole in it: adaptation never
+/// does that, and only resolve_mesh_*() fills it.
 VELMAR_2D_API void remove_node_even_level(Cell*& c);
 
 /// Cuts the node list into one list per stretch. Ends the process if there is no mesh.

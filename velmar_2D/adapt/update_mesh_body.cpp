@@ -133,27 +133,6 @@ void coarsen(State& state, Sizes& sizes) {
   state.history.end_recording();
 }
 
-/// Every node that came or went is one step of mesh_revision: with the change of their number that
-/// gives both counts, also where the update is left by an exception.
-class CountAtEnd {
- public:
-  explicit CountAtEnd(State& state)
-      : state_(state), revision_before_(state.mesh_revision), nb_nodes_before_(state.nb_nodes) {}
-  CountAtEnd(const CountAtEnd&) = delete;
-  CountAtEnd& operator=(const CountAtEnd&) = delete;
-  ~CountAtEnd() {
-    const auto changes = static_cast<std::int64_t>(state_.mesh_revision - revision_before_);
-    const std::int64_t growth = std::int64_t{state_.nb_nodes} - nb_nodes_before_;
-    state_.update_statistics.inserted = (changes + growth) / 2;
-    state_.update_statistics.removed = (changes - growth) / 2;
-  }
-
- private:
-  State& state_;
-  std::uint64_t revision_before_;
-  std::int32_t nb_nodes_before_;
-};
-
 template <typename Sizes, typename SizeFunction>
 void adapt(State& state, const SizeFunction& size_fun) {
   const CountAtEnd count_at_end(state);

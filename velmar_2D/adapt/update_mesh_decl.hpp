@@ -16,10 +16,53 @@ void update_mesh_init(State& state, const batch_size_function& size_fun,
 void update_mesh_no_init(State& state, const size_function& size_fun);
 void update_mesh_no_init(State& state, const batch_size_function& size_fun);
 
+void resolve_mesh_init(State& state, const size_function& size_fun, init_data_function init_data,
+                       const Resolution& resolution);
+void resolve_mesh_init(State& state, const batch_size_function& size_fun,
+                       init_data_function init_data, const Resolution& resolution);
+void resolve_mesh_no_init(State& state, const size_function& size_fun,
+                          const Resolution& resolution);
+void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
+                          const Resolution& resolution);
+
 /// One refinement pass upwards and one coarsening pass downwards, on the split list
 /// (update_mesh_body.cpp).
 void update_mesh_body(State& state, const size_function& size_fun);
 void update_mesh_body(State& state, const batch_size_function& size_fun);
+
+/// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
+/// computed once the mesh is in order: broken ones have nodes that have none.
+void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
+                       bool with_derivatives);
+void resolve_mesh_body(State& state, const batch_size_function& size_fun,
+                       const Resolution& resolution, bool with_derivatives);
+
+/// Every node that came or went is one step of mesh_revision: with the change of their number that
+/// gives both counts, also where the update is left by an exception.
+class CountAtEnd {
+ public:
+  explicit CountAtEnd(State& state)
+      : state_(state), revision_before_(state.mesh_revision), nb_nodes_before_(state.nb_nodes) {}
+  CountAtEnd(const CountAtEnd&) = delete;
+  CountAtEnd& operator=(const CountAtEnd&) = delete;
+  ~CountAtEnd() {
+    const auto changes = static_cast<std::int64_t>(state_.mesh_revision - revision_before_);
+    const std::int64_t growth = std::int64_t{state_.nb_nodes} - nb_nodes_before_;
+    state_.update_statistics.inserted = (changes + growth) / 2;
+    state_.update_statistics.removed = (changes - growth) / 2;
+  }
+
+  /// Links or levels changed where no node came or went.
+  void links_changed() {
+    ++state_.mesh_revision;
+    ++revision_before_;
+  }
+
+ private:
+  State& state_;
+  std::uint64_t revision_before_;
+  std::int32_t nb_nodes_before_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Wanted levels (wanted_level.cpp): the spacing dist_0 / ratio is that of level 2 log2(ratio), a
@@ -33,6 +76,12 @@ bool is_too_fine(double ratio, std::int32_t level);
 /// The same, mostly without a logarithm (wanted_level_thresholds.cpp).
 bool is_too_coarse_by_threshold(double ratio, std::int32_t level);
 bool is_too_fine_by_threshold(double ratio, std::int32_t level);
+
+/// No update asks for more: nodes above cannot be told apart.
+inline constexpr std::int32_t highest_wanted_level = 62;
+/// The lowest level with a spacing of at most dist_0 / ratio. Ratios within a billionth of a
+/// level's own give that level, so that rounding does not decide.
+std::int32_t level_wanted_by(double ratio);
 
 // ---------------------------------------------------------------------------------------------
 // How levels rise and fall (update_level.cpp, downdate_level.cpp)
@@ -262,6 +311,148 @@ inline void announce_to(Cell* parent, const Cell& c) {
 // First data value of a new node (interpolation.cpp)
 void interp_3pts(const Cell* c1, const Cell* c2, const Cell* c3, Cell* c);
 void interp_4pts(const Cell* c1, const Cell* c2, const Cell* c3, const Cell* c4, Cell* c);
+
+// ---------------------------------------------------------------------------------------------
+// Rings (rings.cpp, restore_rings.cpp)
+//
+// Ring l of a node p are the positions at the distance of level l from it, as far as they lie in
+// the rectangle: diagonally for odd l, straight for even l. For l = ipos they are what p rests on,
+// its parents; those for l > ipos rest on p, and each of them is the centre of a figure:
+//
+//      left --- far            left                  p's next neighbours in the ring below are
+//        |       |            /    \                 left and right, far is one of the ring below
+//        |   +   |           p   +  far              that; on a side, left, right or far may be
+//        |       |            \    /                 missing
+//        p --- right           right
+//
+// The mesh is in order where every node has its parents and `level` is the last ring that is
+// complete. Then a nearer ring rests on a farther one, and links tell which members there are.
+// ---------------------------------------------------------------------------------------------
+
+/// Makes members of rings. Needs: a mesh in order, and keeps it so.
+class RingMaker {
+ public:
+  /// @param newcomers   receives the nodes that are made
+  /// @param most_nodes  of the mesh; 0: no matter
+  RingMaker(State& state, std::vector<Cell*>& newcomers, std::int64_t most_nodes)
+      : state_(state), newcomers_(newcomers), most_nodes_(most_nodes) {}
+
+  /// Completes the rings around p up to this level, and around others what those rest on.
+  void raise(Cell& p, std::int32_t level);
+
+ private:
+  struct Member {
+    Cell* of;
+    int direction;
+    std::int32_t level;
+  };
+
+  static bool is_missing(const Cell& p, int direction, std::int32_t level);
+  bool make(Cell& p, int direction, std::int32_t level);
+  bool make_or_defer(const Member& member);
+  void insert(const Member& member, Cell* left, Cell* far, Cell* right);
+
+  State& state_;
+  std::vector<Cell*>& newcomers_;
+  std::int64_t most_nodes_;
+  std::vector<Member> deferred_;  ///< until what they rest on is there; no more than levels
+};
+
+/// Makes room in a list of nodes; ends the update where no memory is left for it.
+void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity);
+/// Appends to one, alike.
+inline void push_node(const State& state, std::vector<Cell*>& nodes, Cell* c) {
+  if (nodes.size() == nodes.capacity()) reserve_nodes(state, nodes, 2 * nodes.size() + 64);
+  nodes.push_back(c);
+}
+/// Ends the update: the mesh would need more nodes than it may have.
+[[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
+
+/// A position in units of the finest spacing, from the lower left corner.
+struct LatticePoint {
+  std::int64_t x, y;
+  friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
+};
+
+/// The lattice of a mesh, and which of its positions are taken (lattice.cpp). Procedures that take
+/// memory may throw std::bad_alloc.
+class Lattice {
+ public:
+  struct Entry {
+    LatticePoint at;
+    Cell* cell;         ///< none as long as it is to be made, or when it has gone
+    std::int32_t ipos;  ///< as the position tells
+  };
+
+  Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes);
+
+  std::vector<Entry>& entries() { return entries_; }
+  const std::vector<Entry>& entries() const { return entries_; }
+  std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
+  /// The upper right corner.
+  LatticePoint last() const { return last_; }
+  /// The member of a ring that lies in this direction.
+  LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
+  bool contains(LatticePoint p) const;
+  bool is_on_side(LatticePoint p, int straight_direction) const;
+  std::int32_t ipos(LatticePoint p) const;
+  /// False where a node lies off the lattice.
+  bool find_place(const Cell& c, LatticePoint& p) const;
+  /// Number of the entry, -1 where there is none.
+  std::int32_t find(LatticePoint p) const { return slots_[slot_of(p)]; }
+  bool holds(LatticePoint p) const { return contains(p) && find(p) >= 0; }
+  /// Number of the new entry, -1 where there was one.
+  std::int32_t add(const Entry& entry);
+
+ private:
+  std::int32_t halvings_of(std::int64_t offset) const;
+  std::size_t slot_of(LatticePoint p) const;
+
+  const Domain& domain_;
+  std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
+  LatticePoint last_;
+  std::vector<Entry> entries_;
+  std::vector<std::int32_t> slots_;
+};
+
+/// The wanted sizes of all nodes, graded over the mesh (graded_sizes.cpp). Nodes have the numbers
+/// in which they are added, parents first.
+class GradedSizes {
+ public:
+  GradedSizes(const State& state, double slope);
+
+  std::size_t size() const { return nodes_.size(); }
+  /// A size that is negative or not a number is none.
+  void add(Cell& c, double size);
+  /// Needs: no node rests on this one.
+  void remove(const Cell& c);
+  void grade();
+  /// What is graded next is graded from the nodes' own sizes.
+  void forget_grading();
+  /// The node with a number, which may have gone, and its size.
+  Cell* node(std::size_t i) const { return lattice_.entries()[i].cell; }
+  double at(std::size_t i) const { return nodes_[i].graded; }
+  bool has_own(std::size_t i) const { return nodes_[i].has_own; }
+
+ private:
+  struct Node {
+    double own = 0.0, graded = 0.0;
+    std::array<std::int32_t, 4> parents{-1, -1, -1, -1};  ///< and neighbours on the grid
+    std::int32_t ipos = 0;
+    bool has_own = false;
+  };
+  bool relax(Node& node);
+
+  Lattice lattice_;
+  std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
+  std::vector<Node> nodes_;
+};
+
+/// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
+/// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
+/// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
+/// @return whether links or levels changed
+bool restore_rings(State& state, std::int64_t most_nodes);
 
 // ---------------------------------------------------------------------------------------------
 // Removal and the limit (remove_node_odd_level.cpp, remove_node_even_level.cpp, level_max.cpp)

@@ -221,6 +221,8 @@ struct Domain {
   }
 };
 
+/// Notes that all nodes of level 0 are there, and all others where refinement puts them.
+void set_regular(Domain& domain);
 /// The position index of an offset from the lower left corner.
 std::int32_t true_ipos(const Domain& domain, double x, double y);
 /// Whether true_ipos() tells positions apart without the tolerance that a domain far away needs.

@@ -85,6 +85,13 @@ class TraversalHistory {
     if (begin_ > 0) entries_[--begin_] = entry_of(c);
   }
   void end_recording();
+  /// Follows a change of the mesh. Needs: the history was that of the list before.
+  ///
+  /// @param heads  the first nodes of the stretches before, 0 where there was none
+  /// @param come   nodes that have entered their stretches at the head, in this order
+  /// @param gone   nodes that have left
+  void follow(std::span<const Entry> heads, std::span<Cell* const> come,
+              std::span<const Entry> gone);
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 

@@ -1,8 +1,33 @@
+#include <bit>
 #include <new>
 
 #include "velmar_2D/memory/memory.hpp"
 
 namespace velmar_2d::detail {
+
+namespace {
+
+/// A set of entries: a table with open addressing.
+class Entries {
+ public:
+  using Entry = TraversalHistory::Entry;
+
+  explicit Entries(std::span<const Entry> entries)
+      : slots_(std::bit_ceil(4 * entries.size() + 1), 0) {
+    for (const Entry entry : entries) slots_[slot_of(entry)] = entry;
+  }
+  bool contains(Entry entry) const { return slots_[slot_of(entry)] == entry; }
+
+ private:
+  std::size_t slot_of(Entry entry) const {
+    std::size_t slot = (entry * 0x9e3779b1U >> 4) & (slots_.size() - 1);
+    while (slots_[slot] != 0 && slots_[slot] != entry) slot = (slot + 1) & (slots_.size() - 1);
+    return slot;
+  }
+  std::vector<Entry> slots_;
+};
+
+}  // namespace
 
 void TraversalHistory::begin_recording(std::int32_t nb_nodes) {
   const auto nodes = static_cast<std::size_t>(nb_nodes);
@@ -18,6 +43,31 @@ void TraversalHistory::begin_recording(std::int32_t nb_nodes) {
 
 void TraversalHistory::end_recording() {
   entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(begin_));
+}
+
+void TraversalHistory::follow(std::span<const Entry> heads, std::span<Cell* const> come,
+                              std::span<const Entry> gone) {
+  try {
+    const Entries has_gone(gone);
+    std::vector<std::vector<Entry>> come_to(heads.size());
+    for (const Cell* c : come) come_to[static_cast<std::size_t>(c->ipos)].push_back(entry_of(c));
+    std::vector<Entry> now;
+    now.reserve(entries_.size() + come.size());
+    std::size_t next = 0;
+    for (std::size_t stretch = 0; stretch < heads.size(); ++stretch) {
+      now.insert(now.end(), come_to[stretch].rbegin(), come_to[stretch].rend());
+      if (heads[stretch] == 0) continue;
+      std::size_t above = stretch + 1;
+      while (above < heads.size() && heads[above] == 0) ++above;
+      const Entry end = above < heads.size() ? heads[above] : 0;
+      for (; next < entries_.size() && entries_[next] != end; ++next) {
+        if (!has_gone.contains(entries_[next])) now.push_back(entries_[next]);
+      }
+    }
+    entries_.swap(now);
+  } catch (const std::bad_alloc&) {
+    forget();
+  }
 }
 
 }  // namespace velmar_2d::detail

@@ -208,8 +208,7 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
   }
   domain.dist_0 = dx;
   domain.largest_coordinate = largest_coordinate();
-  domain.longest_link = dx * (1.0 + link_length_margin);
-  domain.lattice_is_whole = positions_are_exact(domain);
+  set_regular(domain);
 
   state.level_beg.clear();
   state.level_end.clear();

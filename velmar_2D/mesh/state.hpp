@@ -45,6 +45,9 @@ struct State {
   /// that do not surround it. From then on removals look for links to the node; false again with
   /// the next mesh.
   bool links_may_be_one_way = false;
+  /// The mesh_revision that the last resolve left; while it is that, only parents are linked from
+  /// whole rings, and levels count those. 0: unknown.
+  std::uint64_t resolved_revision = 0;
   bool gathers_link_sources = false;          ///< many nodes are about to be removed
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
 

@@ -1,0 +1,634 @@
+// The least mesh, held against one that is computed from positions and wants alone.
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <tuple>
+
+#include "scenarios/scenarios.hpp"
+#include "support/history.hpp"
+#include "support/mesh_checker.hpp"
+#include "support/mesh_view.hpp"
+#include "velmar_2D/mesh.hpp"
+
+namespace velmar_2d::tests {
+namespace {
+
+/// A position in units of dist_0 / 2^halvings, from the lower left corner.
+using Position = std::pair<std::int64_t, std::int64_t>;
+using Positions = std::set<Position>;
+
+/// The lattice over the rectangle of a mesh; shares no code with the library.
+class Lattice {
+ public:
+  explicit Lattice(const Mesh& mesh)
+      : x_min_(mesh.x_min()),
+        y_min_(mesh.y_min()),
+        dist_0_(mesh.dist_0()),
+        limit_(mesh.limit()),
+        last_x_(std::lround((mesh.x_max() - x_min_) / dist_0_) << halvings),
+        last_y_(std::lround((mesh.y_max() - y_min_) / dist_0_) << halvings) {}
+
+  Positions grid() const {
+    Positions all;
+    for (Position p{0, 0}; p.second <= last_y_; p.second += unit) {
+      for (p.first = 0; p.first <= last_x_; p.first += unit) all.insert(p);
+    }
+    return all;
+  }
+  Positions of(const Mesh& mesh) const {
+    Positions all;
+    for (const Cell& c : mesh.nodes()) {
+      EXPECT_TRUE(all.insert({index(c.x - x_min_), index(c.y - y_min_)}).second) << "twice";
+    }
+    EXPECT_EQ(all.size(), static_cast<std::size_t>(mesh.size()));
+    return all;
+  }
+
+  static int ipos(Position p) {
+    const int x = halvings_of(p.first), y = halvings_of(p.second);
+    return x == y ? std::max(0, 2 * x - 1) : 2 * std::max(x, y);
+  }
+  Positions ring(Position p, int level) const {
+    const std::int64_t s = unit >> ((level + 1) / 2);
+    const Positions diagonal = {{s, s}, {s, -s}, {-s, s}, {-s, -s}};
+    const Positions straight = {{s, 0}, {-s, 0}, {0, s}, {0, -s}};
+    Positions members;
+    for (const auto& [dx, dy] : level % 2 == 1 ? diagonal : straight) {
+      const Position q{p.first + dx, p.second + dy};
+      if (q.first >= 0 && q.second >= 0 && q.first <= last_x_ && q.second <= last_y_) {
+        members.insert(q);
+      }
+    }
+    return members;
+  }
+  int wanted_level(const size_function& size, Position p, double margin = 0.0) const {
+    return level_of(own_size(size, p) * std::exp2(-0.5 * margin));
+  }
+
+  /// The rules, starting from the positions that are there.
+  Positions closure(const Positions& start, const size_function& size) const {
+    Positions all = start;
+    std::vector<Position> open(start.begin(), start.end());
+    while (!open.empty()) {
+      const Position p = open.back();
+      open.pop_back();
+      const int lowest = ipos(p), highest = std::max(lowest, wanted_level(size, p));
+      for (int l = std::max(1, lowest); l <= highest; ++l) {
+        for (const Position& q : ring(p, l)) {
+          if (all.insert(q).second) open.push_back(q);
+        }
+      }
+    }
+    return all;
+  }
+  /// Without what no other position rests on and none wants, from the finest to the coarsest.
+  Positions without_surplus(Positions all, const size_function& size, double margin = 0.0) const {
+    std::vector<std::vector<Position>> by_ipos(2 * halvings + 1);
+    std::map<Position, int> nb_resting;
+    for (const Position& p : all) {
+      by_ipos[static_cast<std::size_t>(ipos(p))].push_back(p);
+      for (const Position& q : parents(p)) ++nb_resting[q];
+    }
+    for (int l = 2 * halvings; l > 0; --l) {
+      for (const Position& q : by_ipos[static_cast<std::size_t>(l)]) {
+        const Positions around = parents(q);
+        if (nb_resting[q] > 0 || std::any_of(around.begin(), around.end(), [&](Position p) {
+              return wanted_level(size, p, margin) >= l;
+            })) {
+          continue;
+        }
+        all.erase(q);
+        for (const Position& p : around) --nb_resting[p];
+      }
+    }
+    return all;
+  }
+  Positions least(const size_function& size) const { return closure(grid(), size); }
+
+  /// As least(), with sizes that grow by `slope` at most along the ways between a position and
+  /// what it rests on, and between neighbours on the grid.
+  Positions least_graded(const size_function& size, double slope) const {
+    Positions all = grid();
+    for (std::size_t before = 0; before != all.size();) {
+      before = all.size();
+      std::map<Position, double> graded;
+      for (const Position& p : all) graded[p] = own_size(size, p);
+      for (bool lowered = true; lowered;) {
+        lowered = false;
+        for (const Position& p : all) {
+          const double way = slope * dist_0_ * std::exp2(-0.5 * ipos(p));
+          for (const Position& q : ring(p, ipos(p))) {
+            for (const auto& [from, to] : {std::pair{p, q}, std::pair{q, p}}) {
+              if (graded[to] <= (graded[from] + way) * (1.0 + 1e-13)) continue;
+              graded[to] = graded[from] + way;
+              lowered = true;
+            }
+          }
+        }
+      }
+      for (const auto& [p, h] : graded) {
+        for (int l = std::max(1, ipos(p)); l <= std::max(ipos(p), level_of(h)); ++l) {
+          all.merge(ring(p, l));
+        }
+      }
+    }
+    return all;
+  }
+
+ private:
+  static constexpr int halvings = 20;
+  static constexpr std::int64_t unit = std::int64_t{1} << halvings;
+
+  double own_size(const size_function& size, Position p) const {
+    return size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
+  }
+  int level_of(double h) const {
+    int level = 0;
+    while (level < limit_ && h < dist_0_ * std::exp2(-0.5 * level) * (1.0 - 1e-9)) ++level;
+    return level;
+  }
+  static int halvings_of(std::int64_t offset) {
+    int n = 0;
+    while (n < halvings && offset % (unit >> n) != 0) ++n;
+    return n;
+  }
+  Positions parents(Position p) const { return ipos(p) == 0 ? Positions{} : ring(p, ipos(p)); }
+  std::int64_t index(double length) const {
+    const double exact = length / dist_0_ * static_cast<double>(unit);
+    EXPECT_NEAR(exact, std::round(exact), 1e-2);
+    return std::llround(exact);
+  }
+  double length(std::int64_t index) const {
+    return static_cast<double>(index) / static_cast<double>(unit) * dist_0_;
+  }
+
+  double x_min_, y_min_, dist_0_;
+  int limit_;
+  std::int64_t last_x_, last_y_;
+};
+
+/// What two sets do not have in common, for the eye.
+std::string difference(const Positions& mesh, const Positions& expected) {
+  std::string text;
+  const auto list = [&](const char* title, const Positions& a, const Positions& b) {
+    text += title;
+    for (const Position& p : a) {
+      if (b.count(p) != 0 || text.size() > 1000) continue;
+      text += " (" + std::to_string(p.first) + ", " + std::to_string(p.second) + ")ipos " +
+              std::to_string(Lattice::ipos(p));
+    }
+  };
+  list("surplus:", mesh, expected);
+  list("\nmissing:", expected, mesh);
+  return text;
+}
+
+bool is_in_order(const Mesh& mesh) {
+  const std::vector<Finding> findings = mesh.check();
+  for (const Finding& finding : findings) ADD_FAILURE() << finding.rule << ": " << finding.text;
+  return findings.empty();
+}
+
+size_function near_point(double x, double y, double slope, double finest) {
+  return [=](double px, double py, auto...) { return finest + slope * std::hypot(px - x, py - y); };
+}
+/// Along the line through two points.
+size_function near_line(double x, double y, double dx, double dy, double slope, double finest) {
+  return [=](double px, double py, auto...) {
+    return finest + slope * std::abs((px - x) * dy - (py - y) * dx) / std::hypot(dx, dy);
+  };
+}
+
+struct Domain {
+  const char* name;
+  Rectangle rectangle;
+  std::int32_t nx;
+};
+const Domain domains[] = {{"unit square", {0, 1, 0, 1}, 5},
+                          {"one square", {0, 1, 0, 1}, 2},
+                          {"wide", {-1, 0.5, 2, 2.25}, 7},
+                          {"column", {0, 1, 0, 4}, 2}};
+
+/// Sizes for a rectangle, by number.
+constexpr int nb_kinds_of_size = 7;
+size_function size_of_kind(int kind, const Mesh& mesh, scenarios::Random& random) {
+  const Rectangle r = mesh.rectangle();
+  const double d = mesh.dist_0(), finest = d * std::exp2(-0.5 * random.between(2, 11));
+  const auto on = [&](double low, double high) {
+    const double t[] = {0.0, 1.0, random.uniform(), random.uniform()};
+    return low + (high - low) * t[random.between(0, 3)];  // sides and corners, too
+  };
+  const double x = on(r.x_min, r.x_max), y = on(r.y_min, r.y_max);
+  const double slope = std::pow(20.0, random.uniform()) / 10.0;
+  const std::uint64_t seed = random.next();
+  switch (kind) {
+    case 0: return scenarios::random_spacing(seed, 0.02, finest, 3 * d);
+    case 1: return scenarios::jumping_spacing(x, std::max(finest, 0.1 * d), 2 * d);
+    case 2: return near_point(x, y, slope, finest);
+    case 3: return near_line(x, y, random.uniform(), random.uniform() - 0.5, slope, finest);
+    case 4: return scenarios::ring_spacing({x, y, d * random.uniform()}, slope, finest, 2 * d);
+    case 5: return scenarios::even_spacing(std::max(finest, 0.1 * d));
+    default: {
+      // Fine spacing in a disc, with a jump around it.
+      const double radius = d * random.uniform();
+      return [=](double px, double py, auto...) {
+        return std::hypot(px - x, py - y) < radius ? finest : 1.5 * d;
+      };
+    }
+  }
+}
+
+TEST(Resolve, MakesTheLeastMeshAndThenLeavesItAsItIs) {
+  scenarios::Random random{1};
+  for (const Domain& domain : domains) {
+    for (int run = 0; run < 5 * nb_kinds_of_size; ++run) {
+      Mesh mesh(domain.rectangle, {.nx = domain.nx, .subdiv_max = random.between(3, 10)});
+      const size_function size = size_of_kind(run % nb_kinds_of_size, mesh, random);
+      const UpdateStatistics first = mesh.resolve(size);
+      const Lattice lattice(mesh);
+      const Positions expected = lattice.least(size);
+      ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected) << "\n"
+                                                << domain.name << ", run " << run;
+      ASSERT_TRUE(is_in_order(mesh)) << domain.name << ", run " << run;
+      EXPECT_EQ(first.visited, mesh.size());
+      EXPECT_EQ(first.removed, 0);
+      const std::uint64_t revision = mesh.revision();
+      EXPECT_EQ(mesh.resolve(size).visited, mesh.size());
+      ASSERT_EQ(mesh.revision(), revision) << domain.name << ", run " << run;
+    }
+  }
+}
+
+class ResolveAfter : public MeshTest {};
+
+TEST_F(ResolveAfter, AnyHistoryLeavesNoMoreThanIsNeeded) {
+  for (std::uint64_t seed = 100; seed < 300; ++seed) {
+    Steps steps = seed % 2 == 0 ? Steps::single_nodes : Steps::adapt_hostile;
+    Mesh& mesh = default_mesh();
+    scenarios::Random random{seed};
+    run_history({seed, steps}, [&](const std::string& step) {
+      if (seed % 4 > 1 || random.between(0, 1) == 0) return;  // mixed with it, in half of them
+      resolve_mesh_no_init(size_of_kind(random.between(0, nb_kinds_of_size - 1), mesh, random));
+      ASSERT_TRUE(mesh_is_whole() && is_in_order(mesh)) << "seed " << seed << ", after " << step;
+    });
+    const Lattice lattice(mesh);
+    // Twice: first from what the history has left, then from what the first call has.
+    for (int i = 0; i < 3; ++i) {
+      const Positions before = lattice.of(mesh);
+      const size_function size =
+          size_of_kind(random.between(0, nb_kinds_of_size - 1), mesh, random);
+      resolve_mesh_no_init(size);
+      const Positions expected = lattice.without_surplus(lattice.closure(before, size), size);
+      ASSERT_TRUE(lattice.of(mesh) == expected)
+          << difference(lattice.of(mesh), expected) << "\nseed " << seed << ", size " << i;
+      ASSERT_TRUE(mesh_is_whole() && is_in_order(mesh)) << "seed " << seed << ", size " << i;
+    }
+    const std::uint64_t revision = mesh_revision;
+    const size_function graded = near_point(mesh.x_min(), mesh.y_max(), 0.41, 0.1 * dist_0);
+    resolve_mesh_no_init(graded);
+    ASSERT_TRUE(lattice.of(mesh) == lattice.least(graded)) << "seed " << seed;
+    EXPECT_GE(mesh_revision, revision);
+    delete_mesh();
+  }
+}
+
+/// Every node in list order, to the last bit.
+std::vector<std::string> describe(const Mesh& mesh) {
+  std::vector<std::string> nodes;
+  for (const Cell& c : mesh.nodes()) {
+    std::string text = std::to_string(c.id) + " level " + std::to_string(c.level) + "." +
+                       std::to_string(c.reserve);
+    for (const double value :
+         {c.x, c.y, c.data.empty() ? 0.0 : c.data[0], c.grad_data, c.grad2_data}) {
+      text += " " + std::to_string(std::bit_cast<std::uint64_t>(value));
+    }
+    nodes.push_back(text);
+  }
+  return nodes;
+}
+
+/// Bits of all positions, whatever their order.
+std::set<std::pair<double, double>> places(const Mesh& mesh) {
+  std::set<std::pair<double, double>> all;
+  for (const Cell& c : mesh.nodes()) all.emplace(c.x, c.y);
+  return all;
+}
+
+batch_size_function in_batches(const size_function& size) {
+  return [size](std::span<const Cell* const> nodes, std::span<double> sizes) {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      const Cell& c = *nodes[i];
+      sizes[i] = size(c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
+    }
+  };
+}
+
+// Squares of 0.1 away from the origin: positions are rounded, and still the same bits.
+TEST(Resolve, FollowsAFrontAsIfItHadBegunWithEachFrame) {
+  const Rectangle rectangle{3.0, 3.8, -0.3, 0.5};
+  for (const double slope : {0.1, 0.41}) {
+    Mesh mesh(rectangle, {.nx = 9, .subdiv_max = 9});
+    for (int frame = 0; frame < 50; ++frame) {
+      const scenarios::Ring ring{3.1 + 0.01 * frame, 0.1, 0.25};
+      const size_function size = scenarios::ring_spacing(ring, slope, 0.006, 0.15);
+      mesh.resolve(size);
+      Mesh from_scratch(rectangle, {.nx = 9, .subdiv_max = 9});
+      from_scratch.resolve(size);
+      ASSERT_TRUE(places(mesh) == places(from_scratch)) << "slope " << slope << ", " << frame;
+      ASSERT_TRUE(is_in_order(mesh));
+    }
+  }
+}
+
+TEST(Resolve, GivesExactLevelsAndDeepOnesInOneCall) {
+  for (int level = 0; level <= 12; ++level) {
+    // Up to a billionth, rounding does not decide; beyond, the size does.
+    for (const auto& [factor, more] : {std::pair{1.0, 0}, {1.0 - 5e-10, 0}, {1.0 - 5e-9, 1}}) {
+      Mesh mesh({0.0, 0.3, 0.0, 0.3}, {.nx = 4, .subdiv_max = 13});
+      const double spacing = mesh.spacing_of_level(level);
+      mesh.resolve(scenarios::even_spacing(factor * spacing));
+      for (const Cell& c : mesh.nodes()) ASSERT_EQ(c.level, level + more) << factor;
+    }
+  }
+  Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 30});
+  const double x = 0.25 + std::ldexp(5, -14), y = std::ldexp(3, -13);
+  const size_function size = near_point(x, y, 1.0, std::ldexp(1.0, -18));
+  mesh.resolve(size);
+  const Lattice lattice(mesh);
+  EXPECT_TRUE(lattice.of(mesh) == lattice.least(size));
+  EXPECT_TRUE(is_in_order(mesh));
+  const bool reached = std::any_of(mesh.nodes().begin(), mesh.nodes().end(),
+                                   [](const Cell& c) { return c.level >= 30; });
+  EXPECT_TRUE(reached);
+  mesh.resolve(scenarios::even_spacing(1.0));
+  EXPECT_EQ(mesh.size(), 25);
+}
+
+TEST(Resolve, KeepsNodesWithinTheMargin) {
+  scenarios::Random random{7};
+  for (int run = 0; run < 2 * nb_kinds_of_size; ++run) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 8});
+    const Lattice lattice(mesh);
+    const double margin = 0.3 + 1.5 * random.uniform();
+    for (int i = 0; i < 3; ++i) {
+      const size_function size = size_of_kind(run % nb_kinds_of_size, mesh, random);
+      const Positions before = lattice.of(mesh);
+      mesh.resolve(size, {.margin = margin});
+      ASSERT_TRUE(lattice.of(mesh) ==
+                  lattice.without_surplus(lattice.closure(before, size), size, margin));
+      // Nothing that is wanted goes while wants fall by less than the margin. What is left from
+      // before may.
+      if (i > 0) continue;
+      const std::uint64_t revision = mesh.revision();
+      const double growth = std::exp2(0.5 * margin * 0.99);
+      mesh.resolve([&](double x, double y, auto... rest) { return growth * size(x, y, rest...); },
+                   {.margin = margin});
+      mesh.resolve(size, {.margin = margin});
+      EXPECT_EQ(mesh.revision(), revision);
+    }
+  }
+}
+
+TEST(Resolve, FollowsSlowChangesWithinTheMargin) {
+  for (const double margin : {0.0, 0.7, 1.6}) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 9, .subdiv_max = 8});
+    const Lattice lattice(mesh);
+    for (int frame = 0; frame < 60; ++frame) {
+      // Fine spacing stays where it was, but for a small part.
+      const size_function size = [=](double x, double y, auto...) {
+        return std::min(0.01 + 0.3 * std::abs(x - 0.2),
+                        0.01 + 0.4 * std::hypot(x - 0.6 - 0.004 * frame, y - 0.4));
+      };
+      const Positions before = lattice.of(mesh);
+      mesh.resolve(size, {.margin = margin});
+      const Positions expected =
+          lattice.without_surplus(lattice.closure(before, size), size, margin);
+      ASSERT_TRUE(lattice.of(mesh) == expected)
+          << difference(lattice.of(mesh), expected) << "\nmargin " << margin << ", " << frame;
+    }
+    ASSERT_TRUE(is_in_order(mesh));
+  }
+}
+
+TEST(Resolve, GradesSizesOverTheMesh) {
+  scenarios::Random random{9};
+  for (int run = 0; run < 4 * nb_kinds_of_size; ++run) {
+    const Domain& domain = domains[run % std::size(domains)];
+    const Grid grid{.nx = domain.nx, .subdiv_max = 8};
+    Mesh mesh(domain.rectangle, grid), other(domain.rectangle, grid);
+    const Lattice lattice(mesh);
+    const size_function size = size_of_kind(run % nb_kinds_of_size, mesh, random);
+    const double slope = 0.1 + 0.3 * random.uniform();
+    mesh.resolve(size, {.slope = slope});
+    const Positions expected = lattice.least_graded(size, slope);
+    ASSERT_TRUE(lattice.of(mesh) == expected)
+        << difference(lattice.of(mesh), expected) << "\nrun " << run;
+    ASSERT_TRUE(is_in_order(mesh));
+    const std::uint64_t revision = mesh.revision();
+    mesh.resolve(size, {.slope = slope});
+    EXPECT_EQ(mesh.revision(), revision) << "run " << run;
+    // Where the sizes are that smooth, the mesh forgets what it was.
+    const size_function sharper = size_of_kind(5, mesh, random);
+    const size_function smooth = near_point(0.3, 0.6, slope, 0.1 * mesh.dist_0());
+    other.resolve(sharper);
+    other.resolve(smooth, {.slope = slope});
+    const Positions graded = lattice.least_graded(smooth, slope);
+    ASSERT_TRUE(lattice.of(other) == graded) << difference(lattice.of(other), graded);
+    ASSERT_TRUE(is_in_order(other));
+  }
+}
+
+TEST(Resolve, LeavesNodesThatWantNothingAsTheyAre) {
+  constexpr double no_number = std::numeric_limits<double>::quiet_NaN();
+  Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 8});
+  mesh.resolve(near_point(0.3, 0.4, 0.4, 0.02));
+  const std::vector<std::string> before = describe(mesh);
+  for (const double nothing : {no_number, -1.0, -std::numeric_limits<double>::infinity()}) {
+    for (const double slope : {0.0, 0.5}) {
+      mesh.resolve(scenarios::even_spacing(nothing), {.slope = slope});
+      ASSERT_EQ(describe(mesh), before) << nothing << ", slope " << slope;
+    }
+  }
+  mesh.resolve_batched([](std::span<const Cell* const>, std::span<double>) {});
+  EXPECT_EQ(describe(mesh), before);
+  mesh.resolve(scenarios::even_spacing(-0.0));  // the finest
+  for (const Cell& c : mesh.nodes()) ASSERT_EQ(c.level, 8);
+}
+
+TEST(Resolve, EndsWhereItNeedsMoreNodesThanItMayHave) {
+  const size_function size = near_point(0.5, 0.5, 0.3, 1e-4);
+  for (const double slope : {0.0, 0.2}) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 20});
+    try {
+      mesh.resolve(size, {.most_nodes = 777, .slope = slope});
+      FAIL() << "no error";
+    } catch (const Error& error) {
+      EXPECT_NE(std::string(error.what()).find("more than 777 nodes"), std::string::npos);
+    }
+    EXPECT_EQ(mesh.size(), 777);
+    EXPECT_EQ(mesh.statistics().inserted, 777 - 25);
+    EXPECT_TRUE(is_in_order(mesh));
+    mesh.resolve(size);
+    const std::int64_t needed = mesh.size();
+    mesh.resolve(size, {.most_nodes = needed});
+    EXPECT_EQ(mesh.size(), needed);
+  }
+  Mesh mesh({0, 1, 0, 1}, {.nx = 3});
+  for (const Resolution& bad : {Resolution{.margin = -1.0}, Resolution{.most_nodes = -1},
+                                Resolution{.slope = std::nan("")}}) {
+    EXPECT_THROW(mesh.resolve(size, bad), Error);
+  }
+  EXPECT_THROW(mesh.resolve(size_function{}), Error);
+}
+
+/// All forms of one adaptation, with data that come from a procedure or are interpolated.
+class Forms : public MeshTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(Forms, AreTheSameToTheLastBit) {
+  const bool with_init = GetParam();
+  const auto wave = [](double x, double y) { return std::tanh(9.0 * (x - y * y)); };
+  const size_function by_data = [](double, double, std::span<const double> data, double gradient,
+                                   double hessian) {
+    return 0.6 / (0.3 + gradient + 0.05 * hessian + std::abs(data[0]));
+  };
+  for (const Resolution& resolution : {Resolution{}, Resolution{.margin = 0.5, .slope = 0.7}}) {
+    Mesh one_by_one({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 8, .n_cell_data = 1});
+    Mesh batched({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 8, .n_cell_data = 1});
+    n_cell_data = 1;
+    next_id = 1;
+    make_grid(5, 5, 8);
+    for (Mesh* mesh : {&one_by_one, &batched, &default_mesh()}) {
+      for (Cell& c : mesh->nodes()) c.data[0] = wave(c.x, c.y);
+    }
+    for (int i = 0; i < 5; ++i) {
+      if (with_init) {
+        one_by_one.resolve(by_data, wave, resolution);
+        batched.resolve_batched(in_batches(by_data), wave, resolution);
+        i % 2 == 0 ? resolve_mesh_init(by_data, wave, resolution)
+                   : resolve_mesh_init_batched(in_batches(by_data), wave, resolution);
+      } else {
+        one_by_one.resolve(by_data, resolution);
+        batched.resolve_batched(in_batches(by_data), resolution);
+        i % 2 == 0 ? resolve_mesh_no_init(by_data, resolution)
+                   : resolve_mesh_no_init_batched(in_batches(by_data), resolution);
+      }
+      ASSERT_EQ(describe(one_by_one), describe(batched)) << "call " << i;
+      ASSERT_EQ(describe(one_by_one), describe(default_mesh())) << "call " << i;
+      const UpdateStatistics a = one_by_one.statistics(), b = batched.statistics();
+      EXPECT_EQ(std::tuple(a.visited, a.inserted, a.removed, a.refused),
+                std::tuple(b.visited, b.inserted, b.removed, b.refused));
+      ASSERT_TRUE(is_in_order(one_by_one));
+      // Data of nodes that move on with the front are current.
+      for (const Cell& c : one_by_one.nodes()) {
+        if (with_init) {
+          ASSERT_EQ(c.data[0], wave(c.x, c.y));
+        }
+      }
+    }
+    EXPECT_GT(one_by_one.size(), 100);
+    delete_mesh();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Resolve, Forms, testing::Bool());
+
+TEST(Resolve, LeavesTheMeshWholeWhereACallbackThrows) {
+  const auto size_at = [](int frame) { return near_point(0.1 + 0.2 * frame, 0.3, 0.4, 0.01); };
+  const Lattice lattice(Mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 9}));
+  for (int thrower = 0; thrower < 60; ++thrower) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 9, .n_cell_data = 1});
+    mesh.resolve(size_at(0));
+    const int fails_at = 37 * thrower + 1;
+    int nb_calls = 0;
+    const auto count = [&] {
+      if (++nb_calls == fails_at) throw std::runtime_error("no size");
+    };
+    const auto counted = [&](double x, double y, auto... rest) {
+      count();
+      return size_at(1)(x, y, rest...);
+    };
+    const auto init = [&](double x, double y) {
+      count();
+      return x * y;
+    };
+    try {
+      mesh.resolve(counted, init, {.slope = thrower % 3 == 2 ? 0.4 : 0.0});
+    } catch (const std::runtime_error&) {
+      EXPECT_EQ(nb_calls, fails_at);
+    }
+    ASSERT_TRUE(is_in_order(mesh)) << "call " << fails_at;
+    mesh.resolve(size_at(2));
+    ASSERT_TRUE(lattice.of(mesh) == lattice.least(size_at(2))) << "call " << fails_at;
+    ASSERT_TRUE(is_in_order(mesh));
+  }
+}
+
+// Wants that fell before the exception have fallen all the same.
+TEST(Resolve, GivesUpNodesAfterACallbackThrew) {
+  Mesh mesh({0, 1, 0, 1}, {.nx = 5, .subdiv_max = 9});
+  mesh.resolve(near_point(0.3, 0.3, 0.4, 0.01));
+  std::int64_t nb_calls = 0;
+  EXPECT_THROW(mesh.resolve([&](double, double, auto...) {
+    if (++nb_calls == mesh.size()) throw std::runtime_error("no size");
+    return 1.0;
+  }),
+               std::runtime_error);
+  mesh.resolve(scenarios::even_spacing(1.0));
+  EXPECT_EQ(mesh.size(), 25);
+}
+
+double linear(double x, double y) { return x + 2.0 * y; }
+
+//   o---o---o---o---o
+//   |   |   |   |   |     +  off the lattice
+//   o---x---o---o---o     x  of the grid, and gone
+//   |   |   | + |   |     *  far below its surroundings: parents are missing over several levels
+//   o---o---o---o---o
+//   | * |   |   |   |
+//   o---o---o---o---o
+TEST(Resolve, PutsAMeshInOrderThatSingleStepsHaveSpoilt) {
+  Mesh mesh({0, 4, 0, 3}, {.nx = 5, .subdiv_max = 12, .n_cell_data = 1});
+  const Lattice lattice(mesh);
+  for (Cell& c : mesh.nodes()) c.data[0] = linear(c.x, c.y);
+  const auto node = [&](double x, double y) -> Cell* {
+    for (Cell& c : mesh.nodes()) {
+      if (c.x == x && c.y == y) return &c;
+    }
+    return nullptr;
+  };
+  const auto insert_in_square = [&](double west, double south, double x, double y) {
+    Vertex v;
+    v.x = west + x;
+    v.y = south + y;
+    v.level = 7;
+    v.p1 = node(west, south);
+    v.p2 = node(west, south + 1);
+    v.p3 = node(west + 1, south + 1);
+    v.p4 = node(west + 1, south);
+    Cell& c = mesh.insert_node_odd_level(v);
+    c.data[0] = linear(c.x, c.y);
+    return c.id;
+  };
+  const std::int64_t off_the_lattice = insert_in_square(2, 1, 0.3, 0.6);
+  const std::int64_t far_below = insert_in_square(0, 0, 11.0 / 16.0, 5.0 / 16.0);
+  ASSERT_TRUE(mesh.remove_node_even_level(*node(1, 2)));
+
+  const size_function size = near_point(11.0 / 16.0, 5.0 / 16.0, 0.4, 1.0 / 20.0);
+  mesh.resolve(size);
+  const Positions expected = lattice.least(size);
+  ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected);
+  EXPECT_TRUE(is_in_order(mesh));
+  bool kept = false;
+  for (const Cell& c : mesh.nodes()) {
+    EXPECT_NEAR(c.data[0], linear(c.x, c.y), 1e-12) << c.x << ", " << c.y;
+    EXPECT_NE(c.id, off_the_lattice);
+    kept = kept || c.id == far_below;
+  }
+  EXPECT_TRUE(kept);
+}
+
+}  // namespace
+}  // namespace velmar_2d::tests

@@ -1,0 +1,318 @@
+// Putting a mesh in order that other operations have left with holes.
+//
+// Coarsening can remove a node from among finer ones, single steps of a caller anything anywhere.
+// What is left is taken as a set of positions; all else follows from those.
+#include <cmath>
+#include <new>
+#include <optional>
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+/// A node that is to be made, with all that callbacks have to say about it.
+struct Missing {
+  std::size_t entry;
+  double x = 0.0, y = 0.0, first_value = 0.0;
+  std::array<NeighbourLink, 4> sides;  ///< by direction / 2
+  std::int32_t nb_sides = 0;
+};
+
+class Restorer {
+ public:
+  Restorer(State& state, std::int32_t highest_ipos)
+      : state_(state),
+        lattice_(state.domain, highest_ipos, static_cast<std::size_t>(state.nb_nodes)) {
+    missing_by_ipos_.resize(static_cast<std::size_t>(highest_ipos) + 1);
+  }
+
+  /// Finds out all there is to do; takes all memory but that of the nodes.
+  void prepare() {
+    take_nodes();
+    find_missing();
+    made_.reserve(missing_.size());
+  }
+  std::int64_t nb_missing_nodes() const { return static_cast<std::int64_t>(missing_.size()); }
+
+  bool restore() {
+    ask_callbacks();
+    make_missing();
+    for (Cell* c : strays_) {
+      leave_stretch(state_, *c);
+      release_cell(state_, c);
+    }
+    bool changed = false;
+    for (const Lattice::Entry& entry : lattice_.entries()) changed = link_up(entry) || changed;
+    state_.links_may_be_one_way = false;
+    set_regular(state_.domain);
+    set_values();
+    return changed;
+  }
+
+ private:
+  // Nodes in the order of their position index.
+  void take_nodes() {
+    for (const Handle& stretch : state_.level_beg) {
+      first_of_ipos_.push_back(lattice_.entries().size());
+      for (Cell* c = stretch.next; c != nullptr; c = c->next) {
+        LatticePoint p{};
+        if (!lattice_.find_place(*c, p) || lattice_.add({p, c, c->ipos}) < 0) strays_.push_back(c);
+      }
+    }
+    nb_nodes_ = lattice_.entries().size();
+    first_of_ipos_.push_back(nb_nodes_);
+  }
+
+  void add_missing(LatticePoint p) {
+    const std::int32_t ipos = lattice_.ipos(p);
+    const std::int32_t number = lattice_.add({p, nullptr, ipos});
+    if (number >= 0) {
+      missing_by_ipos_[static_cast<std::size_t>(ipos)].push_back(static_cast<std::size_t>(number));
+    }
+  }
+
+  /// What a node rests on has a lower position index.
+  void add_parents(std::size_t number) {
+    const Lattice::Entry entry = lattice_.entries()[number];
+    for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
+      const LatticePoint parent = lattice_.neighbour(entry.at, d, entry.ipos);
+      if (lattice_.contains(parent) && lattice_.find(parent) < 0) add_missing(parent);
+    }
+  }
+
+  void find_missing() {
+    for (std::size_t l = missing_by_ipos_.size(); l-- > 1;) {
+      for (std::size_t i = first_of_ipos_[l]; i < first_of_ipos_[l + 1]; ++i) add_parents(i);
+      for (std::size_t k = 0; k < missing_by_ipos_[l].size(); ++k) {
+        add_parents(missing_by_ipos_[l][k]);
+      }
+    }
+    const LatticePoint last = lattice_.last();
+    for (LatticePoint p{0, 0}; p.y <= last.y; p.y += lattice_.grid_step()) {
+      for (p.x = 0; p.x <= last.x; p.x += lattice_.grid_step()) {
+        if (lattice_.find(p) < 0) add_missing(p);
+      }
+    }
+    for (const std::vector<std::size_t>& numbers : missing_by_ipos_) {
+      for (const std::size_t number : numbers) missing_.push_back({number, 0, 0, 0, {}, 0});
+    }
+    missing_of_.resize(missing_.size());
+    for (std::size_t i = 0; i < missing_.size(); ++i)
+      missing_of_[missing_[i].entry - nb_nodes_] = i;
+  }
+
+  /// As the grid was made: from the east side westwards.
+  void place_on_grid(Missing& m, LatticePoint p) const {
+    const Domain& domain = state_.domain;
+    const LatticePoint last = lattice_.last();
+    const auto columns = static_cast<double>((last.x - p.x) / lattice_.grid_step());
+    const auto rows = static_cast<double>(p.y / lattice_.grid_step());
+    m.x = p.x == 0 ? domain.x_min : domain.x_max - columns * domain.dist_0;
+    m.y = domain.y_min + rows * domain.dist_0;
+  }
+
+  void ask_callbacks() {
+    for (Missing& m : missing_) {
+      const Lattice::Entry& entry = lattice_.entries()[m.entry];
+      if (entry.ipos == 0) {
+        place_on_grid(m, entry.at);
+      } else {
+        place_between_parents(m, entry);
+      }
+      for (const int side : straight_directions) {
+        if (!lattice_.is_on_side(entry.at, side)) continue;
+        m.sides[static_cast<std::size_t>(side / 2)] = side_link(state_, side, m.x, m.y);
+        ++m.nb_sides;
+      }
+      if (state_.n_cell_data > 0 && !state_.data_interpolation) {
+        m.first_value = initial_data(state_, {m.x, m.y, entry.ipos, entry.ipos, {}, {}});
+      }
+    }
+  }
+
+  /// Of a node, or of a missing one that has been placed.
+  Point position_of(std::size_t number) const {
+    if (const Cell* c = lattice_.entries()[number].cell) return {c->x, c->y};
+    const Missing& m = missing_[missing_of_[number - nb_nodes_]];
+    return {m.x, m.y};
+  }
+
+  /// Midway between two opposite parents; those along a side, if it has no others.
+  void place_between_parents(Missing& m, const Lattice::Entry& entry) const {
+    for (int d = entry.ipos % 2; d < nb_directions / 2; d += 2) {
+      const LatticePoint a = lattice_.neighbour(entry.at, d, entry.ipos);
+      const LatticePoint b = lattice_.neighbour(entry.at, d + 4, entry.ipos);
+      if (!lattice_.contains(a) || !lattice_.contains(b)) continue;
+      const Point pa = position_of(static_cast<std::size_t>(lattice_.find(a)));
+      const Point pb = position_of(static_cast<std::size_t>(lattice_.find(b)));
+      m.x = (pa.x + pb.x) / 2.0;
+      m.y = (pa.y + pb.y) / 2.0;
+      return;
+    }
+  }
+
+  /// All or none.
+  void make_missing() {
+    try {
+      for (const Missing& m : missing_) {
+        made_.push_back(new_cell(state_, lattice_.entries()[m.entry].ipos));
+      }
+    } catch (...) {
+      for (Cell* c : made_) release_cell(state_, c);
+      throw;
+    }
+    for (std::size_t i = 0; i < made_.size(); ++i) {
+      const Missing& m = missing_[i];
+      Cell& c = *made_[i];
+      c.x = m.x;
+      c.y = m.y;
+      c.ipos = lattice_.entries()[m.entry].ipos;
+      c.on_boundary = m.nb_sides;
+      for (std::size_t side = 0; side < m.sides.size(); ++side) {
+        link(c, 2 * static_cast<int>(side)) = m.sides[side];
+      }
+      enter_stretch(state_, c);
+      lattice_.entries()[m.entry].cell = &c;
+    }
+  }
+
+  bool has_member(LatticePoint p, int direction, std::int32_t level) const {
+    return lattice_.holds(lattice_.neighbour(p, direction, level));
+  }
+  /// Whether the next ring has a member on this hand, or the domain ends there.
+  bool is_closed(LatticePoint p, int hand, std::int32_t level) const {
+    const LatticePoint beside = lattice_.neighbour(p, hand, level + 1);
+    return !lattice_.contains(beside) || lattice_.find(beside) >= 0;
+  }
+
+  /// Members of a ring that are missing.
+  std::int32_t nb_missing(LatticePoint p, std::int32_t level) const {
+    std::int32_t n = 0;
+    for (int d = level % 2; d < nb_directions; d += 2) {
+      const LatticePoint member = lattice_.neighbour(p, d, level);
+      n += lattice_.contains(member) && lattice_.find(member) < 0 ? 1 : 0;
+    }
+    return n;
+  }
+
+  /// The nearest member of a ring in this direction, unless it is cut off; and the link's level.
+  /// Links along a side have half a face, whether they are there or are to come.
+  std::pair<Cell*, std::int32_t> linked(const Lattice::Entry& entry, int d) const {
+    const bool along_side = d % 2 == 0 && (lattice_.is_on_side(entry.at, (d + 2) & 7) ||
+                                           lattice_.is_on_side(entry.at, (d + 6) & 7));
+    std::int32_t level = entry.ipos % 2 == d % 2 ? entry.ipos : entry.ipos + 1;
+    if (!has_member(entry.at, d, level)) return {nullptr, along_side ? 1 : 2};
+    while (has_member(entry.at, d, level + 2)) level += 2;
+    const int closed =
+        (is_closed(entry.at, d - 1, level) ? 1 : 0) + (is_closed(entry.at, d + 1, level) ? 1 : 0);
+    if (closed == 2) return {nullptr, along_side ? 1 : 2};
+    const LatticePoint there = lattice_.neighbour(entry.at, d, level);
+    return {lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell, 2 - closed};
+  }
+
+  bool link_up(const Lattice::Entry& entry) {
+    Cell& c = *entry.cell;
+    std::int32_t level = entry.ipos, reserve = 0;
+    while ((reserve = nb_missing(entry.at, level + 1)) == 0) ++level;
+    bool changed = level != c.level || reserve != c.reserve;
+    for (int d = 0; d < nb_directions; ++d) {
+      if (d % 2 == 0 && lattice_.is_on_side(entry.at, d) && link(c, d).cell() == nullptr) {
+        continue;  // the record of a side, or of none
+      }
+      auto [cell, link_level_there] = linked(entry, d);
+      // As the grid was made.
+      if (level == 0 && d % 2 == 0 && cell != nullptr && cell->ipos == 0) link_level_there = 1;
+      if (link(c, d) == NeighbourLink(cell) && link_level(c, d) == link_level_there) {
+        continue;
+      }
+      changed = changed || link(c, d) != NeighbourLink(cell);
+      link(c, d) = cell;
+      link_level(c, d) = link_level_there;
+      c.signature_set = false;
+      c.area = -1.0;
+    }
+    if (level != c.level || reserve != c.reserve) {
+      c.level = level;
+      c.reserve = reserve;
+      c.signature_set = false;
+      c.area = -1.0;
+    }
+    return changed;
+  }
+
+  /// First data values of nodes that were made. Parents come first.
+  void set_values() {
+    if (state_.n_cell_data <= 0) return;
+    for (const Missing& m : missing_) {
+      const Lattice::Entry& entry = lattice_.entries()[m.entry];
+      entry.cell->data[0] = state_.data_interpolation ? interpolated(entry) : m.first_value;
+    }
+  }
+
+  /// The mean of the parents, along the side on a side; of what is linked, for nodes of the grid.
+  double interpolated(const Lattice::Entry& entry) const {
+    const bool along_side = entry.cell->on_boundary == 1 && entry.ipos > 0;
+    double sum = 0.0;
+    int n = 0;
+    for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
+      const LatticePoint there = lattice_.neighbour(entry.at, d, entry.ipos);
+      if (!lattice_.holds(there)) continue;
+      const Cell& c = *lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell;
+      if (along_side && c.on_boundary == 0) continue;
+      sum += first_data(c);
+      ++n;
+    }
+    return n == 0 ? 0.0 : sum / n;
+  }
+
+  State& state_;
+  Lattice lattice_;
+  std::vector<std::size_t> first_of_ipos_;
+  std::vector<std::vector<std::size_t>> missing_by_ipos_;
+  std::vector<Missing> missing_;         ///< parents before those that rest on them
+  std::vector<std::size_t> missing_of_;  ///< by the number of the entry, less nb_nodes_
+  std::vector<Cell*> strays_, made_;
+  std::size_t nb_nodes_ = 0;  ///< entries that have a node from the start
+};
+
+/// A grid that nothing has been done to is in order.
+bool is_bare_grid(const State& state) {
+  const Domain& domain = state.domain;
+  const double nx = std::round((domain.x_max - domain.x_min) / domain.dist_0) + 1.0;
+  const double ny = std::round((domain.y_max - domain.y_min) / domain.dist_0) + 1.0;
+  if (nx * ny != state.nb_nodes) return false;
+  std::int32_t nb_untouched = 0;
+  for (const Cell* c = state.level_beg[0].next; c != nullptr; c = c->next) {
+    const std::int32_t nb_awaited = c->on_boundary == 0 ? 4 : c->on_boundary == 1 ? 2 : 1;
+    if (c->level != 0 || c->reserve != nb_awaited) return false;
+    ++nb_untouched;
+  }
+  return nb_untouched == state.nb_nodes;
+}
+
+}  // namespace
+
+bool restore_rings(State& state, std::int64_t most_nodes) {
+  if (is_bare_grid(state)) return false;
+  std::int32_t highest = 0;
+  for (std::int32_t l = 0; l <= state.level_max; ++l) {
+    if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) highest = l;
+  }
+  std::optional<Restorer> restorer;
+  try {
+    restorer.emplace(state, std::min(highest, highest_wanted_level));
+    restorer->prepare();
+  } catch (const std::bad_alloc&) {
+    allocation_failed(state.handlers,
+                      static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
+  }
+  const std::int64_t nb_missing = restorer->nb_missing_nodes();
+  if (most_nodes > 0 && nb_missing > 0 && state.nb_nodes + nb_missing > most_nodes) {
+    too_many_nodes(state, most_nodes);
+  }
+  return restorer->restore();
+}
+
+}  // namespace velmar_2d::detail
