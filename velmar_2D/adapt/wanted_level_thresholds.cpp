@@ -65,7 +65,7 @@ std::int32_t level_wanted_by(double ratio) {
                                                 std::uint64_t{exponent_bias} << fraction_bits);
   const std::int32_t above = fraction > sqrt_of_2 * (1.0 + threshold_margin) ? 2
                              : fraction > 1.0 + threshold_margin             ? 1
-                                                                 : 0;
+                                                                             : 0;
   return std::min(2 * exponent + above, highest_wanted_level);
 }
 

@@ -113,8 +113,6 @@ bool positions_are_exact(const Domain& domain) {
 }
 
 void set_regular(Domain& domain) {
-  // Covers the rounding of positions when the length of a link is compared with dist_0.
-  constexpr double link_length_margin = 1e-3;
   domain.longest_link = domain.dist_0 * (1.0 + link_length_margin);
   domain.lattice_is_whole = positions_are_exact(domain);
 }
