@@ -247,7 +247,7 @@ class Forecast {
     }
   }
 
-  /// Asks the memory for what look_around() will read.
+  /// Prefetches what look_around() will read.
   static void request_neighbours(const Cell& c) {
     for (const auto link : links) {
       if (const Cell* there = (c.*link).cell()) {

@@ -29,7 +29,7 @@ class Filling {
   T* next_;
 };
 
-/// Asks the memory for what a walk reads of the neighbours of a node that comes soon.
+/// Prefetches what a walk reads of the neighbours of a node that comes soon.
 void request_neighbours(const std::vector<Cell*>& nodes, std::size_t soon) {
   if (soon >= nodes.size()) return;
   for (const auto member : links) {
