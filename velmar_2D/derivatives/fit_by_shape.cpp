@@ -122,7 +122,8 @@ void compute(const State& state, Workspace& work, FitOperator& op, Key key) {
     auto& weights = op.weights[static_cast<std::size_t>(row - 1)];
     auto& [dx, dy, dx2, dy2, dxdy] = weights;
     list.value[row] = 1.0;
-    fit_hessian_centred(state, work, &origin, list, n_list, dx2, dy2, dxdy, dx, dy, op.accepted);
+    fit_hessian_centred_by_proof(state, work, &origin, list, n_list, dx2, dy2, dxdy, dx, dy,
+                                 op.accepted);
     list.value[row] = 0.0;
     for (double& weight : weights) weight = without_rounding(weight);
   }
