@@ -199,7 +199,7 @@ def test_slope_grades_sizes():
 
 
 def test_resolve_ends_where_more_nodes_are_needed():
-    with Mesh(nx=9, ny=9, subdiv_max=40) as mesh:
+    with Mesh(nx=9, ny=9, subdiv_max=12) as mesh:
         with pytest.raises(velmar_2d.MeshError, match="more than 5000 nodes would be needed"):
             mesh.resolve(1e-5, most_nodes=5000)
         assert len(mesh) == 5000 and mesh.check() == []
