@@ -5,6 +5,7 @@
 
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
+#include "python/core/forecast.hpp"
 
 namespace velmar_2d::python {
 
@@ -90,6 +91,9 @@ class KindsAtHand {
   KindsAtHand& operator=(const KindsAtHand&) = delete;
 
   BulkKinds* bulk() const { return bulk_.get(); }
+  std::span<BulkValues> bulk_sides() const {
+    return bulk_ == nullptr ? std::span<BulkValues>() : std::span(bulk_->sides);
+  }
   /// Whether Python is called for one place after the other.
   bool one_by_one() const { return core_.kind_at && bulk_ == nullptr; }
 
@@ -113,8 +117,6 @@ class LetOthersRun {
 // ---------------------------------------------------------------------------------------------
 // Wanted spacings
 // ---------------------------------------------------------------------------------------------
-
-using Nodes = std::span<const Cell* const>;
 
 /// The arrays that a vectorised size function gets. Their memory serves one batch after another, as
 /// long as the function keeps none of them.
@@ -187,134 +189,82 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 }
 
 // ---------------------------------------------------------------------------------------------
-// Where a walk is about to insert
+// Adapting
 // ---------------------------------------------------------------------------------------------
-
-/// Foresees insertions around the nodes of one stretch, for the vectorised functions that are asked
-/// about new nodes.
-class Forecast {
- public:
-  Forecast(const Mesh& mesh, BulkValues* init_data, BulkKinds* kinds)
-      : mesh_(mesh),
-        limit_(mesh.limit()),
-        dist_0_(mesh.dist_0()),
-        domain_(mesh.rectangle()),
-        init_data_(init_data),
-        kinds_(kinds) {
-    if (!has_readers()) return;
-    for (std::int32_t level = 0; level < limit_; ++level) {
-      spacings_.push_back(dist_0_ * std::exp2(-0.5 * level));
-    }
-  }
-
-  bool has_readers() const { return init_data_ != nullptr || kinds_ != nullptr; }
-
-  void look_ahead(Nodes nodes, std::span<const double> sizes) {
-    // Mostly nodes of the next two levels come: half as far from one another.
-    const double unit = 0.25 * dist_0_ * std::exp2(-0.5 * nodes.front()->ipos);
-    if (init_data_ != nullptr) init_data_->clear(unit);
-    if (kinds_ != nullptr) kinds_->clear(unit);
-    find_concerned(nodes, sizes);
-    for (std::size_t i = 0; i < concerned_.size(); ++i) {
-      if (const std::size_t ahead = i + 2 * nodes_ahead; ahead < concerned_.size()) {
-        __builtin_prefetch(&concerned_[ahead].node->n);
-      }
-      if (const std::size_t ahead = i + nodes_ahead; ahead < concerned_.size()) {
-        request_neighbours(*concerned_[ahead].node);
-      }
-      look_around(*concerned_[i].node, concerned_[i].size);
-    }
-    if (init_data_ != nullptr) init_data_->evaluate();
-    if (kinds_ != nullptr) kinds_->evaluate();
-  }
-
- private:
-  struct Concerned {
-    const Cell* node;
-    double size;
-  };
-
-  /// Those around which something may be inserted, told by their own first line of memory.
-  void find_concerned(Nodes nodes, std::span<const double> sizes) {
-    concerned_.clear();
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
-      const Cell& c = *nodes[i];
-      if (c.level >= limit_) continue;
-      if (too_coarse(c, sizes[i]) || c.reserve != 4 || may_complete_half_figure(c)) {
-        concerned_.push_back({&c, sizes[i]});
-      }
-    }
-  }
-
-  /// Prefetches what look_around() will read.
-  static void request_neighbours(const Cell& c) {
-    for (const auto link : links) {
-      if (const Cell* there = (c.*link).cell()) {
-        __builtin_prefetch(there);
-        __builtin_prefetch(&there->n);
-      }
-    }
-  }
-  static constexpr std::size_t nodes_ahead = 6;
-
-  bool too_coarse(const Cell& c, double size) const {
-    return c.level < limit_ && size < spacings_[static_cast<std::size_t>(c.level)];
-  }
-
-  void look_around(const Cell& node, double size) {
-    auto& c = const_cast<Cell&>(node);  // nothing here changes it
-    const bool refined = too_coarse(c, size);
-    for (const Proposals proposals = mesh_.build_vertex(c); const Vertex& v : proposals) {
-      if (v.level > limit_ || !(refined || completes_figure(v))) continue;
-      expect(v.x, v.y);
-    }
-    if (!refined) return;
-    // What is proposed once those are there: midpoints of links to nodes that are refined too.
-    for (const auto link : links) {
-      const Cell* there = (c.*link).cell();
-      if (there == nullptr || !too_coarse(*there, size)) continue;
-      expect((c.x + there->x) / 2.0, (c.y + there->y) / 2.0);
-    }
-  }
-
-  /// Half figures lie at sides.
-  bool may_complete_half_figure(const Cell& c) const {
-    return c.x - domain_.x_min <= dist_0_ || c.y - domain_.y_min <= dist_0_ ||
-           domain_.x_max - c.x <= dist_0_ || domain_.y_max - c.y <= dist_0_;
-  }
-
-  /// Figures that are completed also around nodes that are fine enough.
-  static bool completes_figure(const Vertex& v) {
-    return v.p4 == nullptr ||
-           (v.p1->reserve != 4 && v.p2->reserve != 4 && v.p3->reserve != 4 && v.p4->reserve != 4);
-  }
-
-  void expect(double x, double y) {
-    if (init_data_ != nullptr) init_data_->expect(x, y);
-    if (kinds_ == nullptr) return;
-    // One place more than is asked for does no harm, so rounding may be met with plenty of room.
-    const auto near = [this](double a, double b) { return std::abs(a - b) < 1e-6 * dist_0_; };
-    const std::array<bool, 4> on_side = {near(y, domain_.y_max), near(x, domain_.x_max),
-                                         near(y, domain_.y_min), near(x, domain_.x_min)};
-    for (std::size_t side = 0; side < 4; ++side) {
-      if (on_side[side]) kinds_->sides[side].expect(x, y);
-    }
-  }
-
-  const Mesh& mesh_;
-  std::int32_t limit_;
-  double dist_0_;
-  Rectangle domain_;
-  BulkValues* init_data_;
-  BulkKinds* kinds_;
-  std::vector<double> spacings_;  // of the levels
-  std::vector<Concerned> concerned_;
-};
 
 /// A batch is in the order of a walk upwards, from the first node of a stretch on, or downwards.
 bool is_refinement(const Mesh& mesh, Nodes nodes) {
   return nodes.front() == &*mesh.nodes(nodes.front()->ipos).begin();
+}
+
+/// update(), and with a resolution resolve().
+void adapt(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
+           bool init_vectorised, const py::object& kinds, bool kinds_vectorised,
+           const std::optional<Resolution>& resolution) {
+  const Changing changing(core, resolution ? "resolve" : "update");
+  const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
+  Mesh& mesh = *core.mesh;
+  const bool interpolates = init_data.is_none();
+
+  std::unique_ptr<BulkValues> values;
+  init_data_function value_at;
+  if (!interpolates && init_vectorised) {
+    values = std::make_unique<BulkValues>(
+        [&](std::span<const double> x, std::span<const double> y, std::span<double> out) {
+          const py::gil_scoped_acquire python;
+          copy_values(init_data(to_array(x), to_array(y)), "init_data", out);
+        });
+    value_at = [&](double x, double y) { return values->at(x, y); };
+  } else if (!interpolates) {
+    value_at = [&](double x, double y) {
+      const py::gil_scoped_acquire python;
+      double value = 0.0;
+      copy_values(init_data(x, y), "init_data", {&value, 1});
+      return value;
+    };
+  }
+
+  Forecast forecast(mesh, values.get(), kinds_at_hand.bulk_sides());
+  if (!vectorised && !forecast.has_readers()) {
+    const size_function one = [&](double x, double y, std::span<const double> data, double grad,
+                                  double grad2) {
+      return ask_for_one(size, x, y, data, grad, grad2);
+    };
+    if (resolution) {
+      interpolates ? mesh.resolve(one, *resolution) : mesh.resolve(one, value_at, *resolution);
+    } else {
+      interpolates ? mesh.update(one) : mesh.update(one, value_at);
+    }
+    return;
+  }
+  SizeArguments arguments;
+  const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
+    if (vectorised) {
+      const py::gil_scoped_acquire python;
+      copy_values(arguments.call(size, nodes, mesh), "size", sizes);
+    } else {
+      for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const Cell& c = *nodes[i];
+        sizes[i] =
+            ask_for_one(size, c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
+      }
+    }
+    if (!forecast.has_readers()) return;
+    if (resolution) {
+      forecast.look_ahead_for_rings(nodes, sizes);
+    } else if (is_refinement(mesh, nodes)) {
+      forecast.look_ahead(nodes, sizes);
+    }
+  };
+  const bool values_one_by_one = !interpolates && values == nullptr;
+  const LetOthersRun others(!vectorised || values_one_by_one || kinds_at_hand.one_by_one());
+  if (resolution) {
+    forecast.expect_holes();
+    interpolates ? mesh.resolve_batched(all, *resolution)
+                 : mesh.resolve_batched(all, value_at, *resolution);
+  } else {
+    interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
+  }
 }
 
 }  // namespace
@@ -368,55 +318,14 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
             bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
-  const Changing changing(core, "update");
-  const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
-  Mesh& mesh = *core.mesh;
-  const bool interpolates = init_data.is_none();
+  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised, {});
+}
 
-  std::unique_ptr<BulkValues> values;
-  init_data_function value_at;
-  if (!interpolates && init_vectorised) {
-    values = std::make_unique<BulkValues>(
-        [&](std::span<const double> x, std::span<const double> y, std::span<double> out) {
-          const py::gil_scoped_acquire python;
-          copy_values(init_data(to_array(x), to_array(y)), "init_data", out);
-        });
-    value_at = [&](double x, double y) { return values->at(x, y); };
-  } else if (!interpolates) {
-    value_at = [&](double x, double y) {
-      const py::gil_scoped_acquire python;
-      double value = 0.0;
-      copy_values(init_data(x, y), "init_data", {&value, 1});
-      return value;
-    };
-  }
-
-  Forecast forecast(mesh, values.get(), kinds_at_hand.bulk());
-  if (!vectorised && !forecast.has_readers()) {
-    const size_function one = [&](double x, double y, std::span<const double> data, double grad,
-                                  double grad2) {
-      return ask_for_one(size, x, y, data, grad, grad2);
-    };
-    interpolates ? mesh.update(one) : mesh.update(one, value_at);
-    return;
-  }
-  SizeArguments arguments;
-  const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
-    if (vectorised) {
-      const py::gil_scoped_acquire python;
-      copy_values(arguments.call(size, nodes, mesh), "size", sizes);
-    } else {
-      for (std::size_t i = 0; i < nodes.size(); ++i) {
-        const Cell& c = *nodes[i];
-        sizes[i] =
-            ask_for_one(size, c.x, c.y, {c.data.data(), c.data.size()}, c.grad_data, c.grad2_data);
-      }
-    }
-    if (forecast.has_readers() && is_refinement(mesh, nodes)) forecast.look_ahead(nodes, sizes);
-  };
-  const bool values_one_by_one = !interpolates && values == nullptr;
-  const LetOthersRun others(!vectorised || values_one_by_one || kinds_at_hand.one_by_one());
-  interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
+void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
+             std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
+             const py::object& kinds, bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised,
+        Resolution{margin, most_nodes, slope});
 }
 
 }  // namespace velmar_2d::python

@@ -114,6 +114,9 @@ std::unique_ptr<CoreMesh> make_mesh(const std::array<double, 4>& rectangle, std:
                                     bool kinds_vectorised);
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
             bool init_vectorised, const py::object& kinds, bool kinds_vectorised);
+void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
+             std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
+             const py::object& kinds, bool kinds_vectorised);
 void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
                     bool kinds_vectorised);
 

@@ -74,6 +74,9 @@ PYBIND11_MODULE(_core, m) {
   mesh.def("is_alive", &CoreMesh::is_alive);
   mesh.def("update", update, py::arg("size"), py::arg("init_data"), py::arg("vectorised"),
            py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"));
+  mesh.def("resolve", resolve, py::arg("size"), py::arg("init_data"), py::arg("margin"),
+           py::arg("most_nodes"), py::arg("slope"), py::arg("vectorised"),
+           py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"));
   mesh.def("set_subdiv_max", set_subdiv_max, py::arg("limit"), py::arg("kinds"),
            py::arg("kinds_vectorised"));
   mesh.def("subdiv_max", [](const CoreMesh& core) { return core.readable().limit(); });

@@ -172,15 +172,33 @@ class Mesh:
         Both ways lead to the same mesh; the vectorised one is many times faster. An exception of a
         callable leaves the mesh whole, with part of the update done.
         """
-        if isinstance(size, numbers.Real):
-            spacing = float(size)
-            size = lambda *_: spacing  # noqa: E731
-            vectorised = True
-        for name, function in (("size", size), ("init_data", init_data)):
-            if not callable(function) and not (function is None and name == "init_data"):
-                raise TypeError(f"{name} must be callable, not {type(function).__name__}")
-        self._core.update(size, init_data, vectorised,
-                          vectorised if init_vectorised is None else init_vectorised, *self._kinds)
+        self._core.update(*_callables(size, init_data, vectorised, init_vectorised), *self._kinds)
+        return self.statistics
+
+    def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
+                margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
+                vectorised: bool = True, init_vectorised: bool | None = None) -> UpdateStatistics:
+        """Adapts the mesh until no node is coarser than wanted, with as few nodes as that takes.
+
+        size and init_data are those of update(), and so is what they get; but size is asked once
+        for all nodes together, and once for each generation of new nodes. A second call with the
+        same sizes changes nothing, not even the revision. What is finer than the limit of
+        subdivision allows is not reached, and what lies between nodes and shows at none of them is
+        missed.
+
+        margin      levels by which a want must have fallen before nodes go, for sizes that follow
+                    data: 0.5 to 1.5 where they come from the gradient or the Hessian
+        most_nodes  raises MeshError where more nodes would be needed; the mesh is whole, with at
+                    most that many. Without: as many as there is memory for
+        slope       above 0, sizes are graded over the mesh: they grow by `slope` times the way at
+                    most. For features so thin that nodes of a coarse mesh do not see them from one
+                    to the next. init_data is then asked one by one for what grading adds
+        """
+        if most_nodes is not None and operator.index(most_nodes) < 1:
+            raise ValueError(f"most_nodes is {most_nodes}; it must be above 0")
+        size, init_data, *ways = _callables(size, init_data, vectorised, init_vectorised)
+        self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
+                           *self._kinds)
         return self.statistics
 
     @property
@@ -234,6 +252,20 @@ class Mesh:
         conductivity    one number, or one for each node; faces take the harmonic mean
         """
         return laplacian(self.nodes, conductivity, per_area)
+
+
+def _callables(size: Callable[..., Any] | float, init_data: Callable[..., Any] | None,
+               vectorised: bool, init_vectorised: bool | None,
+               ) -> tuple[Callable[..., Any], Callable[..., Any] | None, bool, bool]:
+    """What an update asks, and whether it is asked with arrays."""
+    init_vectorised = vectorised if init_vectorised is None else init_vectorised
+    if isinstance(size, numbers.Real):
+        spacing = float(size)
+        size, vectorised = lambda *_: spacing, True
+    for name, function in (("size", size), ("init_data", init_data)):
+        if not callable(function) and not (function is None and name == "init_data"):
+            raise TypeError(f"{name} must be callable, not {type(function).__name__}")
+    return size, init_data, vectorised, init_vectorised
 
 
 def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, float]:

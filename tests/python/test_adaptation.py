@@ -1,4 +1,6 @@
 """Vectorised and scalar functions lead to one mesh, to the last bit; and how often each is asked."""
+import functools
+
 import numpy as np
 import pytest
 
@@ -38,8 +40,12 @@ def history(rectangle, nx, seed, vectorised, init_vectorised, bc_vectorised):
                 return np.sin(5.0 * (x - x0)) * (y - south)
 
             with_init = random.random() < 0.6
-            statistics = mesh.update(size, init_data if with_init else None, vectorised=vectorised,
-                                     init_vectorised=init_vectorised)
+            adapt = mesh.update
+            if random.random() < 0.5:
+                adapt = functools.partial(mesh.resolve, margin=random.choice([0.0, 1.0]),
+                                          slope=random.choice([0.0, 0.2]))
+            statistics = adapt(size, init_data if with_init else None, vectorised=vectorised,
+                               init_vectorised=init_vectorised)
             nodes = mesh.nodes
             left_behind += [statistics, nodes.positions, nodes.ids - first_id, nodes.levels,
                             nodes.ipos, nodes.links, nodes.data, nodes.grad, nodes.grad2]
@@ -149,3 +155,87 @@ def test_derivatives_are_those_of_the_data(adapted):
     assert (adapted.nodes.grad > 0.0).any()  # as last computed
     adapted.update(np.nan)
     assert not adapted.nodes.grad.any()
+
+
+def levels_short(mesh, size):
+    """By how many levels each node is too coarse."""
+    nodes = mesh.nodes
+    wanted = 2.0 * np.log2(mesh.dist_0 / size(nodes.x, nodes.y, nodes.data, nodes.grad, nodes.grad2))
+    return np.minimum(np.ceil(wanted - 1e-8), mesh.subdiv_max) - nodes.levels
+
+
+def test_resolve_leaves_no_node_too_coarse_and_then_rests():
+    def steep(x, y, *_):
+        return 0.002 + 1.3 * np.hypot(x - 0.4, y - 0.7)
+
+    with Mesh(nx=9, subdiv_max=20) as mesh:
+        for _ in range(5):
+            mesh.update(steep)
+        assert levels_short(mesh, steep).max() > 0  # more than update() can do
+        done = mesh.resolve(steep)
+        assert levels_short(mesh, steep).max() <= 0
+        assert done == mesh.statistics and done.inserted > 0
+        before = mesh.revision
+        rest = mesh.resolve(steep)
+        assert mesh.revision == before and rest == (len(mesh), 0, 0, 0)
+        mesh.resolve(lambda *a: 1.3 * steep(*a), margin=1.0)  # 0.76 levels less
+        assert mesh.revision == before
+        mesh.resolve(lambda *a: 1.3 * steep(*a))
+        assert mesh.revision > before and mesh.check() == []
+
+
+def test_slope_grades_sizes():
+    def thin(x, y, *_):
+        return np.where(np.abs(x - 0.5) < 0.01, 0.02, 1.0)
+
+    with Mesh(nx=9, ny=9) as mesh:
+        mesh.resolve(thin)
+        few = len(mesh)
+        mesh.resolve(thin, slope=0.2)
+        nodes = mesh.nodes
+        near = (nodes.x - 0.5) ** 2 < 0.2 ** 2
+        assert len(mesh) > 1.5 * few
+        assert mesh.dist_0 / 2.0 ** (nodes.levels[near].min() / 2.0) <= 0.02 + 0.2 * 0.2
+
+
+def test_resolve_ends_where_more_nodes_are_needed():
+    with Mesh(nx=9, ny=9, subdiv_max=12) as mesh:
+        with pytest.raises(velmar_2d.MeshError, match="more than 5000 nodes would be needed"):
+            mesh.resolve(1e-5, most_nodes=5000)
+        assert len(mesh) == 5000 and mesh.check() == []
+        mesh.resolve(np.inf, most_nodes=5000)
+        mesh.resolve(0.03, most_nodes=5000)
+        assert 1000 < len(mesh) < 5000
+        for most_nodes in (0, -1):
+            with pytest.raises(ValueError, match="most_nodes"):
+                mesh.resolve(0.03, most_nodes=most_nodes)
+
+
+@pytest.mark.parametrize("name", RECTANGLES)
+def test_places_of_resolve_are_foreseen(name):
+    rectangle, nx = RECTANGLES[name]
+    batches, places, sides = [], [], []
+    west, _, south, _ = rectangle
+
+    def size(x, y, *_):
+        batches.append(len(x))
+        return 0.004 + 0.3 * np.abs(np.hypot(x - west, y - south) - 0.5)
+
+    def init_data(x, y):
+        places.append(len(x))
+        return x + y
+
+    def bc_type(x, y, side):
+        sides.append(len(x))
+        return np.zeros(len(x), dtype=int)
+
+    with Mesh(rectangle, nx=nx, subdiv_max=12, bc_type=bc_type) as mesh:
+        first = len(mesh)
+        done = mesh.resolve(size, init_data)
+        new = mesh.nodes.ipos > 0
+        np.testing.assert_array_equal(mesh.nodes.data[new, 0], mesh.nodes.positions[new].sum(axis=1))
+        assert batches[0] == first and sum(batches) == done.visited == first + done.inserted
+        assert len(batches) < 20 and done.inserted > 2000
+        one_by_one = 0.1 if name == "rounded" else 0.01  # last bits of coordinates differ
+        assert places.count(1) + sides.count(1) < one_by_one * done.inserted
+        assert sum(places) < 2 * done.inserted
