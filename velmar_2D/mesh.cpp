@@ -145,10 +145,10 @@ Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
   if (grid.n_cell_data < 0) refuse("n_cell_data is negative");
   set_rectangle(made, rectangle);
   made.n_cell_data = grid.n_cell_data;
-  double y_max = 0.0;
+  double upper_y = 0.0;
   const detail::MeshChange change(made, "Mesh");
   detail::init_mesh(made, grid.bc_type ? grid.bc_type : same_kind(bc_type_dir), grid.nx, ny,
-                    grid.subdiv_max, y_max);
+                    grid.subdiv_max, upper_y);
 }
 
 UpdateStatistics Mesh::update(const size_function& size) {

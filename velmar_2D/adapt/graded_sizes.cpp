@@ -31,7 +31,9 @@ void GradedSizes::add(Cell& c, double size) {
   lattice_.add({at, &c, c.ipos});
   Node node;
   node.has_own = size >= 0.0;
-  node.own = node.graded = node.has_own ? size : no_size;
+  node.own = no_size;
+  if (node.has_own) node.own = size;
+  node.graded = node.own;
   node.ipos = c.ipos;
   std::size_t n = 0;
   for (int d = c.ipos % 2; d < nb_directions; d += 2) {

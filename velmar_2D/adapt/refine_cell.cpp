@@ -46,13 +46,13 @@ void special_sort_level(State& state, std::int32_t l) {
   state.stretch_nodes.forget();  // they are in the old order
   Cell*& head = state.level_beg[static_cast<std::size_t>(l)].next;
   Cell*& tail = state.level_end[static_cast<std::size_t>(l)].next;
-  const auto& directions = l % 2 == 0 ? straight_directions : diagonal_directions;
+  const auto& own_directions = l % 2 == 0 ? straight_directions : diagonal_directions;
 
   Cell* c = tail;
   while (c != nullptr) {
     Cell* following = c->prev;
     std::int32_t lmax = 0, lmin = l;
-    for (const int d : directions) {
+    for (const int d : own_directions) {
       const Cell* neighbour = link(*c, d).cell();
       if (neighbour == nullptr) continue;
       lmax = std::max(lmax, neighbour->level);

@@ -150,7 +150,7 @@ class Resolver {
   }
 
   void list_nodes() {
-    std::size_t i = static_cast<std::size_t>(state_.nb_nodes);
+    auto i = static_cast<std::size_t>(state_.nb_nodes);
     reserve_nodes(state_, nodes_, i);
     nodes_.resize(i);
     Walk walk = Walk::to_list(state_.history);
@@ -206,7 +206,8 @@ class Resolver {
     graded.grade();
     state_.update_statistics.refused = 0;
     for (std::size_t i = 0; i < graded.size(); ++i) {
-      if (Cell* c = graded.node(i)) settle(*c, graded.at(i), graded.has_own(i) ? 0 : c->level);
+      if (Cell* c = graded.cell_of(i))
+        settle(*c, graded.size_of(i), graded.has_own(i) ? 0 : c->level);
     }
   }
 
@@ -257,15 +258,16 @@ class Resolver {
 
   /// Where wants have fallen, and on from there. All others are needed as before.
   void release_around_fallen() {
-    for (std::size_t i = 0; i < fallen_.size(); ++i) {
-      const Cell& p = *fallen_[i];
+    for (const Cell* fallen : fallen_) {
+      const Cell& p = *fallen;
       for (int d = 0; d < nb_directions; ++d) {
         Cell* linked = link(p, d).cell();
         if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
       }
     }
-    for (std::size_t i = 0; i < surplus_.size(); ++i) {
-      Cell& c = *surplus_[i];
+    std::size_t next = 0;  // removals make more
+    while (next < surplus_.size()) {
+      Cell& c = *surplus_[next++];
       std::array<Cell*, 4> parents{};
       for (int d = c.ipos % 2; d < nb_directions; d += 2) {
         parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();

@@ -85,9 +85,8 @@ class Restorer {
   void find_missing() {
     for (std::size_t l = missing_by_ipos_.size(); l-- > 1;) {
       for (std::size_t i = first_of_ipos_[l]; i < first_of_ipos_[l + 1]; ++i) add_parents(i);
-      for (std::size_t k = 0; k < missing_by_ipos_[l].size(); ++k) {
-        add_parents(missing_by_ipos_[l][k]);
-      }
+      std::size_t k = 0;  // parents that are missing too may join these
+      while (k < missing_by_ipos_[l].size()) add_parents(missing_by_ipos_[l][k++]);
     }
     const LatticePoint last = lattice_.last();
     for (LatticePoint p{0, 0}; p.y <= last.y; p.y += lattice_.grid_step()) {
@@ -107,10 +106,10 @@ class Restorer {
   void place_on_grid(Missing& m, LatticePoint p) const {
     const Domain& domain = state_.domain;
     const LatticePoint last = lattice_.last();
-    const auto columns = static_cast<double>((last.x - p.x) / lattice_.grid_step());
-    const auto rows = static_cast<double>(p.y / lattice_.grid_step());
-    m.x = p.x == 0 ? domain.x_min : domain.x_max - columns * domain.dist_0;
-    m.y = domain.y_min + rows * domain.dist_0;
+    const std::int64_t columns = (last.x - p.x) / lattice_.grid_step();
+    const std::int64_t rows = p.y / lattice_.grid_step();
+    m.x = p.x == 0 ? domain.x_min : domain.x_max - static_cast<double>(columns) * domain.dist_0;
+    m.y = domain.y_min + static_cast<double>(rows) * domain.dist_0;
   }
 
   void ask_callbacks() {

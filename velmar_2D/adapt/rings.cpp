@@ -25,7 +25,7 @@ void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t ca
   try {
     nodes.reserve(capacity);
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, capacity * sizeof(Cell*));
+    allocation_failed(state.handlers, capacity * sizeof(void*));
   }
 }
 
@@ -86,19 +86,17 @@ bool RingMaker::make_or_defer(const Member& member) {
     if (apex == nullptr) return false;
     far = link(*apex, left != nullptr ? d + 1 : d - 1).cell();
     if (far == nullptr) return false;
-  } else {
-    if (left == nullptr || right == nullptr) return false;
-    const bool beyond_is_outside = is_straight(d) && is_outside(*left, d);
-    if (!beyond_is_outside) {
-      const bool from_left = left->ipos >= right->ipos;
-      Cell& beside = from_left ? *left : *right;
-      const int to_far = from_left ? d + 1 : d - 1;
-      far = link(beside, to_far).cell();
-      if (far == nullptr) {
-        if (member.level <= 1) return false;
-        deferred_.push_back({&beside, to_far, member.level - 1});
-        return true;
-      }
+  } else if (left == nullptr || right == nullptr) {
+    return false;
+  } else if (!is_straight(d) || !is_outside(*left, d)) {  // beyond a side there is no far corner
+    const bool from_left = left->ipos >= right->ipos;
+    Cell& beside = from_left ? *left : *right;
+    const int to_far = from_left ? d + 1 : d - 1;
+    far = link(beside, to_far).cell();
+    if (far == nullptr) {
+      if (member.level <= 1) return false;
+      deferred_.push_back({&beside, to_far, member.level - 1});
+      return true;
     }
   }
   deferred_.pop_back();

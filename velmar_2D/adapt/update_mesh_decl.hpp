@@ -430,8 +430,8 @@ class GradedSizes {
   /// What is graded next is graded from the nodes' own sizes.
   void forget_grading();
   /// The node with a number, which may have gone, and its size.
-  Cell* node(std::size_t i) const { return lattice_.entries()[i].cell; }
-  double at(std::size_t i) const { return nodes_[i].graded; }
+  Cell* cell_of(std::size_t i) const { return lattice_.entries()[i].cell; }
+  double size_of(std::size_t i) const { return nodes_[i].graded; }
   bool has_own(std::size_t i) const { return nodes_[i].has_own; }
 
  private:

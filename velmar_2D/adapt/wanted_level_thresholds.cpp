@@ -61,8 +61,8 @@ std::int32_t level_wanted_by(double ratio) {
   const auto bits = std::bit_cast<std::uint64_t>(ratio);
   const int exponent = static_cast<int>(bits >> fraction_bits) - exponent_bias;
   if (2 * exponent > highest_wanted_level) return highest_wanted_level;
-  const double fraction = std::bit_cast<double>((bits & ((std::uint64_t{1} << fraction_bits) - 1)) |
-                                                std::uint64_t{exponent_bias} << fraction_bits);
+  const auto fraction = std::bit_cast<double>((bits & ((std::uint64_t{1} << fraction_bits) - 1)) |
+                                              std::uint64_t{exponent_bias} << fraction_bits);
   const std::int32_t above = fraction > sqrt_of_2 * (1.0 + threshold_margin) ? 2
                              : fraction > 1.0 + threshold_margin             ? 1
                                                                              : 0;

@@ -148,8 +148,7 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
                                   double* dfdy) {
   const Handlers& handlers = work.handlers_or(state.handlers);
   Stencil& list_1 = work.list_1;
-  Candidates& list_2 = work.list_2;
-  int n_list_1 = 0, n_list_2 = 0;
+  int n_list_1 = 0;
   Derivatives d;
 
   // The node and its neighbours, and what closes a regular square or the squares at a side.
@@ -169,8 +168,9 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
   } else {
     // Too few rows for a quadratic: the neighbours' neighbours, in the order in which they are
     // tried.
-    int n_added = 0;
+    int n_list_2 = 0, n_added = 0;
     if (n_list_1 < 6) {
+      Candidates& list_2 = work.list_2;
       extract_ids(c, list_1);
       extract_neighbors_neighbors(c, list_2, n_list_2);
       unique_in_list(work, list_2, n_list_2);

@@ -30,7 +30,7 @@ const FitOperator* FitOperators::keep(const FitOperator& op) {
       if (copy == nullptr) return nullptr;
       if (place.compare_exchange_strong(there, copy, std::memory_order_acq_rel)) return copy;
     }
-    if (there->key == op.key) {  // another thread was faster
+    if (there != nullptr && there->key == op.key) {  // another thread was faster
       delete copy;
       return there;
     }
