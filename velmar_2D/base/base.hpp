@@ -139,6 +139,19 @@ inline constexpr double coarsening_margin = 1.05;
 /// Of a ratio of spacings: far more than the rounding of a logarithm.
 inline constexpr double threshold_margin = 1e-9;
 
+// Derivatives
+
+/// How far a neighbour of a regular square may be from its place, relative to the squared spacing:
+/// 1e-6 of the spacing, well above the rounding of positions and well below a finer neighbour.
+inline constexpr double regular_square_tolerance = 2e-6;
+/// How far a row may be from its place on the lattice, in its unit of length: coordinates are
+/// rounded. The derivatives are corrected for that, up to its square and its product with what a
+/// fit of more than six rows leaves over; rows farther off are fitted where they are.
+inline constexpr double offset_tolerance = 1e-8;
+/// Distance from a line below which a node counts as lying on it, relative to the stencil's size:
+/// far above the rounding of positions, far below any spacing.
+inline constexpr double alignment_tolerance = 1e-9;
+
 // Control cells
 
 /// Largest deviation of a linked node from its place on the lattice, as a fraction of the distance.

@@ -7,10 +7,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Distance from a line below which a node counts as lying on it, relative to the stencil's size:
-/// far above the rounding of positions, far below any spacing.
-constexpr double alignment_tolerance = 1e-9;
-
 double distance(const Stencil& list, int i, int j) {
   return std::hypot(list.x[j] - list.x[i], list.y[j] - list.y[i]);
 }

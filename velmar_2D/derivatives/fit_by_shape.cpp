@@ -22,11 +22,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// How far a row may be from its place on the lattice, in its unit of length: coordinates are
-/// rounded. The derivatives are corrected for that, up to its square and its product with what a
-/// fit of more than six rows leaves over; rows farther off are fitted where they are.
-constexpr double offset_tolerance = 1e-8;
-
 /// A stencil, packed: the offset of the neighbour in each of the eight directions, 4 bits each, 0
 /// where there is none; then those of up to three rows that are no neighbours, x and y with 5 bits
 /// each, 0 where there is none. Rows come in this order.

@@ -8,10 +8,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// How far a neighbour of a regular square may be from its place, relative to the squared spacing:
-/// 1e-6 of the spacing, well above the rounding of positions and well below a finer neighbour.
-constexpr double regular_square_tolerance = 2e-6;
-
 template <int nb_rows>
 void append_neighbors(const Cell& c, StencilTable<nb_rows>& list, int& n_list) {
   for (int direction = 0; direction < nb_directions; ++direction) {
