@@ -87,19 +87,23 @@ void report_phases(const Run& run, int repetition, std::int64_t count, const Pha
   report(run, repetition, "p4est", "neighbours", count, phases.neighbours);
 }
 
-/// Nodes that stay coarser than wanted, and by how many levels at most, in place of the seconds.
-void report_left_over(const Run& run, const ours::TooCoarse& left_over) {
-  report(run, 0, "ours", "too coarse", left_over.count, left_over.levels);
-}
-
 void expect(bool condition, const std::string& text) {
   if (condition) return;
   std::fprintf(stderr, "%s\n", text.c_str());
   std::exit(EXIT_FAILURE);
 }
 
-/// From the first grid until no cell is coarser than wanted; ours also until one more update would
-/// change no position.
+void expect_resolved(const Field& field) {
+  expect(ours::too_coarse(field).count == 0, "nodes are too coarse");
+}
+
+/// Nodes that stay coarser than wanted, and by how many levels at most, in place of the seconds.
+void report_left_over(const Run& run, const ours::TooCoarse& left_over) {
+  report(run, 0, "ours", "too coarse", left_over.count, left_over.levels);
+}
+
+/// From the first grid until no cell is coarser than wanted: ours by one call that resolves, and by
+/// updates; these also until one more would change no position.
 void ring(const Run& run) {
   const Field field = field_for(run);
   const ours::Updates needed = ours::updates_needed(field);
@@ -108,6 +112,13 @@ void ring(const Run& run) {
   const int nb_rounds = Quadtree::rounds_needed(field);
   report(run, 0, "p4est", "rounds", nb_rounds, 0.0);
   for (int r = 0; r < run.repetitions; ++r) {
+    prepare(run);
+    const Stopwatch resolving;
+    ours::make_resolved(field, 0);
+    report(run, r, "ours", "resolve", nb_nodes, resolving.seconds());
+    if (r == 0) expect_resolved(field);
+    ours::end();
+
     const auto time_ours = [&](const char* what, int nb_updates) {
       prepare(run);
       const Stopwatch watch;
@@ -132,9 +143,31 @@ void ring(const Run& run) {
   }
 }
 
+const char* what_of(bool resolving, int values) {
+  if (resolving) return values == 0 ? "resolve" : "resolve with value and indicators";
+  return values == 0 ? "no data" : "value and indicators";
+}
+
+/// One more call, after which nothing has changed.
+void steady_resolved(const Run& run, const Field& field) {
+  for (const int values : {0, 1}) {
+    prepare(run);
+    ours::make_resolved(field, values);
+    const std::int64_t before = mesh_revision;
+    for (int r = 0; r < run.repetitions; ++r) {
+      const Stopwatch watch;
+      ours::resolve(field);
+      report(run, r, "ours", what_of(true, values), nb_nodes, watch.seconds());
+      expect(mesh_revision == before, "the mesh still changes");
+    }
+    ours::end();
+  }
+}
+
 /// One more update, after which every node is where it was.
 void steady(const Run& run) {
   const Field field = field_for(run);
+  steady_resolved(run, field);
   const int nb_updates = ours::updates_needed(field).to_settle;
   for (const int values : {0, 1}) {
     prepare(run);
@@ -143,8 +176,7 @@ void steady(const Run& run) {
     for (int r = 0; r < run.repetitions; ++r) {
       const Stopwatch watch;
       ours::update(field);
-      report(run, r, "ours", values == 0 ? "no data" : "value and indicators", nb_nodes,
-             watch.seconds());
+      report(run, r, "ours", what_of(false, values), nb_nodes, watch.seconds());
       if (r == 0) report(run, r, "ours", "inserted and removed", update_statistics.inserted, 0.0);
       expect(ours::position_hash() == before, "the mesh still changes");
     }
@@ -188,6 +220,25 @@ void front_ours(const Run& run, int r, const char* what, std::int32_t values, bo
   ours::end();
 }
 
+void front_resolved(const Run& run, int r, std::int32_t values) {
+  prepare(run);
+  const Field field = field_for(run);
+  const int first = (r * run.steps) % nb_front_steps;
+  ours::make_resolved(front_at(field, first), values);
+  double seconds = 0.0;
+  std::int64_t count = 0;
+  for (int step = first + 1; step <= first + run.steps; ++step) {
+    const Field now = front_at(field, step);
+    const Stopwatch watch;
+    ours::resolve(now);
+    seconds += watch.seconds();
+    count += nb_nodes;
+    if (r == 0 && values == 0) expect_resolved(now);
+  }
+  report(run, r, "ours", what_of(true, values), count, seconds);
+  ours::end();
+}
+
 void front_p4est(const Run& run, int r) {
   prepare(run);
   const Field field = field_for(run);
@@ -218,9 +269,11 @@ void front(const Run& run) {
   report(run, 0, "both", "steps", run.steps, 0.0);
   ours::TooCoarse left_over;
   for (int r = 0; r < run.repetitions; ++r) {
-    front_ours(run, r, "no data", 0, false, left_over);
+    front_resolved(run, r, 0);
+    front_ours(run, r, what_of(false, 0), 0, false, left_over);
     front_p4est(run, r);
-    front_ours(run, r, "value and indicators", 1, false, left_over);
+    front_resolved(run, r, 1);
+    front_ours(run, r, what_of(false, 1), 1, false, left_over);
     if (!run.is_large()) front_ours(run, r, "value", 1, true, left_over);
   }
   report_left_over(run, left_over);

@@ -34,12 +34,20 @@ void set_values(const Field& field) {
 
 void update(const Field& field) { update_mesh_no_init(size_of(field)); }
 
+void resolve(const Field& field) { resolve_mesh_no_init(size_of(field)); }
+
 void compute_derivatives() { compute_data_at_all_nodes(); }
 
 void make(const Field& field, std::int32_t values, int nb_updates) {
   start(field, values);
   if (values > 0) set_values(field);
   for (int i = 0; i < nb_updates; ++i) update(field);
+}
+
+void make_resolved(const Field& field, std::int32_t values) {
+  start(field, values);
+  if (values > 0) set_values(field);
+  resolve(field);
 }
 
 void TooCoarse::add(const TooCoarse& other) {

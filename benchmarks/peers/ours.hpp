@@ -11,10 +11,14 @@ void start(const Field& field, std::int32_t values);
 void set_values(const Field& field);
 /// One adaptation; values, where there are any, are interpolated.
 void update(const Field& field);
+/// The update after which no node is coarser than wanted.
+void resolve(const Field& field);
 /// Gradient and Hessian norms of all nodes.
 void compute_derivatives();
 /// start() and so many updates.
 void make(const Field& field, std::int32_t values, int nb_updates);
+/// start() and one call of resolve().
+void make_resolved(const Field& field, std::int32_t values);
 /// Nodes whose level lies below the wanted one, and by how many levels at most.
 struct TooCoarse {
   std::int64_t count = 0;

@@ -80,7 +80,7 @@ def rows_of(results):
 
 
 def text_table(results):
-    lines = [f"{'case':12}{'about':>9}  {'side':6}{'what':22}{'nodes/cells':>12}{'seconds':>10}"
+    lines = [f"{'case':12}{'about':>9}  {'side':6}{'what':36}{'nodes/cells':>12}{'seconds':>10}"
              f"{'ns each':>9}  {'range':15}{'ours/theirs':>12}{'at equal hmin':>14}"]
     last = None
     for case, about, side, what, one, ratio in rows_of(results):
@@ -93,7 +93,7 @@ def text_table(results):
             seconds, scale, unit = f"{one.total:.4f}", 1e9, ""
         low, high = one.range
         spread = f"{low * scale:.0f} to {high * scale:.0f}" if len(one.counts) > 1 else ""
-        line = (f"{case:12}{about:>9}  {side:6}{what:22}{one.count / one.steps:>12.0f}{seconds:>10}"
+        line = (f"{case:12}{about:>9}  {side:6}{what:36}{one.count / one.steps:>12.0f}{seconds:>10}"
                 f"{one.median * scale:>9.1f}{unit}  {spread:15}")
         if ratio is not None:
             peer = peer_of(case, results[case, about], what)

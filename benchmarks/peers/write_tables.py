@@ -13,12 +13,13 @@ import sys
 from results import CASES, machine_of, peer_of, read_results, rows_of
 
 LINES = [  # name, case, (side, what), colour
-    ("ring, from scratch", "ring", ("ours", "no data"), "0.80 0.15 0.15"),
+    ("ring, resolve", "ring", ("ours", "resolve"), "0.80 0.15 0.15"),
     ("ring, p4est", "ring", ("p4est", "all"), "0.80 0.15 0.15"),
-    ("front, no data", "front", ("ours", "no data"), "0.00 0.45 0.70"),
-    ("front, value and indicators", "front", ("ours", "value and indicators"), "0.30 0.70 0.95"),
+    ("front, resolve", "front", ("ours", "resolve"), "0.00 0.45 0.70"),
+    ("front, resolve with value and indicators", "front",
+     ("ours", "resolve with value and indicators"), "0.30 0.70 0.95"),
     ("front, p4est", "front", ("p4est", "all"), "0.00 0.45 0.70"),
-    ("steady, no data", "steady", ("ours", "no data"), "0.50 0.35 0.65"),
+    ("steady, resolve", "steady", ("ours", "resolve"), "0.50 0.35 0.65"),
     ("steady, p4est", "steady", ("p4est", "all"), "0.50 0.35 0.65"),
     ("derivatives", "derivatives", ("ours", "value"), "0.10 0.55 0.25"),
     ("derivatives, Eigen's LU", "derivatives", ("eigen", "lu"), "0.10 0.55 0.25"),
@@ -88,15 +89,19 @@ def phases_table(results):
 
 
 def settled_table(results):
-    yield "| case | about | finest spacing | updates of ours | coarser than wanted | by at most | rounds of p4est |"
-    yield "|---|---|---|---|---|---|---|"
+    yield ("| case | about | finest spacing | nodes by resolve | cells of p4est | nodes / cells "
+           "| rounds of p4est | updates | nodes by updates | coarser than wanted | by at most |")
+    yield "|---|---|---|---|---|---|---|---|---|---|---|"
     for (case, about), measured in results.items():
         if ("ours", "too coarse") not in measured or case == "front":
             continue
-        left, nodes = measured["ours", "too coarse"], measured["ours", "no data"]
+        left, updated = measured["ours", "too coarse"], measured["ours", "no data"]
+        resolved, cells = measured["ours", "resolve"].count, measured["p4est", "all"].count
         yield (f"| {case} | {about:.0e} | {measured['both', 'finest'].total:g} | "
-               f"{measured['ours', 'updates'].count:.0f} | {100 * left.count / nodes.count:.1f} % | "
-               f"{left.total:.2f} levels | {measured['p4est', 'rounds'].count:.0f} |"
+               f"{number(resolved)} | {number(cells)} | **{resolved / cells:.2f}** | "
+               f"{measured['p4est', 'rounds'].count:.0f} | "
+               f"{measured['ours', 'updates'].count:.0f} | {number(updated.count)} | "
+               f"{100 * left.count / updated.count:.1f} % | {left.total:.2f} levels |"
                ).replace("e+0", "e")
 
 
