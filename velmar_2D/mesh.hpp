@@ -39,6 +39,7 @@ namespace velmar_2d {
 
 namespace detail {
 struct State;
+struct SnapshotAccess;
 struct StateDeleter {
   VELMAR_2D_API void operator()(State* state) const;
 };
@@ -325,6 +326,7 @@ class VELMAR_2D_API Mesh {
 
  private:
   friend Mesh& default_mesh();
+  friend struct detail::SnapshotAccess;
   explicit Mesh(detail::State* state) : state_(state) {}
   detail::State& state() const;
 
