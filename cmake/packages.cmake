@@ -22,7 +22,8 @@ set(CPACK_COMPONENTS_ALL library io dev tools doc)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io)
+  ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io
+  ${CMAKE_CURRENT_BINARY_DIR}/hdf5)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # One package: its component, name, section, Debian dependencies beside the shared libraries that
@@ -42,7 +43,15 @@ velmar_2d_package(library ${library} libs ""
   "This package holds the shared library.")
 velmar_2d_package(io ${io} libs "${library} ${same}"
   "This package holds the shared library for pictures and ParaView files.")
-velmar_2d_package(dev libvelmar-2d-dev libdevel "${library} ${same}, ${io} ${same}"
+set(libraries "${library} ${same}, ${io} ${same}")
+if(TARGET velmar_2d_hdf5)
+  set(hdf5 libvelmar-2d-hdf5${abi})
+  list(APPEND CPACK_COMPONENTS_ALL hdf5)
+  velmar_2d_package(hdf5 ${hdf5} libs "${library} ${same}"
+    "This package holds the shared library for saving and loading.")
+  string(APPEND libraries ", ${hdf5} ${same}")
+endif()
+velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}"
   "This package holds the headers and what CMake and pkg-config need.")
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
   "This package holds the program velmar_2d, to look at meshes.")

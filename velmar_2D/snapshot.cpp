@@ -330,6 +330,24 @@ void check_links(const Snapshot& s, bool mutual) {
   }
 }
 
+/// The kind that all nodes on a side have, n, e, s, w; -1 where they differ.
+std::array<std::int32_t, 4> kinds_of_sides(const Snapshot& s) {
+  std::array<std::int32_t, 4> kinds{};
+  for (std::size_t side = 0; side < 4; ++side) {
+    std::int32_t kind = no_link;
+    bool differ = false;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+      const std::int32_t to = s.links[2 * side * s.size() + i];
+      if (to > first_side_code) continue;
+      const std::int32_t of_node = (first_side_code - to) % 3;
+      differ = differ || (kind != no_link && kind != of_node);
+      kind = of_node;
+    }
+    kinds[side] = differ ? -1 : std::max(kind, 0);
+  }
+  return kinds;
+}
+
 bc_type_function kinds_from(const Snapshot& s) {
   static constexpr std::array<const char*, 4> names = {"North", "East", "South", "West"};
   const std::array<std::int32_t, 4> kinds = kinds_of_sides(s);
@@ -502,23 +520,6 @@ Mesh restore(const Snapshot& s, const bc_type_function& bc_type, bool check) {
   state.level_range = s.level_range;
   if (check) require_whole(state);
   return SnapshotAccess::mesh_of(std::move(owned));
-}
-
-std::array<std::int32_t, 4> kinds_of_sides(const Snapshot& s) {
-  std::array<std::int32_t, 4> kinds{};
-  for (std::size_t side = 0; side < 4; ++side) {
-    std::int32_t kind = no_link;
-    bool differ = false;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-      const std::int32_t to = s.links[2 * side * s.size() + i];
-      if (to > first_side_code) continue;
-      const std::int32_t of_node = (first_side_code - to) % 3;
-      differ = differ || (kind != no_link && kind != of_node);
-      kind = of_node;
-    }
-    kinds[side] = differ ? -1 : std::max(kind, 0);
-  }
-  return kinds;
 }
 
 }  // namespace velmar_2d::detail

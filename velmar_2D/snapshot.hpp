@@ -56,9 +56,6 @@ VELMAR_2D_API Snapshot take_snapshot(const Mesh& mesh);
 /// @param bc_type  kinds of the sides; empty: one kind for each side, that of all its nodes
 VELMAR_2D_API Mesh restore(const Snapshot& snapshot, const bc_type_function& bc_type, bool check);
 
-/// The kind that all nodes on a side have, n, e, s, w; -1 where they differ.
-VELMAR_2D_API std::array<std::int32_t, 4> kinds_of_sides(const Snapshot& snapshot);
-
 /// The door to the state of a Mesh.
 struct SnapshotAccess {
   static const State& state_of(const Mesh& mesh) { return mesh.state(); }

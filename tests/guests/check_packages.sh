@@ -22,7 +22,7 @@ cpack --config "$build/CPackConfig.cmake" -B "$build/packages" >"$build/packages
 cd "$build/packages"
 names=$(for package in *.deb; do dpkg-deb -f "$package" Package; done)
 number=$(echo "$names" | wc -l)
-[ "$number" -eq $((5 + ${python:+1}+0)) ] || fail "packages: $names"
+[ "$number" -eq $((6 + ${python:+1}+0)) ] || fail "packages: $names"
 
 # dpkg knows what is installed on this machine, so that it refuses a package whose dependencies do
 # not exist.
