@@ -36,6 +36,18 @@ void unshuffle(const std::byte* from, std::byte* to, std::size_t count, std::siz
   }
 }
 
+/// All threads but this one that do some work; fewer where the system gives no more.
+template <typename Work>
+std::vector<std::jthread> helpers(std::size_t threads, const Work& work) {
+  std::vector<std::jthread> others;
+  try {
+    for (std::size_t i = 1; i < threads; ++i) others.emplace_back(work);
+  } catch (const std::exception&) {
+    // This thread does it all, then.
+  }
+  return others;
+}
+
 /// Does the jobs 0 to n - 1, on so many bytes in all, by up to four threads, each with a worker of
 /// its own. The first exception ends all and is thrown here.
 template <typename Worker>
@@ -55,14 +67,9 @@ void share(std::size_t n, std::size_t bytes, const std::function<void(Worker&, s
     }
   };
   {
-    std::vector<std::jthread> others;
     const std::size_t threads = std::min({most_threads, bytes / bytes_worth_a_thread,
                                           std::size_t{std::thread::hardware_concurrency()}});
-    try {
-      for (std::size_t i = 1; i < threads; ++i) others.emplace_back(work);
-    } catch (const std::exception&) {
-      // This thread does it all, then.
-    }
+    const std::vector<std::jthread> others = helpers(threads, work);
     work();
   }
   if (failure) std::rethrow_exception(failure);

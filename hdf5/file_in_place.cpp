@@ -73,12 +73,12 @@ FileInPlace::FileInPlace(const std::string& path) : place_(resolved(path)) {
   }
   // No other file of this process, or of another one, is on its way under this name.
   static std::atomic<unsigned> files{0};
-  std::string beside =
+  std::string name =
       place_ + "." + std::to_string(getpid()) + "." + std::to_string(files++) + ".part";
   constexpr mode_t for_all = 0666;
-  file_ = open(beside.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, for_all);
+  file_ = open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, for_all);
   if (file_ < 0) fail();
-  beside_ = std::move(beside);
+  beside_ = std::move(name);
   if (is_there && fchmod(file_, old.st_mode & 07777) != 0) {
     // The file is written all the same, with the rights of a new one.
   }

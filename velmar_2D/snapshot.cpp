@@ -63,11 +63,11 @@ class NodeNumbers {
     return i;
   }
   void grow() {
-    std::vector<Piece> larger(2 * pieces_.size());
+    std::vector<Piece> doubled(2 * pieces_.size());
     for (Piece& piece : pieces_) {
-      if (!piece.numbers.empty()) larger[place(larger, piece.key)] = std::move(piece);
+      if (!piece.numbers.empty()) doubled[place(doubled, piece.key)] = std::move(piece);
     }
-    pieces_.swap(larger);
+    pieces_.swap(doubled);
   }
 
   std::vector<Piece> pieces_{64};  ///< at most half full; their number is a power of 2
