@@ -304,8 +304,7 @@ bool restore_rings(State& state, std::int64_t most_nodes) {
     restorer.emplace(state, std::min(highest, highest_wanted_level));
     restorer->prepare();
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers,
-                      static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
+    allocation_failed(state, static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
   }
   const std::int64_t nb_missing = restorer->nb_missing_nodes();
   if (most_nodes > 0 && nb_missing > 0 && state.nb_nodes + nb_missing > most_nodes) {

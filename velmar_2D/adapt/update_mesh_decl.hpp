@@ -30,6 +30,63 @@ void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
 void update_mesh_body(State& state, const size_function& size_fun);
 void update_mesh_body(State& state, const batch_size_function& size_fun);
 
+/// The second of them alone, without memory, to make room where it is exhausted.
+void coarsen_to_make_room(State& state, const size_function& size_fun);
+void coarsen_to_make_room(State& state, const batch_size_function& size_fun);
+
+/// Asks for the wanted spacing of each node as a walk comes to it.
+class SizesOneByOne {
+ public:
+  explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(std::size_t /*stretch*/, const Walk& /*walk*/) {}
+  double at(const Cell& c) const {
+    return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  }
+
+ private:
+  const size_function& size_fun_;
+};
+
+/// Asks for those of a few nodes at a time: batches that need no memory.
+class SizesInSmallBatches {
+ public:
+  explicit SizesInSmallBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(std::size_t /*stretch*/, const Walk& walk) {
+    step_ = walk.goes_forwards() ? &Cell::next : &Cell::prev;
+    n_ = next_ = 0;
+  }
+  /// Needs: the nodes of the walk in their order; some may be left out.
+  double at(const Cell& c) {
+    while (next_ < n_ && nodes_[next_] != &c) ++next_;
+    if (next_ == n_) ask_from(c);
+    return sizes_[next_++];
+  }
+
+ private:
+  void ask_from(const Cell& first) {
+    n_ = next_ = 0;
+    for (const Cell* c = &first; c != nullptr && n_ < most; c = c->*step_) nodes_[n_++] = c;
+    sizes_.fill(std::numeric_limits<double>::quiet_NaN());
+    size_fun_({nodes_.data(), n_}, {sizes_.data(), n_});
+  }
+
+  static constexpr std::size_t most = 64;
+  const batch_size_function& size_fun_;
+  Cell* Cell::*step_ = &Cell::next;
+  std::array<const Cell*, most> nodes_{};
+  std::array<double, most> sizes_{};
+  std::size_t n_ = 0, next_ = 0;
+};
+
+inline SizesOneByOne without_memory(const size_function& size_fun) {
+  return SizesOneByOne(size_fun);
+}
+inline SizesInSmallBatches without_memory(const batch_size_function& size_fun) {
+  return SizesInSmallBatches(size_fun);
+}
+
 /// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
 /// computed once the mesh is in order: broken ones have nodes that have none.
 void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
@@ -355,16 +412,11 @@ class RingMaker {
   State& state_;
   std::vector<Cell*>& newcomers_;
   std::int64_t most_nodes_;
-  std::vector<Member> deferred_;  ///< until what they rest on is there; no more than levels
+  /// Until what they rest on is there. Each is a level lower than the one before.
+  std::array<Member, highest_wanted_level + 1> deferred_;
+  std::size_t nb_deferred_ = 0;
 };
 
-/// Makes room in a list of nodes; ends the update where no memory is left for it.
-void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity);
-/// Appends to one, alike.
-inline void push_node(const State& state, std::vector<Cell*>& nodes, Cell* c) {
-  if (nodes.size() == nodes.capacity()) reserve_nodes(state, nodes, 2 * nodes.size() + 64);
-  nodes.push_back(c);
-}
 /// Ends the update: the mesh would need more nodes than it may have.
 [[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
 

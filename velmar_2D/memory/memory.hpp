@@ -27,6 +27,8 @@ class NodeMemory {
   void* take(std::int32_t stretch);
   /// Takes back the memory of a node that is no more.
   void give_back(void* slot);
+  /// Returns memory to the system where no node lies in it.
+  void release_empty_slabs();
   /// Returns all memory to the system. Needs: every slot has been given back.
   void release_all();
 

@@ -81,7 +81,7 @@ void make_level_arrays(State& state, std::int32_t subdiv_max) {
     state.level_beg.resize(size);
     state.level_end.resize(size);
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, size * sizeof(Handle));
+    allocation_failed(state, size * sizeof(Handle));
   }
 }
 

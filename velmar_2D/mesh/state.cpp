@@ -15,4 +15,9 @@ void require_mesh(const State& state, std::string_view operation) {
                             "        (It must be made by init_mesh before this call.)");
 }
 
+void allocation_failed(const State& state, std::size_t bytes) {
+  if (state.has_another_way) throw Exhausted{bytes};
+  allocation_failed(state.handlers, bytes);
+}
+
 }  // namespace velmar_2d::detail

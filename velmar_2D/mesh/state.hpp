@@ -48,8 +48,10 @@ struct State {
   /// The mesh_revision that the last resolve left; while it is that, only parents are linked from
   /// whole rings, and levels count those. 0: unknown.
   std::uint64_t resolved_revision = 0;
+  bool surplus_has_gone = false;              ///< it ended well: all nodes are wanted, or rested on
   bool gathers_link_sources = false;          ///< many nodes are about to be removed
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
+  bool has_another_way = false;               ///< see AnotherWay
 
   NodeMemory memory;
   TraversalHistory history;
@@ -77,6 +79,24 @@ void delete_mesh(State& state);
 
 /// Ends the process with a message that names the operation if there is no mesh.
 void require_mesh(const State& state, std::string_view operation);
+
+/// Memory is exhausted, in an operation that can go on in another way.
+struct Exhausted {
+  std::size_t bytes;  ///< that were asked for
+};
+
+/// Exhausted memory is no end yet while this scope lasts: it leaves it as an Exhausted.
+class AnotherWay {
+ public:
+  explicit AnotherWay(State& state) : state_(state) { state.has_another_way = true; }
+  AnotherWay(const AnotherWay&) = delete;
+  AnotherWay& operator=(const AnotherWay&) = delete;
+  ~AnotherWay() { state_.has_another_way = false; }
+
+ private:
+  State& state_;
+};
+[[noreturn]] void allocation_failed(const State& state, std::size_t bytes);
 
 // ---------------------------------------------------------------------------------------------
 // Single nodes (nodes.cpp): the one place that creates them and the one that releases them
@@ -141,14 +161,13 @@ class LinkSources {
  public:
   explicit LinkSources(const State& state);
   /// Notes a new link, of a node that may be new itself.
-  void add(const Cell* to, Cell* from) {
-    later_.emplace(to, from);
-    gone_.erase(from);
-  }
-  /// Empties all links to a node that is about to leave the mesh.
-  void cut_links_to(const Cell* c);
+  void add(const Cell* to, Cell* from);
+  /// Empties all links to a node that is about to leave the mesh. False where memory was exhausted
+  /// in the meantime, and not all sources are known.
+  bool cut_links_to(const Cell* c);
 
  private:
+  bool is_complete_ = true;
   std::vector<std::pair<const Cell*, Cell*>> sorted_;  ///< target and source, at first
   std::unordered_multimap<const Cell*, Cell*> later_;  ///< those that have come since
   std::unordered_set<const Cell*> gone_;               ///< sources that are no nodes any more
