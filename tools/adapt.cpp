@@ -92,9 +92,11 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
     constexpr double rounding = 1e-9;
     node.data.resize(1);
     node.data[0] = wanted(node.x, node.y);
-    const bool is_asked = node.data[0] >= 0.0;
-    outcome.too_coarse +=
-        is_asked && mesh->spacing_of_level(node.level) > node.data[0] * (1.0 + rounding);
+    // A size that is none asks for nothing.
+    if (mesh->spacing_of_level(node.level) > node.data[0] * (1.0 + rounding) &&
+        node.data[0] >= 0.0) {
+      ++outcome.too_coarse;
+    }
   }
   return {};
 }
