@@ -285,8 +285,8 @@ struct Resolution {
   /// Above 0, the wanted sizes are graded over the mesh: none is larger than that of a parent
   /// or a child of the node and `slope` times the way to it. For features so thin, and size
   /// functions so steep, that nodes of a coarse mesh do not see them from one to the next; one that
-  /// no node sees is missed all the same. Costs twice the time of a resolve from the first grid,
-  /// ten times that of one that changes nothing, and 80 to 130 bytes a node while it lasts.
+  /// no node sees is missed all the same. Costs three times the time of a resolve from the first
+  /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
 };
 

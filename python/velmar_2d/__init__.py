@@ -7,7 +7,7 @@
         return 0.005 + 0.1 * np.abs(np.hypot(x - 0.5, y - 0.5) - 0.3)
 
     with velmar_2d.Mesh(rectangle=(0, 1, 0, 1), nx=17, subdiv_max=10) as mesh:
-        mesh.update(size)
+        mesh.resolve(size)
         print(len(mesh), mesh.nodes.positions, mesh.nodes.links)
 
 Any number of meshes live side by side. Warnings of the library go to the logger "velmar_2d",
