@@ -65,10 +65,11 @@ class ArrayWriter {
       return;
     }
     element.append_attribute("format") = "appended";
-    std::string bytes(sizeof(std::uint64_t) + numbers.size() * sizeof(Number), '\0');
-    const std::uint64_t length = bytes.size() - sizeof length;
-    std::memcpy(bytes.data(), &length, sizeof length);
-    if (length > 0) std::memcpy(bytes.data() + sizeof length, numbers.data(), length);
+    const std::size_t length = numbers.size() * sizeof(Number);
+    const std::uint64_t head = length;
+    std::string bytes(sizeof head + length, '\0');
+    std::memcpy(bytes.data(), &head, sizeof head);
+    if (length > 0) std::memcpy(bytes.data() + sizeof head, numbers.data(), length);
     appended_.push_back({element, std::move(bytes)});
   }
 

@@ -14,7 +14,7 @@ namespace velmar_2d::detail {
 namespace {
 
 /// The straight direction in which a parent lies from the new node.
-int direction_to(const Domain& domain, const Cell& parent, const Vertex& v) {
+int direction_to_parent(const Domain& domain, const Cell& parent, const Vertex& v) {
   const double eps = domain.dist_0 / std::exp2(v.level / 2.0) * same_column;
   if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
   return parent.y <= v.y ? south : north;
@@ -80,7 +80,7 @@ void prune_quadrant(Cell& c, int d) {
 }
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
-Cell& insert(State& state, const Site& site, bool foreign) {
+Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
   const std::size_t nb_parents = site.parents[3] == nullptr ? 3 : 4;
   const Sides sides = nb_parents == 3 ? sides_at(state, site) : Sides{};
   const double first_value = initial_data(state, site);
@@ -101,10 +101,11 @@ Cell& insert(State& state, const Site& site, bool foreign) {
 
 }  // namespace
 
-void insert_midpoint(State& state, const Site& site) { insert(state, site, false); }
+void insert_midpoint(State& state, const Site& site) { insert_midpoint_at(state, site, false); }
 
 Cell& insert_node_even_level(State& state, const Vertex& v) {
-  return insert(state, site_of(state, "insert_node_even_level", v, 3, direction_to), true);
+  return insert_midpoint_at(
+      state, site_of(state, "insert_node_even_level", v, 3, direction_to_parent), true);
 }
 
 }  // namespace velmar_2d::detail

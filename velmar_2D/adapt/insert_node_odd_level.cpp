@@ -12,7 +12,7 @@ namespace velmar_2d::detail {
 namespace {
 
 /// The quadrant in which a corner lies.
-int direction_to(const Domain& /*domain*/, const Cell& corner, const Vertex& v) {
+int direction_to_corner(const Domain& /*domain*/, const Cell& corner, const Vertex& v) {
   const bool west_of = corner.x <= v.x, south_of = corner.y <= v.y;
   return west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
 }
@@ -34,7 +34,7 @@ void prune_along_boundary(Cell& centre, int side) {
 }
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
-Cell& insert(State& state, const Site& site, bool foreign) {
+Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
   const double first_value = initial_data(state, site);
   Cell& c = new_cell_at(state, site);
   c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(site.level);
@@ -55,10 +55,11 @@ Cell& insert(State& state, const Site& site, bool foreign) {
 
 }  // namespace
 
-void insert_centre(State& state, const Site& site) { insert(state, site, false); }
+void insert_centre(State& state, const Site& site) { insert_centre_at(state, site, false); }
 
 Cell& insert_node_odd_level(State& state, const Vertex& v) {
-  return insert(state, site_of(state, "insert_node_odd_level", v, 4, direction_to), true);
+  return insert_centre_at(state, site_of(state, "insert_node_odd_level", v, 4, direction_to_corner),
+                          true);
 }
 
 }  // namespace velmar_2d::detail

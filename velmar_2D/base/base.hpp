@@ -60,6 +60,19 @@ inline double distance_along(int direction, const Cell& a, const Cell& b) {
 // What compilers spell differently
 // ---------------------------------------------------------------------------------------------
 
+// The same input gives the same mesh only where each operation is rounded by itself, to double
+// precision. cmake/compile_options.cmake has the options for it.
+#if defined(__FAST_MATH__) || (defined(__FINITE_MATH_ONLY__) && __FINITE_MATH_ONLY__) || \
+    defined(__ASSOCIATIVE_MATH__) || defined(__RECIPROCAL_MATH__) ||                     \
+    defined(__NO_SIGNED_ZEROS__) || defined(_M_FP_FAST)
+#error "velmar_2d needs exact floating-point arithmetic: no -ffast-math, -Ofast, /fp:fast"
+#endif
+#if (defined(__FLT_EVAL_METHOD__) && (__FLT_EVAL_METHOD__ < 0 || __FLT_EVAL_METHOD__ == 2)) || \
+    (defined(_M_IX86_FP) && _M_IX86_FP < 2)
+#error \
+    "velmar_2d needs arithmetic in double precision, on x86 SSE2: -msse2 -mfpmath=sse, /arch:SSE2"
+#endif
+
 // A procedure that only prefetches has no effect as far as g++ can see, and calls of it none
 // either: it must be a part of its caller.
 #if defined(__GNUC__)

@@ -46,12 +46,12 @@ class NodeTable {
   bool contains(const Cell* c) const { return by_address_[find_address(c)] == c; }
 
   /// Brings the slot of a place into the cache: places are spread over the whole table.
-  void prepare(std::uint64_t key) const { prefetch_to_write(&by_place_[key & mask_]); }
+  void prepare(std::uint64_t key) const { prefetch_to_write(&by_place_[slot_of(key)]); }
 
   /// The node at a place, which is `c` from now on where there was none.
   template <typename IsSamePlace>
   const Cell* node_at(std::uint64_t key, const Cell* c, const IsSamePlace& is_same_place) {
-    std::size_t i = key & mask_;
+    std::size_t i = slot_of(key);
     while (by_place_[i].node != nullptr) {
       if (by_place_[i].key == key && is_same_place(*by_place_[i].node)) return by_place_[i].node;
       i = (i + 1) & mask_;
@@ -72,13 +72,15 @@ class NodeTable {
     const Cell* node = nullptr;
   };
 
+  std::size_t slot_of(std::uint64_t key) const { return static_cast<std::size_t>(key) & mask_; }
+
   std::size_t find_address(const Cell* c) const {
     // Nodes that are close in memory are looked up together: they get slots close together. The
     // pages are spread, or many of them could crowd in one part of the table.
     constexpr int bits_within_a_node = 7, bits_kept_together = 12;
     const auto address = reinterpret_cast<std::uintptr_t>(c);
     std::size_t i =
-        ((address >> bits_within_a_node) + spread(address >> bits_kept_together)) & mask_;
+        slot_of((address >> bits_within_a_node) + spread(address >> bits_kept_together));
     while (by_address_[i] != nullptr && by_address_[i] != c) i = (i + 1) & mask_;
     return i;
   }
