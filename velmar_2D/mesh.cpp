@@ -195,6 +195,10 @@ UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
   });
 }
 
+Transfer Mesh::transfer() const { return state().transfer; }
+void Mesh::set_transfer(Transfer transfer) { state().transfer = transfer; }
+void Mesh::set_node_hooks(NodeHooks hooks) { state().hooks = std::move(hooks); }
+
 const UpdateStatistics& Mesh::statistics() const { return state().update_statistics; }
 
 std::int32_t Mesh::limit() const { return state().level_max; }

@@ -211,6 +211,12 @@ class VELMAR_2D_API Mesh {
                                    const Resolution& resolution = {});
   UpdateStatistics resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                                    const Resolution& resolution = {});
+  /// What becomes of data values where nodes come and go; data[0] is interpolated and nothing else
+  /// handed on as long as nothing is chosen.
+  Transfer transfer() const;
+  void set_transfer(Transfer transfer);
+  /// Called for each node that comes or goes from now on; empty ones cost nothing.
+  void set_node_hooks(NodeHooks hooks);
   /// What the last update did, also where it ended by an exception.
   const UpdateStatistics& statistics() const;
 

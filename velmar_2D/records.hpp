@@ -310,6 +310,33 @@ using init_data_function = std::function<double(double x, double y)>;
 using text_function = std::function<void(std::string_view text)>;
 
 // ---------------------------------------------------------------------------------------------
+// What becomes of data where nodes come and go
+// ---------------------------------------------------------------------------------------------
+
+/// Where the data values of new nodes come from, and what becomes of those of nodes that go. With
+/// an init_data_function, data[0] of new nodes comes from that whatever is chosen here.
+enum class Transfer : std::int32_t {
+  first,  ///< data[0] is the mean of the parents, along the side on a side; the others are 0.0
+  all,    ///< every value is such a mean
+  /// The sum of area times value over the mesh stays what it is, for every value. A new node takes
+  /// from the cells around it what the part of each that becomes its own held. What a node that
+  /// goes held is left to its neighbours, by the parts of its cell that become theirs, such that
+  /// their values change least and none leaves the range of those around it.
+  conservative
+};
+
+/// Called for single nodes while a mesh changes, whatever changes it. They may write the data
+/// values of the nodes that they are given and nothing else, and must not change the mesh.
+struct NodeHooks {
+  /// A node has come: position, links and data, from its parents, are set, its derivatives are not.
+  /// Has up to four parents; a node that was put where others were missing may have fewer.
+  std::function<void(Cell& node, std::span<Cell* const> parents)> inserted;
+  /// A node is about to go: it and its neighbours, the linked nodes that its cell falls to, are
+  /// still as they were. Where it throws, the node stays.
+  std::function<void(Cell& node, std::span<Cell* const> neighbours)> removing;
+};
+
+// ---------------------------------------------------------------------------------------------
 // What is asked of a mesh
 // ---------------------------------------------------------------------------------------------
 

@@ -85,6 +85,10 @@ VELMAR_2D_API extern double& dist_0;         ///< spacing of the grid of level 0
 VELMAR_2D_API extern double &grad_data, &grad2_data;  ///< scratch values for the caller
 /// Whether the data of new nodes are interpolated (true) or come from init_data_ptr (false).
 VELMAR_2D_API extern bool& data_interpolation;
+/// What becomes of data values where nodes come and go.
+VELMAR_2D_API extern Transfer& data_transfer;
+/// Called for each node that comes or goes.
+VELMAR_2D_API extern NodeHooks& node_hooks;
 /// What update_mesh_init() was given, and still there when it has returned: insertions of the
 /// caller's own ask it for the data of new nodes, until update_mesh_no_init() empties it. What it
 /// refers to must live as long, or be taken from here. What the library inserts on its own, while

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "python/core/batched_hooks.hpp"
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
 #include "python/core/forecast.hpp"
@@ -199,8 +200,8 @@ bool is_refinement(const Mesh& mesh, Nodes nodes) {
 
 /// update(), and with a resolution resolve().
 void adapt(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-           bool init_vectorised, const py::object& kinds, bool kinds_vectorised,
-           const std::optional<Resolution>& resolution) {
+           bool init_vectorised, const py::tuple& hooks, const py::object& kinds,
+           bool kinds_vectorised, const std::optional<Resolution>& resolution) {
   const Changing changing(core, resolution ? "resolve" : "update");
   const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
   Mesh& mesh = *core.mesh;
@@ -224,8 +225,9 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
     };
   }
 
+  BatchedHooks batched_hooks(mesh, hooks[0], hooks[1]);
   Forecast forecast(mesh, values.get(), kinds_at_hand.bulk_sides());
-  if (!vectorised && !forecast.has_readers()) {
+  if (!vectorised && !forecast.has_readers() && !batched_hooks.are_there()) {
     const size_function one = [&](double x, double y, std::span<const double> data, double grad,
                                   double grad2) {
       return ask_for_one(size, x, y, data, grad, grad2);
@@ -239,6 +241,7 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
   }
   SizeArguments arguments;
   const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
+    batched_hooks.flush();
     if (vectorised) {
       const py::gil_scoped_acquire python;
       copy_values(arguments.call(size, nodes, mesh), "size", sizes);
@@ -265,6 +268,7 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
   } else {
     interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
   }
+  batched_hooks.flush();
 }
 
 }  // namespace
@@ -317,14 +321,15 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 }
 
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised, {});
+            bool init_vectorised, const py::tuple& hooks, const py::object& kinds,
+            bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, kinds, kinds_vectorised, {});
 }
 
 void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
              std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
-             const py::object& kinds, bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised,
+             const py::tuple& hooks, const py::object& kinds, bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, kinds, kinds_vectorised,
         Resolution{margin, most_nodes, slope});
 }
 

@@ -15,6 +15,7 @@ from .matrices import laplacian
 from .nodes import Nodes
 from .plotting import plot
 
+_TRANSFERS = ("first", "all", "conservative")
 _MOST_NODES = 2**31 - 1  # which links as indices can tell apart
 
 
@@ -155,8 +156,26 @@ class Mesh:
     # Adapting
     # ---------------------------------------------------------------------------------------------
 
+    @property
+    def transfer(self) -> str:
+        """What becomes of data values where nodes come and go.
+
+        "first"         data[:, 0] of new nodes is the mean of their parents, the others are 0.0
+        "all"           every value is such a mean
+        "conservative"  the sum of area times value stays what it is, for every value
+        """
+        return _TRANSFERS[self._core.transfer()]
+
+    @transfer.setter
+    def transfer(self, transfer: str) -> None:
+        if transfer not in _TRANSFERS:
+            raise ValueError(f"transfer is {transfer!r}; it must be one of {_TRANSFERS}")
+        self._core.set_transfer(_TRANSFERS.index(transfer))
+
     def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
-               *, vectorised: bool = True, init_vectorised: bool | None = None) -> UpdateStatistics:
+               *, vectorised: bool = True, init_vectorised: bool | None = None,
+               inserted: Callable[..., Any] | None = None,
+               removing: Callable[..., Any] | None = None) -> UpdateStatistics:
         """Adapts the mesh to a wanted spacing.
 
         size(x, y, data, grad, grad2) is asked at nodes for the spacing wanted there, with their
@@ -169,18 +188,28 @@ class Mesh:
         asked ahead for places where nodes are about to be inserted, and again for those that were
         not foreseen: it must depend on the place alone. Without it data[0] is interpolated.
 
+        inserted(x, y, data, parents) is told of nodes that have come, many at once: data of shape
+        (n, k) is theirs and may be written; parents of shape (n, 4, k) holds the values of the
+        nodes around, NaN where there are fewer. removing(x, y, data, around, rows) is told of nodes
+        that go: data is theirs, around of shape (m, k) holds the values of the nodes that stay
+        beside them and may be written, rows of shape (n, 8) tells which of those they are, -1 where
+        there are fewer. Neither must use the mesh.
+
         Both ways lead to the same mesh; the vectorised one is many times faster. An exception of a
         callable leaves the mesh whole, with part of the update done.
         """
-        self._core.update(*_callables(size, init_data, vectorised, init_vectorised), *self._kinds)
+        self._core.update(*_callables(size, init_data, vectorised, init_vectorised),
+                          _hooks(inserted, removing), *self._kinds)
         return self.statistics
 
     def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                 margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
-                vectorised: bool = True, init_vectorised: bool | None = None) -> UpdateStatistics:
+                vectorised: bool = True, init_vectorised: bool | None = None,
+                inserted: Callable[..., Any] | None = None,
+                removing: Callable[..., Any] | None = None) -> UpdateStatistics:
         """Adapts the mesh until no node is coarser than wanted, with as few nodes as that takes.
 
-        size and init_data are those of update(), and so is what they get; but size is asked once
+        The functions are those of update(), and so is what they get; but size is asked once
         for all nodes together, and once for each generation of new nodes. A second call with the
         same sizes changes nothing, not even the revision. What is finer than the limit of
         subdivision allows is not reached, and what lies between nodes and shows at none of them is
@@ -198,7 +227,7 @@ class Mesh:
             raise ValueError(f"most_nodes is {most_nodes}; it must be above 0")
         size, init_data, *ways = _callables(size, init_data, vectorised, init_vectorised)
         self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
-                           *self._kinds)
+                           _hooks(inserted, removing), *self._kinds)
         return self.statistics
 
     @property
@@ -266,6 +295,14 @@ def _callables(size: Callable[..., Any] | float, init_data: Callable[..., Any] |
         if not callable(function) and not (function is None and name == "init_data"):
             raise TypeError(f"{name} must be callable, not {type(function).__name__}")
     return size, init_data, vectorised, init_vectorised
+
+
+def _hooks(inserted: Callable[..., Any] | None, removing: Callable[..., Any] | None,
+           ) -> tuple[Callable[..., Any] | None, Callable[..., Any] | None]:
+    for name, function in (("inserted", inserted), ("removing", removing)):
+        if function is not None and not callable(function):
+            raise TypeError(f"{name} must be callable, not {type(function).__name__}")
+    return inserted, removing
 
 
 def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, float]:

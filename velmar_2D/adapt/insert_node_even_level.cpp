@@ -84,6 +84,7 @@ Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
   const std::size_t nb_parents = site.parents[3] == nullptr ? 3 : 4;
   const Sides sides = nb_parents == 3 ? sides_at(state, site) : Sides{};
   const double first_value = initial_data(state, site);
+  const ParentCells before = parent_cells(state, site);
 
   Cell& c = new_cell_at(state, site);
   for (std::size_t i = 0; i < nb_parents; ++i) {
@@ -95,7 +96,7 @@ Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
   for (const int direction : straight_directions) prune_quadrant(c, direction);
   if (foreign) check_surroundings(state, c, straight_directions);
   for (std::size_t i = 0; i < nb_parents; ++i) announce_to(site.parents[i], c);
-  set_data(state, site, c, first_value);
+  set_data(state, site, c, first_value, before);
   return c;
 }
 

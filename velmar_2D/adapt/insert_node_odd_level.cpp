@@ -36,6 +36,7 @@ void prune_along_boundary(Cell& centre, int side) {
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
 Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
   const double first_value = initial_data(state, site);
+  const ParentCells before = parent_cells(state, site);
   Cell& c = new_cell_at(state, site);
   c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(site.level);
   c.signature = {85, 85};
@@ -49,7 +50,7 @@ Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
   for (const int side : straight_directions) prune_along_boundary(c, side);
   if (foreign) check_surroundings(state, c, diagonal_directions);
   for (Cell* corner : site.parents) announce_to(corner, c);
-  set_data(state, site, c, first_value);
+  set_data(state, site, c, first_value, before);
   return c;
 }
 

@@ -315,6 +315,11 @@ void insert_centre(State& state, const Site& site);
 /// Inserts the midpoint of an edge, the centre of a diamond that a side may cut in half.
 void insert_midpoint(State& state, const Site& site);
 
+/// Areas of the parents' cells before a node comes between them, where those are wanted.
+struct ParentCells {
+  std::array<double, 4> areas{};
+};
+
 // Steps of an insertion, in their order. All that can fail, callbacks included, comes before the
 // first link is changed.
 
@@ -324,14 +329,17 @@ Site site_of(State& state, std::string_view operation, const Vertex& v, int nb_p
              int (*direction_to)(const Domain& domain, const Cell& parent, const Vertex& v));
 /// First data value of the new node, where it does not come from its parents.
 double initial_data(const State& state, const Site& site);
+/// What data of a new node need to know of the time before it.
+ParentCells parent_cells(const State& state, const Site& site);
 /// A node at the site, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
 Cell& new_cell_at(State& state, const Site& site);
 /// Whether the parents surround a caller's new node: the links between them lead nowhere else, and
 /// back. Wanted before and after links are cut; both kinds of node alike, see insert_node.cpp.
 void check_surroundings(State& state, const Cell& c, const std::array<int, 4>& directions);
-/// Data and derivatives of the new node.
-void set_data(const State& state, const Site& site, Cell& c, double first_value);
+/// Data and derivatives of the new node. All is in place: it may throw what a hook throws.
+void set_data(const State& state, const Site& site, Cell& c, double first_value,
+              const ParentCells& before);
 
 /// Links the new node and a parent that lies in this direction from it.
 inline void link_parent(State& state, Cell& c, int direction, Cell& parent) {
@@ -365,9 +373,50 @@ inline void announce_to(Cell* parent, const Cell& c) {
   parent->area = -1.0;
 }
 
-// First data value of a new node (interpolation.cpp)
+// First data value of a new node, and the same for any value (interpolation.cpp)
+double mean_of_parents(const std::array<Cell*, 4>& parents, std::size_t value);
 void interp_3pts(const Cell* c1, const Cell* c2, const Cell* c3, Cell* c);
 void interp_4pts(const Cell* c1, const Cell* c2, const Cell* c3, const Cell* c4, Cell* c);
+
+// ---------------------------------------------------------------------------------------------
+// Data of nodes that come and go (transfer.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// A value of a node; 0.0 where it has none.
+inline double value_of(const Cell& c, std::size_t value) {
+  return value < c.data.size() ? c.data[value] : 0.0;
+}
+inline bool conserves(const State& state) {
+  return state.transfer == Transfer::conservative && state.n_cell_data > 0;
+}
+/// As cell_area() gives it, at every level and without a word about shapes that are unknown.
+double control_area(const State& state, Cell& c);
+
+/// Values of a new node from the parts of its parents' cells that have become its own, from the
+/// value with this number on.
+void take_from_cells(const State& state, std::span<Cell* const> parents,
+                     const std::array<double, 4>& areas_before, Cell& c, std::size_t first);
+
+/// What a node that goes leaves behind, and to whom.
+class Legacy {
+ public:
+  /// Asks the hook. Needs: the node with all its links; `first` is the direction of one of the four
+  /// that may lead to neighbours.
+  Legacy(const State& state, Cell& c, int first);
+  /// Needs: the neighbours are linked as they will be.
+  void distribute(const State& state) const {
+    if (area_ > 0.0) give_to_heirs(state);
+  }
+
+ private:
+  void give_to_heirs(const State& state) const;
+
+  Cell& c_;
+  std::array<Cell*, 4> heirs_;
+  std::array<double, 4> areas_;
+  std::size_t n_ = 0;
+  double area_ = 0.0;  ///< 0 where nothing is left to anyone
+};
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)

@@ -37,6 +37,8 @@ struct State {
   std::int32_t n_cell_data = 0;
   bool data_interpolation = true;
   init_data_function init_data_ptr;
+  Transfer transfer = Transfer::first;
+  NodeHooks hooks;
   bc_type_function bc_type_ptr;
   Handlers handlers;
   UpdateStatistics update_statistics;
