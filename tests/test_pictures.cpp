@@ -1,6 +1,7 @@
 // Pictures: what is drawn lies where it belongs, and a file is complete or absent.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -249,6 +250,42 @@ TEST_F(Pictures, FailureLeavesNoTrace) {
   EXPECT_EQ(io::draw_mesh(kept), kept + ": there is no mesh to draw");
   EXPECT_EQ(read(kept), "what stood there before");
   EXPECT_EQ(nb_files(), 2u);
+}
+
+// A link keeps leading where it led, a pipe gets the bytes, a file keeps who may read it.
+TEST_F(Pictures, GoWhereThePathLeads) {
+  const auto draw = [&](const fs::path& path) {
+    EXPECT_EQ(io::draw_mesh(path.string(), bare), "");
+    EXPECT_EQ(io::write_vtu((folder / "mesh.vtu").string()), "");
+  };
+  const fs::path plain = folder / "plain.svg", real = folder / "real" / "picture.svg";
+  draw(plain);
+  fs::create_directory(real.parent_path());
+  for (const bool is_there : {false, true}) {
+    const fs::path link = folder / "link.svg", further = folder / "further.svg";
+    fs::remove(link);
+    fs::create_symlink("further.svg", link);
+    fs::remove(further);
+    fs::create_symlink(fs::path("real") / "picture.svg", further);
+    if (is_there) {
+      std::ofstream(real) << "old";
+      fs::permissions(real, fs::perms::owner_read | fs::perms::owner_write);
+    }
+    draw(link);
+    EXPECT_TRUE(fs::is_symlink(link) && fs::is_symlink(further));
+    EXPECT_EQ(read(real), read(plain));
+    if (is_there) {
+      EXPECT_EQ(fs::status(real).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    }
+  }
+  const fs::path pipe = folder / "pipe.svg";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] { received = read(pipe); });
+  draw(pipe);
+  reader.join();
+  EXPECT_EQ(received, read(plain));
+  EXPECT_TRUE(fs::is_fifo(pipe));
 }
 
 }  // namespace
