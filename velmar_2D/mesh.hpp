@@ -215,6 +215,8 @@ class VELMAR_2D_API Mesh {
   /// handed on as long as nothing is chosen.
   Transfer transfer() const;
   void set_transfer(Transfer transfer);
+  /// Told how far an update has come, and compute_derivatives() by one thread. Throws to leave it.
+  void set_progress_handler(progress_function handler);
   /// Called for each node that comes or goes from now on; empty ones cost nothing.
   void set_node_hooks(NodeHooks hooks);
   /// What the last update did, also where it ended by an exception.

@@ -306,6 +306,14 @@ using batch_size_function =
     std::function<void(std::span<const Cell* const> nodes, std::span<double> sizes)>;
 /// First data value of a new node at (x, y).
 using init_data_function = std::function<double(double x, double y)>;
+/// How far an update has come.
+struct Progress {
+  std::string_view phase;  ///< "restoring", "derivatives", "refining" or "coarsening"
+  std::int64_t done = 0;   ///< nodes that the phase has visited
+  std::int64_t known = 0;  ///< nodes there were when it began; others may come while it lasts
+};
+/// Told at most ten times a second. What it throws leaves the update, and the mesh is whole.
+using progress_function = std::function<void(const Progress& progress)>;
 /// Receives a text of the library; see fatal_handler, message_handler and pause_handler.
 using text_function = std::function<void(std::string_view text)>;
 

@@ -56,6 +56,7 @@ double& grad2_data = detail::default_mesh.state.grad2_data;
 bool& data_interpolation = detail::default_mesh.state.data_interpolation;
 Transfer& data_transfer = detail::default_mesh.state.transfer;
 NodeHooks& node_hooks = detail::default_mesh.state.hooks;
+progress_function& progress_handler = detail::default_mesh.state.progress.handler;
 init_data_function& init_data_ptr = detail::default_mesh.state.init_data_ptr;
 bc_type_function& bc_type_ptr = detail::default_mesh.state.bc_type_ptr;
 text_function& fatal_handler = detail::default_mesh.state.handlers.fatal;

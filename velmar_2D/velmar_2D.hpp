@@ -89,6 +89,8 @@ VELMAR_2D_API extern bool& data_interpolation;
 VELMAR_2D_API extern Transfer& data_transfer;
 /// Called for each node that comes or goes.
 VELMAR_2D_API extern NodeHooks& node_hooks;
+/// Told how far an update has come. Throws to leave it.
+VELMAR_2D_API extern progress_function& progress_handler;
 /// What update_mesh_init() was given, and still there when it has returned: insertions of the
 /// caller's own ask it for the data of new nodes, until update_mesh_no_init() empties it. What it
 /// refers to must live as long, or be taken from here. What the library inserts on its own, while

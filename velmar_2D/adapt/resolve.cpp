@@ -82,6 +82,7 @@ class Resolver {
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
         knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
+    state.progress.begin("refining", state.nb_nodes);
     nb_stretches_ = std::min(state.level_beg.size(), heads_.size());
     for (std::size_t l = 0; l < nb_stretches_; ++l) {
       heads_[l] = state.level_beg[l].next;
@@ -240,6 +241,7 @@ class Resolver {
     // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
     const bool may_release = want.kept < before && want.kept <= c.level && before > c.ipos;
     if (may_release && knows_fallen_) note_fallen(c);
+    state_.progress.step();
     const bool raising = want.level > c.level;
     if (raising) rings_.raise(c, want.level);
     if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
@@ -276,9 +278,11 @@ class Resolver {
   bool release_everywhere(GradedSizes* graded = nullptr) {
     const std::int32_t nb_nodes_before = state_.nb_nodes;
     Walk walk = Walk::to_coarsen(state_.history);
+    state_.progress.begin("coarsening", state_.nb_nodes);
     state_.history.begin_recording(state_.nb_nodes);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
       for (Cell& c : walk(state_.level_end[l].next)) {
+        state_.progress.step();
         const bool removing = is_surplus(c);
         walk.changes_mesh_here(removing);
         if (!removing) continue;

@@ -64,11 +64,13 @@ class Restorer {
  private:
   // Nodes in the order of their position index.
   void take_nodes() {
+    state_.progress.begin("restoring", state_.nb_nodes);
     for (const Handle& stretch : state_.level_beg) {
       first_of_ipos_.push_back(lattice_.entries().size());
       for (Cell* c = stretch.next; c != nullptr; c = c->next) {
         LatticePoint p{};
         if (!lattice_.find_place(*c, p) || lattice_.add({p, c, c->ipos}) < 0) strays_.push_back(c);
+        state_.progress.step();
       }
     }
     nb_nodes_ = lattice_.entries().size();
@@ -85,6 +87,7 @@ class Restorer {
 
   /// What a node rests on has a lower position index.
   void add_parents(std::size_t number) {
+    state_.progress.step();
     const Lattice::Entry entry = lattice_.entries()[number];
     for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
       const LatticePoint parent = lattice_.neighbour(entry.at, d, entry.ipos);

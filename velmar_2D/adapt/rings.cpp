@@ -95,6 +95,7 @@ bool RingMaker::make_or_defer(const Member& member) {
 
 void RingMaker::insert(const Member& member, Cell* left, Cell* far, Cell* right) {
   if (most_nodes_ > 0 && state_.nb_nodes >= most_nodes_) too_many_nodes(state_, most_nodes_);
+  state_.progress.step();
   Site site{};
   site.level = site.ipos = member.level;
   // The parents in their own order, whichever of them the member was found from.

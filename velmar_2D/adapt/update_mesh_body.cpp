@@ -110,12 +110,14 @@ double wanted_ratio(State& state, const Cell& c, Sizes& sizes) {
 template <typename Sizes>
 void refine(State& state, Sizes& sizes, bool does_without) {
   Walk walk = Walk::to_refine(state.history);
+  state.progress.begin("refining", state.nb_nodes);
   const std::int32_t last_level = state.level_max;
   std::int32_t special_below = last_level;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     const auto stretch = static_cast<std::size_t>(l);
     sizes.begin_walk(stretch, walk);
     for (Cell& c : walk(state.level_beg[stretch].next)) {
+      state.progress.step();
       const bool refining = is_too_coarse_by_threshold(wanted_ratio(state, c, sizes), c.level);
       walk.changes_mesh_here(refining);
       Cell* node = &c;
@@ -135,11 +137,13 @@ void refine(State& state, Sizes& sizes, bool does_without) {
 template <typename Sizes>
 void coarsen(State& state, Sizes& sizes) {
   Walk walk = Walk::to_coarsen(state.history);
+  state.progress.begin("coarsening", state.nb_nodes);
   state.history.begin_recording(state.nb_nodes);
   for (std::int32_t l = state.level_max; l >= 1; --l) {
     const auto stretch = static_cast<std::size_t>(l);
     sizes.begin_walk(stretch, walk);
     for (Cell& c : walk(state.level_end[stretch].next)) {
+      state.progress.step();
       const bool removing =
           c.level != 0 && is_too_fine_by_threshold(wanted_ratio(state, c, sizes), c.level);
       walk.changes_mesh_here(removing);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <limits>
 #include <string>
 
@@ -210,6 +211,36 @@ std::string to_text(double value);
 
 [[noreturn]] void allocation_failed(const Handlers& handlers, std::size_t bytes);
 [[noreturn]] void release_of_missing(const Handlers& handlers, std::string_view name);
+
+// ---------------------------------------------------------------------------------------------
+// Progress (progress.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Tells a caller how far the work is, if there is one who wants to know.
+class ProgressTeller {
+ public:
+  progress_function handler;
+
+  void begin(std::string_view phase, std::int64_t known) {
+    phase_ = phase;
+    done_ = 0;
+    known_ = known;
+    until_look_ = steps_between_looks;
+  }
+  /// Once for each node. May throw what the handler throws.
+  void step() {
+    if (--until_look_ == 0) look();
+  }
+
+ private:
+  static constexpr std::int32_t steps_between_looks = 1024;  // the clock is read no more often
+  void look();
+
+  std::string_view phase_;
+  std::int64_t done_ = 0, known_ = 0;
+  std::int32_t until_look_ = steps_between_looks;
+  std::chrono::steady_clock::time_point next_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Levels and the lattice (levels.cpp, true_ipos.cpp)

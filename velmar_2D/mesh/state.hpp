@@ -42,6 +42,7 @@ struct State {
   bc_type_function bc_type_ptr;
   Handlers handlers;
   UpdateStatistics update_statistics;
+  mutable ProgressTeller progress;  ///< also of what changes no mesh
 
   /// Whether some link may not be mutual any more, because a caller inserted a node among nodes
   /// that do not surround it. From then on removals look for links to the node; false again with
