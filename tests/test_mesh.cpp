@@ -1,6 +1,10 @@
 // The mesh as an object: what it owns, what it gives, what it refuses.
+#include <chrono>
 #include <cmath>
 #include <memory>
+#include <set>
+#include <stdexcept>
+#include <thread>
 #include <tuple>
 
 #include "scenarios/scenarios.hpp"
@@ -221,6 +225,35 @@ TEST(Mesh, ItsOwnHandlersComeBeforeThoseOfTheProcess) {
   Mesh other(unit_square, {.nx = 3, .subdiv_max = 0});
   EXPECT_EQ(texts.substr(0, 9), "process: ") << "the handlers of a mesh are for it alone";
   message_handler = fatal_handler = nullptr;
+}
+
+// Each phase tells where it is, and what is thrown there leaves a whole mesh, wherever it is
+// thrown.
+TEST(MeshProgress, LeavesAnyPhase) {
+  const auto size = [](double x, double y, auto...) { return 0.01 + 0.2 * std::abs(x - y); };
+  const auto coarse = [](double, double, auto...) { return 1.0; };
+  std::set<std::string> left;
+  for (const std::string phase : {"restoring", "derivatives", "refining", "coarsening"}) {
+    for (const bool resolves : {false, true}) {
+      Mesh mesh({}, {.nx = 17, .subdiv_max = 10, .n_cell_data = 1});
+      mesh.update(size);
+      mesh.set_progress_handler([&](const Progress& progress) {
+        EXPECT_TRUE(progress.done > 0 && progress.known > 17 * 17);
+        if (progress.phase == phase) throw std::domain_error(phase);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // to be told again
+      });
+      try {
+        resolves ? mesh.resolve(coarse) : mesh.update(coarse);
+      } catch (const std::domain_error& error) {
+        left.insert(error.what() + std::string(resolves ? " of resolve" : " of update"));
+      }
+      EXPECT_TRUE(mesh.check().empty());
+      mesh.set_progress_handler(nullptr);
+      mesh.resolve(coarse);
+      EXPECT_EQ(mesh.size(), 17 * 17);
+    }
+  }
+  EXPECT_EQ(left.size(), 7U) << "only an update restores nothing";
 }
 
 }  // namespace

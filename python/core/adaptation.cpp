@@ -119,6 +119,12 @@ class LetOthersRun {
 // Wanted spacings
 // ---------------------------------------------------------------------------------------------
 
+/// Leaves where Ctrl-C was pressed.
+void heed_signals() {
+  const py::gil_scoped_acquire python;
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
 /// The arrays that a vectorised size function gets. Their memory serves one batch after another, as
 /// long as the function keeps none of them.
 class SizeArguments {
@@ -155,10 +161,11 @@ class SizeArguments {
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
   void fill(Nodes nodes, bool has_data) {
-    constexpr std::size_t nodes_ahead = 16;
+    constexpr std::size_t nodes_ahead = 16, nodes_between_signals = std::size_t{1} << 20;
     double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
            *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
     for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if ((i + 1) % nodes_between_signals == 0) heed_signals();
       if (i + nodes_ahead < nodes.size()) {
         const Cell* soon = nodes[i + nodes_ahead];
         __builtin_prefetch(soon);
@@ -193,6 +200,25 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 // Adapting
 // ---------------------------------------------------------------------------------------------
 
+/// While this lasts an update can be interrupted, and tells how far it has come.
+class ProgressAtHand {
+ public:
+  ProgressAtHand(Mesh& mesh, const py::object& progress) : mesh_(mesh) {
+    mesh.set_progress_handler([&progress](const Progress& p) {
+      heed_signals();
+      if (progress.is_none()) return;
+      const py::gil_scoped_acquire python;
+      progress(text(p.phase), p.done, p.known);
+    });
+  }
+  ~ProgressAtHand() { mesh_.set_progress_handler(nullptr); }
+  ProgressAtHand(const ProgressAtHand&) = delete;
+  ProgressAtHand& operator=(const ProgressAtHand&) = delete;
+
+ private:
+  Mesh& mesh_;
+};
+
 /// A batch is in the order of a walk upwards, from the first node of a stretch on, or downwards.
 bool is_refinement(const Mesh& mesh, Nodes nodes) {
   return nodes.front() == &*mesh.nodes(nodes.front()->ipos).begin();
@@ -200,8 +226,9 @@ bool is_refinement(const Mesh& mesh, Nodes nodes) {
 
 /// update(), and with a resolution resolve().
 void adapt(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-           bool init_vectorised, const py::tuple& hooks, const py::object& kinds,
-           bool kinds_vectorised, const std::optional<Resolution>& resolution) {
+           bool init_vectorised, const py::tuple& hooks, const py::object& progress,
+           const py::object& kinds, bool kinds_vectorised,
+           const std::optional<Resolution>& resolution) {
   const Changing changing(core, resolution ? "resolve" : "update");
   const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
   Mesh& mesh = *core.mesh;
@@ -225,6 +252,7 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
     };
   }
 
+  const ProgressAtHand progress_at_hand(mesh, progress);
   BatchedHooks batched_hooks(mesh, hooks[0], hooks[1]);
   Forecast forecast(mesh, values.get(), kinds_at_hand.bulk_sides());
   if (!vectorised && !forecast.has_readers() && !batched_hooks.are_there()) {
@@ -321,16 +349,18 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 }
 
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised, const py::tuple& hooks, const py::object& kinds,
-            bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, hooks, kinds, kinds_vectorised, {});
+            bool init_vectorised, const py::tuple& hooks, const py::object& progress,
+            const py::object& kinds, bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, progress, kinds,
+        kinds_vectorised, {});
 }
 
 void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
              std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
-             const py::tuple& hooks, const py::object& kinds, bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, hooks, kinds, kinds_vectorised,
-        Resolution{margin, most_nodes, slope});
+             const py::tuple& hooks, const py::object& progress, const py::object& kinds,
+             bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, progress, kinds,
+        kinds_vectorised, Resolution{margin, most_nodes, slope});
 }
 
 }  // namespace velmar_2d::python

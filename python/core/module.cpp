@@ -73,11 +73,11 @@ PYBIND11_MODULE(_core, m) {
   mesh.def("delete", &CoreMesh::remove);
   mesh.def("is_alive", &CoreMesh::is_alive);
   mesh.def("update", update, py::arg("size"), py::arg("init_data"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("hooks"), py::arg("kinds"),
+           py::arg("init_vectorised"), py::arg("hooks"), py::arg("progress"), py::arg("kinds"),
            py::arg("kinds_vectorised"));
   mesh.def("resolve", resolve, py::arg("size"), py::arg("init_data"), py::arg("margin"),
            py::arg("most_nodes"), py::arg("slope"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("hooks"), py::arg("kinds"),
+           py::arg("init_vectorised"), py::arg("hooks"), py::arg("progress"), py::arg("kinds"),
            py::arg("kinds_vectorised"));
   mesh.def("transfer", [](const CoreMesh& core) {
     return static_cast<std::int32_t>(core.readable().transfer());

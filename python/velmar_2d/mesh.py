@@ -14,6 +14,7 @@ from . import _core, links
 from .matrices import laplacian
 from .nodes import Nodes
 from .plotting import plot
+from .progress import Progress, shown
 
 _TRANSFERS = ("first", "all", "conservative")
 _MOST_NODES = 2**31 - 1  # which links as indices can tell apart
@@ -175,7 +176,8 @@ class Mesh:
     def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                *, vectorised: bool = True, init_vectorised: bool | None = None,
                inserted: Callable[..., Any] | None = None,
-               removing: Callable[..., Any] | None = None) -> UpdateStatistics:
+               removing: Callable[..., Any] | None = None,
+               progress: bool | Progress = False) -> UpdateStatistics:
         """Adapts the mesh to a wanted spacing.
 
         size(x, y, data, grad, grad2) is asked at nodes for the spacing wanted there, with their
@@ -195,18 +197,24 @@ class Mesh:
         beside them and may be written, rows of shape (n, 8) tells which of those they are, -1 where
         there are fewer. Neither must use the mesh.
 
+        progress shows how far the update is, with tqdm where that is installed, or is called as
+        progress(phase, nodes_done, nodes_known), ten times a second at most. Ctrl-C and what it
+        raises leave the update.
+
         Both ways lead to the same mesh; the vectorised one is many times faster. An exception of a
         callable leaves the mesh whole, with part of the update done.
         """
-        self._core.update(*_callables(size, init_data, vectorised, init_vectorised),
-                          _hooks(inserted, removing), *self._kinds)
+        with shown(progress) as told:
+            self._core.update(*_callables(size, init_data, vectorised, init_vectorised),
+                              _hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                 margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
                 vectorised: bool = True, init_vectorised: bool | None = None,
                 inserted: Callable[..., Any] | None = None,
-                removing: Callable[..., Any] | None = None) -> UpdateStatistics:
+                removing: Callable[..., Any] | None = None,
+                progress: bool | Progress = False) -> UpdateStatistics:
         """Adapts the mesh until no node is coarser than wanted, with as few nodes as that takes.
 
         The functions are those of update(), and so is what they get; but size is asked once
@@ -226,8 +234,9 @@ class Mesh:
         if most_nodes is not None and operator.index(most_nodes) < 1:
             raise ValueError(f"most_nodes is {most_nodes}; it must be above 0")
         size, init_data, *ways = _callables(size, init_data, vectorised, init_vectorised)
-        self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
-                           _hooks(inserted, removing), *self._kinds)
+        with shown(progress) as told:
+            self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
+                               _hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     @property

@@ -172,7 +172,10 @@ class Resolver {
     nodes_.resize(i);
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-      for (Cell& c : walk(state_.level_end[l].next)) nodes_[--i] = &c;
+      for (Cell& c : walk(state_.level_end[l].next)) {
+        nodes_[--i] = &c;
+        state_.progress.step();
+      }
     }
     nb_listed_ = nodes_.size();
   }
