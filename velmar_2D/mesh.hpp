@@ -1,13 +1,13 @@
 // velmar_2d::Mesh: an adaptive mesh as an object.
 //
 //     velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = 17, .subdiv_max = 9});
-//     mesh.update([](double x, double y, auto...) { return 0.002 + 0.2 * std::abs(y - x * x); });
+//     mesh.resolve([](double x, double y, auto...) { return 0.002 + 0.2 * std::abs(y - x * x); });
 //     for (velmar_2d::Cell& c : mesh.nodes()) { /* c.x, c.y, mesh.area(c) ... */ }
 //
 // The life of a mesh
 // ------------------
 //   1. Mesh(rectangle, grid)      makes a uniform grid of level 0.
-//   2. update(size)               adapts it to the spacing you want, as often as you like.
+//   2. resolve(size)              adapts it to the spacing you want, as often as you like.
 //   3. nodes(), link(), area(), faces(), compute_derivatives() ...     read it.
 //   4. The end of its scope       gives its nodes back.
 //
@@ -174,8 +174,8 @@ class VELMAR_2D_API Mesh {
   /// Where there are data values, their derivatives are computed at every node first. Then
   /// stretches are walked upwards, inserting nodes where the wanted level 2 log2(dist_0 / size)
   /// exceeds a node's level, and downwards, removing nodes whose level exceeds the wanted one by
-  /// more than 1.05. One call mostly reaches the wanted spacing from any mesh; a second one settles
-  /// what is left. References to removed nodes are invalid afterwards; all others stay good.
+  /// more than 1.05. Nodes may stay too coarse however often it is called, the more of them the
+  /// faster sizes grow: see resolve(). References to removed nodes become invalid, no others.
   /// Cost: linear in the number of nodes.
   UpdateStatistics update(const size_function& size);
   /// The same; data[0] of new nodes comes from `init_data`, which is forgotten when this returns.

@@ -6,8 +6,8 @@
 //          static velmar_2d::Boundary north{1.0}, east{1.0}, south{0.0}, west{0.0};
 //          velmar_2d::north_boundary_dir = &north;      // and east, south, west
 //   2. init_mesh(bc_type, nx, ny, subdiv_max, y_max)    makes a uniform grid of level 0.
-//   3. update_mesh_no_init(size_fun)                    adapts it to the spacing you want,
-//      or update_mesh_init(size_fun, init_data)         as often as you like.
+//   3. resolve_mesh_no_init(size_fun)                   adapts it to the spacing you want,
+//      or resolve_mesh_init(size_fun, init_data)        as often as you like.
 //   4. Walk the nodes:  for (Cell* c = mesh_beg; c != nullptr; c = c->next) ...
 //   5. delete_mesh()                                    and, if you wish, start again at 1.
 //
@@ -42,8 +42,8 @@ namespace velmar_2d {
 /// It may read the mesh, which can be in the split state, but not call what changes it.
 ///
 /// The mesh is whole after every exit by an exception, be it from here or from one of the caller's
-/// own callbacks: a node is in it with all its links or not at all, and update_mesh_*() and
-/// set_subdiv_max() leave their list joined. init_mesh() makes the whole grid or no node.
+/// own callbacks: a node is in it with all its links or not at all, and update_mesh_*(),
+/// resolve_mesh_*() and set_subdiv_max() leave their list joined. init_mesh() makes all or no node.
 VELMAR_2D_API extern text_function& fatal_handler;
 
 /// Takes the place of standard output: called with each message (without the line end after its
@@ -129,8 +129,8 @@ VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int
 ///
 /// First the derivatives of data[0] are computed at every node. Then stretches are walked upwards,
 /// inserting nodes where the wanted level 2 log2(dist_0 / size) exceeds a node's level, and
-/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. One call mostly
-/// reaches the wanted spacing from any mesh; a second one settles what is left.
+/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. Nodes may stay
+/// too coarse however often it is called, the more the faster sizes grow: see resolve_mesh_init().
 /// References to removed nodes are invalid afterwards; all others stay good.
 /// Ends the process if there is no mesh or a callback that is needed is empty.
 /// Cost: linear in the number of nodes.
