@@ -171,8 +171,12 @@ class Resolver {
     nodes_.resize(i);
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-      for (Cell& c : walk(state_.level_end[l].next)) nodes_[--i] = &c;
+      for (Cell& c : walk(state_.level_end[l].next)) {
+        if (i == 0) list_was_changed(state_, "resolve_mesh");
+        nodes_[--i] = &c;
+      }
     }
+    if (i > 0) list_was_changed(state_, "resolve_mesh");
     nb_listed_ = nodes_.size();
   }
 
