@@ -198,6 +198,68 @@ TEST(Resolve, GivesExactLevelsAndDeepOnesInOneCall) {
   EXPECT_EQ(mesh.size(), 25);
 }
 
+TEST(Resolve, FindsEveryPointUpToASlope) {
+  scenarios::Random random{3};
+  constexpr int finest_level = 16;
+  for (int run = 0; run < 400; ++run) {
+    const Domain& domain = domains[run % std::size(domains)];
+    Mesh mesh(domain.rectangle, {.nx = domain.nx, .subdiv_max = 30});
+    const Rectangle r = mesh.rectangle();
+    const double x = r.x_min + (r.x_max - r.x_min) * random.uniform();
+    const double y = r.y_min + (r.y_max - r.y_min) * random.uniform();
+    const double finest = mesh.spacing_of_level(finest_level);
+    mesh.resolve([=](double px, double py, auto...) {
+      return std::max(finest, 1.41 * std::hypot(px - x, py - y));
+    });
+    int highest = 0;
+    for (const Cell& c : mesh.nodes()) highest = std::max(highest, c.level);
+    EXPECT_GE(highest, finest_level) << domain.name << ": " << x << ", " << y;
+  }
+}
+
+/// How far a point is from a slanted front.
+double from_front(double x, double y, double position) {
+  return (x + 0.3 * y - position) / std::hypot(1.0, 0.3);
+}
+
+// A field that changes within two of the finest spacings, or from one to the next: all that tells
+// where it is are the derivatives of the values at the nodes.
+TEST(Resolve, KeepsEveryNodeOfAMovingFrontAtTheFinestLevel) {
+  constexpr int finest_level = 16;
+  constexpr double width = 1e-3;
+  for (const bool is_step : {false, true}) {
+    for (const bool by_hessian : {false, true}) {
+      Mesh mesh({0, 1, 0, 0.25}, {.nx = 9, .subdiv_max = finest_level, .n_cell_data = 1});
+      const size_function size = [=](double, double, auto, double gradient, double hessian) {
+        return std::min(0.25 / gradient, by_hessian ? std::sqrt(0.1 / hessian) : 1.0);
+      };
+      const double half_width = 0.5 * (is_step ? mesh.spacing_of_level(finest_level) : width);
+      for (int frame = 0; frame < 12; ++frame) {
+        const double position = 0.371 + 0.0006 * frame;
+        const auto field = [=](double x, double y) {
+          const double distance = from_front(x, y, position);
+          return is_step ? std::copysign(1.0, distance) : std::tanh(distance / width);
+        };
+        for (Cell& c : mesh.nodes()) c.data[0] = field(c.x, c.y);
+        // Derivatives of coarse surroundings find the front; it is settled with those of finer
+        // ones.
+        for (int i = frame == 0 ? 4 : 1; i > 0; --i) {
+          mesh.resolve(size, field, {.margin = by_hessian ? 1.5 : 0.5, .most_nodes = 100'000});
+        }
+        int nb_of_front = 0;
+        for (const Cell& c : mesh.nodes()) {
+          if (std::abs(from_front(c.x, c.y, position)) > half_width) continue;
+          ++nb_of_front;
+          ASSERT_EQ(c.level, finest_level) << c.x << ", " << c.y << ", frame " << frame;
+        }
+        EXPECT_GT(nb_of_front, 250);
+        EXPECT_LT(mesh.size(), 30 * nb_of_front) << "nodes go behind the front";
+      }
+      EXPECT_TRUE(is_in_order(mesh));
+    }
+  }
+}
+
 TEST(Resolve, KeepsNodesWithinTheMargin) {
   scenarios::Random random{7};
   for (int run = 0; run < 2 * nb_kinds_of_size; ++run) {

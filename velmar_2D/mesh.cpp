@@ -121,7 +121,7 @@ bc_type_function kind_by_side(std::int32_t north, std::int32_t east, std::int32_
 }
 
 void detail::StateDeleter::operator()(State* state) const {
-  if (state != &default_state()) delete state;
+  if (state != &default_state()) delete_state(state);
 }
 
 Mesh& default_mesh() {
@@ -146,7 +146,7 @@ Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
   set_rectangle(made, rectangle);
   made.n_cell_data = grid.n_cell_data;
   double upper_y = 0.0;
-  const detail::MeshChange change(made, "Mesh");
+  const detail::MeshChange change(made, "Mesh", false);
   detail::init_mesh(made, grid.bc_type ? grid.bc_type : same_kind(bc_type_dir), grid.nx, ny,
                     grid.subdiv_max, upper_y);
 }
@@ -267,7 +267,10 @@ Gradient Mesh::compute_derivatives(Cell& c) const {
   return gradient;
 }
 
-void Mesh::compute_derivatives(int threads) { detail::compute_data_at_all_nodes(state(), threads); }
+void Mesh::compute_derivatives(int threads) {
+  const detail::InUse in_use(state(), "compute_derivatives");
+  detail::compute_data_at_all_nodes(state(), threads);
+}
 
 double Mesh::area(Cell& c) const { return detail::cell_area(state(), c); }
 
@@ -339,10 +342,18 @@ void Mesh::join_sublists() {
   detail::join_sublists(state());
 }
 
+// A handler that replaced itself would go on in what is no more.
 void Mesh::set_message_handler(text_function handler) {
+  detail::require_no_use(state(), "set_message_handler");
   state().handlers.message = std::move(handler);
 }
-void Mesh::set_fatal_handler(text_function handler) { state().handlers.fatal = std::move(handler); }
-void Mesh::set_pause_handler(text_function handler) { state().handlers.pause = std::move(handler); }
+void Mesh::set_fatal_handler(text_function handler) {
+  detail::require_no_use(state(), "set_fatal_handler");
+  state().handlers.fatal = std::move(handler);
+}
+void Mesh::set_pause_handler(text_function handler) {
+  detail::require_no_use(state(), "set_pause_handler");
+  state().handlers.pause = std::move(handler);
+}
 
 }  // namespace velmar_2d

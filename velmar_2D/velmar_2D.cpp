@@ -88,7 +88,7 @@ detail::State& state() { return detail::default_mesh.state; }
 
 void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                double& y_max) {
-  const detail::MeshChange change(state(), "init_mesh");
+  const detail::MeshChange change(state(), "init_mesh", false);
   detail::init_mesh(state(), std::move(bc_type), nx, ny, subdiv_max, y_max);
 }
 
@@ -143,7 +143,7 @@ void set_subdiv_max(std::int32_t subdiv_max) {
 std::int32_t get_subdiv_max() { return state().level_max; }
 
 void delete_mesh() {
-  const detail::MeshChange change(state(), "delete_mesh");
+  const detail::MeshChange change(state(), "delete_mesh", false);
   detail::delete_mesh(state());
 }
 
@@ -186,7 +186,10 @@ void compute_data_at_node(Cell* c, double* dfdx, double* dfdy) {
   detail::compute_data_at_node(state(), work, c, dfdx, dfdy);
 }
 
-void compute_data_at_all_nodes(int threads) { detail::compute_data_at_all_nodes(state(), threads); }
+void compute_data_at_all_nodes(int threads) {
+  const detail::InUse in_use(state(), "compute_data_at_all_nodes");
+  detail::compute_data_at_all_nodes(state(), threads);
+}
 
 void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift) {
   detail::cell_type(state(), *c, type, shift);

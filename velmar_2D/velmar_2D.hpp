@@ -17,9 +17,9 @@
 // -----------
 // All state here is library-wide: this is the window of one default mesh. Any number of others are
 // objects, see mesh.hpp; all rules are the same. Messages go to standard output; after a fatal one
-// the process ends with EXIT_FAILURE. Both can be taken over, see fatal_handler. Callbacks must not
-// call the library; they may throw. The library owns the nodes; the caller owns the Boundary
-// records and the callbacks.
+// the process ends with EXIT_FAILURE. Both can be taken over, see fatal_handler. Callbacks and
+// handlers may read the mesh; to call what changes it from there is such a fatal error. They may
+// throw. The library owns the nodes; the caller owns the Boundary records and the callbacks.
 //
 // Threads: one at a time may call what changes the mesh, and none may read it meanwhile. While no
 // one changes the mesh or its data, any number of threads may call what is marked "Readers" below.
@@ -67,7 +67,8 @@ VELMAR_2D_API extern std::vector<Handle>&level_beg, &level_end;
 VELMAR_2D_API extern std::vector<Handle>&tmp_beg, &tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2>& level_range;
-VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh;
+                                               ///< changed by set_subdiv_max() alone
 VELMAR_2D_API extern std::int64_t& next_id;    ///< id of the next node created
 VELMAR_2D_API extern std::int32_t&
     nb_nodes;  ///< number of nodes; a mesh exists while it is above 0

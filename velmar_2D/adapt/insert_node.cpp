@@ -61,7 +61,7 @@ Cell& new_cell_at(State& state, const Site& site) {
   const std::int32_t ipos = site.ipos >= 0 ? site.ipos
                                            : true_ipos(state.domain, site.x - state.domain.x_min,
                                                        site.y - state.domain.y_min);
-  if (ipos < 0 || ipos > state.level_max) {
+  if (ipos < 0 || ipos > highest_stretch(state)) {
     fatal(state.handlers,
           "(Velmar_2D:) insert_node: ERROR\n"
           "             the position (" +
@@ -69,7 +69,7 @@ Cell& new_cell_at(State& state, const Site& site) {
               std::to_string(ipos) +
               ",\n"
               "             which lies outside of the levels 0 to " +
-              std::to_string(state.level_max));
+              std::to_string(highest_stretch(state)));
   }
   Cell& c = *new_cell(state, ipos);
   c.x = site.x;

@@ -20,7 +20,7 @@ void remove_by_links(State& state, Cell*& c) {
 
 /// Walks the stretches above the limit downwards, each from its last node to its first.
 void remove_above(State& state, std::int32_t limit, void (*remove)(State&, Cell*&)) {
-  for (std::int32_t l = state.level_max; l > std::max(limit, -1); --l) {
+  for (std::int32_t l = highest_stretch(state); l > std::max(limit, -1); --l) {
     Cell* c = state.level_end[static_cast<std::size_t>(l)].next;
     while (c != nullptr) {
       Cell* candidate = c;
@@ -31,7 +31,7 @@ void remove_above(State& state, std::int32_t limit, void (*remove)(State&, Cell*
 }
 
 bool nodes_above(const State& state, std::int32_t limit) {
-  for (std::int32_t l = std::max(limit, -1) + 1; l <= state.level_max; ++l) {
+  for (std::int32_t l = std::max(limit, -1) + 1; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) return true;
   }
   return false;
@@ -62,7 +62,7 @@ void fill_holes_above(State& state, std::int32_t limit) {
   const Domain& domain = state.domain;
   std::array<Vertex, 4> proposals;
   std::int32_t n = 0;
-  for (std::int32_t l = limit + 1; l <= state.level_max; ++l) {
+  for (std::int32_t l = limit + 1; l <= highest_stretch(state); ++l) {
     for (Cell* c = state.level_beg[static_cast<std::size_t>(l)].next; c != nullptr; c = c->next) {
       build_vertex(state, *c, proposals, n);
       for (std::int32_t i = 0; i < n; ++i) {

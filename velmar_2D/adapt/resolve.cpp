@@ -173,10 +173,12 @@ class Resolver {
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
       for (Cell& c : walk(state_.level_end[l].next)) {
+        if (i == 0) list_was_changed(state_, "resolve_mesh");
         nodes_[--i] = &c;
         state_.progress.step();
       }
     }
+    if (i > 0) list_was_changed(state_, "resolve_mesh");
     nb_listed_ = nodes_.size();
   }
 

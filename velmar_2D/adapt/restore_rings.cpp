@@ -397,7 +397,7 @@ bool is_bare_grid(const State& state) {
 bool restore_rings(State& state, std::int64_t most_nodes) {
   if (is_bare_grid(state)) return false;
   std::int32_t highest = 0;
-  for (std::int32_t l = 0; l <= state.level_max; ++l) {
+  for (std::int32_t l = 0; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) highest = l;
   }
   std::optional<Restorer> restorer;

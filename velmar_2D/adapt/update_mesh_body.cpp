@@ -68,7 +68,8 @@ class SizesInBatches {
   /// Needs: the nodes of the walk in their order; some may be left out.
   double at(const Cell& c) {
     if (small_batches_) return small_batches_->at(c);
-    while (nodes_[next_] != &c) ++next_;
+    while (next_ < nodes_.size() && nodes_[next_] != &c) ++next_;
+    if (next_ == nodes_.size()) list_was_changed(state_, "update_mesh");
     return sizes_[next_++];
   }
   /// The node of the last size is no more. Needs: the walk goes backwards.
@@ -111,7 +112,7 @@ template <typename Sizes>
 void refine(State& state, Sizes& sizes, bool does_without) {
   Walk walk = Walk::to_refine(state.history);
   state.progress.begin("refining", state.nb_nodes);
-  const std::int32_t last_level = state.level_max;
+  const std::int32_t last_level = highest_stretch(state);
   std::int32_t special_below = last_level;
   for (std::int32_t l = 0; l <= last_level; ++l) {
     const auto stretch = static_cast<std::size_t>(l);
@@ -139,7 +140,7 @@ void coarsen(State& state, Sizes& sizes) {
   Walk walk = Walk::to_coarsen(state.history);
   state.progress.begin("coarsening", state.nb_nodes);
   state.history.begin_recording(state.nb_nodes);
-  for (std::int32_t l = state.level_max; l >= 1; --l) {
+  for (std::int32_t l = highest_stretch(state); l >= 1; --l) {
     const auto stretch = static_cast<std::size_t>(l);
     sizes.begin_walk(stretch, walk);
     for (Cell& c : walk(state.level_end[stretch].next)) {

@@ -197,6 +197,12 @@ struct Handlers {
   /// fatal errors are exceptions, and without a handler it prints nothing and waits for nothing.
   const Handlers* defaults = nullptr;
 
+  /// Calls of handlers that have not come back yet.
+  mutable std::atomic<std::int32_t> nb_running = 0;
+  /// Set where one of them deletes the mesh that these belong to: done when it has come back.
+  void (*delete_owner)(void* owner) = nullptr;
+  void* owner = nullptr;
+
   bool of_object() const { return defaults != nullptr; }
 };
 
@@ -206,6 +212,8 @@ void message(const Handlers& handlers, std::string_view block);
 void pause(const Handlers& handlers, std::string_view prompt);
 /// Throws the message block as an Error, or prints it, flushes and ends the process.
 [[noreturn]] void fatal(const Handlers& handlers, std::string_view block);
+/// Prints the message block and ends the process; asks no one.
+[[noreturn]] void end_at_once(std::string_view block);
 /// Shortest decimal text that reads back as the same value.
 std::string to_text(double value);
 

@@ -49,6 +49,7 @@ std::int32_t release_all_nodes(State& state) {
     ++nb_released;
   }
   state.mesh_end = nullptr;
+  state.nb_nodes = 0;  // of a list that a caller has broken not all are found
   for (std::vector<Handle>* ends : {&state.level_beg, &state.level_end}) {
     std::fill(ends->begin(), ends->end(), Handle{});
   }

@@ -56,6 +56,10 @@ struct State {
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
   bool has_another_way = false;               ///< see AnotherWay
 
+  std::string_view in_use_by;  ///< the operation that is changing the mesh; empty: none, see InUse
+  bool is_refusing = false;    ///< another one, which a callback or a handler has called
+  bool is_orphan = false;      ///< its Mesh has gone meanwhile: the operation deletes it at its end
+
   NodeMemory memory;
   TraversalHistory history;
   StretchNodes stretch_nodes;
@@ -82,6 +86,26 @@ void delete_mesh(State& state);
 
 /// Ends the process with a message that names the operation if there is no mesh.
 void require_mesh(const State& state, std::string_view operation);
+
+/// Held by every operation that changes the mesh or its list. Callbacks and handlers that come back
+/// in the middle of one are refused, and so is a mesh whose level arrays do not fit `level_max`.
+class InUse {
+ public:
+  /// @param operation     as callers know it; never goes
+  /// @param needs_arrays  false: makes or deletes them
+  InUse(State& state, std::string_view operation, bool needs_arrays = true);
+  ~InUse() noexcept(false);
+  InUse(const InUse&) = delete;
+  InUse& operator=(const InUse&) = delete;
+
+ private:
+  State& state_;
+  int exceptions_before_;
+};
+/// Refuses an operation where the mesh is in use.
+void require_no_use(State& state, std::string_view operation);
+/// Deletes the state of a mesh that is an object, at once or when no one uses it any more.
+void delete_state(State* state);
 
 /// Memory is exhausted, in an operation that can go on in another way.
 struct Exhausted {
@@ -129,6 +153,8 @@ inline double first_data(const Cell& c) { return c.data.empty() ? 0.0 : c.data[0
 
 void split_sublists(State& state);
 void join_sublists(State& state);
+/// Ends an operation that does not find the nodes it knows in the list.
+[[noreturn]] void list_was_changed(const State& state, std::string_view operation);
 
 /// Joins the list at the end of a scope that splits it, however the scope is left.
 class JoinAtEnd {
@@ -148,6 +174,11 @@ class JoinAtEnd {
 void enter_stretch(State& state, Cell& c);
 /// Takes a node out of its stretch, in the joined and in the split state.
 void leave_stretch(State& state, Cell& c);
+
+/// The last stretch that may hold nodes; `level_max`, unless a caller has written there.
+inline std::int32_t highest_stretch(const State& state) {
+  return std::min(state.level_max, static_cast<std::int32_t>(state.level_beg.size()) - 1);
+}
 
 /// Gives the level arrays room for a limit, keeping their entries.
 void make_level_arrays(State& state, std::int32_t subdiv_max);
