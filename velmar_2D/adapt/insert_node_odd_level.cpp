@@ -37,7 +37,7 @@ void prune_along_boundary(Cell& centre, int side) {
 Cell& insert(State& state, const Site& site, bool foreign) {
   const double first_value = initial_data(state, site);
   Cell& c = new_cell_at(state, site);
-  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(site.level);
+  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(state, site.level);
   c.signature = {85, 85};
   c.signature_set = true;
 
