@@ -135,7 +135,7 @@ TEST(Mesh, MistakesThrowWhatIsWrongAndNothingIsPrinted) {
   {
     Mesh mesh(unit_square, {.nx = 3, .subdiv_max = 0, .n_cell_data = 1});
     expect_error([&] { mesh.set_limit(-1); }, "the limit is negative");
-    expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 1000000");
+    expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 60");
     expect_error([&] { mesh.update(size_function()); }, "'size_fun' is no procedure");
     expect_error([&] { mesh.update(ring(), nullptr); }, "'init_data' is no procedure");
     expect_error(
@@ -206,7 +206,7 @@ TEST(Mesh, ItsOwnHandlersComeBeforeThoseOfTheProcess) {
   Mesh mesh(unit_square, {.nx = 3, .subdiv_max = 0});
   EXPECT_EQ(texts, "process: (velmar_2D/init_mesh:) Warning: arg 'subdiv_max' = 0 !; ");
   texts.clear();
-  expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 1000000");
+  expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 60");
   EXPECT_EQ(texts.substr(0, 16), "process, fatal: ");
 
   mesh.set_message_handler(note("own: "));

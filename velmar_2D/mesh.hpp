@@ -57,7 +57,7 @@ struct Grid {
   std::int32_t nx = 17;           ///< nodes along x, at least 2
   std::int32_t ny = 0;            ///< along y; 0: from the height, which must be a whole number of
                                   ///< squares
-  std::int32_t subdiv_max = 10;   ///< the limit: highest level that a node may have
+  std::int32_t subdiv_max = 10;   ///< the limit: highest level that a node may have, up to 60
   std::int32_t n_cell_data = 0;   ///< data values per node
   bc_type_function bc_type = {};  ///< kinds of the sides; empty: Dirichlet everywhere
 };
@@ -161,8 +161,9 @@ class VELMAR_2D_API Mesh {
   /// Makes a uniform grid over the rectangle. Every node gets n_cell_data values of 0.0.
   ///
   /// Throws Error: nx below 2, a height that is not a whole number of squares, an empty rectangle
-  /// or one whose cells are lost in the rounding of its coordinates, more nodes than memory or ids
-  /// allow, a limit that is negative or absurd, kinds of sides other than 0, 1 and 2.
+  /// or one whose cells are lost in the rounding of its coordinates, cells below 1e-60 or
+  /// coordinates beyond 1e60, more nodes than memory or ids allow, a limit that is negative, above
+  /// 60 or too deep for the coordinates, kinds of sides other than 0, 1 and 2.
   explicit Mesh(const Rectangle& rectangle, const Grid& grid = {});
 
   // -------------------------------------------------------------------------------------------
@@ -225,7 +226,7 @@ class VELMAR_2D_API Mesh {
   /// The subdivision limit.
   std::int32_t limit() const;
   /// Changes it. Lowering it removes every node that lies above; raising it changes no node. Throws
-  /// Error where it is negative or absurd.
+  /// Error where it is negative, above 60 or too deep for the coordinates.
   void set_limit(std::int32_t limit);
 
   // -------------------------------------------------------------------------------------------

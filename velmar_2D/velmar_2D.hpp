@@ -116,12 +116,14 @@ VELMAR_2D_API extern Boundary *&west_boundary_dir, *&west_boundary_neu, *&west_b
 /// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
 /// is printed and RETURN awaited.
 /// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
-/// rectangle is empty or its cells are lost in the rounding of its coordinates, subdiv_max is
-/// negative or absurd, bc_type is empty or selects no record.
+/// rectangle is empty or its cells are lost in the rounding of its coordinates, cells are below
+/// 1e-60 wide or coordinates beyond 1e60, subdiv_max is negative or deeper than positions can be
+/// told apart, bc_type is empty or selects no record.
 ///
 /// @param bc_type     kind of condition on each side, kept for later insertions on the sides
 /// @param nx, ny      number of nodes along x and y, at least 2
-/// @param subdiv_max  subdivision limit: the highest level that a node may have
+/// @param subdiv_max  subdivision limit: the highest level that a node may have; up to 60, and to
+///                    2 k where dist_0 / 2^k is still 64 roundings of the largest coordinate
 /// @param y_max       receives the upper y of the domain in use
 VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
                              std::int32_t subdiv_max, double& y_max);
@@ -192,7 +194,8 @@ VELMAR_2D_API void resolve_mesh_no_init_batched(const batch_size_function& size_
 /// Changes the subdivision limit. Lowering it removes every node that lies above it; the nodes that
 /// remain are coarsened around. Raising it changes no node.
 ///
-/// A limit below 0 removes every node. Ends the process if the limit is lowered without a mesh.
+/// A limit below 0 removes every node. Ends the process if the limit is lowered without a mesh, or
+/// raised above what init_mesh() takes.
 VELMAR_2D_API void set_subdiv_max(std::int32_t subdiv_max);
 
 /// The subdivision limit: level_max.
@@ -212,6 +215,8 @@ VELMAR_2D_API void delete_mesh();
 /// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
 /// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
 ///
+/// Ends the process where no stencil of nodes will do: on grids of 2 by n nodes, and above level
+/// 31, which counts spacings with 32-bit powers of two. A Mesh that is an object has no such level.
 /// Readers: any number of threads, also at neighbouring nodes.
 ///
 /// @param c           a node of the mesh; one without data counts as holding 0.0
@@ -287,8 +292,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 ///     stretch       every node lies in the stretch of its ipos
 ///     count         nb_nodes is the number of nodes
 ///     id            1 to next_id - 1
-///     position      inside the domain, on the lattice, and ipos is that of the position; up to
-///                   level 37, fewer far from the origin, beyond which positions do not tell it
+///     position      inside the domain, on the lattice, and ipos is that of the position
 ///     unique        no two nodes at one position
 ///     level         0 to level_max
 ///     reserve       1 to 4
@@ -298,7 +302,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 ///     link_level    1 or 2; once the node has left level 0, the number of halves of the face
 ///     side          records are linked exactly on the sides; on_boundary is their number
 ///     signature     a signature that is set is that of the links
-///     area          an area that is cached is that of the control cell
+///     area          an area that is cached (not negative, not infinite) is that of the cell
 ///     domain_area   the control cells sum to the domain
 ///     closed_sides  the control cells along each side sum to its length
 ///

@@ -15,7 +15,10 @@ namespace {
 
 /// The straight direction in which a parent lies from the new node.
 int direction_to_parent(const Domain& domain, const Cell& parent, const Vertex& v) {
-  const double eps = domain.dist_0 / std::exp2(v.level / 2.0) * same_column;
+  const double spacing = domain.dist_0 / std::exp2(v.level / 2.0);
+  // Deep down and far out the rounding of x is more than that.
+  const double eps =
+      std::max(spacing * same_column, std::min(rounding_of_positions(domain), 0.25 * spacing));
   if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
   return parent.y <= v.y ? south : north;
 }
@@ -52,8 +55,8 @@ void link_sides(Cell& c, const Sides& sides) {
   c.reserve = sides.number == 1 ? 2 : sides.number == 2 ? 1 : 4;
 }
 
-void set_shape(const Domain& domain, Cell& c) {
-  const double square = domain.dist_0 * domain.dist_0 / power_of_2(c.level);
+void set_shape(const State& state, Cell& c) {
+  const double square = state.domain.dist_0 * state.domain.dist_0 / power_of_2(state, c.level);
   if (c.on_boundary == 0) {
     c.area = square;
     c.signature = {170, 170};
@@ -91,7 +94,7 @@ Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
     link_parent(state, c, site.directions[i], *site.parents[i]);
   }
   if (nb_parents == 3) link_sides(c, sides);
-  set_shape(state.domain, c);
+  set_shape(state, c);
   if (foreign) check_surroundings(state, c, straight_directions);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
   if (foreign) check_surroundings(state, c, straight_directions);

@@ -38,7 +38,7 @@ Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
   const double first_value = initial_data(state, site);
   const ParentCells before = parent_cells(state, site);
   Cell& c = new_cell_at(state, site);
-  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(site.level);
+  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(state, site.level);
   c.signature = {85, 85};
   c.signature_set = true;
 

@@ -134,7 +134,7 @@ bool is_too_fine(double ratio, std::int32_t level);
 bool is_too_coarse_by_threshold(double ratio, std::int32_t level);
 bool is_too_fine_by_threshold(double ratio, std::int32_t level);
 
-/// No update asks for more: nodes above cannot be told apart.
+/// No update asks for more: above every limit, so that what a limit refuses is seen.
 inline constexpr std::int32_t highest_wanted_level = 62;
 /// The lowest level with a spacing of at most dist_0 / ratio. Ratios within a billionth of a
 /// level's own give that level, so that rounding does not decide.

@@ -132,6 +132,10 @@ inline constexpr double height_tolerance = 1e-9;
 /// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
 /// exceed a thousandth of the cell, and soon after two nodes would have one position.
 inline constexpr double smallest_cell = 1e-13;
+/// Lengths, for which any unit can be chosen. Fourth powers of spacings and coordinates occur in
+/// areas and fits, and those of 1e-77 and 1e77 would leave the range of numbers; deep levels take
+/// up to 1e9 of what is left.
+inline constexpr double smallest_dist_0 = 1e-60, farthest_coordinate = 1e60;
 /// Covers the rounding of positions when the length of a link is compared with dist_0, of which it
 /// is a fraction.
 inline constexpr double link_length_margin = 1e-3;
@@ -142,6 +146,10 @@ inline constexpr double link_length_margin = 1e-3;
 inline constexpr double position_tolerance = 1e-12;
 /// A coordinate is good to one rounding; its offset in units of dist_0 passes through a few more.
 inline constexpr double roundings_of_an_offset = 8.0;
+/// The finest spacing of a mesh is at least this many times rounding_of_positions(), 64 roundings
+/// of the largest coordinate. Two neighbours are closer or farther than they should be by two of
+/// those at the most, and lattice_tolerance forgives four.
+inline constexpr double finest_spacing = 8.0;
 /// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
 inline constexpr double same_column = 1e-6;
 
@@ -254,6 +262,9 @@ class ProgressTeller {
 // Levels and the lattice (levels.cpp, true_ipos.cpp)
 // ---------------------------------------------------------------------------------------------
 
+/// No limit lies above, wherever the domain is: denominators of offsets are 32-bit integers.
+inline constexpr std::int32_t deepest_level = 60;
+
 /// Base-2 logarithm: natural logarithm divided by log_of_2.
 double log2(double x);
 /// 2^level as a signed 32-bit integer where 0 <= level <= 31 (negative at 31), otherwise 0.
@@ -278,6 +289,8 @@ struct Domain {
   /// Positions can be told exactly, and all squares and diamonds of linked nodes are some: no node
   /// of level 0 was removed, and callers inserted nodes only where refinement would.
   bool lattice_is_whole = false;
+  /// No limit lies above: deeper down the rounding of coordinates shows.
+  std::int32_t deepest_level = detail::deepest_level;
 
   /// Whether a link of this node can lead to a node on a side, told from its position alone.
   bool may_have_neighbour_on_side(const Cell& c) const {
@@ -288,8 +301,12 @@ struct Domain {
 
 /// Notes that all nodes of level 0 are there, and all others where refinement puts them.
 void set_regular(Domain& domain);
-/// The position index of an offset from the lower left corner.
-std::int32_t true_ipos(const Domain& domain, double x, double y);
+/// The position index of an offset from the lower left corner, in a mesh with this limit: up to
+/// level 38 fractions tell it.
+std::int32_t true_ipos(const Domain& domain, double x, double y, std::int32_t limit = 0);
+/// How far a node may be from its place on the lattice.
+double rounding_of_positions(const Domain& domain);
+std::int32_t deepest_level_of(const Domain& domain);
 /// Whether true_ipos() tells positions apart without the tolerance that a domain far away needs.
 bool positions_are_exact(const Domain& domain);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);

@@ -97,7 +97,6 @@ struct Check {
   NodeTable nodes;
   std::vector<std::int32_t> nodes_in_stretch;  ///< as far as the list can be followed
   double tolerance = 0.0;               ///< of positions, in units of check.state.domain.dist_0
-  std::int32_t deepest_told = 0;        ///< highest level at which ipos is reliable
   double area = 0.0;                    ///< of all control cells
   std::array<double, 4> side_length{};  ///< of all control cells along n, e, s, w
   bool links_hold = true;               ///< so that areas and sides can be computed
@@ -209,7 +208,7 @@ Place nearest_place(const Domain& domain, const Cell& c, double scale) {
 void check_position(Check& check, const Cell& c, const Place& place, double scale) {
   const double step = check.state.domain.dist_0 / scale,
                margin = check.tolerance * check.state.domain.dist_0;
-  if (std::max(c.level, c.ipos) > check.deepest_told || c.ipos < 0) return;
+  if (c.ipos < 0) return;
   const double off_x = c.x - check.state.domain.x_min - static_cast<double>(place.column) * step;
   const double off_y = c.y - check.state.domain.y_min - static_cast<double>(place.row) * step;
   if (!(std::abs(off_x) <= margin && std::abs(off_y) <= margin)) {
@@ -324,11 +323,8 @@ void check_cell(Check& check, const Cell& c) {
                                 check.state.domain.dist_0 * exact_power_of_2(-c.level)
                           : area_of(polygon_of(check.state.domain, c));
   check.area += area;
-  // An insertion counts with 32-bit powers of two: above level 30 what it caches is no area.
-  constexpr std::int32_t highest_level_with_area = 30;
   const double cached = load_shared(c.area);
-  if (cached >= 0.0 && c.level <= highest_level_with_area &&
-      !(std::abs(cached - area) <= area_tolerance * area)) {
+  if (is_known_area(cached) && !(std::abs(cached - area) <= area_tolerance * area)) {
     check.report("area", "the cached area is not that of the control cell", &c);
   }
   if (found.shape != nullptr) check_shape(check, c, found.signature);
@@ -414,8 +410,6 @@ void find_broken_rules(const State& state, std::vector<Finding>& findings) {
   // As true_ipos() tells positions apart, and twice that for the nodes between two others.
   check.tolerance = std::max(2e-12, 16.0 * std::numeric_limits<double>::epsilon() *
                                         domain.largest_coordinate / domain.dist_0);
-  // Two fractions with denominators up to 2^k may be as close as 1 / 4^k.
-  check.deepest_told = static_cast<std::int32_t>(log2(1.0 / check.tolerance)) - 1;
   check_arrays(check);
   check_list(check);
   check_nodes(check);

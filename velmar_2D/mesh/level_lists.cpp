@@ -85,14 +85,15 @@ void make_level_arrays(State& state, std::int32_t subdiv_max) {
   }
 }
 
-void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max) {
-  // Positions can be told apart up to level 62; arrays far beyond that only eat memory.
-  constexpr std::int32_t largest_subdiv_max = 1'000'000;
-  if (subdiv_max <= largest_subdiv_max) return;
+void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max,
+                      std::int32_t deepest) {
+  if (subdiv_max <= deepest) return;
   fatal(state.handlers, "(velmar_2D/" + std::string(operation) + ":) ERROR: arg 'subdiv_max' > " +
-                            std::to_string(largest_subdiv_max) +
+                            std::to_string(deepest) +
                             " !\n"
-                            "        (nodes above level 62 cannot be told apart.)");
+                            "        (nodes above level " +
+                            std::to_string(deepest) + " cannot be told apart" +
+                            (deepest < deepest_level ? " in this domain.)" : ".)"));
 }
 
 }  // namespace velmar_2d::detail

@@ -73,6 +73,12 @@ struct State {
   bool lists_are_split() const { return mesh_beg == nullptr && nb_nodes > 0; }
 };
 
+/// 2^level as areas and second derivatives count it: an object exactly, the free procedures with
+/// power_of_2().
+inline double power_of_2(const State& state, std::int32_t level) {
+  return state.handlers.of_object() ? exact_power_of_2(level) : power_of_2(level);
+}
+
 /// The mesh that the free procedures and the library-wide variables are the window of.
 State& default_state();
 
@@ -182,8 +188,9 @@ inline std::int32_t highest_stretch(const State& state) {
 
 /// Gives the level arrays room for a limit, keeping their entries.
 void make_level_arrays(State& state, std::int32_t subdiv_max);
-/// Ends the process if the limit is beyond any use.
-void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max);
+/// Ends the process if the limit lies above the deepest level whose nodes can be told apart.
+void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max,
+                      std::int32_t deepest);
 
 // ---------------------------------------------------------------------------------------------
 // Links (links.cpp)
