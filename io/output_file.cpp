@@ -1,26 +1,29 @@
 #include "io/output_file.hpp"
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace velmar_2d::io {
 
-OutputFile::OutputFile(std::string path)
-    : path_(std::move(path)),
-      // No other file of this process, or of another one, is on its way under this name.
-      beside_(path_ + "." + std::to_string(getpid()) + "." +
-              std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".part") {
-  file_ = std::fopen(beside_.c_str(), "wb");
-  if (file_ == nullptr) fail(std::strerror(errno));
+OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
+  // No other file of this process, or of another one, is on its way under the name that is new.
+  for (int number = 1; file_ == nullptr; ++number) {
+    beside_ = path_ + "." + std::to_string(number) + ".part";
+    file_ = std::fopen(beside_.c_str(), "wbx");
+    if (file_ == nullptr && errno != EEXIST) {
+      fail(std::strerror(errno));
+      beside_.clear();
+      break;
+    }
+  }
 }
 
 OutputFile::~OutputFile() {
   if (file_ != nullptr) std::fclose(file_);
-  std::remove(beside_.c_str());  // gone already where finish() succeeded
+  if (!beside_.empty()) std::remove(beside_.c_str());
 }
 
 void OutputFile::fail(const std::string& reason) {
@@ -39,8 +42,11 @@ const std::string& OutputFile::finish() {
   if (file_ != nullptr && std::fclose(std::exchange(file_, nullptr)) != 0) {
     fail(std::strerror(errno));
   }
-  if (error_.empty() && std::rename(beside_.c_str(), path_.c_str()) != 0) {
-    fail(std::strerror(errno));
+  if (error_.empty()) {
+    std::error_code why;
+    std::filesystem::rename(beside_, path_, why);
+    // The name beside is free for others from here on.
+    why ? fail(why.message()) : beside_.clear();
   }
   return error_;
 }
