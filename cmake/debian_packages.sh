@@ -28,6 +28,7 @@ packages_for_python=(python3-dev pybind11-dev python3-numpy python3-scipy python
 packages_to_test=("${packages_for_python[@]}" libgtest-dev python3-meshio)
 # For the tests that only `./test.sh all` runs.
 packages_to_test_all=(python3-venv python3-pip python3-setuptools python3-wheel doxygen fakeroot
+                      dpkg-dev file lintian
                       valgrind clang-tidy cppcheck
                       g++-aarch64-linux-gnu g++-s390x-linux-gnu g++-i686-linux-gnu qemu-user
                       g++-mingw-w64-x86-64-posix wine64)

@@ -29,8 +29,8 @@ class OutputFile {
   const std::string& finish();
 
  private:
-  std::string path_, target_, written_, error_;
-  bool is_renamed_ = true;  ///< when all is written, from `written_` to `target_`
+  std::string path_, target_, error_;
+  std::string beside_;  ///< what is renamed to `target_`; empty where the file itself is written
   std::FILE* file_ = nullptr;
 };
 

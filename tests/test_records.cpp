@@ -2,6 +2,7 @@
 #include <numeric>
 
 #include "support/mesh_view.hpp"
+#include "support/plugin.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
@@ -71,6 +72,11 @@ TEST(Records, UserReferencesTellTypesApart) {
   c.data_ptr = static_cast<const double*>(&users);
   EXPECT_EQ(c.data_ptr.get<const double>(), &users);
   EXPECT_EQ(c.data_ptr.get<double>(), nullptr) << "what must not be written";
+  Charge charge;
+  c.data_ptr = &charge;
+  EXPECT_EQ(charge_read_elsewhere(c), &charge) << "in a shared object with types of its own";
+  c.data_ptr = &users;
+  EXPECT_EQ(charge_read_elsewhere(c), nullptr);
   c.data_ptr = &cell_ipos;
   EXPECT_EQ(c.data_ptr.get<std::int32_t(const Cell*)>(), &cell_ipos);
 }

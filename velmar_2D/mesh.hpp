@@ -156,7 +156,7 @@ class NodeRange {
 // The mesh
 // ---------------------------------------------------------------------------------------------
 
-class VELMAR_2D_API Mesh {
+class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
  public:
   /// Makes a uniform grid over the rectangle. Every node gets n_cell_data values of 0.0.
   ///

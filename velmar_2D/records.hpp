@@ -36,10 +36,26 @@
 #include <utility>
 #include <vector>
 
-#if defined(VELMAR_2D_SHARED)
-#define VELMAR_2D_API __attribute__((visibility("default")))
-#else
+#if defined(__cpp_rtti)
+#include <typeinfo>
+#endif
+
+#if !defined(VELMAR_2D_SHARED)
 #define VELMAR_2D_API
+#elif defined(_WIN32) && defined(velmar_2d_EXPORTS)
+#define VELMAR_2D_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define VELMAR_2D_API __declspec(dllimport)
+#else
+#define VELMAR_2D_API __attribute__((visibility("default")))
+#endif
+
+// With _GLIBCXX_DEBUG a vector has another size. What holds or returns one has another name then,
+// so that a program and a library that disagree are not linked.
+#if defined(_GLIBCXX_DEBUG)
+#define VELMAR_2D_WITH_VECTORS __attribute__((abi_tag("glibcxx_debug")))
+#else
+#define VELMAR_2D_WITH_VECTORS
 #endif
 
 namespace velmar_2d {
@@ -189,21 +205,37 @@ class UserReference {
  public:
   UserReference() = default;
   template <typename T>
-  UserReference(T* object) : bits_(reinterpret_cast<std::uintptr_t>(object)), tag_(&tag_of<T>) {}
+  UserReference(T* object) : bits_(reinterpret_cast<std::uintptr_t>(object)), tag_(tag_of<T>()) {}
 
   bool empty() const { return bits_ == 0; }
   /// The object, or nullptr where none was set or where it was set with another type.
   template <typename T>
   T* get() const {
-    const char* const tag = &tag_of<T>;
-    return tag == tag_ ? reinterpret_cast<T*>(bits_) : nullptr;
+    return is_tag(tag_of<T>()) ? reinterpret_cast<T*>(bits_) : nullptr;
   }
 
  private:
+#if defined(__cpp_rtti)
+  // Each shared object may have a type_info of its own for one type; they compare as equal.
   template <typename T>
-  static inline const char tag_of = 0;
-  std::uintptr_t bits_ = 0;
-  const char* tag_ = nullptr;
+  static std::uintptr_t tag_of() {
+    return reinterpret_cast<std::uintptr_t>(&typeid(T*));
+  }
+  bool is_tag(std::uintptr_t tag) const {
+    const auto type = [](std::uintptr_t t) { return reinterpret_cast<const std::type_info*>(t); };
+    return tag_ == tag || (tag_ != 0 && (tag_ & no_type_info) == 0 && *type(tag_) == *type(tag));
+  }
+#else
+  template <typename T>
+  alignas(2) static inline const char address_of = 0;
+  template <typename T>
+  static std::uintptr_t tag_of() {
+    return reinterpret_cast<std::uintptr_t>(&address_of<T>) | no_type_info;
+  }
+  bool is_tag(std::uintptr_t tag) const { return tag_ == tag; }
+#endif
+  static constexpr std::uintptr_t no_type_info = 1;
+  std::uintptr_t bits_ = 0, tag_ = 0;
 };
 
 /// One node of the mesh. The defaults are those of a freshly created node.

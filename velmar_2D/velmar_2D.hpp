@@ -62,9 +62,9 @@ VELMAR_2D_API extern text_function& pause_handler;
 // Node list. It runs by stretches: first all nodes with ipos 0, then those with ipos 1, and so on.
 VELMAR_2D_API extern Cell *&mesh_beg, *&mesh_end;
 /// First and last node of each stretch, indexed by ipos; empty while there is no mesh.
-VELMAR_2D_API extern std::vector<Handle>&level_beg, &level_end;
+VELMAR_2D_API VELMAR_2D_WITH_VECTORS extern std::vector<Handle>&level_beg, &level_end;
 /// A second pair of list heads for the caller; the library neither reads nor writes them.
-VELMAR_2D_API extern std::vector<Handle>&tmp_beg, &tmp_end;
+VELMAR_2D_API VELMAR_2D_WITH_VECTORS extern std::vector<Handle>&tmp_beg, &tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2>& level_range;
 VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh;

@@ -6,7 +6,7 @@ tells, and where the temperature bends, which only the solution tells; so it is 
 frame.
 
     python3 heat_in_a_picture.py                          two discs and a bar, written to heat.gif
-    python3 heat_in_a_picture.py photo.png -o photo.gif   any PNG file (MP4 needs ffmpeg)
+    python3 heat_in_a_picture.py photo.png -o photo.gif   any PNG file
 
 Prints a line for every tenth frame and ends with lines such as
 
@@ -101,7 +101,7 @@ def draw(mesh, ax, plate, frame):
 def main():
     parser = argparse.ArgumentParser(description="Heat that spreads through a picture.")
     parser.add_argument("picture", nargs="?", help="a PNG file; without it two discs and a bar")
-    parser.add_argument("-o", "--output", default="heat.gif", help="a .gif or .mp4 file")
+    parser.add_argument("-o", "--output", default="heat.gif", help="a .gif file")
     parser.add_argument("--frames", type=int, default=40)
     parser.add_argument("--finest", type=float, default=0.006, help="finest spacing, height is 1")
     parser.add_argument("--dpi", type=int, default=110)
@@ -115,8 +115,7 @@ def main():
 
     size = wanted_spacing(plate, options.finest, tolerance=2e-3)
     figure, ax = pyplot.subplots(figsize=(6.0 * plate.width / 1.4, 4.6))
-    writer = (animation.PillowWriter if options.output.endswith(".gif") else
-              animation.FFMpegWriter)(fps=12)
+    writer = animation.PillowWriter(fps=12)
     sides = {"west": velmar_2d.DIRICHLET, "north": velmar_2d.NEUMANN, "east": velmar_2d.NEUMANN,
              "south": velmar_2d.NEUMANN}
     nx = 1 + round(16 * plate.width)

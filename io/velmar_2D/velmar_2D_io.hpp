@@ -21,16 +21,20 @@
 
 #include "velmar_2D/mesh.hpp"
 
-#if defined(VELMAR_2D_IO_SHARED)
-#define VELMAR_2D_IO_API __attribute__((visibility("default")))
-#else
+#if !defined(VELMAR_2D_IO_SHARED)
 #define VELMAR_2D_IO_API
+#elif defined(_WIN32) && defined(velmar_2d_io_EXPORTS)
+#define VELMAR_2D_IO_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define VELMAR_2D_IO_API __declspec(dllimport)
+#else
+#define VELMAR_2D_IO_API __attribute__((visibility("default")))
 #endif
 
 namespace velmar_2d::io {
 
 /// Pixels of a picture, row after row from the top left; each is 0xRRGGBB.
-struct Image {
+struct VELMAR_2D_WITH_VECTORS Image {
   int width = 0, height = 0;
   std::vector<std::uint32_t> pixels;
 
@@ -120,7 +124,7 @@ enum class VtuCells {
   control_cells,  ///< a polygon around each node; values belong to the cells
 };
 
-struct VtuOptions {
+struct VELMAR_2D_WITH_VECTORS VtuOptions {
   VtuCells cells = VtuCells::triangles;
   bool ascii = false;  ///< numbers as text, readable back to the last bit
   std::vector<std::string> data_names =

@@ -7,6 +7,7 @@
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
 #include "python/core/forecast.hpp"
+#include "python/core/prefetch.hpp"
 
 namespace velmar_2d::python {
 
@@ -168,8 +169,8 @@ class SizeArguments {
       if ((i + 1) % nodes_between_signals == 0) heed_signals();
       if (i + nodes_ahead < nodes.size()) {
         const Cell* soon = nodes[i + nodes_ahead];
-        __builtin_prefetch(soon);
-        if (has_data) __builtin_prefetch(&soon->grad_data);
+        prefetch(soon);
+        if (has_data) prefetch(&soon->grad_data);
       }
       const Cell& c = *nodes[i];
       *out_x++ = c.x;

@@ -1,5 +1,6 @@
 // The mesh as numpy arrays: node i is the i-th of the node list.
 #include "python/core/core.hpp"
+#include "python/core/prefetch.hpp"
 
 #if defined(VELMAR_2D_PYTHON_IO)
 #include "io/triangulation.hpp"
@@ -33,7 +34,7 @@ class Filling {
 void request_neighbours(const std::vector<Cell*>& nodes, std::size_t soon) {
   if (soon >= nodes.size()) return;
   for (const auto member : links) {
-    if (const Cell* there = (nodes[soon]->*member).cell()) __builtin_prefetch(&there->used);
+    if (const Cell* there = (nodes[soon]->*member).cell()) prefetch(&there->used);
   }
 }
 constexpr std::size_t nodes_ahead = 6;
