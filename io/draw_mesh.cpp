@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "io/picture.hpp"
@@ -251,7 +252,8 @@ Survey survey_of(const Mesh& mesh) {
   return survey;
 }
 
-std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOptions& options) {
+std::string draw_mesh(const Mesh& mesh, const std::string& path,
+                      const PictureOptions& options) try {
   if (mesh.size() == 0) return path + ": there is no mesh to draw";
   if (!is_whole(options.background.image)) {
     return path + ": the background image lacks pixels";
@@ -279,6 +281,8 @@ std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOp
     draw_legend(pen, survey, view, options);
   }
   return file.finish();
+} catch (const std::bad_alloc&) {
+  return path + ": memory is exhausted";
 }
 
 double fitting_height(const Mesh& mesh, double width, const PictureOptions& options) {
