@@ -63,6 +63,9 @@ function(velmar_2d_compile_options target)
     target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link
                                              -fno-sanitize-coverage=trace-cmp)
   endif()
+  if(VELMAR_2D_BUILD_FUZZERS AND target MATCHES "^velmar_2d_(readers|io)$")
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
   if(VELMAR_2D_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
                            -fno-omit-frame-pointer)

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <csignal>
@@ -211,6 +213,54 @@ TEST_F(Pictures, SidesShowTheirKind) {
   EXPECT_GT(east.green, 15);
   EXPECT_LT(east.green, 70);  // dotted
   EXPECT_EQ(south.red + south.green + west.red + west.green + north.green + east.red, 0);
+}
+
+TEST_F(Pictures, WordsTellWhereAFarDomainIsAndStandUnderAFlatOne) {
+  const auto far_picture = [&](double west) {
+    const Mesh far({west, west + 0.5, 0.0, 0.5}, {.nx = 3});
+    EXPECT_EQ(io::draw_mesh(far, (folder / "far.png").string()), "");
+    return read(folder / "far.png");
+  };
+  EXPECT_NE(far_picture(1e7), far_picture(1e7 + 0.25));
+
+  const Mesh flat({0.0, 40.0, 0.0, 1.0}, {.nx = 41});
+  io::PictureOptions options;
+  options.height = io::fitting_height(flat, options.width = 400.0);
+  io::Image picture;
+  EXPECT_EQ(io::draw_mesh(flat, (folder / "flat.png").string(), options), "");
+  EXPECT_EQ(io::read_png((folder / "flat.png").string(), picture), "");
+  const auto lowest_rows = picture.pixels.end() - 35 * picture.width;
+  EXPECT_TRUE(std::any_of(lowest_rows, picture.pixels.end(),
+                          [](std::uint32_t pixel) { return pixel < 0x404040; }));
+}
+
+TEST_F(Pictures, ValuesHaveTheirComponentAndPalette) {
+  Mesh mesh({}, {.nx = 5, .n_cell_data = 2});
+  for (Cell& c : mesh.nodes()) c.data[1] = c.x;
+  bare.cells = io::CellColour::value;
+  bare.component = 1;
+  const auto brightness = [&](io::Palette palette) {
+    bare.palette = palette;
+    io::Image picture;
+    EXPECT_EQ(io::draw_mesh(mesh, (folder / "values.png").string(), bare), "");
+    EXPECT_EQ(io::read_png((folder / "values.png").string(), picture), "");
+    std::array<std::array<int, 3>, 3> of_places;  // west, middle, east; red, green, blue
+    for (int place = 0; place < 3; ++place) {
+      const std::uint32_t pixel = picture.at(10 + 48 * place, 66);
+      of_places[static_cast<std::size_t>(place)] = {static_cast<int>(pixel >> 16),
+                                                    static_cast<int>(pixel >> 8 & 255),
+                                                    static_cast<int>(pixel & 255)};
+    }
+    return of_places;
+  };
+  const auto [pale, medium, dark] = brightness(io::Palette::grey);
+  EXPECT_NEAR(medium[0], medium[2], 1);
+  EXPECT_GT(pale[1], medium[1] + 40);
+  EXPECT_GT(medium[1], dark[1] + 40);
+  const auto [blue, white, red] = brightness(io::Palette::two_way);
+  EXPECT_GT(blue[2], blue[0] + 60);
+  EXPECT_GT(red[0], red[2] + 60);
+  EXPECT_GT(*std::min_element(white.begin(), white.end()), 220);
 }
 
 TEST_F(Pictures, FailureLeavesNoTrace) {

@@ -111,6 +111,8 @@ void add_mesh_options(CLI::App& command, Options& options) {
   command.add_flag("--scattered", field.scattered, "do not join the points of a text file");
   add_number(command, "--contrast", field.contrast, "STEP", 0.1, 255.0,
              "brightness step, of 255, that counts as an edge of a picture");
+  add_number(command, "--max-pixels", field.max_pixels, "N", 1, 1e9,
+             "refuse a picture that has more");
 }
 
 int fail(const std::string& line) {
@@ -295,6 +297,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     return fail("memory is exhausted");
   } catch (const std::exception& error) {
-    return fail(in_one_line(error.what()));
+    const std::string line = in_one_line(error.what());
+    return fail(line.starts_with("Error allocating") ? "memory is exhausted" : line);
   }
 }

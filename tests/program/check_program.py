@@ -104,6 +104,9 @@ class Program(unittest.TestCase):
         self.assertTrue(all(map(numpy.array_equal, again, self.mesh(text, *options))))
         x, y, wanted, _ = self.mesh(text, *options, "--scattered")
         check([(p, p) for p in points], x, y, wanted)
+        name = write("type_last.json", json.dumps({"coordinates": points, "type": "MultiPoint"}))
+        self.assertTrue(all(map(numpy.array_equal, self.mesh(name, *options),
+                                self.mesh(text, *options, "--scattered"))))
 
     def test_picture_and_stats(self):
         # White above black, the edge a quarter of the height below the top.
@@ -166,7 +169,15 @@ class Program(unittest.TestCase):
         cut = write("cut.json", '{"type": "Point", "coordi')
         shape = write("shape.json", '{"type": "Ellipse"}')
         odd = write("odd.json", '{"type": "LineString", "coordinates": [[1, 2], ["a", 2]]}')
-        deep = write("deep.json", '{"geometries":[' * 5000 + "]}" * 5000)
+        arrays = write("arrays.json", '{"a":' + "[" * 1000000)
+        deep = write("deep.json", '{"type":"Feature","geometry":' * 80000 + "null" + "}" * 80000)
+        foreign = write("foreign.json", '{"coordinates": [1, 2], "geometry": null, "type": "Point"}')
+        mixed = write("mixed.json", '{"type": "Polygon", "coordinates": [[[1, 2]], [1, 2]]}')
+        name = write("name.json", json.dumps({"type": "\n\x1b[31m" + "x" * 100000}))
+        # 10^10 black pixels.
+        bomb = write("bomb.png", png([[0]]).replace(struct.pack(">II", 1, 1),
+                                                    struct.pack(">II", 100000, 100000)))
+        small = write("small.png", png([[0] * 20] * 10))
         files = sorted(os.listdir(FOLDER))
         for arguments, reason in (
                 ([], "subcommand"), (["draw"], "FIELD"), (["paint", "1"], "paint|subcommand"),
@@ -195,7 +206,14 @@ class Program(unittest.TestCase):
                 (["stats", "missing.png"], "missing.png: No such file"),
                 (["stats", empty], "empty.txt: .*no points"), (["stats", text], "bad.txt: line 2"),
                 (["stats", cut], "cut.json: "), (["stats", shape], "shape.json: .*Ellipse"),
-                (["stats", odd], "odd.json: .*pair of numbers"), (["stats", deep], "deep.json: ")):
+                (["stats", odd], "odd.json: .*pair of numbers"),
+                (["stats", mixed], "mixed.json: .*pair of numbers"),
+                (["stats", foreign], 'foreign.json: a Point with "geometry"'),
+                (["stats", arrays], "arrays.json: more than 100"),
+                (["stats", deep], "deep.json: more than 100"),
+                (["stats", name], r'name.json: .*"\?\?\[31mx{34}\.\.\."'),
+                (["stats", bomb], "bomb.png: the image has 10000000000 pixels.*--max-pixels"),
+                (["stats", small, "--max-pixels", "199"], "small.png: the image has 200 pixels")):
             done = run(*arguments)
             self.assertEqual((done.returncode, done.stdout), (2, ""), (arguments, done.stderr))
             self.assertRegex(done.stderr, f"^velmar_2d: .*{reason}.*\n$", arguments)
