@@ -24,15 +24,13 @@
 namespace velmar_2d::detail {
 
 double control_area(const State& state, Cell& c) {
-  constexpr std::int32_t highest_level_cached = 30;
   const double cached = load_shared(c.area);
-  const bool may_be_cached = c.level <= highest_level_cached;
-  if (cached >= 0.0 && may_be_cached) return cached;
+  if (is_known_area(cached)) return cached;
   const NodeShape look = look_at(state.domain, c);
   if (look.shape == nullptr) return area_of(polygon_of(state.domain, c));
   const double area =
       look.shape->area * state.domain.dist_0 * state.domain.dist_0 * exact_power_of_2(-c.level);
-  if (may_be_cached) store_shared(c.area, area);
+  store_shared(c.area, area);
   return area;
 }
 
