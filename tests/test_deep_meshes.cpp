@@ -231,11 +231,12 @@ TEST(Worlds, AreTheSameInAnyUnitOfLength) {
 
 TEST(Worlds, BeyondTheRangeOfAreasAreRefused) {
   constexpr double denormal = std::numeric_limits<double>::denorm_min();
-  for (const auto& [west, width] : {std::pair{0.0, 1.1e60},
-                                    {-1e155, 1e150},
-                                    {0.0, 7e-60},
-                                    {0.0, 1e-155},
-                                    {0.0, 64 * denormal}}) {
+  for (const auto& [from, across] : {std::pair{0.0, 1.1e60},
+                                     {-1e155, 1e150},
+                                     {0.0, 7e-60},
+                                     {0.0, 1e-155},
+                                     {0.0, 64 * denormal}}) {
+    const double west = from, width = across;
     const std::string text = text_of_error([&] {
       Mesh({west, west + width, 0.0, width}, {.nx = 9, .ny = 9});
     });
