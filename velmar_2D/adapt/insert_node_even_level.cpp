@@ -15,10 +15,7 @@ namespace {
 
 /// The straight direction in which a parent lies from the new node.
 int direction_to_parent(const Domain& domain, const Cell& parent, const Vertex& v) {
-  const double spacing = domain.dist_0 / std::exp2(v.level / 2.0);
-  // Deep down and far out the rounding of x is more than that.
-  const double eps =
-      std::max(spacing * same_column, std::min(rounding_of_positions(domain), 0.25 * spacing));
+  const double eps = domain.dist_0 / std::exp2(v.level / 2.0) * same_column;
   if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
   return parent.y <= v.y ? south : north;
 }

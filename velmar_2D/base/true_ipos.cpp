@@ -3,7 +3,8 @@
 // Offsets are measured in units of dist_0 and told apart by their reduced denominators. Equal
 // denominators 2^k: the centre of a square, level 2k-1. Different ones, the larger being 2^k: the
 // midpoint of a side, level 2k. The fractions come from a continued-fraction expansion with
-// nearest-integer partial quotients.
+// nearest-integer partial quotients; deep down and far from the origin, where other fractions come
+// too close, from the nearest place of the lattice.
 #include <bit>
 #include <cmath>
 #include <limits>

@@ -76,7 +76,9 @@ struct State {
 /// 2^level as areas and second derivatives count it: an object exactly, the free procedures with
 /// power_of_2().
 inline double power_of_2(const State& state, std::int32_t level) {
-  return state.handlers.of_object() ? exact_power_of_2(level) : power_of_2(level);
+  constexpr std::int32_t highest_alike = 30;
+  return level > highest_alike && state.handlers.of_object() ? exact_power_of_2(level)
+                                                             : power_of_2(level);
 }
 
 /// The mesh that the free procedures and the library-wide variables are the window of.
