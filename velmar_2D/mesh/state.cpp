@@ -71,7 +71,9 @@ InUse::~InUse() noexcept(false) {
   if (!state_.is_orphan) return;
   delete &state_;
   if (std::uncaught_exceptions() > exceptions_before_) return;
-  throw Error(error_of(operation) + "a callback or a handler has deleted the mesh");
+  Handlers no_one;  // its own have gone with it
+  no_one.defaults = &no_one;
+  fatal(no_one, error_of(operation) + "a callback or a handler has deleted the mesh");
 }
 
 void delete_state(State* state) {
