@@ -10,8 +10,11 @@ if(NOT DEFINED VELMAR_2D_ARITHMETIC_OPTIONS)
   if(MSVC)
     set(options /fp:precise)
   elseif(CMAKE_CXX_COMPILER_ID MATCHES "^(GNU|Clang|AppleClang|IntelLLVM)$")
-    set(options -fno-fast-math -fno-unsafe-math-optimizations -fno-finite-math-only
-        -fno-associative-math -fno-reciprocal-math -fsigned-zeros -ffp-contract=off)
+    set(options -fno-unsafe-math-optimizations -fno-finite-math-only -fno-associative-math
+        -fno-reciprocal-math -fsigned-zeros -ffp-contract=off)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      list(PREPEND options -fno-fast-math)  # clang would warn that it overrides a parent's option
+    endif()
     try_compile(is_x86 SOURCE_FROM_CONTENT x86.cpp
       "#if !defined(__i386__) && !defined(__x86_64__)\n#error\n#endif\nint main() {}\n")
     if(is_x86)
