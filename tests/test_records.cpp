@@ -98,5 +98,15 @@ TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
   }
 }
 
+TEST(CellData, DebugBuildsRefuseWhatIsNotThere) {
+  CellData data;
+  data.resize(1);
+  EXPECT_EQ(data[0], 0.0);
+#if !defined(NDEBUG)
+  EXPECT_DEATH(data[1] = 1.0, "n_cell_data");
+  EXPECT_DEATH(CellData()[0] = 1.0, "n_cell_data");
+#endif
+}
+
 }  // namespace
 }  // namespace velmar_2d::tests

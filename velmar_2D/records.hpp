@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -163,8 +164,15 @@ class CellData {
   bool empty() const { return size_ == 0; }
   double* data() { return inside() ? &store_.inside : store_.outside; }
   const double* data() const { return inside() ? &store_.inside : store_.outside; }
-  double& operator[](std::size_t i) { return data()[i]; }
-  double operator[](std::size_t i) const { return data()[i]; }
+  /// Needs: i < size(), which Debug builds of the caller assert.
+  double& operator[](std::size_t i) {
+    assert(i < size_ && "a node has n_cell_data data values");
+    return data()[i];
+  }
+  double operator[](std::size_t i) const {
+    assert(i < size_ && "a node has n_cell_data data values");
+    return data()[i];
+  }
   double* begin() { return data(); }
   double* end() { return data() + size_; }
   const double* begin() const { return data(); }

@@ -269,16 +269,23 @@ class Mesh:
         self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
-             colorbar: bool = True, cmap: Any = None, **style: Any) -> Any:
+             component: int = 0, colorbar: bool = True, ticks: Sequence[float] | None = None,
+             cmap: Any = None, **style: Any) -> Any:
         """Draws the mesh with matplotlib and returns the Axes.
 
-        what      "links" between nodes, control "cells", or a "field" that is linear on triangles
-        colour    "level", "value" for data[:, 0], or an array with a number for each node;
-                  links and cells also take a colour of matplotlib, such as "black"
-        style     goes to the collection that is drawn (linewidths, vmin, vmax, alpha ...)
+        what       "links" between nodes, control "cells", or a "field" that is linear on triangles
+        colour     "level", "value" for data[:, component], or an array with a number for each node;
+                   links and cells also take a colour of matplotlib, such as "black"
+        ax         the Axes to draw on; without, those of a new figure
+        component  which data value "value" is
+        colorbar   whether a colour bar tells the numbers. Axes have one at most: drawn on again, as
+                   in an animation, they show what was drawn last in the same bar
+        ticks      where the colour bar has ticks; without, matplotlib chooses, whole ones for levels
+        cmap       palette of matplotlib, such as "magma"
+        style      goes to the collection that is drawn (linewidths, vmin, vmax, alpha ...)
         """
-        return plot(self.nodes, self.rectangle, what, colour, ax=ax, colorbar=colorbar, cmap=cmap,
-                    **style)
+        return plot(self.nodes, self.rectangle, what, colour, ax=ax, component=component,
+                    colorbar=colorbar, ticks=ticks, cmap=cmap, **style)
 
     def to_scipy_laplacian(self, conductivity: Any = None, *, per_area: bool = True) -> Any:
         """The Laplacian of finite volumes on the control cells, as a scipy.sparse.csr_matrix.

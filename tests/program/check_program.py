@@ -219,16 +219,29 @@ class Program(unittest.TestCase):
             self.assertRegex(done.stderr, f"^velmar_2d: .*{reason}.*\n$", arguments)
         self.assertEqual(sorted(os.listdir(FOLDER)), files, "files were left")
 
+    def assert_completed(self, command, options):
+        """Bash completes each option in the help, and zsh reads the help with the same expression."""
+        folder = os.path.join(os.path.dirname(MANUAL), "completion")
+        words = " ".join([f'"{PROGRAM}"', *command, "--"])
+        done = subprocess.run(["bash", "-c", f"source {folder}/velmar_2d.bash; COMP_WORDS=({words}); "
+                               f"COMP_CWORD={len(command) + 1}; _velmar_2d; echo ${{COMPREPLY[@]}}"],
+                              capture_output=True, text=True)
+        self.assertEqual((sorted(done.stdout.split()), done.stderr), (sorted(set(options)), ""))
+        bash, zsh = (re.findall("sed -nE (.*?) <<<", open(os.path.join(folder, name)).read())
+                     for name in ("velmar_2d.bash", "_velmar_2d"))
+        self.assertEqual((bash, len(bash)), (zsh, 2))
+
     def test_help(self):
         with open(MANUAL) as file:
             manual = file.read().replace("\\-", "-")
         for arguments in (["--help"], ["draw", "--help"], ["vtu", "--help"], ["stats", "--help"]):
             done = run(*arguments)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
-            options = re.findall(r"--[a-z-]+", done.stdout)
+            options = re.findall(r"^  (?:-\w,)?(--[a-z-]+)", done.stdout, re.M)
             self.assertGreaterEqual(len(options), 2)
             for option in options:
                 self.assertRegex(manual, rf"{option}\b(?!-)", "not in the manual")
+            self.assert_completed(arguments[:-1], options)
         # Every example in the help works.
         examples = re.findall(r"^  velmar_2d (\w+) (.*)$", run("--help").stdout, re.M)
         self.assertEqual(len(examples), 4)
