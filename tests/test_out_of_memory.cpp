@@ -97,8 +97,9 @@ TEST(OutOfMemory, EndsWithTheSizeThatWasAskedFor) {
          insert_node_odd_level(v);
        },
        8000},
-      {"the level arrays", [] { make_mesh(), refuse(8000, 16000), set_subdiv_max(999); },
-       1000 * sizeof(Handle)},
+      {"the level arrays",
+       [] { make_mesh(), refuse(61 * sizeof(Handle), 61 * sizeof(Handle)), set_subdiv_max(60); },
+       61 * sizeof(Handle)},
       {"the check: two tables of 1024 slots, of 8 and of 16 bytes",
        [] {
          make_mesh();
@@ -137,7 +138,7 @@ constexpr auto exhaust = [](long granted) {
     update_mesh_no_init(scenarios::even_spacing(0.02));
   }
   set_subdiv_max(2);
-  set_subdiv_max(100);
+  set_subdiv_max(60);
   still_granted = no_end;
 };
 

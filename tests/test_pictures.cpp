@@ -308,15 +308,15 @@ TEST_F(Pictures, GoWhereThePathLeads) {
     EXPECT_EQ(io::draw_mesh(path.string(), bare), "");
     EXPECT_EQ(io::write_vtu((folder / "mesh.vtu").string()), "");
   };
-  const fs::path plain = folder / "plain.svg", real = folder / "real" / "picture.svg";
+  const fs::path plain = folder / "plain.png", real = folder / "real" / "picture.png";
   draw(plain);
   fs::create_directory(real.parent_path());
   for (const bool is_there : {false, true}) {
-    const fs::path link = folder / "link.svg", further = folder / "further.svg";
+    const fs::path link = folder / "link.png", further = folder / "further.png";
     fs::remove(link);
-    fs::create_symlink("further.svg", link);
+    fs::create_symlink("further.png", link);
     fs::remove(further);
-    fs::create_symlink(fs::path("real") / "picture.svg", further);
+    fs::create_symlink(fs::path("real") / "picture.png", further);
     if (is_there) {
       std::ofstream(real) << "old";
       fs::permissions(real, fs::perms::owner_read | fs::perms::owner_write);
@@ -328,7 +328,7 @@ TEST_F(Pictures, GoWhereThePathLeads) {
       EXPECT_EQ(fs::status(real).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     }
   }
-  const fs::path pipe = folder / "pipe.svg";
+  const fs::path pipe = folder / "pipe.png";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   std::string received;
   std::thread reader([&] { received = read(pipe); });
