@@ -29,6 +29,7 @@ std::vector<T> make_table(const State& state, std::size_t size, const T& value =
   try {
     return std::vector<T>(size, value);
   } catch (const std::exception&) {  // no memory, or more than can be addressed
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer
     allocation_failed(state.handlers, size * sizeof(T));
   }
 }

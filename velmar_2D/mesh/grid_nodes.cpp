@@ -35,7 +35,7 @@ void GridNodes::make(const State& state) {
   try {
     nodes_.assign(columns_ * rows_, nullptr);
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, columns_ * rows_ * sizeof(Cell*));
+    allocation_failed(state.handlers, columns_ * rows_ * sizeof(void*));
   }
   const Cell* last = state.level_end[0].next;
   for (const Cell* c = state.level_beg[0].next; c != nullptr; c = c == last ? nullptr : c->next) {
