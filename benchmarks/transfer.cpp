@@ -10,7 +10,7 @@
 namespace velmar_2d::benchmarks {
 namespace {
 
-void transfer(benchmark::State& state) {
+void handing_on(benchmark::State& state) {
   const double finest = 80.0 / static_cast<double>(state.range(0));
   const double step = static_cast<double>(state.range(1)) * finest;
   constexpr std::int32_t nodes_along = 33, nb_values = 4;
@@ -36,7 +36,7 @@ void transfer(benchmark::State& state) {
   state.counters["per_node"] = benchmark::Counter(
       static_cast<double>(nodes), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(transfer)
+BENCHMARK(handing_on)
     ->ArgsProduct({{100'000, 1'000'000}, {100, 2}, {0, 1, 2}})
     ->ArgNames({"about", "spacings", "transfer"})
     ->Unit(benchmark::kMillisecond);

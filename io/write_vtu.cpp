@@ -17,7 +17,6 @@
 #include <utility>
 
 #include "io/output_file.hpp"
-#include "io/triangulation.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
@@ -137,7 +136,7 @@ struct VtkGrid {
 };
 
 VtkGrid grid_of_triangles(const Mesh& mesh) {
-  Triangulation triangulation = triangulation_of(mesh);
+  Triangulation triangulation = mesh.triangulation();
   VtkGrid grid;
   grid.nodes = std::move(triangulation.nodes);
   grid.points.reserve(3 * grid.nodes.size());

@@ -7,6 +7,7 @@
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
+#include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d {
 
@@ -290,6 +291,56 @@ CellShape Mesh::shape(Cell& c) const {
   CellShape shape;
   detail::cell_type(state(), c, shape.type, shape.shift);
   return shape;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Values anywhere
+// ---------------------------------------------------------------------------------------------
+
+Cell* Mesh::locate(double x, double y, const Cell* start) {
+  return const_cast<Cell*>(detail::locate(state(), {x, y}, start));
+}
+
+const Cell* Mesh::locate(double x, double y, const Cell* start) const {
+  return detail::locate(state(), {x, y}, start);
+}
+
+std::vector<const Cell*> Mesh::locate(std::span<const Point> points) const {
+  std::vector<const Cell*> found = detail::make_table<const Cell*>(state(), points.size());
+  detail::locate_many(state(), points, found);
+  return found;
+}
+
+double Mesh::value_at(double x, double y, std::int32_t value, Interpolation how,
+                      const Cell* start) const {
+  return detail::value_at(state(), {x, y}, value, how, start);
+}
+
+std::vector<double> Mesh::values_at(std::span<const Point> points, Interpolation how) const {
+  const auto nb_values = static_cast<std::size_t>(std::max(0, n_cell_data()));
+  std::vector<double> values = detail::make_table<double>(state(), points.size() * nb_values);
+  detail::values_at(state(), points, how, values);
+  return values;
+}
+
+std::vector<LinePiece> Mesh::line_cut(Point a, Point b) const {
+  std::vector<LinePiece> pieces;
+  detail::line_cut(state(), a, b, pieces);
+  return pieces;
+}
+
+Triangulation Mesh::triangulation() const {
+  Triangulation result;
+  detail::triangulate(state(), result);
+  return result;
+}
+
+std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how) {
+  return detail::transfer(from.state(), to.state(), how);
+}
+
+std::int64_t transfer_conservative(const Mesh& from, Mesh& to) {
+  return detail::transfer_conservative(from.state(), to.state());
 }
 
 // ---------------------------------------------------------------------------------------------

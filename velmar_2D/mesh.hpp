@@ -295,6 +295,39 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   CellShape shape(Cell& c) const;
 
   // -------------------------------------------------------------------------------------------
+  // Values anywhere
+  // -------------------------------------------------------------------------------------------
+
+  /// The node whose control cell holds a point: the nearest one. On a border between cells it is
+  /// the one farthest to the east, and of those the one farthest to the north. nullptr outside the
+  /// rectangle and for not-a-number; the sides belong to the rectangle.
+  ///
+  /// Walks over links from `start`, a node of the mesh that should be near: that of the last point
+  /// mostly is. Without one, and where it lies farther off than a square of the grid, from the
+  /// grid.
+  Cell* locate(double x, double y, const Cell* start = nullptr);
+  const Cell* locate(double x, double y, const Cell* start = nullptr) const;
+  /// The same for many points, in any order; quickest where each lies near the one before.
+  std::vector<const Cell*> locate(std::span<const Point> points) const;
+
+  /// One of the data values at a point; not-a-number where locate() finds no node. At a node it is
+  /// the node's own. Throws Error where the nodes have no value of this number.
+  double value_at(double x, double y, std::int32_t value = 0,
+                  Interpolation how = Interpolation::linear, const Cell* start = nullptr) const;
+  /// All n_cell_data() values of each point, one point after the other.
+  std::vector<double> values_at(std::span<const Point> points,
+                                Interpolation how = Interpolation::linear) const;
+
+  /// The pieces into which the control cells cut the line from a to b, in its order: each ends
+  /// where the next one begins. What lies outside the rectangle is left out; none where all of it
+  /// does, or where a coordinate is not finite.
+  std::vector<LinePiece> line_cut(Point a, Point b) const;
+
+  /// The mesh as triangles, on which linear values are linear.
+  /// Cost: linear, about 100 bytes of memory for each node.
+  Triangulation triangulation() const;
+
+  // -------------------------------------------------------------------------------------------
   // Checking, and single steps of an adaptation
   // -------------------------------------------------------------------------------------------
 
@@ -334,11 +367,27 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
 
  private:
   friend Mesh& default_mesh();
+  friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
+  friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}
   detail::State& state() const;
 
   std::unique_ptr<detail::State, detail::StateDeleter> state_;  ///< none once it was moved away
 };
+
+/// Gives each node of one mesh the values that another mesh has at its place. Values that only one
+/// of them has, and nodes that lie beyond the rectangle of `from`, stay as they are.
+/// @return number of nodes that got values
+VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to,
+                                    Interpolation how = Interpolation::linear);
+/// Gives each node of one mesh the means of the other mesh's values over its control cell, with the
+/// control cells of the other mesh as pieces of constant value. So the sums of area x value over
+/// what both rectangles share are the same, and no mean leaves the range of the values under it.
+///
+/// Where a control cell reaches beyond the rectangle of `from`, the mean is that over the part
+/// inside; where it lies beyond, its values stay.
+/// @return number of nodes that got values
+VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
 
 /// The mesh of the free procedures and library-wide variables, as an object, for what takes a Mesh.
 /// Its mistakes end the process and its messages are printed, as theirs are. May have no nodes.

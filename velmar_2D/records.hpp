@@ -415,6 +415,27 @@ struct Point {
 /// off a part, which adds one corner at most.
 inline constexpr std::size_t max_cell_corners = 12;
 
+/// How the values at a point come from those of the nodes.
+enum class Interpolation {
+  constant,  ///< those of the node whose control cell holds the point
+  linear,    ///< on the triangles between the nodes: continuous
+  gradient,  ///< those of that node, and its gradient by least squares over the linked nodes
+};
+
+/// The piece of a line that lies in one control cell.
+struct LinePiece {
+  const Cell* node = nullptr;
+  double enter = 0.0, leave = 0.0;  ///< distances along the line from its start
+  Point from, to;                   ///< where that is
+};
+
+/// The mesh as triangles between linked nodes. They fill the domain, and every edge inside belongs
+/// to two of them: no corner of one lies within the edge of another.
+struct Triangulation {
+  std::vector<const Cell*> nodes;                      ///< in list order
+  std::vector<std::array<std::int32_t, 3>> triangles;  ///< indices into `nodes`, anticlockwise
+};
+
 /// A rule of the mesh that does not hold at some place.
 struct Finding {
   std::string_view rule;            ///< its name, see check_mesh()

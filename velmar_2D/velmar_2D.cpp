@@ -3,6 +3,7 @@
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
+#include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d {
 
@@ -201,6 +202,18 @@ void cell_faces(const Cell* c, CellFaces& faces) { detail::cell_faces(state(), *
 
 void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners, std::int32_t& n) {
   detail::cell_polygon(state(), *c, corners, n);
+}
+
+Cell* locate(double x, double y, const Cell* start) {
+  return const_cast<Cell*>(detail::locate(state(), {x, y}, start));
+}
+
+double value_at(double x, double y, std::int32_t value, Interpolation how, const Cell* start) {
+  return detail::value_at(state(), {x, y}, value, how, start);
+}
+
+void line_cut(Point a, Point b, std::vector<LinePiece>& pieces) {
+  detail::line_cut(state(), a, b, pieces);
 }
 
 std::size_t check_mesh(std::vector<Finding>& findings) {

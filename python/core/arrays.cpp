@@ -2,10 +2,6 @@
 #include "python/core/core.hpp"
 #include "python/core/prefetch.hpp"
 
-#if defined(VELMAR_2D_PYTHON_IO)
-#include "io/triangulation.hpp"
-#endif
-
 namespace velmar_2d::python {
 
 namespace {
@@ -189,16 +185,14 @@ py::list findings(CoreMesh& core) {
   return list;
 }
 
-#if defined(VELMAR_2D_PYTHON_IO)
 py::array_t<std::int32_t> triangles(CoreMesh& core) {
   const Busy busy(core, "reading triangles");
-  const io::Triangulation found = io::triangulation_of(*core.mesh);
+  const Triangulation found = core.mesh->triangulation();
   auto array = table<std::int32_t>(found.triangles.size(), 3);
   std::int32_t* out = array.mutable_data();
   for (const auto& triangle : found.triangles) out = std::copy_n(triangle.begin(), 3, out);
   return array;
 }
-#endif
 
 }  // namespace
 
@@ -236,9 +230,7 @@ void define_arrays(py::class_<CoreMesh>& mesh) {
   mesh.def("faces", faces);
   mesh.def("polygons", polygons);
   mesh.def("findings", findings);
-#if defined(VELMAR_2D_PYTHON_IO)
   mesh.def("triangles", triangles);
-#endif
 }
 
 }  // namespace velmar_2d::python

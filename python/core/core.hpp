@@ -129,4 +129,10 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 
 void define_arrays(py::class_<CoreMesh>& mesh);
 
+// ---------------------------------------------------------------------------------------------
+// Places (places.cpp)
+// ---------------------------------------------------------------------------------------------
+
+void define_places(py::class_<CoreMesh>& mesh);
+
 }  // namespace velmar_2d::python

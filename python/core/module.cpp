@@ -104,6 +104,7 @@ PYBIND11_MODULE(_core, m) {
   m.attr("has_io") = false;
 #endif
   define_arrays(mesh);
+  define_places(mesh);
 }
 
 }  // namespace velmar_2d::python

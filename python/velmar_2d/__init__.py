@@ -17,11 +17,12 @@ from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
 from .mesh import Finding, Mesh, UpdateStatistics
 from .nodes import Faces, Nodes, Polygons
+from .places import LineCut
 
 __version__ = _version()
 
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
-    "Faces", "Finding", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
+    "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
     "kind_of", "side_code", "side_of",
 ]

@@ -8,11 +8,12 @@ import os
 from typing import Any, Callable, NamedTuple, NoReturn, Sequence
 
 import numpy as np
-from numpy.typing import NDArray
+from numpy.typing import ArrayLike, NDArray
 
 from . import _core, links
 from .matrices import laplacian
 from .nodes import Nodes
+from .places import LineCut, as_places, one_value, pixels
 from .plotting import plot
 from .progress import Progress, shown
 
@@ -247,6 +248,62 @@ class Mesh:
     def gradient(self) -> NDArray[np.float64]:
         """(n, 2): the gradient of data[:, 0] at every node; nodes.grad and nodes.grad2 follow."""
         return np.stack(self._core.gradient(), axis=1)
+
+    # ---------------------------------------------------------------------------------------------
+    # Values anywhere
+    # ---------------------------------------------------------------------------------------------
+
+    def locate(self, x: ArrayLike, y: ArrayLike) -> Any:
+        """Indices of the nodes whose control cells hold places; -1 outside the rectangle.
+
+        That is the nearest node; on a border the one farthest to the east, and of those the one
+        farthest to the north. The result has the shape of x and y. Places in any order; quickest
+        where each lies near the one before.
+        """
+        places, shape = as_places(x, y)
+        return self._core.locate(places).reshape(shape)[()]
+
+    def value_at(self, x: ArrayLike, y: ArrayLike, how: str = "linear",
+                 value: int | None = 0) -> Any:
+        """Data at places, in the shape of x and y; not-a-number outside the rectangle.
+
+        how    "constant" in each control cell; "linear" on the triangles between the nodes;
+               "gradient": with a gradient at each node, from least squares over its links
+        value  which of the data; None: all, along one axis more
+        """
+        places, shape = as_places(x, y)
+        return one_value(self._core.values_at(places, how), value, shape)
+
+    def sample(self, nx: int, ny: int | None = None, how: str = "linear",
+               value: int | None = 0) -> NDArray[np.float64]:
+        """Data as an image of ny rows and nx columns, at the centres of its pixels.
+
+        The first row is the southernmost: pyplot.imshow(image, origin="lower",
+        extent=mesh.rectangle). Without ny the pixels are squares, as nearly as they can be.
+        """
+        x, y = pixels(self.rectangle, operator.index(nx), None if ny is None else operator.index(ny))
+        image: NDArray[np.float64] = self.value_at(x, y[:, np.newaxis], how, value)
+        return image
+
+    def line_cut(self, start: ArrayLike, end: ArrayLike) -> LineCut:
+        """The pieces into which the control cells cut the line from start to end, (x, y) each.
+
+        What lies outside the rectangle is left out.
+        """
+        ends = np.stack([np.asarray(start, dtype=np.float64), np.asarray(end, dtype=np.float64)])
+        indices, rows = self._core.line_cut(ends)
+        return LineCut(indices, rows[:, 0], rows[:, 1], rows[:, 2:4], rows[:, 4:6],
+                       self.nodes.data[indices])
+
+    def transfer_from(self, other: Mesh, conservative: bool = False, how: str = "linear") -> int:
+        """Gives the nodes the data of another mesh, and returns how many nodes got any.
+
+        Plain: what other.value_at() gives at each node. Conservative: the mean over each control
+        cell, so that the sum of area times value over what both rectangles share is the same.
+        Nodes beyond the rectangle of the other mesh keep their data, and so do columns that only
+        one of the two has; the mean of a cell that reaches beyond is that of the part inside.
+        """
+        return self._core.transfer_from(other._core, conservative, how)
 
     # ---------------------------------------------------------------------------------------------
     # Looking and using

@@ -5,7 +5,6 @@ from typing import Any
 
 import numpy as np
 
-from . import _core
 from .nodes import Nodes
 
 
@@ -117,5 +116,4 @@ def _cells(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any
 def _field(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
     from matplotlib.tri import Triangulation
     style.setdefault("shading", "gouraud")
-    triangles = nodes.triangles if _core.has_io else None
-    return ax.tripcolor(Triangulation(nodes.x, nodes.y, triangles), values, **style)
+    return ax.tripcolor(Triangulation(nodes.x, nodes.y, nodes.triangles), values, **style)

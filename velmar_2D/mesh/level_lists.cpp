@@ -51,6 +51,7 @@ void enter_stretch(State& state, Cell& c) {
   }
   state.level_beg[stretch].next = &c;
   if (head == nullptr) state.level_end[stretch].next = &c;
+  if (c.ipos == 0) state.grid_nodes.forget();
   if (state.stretch_nodes.is_open()) state.stretch_nodes.enter(c);
 }
 
@@ -59,6 +60,7 @@ void leave_stretch(State& state, Cell& c) {
   if (c.ipos == 0) {
     state.domain.longest_link = std::numeric_limits<double>::infinity();
     state.domain.lattice_is_whole = false;
+    state.grid_nodes.forget();
   }
   const auto stretch = static_cast<std::size_t>(c.ipos);
   Cell*& first = state.level_beg[stretch].next;

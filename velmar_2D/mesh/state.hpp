@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -12,6 +13,26 @@
 namespace velmar_2d::detail {
 
 class LinkSources;
+struct State;
+
+/// The nodes of the grid by their place, for those who begin a search there. Made when it is first
+/// asked, by whichever reader comes first, and again where a node of the grid has come or gone.
+class GridNodes {
+ public:
+  /// A node of the grid that is among the nearest, or some other node where the grid has none.
+  /// Needs: a mesh, and a point in its rectangle.
+  const Cell* nearest(const State& state, Point p);
+  /// Told where a node of the grid comes or goes. Needs: no one else asks.
+  void forget() { made_.store(false, std::memory_order_relaxed); }
+
+ private:
+  void make(const State& state);
+
+  std::mutex making_;
+  std::atomic<bool> made_ = false;
+  std::size_t columns_ = 0, rows_ = 0;
+  std::vector<const Cell*> nodes_;  ///< row by row from the south-west
+};
 
 /// One mesh. Made and gone with it, so that forgetting is destruction.
 struct State {
@@ -64,6 +85,7 @@ struct State {
   TraversalHistory history;
   StretchNodes stretch_nodes;
   mutable FitOperators fit_operators;  ///< a cache: does not count as a change of the mesh
+  mutable GridNodes grid_nodes;        ///< likewise
 
   // The caller's own, see velmar_2D.hpp.
   std::vector<Handle> tmp_beg, tmp_end;
