@@ -52,15 +52,15 @@ class Reader {
   explicit Reader(Lines& lines) : lines_(lines) {}
 
   bool null() { return take_scalar(true); }
-  bool boolean(bool) { return take_scalar(false); }
+  bool boolean(bool /*value*/) { return take_scalar(false); }
   bool number_integer(Json::number_integer_t value) {
     return take_number(static_cast<double>(value));
   }
   bool number_unsigned(Json::number_unsigned_t value) {
     return take_number(static_cast<double>(value));
   }
-  bool number_float(double value, const std::string&) { return take_number(value); }
-  bool binary(Json::binary_t&) { return take_scalar(false); }  // no JSON text holds any
+  bool number_float(double value, const std::string& /*text*/) { return take_number(value); }
+  bool binary(Json::binary_t& /*value*/) { return take_scalar(false); }  // no JSON text holds any
 
   bool string(std::string& text) {
     if (is_in(Place::object) && objects_.back().awaited == Member::type) {
@@ -83,7 +83,7 @@ class Reader {
     return true;
   }
 
-  bool start_object(std::size_t) {
+  bool start_object(std::size_t /*size*/) {
     const bool is_expected = open_.empty() || is_in(Place::members) ||
                              (is_in(Place::object) && objects_.back().awaited == Member::geometry);
     if (is_expected)
@@ -93,7 +93,7 @@ class Reader {
     return open(is_expected ? Place::object : Place::other);
   }
 
-  bool start_array(std::size_t) {
+  bool start_array(std::size_t /*size*/) {
     if (is_skipped()) return open(Place::other);
     if (is_in(Place::object)) {
       const Member member = objects_.back().awaited;
@@ -129,7 +129,8 @@ class Reader {
     return true;
   }
 
-  bool parse_error(std::size_t byte, const std::string&, const Json::exception&) {
+  static bool parse_error(std::size_t byte, const std::string& /*token*/,
+                          const Json::exception& /*error*/) {
     throw Fault{"no JSON from byte " + std::to_string(byte) + " on"};
   }
 

@@ -27,7 +27,7 @@ std::optional<double> take_number(std::string_view& text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc{} || !std::isfinite(value)) return std::nullopt;
   text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  if (!text.empty() && separators.find(text.front()) == separators.npos) return std::nullopt;
+  if (!text.empty() && separators.find(text.front()) == std::string_view::npos) return std::nullopt;
   return value;
 }
 
