@@ -3,12 +3,52 @@
 include(CheckIPOSupported)
 check_ipo_supported(RESULT VELMAR_2D_HAS_IPO LANGUAGES CXX)
 
+# The same input gives the same mesh on every machine: each operation is rounded by itself, to double
+# precision. A guest's own flags may say otherwise for its own files (-Ofast, -ffast-math,
+# -march=native); these come after them.
+if(NOT DEFINED VELMAR_2D_ARITHMETIC_OPTIONS)
+  if(MSVC)
+    set(options /fp:precise)
+  elseif(CMAKE_CXX_COMPILER_ID MATCHES "^(GNU|Clang|AppleClang|IntelLLVM)$")
+    set(options -fno-unsafe-math-optimizations -fno-finite-math-only -fno-associative-math
+        -fno-reciprocal-math -fsigned-zeros -ffp-contract=off)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      list(PREPEND options -fno-fast-math)  # clang would warn that it overrides a parent's option
+    endif()
+    try_compile(is_x86 SOURCE_FROM_CONTENT x86.cpp
+      "#if !defined(__i386__) && !defined(__x86_64__)\n#error\n#endif\nint main() {}\n")
+    if(is_x86)
+      list(APPEND options -msse2 -mfpmath=sse)  # the older unit keeps more digits than a double has
+    endif()
+  else()
+    message(FATAL_ERROR "velmar_2d: which options keep the compiler ${CMAKE_CXX_COMPILER_ID} from "
+      "rearranging and contracting floating-point operations is not known. Name them in "
+      "VELMAR_2D_ARITHMETIC_OPTIONS.")
+  endif()
+  set(VELMAR_2D_ARITHMETIC_OPTIONS ${options} CACHE STRING
+      "Options that make the compiler round each operation by itself")
+endif()
+
+# base.hpp refuses what these options could not mend.
+block()
+  set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
+  try_compile(VELMAR_2D_ARITHMETIC_IS_EXACT
+    SOURCE_FROM_CONTENT arithmetic.cpp "#include \"velmar_2D/base/base.hpp\"\n"
+    COMPILE_DEFINITIONS ${VELMAR_2D_ARITHMETIC_OPTIONS}
+    CMAKE_FLAGS -DINCLUDE_DIRECTORIES=${PROJECT_SOURCE_DIR}
+    CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON
+    OUTPUT_VARIABLE output)
+  if(NOT VELMAR_2D_ARITHMETIC_IS_EXACT)
+    unset(VELMAR_2D_ARITHMETIC_IS_EXACT CACHE)
+    message(FATAL_ERROR "velmar_2d cannot be compiled for this machine with these flags:\n${output}")
+  endif()
+endblock()
+
 # Everything but the sanitizers.
 function(velmar_2d_plain_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
-  # The same input gives the same mesh on every machine: no fused multiply-add.
-  target_compile_options(${target} PRIVATE -ffp-contract=off)
+  target_compile_options(${target} PRIVATE ${VELMAR_2D_ARITHMETIC_OPTIONS})
   if(VELMAR_2D_HAS_IPO)
     set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
   endif()
@@ -25,6 +65,9 @@ function(velmar_2d_compile_options target)
     # bytes choose from tables, so that to trace comparisons is of no use and halves the speed.
     target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link
                                              -fno-sanitize-coverage=trace-cmp)
+  endif()
+  if(VELMAR_2D_BUILD_FUZZERS AND target MATCHES "^velmar_2d_(readers|io)$")
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
   if(VELMAR_2D_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all

@@ -61,6 +61,15 @@ if(TARGET velmar_2d_program)
   file(ARCHIVE_CREATE OUTPUT ${manual} PATHS ${PROJECT_SOURCE_DIR}/tools/velmar_2d.1
        FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "2026-01-01")
   install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  # Where bash and zsh look for what packages bring; below other prefixes than /usr zsh looks elsewhere.
+  set(zsh_folder site-functions)
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(zsh_folder vendor-completions)
+  endif()
+  install(FILES tools/completion/velmar_2d.bash RENAME velmar_2d COMPONENT tools
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES tools/completion/_velmar_2d COMPONENT tools
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder})
 endif()
 if(PROJECT_IS_TOP_LEVEL)
   include(cmake/packages.cmake)

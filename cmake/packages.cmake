@@ -21,20 +21,33 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library io dev tools doc)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ldconfig_trigger.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io
   ${CMAKE_CURRENT_BINARY_DIR}/hdf5)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
+# The changelog as Debian wants it names who made the packages, and when: SOURCE_DATE_EPOCH, where it
+# is set, so that the same sources give the same packages.
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(cmake/changelog.in changelog @ONLY)
+file(ARCHIVE_CREATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz
+     PATHS ${CMAKE_CURRENT_BINARY_DIR}/changelog
+     FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "2026-01-01")
+
 # One package: its component, name, section, Debian dependencies beside the shared libraries that
-# its files are linked with, and what it is. Each has its own copy of the copyright file.
+# its files are linked with, and what it is. Each has its own copy of the copyright file
+# and the changelog.
 macro(velmar_2d_package component name section depends summary)
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}")
-  install(FILES cmake/copyright COMPONENT ${component} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name})
+  install(FILES cmake/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz COMPONENT ${component}
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name})
 endmacro()
 set(library libvelmar-2d${abi})
 set(io libvelmar-2d-io${abi})
@@ -49,9 +62,10 @@ if(TARGET velmar_2d_hdf5)
   list(APPEND CPACK_COMPONENTS_ALL hdf5)
   velmar_2d_package(hdf5 ${hdf5} libs "${library} ${same}"
     "This package holds the shared library for saving and loading.")
-  string(APPEND libraries ", ${hdf5} ${same}")
+  string(APPEND libraries ", ${hdf5} ${same}, libhdf5-dev, libdeflate-dev")
 endif()
-velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}"
+# cairo is what the .pc file of the pictures names.
+velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}, libcairo2-dev"
   "This package holds the headers and what CMake and pkg-config need.")
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
   "This package holds the program velmar_2d, to look at meshes.")
@@ -73,6 +87,6 @@ install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/ve
         COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmar-2d-doc
         COMPONENT doc PATTERN CMakeLists.txt EXCLUDE PATTERN *.cmake EXCLUDE
-        PATTERN *.in EXCLUDE)
+        PATTERN reference EXCLUDE)
 
 include(CPack)

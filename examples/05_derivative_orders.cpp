@@ -52,13 +52,12 @@ struct Errors {
 /// Errors on a grid of n by n nodes, uniform or refined along a ring: to a quarter of the spacing
 /// within 1/16 of it, less and less as far as 1/4.
 Errors measure(int n, bool adapt) {
-  velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = n, .subdiv_max = 5, .n_cell_data = 1});
+  velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = n, .subdiv_max = 4, .n_cell_data = 1});
   Errors e;
   e.spacing = mesh.dist_0();
   if (adapt) {
-    const auto spacing = velmar_2d::scenarios::ring_spacing({0.45, 0.55, 0.3}, 4.0 * e.spacing,
-                                                            e.spacing / 4.0, e.spacing);
-    for (int i = 0; i < 8; ++i) mesh.update(spacing);
+    mesh.resolve(velmar_2d::scenarios::ring_spacing({0.45, 0.55, 0.3}, 4.0 * e.spacing,
+                                                    e.spacing / 4.0, e.spacing));
   }
   for (Cell& c : mesh.nodes()) c.data[0] = field(c.x, c.y);
   for (Cell& c : mesh.nodes()) {

@@ -54,7 +54,7 @@ void draw_cells(cairo_t* pen, const Survey& survey, const View& view,
     switch (options.cells) {
       case CellColour::type: return colour_of_cell_type(type_of(mesh, node));
       case CellColour::level: return colour_of_level(survey, node.level);
-      default: return on_scale(place_on_scale(first_value(node), range));
+      default: return on_scale(place_on_scale(shown_value(node, options), range), options.palette);
     }
   };
   cairo_set_line_join(pen, CAIRO_LINE_JOIN_ROUND);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "io/picture.hpp"
@@ -215,24 +216,25 @@ void draw_side(cairo_t* pen, const Mesh& mesh, const View& view, Direction direc
 
 }  // namespace
 
-Survey survey_of(const Mesh& mesh) {
+Survey survey_of(const Mesh& mesh, const PictureOptions& options) {
   Survey survey;
   survey.mesh = &mesh;
+  survey.palette = options.palette;
   survey.nb_nodes = mesh.size();
   survey.nodes_of_level.assign(nb_levels, 0);
   if (mesh.size() == 0) return survey;
   const Cell& first = *mesh.nodes().begin();
   survey.west = survey.east = first.x;
   survey.south = survey.north = first.y;
-  survey.lowest_value = survey.highest_value = first_value(first);
+  survey.lowest_value = survey.highest_value = shown_value(first, options);
   for (const Cell& node : mesh.nodes()) {
     survey.west = std::min(survey.west, node.x);
     survey.east = std::max(survey.east, node.x);
     survey.south = std::min(survey.south, node.y);
     survey.north = std::max(survey.north, node.y);
     ++survey.nodes_of_level[level_index(node)];
-    survey.lowest_value = std::min(survey.lowest_value, first_value(node));
-    survey.highest_value = std::max(survey.highest_value, first_value(node));
+    survey.lowest_value = std::min(survey.lowest_value, shown_value(node, options));
+    survey.highest_value = std::max(survey.highest_value, shown_value(node, options));
     for (const Direction direction : directions) {
       const Boundary* side = link(node, direction).boundary();
       if (side == nullptr) continue;
@@ -251,7 +253,8 @@ Survey survey_of(const Mesh& mesh) {
   return survey;
 }
 
-std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOptions& options) {
+std::string draw_mesh(const Mesh& mesh, const std::string& path,
+                      const PictureOptions& options) try {
   if (mesh.size() == 0) return path + ": there is no mesh to draw";
   if (!is_whole(options.background.image)) {
     return path + ": the background image lacks pixels";
@@ -259,7 +262,7 @@ std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOp
   PictureFile file(path, options.width, options.height);
   if (!file.error().empty()) return file.error();
 
-  const Survey survey = survey_of(mesh);
+  const Survey survey = survey_of(mesh, options);
   const View view = place_domain(survey, options);
   cairo_t* pen = file.pen();
   set_colour(pen, palette::paper);
@@ -279,6 +282,8 @@ std::string draw_mesh(const Mesh& mesh, const std::string& path, const PictureOp
     draw_legend(pen, survey, view, options);
   }
   return file.finish();
+} catch (const std::bad_alloc&) {
+  return path + ": memory is exhausted";
 }
 
 double fitting_height(const Mesh& mesh, double width, const PictureOptions& options) {
@@ -287,7 +292,7 @@ double fitting_height(const Mesh& mesh, double width, const PictureOptions& opti
   PictureOptions tall = options;
   tall.width = width;
   tall.height = 4.0 * width;
-  const View view = place_domain(survey_of(mesh), tall);
+  const View view = place_domain(survey_of(mesh, tall), tall);
   return std::round(std::max(0.25 * width, tall.height - view.spare_height));
 }
 

@@ -20,10 +20,6 @@ constexpr const char* typeface = "sans-serif";
 /// Narrower paper has no room for words.
 constexpr double narrowest_with_words = 300.0;
 
-bool has_words(const PictureOptions& options) {
-  return options.frame && std::min(options.width, options.height) >= narrowest_with_words;
-}
-
 /// Shortest text with so many digits, whatever the language of the process.
 std::string to_short_text(double value, int digits) {
   std::array<char, 32> text{};
@@ -32,13 +28,21 @@ std::string to_short_text(double value, int digits) {
   return {text.data(), end.ptr};
 }
 std::string rounded_text(double value) { return to_short_text(value, 3); }
-std::string coordinate_text(double coordinate) { return to_short_text(coordinate, 6); }
+
+/// Coordinates of opposite sides, with as many digits as it takes to see how far apart they are.
+std::array<std::string, 2> coordinate_texts(double low, double high) {
+  constexpr double digits_of_difference = 3.0;
+  const double size = std::max(std::abs(low), std::abs(high));
+  const double digits = std::ceil(std::log10(size / (high - low))) + digits_of_difference;
+  const int enough = static_cast<int>(std::clamp(digits, 6.0, 17.0));
+  return {to_short_text(low, enough), to_short_text(high, enough)};
+}
 
 /// Margin left of the domain: y coordinates stand there.
 double left_margin(const Survey& survey) {
   constexpr double widest_letter = 7.5, gaps = 16.0;
-  const std::size_t letters =
-      std::max(coordinate_text(survey.south).size(), coordinate_text(survey.north).size());
+  const auto [south, north] = coordinate_texts(survey.south, survey.north);
+  const std::size_t letters = std::max(south.size(), north.size());
   return std::max(margin, widest_letter * static_cast<double>(letters) + gaps);
 }
 
@@ -61,6 +65,25 @@ void write(cairo_t* pen, double column, double row, const std::string& text, Ali
   const double share = align == Align::left ? 0.0 : align == Align::centre ? 0.5 : 1.0;
   cairo_move_to(pen, column - share * extents.x_advance, row);
   cairo_show_text(pen, text.c_str());
+}
+
+double width_of(cairo_t* pen, const std::string& text) {
+  cairo_text_extents_t extents;
+  cairo_text_extents(pen, text.c_str(), &extents);
+  return extents.x_advance;
+}
+
+/// Two texts of one row, centred at their columns where they neither touch nor leave the paper.
+void write_pair(cairo_t* pen, std::array<double, 2> columns, double row,
+                const std::array<std::string, 2>& texts, double paper_width) {
+  constexpr double gap = 12.0, rim = 4.0;
+  const std::array<double, 2> widths = {width_of(pen, texts[0]), width_of(pen, texts[1])};
+  std::array<double, 2> lefts = {columns[0] - 0.5 * widths[0], columns[1] - 0.5 * widths[1]};
+  const double overlap = lefts[0] + widths[0] + gap - lefts[1];
+  if (overlap > 0.0) lefts = {lefts[0] - 0.5 * overlap, lefts[1] + 0.5 * overlap};
+  lefts[0] = std::max(lefts[0], rim);
+  lefts[1] = std::min(lefts[1], paper_width - rim - widths[1]);
+  for (std::size_t i = 0; i < texts.size(); ++i) write(pen, lefts[i], row, texts[i], Align::left);
 }
 
 void choose_font(cairo_t* pen, double size, bool bold = false) {
@@ -133,31 +156,53 @@ void draw_side_kinds(cairo_t* pen, const Survey& survey, double left, double row
   }
 }
 
-/// The colour scale between its two values.
-void draw_value_scale(cairo_t* pen, const std::array<double, 2>& range, double left, double row) {
+/// Distance of ticks: a round number that fits two to five times.
+double round_step(double span) {
+  const double power = std::pow(10.0, std::floor(std::log10(span / 2.0)));
+  for (const double factor : {5.0, 2.0}) {
+    if (span >= 2.0 * factor * power) return factor * power;
+  }
+  return power;
+}
+
+/// The colour scale with ticks at round values.
+void draw_value_scale(cairo_t* pen, const std::array<double, 2>& range, Palette palette_of_scale,
+                      double left, double row) {
   constexpr double width = 240.0, height = 10.0;
   set_colour(pen, palette::faint_ink);
   write(pen, left, row, "value", Align::left);
-  const double begin = left + label_width + 6.0;
-  set_colour(pen, palette::ink);
-  const std::string lowest = rounded_text(range[0]);
-  write(pen, begin, row, lowest, Align::left);
-  cairo_text_extents_t extents;
-  cairo_text_extents(pen, lowest.c_str(), &extents);
-  const double scale_left = begin + extents.x_advance + 8.0;
+  const double scale_left = left + label_width + 6.0;
   cairo_pattern_t* scale = cairo_pattern_create_linear(scale_left, 0.0, scale_left + width, 0.0);
   constexpr int nb_stops = 32;
   for (int i = 0; i <= nb_stops; ++i) {
     const double place = static_cast<double>(i) / nb_stops;
-    const Colour colour = on_scale(place);
+    const Colour colour = on_scale(place, palette_of_scale);
     cairo_pattern_add_color_stop_rgb(scale, place, colour.red, colour.green, colour.blue);
   }
   cairo_set_source(pen, scale);
   cairo_rectangle(pen, scale_left, row - height + 1.0, width, height);
   cairo_fill(pen);
   cairo_pattern_destroy(scale);
+
+  const double span = range[1] - range[0];
+  const double step = span > 0.0 ? round_step(span) : 0.0;
+  const double first = step > 0.0 ? std::ceil(range[0] / step - 1e-9) : 0.0;
   set_colour(pen, palette::ink);
-  write(pen, scale_left + width + 8.0, row, rounded_text(range[1]), Align::left);
+  cairo_set_line_width(pen, 1.0);
+  cairo_set_line_cap(pen, CAIRO_LINE_CAP_BUTT);
+  constexpr int most_ticks = 6;
+  for (int i = 0; i < most_ticks && step > 0.0; ++i) {
+    const double value = (first + i) * step;
+    if (!(value <= range[1] + 1e-9 * span)) break;
+    const double column = scale_left + width * (value - range[0]) / span;
+    cairo_move_to(pen, column, row + 1.0);
+    cairo_rel_line_to(pen, 0.0, 4.0);
+    cairo_stroke(pen);
+    write(pen, column, row + line_height - 1.0, to_short_text(value, 12), Align::centre);
+  }
+  // What the ends are, which need not be round.
+  const std::string ends = rounded_text(range[0]) + " to " + rounded_text(range[1]);
+  write(pen, scale_left + width + 16.0, row, ends, Align::left);
 }
 
 /// A patch for each type of shape inside, one for sides and one for corners.
@@ -180,8 +225,8 @@ void draw_cell_types(cairo_t* pen, double left, double row) {
   entry(31, "corner");
 }
 
-bool has_cell_row(const PictureOptions& options) {
-  return options.cells == CellColour::type || options.cells == CellColour::value;
+double rows_for_cells(const PictureOptions& options) {
+  return options.cells == CellColour::value ? 2.0 : options.cells == CellColour::type ? 1.0 : 0.0;
 }
 
 std::size_t nb_blocks(const Survey& survey, double width) {
@@ -195,17 +240,24 @@ double title_height() { return 74.0; }
 
 double legend_height(const Survey& survey, const PictureOptions& options) {
   return 44.0 + block_height * static_cast<double>(nb_blocks(survey, options.width)) +
-         line_height * (has_cell_row(options) ? 2.0 : 1.0);
+         line_height * (1.0 + rows_for_cells(options));
+}
+
+/// Whether there are words: on paper with room for them.
+bool has_words(const Survey& survey, const PictureOptions& options) {
+  if (!options.frame || options.width < narrowest_with_words) return false;
+  return options.height >= narrowest_with_words ||
+         options.height + 1.0 >= title_height() + legend_height(survey, options);
 }
 
 }  // namespace
 
 Colour colour_of_level(const Survey& survey, std::int32_t level) {
-  return level_colour(level, survey.lowest_level, survey.highest_level);
+  return level_colour(level, survey.lowest_level, survey.highest_level, survey.palette);
 }
 
 View place_domain(const Survey& survey, const PictureOptions& options) {
-  const bool words = has_words(options);
+  const bool words = has_words(survey, options);
   const double above = words ? title_height() : bare_margin;
   const double below = words ? legend_height(survey, options) : bare_margin;
   const double left = words ? left_margin(survey) : bare_margin;
@@ -248,7 +300,7 @@ void set_side_style(cairo_t* pen, std::int32_t bc_type) {
 
 void draw_title(cairo_t* pen, const Survey& survey, const View& view,
                 const PictureOptions& options) {
-  if (!has_words(options)) return;
+  if (!has_words(survey, options)) return;
   set_colour(pen, palette::ink);
   choose_font(pen, title_size, true);
   write(pen, margin, 34.0, options.title.empty() ? "Adaptive mesh" : options.title, Align::left);
@@ -260,15 +312,17 @@ void draw_title(cairo_t* pen, const Survey& survey, const View& view,
 
   // Coordinates of the lower left and the upper right corner, where they do not touch the sides.
   const double below = view.top + view.height + 18.0;
-  write(pen, view.left, below, coordinate_text(survey.west), Align::centre);
-  write(pen, view.left + view.width, below, coordinate_text(survey.east), Align::centre);
-  write(pen, view.left - 10.0, view.top + view.height, coordinate_text(survey.south), Align::right);
-  write(pen, view.left - 10.0, view.top + 8.0, coordinate_text(survey.north), Align::right);
+  const auto [west, east] = coordinate_texts(survey.west, survey.east);
+  write_pair(pen, {view.left, view.left + view.width}, below, {west, east}, options.width);
+  const auto [south, north] = coordinate_texts(survey.south, survey.north);
+  const double lower = view.top + view.height, upper = std::min(view.top + 8.0, lower - 12.0);
+  write(pen, view.left - 10.0, lower, south, Align::right);
+  write(pen, view.left - 10.0, upper, north, Align::right);
 }
 
 void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
                  const PictureOptions& options) {
-  if (!has_words(options)) return;
+  if (!has_words(survey, options)) return;
   choose_font(pen, text_size);
   const std::vector<std::int32_t> levels = levels_that_occur(survey);
   // As many blocks as are needed, all of the same width.
@@ -276,9 +330,8 @@ void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
   const std::size_t columns = (levels.size() + blocks - 1) / blocks;
   const bool levels_have_colours =
       options.links || options.nodes || options.cells == CellColour::level;
-  // The columns stand under the domain where it is wide enough, their labels left of it.
-  const double left = std::max(margin, view.left - label_width);
-  const double room = std::max(view.left + view.width, options.width - left) - left - label_width;
+  const double right = std::max(view.left + view.width, options.width - margin);
+  const double room = right - margin - label_width;
   const double column_width = std::min(room / static_cast<double>(columns), 100.0);
   double top = view.top + view.height + 48.0;
   for (std::size_t first = 0; first < levels.size(); first += columns) {
@@ -290,11 +343,11 @@ void draw_legend(cairo_t* pen, const Survey& survey, const View& view,
     top += block_height;
   }
   if (options.cells == CellColour::value) {
-    draw_value_scale(pen, value_range(survey, options), margin, top);
+    draw_value_scale(pen, value_range(survey, options), options.palette, margin, top);
   } else if (options.cells == CellColour::type) {
     draw_cell_types(pen, margin, top);
   }
-  if (has_cell_row(options)) top += line_height;
+  top += line_height * rows_for_cells(options);
   if (options.sides) draw_side_kinds(pen, survey, margin, top);
 }
 

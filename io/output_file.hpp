@@ -8,8 +8,9 @@
 namespace velmar_2d::io {
 
 /// Writes beside the place of a file and renames when all is written: the file is complete, or
-/// whatever stood there before; so too where several are on their way to the same place. What goes
-/// wrong first is kept; everything after it does nothing.
+/// whatever stood there before; so too where several are on their way to the same place. Follows
+/// symbolic links; writes straight to what is no regular file: a device, a pipe. What goes wrong
+/// first is kept; everything after it does nothing.
 class OutputFile {
  public:
   explicit OutputFile(std::string path);
@@ -28,7 +29,8 @@ class OutputFile {
   const std::string& finish();
 
  private:
-  std::string path_, beside_, error_;
+  std::string path_, target_, error_;
+  std::string beside_;  ///< what is renamed to `target_`; empty where the file itself is written
   std::FILE* file_ = nullptr;
 };
 

@@ -35,15 +35,32 @@ constexpr double degree = 3.14159265358979323846 / 180.0;
 struct Stop {
   double lightness, chroma, hue;
 };
-constexpr std::array<Stop, 5> stops = {{{0.80, 0.115, 95.0},
-                                        {0.71, 0.125, 155.0},
-                                        {0.60, 0.105, 215.0},
-                                        {0.48, 0.155, 275.0},
-                                        {0.40, 0.190, 325.0}}};
+using Stops = std::array<Stop, 5>;
+constexpr Stops calm_stops = {{{0.80, 0.115, 95.0},
+                               {0.71, 0.125, 155.0},
+                               {0.60, 0.105, 215.0},
+                               {0.48, 0.155, 275.0},
+                               {0.40, 0.190, 325.0}}};
+constexpr Stops grey_stops = {
+    {{0.88, 0.0, 0.0}, {0.74, 0.0, 0.0}, {0.60, 0.0, 0.0}, {0.46, 0.0, 0.0}, {0.32, 0.0, 0.0}}};
+constexpr Stops two_way_stops = {{{0.42, 0.160, 260.0},
+                                  {0.68, 0.110, 265.0},
+                                  {0.94, 0.012, 322.0},
+                                  {0.70, 0.120, 380.0},
+                                  {0.47, 0.170, 387.0}}};
+
+const Stops& stops_of(Palette palette) {
+  switch (palette) {
+    case Palette::grey: return grey_stops;
+    case Palette::two_way: return two_way_stops;
+    default: return calm_stops;
+  }
+}
 
 }  // namespace
 
-Colour on_scale(double value) {
+Colour on_scale(double value, Palette palette) {
+  const Stops& stops = stops_of(palette);
   const auto last = static_cast<double>(stops.size() - 1);
   const double place = std::clamp(value, 0.0, 1.0) * last;
   const double whole = std::min(std::floor(place), last - 1.0);
@@ -61,9 +78,10 @@ Colour on_wheel(int i, int n) {
   return to_colour({0.78, 0.11 * std::cos(hue), 0.11 * std::sin(hue)});
 }
 
-Colour level_colour(int level, int lowest, int highest) {
-  return highest <= lowest ? on_scale(0.6)
-                           : on_scale(static_cast<double>(level - lowest) / (highest - lowest));
+Colour level_colour(int level, int lowest, int highest, Palette palette) {
+  const double place =
+      highest <= lowest ? 0.6 : static_cast<double>(level - lowest) / (highest - lowest);
+  return on_scale(place, palette);
 }
 
 }  // namespace velmar_2d::io

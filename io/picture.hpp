@@ -21,13 +21,16 @@ struct Survey {
   std::vector<std::int32_t> nodes_of_level;  ///< how many nodes have each level
   std::int32_t lowest_level = 0, highest_level = 0;
   std::array<bool, 3> side_kinds{};                ///< which kinds of condition occur, by bc_type
-  double lowest_value = 0.0, highest_value = 0.0;  ///< of data[0]; 0 where there are no data
+  double lowest_value = 0.0, highest_value = 0.0;  ///< of the values that are shown
+  Palette palette = Palette::calm;
 };
 
-Survey survey_of(const Mesh& mesh);
+Survey survey_of(const Mesh& mesh, const PictureOptions& options);
 
-/// The first data value of a node; one without data counts as holding 0.
-inline double first_value(const Cell& node) { return node.data.empty() ? 0.0 : node.data[0]; }
+/// The data value of a node that is shown; one that has none counts as holding 0.
+inline double shown_value(const Cell& node, const PictureOptions& options) {
+  return options.component < node.data.size() ? node.data[options.component] : 0.0;
+}
 
 /// The values at the ends of the colour scale of a picture.
 std::array<double, 2> value_range(const Survey& survey, const PictureOptions& options);

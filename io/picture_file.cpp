@@ -38,6 +38,10 @@ cairo_surface_t* reduced(cairo_surface_t* large, int width, int height) {
   return small;
 }
 
+const char* reason(cairo_status_t status) {
+  return status == CAIRO_STATUS_NO_MEMORY ? "memory is exhausted" : cairo_status_to_string(status);
+}
+
 bool is_usable(double size) { return size >= smallest_size && size <= largest_size; }
 
 }  // namespace
@@ -75,7 +79,7 @@ void PictureFile::open(double width, double height) {
                                    "2000-01-01T00:00:00Z");
   }
   pen_ = cairo_create(surface_);
-  if (cairo_status(pen_) != CAIRO_STATUS_SUCCESS) fail(cairo_status_to_string(cairo_status(pen_)));
+  if (cairo_status(pen_) != CAIRO_STATUS_SUCCESS) fail(reason(cairo_status(pen_)));
 }
 
 PictureFile::~PictureFile() {
@@ -109,7 +113,7 @@ const std::string& PictureFile::finish() {
   }
   cairo_surface_finish(surface_);
   if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_status(surface_);
-  if (status != CAIRO_STATUS_SUCCESS) file_->fail(cairo_status_to_string(status));
+  if (status != CAIRO_STATUS_SUCCESS) file_->fail(reason(status));
   return file_->finish();
 }
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 
 #include "velmar_2D/velmar_2D_io.hpp"
 
@@ -70,7 +71,7 @@ std::vector<double> spacing_of_pixels(const Image& image, double finest, double 
       limit_by_neighbours(spacing, column, row, -1);
     }
   }
-  return spacing.values;
+  return std::move(spacing.values);
 }
 
 }  // namespace velmar_2d::io

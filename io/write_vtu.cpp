@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <pugixml.hpp>
 #include <sstream>
 #include <type_traits>
@@ -16,11 +17,30 @@
 #include <utility>
 
 #include "io/output_file.hpp"
-#include "io/triangulation.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Elements. pugixml itself says nothing where memory is exhausted, and the element is missing.
+// ---------------------------------------------------------------------------------------------
+
+pugi::xml_node child(pugi::xml_node parent, const char* name) {
+  const pugi::xml_node node = parent.append_child(name);
+  if (!node) throw std::bad_alloc();
+  return node;
+}
+
+template <typename Value>
+void set(pugi::xml_node node, const char* name, Value value) {
+  pugi::xml_attribute attribute = node.append_attribute(name);
+  if (!attribute.set_value(value)) throw std::bad_alloc();
+}
+
+void set_text(pugi::xml_node node, const char* text) {
+  if (!node.text().set(text)) throw std::bad_alloc();
+}
 
 // ---------------------------------------------------------------------------------------------
 // Arrays
@@ -55,20 +75,21 @@ class ArrayWriter {
   template <typename Number>
   void add(pugi::xml_node parent, const std::string& name, const std::vector<Number>& numbers,
            int components = 1) {
-    pugi::xml_node element = parent.append_child("DataArray");
-    element.append_attribute("type") = vtk_type<Number>();
-    element.append_attribute("Name") = name.c_str();
-    if (components > 1) element.append_attribute("NumberOfComponents") = components;
+    pugi::xml_node element = child(parent, "DataArray");
+    set(element, "type", vtk_type<Number>());
+    set(element, "Name", name.c_str());
+    if (components > 1) set(element, "NumberOfComponents", components);
     if (ascii_) {
-      element.append_attribute("format") = "ascii";
-      element.text() = as_text(numbers).c_str();
+      set(element, "format", "ascii");
+      set_text(element, as_text(numbers).c_str());
       return;
     }
-    element.append_attribute("format") = "appended";
-    std::string bytes(sizeof(std::uint64_t) + numbers.size() * sizeof(Number), '\0');
-    const std::uint64_t length = bytes.size() - sizeof length;
-    std::memcpy(bytes.data(), &length, sizeof length);
-    if (length > 0) std::memcpy(bytes.data() + sizeof length, numbers.data(), length);
+    set(element, "format", "appended");
+    const std::size_t length = numbers.size() * sizeof(Number);
+    const std::uint64_t head = length;
+    std::string bytes(sizeof head + length, '\0');
+    std::memcpy(bytes.data(), &head, sizeof head);
+    if (length > 0) std::memcpy(bytes.data() + sizeof head, numbers.data(), length);
     appended_.push_back({element, std::move(bytes)});
   }
 
@@ -79,7 +100,7 @@ class ArrayWriter {
     unsigned long long offset = 0;
     std::reverse(appended_.begin(), appended_.end());
     for (auto& [element, bytes] : appended_) {
-      element.append_attribute("offset") = offset;
+      set(element, "offset", offset);
       offset += bytes.size();
     }
   }
@@ -115,7 +136,7 @@ struct VtkGrid {
 };
 
 VtkGrid grid_of_triangles(const Mesh& mesh) {
-  Triangulation triangulation = triangulation_of(mesh);
+  Triangulation triangulation = mesh.triangulation();
   VtkGrid grid;
   grid.nodes = std::move(triangulation.nodes);
   grid.points.reserve(3 * grid.nodes.size());
@@ -232,24 +253,25 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
 // ---------------------------------------------------------------------------------------------
 
 pugi::xml_node add_root(pugi::xml_document& document, const char* type) {
-  pugi::xml_node root = document.append_child("VTKFile");
-  root.append_attribute("type") = type;
-  root.append_attribute("version") = "1.0";
-  root.append_attribute("byte_order") =
-      std::endian::native == std::endian::little ? "LittleEndian" : "BigEndian";
-  root.append_attribute("header_type") = "UInt64";
+  pugi::xml_node root = child(document, "VTKFile");
+  set(root, "type", type);
+  set(root, "version", "1.0");
+  set(root, "byte_order",
+      std::endian::native == std::endian::little ? "LittleEndian" : "BigEndian");
+  set(root, "header_type", "UInt64");
   return root;
 }
 
 std::string as_text(const pugi::xml_document& document) {
   std::ostringstream text;
+  text.exceptions(std::ios::badbit);  // it would swallow that memory is exhausted
   document.save(text, "  ");
   return text.str();
 }
 
 }  // namespace
 
-std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) {
+std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) try {
   if (mesh.size() == 0) return path + ": there is no mesh to write";
   OutputFile file(path);
   if (!file.error().empty()) return file.error();
@@ -259,17 +281,16 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
 
   pugi::xml_document document;
   pugi::xml_node root = add_root(document, "UnstructuredGrid");
-  pugi::xml_node piece = root.append_child("UnstructuredGrid").append_child("Piece");
-  piece.append_attribute("NumberOfPoints") =
-      static_cast<unsigned long long>(grid.points.size() / 3);
-  piece.append_attribute("NumberOfCells") = static_cast<unsigned long long>(grid.offsets.size());
+  pugi::xml_node piece = child(child(root, "UnstructuredGrid"), "Piece");
+  set(piece, "NumberOfPoints", static_cast<unsigned long long>(grid.points.size() / 3));
+  set(piece, "NumberOfCells", static_cast<unsigned long long>(grid.offsets.size()));
 
   ArrayWriter arrays(options.ascii);
-  pugi::xml_node values = piece.append_child(by_points ? "PointData" : "CellData");
-  values.append_attribute("Scalars") = "level";
+  pugi::xml_node values = child(piece, by_points ? "PointData" : "CellData");
+  set(values, "Scalars", "level");
   add_values(arrays, values, mesh, grid.nodes, options.data_names);
-  arrays.add(piece.append_child("Points"), "Points", grid.points, 3);
-  pugi::xml_node cells = piece.append_child("Cells");
+  arrays.add(child(piece, "Points"), "Points", grid.points, 3);
+  pugi::xml_node cells = child(piece, "Cells");
   arrays.add(cells, "connectivity", grid.connectivity);
   arrays.add(cells, "offsets", grid.offsets);
   arrays.add(cells, "types", std::vector<std::uint8_t>(grid.offsets.size(), grid.cell_kind));
@@ -280,36 +301,40 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
   }
   arrays.set_offsets();
   // The bytes begin after an underscore; no XML library may touch them.
-  pugi::xml_node appended = root.append_child("AppendedData");
-  appended.append_attribute("encoding") = "raw";
-  appended.text() = "_";
+  pugi::xml_node appended = child(root, "AppendedData");
+  set(appended, "encoding", "raw");
+  set_text(appended, "_");
   const std::string text = as_text(document);
   const std::size_t place = text.find("_</AppendedData>") + 1;
   file.write(text.data(), place);
   arrays.write_bytes(file);
   file.write("\n" + text.substr(place));
   return file.finish();
+} catch (const std::bad_alloc&) {
+  return path + ": memory is exhausted";
 }
 
-std::string write_pvd(const std::string& path, const std::vector<TimeStep>& steps) {
+std::string write_pvd(const std::string& path, const std::vector<TimeStep>& steps) try {
   namespace fs = std::filesystem;
   pugi::xml_document document;
-  pugi::xml_node collection = add_root(document, "Collection").append_child("Collection");
+  pugi::xml_node collection = child(add_root(document, "Collection"), "Collection");
   fs::path folder = fs::path(path).parent_path();
   if (folder.empty()) folder = ".";
   for (const TimeStep& step : steps) {
-    pugi::xml_node element = collection.append_child("DataSet");
+    pugi::xml_node element = child(collection, "DataSet");
     std::array<char, 32> digits{};
     std::to_chars(digits.data(), digits.data() + digits.size() - 1, step.time);
-    element.append_attribute("timestep") = digits.data();
-    element.append_attribute("part") = 0;
+    set(element, "timestep", digits.data());
+    set(element, "part", 0);
     // ParaView looks for files from where the .pvd file lies.
     const fs::path from_there = fs::path(step.file).lexically_relative(folder);
-    element.append_attribute("file") = from_there.empty() ? step.file.c_str() : from_there.c_str();
+    set(element, "file", from_there.empty() ? step.file.c_str() : from_there.c_str());
   }
   OutputFile file(path);
   file.write(as_text(document));
   return file.finish();
+} catch (const std::bad_alloc&) {
+  return path + ": memory is exhausted";
 }
 
 }  // namespace velmar_2d::io

@@ -21,11 +21,12 @@ struct Batch {
   Steps steps;
   bool far_from_origin;
   Ending ending;
+  int depth = 0;  ///< above 0: the limit, for histories with points that are refined down to it
 };
 
 void PrintTo(const Batch& batch, std::ostream* out) { *out << batch.name; }
 
-constexpr int nb_histories = 100;  // of each batch
+std::uint64_t nb_histories(const Batch& batch) { return batch.depth > 0 ? 8 : 100; }
 
 class Histories : public MeshTest, public testing::WithParamInterface<Batch> {};
 
@@ -37,11 +38,14 @@ bool level_range_is_right(Steps steps) {
 
 TEST_P(Histories, KeepTheMeshWholeAndLeadBackToTheFirstGrid) {
   const Batch& batch = GetParam();
-  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories; ++seed) {
+  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories(batch);
+       ++seed) {
     std::vector<std::string> first_grid;
     std::string story = "seed " + std::to_string(seed);
     bool whole = true;
-    run_history({seed, batch.steps, batch.far_from_origin}, [&](const std::string& step) {
+    HistoryPlan plan{seed, batch.steps, batch.far_from_origin};
+    plan.depth = batch.depth;
+    run_history(plan, [&](const std::string& step) {
       if (!whole) return;
       story += "\n  " + step + ": " + std::to_string(nb_nodes) + " nodes";
       if (first_grid.empty()) first_grid = describe_mesh();
@@ -89,9 +93,11 @@ std::vector<std::string> records_of(const HistoryPlan& plan) {
 
 TEST_P(Histories, AreTheSameWhenSpacingsAreAskedForInBatches) {
   const Batch& batch = GetParam();
-  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories / 4; ++seed) {
+  for (std::uint64_t seed = batch.first_seed; seed < batch.first_seed + nb_histories(batch) / 4;
+       ++seed) {
     HistoryPlan plan{seed, batch.steps, batch.far_from_origin};
     plan.by_data = true;
+    plan.depth = batch.depth;
     const std::vector<std::string> one_by_one = records_of(plan);
     plan.batched = true;
     ASSERT_TRUE(records_of(plan) == one_by_one) << "seed " << seed;
@@ -104,7 +110,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Batch{"far_from_the_origin", 2000, Steps::adapt, true, Ending::coarse_update},
                     Batch{"hostile", 3400, Steps::adapt_hostile, false, Ending::limit_0},
                     Batch{"single_nodes", 4000, Steps::single_nodes, false, Ending::coarse_update},
-                    Batch{"far_single_nodes", 5000, Steps::single_nodes, true, Ending::limit_0}),
+                    Batch{"far_single_nodes", 5000, Steps::single_nodes, true, Ending::limit_0},
+                    Batch{"level_30", 6000, Steps::single_nodes, false, Ending::limit_0, 30},
+                    Batch{"level_40", 6100, Steps::adapt, false, Ending::coarse_update, 40},
+                    Batch{"level_50", 6200, Steps::single_nodes, false, Ending::limit_0, 50},
+                    Batch{"far_level_30", 6300, Steps::adapt, true, Ending::coarse_update, 30},
+                    Batch{"far_level_40", 6400, Steps::single_nodes, true, Ending::limit_0, 40},
+                    Batch{"far_level_50", 6500, Steps::adapt, true, Ending::coarse_update, 50}),
     [](const auto& batch) { return std::string(batch.param.name); });
 
 }  // namespace

@@ -1,6 +1,10 @@
 // The mesh as an object: what it owns, what it gives, what it refuses.
+#include <chrono>
 #include <cmath>
 #include <memory>
+#include <set>
+#include <stdexcept>
+#include <thread>
 #include <tuple>
 
 #include "scenarios/scenarios.hpp"
@@ -131,7 +135,7 @@ TEST(Mesh, MistakesThrowWhatIsWrongAndNothingIsPrinted) {
   {
     Mesh mesh(unit_square, {.nx = 3, .subdiv_max = 0, .n_cell_data = 1});
     expect_error([&] { mesh.set_limit(-1); }, "the limit is negative");
-    expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 1000000");
+    expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 60");
     expect_error([&] { mesh.update(size_function()); }, "'size_fun' is no procedure");
     expect_error([&] { mesh.update(ring(), nullptr); }, "'init_data' is no procedure");
     expect_error(
@@ -202,7 +206,7 @@ TEST(Mesh, ItsOwnHandlersComeBeforeThoseOfTheProcess) {
   Mesh mesh(unit_square, {.nx = 3, .subdiv_max = 0});
   EXPECT_EQ(texts, "process: (velmar_2D/init_mesh:) Warning: arg 'subdiv_max' = 0 !; ");
   texts.clear();
-  expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 1000000");
+  expect_error([&] { mesh.set_limit(2'000'000); }, "'subdiv_max' > 60");
   EXPECT_EQ(texts.substr(0, 16), "process, fatal: ");
 
   mesh.set_message_handler(note("own: "));
@@ -221,6 +225,35 @@ TEST(Mesh, ItsOwnHandlersComeBeforeThoseOfTheProcess) {
   Mesh other(unit_square, {.nx = 3, .subdiv_max = 0});
   EXPECT_EQ(texts.substr(0, 9), "process: ") << "the handlers of a mesh are for it alone";
   message_handler = fatal_handler = nullptr;
+}
+
+// Each phase tells where it is, and what is thrown there leaves a whole mesh, wherever it is
+// thrown.
+TEST(MeshProgress, LeavesAnyPhase) {
+  const auto size = [](double x, double y, auto...) { return 0.01 + 0.2 * std::abs(x - y); };
+  const auto coarse = [](double, double, auto...) { return 1.0; };
+  std::set<std::string> left;
+  for (const std::string phase : {"restoring", "derivatives", "refining", "coarsening"}) {
+    for (const bool resolves : {false, true}) {
+      Mesh mesh({}, {.nx = 17, .subdiv_max = 10, .n_cell_data = 1});
+      mesh.update(size);
+      mesh.set_progress_handler([&](const Progress& progress) {
+        EXPECT_TRUE(progress.done > 0 && progress.known > 17 * 17);
+        if (progress.phase == phase) throw std::domain_error(phase);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // to be told again
+      });
+      try {
+        resolves ? mesh.resolve(coarse) : mesh.update(coarse);
+      } catch (const std::domain_error& error) {
+        left.insert(error.what() + std::string(resolves ? " of resolve" : " of update"));
+      }
+      EXPECT_TRUE(mesh.check().empty());
+      mesh.set_progress_handler(nullptr);
+      mesh.resolve(coarse);
+      EXPECT_EQ(mesh.size(), 17 * 17);
+    }
+  }
+  EXPECT_EQ(left.size(), 7U) << "only an update restores nothing";
 }
 
 }  // namespace

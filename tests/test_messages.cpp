@@ -58,6 +58,11 @@ const std::string no_record =
 const std::string bad_width = tag +
                               "ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
                               "                       interval width must be positive!\n";
+const std::string bad_size =
+    tag +
+    "ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+    "                       cells must be 1e-60 wide or more, and coordinates 1e+60 or less:\n"
+    "                       choose another unit of length!\n";
 const std::string bad_number = tag +
                                "ERROR: bad arg 'nx' or 'ny'\n"
                                "                       mesh must have at least four elements !\n";
@@ -67,7 +72,7 @@ const std::string bad_kind =
     "                       it must be 0 (Dirichlet), 1 (Neumann) or 2 (other),\n"
     "                       and the side must have a record of this kind !\n";
 const std::string absurd_limit =
-    "ERROR: arg 'subdiv_max' > 1000000 !\n        (nodes above level 62 cannot be told apart.)\n";
+    "ERROR: arg 'subdiv_max' > 60 !\n        (nodes above level 60 cannot be told apart.)\n";
 const std::string at_the_limit =
     "             you cannot add a new node\n"
     "             (Max level of subdivisions reached)\n"
@@ -102,6 +107,11 @@ const Case init_mesh_cases[] = {
            "         for subdividing the mesh cells. It must be positive.)\n"},
     {"absurd_limit", [] { unit_init(2, 2, std::numeric_limits<std::int32_t>::max()); },
      tag + absurd_limit},
+    {"limit_too_deep_for_the_coordinates",
+     [] { scenarios::set_domain(1e6, 1000001.0, 0.0, 1.0); init(11, 11, 45); },
+     tag + "ERROR: arg 'subdiv_max' > 44 !\n"
+           "        (nodes above level 44 cannot be told apart in this domain.)\n"},
+    {"world_too_large", [] { init_on(0.0, 2e60, 0.0, 2e60); }, bad_size},
     {"limit_0_only_warns", [] { unit_init(2, 2, 0); delete_mesh(); },
      tag + "Warning: arg 'subdiv_max' = 0 !\n    the mesh will not be able to be refined...\n" +
      deleted(4), 0},
@@ -141,7 +151,7 @@ const Case mesh_cases[] = {
     {"raised_limit_without_a_mesh_is_fine", [] { set_subdiv_max(3); }, "", 0},
     {"deletion_after_a_raised_limit_without_a_mesh", [] { set_subdiv_max(3); delete_mesh(); },
      deleted(0) + "Attempt to DEALLOCATE unallocated 'level_beg'\n"},
-    {"raised_limit_absurd", [] { unit_init(2, 2, 1); set_subdiv_max(1'000'001); },
+    {"raised_limit_absurd", [] { unit_init(2, 2, 1); set_subdiv_max(61); },
      "(velmar_2D/set_subdiv_max:) " + absurd_limit},
     {"second_deletion", [] { unit_init(2, 2, 1); delete_mesh(); delete_mesh(); },
      deleted(4) + deleted(0) + "Attempt to DEALLOCATE unallocated 'level_beg'\n"},

@@ -13,6 +13,7 @@
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
+#include "support/least_mesh.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
 
@@ -96,8 +97,9 @@ TEST(OutOfMemory, EndsWithTheSizeThatWasAskedFor) {
          insert_node_odd_level(v);
        },
        8000},
-      {"the level arrays", [] { make_mesh(), refuse(8000, 16000), set_subdiv_max(999); },
-       1000 * sizeof(Handle)},
+      {"the level arrays",
+       [] { make_mesh(), refuse(61 * sizeof(Handle), 61 * sizeof(Handle)), set_subdiv_max(60); },
+       61 * sizeof(Handle)},
       {"the check: two tables of 1024 slots, of 8 and of 16 bytes",
        [] {
          make_mesh();
@@ -136,12 +138,13 @@ constexpr auto exhaust = [](long granted) {
     update_mesh_no_init(scenarios::even_spacing(0.02));
   }
   set_subdiv_max(2);
-  set_subdiv_max(100);
+  set_subdiv_max(60);
   still_granted = no_end;
 };
 
 /// The mesh after its limit was lowered among links that may be one-way, or the end of the attempt.
-std::string lowered_mesh(std::uint64_t seed, bool without_memory_for_links) {
+std::string lowered_mesh(std::uint64_t seed, std::size_t smallest_refused_block,
+                         std::size_t largest_refused_block) {
   scenarios::Random random{seed};
   next_id = 1;
   scenarios::init_unit_square(9, 9, 8);
@@ -158,7 +161,7 @@ std::string lowered_mesh(std::uint64_t seed, bool without_memory_for_links) {
     insert(v);
   }
   std::string result;
-  if (without_memory_for_links) refuse(1 << 13, SIZE_MAX);
+  refuse(smallest_refused_block, largest_refused_block);
   try {
     set_subdiv_max(static_cast<std::int32_t>(seed % 3));
   } catch (const std::string& text) {
@@ -170,15 +173,16 @@ std::string lowered_mesh(std::uint64_t seed, bool without_memory_for_links) {
   return result;
 }
 
-// Links to the nodes that go are gathered once; where there is no memory for that, they are
-// searched for, node by node.
+// Links to the nodes that go are gathered once; where there is no memory for that, or none any more
+// to note new ones, they are searched for, node by node.
 TEST(OutOfMemory, GatheredLinksAreThoseThatASearchFinds) {
   message_handler = [](std::string_view) {};
   fatal_handler = [](std::string_view text) { throw std::string(text); };
   std::set<std::string> results;
-  for (std::uint64_t seed = 0; seed < 40; ++seed) {
-    const std::string gathered = lowered_mesh(seed, false);
-    EXPECT_TRUE(gathered == lowered_mesh(seed, true)) << seed;
+  for (std::uint64_t seed = 0; seed < 25; ++seed) {
+    const std::string gathered = lowered_mesh(seed, 1, 0);
+    EXPECT_TRUE(gathered == lowered_mesh(seed, 1 << 13, SIZE_MAX)) << seed;
+    EXPECT_TRUE(gathered == lowered_mesh(seed, 24, 24)) << seed << ": those that come later";
     results.insert(gathered);
   }
   EXPECT_GT(results.size(), 10U) << "insertions leave traces";
@@ -230,6 +234,104 @@ TEST(OutOfMemory, AnywhereLosesNoNode) {
     EXPECT_EQ(end.exit_status, EXIT_FAILURE);
   }
   n_cell_data = 0;
+}
+
+/// The updates, one by one and in batches.
+constexpr void (*updates[])(Mesh&, double spacing) = {
+    [](Mesh& mesh, double spacing) {
+      mesh.update([=](double, double, auto...) { return spacing; });
+    },
+    [](Mesh& mesh, double spacing) {
+      mesh.update_batched(
+          [=](auto, std::span<double> sizes) { std::fill(sizes.begin(), sizes.end(), spacing); });
+    },
+    [](Mesh& mesh, double spacing) {
+      mesh.resolve([=](double, double, auto...) { return spacing; });
+    },
+    [](Mesh& mesh, double spacing) {
+      mesh.resolve_batched(
+          [=](auto, std::span<double> sizes) { std::fill(sizes.begin(), sizes.end(), spacing); });
+    },
+};
+
+/// Does this while only so many allocations succeed. Whether it went well.
+template <typename Work>
+bool with_allocations(long granted, const Work& work) {
+  bool done = false;
+  still_granted = granted;
+  try {
+    work();
+    done = true;
+  } catch (const Error&) {
+  } catch (const std::bad_alloc&) {  // none was left for the text
+  }
+  still_granted = no_end;
+  return done;
+}
+
+// A refinement for which memory ended somewhere, or did not, leaves a mesh that any other update
+// coarsens without memory.
+TEST(OutOfMemory, LeavesTheWayBack) {
+  int nb_failures = 0;
+  for (std::size_t finer = 0; finer < std::size(updates); ++finer) {
+    for (std::size_t coarser = 0; coarser < std::size(updates); ++coarser) {
+      for (const long granted : {10L, 300L, no_end}) {
+        Mesh mesh({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 9, .n_cell_data = 2});
+        updates[finer](mesh, 0.5);
+        nb_failures += with_allocations(granted, [&] { updates[finer](mesh, 0.1); }) ? 0 : 1;
+        ASSERT_TRUE(mesh.check().empty());
+        ASSERT_GT(mesh.size(), 25);
+        const auto text = [&] {
+          return "from " + std::to_string(finer) + " to " + std::to_string(coarser) + ", after " +
+                 std::to_string(granted);
+        };
+        const long bytes_before = bytes_in_use, nb_nodes_before = mesh.size();
+        EXPECT_TRUE(with_allocations(0, [&] { updates[coarser](mesh, 1e3); })) << text();
+        const long bytes_given_back = bytes_before - bytes_in_use;
+        ASSERT_TRUE(mesh.check().empty()) << text();
+        EXPECT_EQ(mesh.size(), 25) << text();
+        if (coarser == 1) {  // batches would need memory: all that can go is given back
+          EXPECT_GT(bytes_given_back, (nb_nodes_before - 400) * long{sizeof(Cell)}) << text();
+        }
+      }
+    }
+  }
+  EXPECT_EQ(nb_failures, 2 * 16);
+}
+
+// Memory ends after ever more allocations of a resolve that moves a feature on, asks in batches,
+// has holes to fill or grades sizes.
+TEST(OutOfMemory, ResolveGoesOnWhereItWasLeft) {
+  const auto near_point = [](double x, double y) -> size_function {
+    return [=](double px, double py, auto...) { return 0.1 + 0.3 * std::hypot(px - x, py - y); };
+  };
+  const size_function here = near_point(0.7, 1.2), there = near_point(2.3, 1.9);
+  for (int way = 0; way < 4; ++way) {
+    int nb_failures = 0;
+    bool done = false;
+    for (long granted = 0; !done; granted += 1 + granted / 8) {
+      Mesh mesh({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 9, .n_cell_data = 2});
+      const Lattice lattice(mesh);
+      way == 2 ? mesh.update(here) : mesh.resolve(here);
+      done = with_allocations(granted, [&] {
+        if (way == 1) {
+          mesh.resolve_batched([&](std::span<const Cell* const> nodes, std::span<double> sizes) {
+            for (std::size_t i = 0; i < nodes.size(); ++i) {
+              sizes[i] = there(nodes[i]->x, nodes[i]->y, {}, 0.0, 0.0);
+            }
+          });
+        } else {
+          mesh.resolve(there, {.slope = way == 3 ? 0.3 : 0.0});
+        }
+      });
+      nb_failures += done ? 0 : 1;
+      ASSERT_TRUE(mesh.check().empty()) << granted;
+      if (!done) mesh.resolve(there);
+      ASSERT_TRUE(lattice.of(mesh) == lattice.least(there)) << "way " << way << ", " << granted;
+      ASSERT_TRUE(mesh.check().empty()) << granted;
+    }
+    EXPECT_GT(nb_failures, 10) << way;
+  }
 }
 
 // Far from the origin the search for a stencil runs twice.

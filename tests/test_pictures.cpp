@@ -1,8 +1,11 @@
 // Pictures: what is drawn lies where it belongs, and a file is complete or absent.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <csignal>
@@ -212,6 +215,54 @@ TEST_F(Pictures, SidesShowTheirKind) {
   EXPECT_EQ(south.red + south.green + west.red + west.green + north.green + east.red, 0);
 }
 
+TEST_F(Pictures, WordsTellWhereAFarDomainIsAndStandUnderAFlatOne) {
+  const auto far_picture = [&](double west) {
+    const Mesh far({west, west + 0.5, 0.0, 0.5}, {.nx = 3});
+    EXPECT_EQ(io::draw_mesh(far, (folder / "far.png").string()), "");
+    return read(folder / "far.png");
+  };
+  EXPECT_NE(far_picture(1e7), far_picture(1e7 + 0.25));
+
+  const Mesh flat({0.0, 40.0, 0.0, 1.0}, {.nx = 41});
+  io::PictureOptions options;
+  options.height = io::fitting_height(flat, options.width = 400.0);
+  io::Image picture;
+  EXPECT_EQ(io::draw_mesh(flat, (folder / "flat.png").string(), options), "");
+  EXPECT_EQ(io::read_png((folder / "flat.png").string(), picture), "");
+  const auto lowest_rows = picture.pixels.end() - 35 * picture.width;
+  EXPECT_TRUE(std::any_of(lowest_rows, picture.pixels.end(),
+                          [](std::uint32_t pixel) { return pixel < 0x404040; }));
+}
+
+TEST_F(Pictures, ValuesHaveTheirComponentAndPalette) {
+  Mesh mesh({}, {.nx = 5, .n_cell_data = 2});
+  for (Cell& c : mesh.nodes()) c.data[1] = c.x;
+  bare.cells = io::CellColour::value;
+  bare.component = 1;
+  const auto brightness = [&](io::Palette palette) {
+    bare.palette = palette;
+    io::Image picture;
+    EXPECT_EQ(io::draw_mesh(mesh, (folder / "values.png").string(), bare), "");
+    EXPECT_EQ(io::read_png((folder / "values.png").string(), picture), "");
+    std::array<std::array<int, 3>, 3> of_places;  // west, middle, east; red, green, blue
+    for (int place = 0; place < 3; ++place) {
+      const std::uint32_t pixel = picture.at(10 + 48 * place, 66);
+      of_places[static_cast<std::size_t>(place)] = {static_cast<int>(pixel >> 16),
+                                                    static_cast<int>(pixel >> 8 & 255),
+                                                    static_cast<int>(pixel & 255)};
+    }
+    return of_places;
+  };
+  const auto [pale, medium, dark] = brightness(io::Palette::grey);
+  EXPECT_NEAR(medium[0], medium[2], 1);
+  EXPECT_GT(pale[1], medium[1] + 40);
+  EXPECT_GT(medium[1], dark[1] + 40);
+  const auto [blue, white, red] = brightness(io::Palette::two_way);
+  EXPECT_GT(blue[2], blue[0] + 60);
+  EXPECT_GT(red[0], red[2] + 60);
+  EXPECT_GT(*std::min_element(white.begin(), white.end()), 220);
+}
+
 TEST_F(Pictures, FailureLeavesNoTrace) {
   const std::string kept = (folder / "kept.png").string();
   std::ofstream(kept) << "what stood there before";
@@ -249,6 +300,42 @@ TEST_F(Pictures, FailureLeavesNoTrace) {
   EXPECT_EQ(io::draw_mesh(kept), kept + ": there is no mesh to draw");
   EXPECT_EQ(read(kept), "what stood there before");
   EXPECT_EQ(nb_files(), 2u);
+}
+
+// A link keeps leading where it led, a pipe gets the bytes, a file keeps who may read it.
+TEST_F(Pictures, GoWhereThePathLeads) {
+  const auto draw = [&](const fs::path& path) {
+    EXPECT_EQ(io::draw_mesh(path.string(), bare), "");
+    EXPECT_EQ(io::write_vtu((folder / "mesh.vtu").string()), "");
+  };
+  const fs::path plain = folder / "plain.png", real = folder / "real" / "picture.png";
+  draw(plain);
+  fs::create_directory(real.parent_path());
+  for (const bool is_there : {false, true}) {
+    const fs::path link = folder / "link.png", further = folder / "further.png";
+    fs::remove(link);
+    fs::create_symlink("further.png", link);
+    fs::remove(further);
+    fs::create_symlink(fs::path("real") / "picture.png", further);
+    if (is_there) {
+      std::ofstream(real) << "old";
+      fs::permissions(real, fs::perms::owner_read | fs::perms::owner_write);
+    }
+    draw(link);
+    EXPECT_TRUE(fs::is_symlink(link) && fs::is_symlink(further));
+    EXPECT_EQ(read(real), read(plain));
+    if (is_there) {
+      EXPECT_EQ(fs::status(real).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    }
+  }
+  const fs::path pipe = folder / "pipe.png";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] { received = read(pipe); });
+  draw(pipe);
+  reader.join();
+  EXPECT_EQ(received, read(plain));
+  EXPECT_TRUE(fs::is_fifo(pipe));
 }
 
 }  // namespace

@@ -19,6 +19,8 @@ struct Found {
   CellFaces faces;
   CellShape shape;
   CellPolygon polygon;
+  std::int64_t at_corner = 0;  ///< id of the node at a corner of the control cell, 0 outside
+  std::size_t nb_pieces = 0;   ///< of the line from there to the node
 
   bool operator==(const Found& b) const {
     const auto same_corner = [](const Point& p, const Point& q) {
@@ -26,21 +28,32 @@ struct Found {
     };
     return area == b.area && faces.length == b.faces.length && faces.side == b.faces.side &&
            faces.distance == b.faces.distance && shape.type == b.shape.type &&
-           shape.shift == b.shape.shift &&
+           shape.shift == b.shape.shift && at_corner == b.at_corner && nb_pieces == b.nb_pieces &&
            std::equal(polygon.begin(), polygon.end(), b.polygon.begin(), b.polygon.end(),
                       same_corner);
   }
 };
 
 Found look(const Mesh& mesh, Cell& c) {
-  if (&mesh != &default_mesh()) {
-    return {mesh.area(c), mesh.faces(c), mesh.shape(c), mesh.polygon(c)};
-  }
   Found found;
+  const auto find = [&](const Cell* node, std::size_t nb_pieces) {
+    found.at_corner = node != nullptr ? node->id : 0;
+    found.nb_pieces = nb_pieces;
+  };
+  if (&mesh != &default_mesh()) {
+    found = {mesh.area(c), mesh.faces(c), mesh.shape(c), mesh.polygon(c)};
+    const Point corner = found.polygon.corners[0];
+    find(mesh.locate(corner.x, corner.y), mesh.line_cut(corner, {c.x, c.y}).size());
+    return found;
+  }
   found.area = cell_area(&c);
   cell_faces(&c, found.faces);
   cell_type(&c, found.shape.type, found.shape.shift);
   cell_polygon(&c, found.polygon.corners, found.polygon.n);
+  const Point corner = found.polygon.corners[0];
+  std::vector<LinePiece> pieces;
+  line_cut(corner, {c.x, c.y}, pieces);
+  find(locate(corner.x, corner.y), pieces.size());
   return found;
 }
 

@@ -2,6 +2,7 @@
 #include <numeric>
 
 #include "support/mesh_view.hpp"
+#include "support/plugin.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
 namespace velmar_2d::tests {
@@ -71,6 +72,11 @@ TEST(Records, UserReferencesTellTypesApart) {
   c.data_ptr = static_cast<const double*>(&users);
   EXPECT_EQ(c.data_ptr.get<const double>(), &users);
   EXPECT_EQ(c.data_ptr.get<double>(), nullptr) << "what must not be written";
+  Charge charge;
+  c.data_ptr = &charge;
+  EXPECT_EQ(charge_read_elsewhere(c), &charge) << "in a shared object with types of its own";
+  c.data_ptr = &users;
+  EXPECT_EQ(charge_read_elsewhere(c), nullptr);
   c.data_ptr = &cell_ipos;
   EXPECT_EQ(c.data_ptr.get<std::int32_t(const Cell*)>(), &cell_ipos);
 }
@@ -90,6 +96,16 @@ TEST(Records, KnownValueAsksForADirichletRecordAcrossAStraightLink) {
       EXPECT_FALSE(known_value(c));
     }
   }
+}
+
+TEST(CellData, DebugBuildsRefuseWhatIsNotThere) {
+  CellData data;
+  data.resize(1);
+  EXPECT_EQ(data[0], 0.0);
+#if !defined(NDEBUG)
+  EXPECT_DEATH(data[1] = 1.0, "n_cell_data");
+  EXPECT_DEATH(CellData()[0] = 1.0, "n_cell_data");
+#endif
 }
 
 }  // namespace

@@ -9,182 +9,13 @@
 
 #include "scenarios/scenarios.hpp"
 #include "support/history.hpp"
+#include "support/least_mesh.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/mesh.hpp"
 
 namespace velmar_2d::tests {
 namespace {
-
-/// A position in units of dist_0 / 2^halvings, from the lower left corner.
-using Position = std::pair<std::int64_t, std::int64_t>;
-using Positions = std::set<Position>;
-
-/// The lattice over the rectangle of a mesh; shares no code with the library.
-class Lattice {
- public:
-  explicit Lattice(const Mesh& mesh)
-      : x_min_(mesh.x_min()),
-        y_min_(mesh.y_min()),
-        dist_0_(mesh.dist_0()),
-        limit_(mesh.limit()),
-        last_x_(std::lround((mesh.x_max() - x_min_) / dist_0_) << halvings),
-        last_y_(std::lround((mesh.y_max() - y_min_) / dist_0_) << halvings) {}
-
-  Positions grid() const {
-    Positions all;
-    for (Position p{0, 0}; p.second <= last_y_; p.second += unit) {
-      for (p.first = 0; p.first <= last_x_; p.first += unit) all.insert(p);
-    }
-    return all;
-  }
-  Positions of(const Mesh& mesh) const {
-    Positions all;
-    for (const Cell& c : mesh.nodes()) {
-      EXPECT_TRUE(all.insert({index(c.x - x_min_), index(c.y - y_min_)}).second) << "twice";
-    }
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(mesh.size()));
-    return all;
-  }
-
-  static int ipos(Position p) {
-    const int x = halvings_of(p.first), y = halvings_of(p.second);
-    return x == y ? std::max(0, 2 * x - 1) : 2 * std::max(x, y);
-  }
-  Positions ring(Position p, int level) const {
-    const std::int64_t s = unit >> ((level + 1) / 2);
-    const Positions diagonal = {{s, s}, {s, -s}, {-s, s}, {-s, -s}};
-    const Positions straight = {{s, 0}, {-s, 0}, {0, s}, {0, -s}};
-    Positions members;
-    for (const auto& [dx, dy] : level % 2 == 1 ? diagonal : straight) {
-      const Position q{p.first + dx, p.second + dy};
-      if (q.first >= 0 && q.second >= 0 && q.first <= last_x_ && q.second <= last_y_) {
-        members.insert(q);
-      }
-    }
-    return members;
-  }
-  int wanted_level(const size_function& size, Position p, double margin = 0.0) const {
-    return level_of(own_size(size, p) * std::exp2(-0.5 * margin));
-  }
-
-  /// The rules, starting from the positions that are there.
-  Positions closure(const Positions& start, const size_function& size) const {
-    Positions all = start;
-    std::vector<Position> open(start.begin(), start.end());
-    while (!open.empty()) {
-      const Position p = open.back();
-      open.pop_back();
-      const int lowest = ipos(p), highest = std::max(lowest, wanted_level(size, p));
-      for (int l = std::max(1, lowest); l <= highest; ++l) {
-        for (const Position& q : ring(p, l)) {
-          if (all.insert(q).second) open.push_back(q);
-        }
-      }
-    }
-    return all;
-  }
-  /// Without what no other position rests on and none wants, from the finest to the coarsest.
-  Positions without_surplus(Positions all, const size_function& size, double margin = 0.0) const {
-    std::vector<std::vector<Position>> by_ipos(2 * halvings + 1);
-    std::map<Position, int> nb_resting;
-    for (const Position& p : all) {
-      by_ipos[static_cast<std::size_t>(ipos(p))].push_back(p);
-      for (const Position& q : parents(p)) ++nb_resting[q];
-    }
-    for (int l = 2 * halvings; l > 0; --l) {
-      for (const Position& q : by_ipos[static_cast<std::size_t>(l)]) {
-        const Positions around = parents(q);
-        if (nb_resting[q] > 0 || std::any_of(around.begin(), around.end(), [&](Position p) {
-              return wanted_level(size, p, margin) >= l;
-            })) {
-          continue;
-        }
-        all.erase(q);
-        for (const Position& p : around) --nb_resting[p];
-      }
-    }
-    return all;
-  }
-  Positions least(const size_function& size) const { return closure(grid(), size); }
-
-  /// As least(), with sizes that grow by `slope` at most along the ways between a position and
-  /// what it rests on, and between neighbours on the grid.
-  Positions least_graded(const size_function& size, double slope) const {
-    Positions all = grid();
-    for (std::size_t before = 0; before != all.size();) {
-      before = all.size();
-      std::map<Position, double> graded;
-      for (const Position& p : all) graded[p] = own_size(size, p);
-      for (bool lowered = true; lowered;) {
-        lowered = false;
-        for (const Position& p : all) {
-          const double way = slope * dist_0_ * std::exp2(-0.5 * ipos(p));
-          for (const Position& q : ring(p, ipos(p))) {
-            for (const auto& [from, to] : {std::pair{p, q}, std::pair{q, p}}) {
-              if (graded[to] <= (graded[from] + way) * (1.0 + 1e-13)) continue;
-              graded[to] = graded[from] + way;
-              lowered = true;
-            }
-          }
-        }
-      }
-      for (const auto& [p, h] : graded) {
-        for (int l = std::max(1, ipos(p)); l <= std::max(ipos(p), level_of(h)); ++l) {
-          all.merge(ring(p, l));
-        }
-      }
-    }
-    return all;
-  }
-
- private:
-  static constexpr int halvings = 20;
-  static constexpr std::int64_t unit = std::int64_t{1} << halvings;
-
-  double own_size(const size_function& size, Position p) const {
-    return size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
-  }
-  int level_of(double h) const {
-    int level = 0;
-    while (level < limit_ && h < dist_0_ * std::exp2(-0.5 * level) * (1.0 - 1e-9)) ++level;
-    return level;
-  }
-  static int halvings_of(std::int64_t offset) {
-    int n = 0;
-    while (n < halvings && offset % (unit >> n) != 0) ++n;
-    return n;
-  }
-  Positions parents(Position p) const { return ipos(p) == 0 ? Positions{} : ring(p, ipos(p)); }
-  std::int64_t index(double length) const {
-    const double exact = length / dist_0_ * static_cast<double>(unit);
-    EXPECT_NEAR(exact, std::round(exact), 1e-2);
-    return std::llround(exact);
-  }
-  double length(std::int64_t index) const {
-    return static_cast<double>(index) / static_cast<double>(unit) * dist_0_;
-  }
-
-  double x_min_, y_min_, dist_0_;
-  int limit_;
-  std::int64_t last_x_, last_y_;
-};
-
-/// What two sets do not have in common, for the eye.
-std::string difference(const Positions& mesh, const Positions& expected) {
-  std::string text;
-  const auto list = [&](const char* title, const Positions& a, const Positions& b) {
-    text += title;
-    for (const Position& p : a) {
-      if (b.count(p) != 0 || text.size() > 1000) continue;
-      text += " (" + std::to_string(p.first) + ", " + std::to_string(p.second) + ")ipos " +
-              std::to_string(Lattice::ipos(p));
-    }
-  };
-  list("surplus:", mesh, expected);
-  list("\nmissing:", expected, mesh);
-  return text;
-}
 
 bool is_in_order(const Mesh& mesh) {
   const std::vector<Finding> findings = mesh.check();
@@ -365,6 +196,68 @@ TEST(Resolve, GivesExactLevelsAndDeepOnesInOneCall) {
   EXPECT_TRUE(reached);
   mesh.resolve(scenarios::even_spacing(1.0));
   EXPECT_EQ(mesh.size(), 25);
+}
+
+TEST(Resolve, FindsEveryPointUpToASlope) {
+  scenarios::Random random{3};
+  constexpr int finest_level = 16;
+  for (int run = 0; run < 400; ++run) {
+    const Domain& domain = domains[run % std::size(domains)];
+    Mesh mesh(domain.rectangle, {.nx = domain.nx, .subdiv_max = 30});
+    const Rectangle r = mesh.rectangle();
+    const double x = r.x_min + (r.x_max - r.x_min) * random.uniform();
+    const double y = r.y_min + (r.y_max - r.y_min) * random.uniform();
+    const double finest = mesh.spacing_of_level(finest_level);
+    mesh.resolve([=](double px, double py, auto...) {
+      return std::max(finest, 1.41 * std::hypot(px - x, py - y));
+    });
+    int highest = 0;
+    for (const Cell& c : mesh.nodes()) highest = std::max(highest, c.level);
+    EXPECT_GE(highest, finest_level) << domain.name << ": " << x << ", " << y;
+  }
+}
+
+/// How far a point is from a slanted front.
+double from_front(double x, double y, double position) {
+  return (x + 0.3 * y - position) / std::hypot(1.0, 0.3);
+}
+
+// A field that changes within two of the finest spacings, or from one to the next: all that tells
+// where it is are the derivatives of the values at the nodes.
+TEST(Resolve, KeepsEveryNodeOfAMovingFrontAtTheFinestLevel) {
+  constexpr int finest_level = 16;
+  constexpr double width = 1e-3;
+  for (const bool is_step : {false, true}) {
+    for (const bool by_hessian : {false, true}) {
+      Mesh mesh({0, 1, 0, 0.25}, {.nx = 9, .subdiv_max = finest_level, .n_cell_data = 1});
+      const size_function size = [=](double, double, auto, double gradient, double hessian) {
+        return std::min(0.25 / gradient, by_hessian ? std::sqrt(0.1 / hessian) : 1.0);
+      };
+      const double half_width = 0.5 * (is_step ? mesh.spacing_of_level(finest_level) : width);
+      for (int frame = 0; frame < 12; ++frame) {
+        const double position = 0.371 + 0.0006 * frame;
+        const auto field = [=](double x, double y) {
+          const double distance = from_front(x, y, position);
+          return is_step ? std::copysign(1.0, distance) : std::tanh(distance / width);
+        };
+        for (Cell& c : mesh.nodes()) c.data[0] = field(c.x, c.y);
+        // Derivatives of coarse surroundings find the front; it is settled with those of finer
+        // ones.
+        for (int i = frame == 0 ? 4 : 1; i > 0; --i) {
+          mesh.resolve(size, field, {.margin = by_hessian ? 1.5 : 0.5, .most_nodes = 100'000});
+        }
+        int nb_of_front = 0;
+        for (const Cell& c : mesh.nodes()) {
+          if (std::abs(from_front(c.x, c.y, position)) > half_width) continue;
+          ++nb_of_front;
+          ASSERT_EQ(c.level, finest_level) << c.x << ", " << c.y << ", frame " << frame;
+        }
+        EXPECT_GT(nb_of_front, 250);
+        EXPECT_LT(mesh.size(), 30 * nb_of_front) << "nodes go behind the front";
+      }
+      EXPECT_TRUE(is_in_order(mesh));
+    }
+  }
 }
 
 TEST(Resolve, KeepsNodesWithinTheMargin) {

@@ -12,12 +12,11 @@ using Clock = std::chrono::steady_clock;
 /// Says on standard error how far the work is, once a second from the second second on.
 class Progress {
  public:
-  void tell(int update, std::int64_t nb_nodes) {
+  void tell(const std::string& what, std::int64_t nb_nodes) {
     const auto now = Clock::now();
     if (now - last_ < std::chrono::seconds(1)) return;
     last_ = now;
-    std::fprintf(stderr, "update %d: %lld nodes, %.0f s\n", update,
-                 static_cast<long long>(nb_nodes),
+    std::fprintf(stderr, "%s: %lld nodes, %.0f s\n", what.c_str(), static_cast<long long>(nb_nodes),
                  std::chrono::duration<double>(now - begin_).count());
   }
 
@@ -32,6 +31,12 @@ int squares_along(double length, double square) {
 }
 
 constexpr int most_squares = 4096;
+
+std::string too_many_nodes(std::int64_t most_nodes,
+                           const std::string& remedy = "give --finest, lower --limit") {
+  return "more than " + std::to_string(most_nodes) + " nodes would be needed; " + remedy +
+         " or raise --most-nodes";
+}
 
 /// Leaves an update from within its size function.
 struct TooManyNodes {};
@@ -49,38 +54,49 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
   const int rows = squares_along(domain.height(), square);
   domain.east = domain.west + columns * square;
   domain.north = domain.south + rows * square;
+  if (std::int64_t{columns + 1} * (rows + 1) > options.most_nodes) {
+    return too_many_nodes(options.most_nodes, "lower --squares");
+  }
   mesh.emplace(Rectangle{domain.west, domain.east, domain.south, domain.north},
                Grid{.nx = columns + 1, .ny = rows + 1, .subdiv_max = options.limit});
 
-  // A node of the limit's own level would have to be split to be needed: one level less is reached.
-  const double finest = mesh->dist_0() * std::exp2(-0.5 * std::max(0, options.limit - 1));
-  const auto wanted = field.make(wish, finest);
+  const auto wanted = field.make(wish, mesh->spacing_of_level(options.limit));
   Progress progress;
   const auto begin = Clock::now();
   constexpr unsigned calls_per_look = 4096;
   unsigned calls = 0;
+  int update = 0;
   const size_function size = [&](double x, double y, std::span<const double>, double, double) {
-    if (++calls % calls_per_look == 0) progress.tell(outcome.updates + 1, mesh->size());
-    if (mesh->size() > options.max_nodes) throw TooManyNodes{};
+    if (++calls % calls_per_look == 0) {
+      progress.tell(update == 0 ? "resolve" : "update " + std::to_string(update), mesh->size());
+    }
+    if (mesh->size() > options.most_nodes) throw TooManyNodes{};
     return wanted(x, y);
   };
-
-  const int most = options.updates > 0 ? options.updates : most_updates;
-  while (outcome.updates < most && !(options.updates == 0 && outcome.is_settled)) {
-    const std::int64_t before = mesh->size();
-    try {
-      mesh->update(size);
-    } catch (const TooManyNodes&) {
-      return "more than " + std::to_string(options.max_nodes) +
-             " nodes are wanted; lower --limit or raise --max-nodes";
+  try {
+    if (options.updates == 0) {
+      mesh->resolve(size, {.most_nodes = options.most_nodes, .slope = options.slope});
     }
-    ++outcome.updates;
-    outcome.is_settled = before == mesh->size();
+    while (update < options.updates) {
+      ++update;
+      mesh->update(size);
+    }
+  } catch (const TooManyNodes&) {
+    return too_many_nodes(options.most_nodes);
+  } catch (const Error&) {
+    if (mesh->size() < options.most_nodes) throw;
+    return too_many_nodes(options.most_nodes);
   }
   outcome.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   for (Cell& node : mesh->nodes()) {
+    constexpr double rounding = 1e-9;
     node.data.resize(1);
     node.data[0] = wanted(node.x, node.y);
+    // A size that is none asks for nothing.
+    if (mesh->spacing_of_level(node.level) > node.data[0] * (1.0 + rounding) &&
+        node.data[0] >= 0.0) {
+      ++outcome.too_coarse;
+    }
   }
   return {};
 }

@@ -12,16 +12,15 @@ namespace velmar_2d::tools {
 struct MeshOptions {
   int squares = 16;  ///< base squares along the shorter side of the domain
   int limit = 9;     ///< subdivision limit
-  int updates = 0;   ///< 0: until their number stands still, at most most_updates
-  std::int64_t max_nodes = 20'000'000;
+  int updates = 0;   ///< number of update()s in place of one resolve(); 0: resolve()
+  std::int64_t most_nodes = 2'000'000;  ///< about 0.6 gigabytes
+  double slope = 0.0;                   ///< Resolution::slope
 };
-inline constexpr int most_updates = 100;
 
 /// What came of it, beside the mesh itself.
 struct Outcome {
-  int updates = 0;
-  bool is_settled = false;  ///< the last update took as many nodes as it gave
   double seconds = 0.0;
+  std::int64_t too_coarse = 0;  ///< nodes that are coarser than wanted
 };
 
 /// Makes the mesh of a field and adapts it. `domain` is enlarged at its north or east side to whole

@@ -68,7 +68,11 @@ std::string read_expression(const FieldOptions& options, SizeField& field) {
 
 std::string read_picture(const FieldOptions& options, SizeField& field) {
   auto picture = std::make_shared<io::Image>();
-  if (std::string error = io::read_png(options.text, *picture); !error.empty()) return error;
+  if (std::string error = io::read_png(options.text, *picture, options.max_pixels);
+      !error.empty()) {
+    const bool is_too_large = error.ends_with("more than " + std::to_string(options.max_pixels));
+    return error + (is_too_large ? "; --max-pixels raises the limit" : "");
+  }
   field.picture = picture;
   field.domain = {0.0, static_cast<double>(picture->width), 0.0,
                   static_cast<double>(picture->height)};
@@ -95,11 +99,11 @@ std::string read_picture(const FieldOptions& options, SizeField& field) {
 // ---------------------------------------------------------------------------------------------
 
 std::string read_line_file(const FieldOptions& options, SizeField& field) {
-  std::vector<Segment> segments;
-  if (std::string error = read_lines(options.text, options.scattered, segments); !error.empty()) {
+  Lines lines;
+  if (std::string error = read_lines(options.text, options.scattered, lines); !error.empty()) {
     return error;
   }
-  auto tree = std::make_shared<DistanceTree>(std::move(segments));
+  auto tree = std::make_shared<DistanceTree>(std::move(lines));
   const DistanceTree::Box& box = tree->bounds();
   constexpr double rim = 0.1;  // of the larger side, left free around
   double margin = rim * std::max(box.east - box.west, box.north - box.south);

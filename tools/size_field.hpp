@@ -1,6 +1,7 @@
 // Wanted spacings: from an expression, a picture, or a file of points and lines.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@ struct FieldOptions {
   std::optional<double> finest, coarsest;
   double grading = 0.25, contrast = 10.0;
   bool scattered = false;
+  std::int64_t max_pixels = 64'000'000;
 };
 
 /// What is wanted where.

@@ -95,9 +95,13 @@ void add_mesh_options(CLI::App& command, Options& options) {
              "base squares along the shorter side of the domain");
   add_number(command, "--limit", mesh.limit, "LEVEL", 0, 40,
              "subdivision limit; two levels halve the spacing");
+  add_number(command, "--most-nodes", mesh.most_nodes, "N", 4, 1e9,
+             "give up where more would be needed; a million take 0.3 gigabytes");
+  add_number(
+      command, "--slope", mesh.slope, "SLOPE", 0.0, 100.0,
+      "largest growth of the spacing from node to node, for thin features; 0: as FIELD says");
   add_number(command, "--updates", mesh.updates, "N", 0, 10000,
-             "number of updates; 0: until the number of nodes stands still");
-  add_number(command, "--max-nodes", mesh.max_nodes, "N", 4, 1e9, "give up beyond this number");
+             "adapt by so many updates, single steps that may stay too coarse; 0: in one go");
   add_number(command, "--finest", field.finest, "LENGTH", smallest_length, largest_length,
              "no spacing below this one");
   add_number(command, "--coarsest", field.coarsest, "LENGTH", smallest_length, largest_length,
@@ -107,6 +111,8 @@ void add_mesh_options(CLI::App& command, Options& options) {
   command.add_flag("--scattered", field.scattered, "do not join the points of a text file");
   add_number(command, "--contrast", field.contrast, "STEP", 0.1, 255.0,
              "brightness step, of 255, that counts as an edge of a picture");
+  add_number(command, "--max-pixels", field.max_pixels, "N", 1, 1e9,
+             "refuse a picture that has more");
 }
 
 int fail(const std::string& line) {
@@ -158,8 +164,8 @@ int print_stats(const Mesh& mesh, const tools::Domain& domain, const tools::Outc
 
   std::printf("domain: x %g to %g, y %g to %g; base squares of %g\n", domain.west, domain.east,
               domain.south, domain.north, mesh.dist_0());
-  std::printf("nodes: %.0f after %d updates, %s\n", nb_nodes, outcome.updates,
-              outcome.is_settled ? "settled" : "not settled yet");
+  std::printf("nodes: %.0f, %lld of them coarser than wanted\n", nb_nodes,
+              static_cast<long long>(outcome.too_coarse));
   std::printf("time: %.3g s\n", outcome.seconds);
   std::printf("a uniform grid of the finest spacing: %.0f nodes, %.3g times as many\n", uniform,
               uniform / nb_nodes);
@@ -244,6 +250,9 @@ int run(int argc, char** argv) {
   } catch (const CLI::Error& error) {
     return fail(error.what());
   }
+  if (options.mesh.updates > 0 && options.mesh.slope > 0.0) {
+    return fail("--slope: updates know no slope; leave out --updates");
+  }
   if (options.output.empty()) options.output = draw_command->parsed() ? "mesh.png" : "mesh.vtu";
 
   tools::SizeField field;
@@ -265,6 +274,11 @@ int run(int argc, char** argv) {
       !error.empty()) {
     return fail(error);
   }
+  if (outcome.too_coarse > 0 && options.mesh.updates == 0 && !stats_command->parsed()) {
+    std::fprintf(stderr, "%lld of %lld nodes stay coarser than wanted, at --limit %d\n",
+                 static_cast<long long>(outcome.too_coarse), static_cast<long long>(mesh->size()),
+                 options.mesh.limit);
+  }
   constexpr double patience = 1.0;  // seconds
   if (outcome.seconds > patience && !stats_command->parsed()) {
     std::fprintf(stderr, "writing %lld nodes to %s\n", static_cast<long long>(mesh->size()),
@@ -283,6 +297,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     return fail("memory is exhausted");
   } catch (const std::exception& error) {
-    return fail(in_one_line(error.what()));
+    const std::string line = in_one_line(error.what());
+    return fail(line.starts_with("Error allocating") ? "memory is exhausted" : line);
   }
 }

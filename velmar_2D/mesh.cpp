@@ -7,6 +7,7 @@
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
+#include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d {
 
@@ -121,7 +122,7 @@ bc_type_function kind_by_side(std::int32_t north, std::int32_t east, std::int32_
 }
 
 void detail::StateDeleter::operator()(State* state) const {
-  if (state != &default_state()) delete state;
+  if (state != &default_state()) delete_state(state);
 }
 
 Mesh& default_mesh() {
@@ -146,7 +147,7 @@ Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
   set_rectangle(made, rectangle);
   made.n_cell_data = grid.n_cell_data;
   double upper_y = 0.0;
-  const detail::MeshChange change(made, "Mesh");
+  const detail::MeshChange change(made, "Mesh", false);
   detail::init_mesh(made, grid.bc_type ? grid.bc_type : same_kind(bc_type_dir), grid.nx, ny,
                     grid.subdiv_max, upper_y);
 }
@@ -194,6 +195,13 @@ UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
     detail::resolve_mesh_init(state(), sizes, std::move(init_data), resolution);
   });
 }
+
+Transfer Mesh::transfer() const { return state().transfer; }
+void Mesh::set_transfer(Transfer transfer) { state().transfer = transfer; }
+void Mesh::set_progress_handler(progress_function handler) {
+  state().progress.handler = std::move(handler);
+}
+void Mesh::set_node_hooks(NodeHooks hooks) { state().hooks = std::move(hooks); }
 
 const UpdateStatistics& Mesh::statistics() const { return state().update_statistics; }
 
@@ -260,7 +268,10 @@ Gradient Mesh::compute_derivatives(Cell& c) const {
   return gradient;
 }
 
-void Mesh::compute_derivatives(int threads) { detail::compute_data_at_all_nodes(state(), threads); }
+void Mesh::compute_derivatives(int threads) {
+  const detail::InUse in_use(state(), "compute_derivatives");
+  detail::compute_data_at_all_nodes(state(), threads);
+}
 
 double Mesh::area(Cell& c) const { return detail::cell_area(state(), c); }
 
@@ -280,6 +291,56 @@ CellShape Mesh::shape(Cell& c) const {
   CellShape shape;
   detail::cell_type(state(), c, shape.type, shape.shift);
   return shape;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Values anywhere
+// ---------------------------------------------------------------------------------------------
+
+Cell* Mesh::locate(double x, double y, const Cell* start) {
+  return const_cast<Cell*>(detail::locate(state(), {x, y}, start));
+}
+
+const Cell* Mesh::locate(double x, double y, const Cell* start) const {
+  return detail::locate(state(), {x, y}, start);
+}
+
+std::vector<const Cell*> Mesh::locate(std::span<const Point> points) const {
+  std::vector<const Cell*> found = detail::make_table<const Cell*>(state(), points.size());
+  detail::locate_many(state(), points, found);
+  return found;
+}
+
+double Mesh::value_at(double x, double y, std::int32_t value, Interpolation how,
+                      const Cell* start) const {
+  return detail::value_at(state(), {x, y}, value, how, start);
+}
+
+std::vector<double> Mesh::values_at(std::span<const Point> points, Interpolation how) const {
+  const auto nb_values = static_cast<std::size_t>(std::max(0, n_cell_data()));
+  std::vector<double> values = detail::make_table<double>(state(), points.size() * nb_values);
+  detail::values_at(state(), points, how, values);
+  return values;
+}
+
+std::vector<LinePiece> Mesh::line_cut(Point a, Point b) const {
+  std::vector<LinePiece> pieces;
+  detail::line_cut(state(), a, b, pieces);
+  return pieces;
+}
+
+Triangulation Mesh::triangulation() const {
+  Triangulation result;
+  detail::triangulate(state(), result);
+  return result;
+}
+
+std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how) {
+  return detail::transfer(from.state(), to.state(), how);
+}
+
+std::int64_t transfer_conservative(const Mesh& from, Mesh& to) {
+  return detail::transfer_conservative(from.state(), to.state());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -332,10 +393,18 @@ void Mesh::join_sublists() {
   detail::join_sublists(state());
 }
 
+// A handler that replaced itself would go on in what is no more.
 void Mesh::set_message_handler(text_function handler) {
+  detail::require_no_use(state(), "set_message_handler");
   state().handlers.message = std::move(handler);
 }
-void Mesh::set_fatal_handler(text_function handler) { state().handlers.fatal = std::move(handler); }
-void Mesh::set_pause_handler(text_function handler) { state().handlers.pause = std::move(handler); }
+void Mesh::set_fatal_handler(text_function handler) {
+  detail::require_no_use(state(), "set_fatal_handler");
+  state().handlers.fatal = std::move(handler);
+}
+void Mesh::set_pause_handler(text_function handler) {
+  detail::require_no_use(state(), "set_pause_handler");
+  state().handlers.pause = std::move(handler);
+}
 
 }  // namespace velmar_2d

@@ -1,13 +1,13 @@
 // velmar_2d::Mesh: an adaptive mesh as an object.
 //
 //     velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = 17, .subdiv_max = 9});
-//     mesh.update([](double x, double y, auto...) { return 0.002 + 0.2 * std::abs(y - x * x); });
+//     mesh.resolve([](double x, double y, auto...) { return 0.002 + 0.2 * std::abs(y - x * x); });
 //     for (velmar_2d::Cell& c : mesh.nodes()) { /* c.x, c.y, mesh.area(c) ... */ }
 //
 // The life of a mesh
 // ------------------
 //   1. Mesh(rectangle, grid)      makes a uniform grid of level 0.
-//   2. update(size)               adapts it to the spacing you want, as often as you like.
+//   2. resolve(size)              adapts it to the spacing you want, as often as you like.
 //   3. nodes(), link(), area(), faces(), compute_derivatives() ...     read it.
 //   4. The end of its scope       gives its nodes back.
 //
@@ -17,8 +17,8 @@
 //
 // Mistakes throw an Error that says what is wrong; so does exhausted memory (std::bad_alloc where
 // none is left even for the text). The mesh is whole afterwards: a node is in it with all its links
-// or not at all. Callbacks may throw what they like, with the same promise; they must not change
-// the mesh that asks them. Nothing is printed and nothing waits for a key; who wants to read the
+// or not at all. Callbacks may throw what they like, with the same promise; where they change the
+// mesh that asks them, an Error ends that. Nothing is printed and nothing waits for a key; who wants to read the
 // warnings sets a message handler.
 //
 // Threads: a mesh may be changed by one thread at a time, and by none while others read it. All
@@ -58,7 +58,7 @@ struct Grid {
   std::int32_t nx = 17;           ///< nodes along x, at least 2
   std::int32_t ny = 0;            ///< along y; 0: from the height, which must be a whole number of
                                   ///< squares
-  std::int32_t subdiv_max = 10;   ///< the limit: highest level that a node may have
+  std::int32_t subdiv_max = 10;   ///< the limit: highest level that a node may have, up to 60
   std::int32_t n_cell_data = 0;   ///< data values per node
   bc_type_function bc_type = {};  ///< kinds of the sides; empty: Dirichlet everywhere
 };
@@ -157,13 +157,14 @@ class NodeRange {
 // The mesh
 // ---------------------------------------------------------------------------------------------
 
-class VELMAR_2D_API Mesh {
+class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
  public:
   /// Makes a uniform grid over the rectangle. Every node gets n_cell_data values of 0.0.
   ///
   /// Throws Error: nx below 2, a height that is not a whole number of squares, an empty rectangle
-  /// or one whose cells are lost in the rounding of its coordinates, more nodes than memory or ids
-  /// allow, a limit that is negative or absurd, kinds of sides other than 0, 1 and 2.
+  /// or one whose cells are lost in the rounding of its coordinates, cells below 1e-60 or
+  /// coordinates beyond 1e60, more nodes than memory or ids allow, a limit that is negative, above
+  /// 60 or too deep for the coordinates, kinds of sides other than 0, 1 and 2.
   explicit Mesh(const Rectangle& rectangle, const Grid& grid = {});
 
   // -------------------------------------------------------------------------------------------
@@ -175,8 +176,8 @@ class VELMAR_2D_API Mesh {
   /// Where there are data values, their derivatives are computed at every node first. Then
   /// stretches are walked upwards, inserting nodes where the wanted level 2 log2(dist_0 / size)
   /// exceeds a node's level, and downwards, removing nodes whose level exceeds the wanted one by
-  /// more than 1.05. One call mostly reaches the wanted spacing from any mesh; a second one settles
-  /// what is left. References to removed nodes are invalid afterwards; all others stay good.
+  /// more than 1.05. Nodes may stay too coarse however often it is called, the more of them the
+  /// faster sizes grow: see resolve(). References to removed nodes become invalid, no others.
   /// Cost: linear in the number of nodes.
   UpdateStatistics update(const size_function& size);
   /// The same; data[0] of new nodes comes from `init_data`, which is forgotten when this returns.
@@ -212,13 +213,21 @@ class VELMAR_2D_API Mesh {
                                    const Resolution& resolution = {});
   UpdateStatistics resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                                    const Resolution& resolution = {});
+  /// What becomes of data values where nodes come and go; data[0] is interpolated and nothing else
+  /// handed on as long as nothing is chosen.
+  Transfer transfer() const;
+  void set_transfer(Transfer transfer);
+  /// Told how far an update has come, and compute_derivatives() by one thread. Throws to leave it.
+  void set_progress_handler(progress_function handler);
+  /// Called for each node that comes or goes from now on; empty ones cost nothing.
+  void set_node_hooks(NodeHooks hooks);
   /// What the last update did, also where it ended by an exception.
   const UpdateStatistics& statistics() const;
 
   /// The subdivision limit.
   std::int32_t limit() const;
   /// Changes it. Lowering it removes every node that lies above; raising it changes no node. Throws
-  /// Error where it is negative or absurd.
+  /// Error where it is negative, above 60 or too deep for the coordinates.
   void set_limit(std::int32_t limit);
 
   // -------------------------------------------------------------------------------------------
@@ -287,6 +296,39 @@ class VELMAR_2D_API Mesh {
   CellShape shape(Cell& c) const;
 
   // -------------------------------------------------------------------------------------------
+  // Values anywhere
+  // -------------------------------------------------------------------------------------------
+
+  /// The node whose control cell holds a point: the nearest one. On a border between cells it is
+  /// the one farthest to the east, and of those the one farthest to the north. nullptr outside the
+  /// rectangle and for not-a-number; the sides belong to the rectangle.
+  ///
+  /// Walks over links from `start`, a node of the mesh that should be near: that of the last point
+  /// mostly is. Without one, and where it lies farther off than a square of the grid, from the
+  /// grid.
+  Cell* locate(double x, double y, const Cell* start = nullptr);
+  const Cell* locate(double x, double y, const Cell* start = nullptr) const;
+  /// The same for many points, in any order; quickest where each lies near the one before.
+  std::vector<const Cell*> locate(std::span<const Point> points) const;
+
+  /// One of the data values at a point; not-a-number where locate() finds no node. At a node it is
+  /// the node's own. Throws Error where the nodes have no value of this number.
+  double value_at(double x, double y, std::int32_t value = 0,
+                  Interpolation how = Interpolation::linear, const Cell* start = nullptr) const;
+  /// All n_cell_data() values of each point, one point after the other.
+  std::vector<double> values_at(std::span<const Point> points,
+                                Interpolation how = Interpolation::linear) const;
+
+  /// The pieces into which the control cells cut the line from a to b, in its order: each ends
+  /// where the next one begins. What lies outside the rectangle is left out; none where all of it
+  /// does, or where a coordinate is not finite.
+  std::vector<LinePiece> line_cut(Point a, Point b) const;
+
+  /// The mesh as triangles, on which linear values are linear.
+  /// Cost: linear, about 100 bytes of memory for each node.
+  Triangulation triangulation() const;
+
+  // -------------------------------------------------------------------------------------------
   // Checking, and single steps of an adaptation
   // -------------------------------------------------------------------------------------------
 
@@ -327,11 +369,27 @@ class VELMAR_2D_API Mesh {
  private:
   friend Mesh& default_mesh();
   friend struct detail::SnapshotAccess;
+  friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
+  friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}
   detail::State& state() const;
 
   std::unique_ptr<detail::State, detail::StateDeleter> state_;  ///< none once it was moved away
 };
+
+/// Gives each node of one mesh the values that another mesh has at its place. Values that only one
+/// of them has, and nodes that lie beyond the rectangle of `from`, stay as they are.
+/// @return number of nodes that got values
+VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to,
+                                    Interpolation how = Interpolation::linear);
+/// Gives each node of one mesh the means of the other mesh's values over its control cell, with the
+/// control cells of the other mesh as pieces of constant value. So the sums of area x value over
+/// what both rectangles share are the same, and no mean leaves the range of the values under it.
+///
+/// Where a control cell reaches beyond the rectangle of `from`, the mean is that over the part
+/// inside; where it lies beyond, its values stay.
+/// @return number of nodes that got values
+VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
 
 /// The mesh of the free procedures and library-wide variables, as an object, for what takes a Mesh.
 /// Its mistakes end the process and its messages are printed, as theirs are. May have no nodes.

@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -36,10 +37,26 @@
 #include <utility>
 #include <vector>
 
-#if defined(VELMAR_2D_SHARED)
-#define VELMAR_2D_API __attribute__((visibility("default")))
-#else
+#if defined(__cpp_rtti)
+#include <typeinfo>
+#endif
+
+#if !defined(VELMAR_2D_SHARED)
 #define VELMAR_2D_API
+#elif defined(_WIN32) && defined(velmar_2d_EXPORTS)
+#define VELMAR_2D_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define VELMAR_2D_API __declspec(dllimport)
+#else
+#define VELMAR_2D_API __attribute__((visibility("default")))
+#endif
+
+// With _GLIBCXX_DEBUG a vector has another size. What holds or returns one has another name then,
+// so that a program and a library that disagree are not linked.
+#if defined(_GLIBCXX_DEBUG)
+#define VELMAR_2D_WITH_VECTORS __attribute__((abi_tag("glibcxx_debug")))
+#else
+#define VELMAR_2D_WITH_VECTORS
 #endif
 
 namespace velmar_2d {
@@ -147,8 +164,15 @@ class CellData {
   bool empty() const { return size_ == 0; }
   double* data() { return inside() ? &store_.inside : store_.outside; }
   const double* data() const { return inside() ? &store_.inside : store_.outside; }
-  double& operator[](std::size_t i) { return data()[i]; }
-  double operator[](std::size_t i) const { return data()[i]; }
+  /// Needs: i < size(), which Debug builds of the caller assert.
+  double& operator[](std::size_t i) {
+    assert(i < size_ && "a node has n_cell_data data values");
+    return data()[i];
+  }
+  double operator[](std::size_t i) const {
+    assert(i < size_ && "a node has n_cell_data data values");
+    return data()[i];
+  }
   double* begin() { return data(); }
   double* end() { return data() + size_; }
   const double* begin() const { return data(); }
@@ -189,21 +213,37 @@ class UserReference {
  public:
   UserReference() = default;
   template <typename T>
-  UserReference(T* object) : bits_(reinterpret_cast<std::uintptr_t>(object)), tag_(&tag_of<T>) {}
+  UserReference(T* object) : bits_(reinterpret_cast<std::uintptr_t>(object)), tag_(tag_of<T>()) {}
 
   bool empty() const { return bits_ == 0; }
   /// The object, or nullptr where none was set or where it was set with another type.
   template <typename T>
   T* get() const {
-    const char* const tag = &tag_of<T>;
-    return tag == tag_ ? reinterpret_cast<T*>(bits_) : nullptr;
+    return is_tag(tag_of<T>()) ? reinterpret_cast<T*>(bits_) : nullptr;
   }
 
  private:
+#if defined(__cpp_rtti)
+  // Each shared object may have a type_info of its own for one type; they compare as equal.
   template <typename T>
-  static inline const char tag_of = 0;
-  std::uintptr_t bits_ = 0;
-  const char* tag_ = nullptr;
+  static std::uintptr_t tag_of() {
+    return reinterpret_cast<std::uintptr_t>(&typeid(T*));
+  }
+  bool is_tag(std::uintptr_t tag) const {
+    const auto type = [](std::uintptr_t t) { return reinterpret_cast<const std::type_info*>(t); };
+    return tag_ == tag || (tag_ != 0 && (tag_ & no_type_info) == 0 && *type(tag_) == *type(tag));
+  }
+#else
+  template <typename T>
+  alignas(2) static inline const char address_of = 0;
+  template <typename T>
+  static std::uintptr_t tag_of() {
+    return reinterpret_cast<std::uintptr_t>(&address_of<T>) | no_type_info;
+  }
+  bool is_tag(std::uintptr_t tag) const { return tag_ == tag; }
+#endif
+  static constexpr std::uintptr_t no_type_info = 1;
+  std::uintptr_t bits_ = 0, tag_ = 0;
 };
 
 /// One node of the mesh. The defaults are those of a freshly created node.
@@ -285,8 +325,8 @@ struct Resolution {
   /// Above 0, the wanted sizes are graded over the mesh: none is larger than that of a parent
   /// or a child of the node and `slope` times the way to it. For features so thin, and size
   /// functions so steep, that nodes of a coarse mesh do not see them from one to the next; one that
-  /// no node sees is missed all the same. Costs twice the time of a resolve from the first grid,
-  /// ten times that of one that changes nothing, and 80 to 130 bytes a node while it lasts.
+  /// no node sees is missed all the same. Costs three times the time of a resolve from the first
+  /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
 };
 
@@ -306,8 +346,43 @@ using batch_size_function =
     std::function<void(std::span<const Cell* const> nodes, std::span<double> sizes)>;
 /// First data value of a new node at (x, y).
 using init_data_function = std::function<double(double x, double y)>;
+/// How far an update has come.
+struct Progress {
+  std::string_view phase;  ///< "restoring", "derivatives", "refining" or "coarsening"
+  std::int64_t done = 0;   ///< nodes that the phase has visited
+  std::int64_t known = 0;  ///< nodes there were when it began; others may come while it lasts
+};
+/// Told at most ten times a second. What it throws leaves the update, and the mesh is whole.
+using progress_function = std::function<void(const Progress& progress)>;
 /// Receives a text of the library; see fatal_handler, message_handler and pause_handler.
 using text_function = std::function<void(std::string_view text)>;
+
+// ---------------------------------------------------------------------------------------------
+// What becomes of data where nodes come and go
+// ---------------------------------------------------------------------------------------------
+
+/// Where the data values of new nodes come from, and what becomes of those of nodes that go. With
+/// an init_data_function, data[0] of new nodes comes from that whatever is chosen here.
+enum class Transfer : std::int32_t {
+  first,  ///< data[0] is the mean of the parents, along the side on a side; the others are 0.0
+  all,    ///< every value is such a mean
+  /// The sum of area times value over the mesh stays what it is, for every value. A new node takes
+  /// from the cells around it what the part of each that becomes its own held. What a node that
+  /// goes held is left to its neighbours, by the parts of its cell that become theirs, such that
+  /// their values change least and none leaves the range of those around it.
+  conservative
+};
+
+/// Called for single nodes while a mesh changes, whatever changes it. They may write the data
+/// values of the nodes that they are given and nothing else, and must not change the mesh.
+struct NodeHooks {
+  /// A node has come: position, links and data, from its parents, are set, its derivatives are not.
+  /// Has up to four parents; a node that was put where others were missing may have fewer.
+  std::function<void(Cell& node, std::span<Cell* const> parents)> inserted;
+  /// A node is about to go: it and its neighbours, the linked nodes that its cell falls to, are
+  /// still as they were. Where it throws, the node stays.
+  std::function<void(Cell& node, std::span<Cell* const> neighbours)> removing;
+};
 
 // ---------------------------------------------------------------------------------------------
 // What is asked of a mesh
@@ -339,6 +414,27 @@ struct Point {
 /// Most corners that a control cell can have: the four of the domain, and each of eight links cuts
 /// off a part, which adds one corner at most.
 inline constexpr std::size_t max_cell_corners = 12;
+
+/// How the values at a point come from those of the nodes.
+enum class Interpolation {
+  constant,  ///< those of the node whose control cell holds the point
+  linear,    ///< on the triangles between the nodes: continuous
+  gradient,  ///< those of that node, and its gradient by least squares over the linked nodes
+};
+
+/// The piece of a line that lies in one control cell.
+struct LinePiece {
+  const Cell* node = nullptr;
+  double enter = 0.0, leave = 0.0;  ///< distances along the line from its start
+  Point from, to;                   ///< where that is
+};
+
+/// The mesh as triangles between linked nodes. They fill the domain, and every edge inside belongs
+/// to two of them: no corner of one lies within the edge of another.
+struct Triangulation {
+  std::vector<const Cell*> nodes;                      ///< in list order
+  std::vector<std::array<std::int32_t, 3>> triangles;  ///< indices into `nodes`, anticlockwise
+};
 
 /// A rule of the mesh that does not hold at some place.
 struct Finding {

@@ -3,6 +3,7 @@
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
+#include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d {
 
@@ -54,6 +55,9 @@ double& dist_0 = detail::default_mesh.state.domain.dist_0;
 double& grad_data = detail::default_mesh.state.grad_data;
 double& grad2_data = detail::default_mesh.state.grad2_data;
 bool& data_interpolation = detail::default_mesh.state.data_interpolation;
+Transfer& data_transfer = detail::default_mesh.state.transfer;
+NodeHooks& node_hooks = detail::default_mesh.state.hooks;
+progress_function& progress_handler = detail::default_mesh.state.progress.handler;
 init_data_function& init_data_ptr = detail::default_mesh.state.init_data_ptr;
 bc_type_function& bc_type_ptr = detail::default_mesh.state.bc_type_ptr;
 text_function& fatal_handler = detail::default_mesh.state.handlers.fatal;
@@ -85,7 +89,7 @@ detail::State& state() { return detail::default_mesh.state; }
 
 void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                double& y_max) {
-  const detail::MeshChange change(state(), "init_mesh");
+  const detail::MeshChange change(state(), "init_mesh", false);
   detail::init_mesh(state(), std::move(bc_type), nx, ny, subdiv_max, y_max);
 }
 
@@ -140,7 +144,7 @@ void set_subdiv_max(std::int32_t subdiv_max) {
 std::int32_t get_subdiv_max() { return state().level_max; }
 
 void delete_mesh() {
-  const detail::MeshChange change(state(), "delete_mesh");
+  const detail::MeshChange change(state(), "delete_mesh", false);
   detail::delete_mesh(state());
 }
 
@@ -183,7 +187,10 @@ void compute_data_at_node(Cell* c, double* dfdx, double* dfdy) {
   detail::compute_data_at_node(state(), work, c, dfdx, dfdy);
 }
 
-void compute_data_at_all_nodes(int threads) { detail::compute_data_at_all_nodes(state(), threads); }
+void compute_data_at_all_nodes(int threads) {
+  const detail::InUse in_use(state(), "compute_data_at_all_nodes");
+  detail::compute_data_at_all_nodes(state(), threads);
+}
 
 void cell_type(Cell* c, std::int32_t& type, std::int32_t& shift) {
   detail::cell_type(state(), *c, type, shift);
@@ -195,6 +202,18 @@ void cell_faces(const Cell* c, CellFaces& faces) { detail::cell_faces(state(), *
 
 void cell_polygon(const Cell* c, std::array<Point, max_cell_corners>& corners, std::int32_t& n) {
   detail::cell_polygon(state(), *c, corners, n);
+}
+
+Cell* locate(double x, double y, const Cell* start) {
+  return const_cast<Cell*>(detail::locate(state(), {x, y}, start));
+}
+
+double value_at(double x, double y, std::int32_t value, Interpolation how, const Cell* start) {
+  return detail::value_at(state(), {x, y}, value, how, start);
+}
+
+void line_cut(Point a, Point b, std::vector<LinePiece>& pieces) {
+  detail::line_cut(state(), a, b, pieces);
 }
 
 std::size_t check_mesh(std::vector<Finding>& findings) {

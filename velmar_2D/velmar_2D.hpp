@@ -6,8 +6,8 @@
 //          static velmar_2d::Boundary north{1.0}, east{1.0}, south{0.0}, west{0.0};
 //          velmar_2d::north_boundary_dir = &north;      // and east, south, west
 //   2. init_mesh(bc_type, nx, ny, subdiv_max, y_max)    makes a uniform grid of level 0.
-//   3. update_mesh_no_init(size_fun)                    adapts it to the spacing you want,
-//      or update_mesh_init(size_fun, init_data)         as often as you like.
+//   3. resolve_mesh_no_init(size_fun)                   adapts it to the spacing you want,
+//      or resolve_mesh_init(size_fun, init_data)        as often as you like.
 //   4. Walk the nodes:  for (Cell* c = mesh_beg; c != nullptr; c = c->next) ...
 //   5. delete_mesh()                                    and, if you wish, start again at 1.
 //
@@ -17,9 +17,9 @@
 // -----------
 // All state here is library-wide: this is the window of one default mesh. Any number of others are
 // objects, see mesh.hpp; all rules are the same. Messages go to standard output; after a fatal one
-// the process ends with EXIT_FAILURE. Both can be taken over, see fatal_handler. Callbacks must not
-// call the library; they may throw. The library owns the nodes; the caller owns the Boundary
-// records and the callbacks.
+// the process ends with EXIT_FAILURE. Both can be taken over, see fatal_handler. Callbacks and
+// handlers may read the mesh; to call what changes it from there is such a fatal error. They may
+// throw. The library owns the nodes; the caller owns the Boundary records and the callbacks.
 //
 // Threads: one at a time may call what changes the mesh, and none may read it meanwhile. While no
 // one changes the mesh or its data, any number of threads may call what is marked "Readers" below.
@@ -42,8 +42,8 @@ namespace velmar_2d {
 /// It may read the mesh, which can be in the split state, but not call what changes it.
 ///
 /// The mesh is whole after every exit by an exception, be it from here or from one of the caller's
-/// own callbacks: a node is in it with all its links or not at all, and update_mesh_*() and
-/// set_subdiv_max() leave their list joined. init_mesh() makes the whole grid or no node.
+/// own callbacks: a node is in it with all its links or not at all, and update_mesh_*(),
+/// resolve_mesh_*() and set_subdiv_max() leave their list joined. init_mesh() makes all or no node.
 VELMAR_2D_API extern text_function& fatal_handler;
 
 /// Takes the place of standard output: called with each message (without the line end after its
@@ -62,12 +62,13 @@ VELMAR_2D_API extern text_function& pause_handler;
 // Node list. It runs by stretches: first all nodes with ipos 0, then those with ipos 1, and so on.
 VELMAR_2D_API extern Cell *&mesh_beg, *&mesh_end;
 /// First and last node of each stretch, indexed by ipos; empty while there is no mesh.
-VELMAR_2D_API extern std::vector<Handle>&level_beg, &level_end;
+VELMAR_2D_API VELMAR_2D_WITH_VECTORS extern std::vector<Handle>&level_beg, &level_end;
 /// A second pair of list heads for the caller; the library neither reads nor writes them.
-VELMAR_2D_API extern std::vector<Handle>&tmp_beg, &tmp_end;
+VELMAR_2D_API VELMAR_2D_WITH_VECTORS extern std::vector<Handle>&tmp_beg, &tmp_end;
 /// Lowest and highest stretch that holds nodes, kept by join_sublists(); -1 first where none does.
 VELMAR_2D_API extern std::array<std::int32_t, 2>& level_range;
-VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh
+VELMAR_2D_API extern std::int32_t& level_max;  ///< subdivision limit, -1 before the first mesh;
+                                               ///< changed by set_subdiv_max() alone
 VELMAR_2D_API extern std::int64_t& next_id;    ///< id of the next node created
 VELMAR_2D_API extern std::int32_t&
     nb_nodes;  ///< number of nodes; a mesh exists while it is above 0
@@ -85,6 +86,12 @@ VELMAR_2D_API extern double& dist_0;         ///< spacing of the grid of level 0
 VELMAR_2D_API extern double &grad_data, &grad2_data;  ///< scratch values for the caller
 /// Whether the data of new nodes are interpolated (true) or come from init_data_ptr (false).
 VELMAR_2D_API extern bool& data_interpolation;
+/// What becomes of data values where nodes come and go.
+VELMAR_2D_API extern Transfer& data_transfer;
+/// Called for each node that comes or goes.
+VELMAR_2D_API extern NodeHooks& node_hooks;
+/// Told how far an update has come. Throws to leave it.
+VELMAR_2D_API extern progress_function& progress_handler;
 /// What update_mesh_init() was given, and still there when it has returned: insertions of the
 /// caller's own ask it for the data of new nodes, until update_mesh_no_init() empties it. What it
 /// refers to must live as long, or be taken from here. What the library inserts on its own, while
@@ -109,12 +116,14 @@ VELMAR_2D_API extern Boundary *&west_boundary_dir, *&west_boundary_neu, *&west_b
 /// the height does not fit, the north side is moved, its records and `y_max` are updated, a warning
 /// is printed and RETURN awaited.
 /// Ends the process, after a message: a mesh exists, a record is missing, nx or ny is below 2, the
-/// rectangle is empty or its cells are lost in the rounding of its coordinates, subdiv_max is
-/// negative or absurd, bc_type is empty or selects no record.
+/// rectangle is empty or its cells are lost in the rounding of its coordinates, cells are below
+/// 1e-60 wide or coordinates beyond 1e60, subdiv_max is negative or deeper than positions can be
+/// told apart, bc_type is empty or selects no record.
 ///
 /// @param bc_type     kind of condition on each side, kept for later insertions on the sides
 /// @param nx, ny      number of nodes along x and y, at least 2
-/// @param subdiv_max  subdivision limit: the highest level that a node may have
+/// @param subdiv_max  subdivision limit: the highest level that a node may have; up to 60, and to
+///                    2 k where dist_0 / 2^k is still 64 roundings of the largest coordinate
 /// @param y_max       receives the upper y of the domain in use
 VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
                              std::int32_t subdiv_max, double& y_max);
@@ -123,8 +132,8 @@ VELMAR_2D_API void init_mesh(bc_type_function bc_type, std::int32_t nx, std::int
 ///
 /// First the derivatives of data[0] are computed at every node. Then stretches are walked upwards,
 /// inserting nodes where the wanted level 2 log2(dist_0 / size) exceeds a node's level, and
-/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. One call mostly
-/// reaches the wanted spacing from any mesh; a second one settles what is left.
+/// downwards, removing nodes whose level exceeds the wanted one by more than 1.05. Nodes may stay
+/// too coarse however often it is called, the more the faster sizes grow: see resolve_mesh_init().
 /// References to removed nodes are invalid afterwards; all others stay good.
 /// Ends the process if there is no mesh or a callback that is needed is empty.
 /// Cost: linear in the number of nodes.
@@ -185,7 +194,8 @@ VELMAR_2D_API void resolve_mesh_no_init_batched(const batch_size_function& size_
 /// Changes the subdivision limit. Lowering it removes every node that lies above it; the nodes that
 /// remain are coarsened around. Raising it changes no node.
 ///
-/// A limit below 0 removes every node. Ends the process if the limit is lowered without a mesh.
+/// A limit below 0 removes every node. Ends the process if the limit is lowered without a mesh, or
+/// raised above what init_mesh() takes.
 VELMAR_2D_API void set_subdiv_max(std::int32_t subdiv_max);
 
 /// The subdivision limit: level_max.
@@ -205,6 +215,8 @@ VELMAR_2D_API void delete_mesh();
 /// Derivatives of data[0] at one node, from its neighbours: stores the gradient norm in
 /// `grad_data` and the Frobenius norm of the Hessian in `grad2_data`.
 ///
+/// Ends the process where no stencil of nodes will do: on grids of 2 by n nodes, and above level
+/// 31, which counts spacings with 32-bit powers of two. A Mesh that is an object has no such level.
 /// Readers: any number of threads, also at neighbouring nodes.
 ///
 /// @param c           a node of the mesh; one without data counts as holding 0.0
@@ -270,6 +282,32 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
                                 std::int32_t& n);
 
 // ---------------------------------------------------------------------------------------------
+// Values anywhere. For many points at once, triangles, and values from one mesh to another:
+// mesh.hpp
+// ---------------------------------------------------------------------------------------------
+
+/// The node whose control cell holds a point: the nearest one. On a border between cells it is the
+/// one farthest to the east, and of those the one farthest to the north. nullptr outside the
+/// rectangle, for not-a-number, and where there is no mesh.
+/// Cost: some 20 ns where `start` is near, such as the node of the last point; without, the walk
+/// begins at the node of the first grid. Where links were broken by hand, all nodes are looked at.
+/// Readers: any number of threads.
+VELMAR_2D_API Cell* locate(double x, double y, const Cell* start = nullptr);
+
+/// One of the data values at a point; not-a-number where locate() finds no node. At a node it is
+/// the node's own. Ends the process where `value` is not below n_cell_data. Readers: any number of
+/// threads.
+VELMAR_2D_API double value_at(double x, double y, std::int32_t value = 0,
+                              Interpolation how = Interpolation::linear,
+                              const Cell* start = nullptr);
+
+/// The pieces into which the control cells cut the line from a to b, in its order: each ends where
+/// the next one begins. What lies outside the rectangle is left out; none where all of it does, or
+/// where a coordinate is not finite.
+/// Readers: any number of threads.
+VELMAR_2D_API void line_cut(Point a, Point b, std::vector<LinePiece>& pieces);
+
+// ---------------------------------------------------------------------------------------------
 // Checking the mesh
 // ---------------------------------------------------------------------------------------------
 
@@ -280,8 +318,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 ///     stretch       every node lies in the stretch of its ipos
 ///     count         nb_nodes is the number of nodes
 ///     id            1 to next_id - 1
-///     position      inside the domain, on the lattice, and ipos is that of the position; up to
-///                   level 37, fewer far from the origin, beyond which positions do not tell it
+///     position      inside the domain, on the lattice, and ipos is that of the position
 ///     unique        no two nodes at one position
 ///     level         0 to level_max
 ///     reserve       1 to 4
@@ -291,7 +328,7 @@ VELMAR_2D_API void cell_polygon(const Cell* c, std::array<Point, max_cell_corner
 ///     link_level    1 or 2; once the node has left level 0, the number of halves of the face
 ///     side          records are linked exactly on the sides; on_boundary is their number
 ///     signature     a signature that is set is that of the links
-///     area          an area that is cached is that of the control cell
+///     area          an area that is cached (not negative, not infinite) is that of the cell
 ///     domain_area   the control cells sum to the domain
 ///     closed_sides  the control cells along each side sum to its length
 ///

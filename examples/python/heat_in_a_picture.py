@@ -6,11 +6,11 @@ tells, and where the temperature bends, which only the solution tells; so it is 
 frame.
 
     python3 heat_in_a_picture.py                          two discs and a bar, written to heat.gif
-    python3 heat_in_a_picture.py photo.png -o photo.gif   any PNG file (MP4 needs ffmpeg)
+    python3 heat_in_a_picture.py photo.png -o photo.gif   any PNG file
 
 Prints a line for every tenth frame and ends with lines such as
 
-    frame 40: 5126 nodes, mean temperature 0.398
+    frame 40: 9892 nodes, mean temperature 0.379
     heat.gif: 40 frames
 """
 import argparse
@@ -61,13 +61,13 @@ def two_discs_and_a_bar(rows=240):
     return bright
 
 
-def wanted_spacing(plate, finest, coarsest, tolerance):
-    """A vectorised size function. It gets arrays, with all nodes of one stretch of the mesh."""
+def wanted_spacing(plate, finest, tolerance):
+    """A vectorised size function. It gets arrays, with all nodes of the mesh, then all new ones."""
 
     def size(x, y, data, grad, grad2):
         by_edges = finest + 0.25 * plate.at(plate.to_edge, x, y)
         by_curvature = np.sqrt(8.0 * tolerance / np.maximum(grad2, 1e-12))
-        return np.clip(np.minimum(by_edges, by_curvature), finest, coarsest)
+        return np.maximum(np.minimum(by_edges, by_curvature), finest)
 
     return size
 
@@ -101,9 +101,9 @@ def draw(mesh, ax, plate, frame):
 def main():
     parser = argparse.ArgumentParser(description="Heat that spreads through a picture.")
     parser.add_argument("picture", nargs="?", help="a PNG file; without it two discs and a bar")
-    parser.add_argument("-o", "--output", default="heat.gif", help="a .gif or .mp4 file")
+    parser.add_argument("-o", "--output", default="heat.gif", help="a .gif file")
     parser.add_argument("--frames", type=int, default=40)
-    parser.add_argument("--finest", type=float, default=0.005, help="finest spacing, height is 1")
+    parser.add_argument("--finest", type=float, default=0.006, help="finest spacing, height is 1")
     parser.add_argument("--dpi", type=int, default=110)
     options = parser.parse_args()
 
@@ -113,21 +113,19 @@ def main():
     else:
         plate = Plate(two_discs_and_a_bar())
 
-    size = wanted_spacing(plate, options.finest, coarsest=1.0 / 16.0, tolerance=2e-3)
+    size = wanted_spacing(plate, options.finest, tolerance=2e-3)
     figure, ax = pyplot.subplots(figsize=(6.0 * plate.width / 1.4, 4.6))
-    writer = (animation.PillowWriter if options.output.endswith(".gif") else
-              animation.FFMpegWriter)(fps=12)
+    writer = animation.PillowWriter(fps=12)
     sides = {"west": velmar_2d.DIRICHLET, "north": velmar_2d.NEUMANN, "east": velmar_2d.NEUMANN,
              "south": velmar_2d.NEUMANN}
     nx = 1 + round(16 * plate.width)
     with velmar_2d.Mesh((0.0, (nx - 1) / 16.0, 0.0, 1.0), nx=nx, ny=17, subdiv_max=12,
                         bc_type=sides) as mesh, \
             writer.saving(figure, options.output, dpi=options.dpi):
-        for _ in range(3):
-            mesh.update(size)                         # the picture alone: u is still 0
+        mesh.resolve(size)                            # the picture alone: u is still 0
         time_step = 0.002
         for frame in range(1, options.frames + 1):
-            mesh.update(size)                         # new nodes get interpolated temperatures
+            mesh.resolve(size, margin=0.5)            # new nodes get interpolated temperatures
             advance(mesh, plate, time_step)
             time_step *= 1.08                         # quick at first, slow in the end
             draw(mesh, ax, plate, frame)

@@ -21,16 +21,20 @@
 
 #include "velmar_2D/mesh.hpp"
 
-#if defined(VELMAR_2D_IO_SHARED)
-#define VELMAR_2D_IO_API __attribute__((visibility("default")))
-#else
+#if !defined(VELMAR_2D_IO_SHARED)
 #define VELMAR_2D_IO_API
+#elif defined(_WIN32) && defined(velmar_2d_io_EXPORTS)
+#define VELMAR_2D_IO_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define VELMAR_2D_IO_API __declspec(dllimport)
+#else
+#define VELMAR_2D_IO_API __attribute__((visibility("default")))
 #endif
 
 namespace velmar_2d::io {
 
 /// Pixels of a picture, row after row from the top left; each is 0xRRGGBB.
-struct Image {
+struct VELMAR_2D_WITH_VECTORS Image {
   int width = 0, height = 0;
   std::vector<std::uint32_t> pixels;
 
@@ -53,7 +57,14 @@ enum class CellColour {
   none,   ///< control cells are not drawn
   type,   ///< their shape: one colour for each type inside, greys on sides and at corners
   level,  ///< the level of their node
-  value,  ///< the first data value of their node, on a scale
+  value,  ///< a data value of their node, on a scale
+};
+
+/// Colours of levels and values.
+enum class Palette {
+  calm,     ///< from sand over teal and blue to violet, ever darker
+  grey,     ///< from pale to dark
+  two_way,  ///< from blue over white to red: for values around a middle
 };
 
 /// What a picture shows. The defaults make a picture of the whole mesh that explains itself.
@@ -67,6 +78,8 @@ struct PictureOptions {
   CellColour cells = CellColour::none;  ///< the control cells, below links and nodes
   /// Values at the ends of the colour scale; where they are equal, those that occur in the mesh.
   double lowest_value = 0.0, highest_value = 0.0;
+  std::size_t component = 0;  ///< which data value CellColour::value shows; 0: the first
+  Palette palette = Palette::calm;
   Background background = {};
 };
 
@@ -87,12 +100,17 @@ struct PictureOptions {
   return draw_mesh(default_mesh(), path, options);
 }
 
-/// Reads a PNG file of any kind; transparent parts become white.
+/// Reads a PNG file of any kind; transparent parts become white. Takes 8 bytes a pixel while it
+/// reads, and 4 afterwards.
 ///
-/// @param path   of the file
-/// @param image  receives the pixels; unchanged where the file cannot be read
-/// @return       nothing on success; otherwise one line: the path and the reason
-[[nodiscard]] VELMAR_2D_IO_API std::string read_png(const std::string& path, Image& image);
+/// @param path         of the file
+/// @param image        receives the pixels; unchanged where the file cannot be read
+/// @param most_pixels  a file that holds more is refused before they are read, since a few
+/// kilobytes
+///                     may hold gigabytes of one colour
+/// @return             nothing on success; otherwise one line: the path and the reason
+[[nodiscard]] VELMAR_2D_IO_API std::string read_png(const std::string& path, Image& image,
+                                                    std::int64_t most_pixels = 64'000'000);
 
 /// What spacing a picture asks for: wanted spacing in pixels, one value a pixel, rows from the top.
 ///
@@ -120,7 +138,7 @@ enum class VtuCells {
   control_cells,  ///< a polygon around each node; values belong to the cells
 };
 
-struct VtuOptions {
+struct VELMAR_2D_WITH_VECTORS VtuOptions {
   VtuCells cells = VtuCells::triangles;
   bool ascii = false;  ///< numbers as text, readable back to the last bit
   std::vector<std::string> data_names =

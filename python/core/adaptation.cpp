@@ -3,9 +3,11 @@
 #include <memory>
 #include <optional>
 
+#include "python/core/batched_hooks.hpp"
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
 #include "python/core/forecast.hpp"
+#include "python/core/prefetch.hpp"
 
 namespace velmar_2d::python {
 
@@ -118,6 +120,12 @@ class LetOthersRun {
 // Wanted spacings
 // ---------------------------------------------------------------------------------------------
 
+/// Leaves where Ctrl-C was pressed.
+void heed_signals() {
+  const py::gil_scoped_acquire python;
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
 /// The arrays that a vectorised size function gets. Their memory serves one batch after another, as
 /// long as the function keeps none of them.
 class SizeArguments {
@@ -154,14 +162,15 @@ class SizeArguments {
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
   void fill(Nodes nodes, bool has_data) {
-    constexpr std::size_t nodes_ahead = 16;
+    constexpr std::size_t nodes_ahead = 16, nodes_between_signals = std::size_t{1} << 20;
     double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
            *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
     for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if ((i + 1) % nodes_between_signals == 0) heed_signals();
       if (i + nodes_ahead < nodes.size()) {
         const Cell* soon = nodes[i + nodes_ahead];
-        __builtin_prefetch(soon);
-        if (has_data) __builtin_prefetch(&soon->grad_data);
+        prefetch(soon);
+        if (has_data) prefetch(&soon->grad_data);
       }
       const Cell& c = *nodes[i];
       *out_x++ = c.x;
@@ -192,6 +201,25 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 // Adapting
 // ---------------------------------------------------------------------------------------------
 
+/// While this lasts an update can be interrupted, and tells how far it has come.
+class ProgressAtHand {
+ public:
+  ProgressAtHand(Mesh& mesh, const py::object& progress) : mesh_(mesh) {
+    mesh.set_progress_handler([&progress](const Progress& p) {
+      heed_signals();
+      if (progress.is_none()) return;
+      const py::gil_scoped_acquire python;
+      progress(text(p.phase), p.done, p.known);
+    });
+  }
+  ~ProgressAtHand() { mesh_.set_progress_handler(nullptr); }
+  ProgressAtHand(const ProgressAtHand&) = delete;
+  ProgressAtHand& operator=(const ProgressAtHand&) = delete;
+
+ private:
+  Mesh& mesh_;
+};
+
 /// A batch is in the order of a walk upwards, from the first node of a stretch on, or downwards.
 bool is_refinement(const Mesh& mesh, Nodes nodes) {
   return nodes.front() == &*mesh.nodes(nodes.front()->ipos).begin();
@@ -199,7 +227,8 @@ bool is_refinement(const Mesh& mesh, Nodes nodes) {
 
 /// update(), and with a resolution resolve().
 void adapt(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-           bool init_vectorised, const py::object& kinds, bool kinds_vectorised,
+           bool init_vectorised, const py::tuple& hooks, const py::object& progress,
+           const py::object& kinds, bool kinds_vectorised,
            const std::optional<Resolution>& resolution) {
   const Changing changing(core, resolution ? "resolve" : "update");
   const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
@@ -224,8 +253,10 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
     };
   }
 
+  const ProgressAtHand progress_at_hand(mesh, progress);
+  BatchedHooks batched_hooks(mesh, hooks[0], hooks[1]);
   Forecast forecast(mesh, values.get(), kinds_at_hand.bulk_sides());
-  if (!vectorised && !forecast.has_readers()) {
+  if (!vectorised && !forecast.has_readers() && !batched_hooks.are_there()) {
     const size_function one = [&](double x, double y, std::span<const double> data, double grad,
                                   double grad2) {
       return ask_for_one(size, x, y, data, grad, grad2);
@@ -239,6 +270,7 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
   }
   SizeArguments arguments;
   const batch_size_function all = [&](Nodes nodes, std::span<double> sizes) {
+    batched_hooks.flush();
     if (vectorised) {
       const py::gil_scoped_acquire python;
       copy_values(arguments.call(size, nodes, mesh), "size", sizes);
@@ -265,6 +297,7 @@ void adapt(CoreMesh& core, const py::function& size, const py::object& init_data
   } else {
     interpolates ? mesh.update_batched(all) : mesh.update_batched(all, value_at);
   }
+  batched_hooks.flush();
 }
 
 }  // namespace
@@ -317,15 +350,18 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 }
 
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised, {});
+            bool init_vectorised, const py::tuple& hooks, const py::object& progress,
+            const py::object& kinds, bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, progress, kinds,
+        kinds_vectorised, {});
 }
 
 void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
              std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
-             const py::object& kinds, bool kinds_vectorised) {
-  adapt(core, size, init_data, vectorised, init_vectorised, kinds, kinds_vectorised,
-        Resolution{margin, most_nodes, slope});
+             const py::tuple& hooks, const py::object& progress, const py::object& kinds,
+             bool kinds_vectorised) {
+  adapt(core, size, init_data, vectorised, init_vectorised, hooks, progress, kinds,
+        kinds_vectorised, Resolution{margin, most_nodes, slope});
 }
 
 }  // namespace velmar_2d::python

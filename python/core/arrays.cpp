@@ -1,9 +1,6 @@
 // The mesh as numpy arrays: node i is the i-th of the node list.
 #include "python/core/core.hpp"
-
-#if defined(VELMAR_2D_PYTHON_IO)
-#include "io/triangulation.hpp"
-#endif
+#include "python/core/prefetch.hpp"
 
 namespace velmar_2d::python {
 
@@ -33,7 +30,7 @@ class Filling {
 void request_neighbours(const std::vector<Cell*>& nodes, std::size_t soon) {
   if (soon >= nodes.size()) return;
   for (const auto member : links) {
-    if (const Cell* there = (nodes[soon]->*member).cell()) __builtin_prefetch(&there->used);
+    if (const Cell* there = (nodes[soon]->*member).cell()) prefetch(&there->used);
   }
 }
 constexpr std::size_t nodes_ahead = 6;
@@ -188,16 +185,14 @@ py::list findings(CoreMesh& core) {
   return list;
 }
 
-#if defined(VELMAR_2D_PYTHON_IO)
 py::array_t<std::int32_t> triangles(CoreMesh& core) {
   const Busy busy(core, "reading triangles");
-  const io::Triangulation found = io::triangulation_of(*core.mesh);
+  const Triangulation found = core.mesh->triangulation();
   auto array = table<std::int32_t>(found.triangles.size(), 3);
   std::int32_t* out = array.mutable_data();
   for (const auto& triangle : found.triangles) out = std::copy_n(triangle.begin(), 3, out);
   return array;
 }
-#endif
 
 }  // namespace
 
@@ -235,9 +230,7 @@ void define_arrays(py::class_<CoreMesh>& mesh) {
   mesh.def("faces", faces);
   mesh.def("polygons", polygons);
   mesh.def("findings", findings);
-#if defined(VELMAR_2D_PYTHON_IO)
   mesh.def("triangles", triangles);
-#endif
 }
 
 }  // namespace velmar_2d::python

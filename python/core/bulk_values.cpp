@@ -3,6 +3,8 @@
 #include <bit>
 #include <cmath>
 
+#include "python/core/prefetch.hpp"
+
 namespace velmar_2d::python {
 
 namespace {
@@ -74,7 +76,7 @@ void BulkValues::evaluate() {
     constexpr std::size_t numbers_ahead = 2 * 12;
     for (std::size_t i = 0; i < noted_.size(); i += 2) {
       if (const std::size_t ahead = i + numbers_ahead; ahead < noted_.size()) {
-        __builtin_prefetch(&slots_[slot_of(noted_[ahead], noted_[ahead + 1])]);
+        prefetch(&slots_[slot_of(noted_[ahead], noted_[ahead + 1])]);
       }
       index_of(noted_[i], noted_[i + 1]);
     }

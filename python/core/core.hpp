@@ -107,16 +107,19 @@ void copy_kinds(const py::object& result, std::string_view callable, std::span<d
 /// A numpy array of its own with these values.
 py::array_t<double> to_array(std::span<const double> values);
 
-/// `kinds`, here and below: a tuple of four, or the function bc_type.
+/// `kinds`, here and below: a tuple of four, or the function bc_type. `hooks`: a pair of functions
+/// or None, see batched_hooks.hpp. `progress`: None, or a function that is told of progress.
 std::unique_ptr<CoreMesh> make_mesh(const std::array<double, 4>& rectangle, std::int32_t nx,
                                     std::int32_t ny, std::int32_t subdiv_max,
                                     std::int32_t n_cell_data, const py::object& kinds,
                                     bool kinds_vectorised);
 void update(CoreMesh& core, const py::function& size, const py::object& init_data, bool vectorised,
-            bool init_vectorised, const py::object& kinds, bool kinds_vectorised);
+            bool init_vectorised, const py::tuple& hooks, const py::object& progress,
+            const py::object& kinds, bool kinds_vectorised);
 void resolve(CoreMesh& core, const py::function& size, const py::object& init_data, double margin,
              std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
-             const py::object& kinds, bool kinds_vectorised);
+             const py::tuple& hooks, const py::object& progress, const py::object& kinds,
+             bool kinds_vectorised);
 void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
                     bool kinds_vectorised);
 
@@ -125,6 +128,12 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
 // ---------------------------------------------------------------------------------------------
 
 void define_arrays(py::class_<CoreMesh>& mesh);
+
+// ---------------------------------------------------------------------------------------------
+// Places (places.cpp)
+// ---------------------------------------------------------------------------------------------
+
+void define_places(py::class_<CoreMesh>& mesh);
 
 // ---------------------------------------------------------------------------------------------
 // Copies and files (saving.cpp)

@@ -9,6 +9,7 @@
 
 #include "python/core/bulk_values.hpp"
 #include "python/core/core.hpp"
+#include "python/core/prefetch.hpp"
 
 namespace velmar_2d::python {
 
@@ -38,7 +39,7 @@ class Forecast {
     find_concerned(nodes, sizes);
     for (std::size_t i = 0; i < concerned_.size(); ++i) {
       if (const std::size_t ahead = i + 2 * nodes_ahead; ahead < concerned_.size()) {
-        __builtin_prefetch(&concerned_[ahead].node->n);
+        prefetch(&concerned_[ahead].node->n);
       }
       if (const std::size_t ahead = i + nodes_ahead; ahead < concerned_.size()) {
         request_neighbours(*concerned_[ahead].node);
@@ -53,7 +54,7 @@ class Forecast {
     std::int32_t highest = 0;
     concerned_.clear();
     for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
+      if (i + 2 * nodes_ahead < nodes.size()) prefetch(nodes[i + 2 * nodes_ahead]);
       const std::int32_t level = wanted_level(*nodes[i], sizes[i]);
       if (level <= nodes[i]->level) continue;
       concerned_.push_back({nodes[i], sizes[i]});
@@ -139,7 +140,7 @@ class Forecast {
   void find_concerned(Nodes nodes, std::span<const double> sizes) {
     concerned_.clear();
     for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (i + 2 * nodes_ahead < nodes.size()) __builtin_prefetch(nodes[i + 2 * nodes_ahead]);
+      if (i + 2 * nodes_ahead < nodes.size()) prefetch(nodes[i + 2 * nodes_ahead]);
       const Cell& c = *nodes[i];
       if (c.level >= limit_) continue;
       if (too_coarse(c, sizes[i]) || c.reserve != 4 || may_complete_half_figure(c)) {
@@ -152,8 +153,8 @@ class Forecast {
   static void request_neighbours(const Cell& c) {
     for (const auto link : links) {
       if (const Cell* there = (c.*link).cell()) {
-        __builtin_prefetch(there);
-        __builtin_prefetch(&there->n);
+        prefetch(there);
+        prefetch(&there->n);
       }
     }
   }

@@ -73,10 +73,19 @@ PYBIND11_MODULE(_core, m) {
   mesh.def("delete", &CoreMesh::remove);
   mesh.def("is_alive", &CoreMesh::is_alive);
   mesh.def("update", update, py::arg("size"), py::arg("init_data"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"));
+           py::arg("init_vectorised"), py::arg("hooks"), py::arg("progress"), py::arg("kinds"),
+           py::arg("kinds_vectorised"));
   mesh.def("resolve", resolve, py::arg("size"), py::arg("init_data"), py::arg("margin"),
            py::arg("most_nodes"), py::arg("slope"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"));
+           py::arg("init_vectorised"), py::arg("hooks"), py::arg("progress"), py::arg("kinds"),
+           py::arg("kinds_vectorised"));
+  mesh.def("transfer", [](const CoreMesh& core) {
+    return static_cast<std::int32_t>(core.readable().transfer());
+  });
+  mesh.def("set_transfer", [](CoreMesh& core, std::int32_t transfer) {
+    const Busy busy(core, "transfer");
+    core.mesh->set_transfer(static_cast<Transfer>(transfer));
+  });
   mesh.def("set_subdiv_max", set_subdiv_max, py::arg("limit"), py::arg("kinds"),
            py::arg("kinds_vectorised"));
   mesh.def("subdiv_max", [](const CoreMesh& core) { return core.readable().limit(); });
@@ -95,6 +104,7 @@ PYBIND11_MODULE(_core, m) {
   m.attr("has_io") = false;
 #endif
   define_arrays(mesh);
+  define_places(mesh);
   define_saving(m, mesh);
 }
 

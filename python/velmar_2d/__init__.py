@@ -7,7 +7,7 @@
         return 0.005 + 0.1 * np.abs(np.hypot(x - 0.5, y - 0.5) - 0.3)
 
     with velmar_2d.Mesh(rectangle=(0, 1, 0, 1), nx=17, subdiv_max=10) as mesh:
-        mesh.update(size)
+        mesh.resolve(size)
         print(len(mesh), mesh.nodes.positions, mesh.nodes.links)
 
 Any number of meshes live side by side. Warnings of the library go to the logger "velmar_2d",
@@ -17,13 +17,14 @@ from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
 from .mesh import Finding, Mesh, UpdateStatistics
 from .nodes import Faces, Nodes, Polygons
+from .places import LineCut
 from .saving import SavedMesh, load_arrays, save_meshes, saved_meshes
 
 __version__ = _version()
 
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
-    "Faces", "Finding", "Mesh", "MeshError", "Nodes", "Polygons", "SavedMesh",
+    "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "SavedMesh",
     "UpdateStatistics", "kind_of", "load_arrays", "save_meshes", "saved_meshes", "side_code",
     "side_of",
 ]

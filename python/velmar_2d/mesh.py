@@ -14,12 +14,15 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core, links
 from .matrices import laplacian
 from .nodes import Nodes
+from .places import LineCut, as_places, one_value, pixels
 from .plotting import plot
+from .progress import Progress, shown
 from .saving import own_arrays, readable, require_hdf5
 
 if TYPE_CHECKING:
     from typing_extensions import Self
 
+_TRANSFERS = ("first", "all", "conservative")
 _MOST_NODES = 2**31 - 1  # which links as indices can tell apart
 
 
@@ -183,8 +186,27 @@ class Mesh:
     # Adapting
     # ---------------------------------------------------------------------------------------------
 
+    @property
+    def transfer(self) -> str:
+        """What becomes of data values where nodes come and go.
+
+        "first"         data[:, 0] of new nodes is the mean of their parents, the others are 0.0
+        "all"           every value is such a mean
+        "conservative"  the sum of area times value stays what it is, for every value
+        """
+        return _TRANSFERS[self._core.transfer()]
+
+    @transfer.setter
+    def transfer(self, transfer: str) -> None:
+        if transfer not in _TRANSFERS:
+            raise ValueError(f"transfer is {transfer!r}; it must be one of {_TRANSFERS}")
+        self._core.set_transfer(_TRANSFERS.index(transfer))
+
     def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
-               *, vectorised: bool = True, init_vectorised: bool | None = None) -> UpdateStatistics:
+               *, vectorised: bool = True, init_vectorised: bool | None = None,
+               inserted: Callable[..., Any] | None = None,
+               removing: Callable[..., Any] | None = None,
+               progress: bool | Progress = False) -> UpdateStatistics:
         """Adapts the mesh to a wanted spacing.
 
         size(x, y, data, grad, grad2) is asked at nodes for the spacing wanted there, with their
@@ -197,18 +219,34 @@ class Mesh:
         asked ahead for places where nodes are about to be inserted, and again for those that were
         not foreseen: it must depend on the place alone. Without it data[0] is interpolated.
 
+        inserted(x, y, data, parents) is told of nodes that have come, many at once: data of shape
+        (n, k) is theirs and may be written; parents of shape (n, 4, k) holds the values of the
+        nodes around, NaN where there are fewer. removing(x, y, data, around, rows) is told of nodes
+        that go: data is theirs, around of shape (m, k) holds the values of the nodes that stay
+        beside them and may be written, rows of shape (n, 8) tells which of those they are, -1 where
+        there are fewer. Neither must use the mesh.
+
+        progress shows how far the update is, with tqdm where that is installed, or is called as
+        progress(phase, nodes_done, nodes_known), ten times a second at most. Ctrl-C and what it
+        raises leave the update.
+
         Both ways lead to the same mesh; the vectorised one is many times faster. An exception of a
         callable leaves the mesh whole, with part of the update done.
         """
-        self._core.update(*_callables(size, init_data, vectorised, init_vectorised), *self._kinds)
+        with shown(progress) as told:
+            self._core.update(*_callables(size, init_data, vectorised, init_vectorised),
+                              _hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                 margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
-                vectorised: bool = True, init_vectorised: bool | None = None) -> UpdateStatistics:
+                vectorised: bool = True, init_vectorised: bool | None = None,
+                inserted: Callable[..., Any] | None = None,
+                removing: Callable[..., Any] | None = None,
+                progress: bool | Progress = False) -> UpdateStatistics:
         """Adapts the mesh until no node is coarser than wanted, with as few nodes as that takes.
 
-        size and init_data are those of update(), and so is what they get; but size is asked once
+        The functions are those of update(), and so is what they get; but size is asked once
         for all nodes together, and once for each generation of new nodes. A second call with the
         same sizes changes nothing, not even the revision. What is finer than the limit of
         subdivision allows is not reached, and what lies between nodes and shows at none of them is
@@ -225,8 +263,9 @@ class Mesh:
         if most_nodes is not None and operator.index(most_nodes) < 1:
             raise ValueError(f"most_nodes is {most_nodes}; it must be above 0")
         size, init_data, *ways = _callables(size, init_data, vectorised, init_vectorised)
-        self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
-                           *self._kinds)
+        with shown(progress) as told:
+            self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
+                               _hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     @property
@@ -237,6 +276,62 @@ class Mesh:
     def gradient(self) -> NDArray[np.float64]:
         """(n, 2): the gradient of data[:, 0] at every node; nodes.grad and nodes.grad2 follow."""
         return np.stack(self._core.gradient(), axis=1)
+
+    # ---------------------------------------------------------------------------------------------
+    # Values anywhere
+    # ---------------------------------------------------------------------------------------------
+
+    def locate(self, x: ArrayLike, y: ArrayLike) -> Any:
+        """Indices of the nodes whose control cells hold places; -1 outside the rectangle.
+
+        That is the nearest node; on a border the one farthest to the east, and of those the one
+        farthest to the north. The result has the shape of x and y. Places in any order; quickest
+        where each lies near the one before.
+        """
+        places, shape = as_places(x, y)
+        return self._core.locate(places).reshape(shape)[()]
+
+    def value_at(self, x: ArrayLike, y: ArrayLike, how: str = "linear",
+                 value: int | None = 0) -> Any:
+        """Data at places, in the shape of x and y; not-a-number outside the rectangle.
+
+        how    "constant" in each control cell; "linear" on the triangles between the nodes;
+               "gradient": with a gradient at each node, from least squares over its links
+        value  which of the data; None: all, along one axis more
+        """
+        places, shape = as_places(x, y)
+        return one_value(self._core.values_at(places, how), value, shape)
+
+    def sample(self, nx: int, ny: int | None = None, how: str = "linear",
+               value: int | None = 0) -> NDArray[np.float64]:
+        """Data as an image of ny rows and nx columns, at the centres of its pixels.
+
+        The first row is the southernmost: pyplot.imshow(image, origin="lower",
+        extent=mesh.rectangle). Without ny the pixels are squares, as nearly as they can be.
+        """
+        x, y = pixels(self.rectangle, operator.index(nx), None if ny is None else operator.index(ny))
+        image: NDArray[np.float64] = self.value_at(x, y[:, np.newaxis], how, value)
+        return image
+
+    def line_cut(self, start: ArrayLike, end: ArrayLike) -> LineCut:
+        """The pieces into which the control cells cut the line from start to end, (x, y) each.
+
+        What lies outside the rectangle is left out.
+        """
+        ends = np.stack([np.asarray(start, dtype=np.float64), np.asarray(end, dtype=np.float64)])
+        indices, rows = self._core.line_cut(ends)
+        return LineCut(indices, rows[:, 0], rows[:, 1], rows[:, 2:4], rows[:, 4:6],
+                       self.nodes.data[indices])
+
+    def transfer_from(self, other: Mesh, conservative: bool = False, how: str = "linear") -> int:
+        """Gives the nodes the data of another mesh, and returns how many nodes got any.
+
+        Plain: what other.value_at() gives at each node. Conservative: the mean over each control
+        cell, so that the sum of area times value over what both rectangles share is the same.
+        Nodes beyond the rectangle of the other mesh keep their data, and so do columns that only
+        one of the two has; the mean of a cell that reaches beyond is that of the part inside.
+        """
+        return self._core.transfer_from(other._core, conservative, how)
 
     # ---------------------------------------------------------------------------------------------
     # Saving
@@ -311,16 +406,23 @@ class Mesh:
         self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
-             colorbar: bool = True, cmap: Any = None, **style: Any) -> Any:
+             component: int = 0, colorbar: bool = True, ticks: Sequence[float] | None = None,
+             cmap: Any = None, **style: Any) -> Any:
         """Draws the mesh with matplotlib and returns the Axes.
 
-        what      "links" between nodes, control "cells", or a "field" that is linear on triangles
-        colour    "level", "value" for data[:, 0], or an array with a number for each node;
-                  links and cells also take a colour of matplotlib, such as "black"
-        style     goes to the collection that is drawn (linewidths, vmin, vmax, alpha ...)
+        what       "links" between nodes, control "cells", or a "field" that is linear on triangles
+        colour     "level", "value" for data[:, component], or an array with a number for each node;
+                   links and cells also take a colour of matplotlib, such as "black"
+        ax         the Axes to draw on; without, those of a new figure
+        component  which data value "value" is
+        colorbar   whether a colour bar tells the numbers. Axes have one at most: drawn on again, as
+                   in an animation, they show what was drawn last in the same bar
+        ticks      where the colour bar has ticks; without, matplotlib chooses, whole ones for levels
+        cmap       palette of matplotlib, such as "magma"
+        style      goes to the collection that is drawn (linewidths, vmin, vmax, alpha ...)
         """
-        return plot(self.nodes, self.rectangle, what, colour, ax=ax, colorbar=colorbar, cmap=cmap,
-                    **style)
+        return plot(self.nodes, self.rectangle, what, colour, ax=ax, component=component,
+                    colorbar=colorbar, ticks=ticks, cmap=cmap, **style)
 
     def to_scipy_laplacian(self, conductivity: Any = None, *, per_area: bool = True) -> Any:
         """The Laplacian of finite volumes on the control cells, as a scipy.sparse.csr_matrix.
@@ -350,6 +452,14 @@ def _callables(size: Callable[..., Any] | float, init_data: Callable[..., Any] |
         if not callable(function) and not (function is None and name == "init_data"):
             raise TypeError(f"{name} must be callable, not {type(function).__name__}")
     return size, init_data, vectorised, init_vectorised
+
+
+def _hooks(inserted: Callable[..., Any] | None, removing: Callable[..., Any] | None,
+           ) -> tuple[Callable[..., Any] | None, Callable[..., Any] | None]:
+    for name, function in (("inserted", inserted), ("removing", removing)):
+        if function is not None and not callable(function):
+            raise TypeError(f"{name} must be callable, not {type(function).__name__}")
+    return inserted, removing
 
 
 def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, float]:

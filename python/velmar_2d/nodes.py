@@ -142,8 +142,6 @@ class Nodes:
     @property
     def triangles(self) -> Ints:
         """(m, 3): indices of the corners, anticlockwise; the triangles fill the domain."""
-        if not _core.has_io:
-            raise _core.MeshError("velmar_2d was built without pugixml: no triangles")
         return self._field("triangles", self._core.triangles)
 
     # ---------------------------------------------------------------------------------------------

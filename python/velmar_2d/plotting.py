@@ -5,12 +5,11 @@ from typing import Any
 
 import numpy as np
 
-from . import _core
 from .nodes import Nodes
 
 
 def plot(nodes: Nodes, rectangle: tuple[float, float, float, float], what: str, colour: Any, *,
-         ax: Any, colorbar: bool, cmap: Any, **style: Any) -> Any:
+         ax: Any, component: int, colorbar: bool, ticks: Any, cmap: Any, **style: Any) -> Any:
     """See Mesh.plot()."""
     draw = {"links": _links, "cells": _cells, "field": _field}.get(what)
     if draw is None:
@@ -19,7 +18,7 @@ def plot(nodes: Nodes, rectangle: tuple[float, float, float, float], what: str, 
         from matplotlib import pyplot
     except ImportError as error:
         raise ImportError("plot() needs matplotlib (Debian: python3-matplotlib)") from error
-    values, label = _colours(nodes, colour)
+    values, label = _colours(nodes, colour, component)
     if values is None and what == "field":
         raise ValueError(f"a field cannot be drawn in the one colour {colour!r}; give values")
     if ax is None:
@@ -32,19 +31,40 @@ def plot(nodes: Nodes, rectangle: tuple[float, float, float, float], what: str, 
     ax.set_ylim(south, north)
     ax.set_aspect("equal")
     if colorbar and values is not None:
-        ax.figure.colorbar(drawn, ax=ax, label=label)
+        _show_colorbar(ax, drawn, label, ticks)
     return ax
 
 
-def _colours(nodes: Nodes, colour: Any) -> tuple[Any, str]:
+def _show_colorbar(ax: Any, drawn: Any, label: str, ticks: Any) -> None:
+    """Shows what was drawn in the colour bar of these Axes; makes it the first time."""
+    bar = getattr(ax, "_velmar_2d_colorbar", None)
+    if bar is None or bar.ax not in ax.figure.axes:
+        bar = ax._velmar_2d_colorbar = ax.figure.colorbar(drawn, ax=ax)
+    else:
+        drawn.autoscale_None()
+        bar.update_normal(drawn)
+    bar.set_label(label)
+    if ticks is not None:
+        bar.set_ticks(ticks)
+    elif label == "level":
+        from matplotlib.ticker import MaxNLocator
+        bar.locator = MaxNLocator(integer=True)
+        bar.update_ticks()
+
+
+def _colours(nodes: Nodes, colour: Any, component: int) -> tuple[Any, str]:
     """One number for each node and what they are; or None, where there is one colour for all."""
     if isinstance(colour, str):
         if colour == "level":
             return nodes.levels, "level"
         if colour == "value":
-            if nodes.data.shape[1] == 0:
+            n_cell_data = nodes.data.shape[1]
+            if n_cell_data == 0:
                 raise ValueError("the nodes have no data values to draw (n_cell_data is 0)")
-            return nodes.data[:, 0], "value"
+            if not 0 <= component < n_cell_data:
+                raise ValueError(f"component is {component}; the nodes have {n_cell_data} data "
+                                 f"values, 0 to {n_cell_data - 1}")
+            return nodes.data[:, component], f"value {component}" if component > 0 else "value"
         return None, ""
     if colour is None or (isinstance(colour, tuple) and len(colour) in (3, 4) != len(nodes)):
         return None, ""
@@ -96,5 +116,4 @@ def _cells(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any
 def _field(nodes: Nodes, values: Any, colour: Any, ax: Any, style: dict[str, Any]) -> Any:
     from matplotlib.tri import Triangulation
     style.setdefault("shading", "gouraud")
-    triangles = nodes.triangles if _core.has_io else None
-    return ax.tripcolor(Triangulation(nodes.x, nodes.y, triangles), values, **style)
+    return ax.tripcolor(Triangulation(nodes.x, nodes.y, nodes.triangles), values, **style)

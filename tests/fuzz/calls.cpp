@@ -104,6 +104,8 @@ class Run {
   void call() {
     if (call_ >= first_of_objects) {
       call_object(objects_[static_cast<std::size_t>(call_ % 2)]);
+    } else if (call_ >= first_of_resolves && call_ < end_of_resolves) {
+      resolve_default_mesh();
     } else if (call_ >= first_of_readers) {
       read_in_threads(default_mesh());
     } else if (call_ >= first_of_batches) {
@@ -132,6 +134,41 @@ class Run {
       case 13: remove(); break;
       case 14: read(); break;
       default: end_or_hinder();
+    }
+  }
+
+  void resolve_default_mesh() {
+    const size_function wanted = size(default_mesh());
+    const Resolution how = resolution();
+    switch (call_ % 4) {
+      case 0: resolve_mesh_no_init(wanted, how); break;
+      case 1: resolve_mesh_init(wanted, data(), how); break;
+      case 2: resolve_mesh_no_init_batched(in_batches(wanted), how); break;
+      default: resolve_mesh_init_batched(in_batches(wanted), data(), how);
+    }
+    constexpr std::int32_t deepest_told = 30;
+    if (regular_ && tame_ && level_max <= deepest_told) check_wants(default_mesh(), wanted);
+  }
+
+  Resolution resolution() {
+    constexpr std::array<double, 8> margins = {0.0, 0.0, 0.0, 0.5, 1.5, 1e9, -1.0, no_number};
+    constexpr std::array<double, 8> slopes = {0.0, 0.0, 0.0, 0.0, 0.2, 1.0, infinity, -0.5};
+    constexpr std::array<std::int64_t, 8> numbers = {0, 0, 0, 0, 1, 60, 5000, -3};
+    return {bytes_.one_of(margins), bytes_.one_of(numbers), bytes_.one_of(slopes)};
+  }
+
+  /// No node is coarser than wanted. Sizes that follow data are left out: derivatives change with
+  /// the mesh.
+  void check_wants(const Mesh& mesh, const size_function& wanted) {
+    if (size_kind_ == 5 || !batches_are_written_) return;
+    countdown_ = 0;
+    for (const Cell& c : mesh.nodes()) {
+      const double h = wanted(c.x, c.y, {}, 0.0, 0.0);
+      if (!(h >= 0.0)) continue;
+      const double level = 2.0 * std::log2(mesh.dist_0() / h) - 1e-6;
+      if (c.level < std::min<double>(level, std::min(mesh.limit(), 62))) {
+        fault_ = "a node is coarser than wanted\n";
+      }
     }
   }
 
@@ -185,6 +222,10 @@ class Run {
   /// Callbacks throw when the countdown that they share ends; updates must end some time.
   void count_down() {
     if (--countdown_ == 0) throw Thrown("callback");
+    if (countdown_ == 3 && std::exchange(intrude_, false) && nb_nodes > 0 &&
+        call_ < first_of_objects) {
+      call_ % 2 == 0 ? delete_mesh() : set_subdiv_max(level_max > 2 ? 1 : 9);
+    }
   }
   void set_countdown() {
     constexpr std::array<int, 8> counts = {1, 2, 3, 7, 20, 100, 2000, 2000};
@@ -223,7 +264,8 @@ class Run {
 
   size_function size(const Mesh& mesh) {
     set_countdown();
-    const std::int32_t kind = bytes_.below(12);
+    const std::int32_t kind = size_kind_ = bytes_.below(12);
+    batches_are_written_ = true;
     const double a = bytes_.next() / 255.0, b = bytes_.next() / 255.0;
     const double finest = std::exp2(-bytes_.below(24) / 2.0), radius = bytes_.next() / 255.0;
     if (kind == 11) return nullptr;
@@ -250,7 +292,8 @@ class Run {
   /// Sometimes some are not written.
   batch_size_function in_batches(const size_function& size) {
     if (!size) return nullptr;
-    const std::size_t written = bytes_.below(4) == 0 ? 10 : std::numeric_limits<std::size_t>::max();
+    batches_are_written_ = bytes_.below(4) != 0;
+    const std::size_t written = batches_are_written_ ? std::numeric_limits<std::size_t>::max() : 10;
     return [size, written](std::span<const Cell* const> nodes, std::span<double> sizes) {
       for (std::size_t i = 0; i < std::min(nodes.size(), written); ++i) {
         const Cell& c = *nodes[i];
@@ -333,7 +376,8 @@ class Run {
 
   void call_object(Object& object) {
     current_ = &object;
-    const std::int32_t kind = bytes_.below(10);
+    const std::int32_t byte = bytes_.next();
+    const std::int32_t kind = byte >= first_of_object_resolves ? 10 + byte % 2 : byte % 10;
     if (kind == 0 || !object.mesh) return make_object(object);
     Mesh& mesh = *object.mesh;
     switch (kind) {
@@ -345,8 +389,25 @@ class Run {
       case 6: change_node(mesh); break;
       case 7: read_in_threads(mesh); break;
       case 8: bytes_.below(2) == 0 ? mesh.split_sublists() : mesh.join_sublists(); break;
+      case 10: resolve_object(mesh); break;
+      case 11: resolve_object_in_batches(mesh); break;
       default: end_or_move(object);
     }
+  }
+
+  void resolve_object(Mesh& mesh) {
+    const size_function wanted = size(mesh);
+    const Resolution how = resolution();
+    bytes_.below(2) == 0 ? mesh.resolve(wanted, how) : mesh.resolve(wanted, data(), how);
+    check_wants(mesh, wanted);
+  }
+  void resolve_object_in_batches(Mesh& mesh) {
+    const size_function wanted = size(mesh);
+    const Resolution how = resolution();
+    const batch_size_function sizes = in_batches(wanted);
+    bytes_.below(2) == 0 ? mesh.resolve_batched(sizes, how)
+                         : mesh.resolve_batched(sizes, data(), how);
+    check_wants(mesh, wanted);
   }
 
   std::int32_t small_limit() { return bytes_.below(14) - 1; }
@@ -428,7 +489,13 @@ class Run {
   }
 
   void end_or_hinder() {
-    switch (bytes_.below(4)) {
+    const std::int32_t byte = bytes_.next();
+    if (byte >= 248) {
+      intrude_ = byte < 252;
+      if (!intrude_) write_limit();
+      return;
+    }
+    switch (byte % 4) {
       case 0: delete_mesh(); break;
       case 1:
         message_handler = pause_handler = [](std::string_view) { throw Thrown("message"); };
@@ -436,6 +503,19 @@ class Run {
         break;
       case 2: bc_type_ptr = nullptr; break;
       default: data_interpolation = !data_interpolation;
+    }
+  }
+
+  /// Found out by the next call, unless it fits the level arrays.
+  void write_limit() {
+    const std::int32_t before = std::exchange(level_max, limit());
+    try {
+      update_mesh_no_init(size(default_mesh()));
+    } catch (const Thrown& thrown) {
+      if (std::string_view(thrown.what()).find("'level_max' is") != std::string_view::npos) {
+        level_max = before;
+      }
+      throw;
     }
   }
 
@@ -491,7 +571,9 @@ class Run {
   }
 
   /// Calls from these bytes on; those before are of the default mesh, by their lowest four bits.
-  static constexpr int first_of_batches = 224, first_of_readers = 230, first_of_objects = 232;
+  static constexpr int first_of_resolves = 208, end_of_resolves = 224, first_of_batches = 224,
+                       first_of_readers = 230, first_of_objects = 232,
+                       first_of_object_resolves = 230;
   static constexpr std::array<std::string_view, 4> bad_ends = {
       "internal error", "cannot be removed", "belongs to level", "insert_node_odd on_boundary"};
   static constexpr std::array<double, 8> origins = {0.0,  -1.0, 10.0,      1000.0,
@@ -505,10 +587,13 @@ class Run {
   const Object* current_ = nullptr;  ///< that was called last
   std::string fault_;
   int call_ = 0, countdown_ = 0;
-  bool regular_ = true;         ///< the caller did nothing that breaks the geometry
-  bool tame_ = false;           ///< positions can be told apart well
-  bool big_enough_ = false;     ///< for derivatives
-  bool values_differ_ = false;  ///< in number: n_cell_data is the caller's to change
+  int size_kind_ = 0;                ///< of the last size function
+  bool batches_are_written_ = true;  ///< by the last one in batches, or there is none
+  bool intrude_ = false;             ///< a callback changes the default mesh
+  bool regular_ = true;              ///< the caller did nothing that breaks the geometry
+  bool tame_ = false;                ///< positions can be told apart well
+  bool big_enough_ = false;          ///< for derivatives
+  bool values_differ_ = false;       ///< in number: n_cell_data is the caller's to change
 };
 
 }  // namespace

@@ -16,13 +16,21 @@ if [ "$(id -u)" -ne 0 ]; then
   [ -n "${FAKEROOTKEY:-}" ] || exec fakeroot "$0" "$@"
 fi
 
-rm -rf "$root" "$build/packages"
-cpack --config "$build/CPackConfig.cmake" -B "$build/packages" >"$build/packages.log" 2>&1 ||
-  { cat "$build/packages.log"; fail "no packages were made"; }
+rm -rf "$root" "$build/packages" "$build/packages_again"
+for folder in packages packages_again; do
+  cpack --config "$build/CPackConfig.cmake" -B "$build/$folder" >"$build/packages.log" 2>&1 ||
+    { cat "$build/packages.log"; fail "no packages were made"; }
+done
 cd "$build/packages"
+# The same sources give the same packages, whenever and wherever they are built.
+for package in *.deb; do
+  cmp "$package" "../packages_again/$package" || fail "$package is another one every time"
+done
 names=$(for package in *.deb; do dpkg-deb -f "$package" Package; done)
 number=$(echo "$names" | wc -l)
 [ "$number" -eq $((6 + ${python:+1}+0)) ] || fail "packages: $names"
+lintian --allow-root --fail-on error,warning ./*.deb ||
+  fail "lintian complains"
 
 # dpkg knows what is installed on this machine, so that it refuses a package whose dependencies do
 # not exist.
@@ -43,7 +51,9 @@ install() {
 
 # The program needs the libraries, and nothing that is for developers.
 install libvelmar-2d[0-9]*.deb libvelmar-2d-io*.deb velmar-2d-tools*.deb
-[ "$(wc -l <"$root/ldconfig.log")" -eq 2 ] || fail "ldconfig is called for other than two libraries"
+[ ! -e "$root/ldconfig.log" ] || fail "a package calls ldconfig itself"
+[ "$(cat "$root"/var/lib/dpkg/info/*.triggers)" = "$(yes activate-noawait ldconfig | head -n 2)" ] ||
+  fail "ldconfig is triggered for other than two libraries"
 libraries=$(dirname "$(find "$root/usr/lib" -name 'libvelmar_2d.so.*' -type f)")
 LD_LIBRARY_PATH=$libraries "$root/usr/bin/velmar_2d" stats 0.05 | grep -q '^nodes: ' ||
   fail "the program does not run"
@@ -58,9 +68,10 @@ if [ -n "$python" ]; then
     { tail -n 20 "$build/dpkg.log"; fail "the program cannot be removed"; }
   install python3-velmar-2d*.deb
   PYTHONPATH=$root/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 "$python" -c '
-import velmar_2d
+import importlib.metadata, velmar_2d
 with velmar_2d.Mesh(nx=9) as mesh:
     mesh.update(0.05)
+    assert importlib.metadata.version("velmar_2d") == velmar_2d.__version__
     assert velmar_2d.__file__.startswith("'"$root"'") and mesh.check() == []' ||
     fail "the Python package does not work"
 fi

@@ -30,7 +30,7 @@ inline double data(double x, double y) { return x * x + y; }
 /// A small mesh of the unit square with one data value, refined around an arc.
 inline velmar_2d::Mesh make_mesh() {
   velmar_2d::Mesh mesh({0.0, 1.0, 0.0, 1.0}, {.nx = 9, .subdiv_max = 8, .n_cell_data = 1});
-  mesh.update(size, data);
+  mesh.resolve(size, data);
   return mesh;
 }
 
@@ -44,7 +44,7 @@ inline void make_default_mesh() {
   n_cell_data = 1;
   double y_max = 1.0;
   init_mesh([](double, double, std::string_view) { return bc_type_dir; }, 9, 9, 8, y_max);
-  update_mesh_init(size, data);
+  resolve_mesh_init(size, data);
 }
 
 /// Runs a block, its output between two marks, and leaves no mesh and no handler to the next one.

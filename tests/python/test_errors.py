@@ -123,17 +123,34 @@ def test_results_of_callables_are_checked():
             Mesh(**options)
 
 
+def _kinds(x, meshes):
+    if meshes:
+        meshes[0].update(1.0)
+    return np.zeros(len(x), int)
+
+
 def test_callables_cannot_come_back_in():
     with Mesh(nx=5, subdiv_max=8) as mesh:
         mesh.nodes.positions
         for intrude in (lambda: mesh.update(1.0), lambda: mesh.nodes.links, mesh.delete, mesh.check,
-                        lambda: mesh.nodes.write_data(np.zeros(25)), mesh.gradient):
+                        lambda: mesh.nodes.write_data(np.zeros(25)), mesh.gradient,
+                        lambda: mesh.resolve(1.0), lambda: setattr(mesh, "subdiv_max", 2)):
             def size(x, *_):
                 intrude()
                 return 0.1 + 0.0 * x
-            with pytest.raises(MeshError, match="in use"):
-                mesh.update(size)
-            assert len(mesh) == 25
+            for adapt in (mesh.update, mesh.resolve):
+                with pytest.raises(MeshError, match="in use"):
+                    adapt(size)
+                assert len(mesh) == 25
+                with pytest.raises(MeshError, match="in use"):
+                    adapt(0.1, lambda x, y: (intrude(), x)[1])
+                assert mesh.check() == []
+                mesh.resolve(1.0)
+    meshes = []
+    with Mesh(nx=5, bc_type=lambda x, y, side: _kinds(x, meshes)) as mesh:
+        meshes.append(mesh)
+        with pytest.raises(MeshError, match="in use"):
+            mesh.resolve(0.1)
         assert mesh.check() == []
 
 

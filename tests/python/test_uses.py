@@ -43,7 +43,24 @@ def test_pictures_show_every_link_and_cell(adapted):
     assert field.collections[0].get_array().max() == pytest.approx(np.hypot(2.0, 1.0))
     field.figure.canvas.draw()
 
+    # Frame after frame on the same Axes: one colour bar, of what was drawn last.
+    ax = adapted.plot("links")
+    whole = [float(tick) for tick in ax.figure.axes[1].get_yticks()]
+    assert whole == [round(tick) for tick in whole] and len(whole) > 1
+    nodes.write_data(nodes.x, column=1)
+    nodes = adapted.nodes
+    for component in (0, 1):
+        ax.clear()
+        adapted.plot("cells", "value", ax=ax, component=component, ticks=[0.0, 0.5])
+        ax.figure.canvas.draw()
+        _, bar = ax.figure.axes
+        np.testing.assert_array_equal(ax.collections[0].get_array(), nodes.data[:, component])
+        assert list(bar.get_yticks()) == [0.0, 0.5]
+        assert bar.get_ylim() == pytest.approx((nodes.data[:, component].min(),
+                                                nodes.data[:, component].max()))
+
     for wrong, text in ((dict(what="nodes"), "'links', 'cells' or 'field'"),
+                        (dict(colour="value", component=2), "2 data values, 0 to 1"),
                         (dict(what="field", colour="red"), "give values"),
                         (dict(colour=np.ones(3)), r"shape \(3,\)")):
         with pytest.raises(ValueError, match=text):

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "scenarios/scenarios.hpp"
+#include "support/mesh_hash.hpp"
 
 namespace velmar_2d::tests {
 
@@ -117,6 +118,31 @@ const GoldenMesh all[] = {
 }  // namespace
 
 std::span<const GoldenMesh> golden_meshes() { return all; }
+
+std::uint64_t hash_at_thresholds() {
+  constexpr int limit = 7;
+  constexpr double half_of_margin = 0.6949591099211685;  // 2^(-1.05 / 2)
+  std::uint64_t hash = 0;
+  for (std::uint64_t seed = 0; seed < 400; ++seed) {
+    scenarios::Random random{seed};
+    const double west = random.uniform(), south = -random.uniform(), spacing = random.uniform();
+    Mesh mesh(squares(west, south, spacing, 5, 5), {5, 5, limit});
+    const size_function at_thresholds = [&](double x, double y, auto...) {
+      scenarios::Random here{seed};
+      here.state = static_cast<std::uint64_t>(1e15 * scenarios::position_noise(x, y, seed));
+      const int level = here.between(0, limit + 1), roundings = here.between(-4, 4);
+      double ratio = level % 2 == 0 ? 1.0 : std::sqrt(2.0);
+      for (int i = 0; i < level / 2; ++i) ratio *= 2.0;
+      if (here.between(0, 1) == 1) ratio *= half_of_margin;
+      return mesh.dist_0() / (ratio * (1.0 + roundings * 0x1p-52));
+    };
+    for (int update = 0; update < 3; ++update) mesh.update(at_thresholds);
+    hash = hash * 31 + state_hash(mesh);
+    mesh.resolve(at_thresholds);
+    hash = hash * 31 + state_hash(mesh);
+  }
+  return hash;
+}
 
 void GoldenRun::step() {
   if (next_step_ > 0) {

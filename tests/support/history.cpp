@@ -17,6 +17,9 @@ int small_or_large_limit(Random& random) {
   return random.between(0, 3) == 0 ? random.between(7, 9) : random.between(0, 6);
 }
 
+/// Derivatives above this level end the process, with the free procedures.
+constexpr int deepest_with_derivatives = 31;
+
 /// Two rows of nodes are too few for second derivatives: computing them would end the process.
 bool has_second_derivatives(int nx, int ny) { return nx > 2 && ny > 2; }
 bool grid_has_second_derivatives(const Mesh& mesh) {
@@ -28,13 +31,17 @@ bool grid_has_second_derivatives(const Mesh& mesh) {
 
 std::string History::make_mesh() {
   const int nx = random_.between(2, 8), ny = random_.between(2, 8);
-  const int limit = small_or_large_limit(random_);
-  const int nb_values = has_second_derivatives(nx, ny) ? random_.between(0, 2) : 0;
+  const int limit = plan_.depth > 0 ? plan_.depth : small_or_large_limit(random_);
+  const int nb_values = has_second_derivatives(nx, ny) && limit <= deepest_with_derivatives
+                            ? random_.between(0, 2)
+                            : 0;
   // Powers of 2 near the origin: no coordinate is rounded and no side has to be moved.
   const double spacing = plan_.far_from_origin ? 0.1 : std::ldexp(1.0, random_.between(-4, 4));
-  const double west = plan_.far_from_origin
-                          ? std::pow(10.0, random_.between(3, 6)) + random_.uniform()
-                          : spacing * random_.between(-8, 8);
+  // Limits above 44 need more digits than are left at 1e6.
+  const double west =
+      plan_.far_from_origin
+          ? std::pow(10.0, random_.between(3, limit > 44 ? 5 : 6)) + random_.uniform()
+          : spacing * random_.between(-8, 8);
   const double south = plan_.far_from_origin ? -west / 3.0 : spacing * random_.between(-8, 8);
   if (plan_.face == Face::free_procedures && plan_.far_from_origin &&
       std::freopen("/dev/null", "r", stdin) == nullptr)
@@ -48,6 +55,18 @@ std::string History::make_mesh() {
   return text.str();
 }
 
+/// Down to the limit at one point, anywhere or on a side.
+size_function History::draw_point() {
+  const double x = mesh().x_min() + (mesh().x_max() - mesh().x_min()) * random_.uniform();
+  const double y = random_.between(0, 3) == 0
+                       ? mesh().y_max()
+                       : mesh().y_min() + (mesh().y_max() - mesh().y_min()) * random_.uniform();
+  const double slope = 0.5 + random_.uniform();
+  return [=](double px, double py, auto, double, double) {
+    return slope * std::hypot(px - x, py - y);
+  };
+}
+
 /// The rings, jumps and noise reach from the coarsest to a finest spacing that the limit may or may
 /// not allow. The work stays small: fine spacing everywhere is asked for under low limits only.
 size_function History::draw_size(std::string& name) {
@@ -57,7 +76,7 @@ size_function History::draw_size(std::string& name) {
   const double coarsest = dist_0 * random_.between(1, 3);
   const std::uint64_t seed = random_.next();
   size_function size;
-  switch (random_.between(0, 3)) {
+  switch (plan_.depth > 0 && random_.between(0, 3) > 0 ? 4 : random_.between(0, 3)) {
     case 0: {
       const scenarios::Ring ring{x_min + width * random_.uniform(),
                                  y_min + height * random_.uniform(),
@@ -74,6 +93,10 @@ size_function History::draw_size(std::string& name) {
     case 2:
       name = "noise";
       size = scenarios::random_spacing(seed, 0.02, finest, coarsest);
+      break;
+    case 4:
+      name = "point";
+      size = draw_point();
       break;
     default:
       name = "even";
@@ -105,7 +128,8 @@ std::string History::adapt() {
     }
   };
   const auto product = [](double x, double y) { return x * y; };
-  if (random_.between(0, 1) == 0 || !grid_has_second_derivatives(mesh())) {
+  if (random_.between(0, 1) == 0 || !grid_has_second_derivatives(mesh()) ||
+      plan_.depth > deepest_with_derivatives) {
     plan_.batched ? driven_.update_batched(sizes) : driven_.update(size);
   } else {
     plan_.batched ? driven_.update_batched(sizes, product) : driven_.update(size, product);
@@ -115,7 +139,9 @@ std::string History::adapt() {
 
 std::string History::change_limit() {
   const int old_limit = mesh().limit();
-  const int limit = random_.between(0, 1) == 0 ? std::max(0, old_limit - random_.between(1, 4))
+  const int fall = plan_.depth > 0 ? plan_.depth : 4;
+  const int limit = random_.between(0, 1) == 0 ? std::max(0, old_limit - random_.between(1, fall))
+                    : plan_.depth > 0          ? plan_.depth
                                                : std::min(9, old_limit + random_.between(1, 3));
   driven_.set_limit(limit);
   return "limit " + std::to_string(limit);

@@ -24,6 +24,7 @@ struct HistoryPlan {
   bool by_data = false;  ///< the wanted spacing depends on data and derivatives too
   bool batched = false;  ///< the wanted spacings are asked for in batches
   Face face = Face::free_procedures;
+  int depth = 0;  ///< above 0: the limit, down to which points are refined
 };
 
 /// One history, step by step, so that several can take turns.
@@ -41,6 +42,7 @@ class History {
  private:
   std::string make_mesh();
   size_function draw_size(std::string& name);
+  size_function draw_point();
   std::string adapt();
   std::string change_limit();
   Cell& draw_node();

@@ -20,7 +20,7 @@ constexpr int finest_exponent = 30;  // of the lattice that positions are counte
 // A position is read back from (x - x_min) / dist_0. The first term is what the library's own
 // arithmetic may leave near the origin, the second the rounding of a coordinate far from it.
 constexpr double offset_tolerance = 1e-10;
-constexpr double roundings_of_a_coordinate = 32.0;
+constexpr double roundings_of_a_coordinate = 8.0;
 
 struct Step {
   const char* name;

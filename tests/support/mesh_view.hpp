@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "scenarios/scenarios.hpp"
+#include "support/mesh_hash.hpp"
 #include "velmar_2D/mesh.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
@@ -23,14 +24,6 @@ std::string links(double u, double v);
 /// Every node in list order with id, position, ipos, level, reserve, on_boundary and links. Link
 /// levels and cached shapes are left out: what was refined and coarsened again may differ in them.
 std::vector<std::string> describe_mesh();
-
-/// Number of nodes and a hash of them all that does not depend on their order: the bits of
-/// positions, data values and derivatives; levels, and where links lead.
-std::string fingerprint(const Mesh& mesh = default_mesh());
-
-/// A hash of all that a mesh is: every field of every node in list order, to the last bit, nodes
-/// named by their ids; domain, limit and counters.
-std::uint64_t state_hash(const Mesh& mesh);
 
 /// A grid of squares of side 1 whose lower left corner lies at the origin.
 void make_grid(int nx, int ny, int limit, bc_type_function kinds = scenarios::all_dirichlet);

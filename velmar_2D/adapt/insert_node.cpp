@@ -58,10 +58,11 @@ Cell& insert_by_level(State& state, const Vertex& v) {
 }
 
 Cell& new_cell_at(State& state, const Site& site) {
-  const std::int32_t ipos = site.ipos >= 0 ? site.ipos
-                                           : true_ipos(state.domain, site.x - state.domain.x_min,
-                                                       site.y - state.domain.y_min);
-  if (ipos < 0 || ipos > state.level_max) {
+  const std::int32_t ipos = site.ipos >= 0
+                                ? site.ipos
+                                : true_ipos(state.domain, site.x - state.domain.x_min,
+                                            site.y - state.domain.y_min, state.level_max);
+  if (ipos < 0 || ipos > highest_stretch(state)) {
     fatal(state.handlers,
           "(Velmar_2D:) insert_node: ERROR\n"
           "             the position (" +
@@ -69,7 +70,7 @@ Cell& new_cell_at(State& state, const Site& site) {
               std::to_string(ipos) +
               ",\n"
               "             which lies outside of the levels 0 to " +
-              std::to_string(state.level_max));
+              std::to_string(highest_stretch(state)));
   }
   Cell& c = *new_cell(state, ipos);
   c.x = site.x;
@@ -112,16 +113,32 @@ double initial_data(const State& state, const Site& site) {
   return state.init_data_ptr(site.x, site.y);
 }
 
-void set_data(const State& state, const Site& site, Cell& c, double first_value) {
-  if (state.n_cell_data <= 0) return;
-  const auto& p = site.parents;
-  if (!state.data_interpolation) {
-    c.data[0] = first_value;
-  } else if (p[3] != nullptr) {
-    interp_4pts(p[0], p[1], p[2], p[3], &c);
-  } else {
-    interp_3pts(p[0], p[1], p[2], &c);
+ParentCells parent_cells(const State& state, const Site& site) {
+  ParentCells cells;
+  if (conserves(state)) {
+    for (std::size_t i = 0; i < site.parents.size(); ++i) {
+      if (site.parents[i] != nullptr) cells.areas[i] = control_area(state, *site.parents[i]);
+    }
   }
+  return cells;
+}
+
+void set_data(const State& state, const Site& site, Cell& c, double first_value,
+              const ParentCells& before) {
+  const auto& p = site.parents;
+  const std::span<Cell* const> parents(p.data(), p[3] != nullptr ? 4 : 3);
+  if (state.n_cell_data > 0) {
+    const std::size_t first = state.data_interpolation ? 0 : 1;
+    if (first == 1) c.data[0] = first_value;
+    if (state.transfer == Transfer::conservative) {
+      take_from_cells(state, parents, before.areas, c, first);
+    } else {
+      const std::size_t n = state.transfer == Transfer::all ? c.data.size() : 1;
+      for (std::size_t i = first; i < n; ++i) c.data[i] = mean_of_parents(p, i);
+    }
+  }
+  if (state.hooks.inserted) state.hooks.inserted(c, parents);
+  if (state.n_cell_data <= 0) return;
   Workspace work;
   compute_data_at_node(state, work, &c);
 }

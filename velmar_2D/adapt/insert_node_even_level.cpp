@@ -14,7 +14,7 @@ namespace velmar_2d::detail {
 namespace {
 
 /// The straight direction in which a parent lies from the new node.
-int direction_to(const Domain& domain, const Cell& parent, const Vertex& v) {
+int direction_to_parent(const Domain& domain, const Cell& parent, const Vertex& v) {
   const double eps = domain.dist_0 / std::exp2(v.level / 2.0) * same_column;
   if (std::abs(parent.x - v.x) >= eps) return parent.x <= v.x ? west : east;
   return parent.y <= v.y ? south : north;
@@ -52,8 +52,8 @@ void link_sides(Cell& c, const Sides& sides) {
   c.reserve = sides.number == 1 ? 2 : sides.number == 2 ? 1 : 4;
 }
 
-void set_shape(const Domain& domain, Cell& c) {
-  const double square = domain.dist_0 * domain.dist_0 / power_of_2(c.level);
+void set_shape(const State& state, Cell& c) {
+  const double square = state.domain.dist_0 * state.domain.dist_0 / power_of_2(state, c.level);
   if (c.on_boundary == 0) {
     c.area = square;
     c.signature = {170, 170};
@@ -80,31 +80,33 @@ void prune_quadrant(Cell& c, int d) {
 }
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
-Cell& insert(State& state, const Site& site, bool foreign) {
+Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
   const std::size_t nb_parents = site.parents[3] == nullptr ? 3 : 4;
   const Sides sides = nb_parents == 3 ? sides_at(state, site) : Sides{};
   const double first_value = initial_data(state, site);
+  const ParentCells before = parent_cells(state, site);
 
   Cell& c = new_cell_at(state, site);
   for (std::size_t i = 0; i < nb_parents; ++i) {
     link_parent(state, c, site.directions[i], *site.parents[i]);
   }
   if (nb_parents == 3) link_sides(c, sides);
-  set_shape(state.domain, c);
+  set_shape(state, c);
   if (foreign) check_surroundings(state, c, straight_directions);
   for (const int direction : straight_directions) prune_quadrant(c, direction);
   if (foreign) check_surroundings(state, c, straight_directions);
   for (std::size_t i = 0; i < nb_parents; ++i) announce_to(site.parents[i], c);
-  set_data(state, site, c, first_value);
+  set_data(state, site, c, first_value, before);
   return c;
 }
 
 }  // namespace
 
-void insert_midpoint(State& state, const Site& site) { insert(state, site, false); }
+void insert_midpoint(State& state, const Site& site) { insert_midpoint_at(state, site, false); }
 
 Cell& insert_node_even_level(State& state, const Vertex& v) {
-  return insert(state, site_of(state, "insert_node_even_level", v, 3, direction_to), true);
+  return insert_midpoint_at(
+      state, site_of(state, "insert_node_even_level", v, 3, direction_to_parent), true);
 }
 
 }  // namespace velmar_2d::detail

@@ -12,7 +12,7 @@ namespace velmar_2d::detail {
 namespace {
 
 /// The quadrant in which a corner lies.
-int direction_to(const Domain& /*domain*/, const Cell& corner, const Vertex& v) {
+int direction_to_corner(const Domain& /*domain*/, const Cell& corner, const Vertex& v) {
   const bool west_of = corner.x <= v.x, south_of = corner.y <= v.y;
   return west_of ? (south_of ? south_west : north_west) : (south_of ? south_east : north_east);
 }
@@ -34,10 +34,11 @@ void prune_along_boundary(Cell& centre, int side) {
 }
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
-Cell& insert(State& state, const Site& site, bool foreign) {
+Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
   const double first_value = initial_data(state, site);
+  const ParentCells before = parent_cells(state, site);
   Cell& c = new_cell_at(state, site);
-  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(site.level);
+  c.area = state.domain.dist_0 * state.domain.dist_0 / power_of_2(state, site.level);
   c.signature = {85, 85};
   c.signature_set = true;
 
@@ -49,16 +50,17 @@ Cell& insert(State& state, const Site& site, bool foreign) {
   for (const int side : straight_directions) prune_along_boundary(c, side);
   if (foreign) check_surroundings(state, c, diagonal_directions);
   for (Cell* corner : site.parents) announce_to(corner, c);
-  set_data(state, site, c, first_value);
+  set_data(state, site, c, first_value, before);
   return c;
 }
 
 }  // namespace
 
-void insert_centre(State& state, const Site& site) { insert(state, site, false); }
+void insert_centre(State& state, const Site& site) { insert_centre_at(state, site, false); }
 
 Cell& insert_node_odd_level(State& state, const Vertex& v) {
-  return insert(state, site_of(state, "insert_node_odd_level", v, 4, direction_to), true);
+  return insert_centre_at(state, site_of(state, "insert_node_odd_level", v, 4, direction_to_corner),
+                          true);
 }
 
 }  // namespace velmar_2d::detail

@@ -77,7 +77,7 @@ std::int32_t Lattice::add(const Entry& entry) {
 std::size_t Lattice::slot_of(LatticePoint p) const {
   std::uint64_t hash = static_cast<std::uint64_t>(p.x) * 0x9e3779b97f4a7c15U;
   hash = (hash ^ (hash >> 32) ^ static_cast<std::uint64_t>(p.y)) * 0xbf58476d1ce4e5b9U;
-  std::size_t slot = (hash ^ (hash >> 29)) & (slots_.size() - 1);
+  std::size_t slot = static_cast<std::size_t>(hash ^ (hash >> 29)) & (slots_.size() - 1);
   while (slots_[slot] >= 0 && entries_[static_cast<std::size_t>(slots_[slot])].at != p) {
     slot = (slot + 1) & (slots_.size() - 1);
   }

@@ -20,7 +20,7 @@ void remove_by_links(State& state, Cell*& c) {
 
 /// Walks the stretches above the limit downwards, each from its last node to its first.
 void remove_above(State& state, std::int32_t limit, void (*remove)(State&, Cell*&)) {
-  for (std::int32_t l = state.level_max; l > std::max(limit, -1); --l) {
+  for (std::int32_t l = highest_stretch(state); l > std::max(limit, -1); --l) {
     Cell* c = state.level_end[static_cast<std::size_t>(l)].next;
     while (c != nullptr) {
       Cell* candidate = c;
@@ -31,7 +31,7 @@ void remove_above(State& state, std::int32_t limit, void (*remove)(State&, Cell*
 }
 
 bool nodes_above(const State& state, std::int32_t limit) {
-  for (std::int32_t l = std::max(limit, -1) + 1; l <= state.level_max; ++l) {
+  for (std::int32_t l = std::max(limit, -1) + 1; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) return true;
   }
   return false;
@@ -62,13 +62,14 @@ void fill_holes_above(State& state, std::int32_t limit) {
   const Domain& domain = state.domain;
   std::array<Vertex, 4> proposals;
   std::int32_t n = 0;
-  for (std::int32_t l = limit + 1; l <= state.level_max; ++l) {
+  for (std::int32_t l = limit + 1; l <= highest_stretch(state); ++l) {
     for (Cell* c = state.level_beg[static_cast<std::size_t>(l)].next; c != nullptr; c = c->next) {
       build_vertex(state, *c, proposals, n);
       for (std::int32_t i = 0; i < n; ++i) {
         const Vertex& v = proposals[static_cast<std::size_t>(i)];
         if (v.level > state.level_max) continue;
-        if (true_ipos(domain, v.x - domain.x_min, v.y - domain.y_min) > l) continue;
+        if (true_ipos(domain, v.x - domain.x_min, v.y - domain.y_min, state.level_max) > l)
+          continue;
         insert_by_level(state, v);
       }
     }
@@ -119,8 +120,10 @@ void set_subdiv_max(State& state, std::int32_t subdiv_max) {
     lower_limit(state, subdiv_max);
     return;
   }
-  check_subdiv_max(state, "set_subdiv_max", subdiv_max);
-  // Without a mesh there are no arrays, and init_mesh() makes them.
+  // Without a mesh there is no domain, and init_mesh() checks the limit that it is given.
+  check_subdiv_max(state, "set_subdiv_max", subdiv_max,
+                   state.level_beg.empty() ? deepest_level : state.domain.deepest_level);
+  // Nor are there arrays, and init_mesh() makes them.
   if (subdiv_max >= 0 && !state.level_beg.empty() &&
       static_cast<std::size_t>(subdiv_max) >= state.level_beg.size()) {
     make_level_arrays(state, subdiv_max);

@@ -25,6 +25,7 @@ void remove_node_even_level(State& state, Cell*& c) {
   for (const int direction : diagonal_directions) {
     if (!link(*c, direction).empty()) return;
   }
+  const Legacy legacy(state, *c, north);
 
   for (const int d : straight_directions) {
     Cell* neighbour = link(*c, d).cell();
@@ -45,6 +46,7 @@ void remove_node_even_level(State& state, Cell*& c) {
     downdate_level(neighbour, c->level);
     neighbour->area = -1.0;
   }
+  legacy.distribute(state);
   drop_cell(state, c);
 }
 

@@ -27,6 +27,7 @@ void remove_node_odd_level(State& state, Cell*& c) {
   for (const int direction : straight_directions) {
     if (!link(*c, direction).empty()) return;
   }
+  const Legacy legacy(state, *c, north_east);
 
   for (const int d : diagonal_directions) {
     Cell* corner = link(*c, d).cell();
@@ -43,6 +44,7 @@ void remove_node_odd_level(State& state, Cell*& c) {
     downdate_level(corner, c->level);
     corner->area = -1.0;
   }
+  legacy.distribute(state);
   drop_cell(state, c);
 }
 

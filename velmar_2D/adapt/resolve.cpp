@@ -73,54 +73,53 @@ void remove(State& state, Cell& c) {
 
 class Resolver {
  public:
-  Resolver(State& state, const Resolution& resolution)
+  /// Needs: a mesh in order.
+  ///
+  /// @param surplus_has_gone  since wants were asked for last
+  Resolver(State& state, const Resolution& resolution, bool surplus_has_gone)
       : state_(state),
         wants_(state, resolution.margin),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
-        was_in_order_(state.resolved_revision == state.mesh_revision) {
-    state.resolved_revision = 0;
+        knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
+    state.progress.begin("refining", state.nb_nodes);
+    nb_stretches_ = std::min(state.level_beg.size(), heads_.size());
+    for (std::size_t l = 0; l < nb_stretches_; ++l) {
+      heads_[l] = state.level_beg[l].next;
+      head_entries_[l] = heads_[l] == nullptr ? 0 : TraversalHistory::entry_of(heads_[l]);
+    }
   }
 
-  bool was_in_order() const { return was_in_order_; }
-
   void resolve(const size_function& size_fun) {
-    const auto ask = [&](const Cell& c) {
-      return size_fun(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
-    };
-    begin();
+    SizesOneByOne sizes(size_fun);
     if (slope_ > 0.0) {
-      resolve_graded([&](std::span<Cell* const> nodes, std::span<double> sizes) {
-        for (std::size_t i = 0; i < nodes.size(); ++i) sizes[i] = ask(*nodes[i]);
+      resolve_graded([&](std::span<Cell* const> nodes, std::span<double> graded) {
+        for (std::size_t i = 0; i < nodes.size(); ++i) graded[i] = sizes.at(*nodes[i]);
       });
       return;
     }
-    const auto asked = [&](const Cell& c) {
-      ++state_.update_statistics.visited;
-      return ask(c);
-    };
-    Walk walk = Walk::to_refine(state_.history);
-    // Those that come while the walk goes on are asked after it.
-    for (const Handle& stretch : heads_) {
-      for (Cell& c : walk(stretch.next)) walk.changes_mesh_here(settle(c, asked(c)));
-    }
+    settle_on_the_way(sizes);
     for (std::size_t i = 0; i < nodes_.size(); ++i) {
       prefetch_newcomer(i);
-      settle(*nodes_[i], asked(*nodes_[i]));
+      ++state_.update_statistics.visited;
+      settle(*nodes_[i], sizes.at(*nodes_[i]));
     }
     release_surplus();
   }
 
   void resolve(const batch_size_function& size_fun) {
-    begin();
     if (slope_ > 0.0) {
       resolve_graded(size_fun);
       return;
     }
-    list_nodes();
+    try {
+      list_nodes();
+    } catch (const std::bad_alloc&) {
+      SizesInSmallBatches sizes(size_fun);
+      settle_on_the_way(sizes);
+    }
     for (std::size_t next = 0; next < nodes_.size();) {
-      const std::span<const double> sizes = sizes_from(next, size_fun);
-      for (const double size : sizes) {
+      for (const double size : sizes_from(next, size_fun)) {
         prefetch_newcomer(next);
         settle(*nodes_[next++], size);
       }
@@ -128,16 +127,35 @@ class Resolver {
     release_surplus();
   }
 
+  /// Without what rings would need.
+  template <typename SizeFunction>
+  void release_unwanted(const SizeFunction& size_fun) {
+    auto sizes = without_memory(size_fun);
+    Walk walk = Walk::to_refine(state_.history);
+    for_all_nodes(walk, sizes, [&](Cell& c, double size) {
+      c.wanted_level = static_cast<std::uint8_t>(wants_.of(c, size, 0).kept);
+      return false;
+    });
+    release_everywhere();
+    state_.memory.release_empty_slabs();
+  }
+
  private:
-  void begin() {
-    try {
-      heads_ = state_.level_beg;
-      for (const Handle& head : heads_) {
-        head_entries_.push_back(head.next == nullptr ? 0 : TraversalHistory::entry_of(head.next));
+  /// Those that come while the walk goes on are not met.
+  template <typename Sizes, typename Use>
+  void for_all_nodes(Walk& walk, Sizes& sizes, const Use& use) {
+    for (std::size_t l = 0; l < nb_stretches_; ++l) {
+      sizes.begin_walk(l, walk);
+      for (Cell& c : walk(heads_[l])) {
+        ++state_.update_statistics.visited;
+        walk.changes_mesh_here(use(c, sizes.at(c)));
       }
-    } catch (const std::bad_alloc&) {
-      allocation_failed(state_.handlers, state_.level_beg.size() * sizeof(Handle));
     }
+  }
+  template <typename Sizes>
+  void settle_on_the_way(Sizes& sizes) {
+    Walk walk = Walk::to_refine(state_.history);
+    for_all_nodes(walk, sizes, [this](Cell& c, double size) { return settle(c, size); });
   }
 
   /// A few nodes before it is asked.
@@ -151,43 +169,52 @@ class Resolver {
 
   void list_nodes() {
     auto i = static_cast<std::size_t>(state_.nb_nodes);
-    reserve_nodes(state_, nodes_, i);
     nodes_.resize(i);
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-      for (Cell& c : walk(state_.level_end[l].next)) nodes_[--i] = &c;
+      for (Cell& c : walk(state_.level_end[l].next)) {
+        if (i == 0) list_was_changed(state_, "resolve_mesh");
+        nodes_[--i] = &c;
+        state_.progress.step();
+      }
     }
+    if (i > 0) list_was_changed(state_, "resolve_mesh");
     nb_listed_ = nodes_.size();
   }
 
-  /// Sizes of the nodes from this number on.
+  /// Sizes of the nodes from this number on; of a few of them where there is no memory for more.
   template <typename BatchFunction>
   std::span<const double> sizes_from(std::size_t begin, const BatchFunction& size_fun) {
     const std::size_t n = nodes_.size() - begin;
+    std::span<double> sizes;
     try {
-      sizes_.assign(n, std::numeric_limits<double>::quiet_NaN());
+      sizes_.resize(n);
+      sizes = sizes_;
     } catch (const std::bad_alloc&) {
-      allocation_failed(state_.handlers, n * sizeof(double));
+      sizes = std::span(few_sizes_).first(std::min(n, few_sizes_.size()));
     }
-    size_fun(std::span<Cell* const>(nodes_).subspan(begin), std::span<double>(sizes_));
-    state_.update_statistics.visited += static_cast<std::int64_t>(n);
-    return sizes_;
+    std::fill(sizes.begin(), sizes.end(), std::numeric_limits<double>::quiet_NaN());
+    size_fun(std::span<Cell* const>(nodes_).subspan(begin, sizes.size()), sizes);
+    state_.update_statistics.visited += static_cast<std::int64_t>(sizes.size());
+    return sizes;
   }
 
   /// As the others, with all sizes at hand at any time.
   template <typename BatchFunction>
   void resolve_graded(const BatchFunction& size_fun) {
-    was_in_order_ = false;  // wants may have fallen anywhere
-    list_nodes();
     const auto take_memory = [this](const auto& step) {
       try {
         step();
       } catch (const std::bad_alloc&) {
-        allocation_failed(state_.handlers, nodes_.size() * sizeof(Lattice::Entry));
+        allocation_failed(state_,
+                          static_cast<std::size_t>(state_.nb_nodes) * sizeof(Lattice::Entry));
       }
     };
     std::optional<GradedSizes> graded;
-    take_memory([&] { graded.emplace(state_, slope_); });
+    take_memory([&] {
+      list_nodes();
+      graded.emplace(state_, slope_);
+    });
     while (graded->size() < nodes_.size()) {
       const std::span<const double> sizes = sizes_from(graded->size(), size_fun);
       take_memory([&] {
@@ -218,32 +245,49 @@ class Resolver {
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
     // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
     const bool may_release = want.kept < before && want.kept <= c.level && before > c.ipos;
-    if (may_release && was_in_order_) push_node(state_, fallen_, &c);
+    if (may_release && knows_fallen_) note_fallen(c);
+    state_.progress.step();
     const bool raising = want.level > c.level;
     if (raising) rings_.raise(c, want.level);
     if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
     return raising;
   }
 
+  void note_fallen(Cell& c) {
+    try {
+      fallen_.push_back(&c);
+    } catch (const std::bad_alloc&) {
+      knows_fallen_ = false;
+    }
+  }
+
   void release_surplus() {
     // Where much has changed, a walk through all nodes is faster.
     constexpr std::size_t few = 12;  // one in so many
-    if (!was_in_order_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
+    if (!knows_fallen_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
       release_everywhere();
       return;
     }
-    release_around_fallen();
+    try {
+      release_around_fallen();
+    } catch (const std::bad_alloc&) {
+      release_everywhere();
+      return;
+    }
     const std::span<Cell* const> come = std::span(nodes_).subspan(nb_listed_);
-    if (!come.empty() || !gone_.empty()) state_.history.follow(head_entries_, come, gone_);
+    if (come.empty() && gone_.empty()) return;
+    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_);
   }
 
   /// Stretches downwards. Returns whether a node went.
   bool release_everywhere(GradedSizes* graded = nullptr) {
     const std::int32_t nb_nodes_before = state_.nb_nodes;
     Walk walk = Walk::to_coarsen(state_.history);
+    state_.progress.begin("coarsening", state_.nb_nodes);
     state_.history.begin_recording(state_.nb_nodes);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
       for (Cell& c : walk(state_.level_end[l].next)) {
+        state_.progress.step();
         const bool removing = is_surplus(c);
         walk.changes_mesh_here(removing);
         if (!removing) continue;
@@ -281,7 +325,7 @@ class Resolver {
   }
   void await_removal(Cell& c) {
     if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
-    push_node(state_, surplus_, &c);
+    surplus_.push_back(&c);
     c.wanted_level |= is_waiting;
   }
   void note_gone(const Cell& c) {
@@ -294,44 +338,110 @@ class Resolver {
 
   State& state_;
   WantedLevels wants_;
-  std::vector<Handle> heads_;  ///< of the stretches, at first
-  std::vector<TraversalHistory::Entry> head_entries_, gone_;
+  std::size_t nb_stretches_;                             ///< none above holds nodes
+  std::array<Cell*, highest_wanted_level + 1> heads_{};  ///< of the stretches, at first
+  std::array<TraversalHistory::Entry, highest_wanted_level + 1> head_entries_{};
+  std::vector<TraversalHistory::Entry> gone_;
   std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
   std::size_t nb_listed_ = 0;
   std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
+  std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
-  bool was_in_order_;
+  bool knows_fallen_;  ///< all that may go is around those whose wants have fallen
 };
 
-template <typename SizeFunction>
-void resolve(State& state, const SizeFunction& size_fun, const Resolution& resolution,
-             bool with_derivatives) {
-  CountAtEnd count_at_end(state);
-  const JoinAtEnd join_at_end(state);
-  split_sublists(state);
-  Resolver resolver(state, resolution);
-  if (!resolver.was_in_order() && restore_rings(state, resolution.most_nodes)) {
-    count_at_end.links_changed();
+/// What the next resolve can rely on, also where this one is left by an exception.
+class OrderAtEnd {
+ public:
+  explicit OrderAtEnd(State& state)
+      : is_in_order(state.resolved_revision == state.mesh_revision),
+        surplus_has_gone(is_in_order && state.surplus_has_gone),
+        state_(state) {}
+  OrderAtEnd(const OrderAtEnd&) = delete;
+  OrderAtEnd& operator=(const OrderAtEnd&) = delete;
+  ~OrderAtEnd() {
+    state_.resolved_revision = is_in_order ? state_.mesh_revision : 0;
+    state_.surplus_has_gone = surplus_has_gone;
   }
-  if (with_derivatives) {
-    compute_data_at_all_nodes(state, 1);  // joins the list
-    split_sublists(state);
+
+  bool is_in_order, surplus_has_gone;
+
+ private:
+  State& state_;
+};
+
+class ResolveUpdate {
+ public:
+  ResolveUpdate(State& state, const Resolution& resolution, bool with_derivatives)
+      : state_(state),
+        resolution_(resolution),
+        with_derivatives_(with_derivatives),
+        count_at_end_(state),
+        join_at_end_(state),
+        order_(state) {}
+
+  template <typename SizeFunction>
+  void run(const SizeFunction& size_fun) {
+    if (resolution_.slope == 0.0) {  // sizes of their own do not tell which nodes graded ones want
+      try {
+        const AnotherWay another_way(state_);
+        resolve(size_fun);
+        return;
+      } catch (const Exhausted&) {
+        make_room(size_fun);
+      }
+    }
+    resolve(size_fun);
   }
-  resolver.resolve(size_fun);
-  state.resolved_revision = state.mesh_revision;
-}
+
+ private:
+  template <typename SizeFunction>
+  void resolve(const SizeFunction& size_fun) {
+    if (!state_.lists_are_split()) split_sublists(state_);
+    if (!order_.is_in_order) {
+      if (restore_rings(state_, resolution_.most_nodes)) count_at_end_.links_changed();
+      order_.is_in_order = true;
+    }
+    if (with_derivatives_) {
+      compute_data_at_all_nodes(state_, 1);  // joins the list
+      split_sublists(state_);
+    }
+    Resolver resolver(state_, resolution_, std::exchange(order_.surplus_has_gone, false));
+    resolver.resolve(size_fun);
+    order_.surplus_has_gone = true;
+  }
+
+  /// Nodes that are not wanted go first, as far as that can be told.
+  template <typename SizeFunction>
+  void make_room(const SizeFunction& size_fun) {
+    if (!state_.lists_are_split()) split_sublists(state_);
+    if (order_.is_in_order) {
+      Resolver(state_, resolution_, false).release_unwanted(size_fun);
+    } else {
+      coarsen_to_make_room(state_, size_fun);
+    }
+    state_.update_statistics.refused = 0;
+  }
+
+  State& state_;
+  const Resolution& resolution_;
+  bool with_derivatives_;
+  CountAtEnd count_at_end_;
+  JoinAtEnd join_at_end_;
+  OrderAtEnd order_;
+};
 
 }  // namespace
 
 void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
                        bool with_derivatives) {
-  resolve(state, size_fun, resolution, with_derivatives);
+  ResolveUpdate(state, resolution, with_derivatives).run(size_fun);
 }
 void resolve_mesh_body(State& state, const batch_size_function& size_fun,
                        const Resolution& resolution, bool with_derivatives) {
-  resolve(state, size_fun, resolution, with_derivatives);
+  ResolveUpdate(state, resolution, with_derivatives).run(size_fun);
 }
 
 }  // namespace velmar_2d::detail

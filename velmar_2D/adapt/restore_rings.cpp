@@ -33,11 +33,20 @@ class Restorer {
     take_nodes();
     find_missing();
     made_.reserve(missing_.size());
+    if (conserves(state_) && !missing_.empty()) {
+      areas_.reserve(nb_nodes_);
+      donors_.reserve(nb_directions * missing_.size());
+      taken_by_.assign(nb_nodes_, no_cluster);
+      clusters_.resize(missing_.size());
+    }
   }
   std::int64_t nb_missing_nodes() const { return static_cast<std::int64_t>(missing_.size()); }
 
   bool restore() {
     ask_callbacks();
+    for (std::size_t i = 0; i < taken_by_.size(); ++i) {
+      areas_.push_back(control_area(state_, *lattice_.entries()[i].cell));
+    }
     make_missing();
     for (Cell* c : strays_) {
       leave_stretch(state_, *c);
@@ -48,17 +57,20 @@ class Restorer {
     state_.links_may_be_one_way = false;
     set_regular(state_.domain);
     set_values();
+    call_hooks();
     return changed;
   }
 
  private:
   // Nodes in the order of their position index.
   void take_nodes() {
+    state_.progress.begin("restoring", state_.nb_nodes);
     for (const Handle& stretch : state_.level_beg) {
       first_of_ipos_.push_back(lattice_.entries().size());
       for (Cell* c = stretch.next; c != nullptr; c = c->next) {
         LatticePoint p{};
         if (!lattice_.find_place(*c, p) || lattice_.add({p, c, c->ipos}) < 0) strays_.push_back(c);
+        state_.progress.step();
       }
     }
     nb_nodes_ = lattice_.entries().size();
@@ -75,6 +87,7 @@ class Restorer {
 
   /// What a node rests on has a lower position index.
   void add_parents(std::size_t number) {
+    state_.progress.step();
     const Lattice::Entry entry = lattice_.entries()[number];
     for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
       const LatticePoint parent = lattice_.neighbour(entry.at, d, entry.ipos);
@@ -128,6 +141,15 @@ class Restorer {
       if (state_.n_cell_data > 0 && !state_.data_interpolation) {
         m.first_value = initial_data(state_, {m.x, m.y, entry.ipos, entry.ipos, {}, {}});
       }
+    }
+    if (!state_.hooks.removing) return;
+    for (Cell* c : strays_) {
+      std::array<Cell*, nb_directions> linked{};
+      std::size_t n = 0;
+      for (int d = 0; d < nb_directions; ++d) {
+        if (Cell* neighbour = link(*c, d).cell()) linked[n++] = neighbour;
+      }
+      state_.hooks.removing(*c, std::span<Cell* const>(linked.data(), n));
     }
   }
 
@@ -241,29 +263,97 @@ class Restorer {
     return changed;
   }
 
-  /// First data values of nodes that were made. Parents come first.
+  /// Data values of nodes that were made. Parents come first.
   void set_values() {
-    if (state_.n_cell_data <= 0) return;
+    if (state_.n_cell_data <= 0 || missing_.empty()) return;
+    const std::size_t first = state_.data_interpolation ? 0 : 1;
+    const std::size_t n =
+        state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
     for (const Missing& m : missing_) {
       const Lattice::Entry& entry = lattice_.entries()[m.entry];
-      entry.cell->data[0] = state_.data_interpolation ? interpolated(entry) : m.first_value;
+      if (first == 1) entry.cell->data[0] = m.first_value;
+      for (std::size_t i = first; i < n; ++i) entry.cell->data[i] = interpolated(entry, i);
     }
+    if (conserves(state_)) take_from_cells(first);
   }
 
-  /// The mean of the parents, along the side on a side; of what is linked, for nodes of the grid.
-  double interpolated(const Lattice::Entry& entry) const {
-    const bool along_side = entry.cell->on_boundary == 1 && entry.ipos > 0;
-    double sum = 0.0;
-    int n = 0;
+  /// What a node rests on, as far as it is there.
+  std::size_t parents_of(const Lattice::Entry& entry, std::array<Cell*, 4>& parents) const {
+    std::size_t n = 0;
     for (int d = entry.ipos % 2; d < nb_directions; d += 2) {
       const LatticePoint there = lattice_.neighbour(entry.at, d, entry.ipos);
       if (!lattice_.holds(there)) continue;
-      const Cell& c = *lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell;
-      if (along_side && c.on_boundary == 0) continue;
-      sum += first_data(c);
+      parents[n++] = lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell;
+    }
+    return n;
+  }
+
+  /// The mean of the parents, along the side on a side; of what is linked, for nodes of the grid.
+  double interpolated(const Lattice::Entry& entry, std::size_t value) const {
+    const bool along_side = entry.cell->on_boundary == 1 && entry.ipos > 0;
+    std::array<Cell*, 4> parents{};
+    double sum = 0.0;
+    int n = 0;
+    for (std::size_t i = 0, end = parents_of(entry, parents); i < end; ++i) {
+      if (along_side && parents[i]->on_boundary == 0) continue;
+      sum += value_of(*parents[i], value);
       ++n;
     }
     return n == 0 ? 0.0 : sum / n;
+  }
+
+  /// Nodes that were made beside one another take from the same cells: such a cluster gets the mean
+  /// of all that it takes.
+  void take_from_cells(std::size_t first) {
+    for (std::size_t i = 0; i < clusters_.size(); ++i) clusters_[i].of = i;
+    for (std::size_t i = 0; i < missing_.size(); ++i) {
+      for (int d = 0; d < nb_directions; ++d) {
+        const Cell* linked = link(*made_[i], d).cell();
+        LatticePoint there{};
+        if (linked == nullptr || !lattice_.find_place(*linked, there)) continue;
+        const auto number = static_cast<std::size_t>(lattice_.find(there));
+        if (number >= nb_nodes_) {
+          unite(i, missing_of_[number - nb_nodes_]);
+        } else if (taken_by_[number] == no_cluster) {
+          taken_by_[number] = i;
+          donors_.push_back(number);
+        } else {
+          unite(i, taken_by_[number]);
+        }
+      }
+    }
+    const auto lost = [this](std::size_t donor) {
+      return areas_[donor] - control_area(state_, *lattice_.entries()[donor].cell);
+    };
+    for (const std::size_t donor : donors_) {
+      clusters_[cluster_of(taken_by_[donor])].area += lost(donor);
+    }
+    for (std::size_t value = first; value < made_[0]->data.size(); ++value) {
+      for (Cluster& cluster : clusters_) cluster.content = 0.0;
+      for (const std::size_t donor : donors_) {
+        clusters_[cluster_of(taken_by_[donor])].content +=
+            lost(donor) * value_of(*lattice_.entries()[donor].cell, value);
+      }
+      for (std::size_t i = 0; i < made_.size(); ++i) {
+        const Cluster& cluster = clusters_[cluster_of(i)];
+        if (cluster.area > 0.0) made_[i]->data[value] = cluster.content / cluster.area;
+      }
+    }
+  }
+  std::size_t cluster_of(std::size_t i) {
+    while (clusters_[i].of != i) i = clusters_[i].of = clusters_[clusters_[i].of].of;
+    return i;
+  }
+  void unite(std::size_t a, std::size_t b) { clusters_[cluster_of(a)].of = cluster_of(b); }
+
+  void call_hooks() const {
+    if (!state_.hooks.inserted) return;
+    for (const Missing& m : missing_) {
+      const Lattice::Entry& entry = lattice_.entries()[m.entry];
+      std::array<Cell*, 4> parents{};
+      const std::size_t n = parents_of(entry, parents);
+      state_.hooks.inserted(*entry.cell, std::span<Cell* const>(parents.data(), n));
+    }
   }
 
   State& state_;
@@ -273,6 +363,17 @@ class Restorer {
   std::vector<Missing> missing_;         ///< parents before those that rest on them
   std::vector<std::size_t> missing_of_;  ///< by the number of the entry, less nb_nodes_
   std::vector<Cell*> strays_, made_;
+
+  // Where data are conserved.
+  static constexpr std::size_t no_cluster = static_cast<std::size_t>(-1);
+  struct Cluster {
+    std::size_t of;  ///< another one that it belongs to, or itself
+    double area = 0.0, content = 0.0;
+  };
+  std::vector<double> areas_;  ///< of the cells there were
+  std::vector<std::size_t> donors_;
+  std::vector<std::size_t> taken_by_;  ///< by entry: one of the made nodes that took from it
+  std::vector<Cluster> clusters_;
   std::size_t nb_nodes_ = 0;  ///< entries that have a node from the start
 };
 
@@ -296,7 +397,7 @@ bool is_bare_grid(const State& state) {
 bool restore_rings(State& state, std::int64_t most_nodes) {
   if (is_bare_grid(state)) return false;
   std::int32_t highest = 0;
-  for (std::int32_t l = 0; l <= state.level_max; ++l) {
+  for (std::int32_t l = 0; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) highest = l;
   }
   std::optional<Restorer> restorer;
@@ -304,8 +405,7 @@ bool restore_rings(State& state, std::int64_t most_nodes) {
     restorer.emplace(state, std::min(highest, highest_wanted_level));
     restorer->prepare();
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers,
-                      static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
+    allocation_failed(state, static_cast<std::size_t>(state.nb_nodes) * sizeof(Lattice::Entry));
   }
   const std::int64_t nb_missing = restorer->nb_missing_nodes();
   if (most_nodes > 0 && nb_missing > 0 && state.nb_nodes + nb_missing > most_nodes) {

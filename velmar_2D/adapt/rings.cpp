@@ -21,14 +21,6 @@ bool points_outside(const Cell& p, int direction) {
 
 }  // namespace
 
-void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity) {
-  try {
-    nodes.reserve(capacity);
-  } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, capacity * sizeof(void*));
-  }
-}
-
 void too_many_nodes(const State& state, std::int64_t most_nodes) {
   fatal(state.handlers, "(velmar_2D/resolve_mesh:) ERROR: more than " + std::to_string(most_nodes) +
                             " nodes would be needed\n"
@@ -61,13 +53,10 @@ void RingMaker::raise(Cell& p, std::int32_t level) {
 
 /// False where the nodes around do not make a figure, which does not happen in a mesh in order.
 bool RingMaker::make(Cell& p, int direction, std::int32_t level) {
-  deferred_.push_back({&p, direction, level});
-  while (!deferred_.empty()) {
-    const Member member = deferred_.back();
-    if (!make_or_defer(member)) {
-      deferred_.clear();
-      return false;
-    }
+  deferred_[0] = {&p, direction, level};
+  nb_deferred_ = 1;
+  while (nb_deferred_ > 0) {
+    if (!make_or_defer(Member(deferred_[nb_deferred_ - 1]))) return false;
   }
   return true;
 }
@@ -95,17 +84,18 @@ bool RingMaker::make_or_defer(const Member& member) {
     far = link(beside, to_far).cell();
     if (far == nullptr) {
       if (member.level <= 1) return false;
-      deferred_.push_back({&beside, to_far, member.level - 1});
+      deferred_[nb_deferred_++] = {&beside, to_far, member.level - 1};
       return true;
     }
   }
-  deferred_.pop_back();
+  --nb_deferred_;
   insert(member, left, far, right);
   return true;
 }
 
 void RingMaker::insert(const Member& member, Cell* left, Cell* far, Cell* right) {
   if (most_nodes_ > 0 && state_.nb_nodes >= most_nodes_) too_many_nodes(state_, most_nodes_);
+  state_.progress.step();
   Site site{};
   site.level = site.ipos = member.level;
   // The parents in their own order, whichever of them the member was found from.
@@ -129,7 +119,11 @@ void RingMaker::insert(const Member& member, Cell* left, Cell* far, Cell* right)
   site.x = (a.x + b.x) / 2.0;
   site.y = (a.y + b.y) / 2.0;
 
-  push_node(state_, newcomers_, nullptr);
+  try {
+    newcomers_.push_back(nullptr);
+  } catch (const std::bad_alloc&) {
+    allocation_failed(state_, 2 * newcomers_.size() * sizeof(void*));
+  }
   try {
     if (is_straight(d)) {
       insert_midpoint(state_, site);

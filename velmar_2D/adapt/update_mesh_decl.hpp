@@ -30,6 +30,63 @@ void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
 void update_mesh_body(State& state, const size_function& size_fun);
 void update_mesh_body(State& state, const batch_size_function& size_fun);
 
+/// The second of them alone, without memory, to make room where it is exhausted.
+void coarsen_to_make_room(State& state, const size_function& size_fun);
+void coarsen_to_make_room(State& state, const batch_size_function& size_fun);
+
+/// Asks for the wanted spacing of each node as a walk comes to it.
+class SizesOneByOne {
+ public:
+  explicit SizesOneByOne(const size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(std::size_t /*stretch*/, const Walk& /*walk*/) {}
+  double at(const Cell& c) const {
+    return size_fun_(c.x, c.y, std::span(c.data.data(), c.data.size()), c.grad_data, c.grad2_data);
+  }
+
+ private:
+  const size_function& size_fun_;
+};
+
+/// Asks for those of a few nodes at a time: batches that need no memory.
+class SizesInSmallBatches {
+ public:
+  explicit SizesInSmallBatches(const batch_size_function& size_fun) : size_fun_(size_fun) {}
+
+  void begin_walk(std::size_t /*stretch*/, const Walk& walk) {
+    step_ = walk.goes_forwards() ? &Cell::next : &Cell::prev;
+    n_ = next_ = 0;
+  }
+  /// Needs: the nodes of the walk in their order; some may be left out.
+  double at(const Cell& c) {
+    while (next_ < n_ && nodes_[next_] != &c) ++next_;
+    if (next_ == n_) ask_from(c);
+    return sizes_[next_++];
+  }
+
+ private:
+  void ask_from(const Cell& first) {
+    n_ = next_ = 0;
+    for (const Cell* c = &first; c != nullptr && n_ < most; c = c->*step_) nodes_[n_++] = c;
+    sizes_.fill(std::numeric_limits<double>::quiet_NaN());
+    size_fun_({nodes_.data(), n_}, {sizes_.data(), n_});
+  }
+
+  static constexpr std::size_t most = 64;
+  const batch_size_function& size_fun_;
+  Cell* Cell::*step_ = &Cell::next;
+  std::array<const Cell*, most> nodes_{};
+  std::array<double, most> sizes_{};
+  std::size_t n_ = 0, next_ = 0;
+};
+
+inline SizesOneByOne without_memory(const size_function& size_fun) {
+  return SizesOneByOne(size_fun);
+}
+inline SizesInSmallBatches without_memory(const batch_size_function& size_fun) {
+  return SizesInSmallBatches(size_fun);
+}
+
 /// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
 /// computed once the mesh is in order: broken ones have nodes that have none.
 void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
@@ -77,7 +134,7 @@ bool is_too_fine(double ratio, std::int32_t level);
 bool is_too_coarse_by_threshold(double ratio, std::int32_t level);
 bool is_too_fine_by_threshold(double ratio, std::int32_t level);
 
-/// No update asks for more: nodes above cannot be told apart.
+/// No update asks for more: above every limit, so that what a limit refuses is seen.
 inline constexpr std::int32_t highest_wanted_level = 62;
 /// The lowest level with a spacing of at most dist_0 / ratio. Ratios within a billionth of a
 /// level's own give that level, so that rounding does not decide.
@@ -258,6 +315,11 @@ void insert_centre(State& state, const Site& site);
 /// Inserts the midpoint of an edge, the centre of a diamond that a side may cut in half.
 void insert_midpoint(State& state, const Site& site);
 
+/// Areas of the parents' cells before a node comes between them, where those are wanted.
+struct ParentCells {
+  std::array<double, 4> areas{};
+};
+
 // Steps of an insertion, in their order. All that can fail, callbacks included, comes before the
 // first link is changed.
 
@@ -267,14 +329,17 @@ Site site_of(State& state, std::string_view operation, const Vertex& v, int nb_p
              int (*direction_to)(const Domain& domain, const Cell& parent, const Vertex& v));
 /// First data value of the new node, where it does not come from its parents.
 double initial_data(const State& state, const Site& site);
+/// What data of a new node need to know of the time before it.
+ParentCells parent_cells(const State& state, const Site& site);
 /// A node at the site, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
 Cell& new_cell_at(State& state, const Site& site);
 /// Whether the parents surround a caller's new node: the links between them lead nowhere else, and
 /// back. Wanted before and after links are cut; both kinds of node alike, see insert_node.cpp.
 void check_surroundings(State& state, const Cell& c, const std::array<int, 4>& directions);
-/// Data and derivatives of the new node.
-void set_data(const State& state, const Site& site, Cell& c, double first_value);
+/// Data and derivatives of the new node. All is in place: it may throw what a hook throws.
+void set_data(const State& state, const Site& site, Cell& c, double first_value,
+              const ParentCells& before);
 
 /// Links the new node and a parent that lies in this direction from it.
 inline void link_parent(State& state, Cell& c, int direction, Cell& parent) {
@@ -308,9 +373,50 @@ inline void announce_to(Cell* parent, const Cell& c) {
   parent->area = -1.0;
 }
 
-// First data value of a new node (interpolation.cpp)
+// First data value of a new node, and the same for any value (interpolation.cpp)
+double mean_of_parents(const std::array<Cell*, 4>& parents, std::size_t value);
 void interp_3pts(const Cell* c1, const Cell* c2, const Cell* c3, Cell* c);
 void interp_4pts(const Cell* c1, const Cell* c2, const Cell* c3, const Cell* c4, Cell* c);
+
+// ---------------------------------------------------------------------------------------------
+// Data of nodes that come and go (transfer.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// A value of a node; 0.0 where it has none.
+inline double value_of(const Cell& c, std::size_t value) {
+  return value < c.data.size() ? c.data[value] : 0.0;
+}
+inline bool conserves(const State& state) {
+  return state.transfer == Transfer::conservative && state.n_cell_data > 0;
+}
+/// As cell_area() gives it, at every level and without a word about shapes that are unknown.
+double control_area(const State& state, Cell& c);
+
+/// Values of a new node from the parts of its parents' cells that have become its own, from the
+/// value with this number on.
+void take_from_cells(const State& state, std::span<Cell* const> parents,
+                     const std::array<double, 4>& areas_before, Cell& c, std::size_t first);
+
+/// What a node that goes leaves behind, and to whom.
+class Legacy {
+ public:
+  /// Asks the hook. Needs: the node with all its links; `first` is the direction of one of the four
+  /// that may lead to neighbours.
+  Legacy(const State& state, Cell& c, int first);
+  /// Needs: the neighbours are linked as they will be.
+  void distribute(const State& state) const {
+    if (area_ > 0.0) give_to_heirs(state);
+  }
+
+ private:
+  void give_to_heirs(const State& state) const;
+
+  Cell& c_;
+  std::array<Cell*, 4> heirs_;
+  std::array<double, 4> areas_;
+  std::size_t n_ = 0;
+  double area_ = 0.0;  ///< 0 where nothing is left to anyone
+};
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
@@ -355,16 +461,11 @@ class RingMaker {
   State& state_;
   std::vector<Cell*>& newcomers_;
   std::int64_t most_nodes_;
-  std::vector<Member> deferred_;  ///< until what they rest on is there; no more than levels
+  /// Until what they rest on is there. Each is a level lower than the one before.
+  std::array<Member, highest_wanted_level + 1> deferred_;
+  std::size_t nb_deferred_ = 0;
 };
 
-/// Makes room in a list of nodes; ends the update where no memory is left for it.
-void reserve_nodes(const State& state, std::vector<Cell*>& nodes, std::size_t capacity);
-/// Appends to one, alike.
-inline void push_node(const State& state, std::vector<Cell*>& nodes, Cell* c) {
-  if (nodes.size() == nodes.capacity()) reserve_nodes(state, nodes, 2 * nodes.size() + 64);
-  nodes.push_back(c);
-}
 /// Ends the update: the mesh would need more nodes than it may have.
 [[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
 

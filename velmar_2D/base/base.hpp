@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <limits>
 #include <string>
 
@@ -59,6 +60,19 @@ inline double distance_along(int direction, const Cell& a, const Cell& b) {
 // ---------------------------------------------------------------------------------------------
 // What compilers spell differently
 // ---------------------------------------------------------------------------------------------
+
+// The same input gives the same mesh only where each operation is rounded by itself, to double
+// precision. cmake/compile_options.cmake has the options for it.
+#if defined(__FAST_MATH__) || (defined(__FINITE_MATH_ONLY__) && __FINITE_MATH_ONLY__) || \
+    defined(__ASSOCIATIVE_MATH__) || defined(__RECIPROCAL_MATH__) ||                     \
+    defined(__NO_SIGNED_ZEROS__) || defined(_M_FP_FAST)
+#error "velmar_2d needs exact floating-point arithmetic: no -ffast-math, -Ofast, /fp:fast"
+#endif
+#if (defined(__FLT_EVAL_METHOD__) && (__FLT_EVAL_METHOD__ < 0 || __FLT_EVAL_METHOD__ == 2)) || \
+    (defined(_M_IX86_FP) && _M_IX86_FP < 2)
+#error \
+    "velmar_2d needs arithmetic in double precision, on x86 SSE2: -msse2 -mfpmath=sse, /arch:SSE2"
+#endif
 
 // A procedure that only prefetches has no effect as far as g++ can see, and calls of it none
 // either: it must be a part of its caller.
@@ -118,6 +132,10 @@ inline constexpr double height_tolerance = 1e-9;
 /// Of the largest coordinate. In smaller cells the rounding of coordinates, 1e-16 of them, would
 /// exceed a thousandth of the cell, and soon after two nodes would have one position.
 inline constexpr double smallest_cell = 1e-13;
+/// Lengths, for which any unit can be chosen. Fourth powers of spacings and coordinates occur in
+/// areas and fits, and those of 1e-77 and 1e77 would leave the range of numbers; deep levels take
+/// up to 1e9 of what is left.
+inline constexpr double smallest_dist_0 = 1e-60, farthest_coordinate = 1e60;
 /// Covers the rounding of positions when the length of a link is compared with dist_0, of which it
 /// is a fraction.
 inline constexpr double link_length_margin = 1e-3;
@@ -128,6 +146,10 @@ inline constexpr double link_length_margin = 1e-3;
 inline constexpr double position_tolerance = 1e-12;
 /// A coordinate is good to one rounding; its offset in units of dist_0 passes through a few more.
 inline constexpr double roundings_of_an_offset = 8.0;
+/// The finest spacing of a mesh is at least this many times rounding_of_positions(), 64 roundings
+/// of the largest coordinate. Two neighbours are closer or farther than they should be by two of
+/// those at the most, and lattice_tolerance forgives four.
+inline constexpr double finest_spacing = 8.0;
 /// Parents whose x differs by less than this fraction of the level's spacing lie above or below.
 inline constexpr double same_column = 1e-6;
 
@@ -183,6 +205,12 @@ struct Handlers {
   /// fatal errors are exceptions, and without a handler it prints nothing and waits for nothing.
   const Handlers* defaults = nullptr;
 
+  /// Calls of handlers that have not come back yet.
+  mutable std::atomic<std::int32_t> nb_running = 0;
+  /// Set where one of them deletes the mesh that these belong to: done when it has come back.
+  void (*delete_owner)(void* owner) = nullptr;
+  void* owner = nullptr;
+
   bool of_object() const { return defaults != nullptr; }
 };
 
@@ -192,6 +220,8 @@ void message(const Handlers& handlers, std::string_view block);
 void pause(const Handlers& handlers, std::string_view prompt);
 /// Throws the message block as an Error, or prints it, flushes and ends the process.
 [[noreturn]] void fatal(const Handlers& handlers, std::string_view block);
+/// Prints the message block and ends the process; asks no one.
+[[noreturn]] void end_at_once(std::string_view block);
 /// Shortest decimal text that reads back as the same value.
 std::string to_text(double value);
 
@@ -199,8 +229,41 @@ std::string to_text(double value);
 [[noreturn]] void release_of_missing(const Handlers& handlers, std::string_view name);
 
 // ---------------------------------------------------------------------------------------------
+// Progress (progress.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Tells a caller how far the work is, if there is one who wants to know.
+class ProgressTeller {
+ public:
+  progress_function handler;
+
+  void begin(std::string_view phase, std::int64_t known) {
+    phase_ = phase;
+    done_ = 0;
+    known_ = known;
+    until_look_ = steps_between_looks;
+  }
+  /// Once for each node. May throw what the handler throws.
+  void step() {
+    if (--until_look_ == 0) look();
+  }
+
+ private:
+  static constexpr std::int32_t steps_between_looks = 1024;  // the clock is read no more often
+  void look();
+
+  std::string_view phase_;
+  std::int64_t done_ = 0, known_ = 0;
+  std::int32_t until_look_ = steps_between_looks;
+  std::chrono::steady_clock::time_point next_;
+};
+
+// ---------------------------------------------------------------------------------------------
 // Levels and the lattice (levels.cpp, true_ipos.cpp)
 // ---------------------------------------------------------------------------------------------
+
+/// No limit lies above, wherever the domain is: denominators of offsets are 32-bit integers.
+inline constexpr std::int32_t deepest_level = 60;
 
 /// Base-2 logarithm: natural logarithm divided by log_of_2.
 double log2(double x);
@@ -226,6 +289,8 @@ struct Domain {
   /// Positions can be told exactly, and all squares and diamonds of linked nodes are some: no node
   /// of level 0 was removed, and callers inserted nodes only where refinement would.
   bool lattice_is_whole = false;
+  /// No limit lies above: deeper down the rounding of coordinates shows.
+  std::int32_t deepest_level = detail::deepest_level;
 
   /// Whether a link of this node can lead to a node on a side, told from its position alone.
   bool may_have_neighbour_on_side(const Cell& c) const {
@@ -236,8 +301,12 @@ struct Domain {
 
 /// Notes that all nodes of level 0 are there, and all others where refinement puts them.
 void set_regular(Domain& domain);
-/// The position index of an offset from the lower left corner.
-std::int32_t true_ipos(const Domain& domain, double x, double y);
+/// The position index of an offset from the lower left corner, in a mesh with this limit: up to
+/// level 38 fractions tell it.
+std::int32_t true_ipos(const Domain& domain, double x, double y, std::int32_t limit = 0);
+/// How far a node may be from its place on the lattice.
+double rounding_of_positions(const Domain& domain);
+std::int32_t deepest_level_of(const Domain& domain);
 /// Whether true_ipos() tells positions apart without the tolerance that a domain far away needs.
 bool positions_are_exact(const Domain& domain);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);

@@ -8,16 +8,16 @@ namespace velmar_2d::detail {
 
 namespace {
 
-constexpr int n = linpack_order;
+constexpr int order = linpack_order;
 
 double dasum(const double* v) {
   double sum = 0.0;
-  for (int i = 0; i < n; ++i) sum += std::abs(v[i]);
+  for (int i = 0; i < order; ++i) sum += std::abs(v[i]);
   return sum;
 }
 
 void dscal(double s, double* v) {
-  for (int i = 0; i < n; ++i) v[i] *= s;
+  for (int i = 0; i < order; ++i) v[i] *= s;
 }
 
 /// Scales v to unit 1-norm; the factor.
@@ -40,8 +40,8 @@ double limit(double* v, int k, double bound) {
 /// grows; e and w are scaled down together where an entry would overflow.
 void solve_transposed_u(const double* a, int lda, double* z) {
   double ek = 1.0;
-  for (int j = 0; j < n; ++j) z[j] = 0.0;
-  for (int k = 0; k < n; ++k) {
+  for (int j = 0; j < order; ++j) z[j] = 0.0;
+  for (int k = 0; k < order; ++k) {
     const double pivot = a[k + lda * k];
     if (z[k] != 0.0) ek = std::copysign(ek, -z[k]);
     if (std::abs(ek - z[k]) > std::abs(pivot)) {
@@ -53,7 +53,7 @@ void solve_transposed_u(const double* a, int lda, double* z) {
     double s = std::abs(wk), sm = std::abs(wkm);
     wk = pivot != 0.0 ? wk / pivot : 1.0;
     wkm = pivot != 0.0 ? wkm / pivot : 1.0;
-    for (int j = k + 1; j < n; ++j) {
+    for (int j = k + 1; j < order; ++j) {
       const double entry = a[k + lda * j];
       sm += std::abs(z[j] + wkm * entry);
       z[j] += wk * entry;
@@ -62,7 +62,7 @@ void solve_transposed_u(const double* a, int lda, double* z) {
     if (s < sm) {
       const double t = wkm - wk;
       wk = wkm;
-      for (int j = k + 1; j < n; ++j) z[j] += t * a[k + lda * j];
+      for (int j = k + 1; j < order; ++j) z[j] += t * a[k + lda * j];
     }
     z[k] = wk;
   }
@@ -70,9 +70,9 @@ void solve_transposed_u(const double* a, int lda, double* z) {
 
 /// Solves trans(L) y = w in place, up to a factor.
 void solve_transposed_l(const double* a, int lda, const std::int32_t* ipvt, double* z) {
-  for (int k = n - 1; k >= 0; --k) {
+  for (int k = order - 1; k >= 0; --k) {
     double dot = 0.0;
-    for (int i = k + 1; i < n; ++i) dot += a[i + lda * k] * z[i];
+    for (int i = k + 1; i < order; ++i) dot += a[i + lda * k] * z[i];
     z[k] += dot;
     limit(z, k, 1.0);
     std::swap(z[ipvt[k]], z[k]);
@@ -82,11 +82,11 @@ void solve_transposed_l(const double* a, int lda, const std::int32_t* ipvt, doub
 /// Solves L v = y in place; the factor by which the solution was scaled.
 double solve_l(const double* a, int lda, const std::int32_t* ipvt, double* z) {
   double scale = 1.0;
-  for (int k = 0; k < n; ++k) {
+  for (int k = 0; k < order; ++k) {
     const double t = z[ipvt[k]];
     z[ipvt[k]] = z[k];
     z[k] = t;
-    for (int i = k + 1; i < n; ++i) z[i] += t * a[i + lda * k];
+    for (int i = k + 1; i < order; ++i) z[i] += t * a[i + lda * k];
     scale *= limit(z, k, 1.0);
   }
   return scale;
@@ -95,7 +95,7 @@ double solve_l(const double* a, int lda, const std::int32_t* ipvt, double* z) {
 /// Solves U z = v in place; the factor by which the solution was scaled.
 double solve_u(const double* a, int lda, double* z) {
   double scale = 1.0;
-  for (int k = n - 1; k >= 0; --k) {
+  for (int k = order - 1; k >= 0; --k) {
     const double pivot = a[k + lda * k];
     scale *= limit(z, k, std::abs(pivot));
     z[k] = pivot != 0.0 ? z[k] / pivot : 1.0;
@@ -109,10 +109,10 @@ double solve_u(const double* a, int lda, double* z) {
 
 bool dgefa(double* a, int lda, std::int32_t* ipvt) {
   bool regular = true;
-  for (int k = 0; k < n - 1; ++k) {
+  for (int k = 0; k < order - 1; ++k) {
     double* pivot_column = a + lda * k;
     int l = k;
-    for (int i = k + 1; i < n; ++i) {
+    for (int i = k + 1; i < order; ++i) {
       if (std::abs(pivot_column[i]) > std::abs(pivot_column[l])) l = i;
     }
     ipvt[k] = l;
@@ -122,23 +122,23 @@ bool dgefa(double* a, int lda, std::int32_t* ipvt) {
     }
     std::swap(pivot_column[l], pivot_column[k]);
     const double t = -1.0 / pivot_column[k];
-    for (int i = k + 1; i < n; ++i) pivot_column[i] *= t;
-    for (int j = k + 1; j < n; ++j) {
+    for (int i = k + 1; i < order; ++i) pivot_column[i] *= t;
+    for (int j = k + 1; j < order; ++j) {
       double* column = a + lda * j;
       const double factor = column[l];
       column[l] = column[k];
       column[k] = factor;
-      for (int i = k + 1; i < n; ++i) column[i] += factor * pivot_column[i];
+      for (int i = k + 1; i < order; ++i) column[i] += factor * pivot_column[i];
     }
   }
-  ipvt[n - 1] = n - 1;
-  return regular && a[(n - 1) + lda * (n - 1)] != 0.0;
+  ipvt[order - 1] = order - 1;
+  return regular && a[(order - 1) + lda * (order - 1)] != 0.0;
 }
 
 // The norm of the inverse is estimated by |z| / |y|, where trans(a) y = e and a z = y.
 void dgeco(double* a, int lda, std::int32_t* ipvt, double& rcond, double* z) {
   double anorm = 0.0;
-  for (int j = 0; j < n; ++j) anorm = std::fmax(anorm, dasum(a + lda * j));
+  for (int j = 0; j < order; ++j) anorm = std::fmax(anorm, dasum(a + lda * j));
 
   dgefa(a, lda, ipvt);
 
@@ -155,13 +155,13 @@ void dgeco(double* a, int lda, std::int32_t* ipvt, double& rcond, double* z) {
 }
 
 void dgesl(const double* a, int lda, const std::int32_t* ipvt, double* b) {
-  for (int k = 0; k < n - 1; ++k) {
+  for (int k = 0; k < order - 1; ++k) {
     const double t = b[ipvt[k]];
     b[ipvt[k]] = b[k];
     b[k] = t;
-    for (int i = k + 1; i < n; ++i) b[i] += t * a[i + lda * k];
+    for (int i = k + 1; i < order; ++i) b[i] += t * a[i + lda * k];
   }
-  for (int k = n - 1; k >= 0; --k) {
+  for (int k = order - 1; k >= 0; --k) {
     b[k] /= a[k + lda * k];
     const double t = -b[k];
     for (int i = 0; i < k; ++i) b[i] += t * a[i + lda * k];

@@ -17,11 +17,34 @@ const text_function& chosen(const Handlers& handlers, text_function Handlers::*k
   return own || !handlers.of_object() ? own : handlers.defaults->*kind;
 }
 
+/// A call of a handler, which may delete the mesh that it belongs to.
+class HandlerCall {
+ public:
+  explicit HandlerCall(const Handlers& handlers) : handlers_(handlers) { ++handlers.nb_running; }
+  HandlerCall(const HandlerCall&) = delete;
+  HandlerCall& operator=(const HandlerCall&) = delete;
+  ~HandlerCall() {
+    if (--handlers_.nb_running == 0 && deletes_mesh()) handlers_.delete_owner(handlers_.owner);
+  }
+  bool deletes_mesh() const { return handlers_.delete_owner != nullptr; }
+
+ private:
+  const Handlers& handlers_;
+};
+
+void call(const Handlers& handlers, const text_function& handler, std::string_view text) {
+  const HandlerCall running(handlers);
+  handler(text);
+  if (running.deletes_mesh()) {
+    throw Error("(velmar_2D/Mesh:) ERROR: a handler has deleted the mesh");
+  }
+}
+
 }  // namespace
 
 void message(const Handlers& handlers, std::string_view block) {
   if (const text_function& handler = chosen(handlers, &Handlers::message)) {
-    handler(block);
+    call(handlers, handler, block);
   } else if (!handlers.of_object()) {
     print(block);
     print("\n");
@@ -30,11 +53,11 @@ void message(const Handlers& handlers, std::string_view block) {
 
 void pause(const Handlers& handlers, std::string_view prompt) {
   if (const text_function& handler = chosen(handlers, &Handlers::pause)) {
-    handler(prompt);
+    call(handlers, handler, prompt);
     return;
   }
   const text_function& texts = chosen(handlers, &Handlers::message);
-  if (texts) texts(prompt);
+  if (texts) call(handlers, texts, prompt);
   if (handlers.of_object()) return;
   if (!texts) print(prompt);
   std::fflush(stdout);
@@ -43,9 +66,18 @@ void pause(const Handlers& handlers, std::string_view prompt) {
 }
 
 void fatal(const Handlers& handlers, std::string_view block) {
-  if (const text_function& handler = chosen(handlers, &Handlers::fatal)) handler(block);
+  if (const text_function& handler = chosen(handlers, &Handlers::fatal)) {
+    call(handlers, handler, block);
+  }
   if (handlers.of_object()) throw Error(std::string(block));
   message(handlers, block);
+  std::fflush(stdout);
+  std::exit(EXIT_FAILURE);
+}
+
+void end_at_once(std::string_view block) {
+  print(block);
+  print("\n");
   std::fflush(stdout);
   std::exit(EXIT_FAILURE);
 }

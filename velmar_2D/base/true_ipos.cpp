@@ -3,7 +3,8 @@
 // Offsets are measured in units of dist_0 and told apart by their reduced denominators. Equal
 // denominators 2^k: the centre of a square, level 2k-1. Different ones, the larger being 2^k: the
 // midpoint of a side, level 2k. The fractions come from a continued-fraction expansion with
-// nearest-integer partial quotients.
+// nearest-integer partial quotients; deep down and far from the origin, where other fractions come
+// too close, from the nearest place of the lattice.
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -13,6 +14,9 @@
 namespace velmar_2d::detail {
 
 namespace {
+
+/// Of dist_0, on the finest lattice of all.
+constexpr int most_halvings = deepest_level / 2;
 
 /// The denominator grows by 2 or more with every pass, so a proper expansion needs fewer than 30.
 constexpr int most_passes = 64;
@@ -42,8 +46,32 @@ std::int32_t lattice_denominator(double offset) {
   return 32768 >> std::countr_zero(bits);
 }
 
-std::int32_t expanded_denominator(double offset) {
+/// Denominator of the nearest place of the lattice of spacing dist_0 / 2^halvings.
+std::int32_t nearest_denominator(double offset, int halvings) {
+  constexpr double largest_index = 9.0e15;  // whole numbers up to here are exact
+  const double index = std::nearbyint(std::ldexp(offset, halvings));
+  if (!(std::abs(index) < largest_index)) return 1;
+  const auto bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(index));
+  return std::int32_t{1} << (halvings - std::min(halvings, std::countr_zero(bits)));
+}
+
+/// From this level on an expansion may end on a fraction that is none of the lattice: those with
+/// denominators up to 2^20 differ by 2^-40 only, which is less than position_tolerance.
+constexpr std::int32_t lowest_ambiguous_level = 39;
+
+/// Whether a place of the finest lattice of all is within reach. Offsets off the lattice are by
+/// chance, one in a hundred.
+bool is_near_finest_lattice(double offset) {
+  constexpr double reach = 4.0 * position_tolerance * (std::int64_t{1} << most_halvings);
+  const double multiple = std::ldexp(offset, most_halvings);
+  return std::abs(multiple - std::nearbyint(multiple)) <= reach;
+}
+
+std::int32_t expanded_denominator(double offset, std::int32_t limit) {
   if (const std::int32_t d = lattice_denominator(offset); d != 0) return d;
+  if (limit >= lowest_ambiguous_level && is_near_finest_lattice(offset)) {
+    return nearest_denominator(offset, most_halvings);
+  }
   std::int32_t n = 0, d = 0;
   real_to_rat(n, d, offset);
   return d;
@@ -86,27 +114,24 @@ std::int32_t log2_special(std::int32_t n) {
   return res;
 }
 
-namespace {
-
-/// Away from the origin x - x_min carries the rounding of x itself.
-double tolerance_far_away(const Domain& domain) {
+double rounding_of_positions(const Domain& domain) {
   return roundings_of_an_offset * std::numeric_limits<double>::epsilon() *
-         domain.largest_coordinate / domain.dist_0;
+         domain.largest_coordinate;
 }
 
-/// Denominator of the nearest place on the finest lattice whose places the tolerance tells apart.
-/// An expansion would stop at the first fraction within the tolerance, on the lattice or off it.
-std::int32_t nearest_lattice_denominator(double offset, double tolerance) {
-  constexpr int most_halvings = 30;
-  constexpr double largest_index = 9.0e15;  // whole numbers up to here are exact
-  const int halvings = std::clamp(-1 - std::ilogb(2.0 * tolerance), 0, most_halvings);
-  const double index = std::nearbyint(std::ldexp(offset, halvings));
-  if (!(std::abs(index) < largest_index)) return 1;
-  const auto bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(index));
-  return std::int32_t{1} << (halvings - std::min(halvings, std::countr_zero(bits)));
+namespace {
+
+/// Away from the origin x - x_min carries the rounding of x itself. In units of dist_0.
+double tolerance_far_away(const Domain& domain) {
+  return rounding_of_positions(domain) / domain.dist_0;
 }
 
 }  // namespace
+
+std::int32_t deepest_level_of(const Domain& domain) {
+  const double ratio = domain.dist_0 / (finest_spacing * rounding_of_positions(domain));
+  return 2 * std::clamp(std::ilogb(ratio), 0, most_halvings);
+}
 
 bool positions_are_exact(const Domain& domain) {
   return tolerance_far_away(domain) <= position_tolerance;
@@ -117,11 +142,13 @@ void set_regular(Domain& domain) {
   domain.lattice_is_whole = positions_are_exact(domain);
 }
 
-std::int32_t true_ipos(const Domain& domain, double x, double y) {
+std::int32_t true_ipos(const Domain& domain, double x, double y, std::int32_t limit) {
   const double tolerance = tolerance_far_away(domain);
   const auto denominator = [&](double offset) {
-    return tolerance > position_tolerance ? nearest_lattice_denominator(offset, tolerance)
-                                          : expanded_denominator(offset);
+    // Far away an expansion would stop at the first fraction within the tolerance, on the lattice
+    // or off it.
+    return tolerance > position_tolerance ? nearest_denominator(offset, domain.deepest_level / 2)
+                                          : expanded_denominator(offset, limit);
   };
   const std::int32_t dx = denominator(x / domain.dist_0);
   const std::int32_t dy = denominator(y / domain.dist_0);

@@ -5,7 +5,7 @@ namespace velmar_2d::detail {
 
 double cell_area(const State& state, Cell& c) {
   double area = load_shared(c.area);
-  if (area >= 0.0) return area;
+  if (is_known_area(area)) return area;
   if (const KnownShape* shape = classify(state, c)) {
     area = quick_cell_area(shape->signature) * state.domain.dist_0 * state.domain.dist_0 *
            exact_power_of_2(-c.level);

@@ -154,6 +154,12 @@ const KnownShape* classify(const State& state, Cell& c);
 /// Area for a signature, in units of dist_0^2 / 2^level; negative where no shape is known.
 double quick_cell_area(const Signature& signature);
 
+/// Whether `area` of a node is an area: negative where none is known; above level 30 what an
+/// insertion by the free procedures leaves is negative or infinite.
+inline bool is_known_area(double area) {
+  return area >= 0.0 && area < std::numeric_limits<double>::infinity();
+}
+
 /// Units of length for a node at this level: straight and diagonal.
 inline std::array<double, 2> length_units(const Domain& domain, std::int32_t level) {
   constexpr double sqrt_of_2 = 1.4142135623730951;

@@ -46,12 +46,12 @@ class NodeTable {
   bool contains(const Cell* c) const { return by_address_[find_address(c)] == c; }
 
   /// Brings the slot of a place into the cache: places are spread over the whole table.
-  void prepare(std::uint64_t key) const { prefetch_to_write(&by_place_[key & mask_]); }
+  void prepare(std::uint64_t key) const { prefetch_to_write(&by_place_[slot_of(key)]); }
 
   /// The node at a place, which is `c` from now on where there was none.
   template <typename IsSamePlace>
   const Cell* node_at(std::uint64_t key, const Cell* c, const IsSamePlace& is_same_place) {
-    std::size_t i = key & mask_;
+    std::size_t i = slot_of(key);
     while (by_place_[i].node != nullptr) {
       if (by_place_[i].key == key && is_same_place(*by_place_[i].node)) return by_place_[i].node;
       i = (i + 1) & mask_;
@@ -72,13 +72,15 @@ class NodeTable {
     const Cell* node = nullptr;
   };
 
+  std::size_t slot_of(std::uint64_t key) const { return static_cast<std::size_t>(key) & mask_; }
+
   std::size_t find_address(const Cell* c) const {
     // Nodes that are close in memory are looked up together: they get slots close together. The
     // pages are spread, or many of them could crowd in one part of the table.
     constexpr int bits_within_a_node = 7, bits_kept_together = 12;
     const auto address = reinterpret_cast<std::uintptr_t>(c);
     std::size_t i =
-        ((address >> bits_within_a_node) + spread(address >> bits_kept_together)) & mask_;
+        slot_of((address >> bits_within_a_node) + spread(address >> bits_kept_together));
     while (by_address_[i] != nullptr && by_address_[i] != c) i = (i + 1) & mask_;
     return i;
   }
@@ -95,7 +97,6 @@ struct Check {
   NodeTable nodes;
   std::vector<std::int32_t> nodes_in_stretch;  ///< as far as the list can be followed
   double tolerance = 0.0;               ///< of positions, in units of check.state.domain.dist_0
-  std::int32_t deepest_told = 0;        ///< highest level at which ipos is reliable
   double area = 0.0;                    ///< of all control cells
   std::array<double, 4> side_length{};  ///< of all control cells along n, e, s, w
   bool links_hold = true;               ///< so that areas and sides can be computed
@@ -207,7 +208,7 @@ Place nearest_place(const Domain& domain, const Cell& c, double scale) {
 void check_position(Check& check, const Cell& c, const Place& place, double scale) {
   const double step = check.state.domain.dist_0 / scale,
                margin = check.tolerance * check.state.domain.dist_0;
-  if (std::max(c.level, c.ipos) > check.deepest_told || c.ipos < 0) return;
+  if (c.ipos < 0) return;
   const double off_x = c.x - check.state.domain.x_min - static_cast<double>(place.column) * step;
   const double off_y = c.y - check.state.domain.y_min - static_cast<double>(place.row) * step;
   if (!(std::abs(off_x) <= margin && std::abs(off_y) <= margin)) {
@@ -322,11 +323,8 @@ void check_cell(Check& check, const Cell& c) {
                                 check.state.domain.dist_0 * exact_power_of_2(-c.level)
                           : area_of(polygon_of(check.state.domain, c));
   check.area += area;
-  // An insertion counts with 32-bit powers of two: above level 30 what it caches is no area.
-  constexpr std::int32_t highest_level_with_area = 30;
   const double cached = load_shared(c.area);
-  if (cached >= 0.0 && c.level <= highest_level_with_area &&
-      !(std::abs(cached - area) <= area_tolerance * area)) {
+  if (is_known_area(cached) && !(std::abs(cached - area) <= area_tolerance * area)) {
     check.report("area", "the cached area is not that of the control cell", &c);
   }
   if (found.shape != nullptr) check_shape(check, c, found.signature);
@@ -412,8 +410,6 @@ void find_broken_rules(const State& state, std::vector<Finding>& findings) {
   // As true_ipos() tells positions apart, and twice that for the nodes between two others.
   check.tolerance = std::max(2e-12, 16.0 * std::numeric_limits<double>::epsilon() *
                                         domain.largest_coordinate / domain.dist_0);
-  // Two fractions with denominators up to 2^k may be as close as 1 / 4^k.
-  check.deepest_told = static_cast<std::int32_t>(log2(1.0 / check.tolerance)) - 1;
   check_arrays(check);
   check_list(check);
   check_nodes(check);

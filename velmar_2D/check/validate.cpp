@@ -57,8 +57,11 @@ bool is_whole(const State& state, std::string_view operation, std::vector<Findin
 
 }  // namespace
 
-MeshChange::MeshChange(const State& state, std::string_view operation)
-    : state_(state), operation_(operation), exceptions_before_(std::uncaught_exceptions()) {
+MeshChange::MeshChange(State& state, std::string_view operation, bool needs_arrays)
+    : in_use_(state, operation, needs_arrays),
+      state_(state),
+      operation_(operation),
+      exceptions_before_(std::uncaught_exceptions()) {
   std::vector<Finding> findings;
   was_whole_ = is_whole(state, "", findings);
 }

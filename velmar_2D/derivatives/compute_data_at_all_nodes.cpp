@@ -15,7 +15,11 @@ namespace {
 void compute_by_one_thread(const State& state) {
   Workspace work;
   Walk walk = Walk::to_derive(state.history);
-  for (Cell& c : walk(state.mesh_beg)) compute_data_at_node(state, work, &c);
+  state.progress.begin("derivatives", state.nb_nodes);
+  for (Cell& c : walk(state.mesh_beg)) {
+    compute_data_at_node(state, work, &c);
+    state.progress.step();
+  }
 }
 
 /// Nodes from `first` to before `end`.

@@ -29,7 +29,7 @@ void quick_fit_hessian_6pts(const State& state, int quick_hessian_case, std::int
   const double b3 = neighbours[(first + 2) & 3], b4 = neighbours[(first + 3) & 3];
   const double f0 = list.value[0], f6 = list.value[5];
 
-  const double factor = power_of_2(level) / (state.domain.dist_0 * state.domain.dist_0);
+  const double factor = power_of_2(state, level) / (state.domain.dist_0 * state.domain.dist_0);
   dx2 = (b2 - (f0 + f0) + b4) * factor;
   dy2 = (b1 - (f0 + f0) + b3) * factor;
   dxdy = (f0 - b1 - b2 + f6) * factor;
@@ -188,7 +188,7 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
     const Stencil start = list_1;
     if (!search(fit_hessian_6pts, state, work, c, n_list_1, n_added, n_list_2, d)) {
       list_1 = start;
-      if (!has_fit_level(*c) ||
+      if (!has_fit_level(state, *c) ||
           !search(fit_hessian_centred, state, work, c, n_list_1, n_added, n_list_2, d)) {
         no_stencil_accepted(handlers, *c, n_added);
       }

@@ -135,10 +135,11 @@ inline double least_condition(const Domain& domain, std::int32_t level) {
   constexpr double per_spacing2 = 0.001;
   return per_spacing2 * domain.dist_0 * domain.dist_0 / power_of_2(level);
 }
-/// Levels whose spacing this criterion can express; beyond them no fit is accepted.
-inline bool has_fit_level(const Cell& c) {
+/// Whether a stencil that this criterion refuses may be accepted by the centred one. The criterion
+/// can express spacings up to level 31; beyond, the free procedures accept none.
+inline bool has_fit_level(const State& state, const Cell& c) {
   constexpr std::int32_t highest_fit_level = 31;
-  return c.level >= 0 && c.level <= highest_fit_level;
+  return c.level >= 0 && (c.level <= highest_fit_level || state.handlers.of_object());
 }
 /// The condition estimate from which on centred systems, which know no unit of length, are
 /// accepted: six rows, and normal equations.

@@ -33,7 +33,8 @@ void fit_centred_by_shape(const State& state, Workspace& work, const Cell* c, co
 void fit_if_certain(const State& state, Workspace& work, const Cell* c, const Stencil& list,
                     int n_list, double& dx2, double& dy2, double& dxdy, double& dx, double& dy,
                     bool& fit_hessian_succ) {
-  const FitOperator* op = has_fit_level(*c) ? find_operator(state, work, c, list, n_list) : nullptr;
+  const FitOperator* op =
+      has_fit_level(state, *c) ? find_operator(state, work, c, list, n_list) : nullptr;
   fit_hessian_succ = op != nullptr && acceptance_is_certain(state.domain, *op, c, list);
   if (fit_hessian_succ) apply_operator(state.domain, *op, c, list, n_list, dx2, dy2, dxdy, dx, dy);
 }
@@ -50,7 +51,7 @@ void fit_by_shape(const State& state, Workspace& work, const Cell* c, const Sten
 
 /// A stencil that cannot be changed.
 void fit_as_it_is(const State& state, Workspace& work, const Cell* c, int n_list, Derivatives& d) {
-  if (has_fit_level(*c) && accepts(fit_centred_by_shape, state, work, c, n_list, d)) return;
+  if (has_fit_level(state, *c) && accepts(fit_centred_by_shape, state, work, c, n_list, d)) return;
   if (accepts(fit_hessian_6pts, state, work, c, n_list, d)) return;
   no_stencil_accepted(work.handlers_or(state.handlers), *c, 0);
 }
@@ -59,12 +60,12 @@ void fit_with_candidates(const State& state, Workspace& work, const Cell* c, int
                          int n_added, int n_candidates, Derivatives& d) {
   if (accepts(fit_if_certain, state, work, c, n_list, d)) return;
   const Stencil start = work.list_1;
-  if (!(has_fit_level(*c) &&
+  if (!(has_fit_level(state, *c) &&
         search_is_hopeless(state.domain, c, work.list_1, n_list, work.list_2, n_candidates))) {
     if (search(fit_by_shape, state, work, c, n_list, n_added, n_candidates, d)) return;
     work.list_1 = start;
   }
-  if (has_fit_level(*c) &&
+  if (has_fit_level(state, *c) &&
       search(fit_centred_by_shape, state, work, c, n_list, n_added, n_candidates, d))
     return;
   no_stencil_accepted(work.handlers_or(state.handlers), *c, n_added);

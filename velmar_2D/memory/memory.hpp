@@ -27,6 +27,8 @@ class NodeMemory {
   void* take(std::int32_t stretch);
   /// Takes back the memory of a node that is no more.
   void give_back(void* slot);
+  /// Returns memory to the system where no node lies in it.
+  void release_empty_slabs();
   /// Returns all memory to the system. Needs: every slot has been given back.
   void release_all();
 
@@ -294,7 +296,7 @@ class Walk {
       if (in_history(i)) ahead = TraversalHistory::address((*history_)[i], &c);
       expected_ += direction_;
     } else if (!known_.empty()) {
-      while (known_[next_known_] != &c) ++next_known_;
+      while (next_known_ < known_.size() && known_[next_known_] != &c) ++next_known_;
       ahead = address_of(known_[std::min(next_known_ + entries_ahead, known_.size() - 1)]);
     } else {
       ahead = address_of(&c) + guessed_ahead * (address_of(&c) - address_of(&previous));

@@ -247,6 +247,31 @@ void NodeMemory::give_back(void* slot) {
   append(blocks_[kind], block);
 }
 
+void NodeMemory::release_empty_slabs() {
+  for (NodeSlab** at = &slabs_; *at != nullptr;) {
+    NodeSlab* slab = *at;
+    const std::span blocks(records_of(reinterpret_cast<std::byte*>(slab)), slab->nb_blocks());
+    if (std::any_of(blocks.begin(), blocks.end(),
+                    [](const NodeBlock& block) { return kind_of(block) != empty_kind; })) {
+      at = &slab->next;
+      continue;
+    }
+    for (NodeBlock& block : blocks) {
+      nb_slots_ -= block.nb_slots;
+      if (block.open) {
+        std::replace(open_blocks_.begin(), open_blocks_.end(), &block,
+                     static_cast<NodeBlock*>(nullptr));
+      } else if (block.nb_slots > 0) {
+        remove(blocks_[empty_kind], block);
+      }
+    }
+    bytes_in_slabs_ -= slab->bytes;
+    *at = slab->next;
+    unpoison(slab, slab->bytes);
+    ::operator delete(slab, slab_alignment);
+  }
+}
+
 void NodeMemory::release_all() {
   while (slabs_ != nullptr) {
     NodeSlab* slab = slabs_;

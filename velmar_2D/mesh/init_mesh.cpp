@@ -28,7 +28,7 @@ void check_limit(const State& state, std::int32_t subdiv_max) {
           "        ('subdiv_max' is used to define the number of levels\n"
           "         for subdividing the mesh cells. It must be positive.)");
   }
-  check_subdiv_max(state, "init_mesh", subdiv_max);
+  check_subdiv_max(state, "init_mesh", subdiv_max, deepest_level);
   if (subdiv_max == 0) {
     message(state.handlers,
             "(velmar_2D/init_mesh:) Warning: arg 'subdiv_max' = 0 !\n"
@@ -201,13 +201,25 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
           "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
           "                       the cells are too small for coordinates of this size!");
   }
-  if (std::abs(dx - dy) > dx * square_tolerance) {
+  if (dx < smallest_dist_0 || largest_coordinate() > farthest_coordinate) {
+    fatal(state.handlers,
+          "(velmar_2D/init_mesh:) ERROR: bad arg 'x_min', 'x_max', 'y_min' or 'y_max'\n"
+          "                       cells must be " +
+              to_text(smallest_dist_0) + " wide or more, and coordinates " +
+              to_text(farthest_coordinate) +
+              " or less:\n"
+              "                       choose another unit of length!");
+  }
+  const bool north_side_moves = std::abs(dx - dy) > dx * square_tolerance;
+  if (north_side_moves) {
     dy = dx;
-    y_max = domain.y_max = (ny - 1) * dx + domain.y_min;
-    move_north_side(state, y_max);
+    domain.y_max = (ny - 1) * dx + domain.y_min;
   }
   domain.dist_0 = dx;
   domain.largest_coordinate = largest_coordinate();
+  domain.deepest_level = deepest_level_of(domain);
+  check_subdiv_max(state, "init_mesh", subdiv_max, domain.deepest_level);
+  if (north_side_moves) move_north_side(state, y_max = domain.y_max);
   set_regular(domain);
 
   state.level_beg.clear();

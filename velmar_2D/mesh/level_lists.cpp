@@ -51,6 +51,7 @@ void enter_stretch(State& state, Cell& c) {
   }
   state.level_beg[stretch].next = &c;
   if (head == nullptr) state.level_end[stretch].next = &c;
+  if (c.ipos == 0) state.grid_nodes.forget();
   if (state.stretch_nodes.is_open()) state.stretch_nodes.enter(c);
 }
 
@@ -59,6 +60,7 @@ void leave_stretch(State& state, Cell& c) {
   if (c.ipos == 0) {
     state.domain.longest_link = std::numeric_limits<double>::infinity();
     state.domain.lattice_is_whole = false;
+    state.grid_nodes.forget();
   }
   const auto stretch = static_cast<std::size_t>(c.ipos);
   Cell*& first = state.level_beg[stretch].next;
@@ -81,18 +83,19 @@ void make_level_arrays(State& state, std::int32_t subdiv_max) {
     state.level_beg.resize(size);
     state.level_end.resize(size);
   } catch (const std::bad_alloc&) {
-    allocation_failed(state.handlers, size * sizeof(Handle));
+    allocation_failed(state, size * sizeof(Handle));
   }
 }
 
-void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max) {
-  // Positions can be told apart up to level 62; arrays far beyond that only eat memory.
-  constexpr std::int32_t largest_subdiv_max = 1'000'000;
-  if (subdiv_max <= largest_subdiv_max) return;
+void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max,
+                      std::int32_t deepest) {
+  if (subdiv_max <= deepest) return;
   fatal(state.handlers, "(velmar_2D/" + std::string(operation) + ":) ERROR: arg 'subdiv_max' > " +
-                            std::to_string(largest_subdiv_max) +
+                            std::to_string(deepest) +
                             " !\n"
-                            "        (nodes above level 62 cannot be told apart.)");
+                            "        (nodes above level " +
+                            std::to_string(deepest) + " cannot be told apart" +
+                            (deepest < deepest_level ? " in this domain.)" : ".)"));
 }
 
 }  // namespace velmar_2d::detail

@@ -38,10 +38,11 @@ void cut_links_to(State& state, const Cell* c) {
     }
   }
   if (state.link_sources != nullptr) {
-    state.link_sources->cut_links_to(c);
-  } else {
-    for_all_nodes(state, [c](Cell& from) { cut_links(from, c); });
+    if (state.link_sources->cut_links_to(c)) return;
+    state.link_sources.reset();
+    state.gathers_link_sources = false;
   }
+  for_all_nodes(state, [c](Cell& from) { cut_links(from, c); });
 }
 
 }  // namespace
@@ -55,7 +56,16 @@ LinkSources::LinkSources(const State& state) {
   std::sort(sorted_.begin(), sorted_.end());
 }
 
-void LinkSources::cut_links_to(const Cell* c) {
+void LinkSources::add(const Cell* to, Cell* from) {
+  try {
+    later_.emplace(to, from);
+    gone_.erase(from);
+  } catch (const std::bad_alloc&) {
+    is_complete_ = false;
+  }
+}
+
+bool LinkSources::cut_links_to(const Cell* c) {
   const auto cut = [&](Cell* from) {
     if (!gone_.contains(from)) cut_links(*from, c);
   };
@@ -66,7 +76,12 @@ void LinkSources::cut_links_to(const Cell* c) {
   }
   const auto [begin, end] = later_.equal_range(c);
   for (auto it = begin; it != end; ++it) cut(it->second);
-  gone_.insert(c);
+  try {
+    gone_.insert(c);
+  } catch (const std::bad_alloc&) {
+    is_complete_ = false;
+  }
+  return is_complete_;
 }
 
 GatherLinkSources::~GatherLinkSources() {

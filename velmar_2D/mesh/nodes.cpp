@@ -13,7 +13,7 @@ Cell* new_cell(State& state, std::int32_t stretch) {
           "        (2147483647)");
   }
   void* slot = state.memory.take(stretch);
-  if (slot == nullptr) allocation_failed(state.handlers, sizeof(Cell));
+  if (slot == nullptr) allocation_failed(state, sizeof(Cell));
   auto* c = new (slot) Cell;
   if (state.n_cell_data > 0) {
     try {
@@ -21,8 +21,7 @@ Cell* new_cell(State& state, std::int32_t stretch) {
     } catch (const std::bad_alloc&) {
       c->~Cell();
       state.memory.give_back(c);
-      allocation_failed(state.handlers,
-                        static_cast<std::size_t>(state.n_cell_data) * sizeof(double));
+      allocation_failed(state, static_cast<std::size_t>(state.n_cell_data) * sizeof(double));
     }
   }
   c->id = state.next_id++;
@@ -50,6 +49,7 @@ std::int32_t release_all_nodes(State& state) {
     ++nb_released;
   }
   state.mesh_end = nullptr;
+  state.nb_nodes = 0;  // of a list that a caller has broken not all are found
   for (std::vector<Handle>* ends : {&state.level_beg, &state.level_end}) {
     std::fill(ends->begin(), ends->end(), Handle{});
   }
@@ -57,6 +57,7 @@ std::int32_t release_all_nodes(State& state) {
   state.history.forget();
   state.stretch_nodes.forget();
   state.fit_operators.forget();
+  state.grid_nodes.forget();
   state.links_may_be_one_way = false;
   return nb_released;
 }

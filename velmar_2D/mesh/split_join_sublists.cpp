@@ -3,10 +3,17 @@
 
 namespace velmar_2d::detail {
 
+namespace {
+
+std::size_t nb_stretches(const State& state) {
+  return std::min(state.level_beg.size(), state.level_end.size());
+}
+
+}  // namespace
+
 void split_sublists(State& state) {
   require_mesh(state, "split_sublists");
-  for (std::int32_t l = 0; l <= state.level_max; ++l) {
-    const auto stretch = static_cast<std::size_t>(l);
+  for (std::size_t stretch = 0; stretch < nb_stretches(state); ++stretch) {
     if (state.level_beg[stretch].next == nullptr) continue;
     state.level_beg[stretch].next->prev = nullptr;
     state.level_end[stretch].next->next = nullptr;
@@ -19,8 +26,8 @@ void join_sublists(State& state) {
   require_mesh(state, "join_sublists");
   state.level_range[0] = -1;
   Cell* last = nullptr;
-  for (std::int32_t l = 0; l <= state.level_max; ++l) {
-    const auto stretch = static_cast<std::size_t>(l);
+  for (std::size_t stretch = 0; stretch < nb_stretches(state); ++stretch) {
+    const auto l = static_cast<std::int32_t>(stretch);
     Cell* first = state.level_beg[stretch].next;
     if (first == nullptr) continue;
     if (state.level_range[0] < 0) state.level_range[0] = l;

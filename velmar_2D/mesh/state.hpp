@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -12,6 +13,26 @@
 namespace velmar_2d::detail {
 
 class LinkSources;
+struct State;
+
+/// The nodes of the grid by their place, for those who begin a search there. Made when it is first
+/// asked, by whichever reader comes first, and again where a node of the grid has come or gone.
+class GridNodes {
+ public:
+  /// A node of the grid that is among the nearest, or some other node where the grid has none.
+  /// Needs: a mesh, and a point in its rectangle.
+  const Cell* nearest(const State& state, Point p);
+  /// Told where a node of the grid comes or goes. Needs: no one else asks.
+  void forget() { made_.store(false, std::memory_order_relaxed); }
+
+ private:
+  void make(const State& state);
+
+  std::mutex making_;
+  std::atomic<bool> made_ = false;
+  std::size_t columns_ = 0, rows_ = 0;
+  std::vector<const Cell*> nodes_;  ///< row by row from the south-west
+};
 
 /// One mesh. Made and gone with it, so that forgetting is destruction.
 struct State {
@@ -37,9 +58,12 @@ struct State {
   std::int32_t n_cell_data = 0;
   bool data_interpolation = true;
   init_data_function init_data_ptr;
+  Transfer transfer = Transfer::first;
+  NodeHooks hooks;
   bc_type_function bc_type_ptr;
   Handlers handlers;
   UpdateStatistics update_statistics;
+  mutable ProgressTeller progress;  ///< also of what changes no mesh
 
   /// Whether some link may not be mutual any more, because a caller inserted a node among nodes
   /// that do not surround it. From then on removals look for links to the node; false again with
@@ -48,13 +72,20 @@ struct State {
   /// The mesh_revision that the last resolve left; while it is that, only parents are linked from
   /// whole rings, and levels count those. 0: unknown.
   std::uint64_t resolved_revision = 0;
+  bool surplus_has_gone = false;              ///< it ended well: all nodes are wanted, or rested on
   bool gathers_link_sources = false;          ///< many nodes are about to be removed
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
+  bool has_another_way = false;               ///< see AnotherWay
+
+  std::string_view in_use_by;  ///< the operation that is changing the mesh; empty: none, see InUse
+  bool is_refusing = false;    ///< another one, which a callback or a handler has called
+  bool is_orphan = false;      ///< its Mesh has gone meanwhile: the operation deletes it at its end
 
   NodeMemory memory;
   TraversalHistory history;
   StretchNodes stretch_nodes;
   mutable FitOperators fit_operators;  ///< a cache: does not count as a change of the mesh
+  mutable GridNodes grid_nodes;        ///< likewise
 
   // The caller's own, see velmar_2D.hpp.
   std::vector<Handle> tmp_beg, tmp_end;
@@ -63,6 +94,14 @@ struct State {
   /// Whether the node list is cut into one list per stretch.
   bool lists_are_split() const { return mesh_beg == nullptr && nb_nodes > 0; }
 };
+
+/// 2^level as areas and second derivatives count it: an object exactly, the free procedures with
+/// power_of_2().
+inline double power_of_2(const State& state, std::int32_t level) {
+  constexpr std::int32_t highest_alike = 30;
+  return level > highest_alike && state.handlers.of_object() ? exact_power_of_2(level)
+                                                             : power_of_2(level);
+}
 
 /// The mesh that the free procedures and the library-wide variables are the window of.
 State& default_state();
@@ -77,6 +116,44 @@ void delete_mesh(State& state);
 
 /// Ends the process with a message that names the operation if there is no mesh.
 void require_mesh(const State& state, std::string_view operation);
+
+/// Held by every operation that changes the mesh or its list. Callbacks and handlers that come back
+/// in the middle of one are refused, and so is a mesh whose level arrays do not fit `level_max`.
+class InUse {
+ public:
+  /// @param operation     as callers know it; never goes
+  /// @param needs_arrays  false: makes or deletes them
+  InUse(State& state, std::string_view operation, bool needs_arrays = true);
+  ~InUse() noexcept(false);
+  InUse(const InUse&) = delete;
+  InUse& operator=(const InUse&) = delete;
+
+ private:
+  State& state_;
+  int exceptions_before_;
+};
+/// Refuses an operation where the mesh is in use.
+void require_no_use(State& state, std::string_view operation);
+/// Deletes the state of a mesh that is an object, at once or when no one uses it any more.
+void delete_state(State* state);
+
+/// Memory is exhausted, in an operation that can go on in another way.
+struct Exhausted {
+  std::size_t bytes;  ///< that were asked for
+};
+
+/// Exhausted memory is no end yet while this scope lasts: it leaves it as an Exhausted.
+class AnotherWay {
+ public:
+  explicit AnotherWay(State& state) : state_(state) { state.has_another_way = true; }
+  AnotherWay(const AnotherWay&) = delete;
+  AnotherWay& operator=(const AnotherWay&) = delete;
+  ~AnotherWay() { state_.has_another_way = false; }
+
+ private:
+  State& state_;
+};
+[[noreturn]] void allocation_failed(const State& state, std::size_t bytes);
 
 // ---------------------------------------------------------------------------------------------
 // Single nodes (nodes.cpp): the one place that creates them and the one that releases them
@@ -106,6 +183,8 @@ inline double first_data(const Cell& c) { return c.data.empty() ? 0.0 : c.data[0
 
 void split_sublists(State& state);
 void join_sublists(State& state);
+/// Ends an operation that does not find the nodes it knows in the list.
+[[noreturn]] void list_was_changed(const State& state, std::string_view operation);
 
 /// Joins the list at the end of a scope that splits it, however the scope is left.
 class JoinAtEnd {
@@ -126,10 +205,16 @@ void enter_stretch(State& state, Cell& c);
 /// Takes a node out of its stretch, in the joined and in the split state.
 void leave_stretch(State& state, Cell& c);
 
+/// The last stretch that may hold nodes; `level_max`, unless a caller has written there.
+inline std::int32_t highest_stretch(const State& state) {
+  return std::min(state.level_max, static_cast<std::int32_t>(state.level_beg.size()) - 1);
+}
+
 /// Gives the level arrays room for a limit, keeping their entries.
 void make_level_arrays(State& state, std::int32_t subdiv_max);
-/// Ends the process if the limit is beyond any use.
-void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max);
+/// Ends the process if the limit lies above the deepest level whose nodes can be told apart.
+void check_subdiv_max(const State& state, std::string_view operation, std::int32_t subdiv_max,
+                      std::int32_t deepest);
 
 // ---------------------------------------------------------------------------------------------
 // Links (links.cpp)
@@ -141,14 +226,13 @@ class LinkSources {
  public:
   explicit LinkSources(const State& state);
   /// Notes a new link, of a node that may be new itself.
-  void add(const Cell* to, Cell* from) {
-    later_.emplace(to, from);
-    gone_.erase(from);
-  }
-  /// Empties all links to a node that is about to leave the mesh.
-  void cut_links_to(const Cell* c);
+  void add(const Cell* to, Cell* from);
+  /// Empties all links to a node that is about to leave the mesh. False where memory was exhausted
+  /// in the meantime, and not all sources are known.
+  bool cut_links_to(const Cell* c);
 
  private:
+  bool is_complete_ = true;
   std::vector<std::pair<const Cell*, Cell*>> sorted_;  ///< target and source, at first
   std::unordered_multimap<const Cell*, Cell*> later_;  ///< those that have come since
   std::unordered_set<const Cell*> gone_;               ///< sources that are no nodes any more

@@ -1,0 +1,259 @@
+// Values from one mesh to another.
+//
+// Conservative: a control cell of the one mesh takes from each of the other mesh that lies under it
+// the value times the area that both share,
+//
+//        +---------+
+//        |  +------|----+        value = sum of (shared area x value below) / sum of shared areas
+//        |  |//////|    |
+//        +---------+    |
+//           +-----------+
+//
+// Both are convex, so that the shared part is the one polygon cut by the edges of the other. The
+// cells below are found one from the next: through each edge of a shared part that is a face below,
+// the next one lies.
+#include <cmath>
+#include <limits>
+#include <new>
+#include <unordered_set>
+
+#include "velmar_2D/find/find.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+/// A convex polygon that edges of other cells have cut. Each edge knows the face of the cell below
+/// that it is a part of, -1: of none.
+struct SharedPart {
+  struct Corner {
+    double x, y;
+    int edge;  ///< the one from here to the next corner
+  };
+  /// Each of two polygons adds its edges; rounding might add one at each cut.
+  static constexpr std::size_t capacity = 4 * max_cell_corners;
+  std::size_t n = 0;
+  std::array<Corner, capacity> corners;
+
+  void add(const Corner& c) {
+    if (n < capacity) corners[n++] = c;
+  }
+  const Corner& after(std::size_t i) const { return corners[i + 1 < n ? i + 1 : 0]; }
+
+  /// Keeps what lies to the left of a line from a to b, which becomes the edge of that number.
+  void cut(const Point& a, const Point& b, int edge) {
+    const double dx = b.x - a.x, dy = b.y - a.y;
+    const auto left = [&](const Corner& p) { return dx * (p.y - a.y) - dy * (p.x - a.x); };
+    bool all_left = true;
+    std::array<double, capacity> side;
+    for (std::size_t i = 0; i < n; ++i) {
+      side[i] = left(corners[i]);
+      all_left = all_left && side[i] >= 0.0;
+    }
+    if (all_left) return;
+    SharedPart kept;
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::size_t j = i + 1 < n ? i + 1 : 0;
+      const Corner &p = corners[i], &q = corners[j];
+      const auto crossing = [&](int edge_there) {
+        const double share = side[i] / (side[i] - side[j]);
+        return Corner{p.x + share * (q.x - p.x), p.y + share * (q.y - p.y), edge_there};
+      };
+      if (side[i] >= 0.0) {
+        kept.add(p);
+        if (side[j] < 0.0) kept.add(crossing(edge));
+      } else if (side[j] > 0.0) {
+        kept.add(crossing(p.edge));
+      }
+    }
+    *this = kept;
+  }
+
+  double area() const {
+    double twice = 0.0;
+    for (std::size_t i = 2; i < n; ++i) {
+      const Corner &a = corners[0], &b = corners[i - 1], &c = corners[i];
+      twice += (b.x - a.x) * (c.y - a.y) - (c.x - a.x) * (b.y - a.y);
+    }
+    return 0.5 * twice;
+  }
+};
+
+/// The control cell of a node, relative to it, with the direction of each face; sides of the domain
+/// are 8 and more.
+Polygon cell_below(const Domain& domain, const Cell& c) {
+  const KnownShape* shape = look_at(domain, c).shape;
+  if (shape == nullptr) return polygon_of(domain, c);
+  Polygon polygon = polygon_of(*shape);
+  const double unit = length_units(domain, c.level)[0];
+  for (std::size_t i = 0; i < polygon.n; ++i) {
+    polygon.corners[i].x *= unit;
+    polygon.corners[i].y *= unit;
+  }
+  return polygon;
+}
+
+/// The nodes that were met under one cell. Few, mostly.
+class Met {
+ public:
+  void clear() {
+    nodes_.clear();
+    table_.clear();
+  }
+  std::size_t size() const { return nodes_.size(); }
+  const Cell* operator[](std::size_t i) const { return nodes_[i]; }
+  void add(const Cell* c) {
+    constexpr std::size_t few = 32;
+    if (nodes_.size() < few) {
+      if (std::find(nodes_.begin(), nodes_.end(), c) != nodes_.end()) return;
+    } else {
+      if (table_.empty()) table_.insert(nodes_.begin(), nodes_.end());
+      if (!table_.insert(c).second) return;
+    }
+    nodes_.push_back(c);
+  }
+
+ private:
+  std::vector<const Cell*> nodes_;
+  std::unordered_set<const Cell*> table_;
+};
+
+/// The polygon of a control cell, relative to its node, cut by the rectangle of another mesh.
+SharedPart part_inside(const Domain& domain, const Domain& other, const Cell& c) {
+  const Polygon polygon = cell_below(domain, c);
+  SharedPart part;
+  for (std::size_t i = 0; i < polygon.n; ++i) {
+    part.add({polygon.corners[i].x, polygon.corners[i].y, -1});
+  }
+  const double west = other.x_min - c.x, east = other.x_max - c.x;
+  const double south = other.y_min - c.y, north = other.y_max - c.y;
+  part.cut({west, south}, {east, south}, -1);
+  part.cut({east, south}, {east, north}, -1);
+  part.cut({east, north}, {west, north}, -1);
+  part.cut({west, north}, {west, south}, -1);
+  return part;
+}
+
+class Conservative {
+ public:
+  Conservative(const State& from, const State& to, std::size_t nb_values)
+      : from_(from), to_(to), sums_(nb_values) {}
+
+  /// The mean of each value under a control cell; false where nothing lies there.
+  bool mean(const Cell& c, const Cell* first, std::span<double> means) {
+    std::fill(sums_.begin(), sums_.end(), 0.0);
+    const SharedPart whole = part_inside(to_.domain, from_.domain, c);
+    double shared = 0.0;
+    met_.clear();
+    met_.add(first);
+    for (std::size_t i = 0; i < met_.size(); ++i) shared += take_from(*met_[i], c, whole);
+    if (!(shared > 0.0)) return false;
+    for (std::size_t k = 0; k < means.size(); ++k) means[k] = sums_[k] / shared;
+    return true;
+  }
+
+ private:
+  double take_from(const Cell& below, const Cell& c, SharedPart part) {
+    const Polygon polygon = cell_below(from_.domain, below);
+    const double x = below.x - c.x, y = below.y - c.y;
+    for (std::size_t i = 0; i < polygon.n && part.n > 2; ++i) {
+      const Polygon::Corner &a = polygon.corners[i], &b = polygon.after(i);
+      part.cut({a.x + x, a.y + y}, {b.x + x, b.y + y}, a.edge);
+    }
+    const double area = part.n > 2 ? part.area() : 0.0;
+    if (!(area > 0.0)) return 0.0;
+    for (std::size_t k = 0; k < sums_.size(); ++k) {
+      sums_[k] += area * (k < below.data.size() ? below.data[k] : 0.0);
+    }
+    for (std::size_t i = 0; i < part.n; ++i) {
+      const int edge = part.corners[i].edge;
+      if (edge < 0 || edge >= nb_directions) continue;
+      if (const Cell* next = link(below, edge).cell()) met_.add(next);
+    }
+    return area;
+  }
+
+  const State &from_, &to_;
+  std::vector<double> sums_;
+  Met met_;
+};
+
+std::size_t common_values(const State& from, const State& to) {
+  return static_cast<std::size_t>(std::max(0, std::min(from.n_cell_data, to.n_cell_data)));
+}
+
+/// Writes only when all is known: an exception changes nothing, and both may be the same mesh.
+std::int64_t write(State& to, std::span<const Cell* const> found, std::span<const double> values,
+                   std::size_t nb_values) {
+  std::int64_t nb_written = 0;
+  std::size_t i = 0;
+  for_each_node(to, [&](Cell& c) {
+    if (found[i] != nullptr) {
+      const std::size_t nb_here = std::min(nb_values, c.data.size());
+      std::copy_n(values.begin() + static_cast<std::ptrdiff_t>(i * nb_values), nb_here,
+                  c.data.begin());
+      ++nb_written;
+    }
+    ++i;
+  });
+  return nb_written;
+}
+
+std::size_t size_of(const State& state) { return static_cast<std::size_t>(state.nb_nodes); }
+
+std::int64_t transfer_by_areas(const State& from, State& to, std::size_t nb_values) {
+  std::vector<Point> inside = make_table<Point>(to, size_of(to));
+  std::vector<const Cell*> found = make_table<const Cell*>(to, size_of(to));
+  std::vector<double> values = make_table<double>(to, size_of(to) * nb_values);
+  std::size_t i = 0;
+  for_each_node(to, [&](const Cell& c) {
+    constexpr double nowhere = std::numeric_limits<double>::quiet_NaN();
+    const SharedPart part = part_inside(to.domain, from.domain, c);
+    double x = 0.0, y = 0.0;
+    for (std::size_t k = 0; k < part.n; ++k) {
+      x += part.corners[k].x;
+      y += part.corners[k].y;
+    }
+    const auto n = static_cast<double>(part.n);
+    const bool has_area = part.n > 2 && part.area() > 0.0;
+    inside[i++] = has_area ? Point{c.x + x / n, c.y + y / n} : Point{nowhere, nowhere};
+  });
+  locate_many(from, inside, found);
+  Conservative conservative(from, to, nb_values);
+  i = 0;
+  for_each_node(to, [&](const Cell& c) {
+    const std::span<double> here = std::span(values).subspan(i * nb_values, nb_values);
+    if (found[i] != nullptr && !conservative.mean(c, found[i], here)) found[i] = nullptr;
+    ++i;
+  });
+  return write(to, found, values, nb_values);
+}
+
+}  // namespace
+
+std::int64_t transfer(const State& from, State& to, Interpolation how) {
+  const std::size_t nb_values = common_values(from, to);
+  std::vector<Point> points = make_table<Point>(to, size_of(to));
+  std::vector<const Cell*> found = make_table<const Cell*>(to, size_of(to));
+  std::vector<double> values = make_table<double>(to, size_of(to) * nb_values);
+  std::size_t i = 0;
+  for_each_node(to, [&](const Cell& c) { points[i++] = {c.x, c.y}; });
+  locate_many(from, points, found);
+  for (i = 0; i < found.size(); ++i) {
+    if (found[i] == nullptr) continue;
+    const Blend blend = blend_at(*found[i], points[i], how);
+    for (std::size_t k = 0; k < nb_values; ++k) values[i * nb_values + k] = blend.value(k);
+  }
+  return write(to, found, values, nb_values);
+}
+
+std::int64_t transfer_conservative(const State& from, State& to) {
+  const std::size_t nb_values = common_values(from, to);
+  try {
+    return transfer_by_areas(from, to, nb_values);
+  } catch (const std::bad_alloc&) {
+    allocation_failed(to.handlers, size_of(from) * sizeof(void*));
+  }
+}
+
+}  // namespace velmar_2d::detail
