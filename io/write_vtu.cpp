@@ -252,7 +252,7 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
 // Files
 // ---------------------------------------------------------------------------------------------
 
-pugi::xml_node add_root(pugi::xml_document& document, const char* type) {
+pugi::xml_node add_root(pugi::xml_node document, const char* type) {
   pugi::xml_node root = child(document, "VTKFile");
   set(root, "type", type);
   set(root, "version", "1.0");
