@@ -74,7 +74,7 @@ double width_of(cairo_t* pen, const std::string& text) {
 }
 
 /// Two texts of one row, centred at their columns where they neither touch nor leave the paper.
-void write_pair(cairo_t* pen, std::array<double, 2> columns, double row,
+void write_pair(cairo_t* pen, const std::array<double, 2>& columns, double row,
                 const std::array<std::string, 2>& texts, double paper_width) {
   constexpr double gap = 12.0, rim = 4.0;
   const std::array<double, 2> widths = {width_of(pen, texts[0]), width_of(pen, texts[1])};

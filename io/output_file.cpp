@@ -15,9 +15,9 @@ namespace fs = std::filesystem;
 /// Where symbolic links lead, also to a file that is not there yet.
 fs::path target_of(fs::path path) {
   constexpr int most_links = 40;
-  std::error_code error;
-  for (int i = 0; i < most_links && fs::is_symlink(fs::symlink_status(path, error)); ++i) {
-    path = path.parent_path() / fs::read_symlink(path, error);
+  std::error_code ignored;
+  for (int i = 0; i < most_links && fs::is_symlink(fs::symlink_status(path, ignored)); ++i) {
+    path = path.parent_path() / fs::read_symlink(path, ignored);
   }
   return path;
 }
@@ -25,8 +25,8 @@ fs::path target_of(fs::path path) {
 }  // namespace
 
 OutputFile::OutputFile(std::string path) : path_(std::move(path)), target_(path_) {
-  std::error_code error;
-  const fs::file_status there = fs::status(path_, error);
+  std::error_code ignored;
+  const fs::file_status there = fs::status(path_, ignored);
   if (fs::exists(there) && !fs::is_regular_file(there)) {
     file_ = std::fopen(path_.c_str(), "wb");
     if (file_ == nullptr) fail(std::strerror(errno));
@@ -43,7 +43,7 @@ OutputFile::OutputFile(std::string path) : path_(std::move(path)), target_(path_
       return;
     }
   }
-  if (fs::exists(there)) fs::permissions(beside_, there.permissions(), error);
+  if (fs::exists(there)) fs::permissions(beside_, there.permissions(), ignored);
 }
 
 OutputFile::~OutputFile() {

@@ -224,6 +224,36 @@ double shared(const double& value) {
   return std::atomic_ref<double>(const_cast<double&>(value)).load(std::memory_order_relaxed);
 }
 
+constexpr std::array<const char*, 7> own_names = {"id",   "level",     "ipos",      "on_boundary",
+                                                  "area", "grad_data", "grad2_data"};
+
+std::size_t most_data(const Mesh& mesh) {
+  std::size_t most = 0;
+  for (const Cell& node : mesh.nodes()) most = std::max(most, node.data.size());
+  return most;
+}
+
+std::string name_of(std::size_t value) { return "data_" + std::to_string(value + 1); }
+
+/// What is wrong with the names of the data values; empty: nothing.
+std::string fault_of(const std::vector<std::string>& names, std::size_t nb_data) {
+  if (names.size() > nb_data) {
+    return "there are " + std::to_string(names.size()) + " data_names for " +
+           std::to_string(nb_data) + " data values";
+  }
+  for (auto name = names.begin(); name != names.end(); ++name) {
+    if (name->empty()) return "one of the data_names is empty";
+    if (std::find(names.begin(), name, *name) != name) return *name + " is twice among data_names";
+    if (std::find(own_names.begin(), own_names.end(), *name) != own_names.end()) {
+      return *name + " among data_names is what the file calls a field of the nodes";
+    }
+    for (std::size_t i = names.size(); i < nb_data; ++i) {
+      if (*name == name_of(i)) return *name + " among data_names is what another value is called";
+    }
+  }
+  return {};
+}
+
 void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
                 const std::vector<const Cell*>& nodes, const std::vector<std::string>& data_names) {
   const auto add = [&](const std::string& name, auto&& value_of) {
@@ -240,10 +270,8 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
   add("grad_data", [](const Cell& node) { return shared(node.grad_data); });
   add("grad2_data", [](const Cell& node) { return shared(node.grad2_data); });
 
-  std::size_t nb_data = 0;
-  for (const Cell* node : nodes) nb_data = std::max(nb_data, node->data.size());
-  for (std::size_t i = 0; i < nb_data; ++i) {
-    add(i < data_names.size() ? data_names[i] : "data_" + std::to_string(i + 1),
+  for (std::size_t i = 0, n = most_data(mesh); i < n; ++i) {
+    add(i < data_names.size() ? data_names[i] : name_of(i),
         [i](const Cell& node) { return i < node.data.size() ? node.data[i] : 0.0; });
   }
 }
@@ -252,7 +280,7 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
 // Files
 // ---------------------------------------------------------------------------------------------
 
-pugi::xml_node add_root(pugi::xml_document& document, const char* type) {
+pugi::xml_node add_root(pugi::xml_node document, const char* type) {
   pugi::xml_node root = child(document, "VTKFile");
   set(root, "type", type);
   set(root, "version", "1.0");
@@ -273,6 +301,9 @@ std::string as_text(const pugi::xml_document& document) {
 
 std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) try {
   if (mesh.size() == 0) return path + ": there is no mesh to write";
+  if (const std::string fault = fault_of(options.data_names, most_data(mesh)); !fault.empty()) {
+    return path + ": " + fault;
+  }
   OutputFile file(path);
   if (!file.error().empty()) return file.error();
 

@@ -302,6 +302,23 @@ TEST_F(Pictures, FailureLeavesNoTrace) {
   EXPECT_EQ(nb_files(), 2u);
 }
 
+// ParaView keeps one of two fields of one name.
+TEST_F(Pictures, NamesOfDataAreRefusedWhereTheyWouldHideOneAnother) {
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data.resize(2);
+  const std::string path = (folder / "named.vtu").string();
+  const auto outcome = [&](const std::vector<std::string>& names) {
+    io::VtuOptions options;
+    options.data_names = names;
+    return io::write_vtu(path, options);
+  };
+  EXPECT_EQ(outcome({"a", "b"}), "");
+  EXPECT_EQ(outcome({"a"}), "");
+  for (const std::vector<std::string>& names : std::vector<std::vector<std::string>>{
+           {"a", "a"}, {"level"}, {"data_2"}, {"a", "b", "c"}, {""}}) {
+    EXPECT_NE(outcome(names).find("data_names"), std::string::npos) << names[0];
+  }
+}
+
 // A link keeps leading where it led, a pipe gets the bytes, a file keeps who may read it.
 TEST_F(Pictures, GoWhereThePathLeads) {
   const auto draw = [&](const fs::path& path) {

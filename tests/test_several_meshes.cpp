@@ -132,17 +132,7 @@ void expect_the_same_together(const auto& plans) {
   }
 }
 
-class SeveralMeshes : public MeshTest {
- protected:
-  void SetUp() override {
-    MeshTest::SetUp();
-    message_handler = pause_handler = [](std::string_view) {};
-  }
-  void TearDown() override {
-    MeshTest::TearDown();
-    message_handler = pause_handler = nullptr;
-  }
-};
+using SeveralMeshes = QuietMeshTest;
 
 TEST_F(SeveralMeshes, GoTheWayOfEachAlone) {
 #if defined(VELMAR_2D_SANITIZE_THREADS)

@@ -61,17 +61,7 @@ Mesh graded_mesh(const Rectangle& rectangle, std::int32_t nx, double x, double f
   return mesh;
 }
 
-class ValuesAnywhere : public MeshTest {
- protected:
-  void SetUp() override {
-    MeshTest::SetUp();
-    message_handler = pause_handler = [](std::string_view) {};
-  }
-  void TearDown() override {
-    MeshTest::TearDown();
-    message_handler = pause_handler = nullptr;
-  }
-};
+using ValuesAnywhere = QuietMeshTest;
 
 // ---------------------------------------------------------------------------------------------
 // Nodes

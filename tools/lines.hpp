@@ -49,6 +49,9 @@ struct Fault {
   std::string reason;
 };
 
+/// The ending of a file, in small letters, with its dot.
+std::string extension_of(const std::string& path);
+
 /// Reads a GeoJSON file (.json, .geojson) or a plain text file.
 ///
 /// GeoJSON: all geometries of all features; positions are taken as x and y. Text: two numbers a

@@ -62,7 +62,7 @@ class Reader {
   bool number_float(double value, const std::string& /*text*/) { return take_number(value); }
   bool binary(Json::binary_t& /*value*/) { return take_scalar(false); }  // no JSON text holds any
 
-  bool string(std::string& text) {
+  bool string(const std::string& text) {
     if (is_in(Place::object) && objects_.back().awaited == Member::type) {
       objects_.back().type = text;
       return true;

@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -46,6 +48,14 @@ void read_text(std::istream& file, bool scattered, Lines& lines) {
 
 }  // namespace
 
+std::string extension_of(const std::string& path) {
+  std::string extension = std::filesystem::path(path).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(), [](char letter) {
+    return static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+  });
+  return extension;
+}
+
 std::string read_lines(const std::string& path, bool scattered, Lines& lines) {
   std::error_code no_status;
   if (std::filesystem::is_directory(path, no_status)) return path + ": Is a directory";
@@ -53,7 +63,7 @@ std::string read_lines(const std::string& path, bool scattered, Lines& lines) {
   if (!file) return path + ": " + std::strerror(errno);
   Lines found;
   try {
-    const std::string extension = std::filesystem::path(path).extension().string();
+    const std::string extension = extension_of(path);
     const bool is_json = extension == ".json" || extension == ".geojson";
     // No point takes less of a file than "[1,2]," or "1 2" and the end of its line.
     const std::uintmax_t size = std::filesystem::file_size(path, no_status);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <numbers>
@@ -118,17 +119,27 @@ std::string read_line_file(const FieldOptions& options, SizeField& field) {
   return {};
 }
 
+/// Something with an ending that no expression has, such as "bay.geojsn".
+bool looks_like_a_file(const std::string& text, const std::string& extension) {
+  const auto is_letter = [](char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; };
+  return (extension.size() > 1 && is_letter(extension[1])) || std::filesystem::exists(text);
+}
+
 }  // namespace
 
 std::string read_field(const FieldOptions& options, SizeField& field) {
   static constexpr std::array<const char*, 6> line_files = {".geojson", ".json", ".txt",
                                                             ".csv",     ".dat",  ".xy"};
-  const std::string extension = std::filesystem::path(options.text).extension().string();
+  const std::string extension = extension_of(options.text);
   if (extension == ".png") return read_picture(options, field);
   if (std::find(line_files.begin(), line_files.end(), extension) != line_files.end()) {
     return read_line_file(options, field);
   }
-  return read_expression(options, field);
+  std::string error = read_expression(options, field);
+  if (error.empty() || !looks_like_a_file(options.text, extension)) return error;
+  std::string kinds = ".png";
+  for (const char* kind : line_files) kinds += std::string(", ") + kind;
+  return options.text + ": no expression, and no kind of file that is read (" + kinds + ")";
 }
 
 }  // namespace velmar_2d::tools

@@ -3,8 +3,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -177,6 +179,24 @@ int print_stats(const Mesh& mesh, const tools::Domain& domain, const tools::Outc
   return 0;
 }
 
+/// What was printed may still be on its way.
+int with_output_written(int status) {
+  const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  return is_written || status != 0 ? status
+                                   : fail(std::string("standard output: ") + std::strerror(errno));
+}
+
+/// The line for a command that there is not, with the one that is meant.
+std::string unknown_command(const std::string& command) {
+  for (const char* known : {"draw", "vtu", "stats"}) {
+    if (std::is_permutation(command.begin(), command.end(), known, known + std::strlen(known)) ||
+        std::string_view(known).starts_with(command.substr(0, 2))) {
+      return command + " is no command; " + known + " is one";
+    }
+  }
+  return command + " is no command; draw, vtu and stats are";
+}
+
 // ---------------------------------------------------------------------------------------------
 // From the command line to a mesh
 // ---------------------------------------------------------------------------------------------
@@ -247,6 +267,9 @@ int run(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::Success& wish) {
     return app.exit(wish);
+  } catch (const CLI::RequiredError& error) {
+    const bool has_command = !app.get_subcommands().empty() || argc < 2 || argv[1][0] == '-';
+    return fail(has_command ? error.what() : unknown_command(argv[1]));
   } catch (const CLI::Error& error) {
     return fail(error.what());
   }
@@ -293,7 +316,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    return with_output_written(run(argc, argv));
   } catch (const std::bad_alloc&) {
     return fail("memory is exhausted");
   } catch (const std::exception& error) {

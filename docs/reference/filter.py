@@ -17,6 +17,7 @@ def page(path, text):
     text = re.sub(r"(!\[[^]]*\]\()[\w/.]*pictures/", r"\1", text)
     text = re.sub(r"\[([^]]+)\]\([\w/.]*?(\w+)\.hpp\)", r'\\ref \2 "\1"', text)
     text = re.sub(r"(\]\()(?:\.\./)?examples/(?:python/)?", r"\1", text)
+    text = re.sub(r"(\]\(\w+\.md)#[\w-]+\)", r"\1)", text)  # it knows sections of the same page only
     text = text.replace("](LICENSE)", "](./LICENSE)")
     if path.name != "README.md":
         return text

@@ -142,7 +142,7 @@ struct VELMAR_2D_WITH_VECTORS VtuOptions {
   VtuCells cells = VtuCells::triangles;
   bool ascii = false;  ///< numbers as text, readable back to the last bit
   std::vector<std::string> data_names =
-      {};  ///< names of the data values; none: "data_1", "data_2" ...
+      {};  ///< names of the first data values, none of them twice; others: "data_1", "data_2" ...
 };
 
 /// Writes the mesh as it stands to a .vtu file (VTK unstructured grid).

@@ -48,10 +48,11 @@ int main(int argc, char** argv) {
       for (double& value : node->data) value = marker /= -1.01;
     }
     const std::string name = argv[1] + ("/mesh_" + std::to_string(seed));
-    require(io::write_vtu(name + "_triangles.vtu", {.data_names = {"first"}}));
-    require(io::write_vtu(name + "_triangles_ascii.vtu", {.ascii = true, .data_names = {"first"}}));
+    const std::vector<std::string> names(n_cell_data > 0 ? 1 : 0, "first");
+    require(io::write_vtu(name + "_triangles.vtu", {.data_names = names}));
+    require(io::write_vtu(name + "_triangles_ascii.vtu", {.ascii = true, .data_names = names}));
     require(io::write_vtu(name + "_cells.vtu",
-                          {.cells = io::VtuCells::control_cells, .data_names = {"first"}}));
+                          {.cells = io::VtuCells::control_cells, .data_names = names}));
     write_table(name + ".txt");
     delete_mesh();
   }

@@ -180,7 +180,11 @@ class Program(unittest.TestCase):
         small = write("small.png", png([[0] * 20] * 10))
         files = sorted(os.listdir(FOLDER))
         for arguments, reason in (
-                ([], "subcommand"), (["draw"], "FIELD"), (["paint", "1"], "paint|subcommand"),
+                ([], "subcommand"), (["draw"], "FIELD"), (["paint", "1"], "paint is no command; draw, vtu and stats are"),
+                (["drw", "1"], "drw is no command; draw is one"), (["state", "1"], "stats is one"),
+                (["stats", "bay.geojsn"], "bay.geojsn: no expression, and no kind .*geojson"),
+                (["stats", "photo.JPG"], "photo.JPG: no expression"),
+                (["stats", "missing.GEOJSON"], "missing.GEOJSON: No such file"),
                 (["stats", "1", "--nonsense"], "nonsense"), (["stats", "sin("], 'sin\\('),
                 (["stats", "x +"], "x \\+"), (["stats", "z"], "z"), (["stats", "1, 2"], "one value"),
                 (["stats", "1", "--limit", "41"], "--limit"),

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "scenarios/scenarios.hpp"
@@ -42,6 +43,19 @@ class MeshTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+};
+
+/// The same without warnings, and without waiting for a key.
+class QuietMeshTest : public MeshTest {
+ protected:
+  void SetUp() override {
+    MeshTest::SetUp();
+    message_handler = pause_handler = [](std::string_view) {};
+  }
+  void TearDown() override {
+    MeshTest::TearDown();
+    message_handler = pause_handler = nullptr;
+  }
 };
 
 }  // namespace velmar_2d::tests

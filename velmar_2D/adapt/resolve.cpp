@@ -64,11 +64,7 @@ bool is_surplus(const Cell& c) {
 
 void remove(State& state, Cell& c) {
   Cell* node = &c;
-  if (c.ipos % 2 == 0) {
-    remove_node_even_level(state, node);
-  } else {
-    remove_node_odd_level(state, node);
-  }
+  remove_by_level(state, node);
 }
 
 class Resolver {

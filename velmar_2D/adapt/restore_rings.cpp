@@ -144,12 +144,12 @@ class Restorer {
     }
     if (!state_.hooks.removing) return;
     for (Cell* c : strays_) {
-      std::array<Cell*, nb_directions> linked{};
+      std::array<Cell*, nb_directions> neighbours{};
       std::size_t n = 0;
       for (int d = 0; d < nb_directions; ++d) {
-        if (Cell* neighbour = link(*c, d).cell()) linked[n++] = neighbour;
+        if (Cell* neighbour = link(*c, d).cell()) neighbours[n++] = neighbour;
       }
-      state_.hooks.removing(*c, std::span<Cell* const>(linked.data(), n));
+      state_.hooks.removing(*c, std::span<Cell* const>(neighbours.data(), n));
     }
   }
 
@@ -308,9 +308,9 @@ class Restorer {
     for (std::size_t i = 0; i < clusters_.size(); ++i) clusters_[i].of = i;
     for (std::size_t i = 0; i < missing_.size(); ++i) {
       for (int d = 0; d < nb_directions; ++d) {
-        const Cell* linked = link(*made_[i], d).cell();
+        const Cell* neighbour = link(*made_[i], d).cell();
         LatticePoint there{};
-        if (linked == nullptr || !lattice_.find_place(*linked, there)) continue;
+        if (neighbour == nullptr || !lattice_.find_place(*neighbour, there)) continue;
         const auto number = static_cast<std::size_t>(lattice_.find(there));
         if (number >= nb_nodes_) {
           unite(i, missing_of_[number - nb_nodes_]);
