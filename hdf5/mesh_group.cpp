@@ -25,6 +25,7 @@ void each_attribute(S& s, const Use& use) {
   use("next_id", &s.next_id, 1);
   use("revision", &s.revision, 1);
   use("resolved_revision", &s.resolved_revision, 1);
+  use("transfer", &s.transfer, 1);
   use("level_range", s.level_range.data(), s.level_range.size());
   use("visited", &s.statistics.visited, 1);
   use("inserted", &s.statistics.inserted, 1);
@@ -35,6 +36,7 @@ void each_attribute(S& s, const Use& use) {
 /// What is yes or no.
 template <typename S, typename Use>
 void each_flag(S& s, const Use& use) {
+  use("surplus_has_gone", s.surplus_has_gone);
   use("list_is_split", s.list_is_split);
   use("links_may_be_one_way", s.links_may_be_one_way);
   use("lattice_is_whole", s.lattice_is_whole);

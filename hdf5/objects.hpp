@@ -71,6 +71,10 @@ inline hid_t type_in_file<std::int32_t>() {
   return H5T_STD_I32LE;
 }
 template <>
+inline hid_t type_in_file<Transfer>() {
+  return H5T_STD_I32LE;  // what it is declared as
+}
+template <>
 inline hid_t type_in_file<std::int64_t>() {
   return H5T_STD_I64LE;
 }

@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
 
 namespace velmar_2d::detail {
@@ -255,6 +256,22 @@ void check_sizes(const Snapshot& s) {
   require(fit, "its arrays differ in length");
 }
 
+Domain domain_of(const Snapshot& s) {
+  Domain domain;
+  domain.x_min = s.x_min;
+  domain.x_max = s.x_max;
+  domain.y_min = s.y_min;
+  domain.y_max = s.y_max;
+  domain.dist_0 = s.dist_0;
+  domain.largest_coordinate =
+      std::max({std::abs(s.x_min), std::abs(s.x_max), std::abs(s.y_min), std::abs(s.y_max)});
+  domain.deepest_level = deepest_level_of(domain);
+  set_regular(domain);
+  if (!s.first_grid_is_whole) domain.longest_link = std::numeric_limits<double>::infinity();
+  domain.lattice_is_whole = domain.lattice_is_whole && s.first_grid_is_whole && s.lattice_is_whole;
+  return domain;
+}
+
 void check_domain(const Snapshot& s) {
   const double width = s.x_max - s.x_min, height = s.y_max - s.y_min;
   require(width > 0.0 && height > 0.0 && std::isfinite(width) && std::isfinite(height) &&
@@ -263,6 +280,7 @@ void check_domain(const Snapshot& s) {
   const double largest =
       std::max({std::abs(s.x_min), std::abs(s.x_max), std::abs(s.y_min), std::abs(s.y_max)});
   require(s.dist_0 >= smallest_cell * largest, "its first grid is too fine for its rectangle");
+  require(s.limit <= domain_of(s).deepest_level, "the limit is too deep for its rectangle");
   for (std::size_t side = 0; side < 4; ++side) {
     require(s.has_side_record[side][bc_type_dir], "a side has no Dirichlet record");
   }
@@ -275,6 +293,9 @@ void check_counters(const Snapshot& s) {
               s.revision < std::numeric_limits<std::uint64_t>::max() / 2 &&
               s.next_id < std::numeric_limits<std::int64_t>::max() / 2,
           "its counters are out of range");
+  require(s.transfer == Transfer::first || s.transfer == Transfer::all ||
+              s.transfer == Transfer::conservative,
+          "its transfer is none");
   for (const std::int32_t l : s.level_range) {
     require(l >= -1 && l < nb_stretches, "its range of levels is none");
   }
@@ -302,9 +323,9 @@ void check_nodes(const Snapshot& s) {
     require(s.id[i] >= 1 && s.id[i] < s.next_id, "an id is out of range");
     require(std::isfinite(s.x[i]) && std::isfinite(s.y[i]), "a position is none");
     require(s.level[i] >= 0 && s.level[i] <= s.limit, "a level is outside of the limits");
-    require(
-        s.reserve[i] >= 1 && s.reserve[i] <= 4 && s.on_boundary[i] <= 2 && s.signature_set[i] <= 1,
-        "a field of a node is out of range");
+    require(s.reserve[i] >= 1 && s.reserve[i] <= 4 && s.on_boundary[i] <= 2 &&
+                s.signature_set[i] <= 1 && s.wanted_level[i] <= highest_wanted_level,
+            "a field of a node is out of range");
   }
   require(are_unique(s.id, s.next_id), "two nodes have one id");
 }
@@ -361,17 +382,7 @@ bc_type_function kinds_from(const Snapshot& s) {
 }
 
 void set_mesh(State& state, const Snapshot& s) {
-  Domain& domain = state.domain;
-  domain.x_min = s.x_min;
-  domain.x_max = s.x_max;
-  domain.y_min = s.y_min;
-  domain.y_max = s.y_max;
-  domain.dist_0 = s.dist_0;
-  domain.largest_coordinate =
-      std::max({std::abs(s.x_min), std::abs(s.x_max), std::abs(s.y_min), std::abs(s.y_max)});
-  set_regular(domain);
-  if (!s.first_grid_is_whole) domain.longest_link = std::numeric_limits<double>::infinity();
-  domain.lattice_is_whole = domain.lattice_is_whole && s.first_grid_is_whole && s.lattice_is_whole;
+  state.domain = domain_of(s);
   for (std::size_t side = 0; side < 4; ++side) {
     for (std::size_t kind = 0; kind < 3; ++kind) {
       state.own_side_records[side][kind] = s.side_records[side][kind];
@@ -467,6 +478,8 @@ void require_whole(const State& state) {
 Snapshot take_snapshot(const Mesh& mesh) {
   const State& state = SnapshotAccess::state_of(mesh);
   require(state.nb_nodes > 0, "there is no mesh");
+  // A callback may ask for it.
+  if (!state.in_use_by.empty()) refuse("the mesh is in use by " + std::string(state.in_use_by));
   Snapshot s;
   const Domain& domain = state.domain;
   s.x_min = domain.x_min;
@@ -481,6 +494,8 @@ Snapshot take_snapshot(const Mesh& mesh) {
   s.next_id = state.next_id;
   s.revision = state.mesh_revision;
   s.resolved_revision = state.resolved_revision;
+  s.surplus_has_gone = state.surplus_has_gone;
+  s.transfer = state.transfer;
   s.level_range = state.level_range;
   s.statistics = state.update_statistics;
   s.list_is_split = state.lists_are_split();
@@ -514,6 +529,8 @@ Mesh restore(const Snapshot& s, const bc_type_function& bc_type, bool check) {
   state.next_id = s.next_id;
   state.mesh_revision = s.revision;
   state.resolved_revision = s.resolved_revision;
+  state.surplus_has_gone = s.surplus_has_gone;
+  state.transfer = s.transfer;
   state.links_may_be_one_way = s.links_may_be_one_way;
   state.update_statistics = s.statistics;
   if (s.list_is_split) split_sublists(state);

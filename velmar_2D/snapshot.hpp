@@ -6,7 +6,8 @@
 
 namespace velmar_2d::detail {
 
-/// All that a mesh is but what its user brought along: functions, handlers and `data_ptr`.
+/// All that a mesh is but what its user brought along: functions, handlers and `data_ptr`; and but
+/// what the library-wide variables hold beside the mesh.
 ///
 /// Arrays by node are in the order of the list. Those with several columns hold one column after
 /// the other: the link of node i in direction d is links[d * n + i].
@@ -15,6 +16,8 @@ struct Snapshot {
   std::int32_t limit = 0, n_cell_data = 0;
   std::int64_t next_id = 0;
   std::uint64_t revision = 0, resolved_revision = 0;
+  bool surplus_has_gone = false;  ///< with the last resolve
+  Transfer transfer = Transfer::first;
   std::array<std::int32_t, 2> level_range{};
   UpdateStatistics statistics;
   bool list_is_split = false, links_may_be_one_way = false, lattice_is_whole = false;
@@ -46,7 +49,7 @@ inline constexpr std::int32_t no_link = -1, first_side_code = -2;
 inline constexpr std::int32_t most_stretches = 1'000'001;
 
 /// Throws Error where there is no mesh, or where a caller has written to fields of nodes that are
-/// the library's. Changes nothing.
+/// the library's, or an operation is changing the mesh. Changes nothing.
 VELMAR_2D_API Snapshot take_snapshot(const Mesh& mesh);
 
 /// The mesh of a snapshot from anywhere. Throws Error, in one line, where the arrays make no mesh:
