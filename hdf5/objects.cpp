@@ -12,6 +12,9 @@ namespace velmar_2d::hdf5 {
 
 namespace {
 
+/// Files in memory want a name, and HDF5 looks whether there is such a file: never.
+constexpr const char* no_file = "/dev/null/no_file";
+
 std::mutex& calls_of_hdf5() {
   static std::mutex mutex;
   return mutex;
@@ -102,7 +105,7 @@ NewFile::NewFile(std::size_t bytes_expected) : memory_(std::make_unique<Memory>(
   callbacks.udata = memory_.get();
   must(H5Pset_file_image_callbacks(access, &callbacks), "HDF5 has no files in memory");
   const Object creation = timeless(H5P_FILE_CREATE);
-  file_ = Object(H5Fcreate("velmar_2d", H5F_ACC_TRUNC, creation, access), H5Fclose,
+  file_ = Object(H5Fcreate(no_file, H5F_ACC_TRUNC, creation, access), H5Fclose,
                  "HDF5 makes no file in memory");
 }
 
@@ -122,7 +125,7 @@ Object open_in_memory(std::span<const std::byte> file) {
   const Object access = access_to_memory(std::size_t{1} << 16);
   must(H5Pset_file_image(access, const_cast<std::byte*>(file.data()), file.size()),
        "HDF5 does not take the bytes");
-  return {H5Fopen("velmar_2d", H5F_ACC_RDONLY, access), H5Fclose,
+  return {H5Fopen(no_file, H5F_ACC_RDONLY, access), H5Fclose,
           "this is no HDF5 file, or it is damaged"};
 }
 

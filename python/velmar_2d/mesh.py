@@ -436,6 +436,12 @@ class Mesh:
         return laplacian(self.nodes, conductivity, per_area)
 
 
+def save_meshes(path: str | os.PathLike[str], meshes: Mapping[str, Mesh]) -> None:
+    """Writes several meshes to one file, by name. Raises MeshError with the path and the reason."""
+    require_hdf5()
+    _core.save_several(os.fspath(path), list(meshes), [mesh._core for mesh in meshes.values()])
+
+
 def _unpickled(cls: type[Mesh], file: bytes, kinds: tuple[Any, bool]) -> Mesh:
     return cls._twin(_core.from_bytes(file, kinds[0]), kinds, {})
 

@@ -2,15 +2,12 @@
 from __future__ import annotations
 
 import os
-from typing import TYPE_CHECKING, Any, Mapping, NamedTuple
+from typing import Any, Mapping, NamedTuple
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core
-
-if TYPE_CHECKING:
-    from .mesh import Mesh
 
 
 class SavedMesh(NamedTuple):
@@ -21,12 +18,6 @@ class SavedMesh(NamedTuple):
     #: Its number in a series; None: no series.
     step: int | None
     time: float | None
-
-
-def save_meshes(path: str | os.PathLike[str], meshes: Mapping[str, Mesh]) -> None:
-    """Writes several meshes to one file, by name. Raises MeshError with the path and the reason."""
-    require_hdf5()
-    _core.save_several(os.fspath(path), list(meshes), [mesh._core for mesh in meshes.values()])
 
 
 def saved_meshes(path: str | os.PathLike[str]) -> list[SavedMesh]:

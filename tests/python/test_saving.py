@@ -19,7 +19,8 @@ def state(mesh):
     nodes = mesh.nodes
     return [np.array(field) for field in (nodes.positions, nodes.links, nodes.levels, nodes.ids,
                                           nodes.data, nodes.areas, nodes.grad)] + [
-        np.array(mesh.statistics), np.array([mesh.revision, mesh.subdiv_max, *mesh.rectangle])]
+        np.array(mesh.transfer), np.array(mesh.statistics),
+        np.array([mesh.revision, mesh.subdiv_max, *mesh.rectangle])]
 
 
 def assert_same(one, other):
@@ -82,6 +83,7 @@ def test_files_that_h5py_has_changed(adapted, tmp_path):
 def test_loaded_meshes_and_copies_go_on_alike(adapted, tmp_path, sizes):
     adapted.nodes  # numbers the nodes
     adapted.remark = ["mine"]
+    adapted.transfer = "conservative"
     path = tmp_path / "mesh.h5"
     adapted.save(path)
     twins = [velmar_2d.Mesh.load(path), copy.copy(adapted), copy.deepcopy(adapted),
