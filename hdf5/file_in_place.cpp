@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -63,22 +62,23 @@ void flush_folder(const std::string& path) {
 
 }  // namespace
 
-FileInPlace::FileInPlace(const std::string& path) : place_(resolved(path)) {
+FileInPlace::FileInPlace(const std::string& path) {
   struct stat old {};
-  const bool is_there = stat(place_.c_str(), &old) == 0;
+  const bool is_there = stat(path.c_str(), &old) == 0;
   if (is_there && !S_ISREG(old.st_mode)) {
-    file_ = open(place_.c_str(), O_WRONLY | O_CLOEXEC);
+    // What its links spell need not be a path, such as that of a pipe.
+    file_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
     if (file_ < 0) fail();
     return;
   }
-  // No other file of this process, or of another one, is on its way under this name.
-  static std::atomic<unsigned> files{0};
-  std::string name =
-      place_ + "." + std::to_string(getpid()) + "." + std::to_string(files++) + ".part";
+  place_ = resolved(path);
+  // No other file of this process, or of another one, is on its way under the name that is new.
   constexpr mode_t for_all = 0666;
-  file_ = open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, for_all);
-  if (file_ < 0) fail();
-  beside_ = std::move(name);
+  for (int number = 1; file_ < 0; ++number) {
+    beside_ = place_ + "." + std::to_string(number) + ".part";
+    file_ = open(beside_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, for_all);
+    if (file_ < 0 && errno != EEXIST) fail();
+  }
   if (is_there && fchmod(file_, old.st_mode & 07777) != 0) {
     // The file is written all the same, with the rights of a new one.
   }

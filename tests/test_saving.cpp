@@ -1,4 +1,5 @@
 // Saved meshes: the same to the last bit and for ever after, whole whatever happens to the file.
+#include <fcntl.h>
 #include <hdf5.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -263,6 +264,14 @@ TEST_F(Saving, GoesWhereThePathLeads) {
   EXPECT_EQ(fs::status(path("real.h5")).permissions(), fs::perms(0640));
   EXPECT_EQ(saved_meshes(path("link.h5")).size(), 2U);
   EXPECT_NO_THROW(save(mesh, "/dev/null"));
+  const Mesh small({0.0, 1.0, 0.0, 1.0}, {.nx = 3, .subdiv_max = 2});
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_NONBLOCK), 0);  // it holds 64 kB
+  save(small, "/dev/fd/" + std::to_string(ends[1]));
+  std::vector<std::byte> piped(save_to_memory(small).size());
+  EXPECT_EQ(read(ends[0], piped.data(), piped.size()), static_cast<ssize_t>(piped.size()));
+  EXPECT_EQ(whole_hash(load_from_memory(piped)), whole_hash(small));
+  for (const int end : ends) close(end);
   expect_error([&] { save(mesh, "/dev/full"); }, "No space left on device");
 }
 
