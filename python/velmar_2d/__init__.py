@@ -17,6 +17,7 @@ from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
 from .mesh import Finding, Mesh, UpdateStatistics
 from .nodes import Faces, Nodes, Polygons
+from .paraview import write_pvd
 from .places import LineCut
 
 __version__ = _version()
@@ -24,5 +25,5 @@ __version__ = _version()
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
     "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
-    "kind_of", "side_code", "side_of",
+    "kind_of", "side_code", "side_of", "write_pvd",
 ]
