@@ -17,7 +17,7 @@ import tempfile
 
 MARGIN = 0.03
 PREFETCHES = "prefetches"
-CASES = ["ring", "front", "derivatives", PREFETCHES]
+CASES = ["ring", "front", "resolve", "derivatives", PREFETCHES]
 SKIPPED = 77
 
 
