@@ -139,7 +139,7 @@ unsigned doubled_links(const Cell& c) {
   return doubled;
 }
 
-void prefetch_node(const Cell& c) {
+VELMAR_2D_ALWAYS_INLINE void prefetch_node(const Cell& c) {
   const auto* bytes = reinterpret_cast<const std::byte*>(&c);
   for (std::size_t line = 0; line < sizeof(Cell); line += cache_line) prefetch(bytes + line);
 }

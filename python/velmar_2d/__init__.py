@@ -17,6 +17,7 @@ from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
 from .mesh import Finding, Mesh, UpdateStatistics, save_meshes
 from .nodes import Faces, Nodes, Polygons
+from .paraview import write_pvd
 from .places import LineCut
 from .saving import SavedMesh, load_arrays, saved_meshes
 
@@ -26,5 +27,5 @@ __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
     "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "SavedMesh",
     "UpdateStatistics", "kind_of", "load_arrays", "save_meshes", "saved_meshes", "side_code",
-    "side_of",
+    "side_of", "write_pvd",
 ]

@@ -14,6 +14,7 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core, links
 from .matrices import laplacian
 from .nodes import Nodes
+from .paraview import require_io
 from .places import LineCut, as_places, one_value, pixels
 from .plotting import plot
 from .progress import Progress, shown
@@ -394,16 +395,18 @@ class Mesh:
         return [Finding(*found) for found in self._core.findings()]
 
     def write_vtu(self, path: str | os.PathLike[str], *, cells: str = "triangles",
-                  ascii: bool = False, data_names: Sequence[str] = ()) -> None:
+                  ascii: bool = False, data_names: Sequence[str] = (),
+                  time: float | None = None) -> None:
         """Writes the mesh for ParaView: triangles between the nodes, or "control_cells".
 
+        time is that of the solution, which ParaView shows; see write_pvd() for a series.
         Raises OSError with the path and the reason where the file cannot be written.
         """
         if cells not in ("triangles", "control_cells"):
             raise ValueError(f"cells is {cells!r}; it must be 'triangles' or 'control_cells'")
-        if not _core.has_io:
-            raise _core.MeshError("velmar_2d was built without pugixml: no .vtu files")
-        self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
+        require_io()
+        self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names),
+                             time)
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
              component: int = 0, colorbar: bool = True, ticks: Sequence[float] | None = None,

@@ -155,7 +155,7 @@ class Resolver {
   }
 
   /// A few nodes before it is asked.
-  void prefetch_newcomer(std::size_t i) const {
+  VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
     if (i + ahead >= nodes_.size()) return;
     const auto* c = reinterpret_cast<const std::byte*>(nodes_[i + ahead]);

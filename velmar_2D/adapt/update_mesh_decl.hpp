@@ -341,6 +341,19 @@ void check_surroundings(State& state, const Cell& c, const std::array<int, 4>& d
 void set_data(const State& state, const Site& site, Cell& c, double first_value,
               const ParentCells& before);
 
+/// Prefetches what an insertion reads and changes around a figure: the rest of the parents'
+/// records, and the links of the nodes beyond its sides, which tell what prune_link() cuts.
+VELMAR_2D_ALWAYS_INLINE void prefetch_surroundings(const Site& site) {
+  for (std::size_t i = 0; i < site.parents.size(); ++i) {
+    const Cell* parent = site.parents[i];
+    if (parent == nullptr) continue;
+    const auto beyond =
+        reinterpret_cast<std::uintptr_t>(link(*parent, site.directions[i] + 2).cell());
+    prefetch(reinterpret_cast<const std::byte*>(parent) + 2 * cache_line);
+    prefetch(reinterpret_cast<const void*>(beyond + cache_line));
+  }
+}
+
 /// Links the new node and a parent that lies in this direction from it.
 inline void link_parent(State& state, Cell& c, int direction, Cell& parent) {
   NeighbourLink &there = link(c, direction), &back = link(parent, opposite(direction));

@@ -380,7 +380,7 @@ void check_node(Check& check, const Cell& c) {
 }
 
 /// Prefetches what the checks of a node will read there and at its neighbours.
-void prepare(const Cell& c) {
+VELMAR_2D_ALWAYS_INLINE void prepare(const Cell& c) {
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* neighbour = link(c, d).cell();
     if (neighbour == nullptr) continue;
