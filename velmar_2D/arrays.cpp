@@ -137,7 +137,7 @@ std::uint64_t MeshArrays::revision() const { return arrays_ != nullptr ? arrays_
 
 std::int32_t MeshArrays::number(const Cell& c) const {
   if (nodes_.empty()) return -1;
-  const std::int32_t number = *arrays_->tables->numbers.place_of(&c);
+  const std::int32_t number = *arrays_->tables->numbers.lookup().place_of(&c);
   return number >= 0 && nodes_[static_cast<std::size_t>(number)] == &c ? number : -1;
 }
 

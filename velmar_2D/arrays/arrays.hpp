@@ -3,10 +3,38 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 
 #include "velmar_2D/cells/cells.hpp"
 
 namespace velmar_2d::detail {
+
+/// Memory for arrays, large ones in huge pages where the system has them: those are sooner there
+/// and sooner found. May throw std::bad_alloc.
+class Room {
+ public:
+  Room() = default;
+  explicit Room(std::size_t bytes);
+  Room(const Room&) = delete;
+  Room& operator=(const Room&) = delete;
+  Room(Room&& other) noexcept { swap(other); }
+  Room& operator=(Room&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  ~Room();
+
+  void* begin() const { return begin_; }
+
+ private:
+  void swap(Room& other) noexcept {
+    std::swap(begin_, other.begin_);
+    std::swap(bytes_, other.bytes_);
+  }
+
+  void* begin_ = nullptr;
+  std::size_t bytes_ = 0;
+};
 
 /// Numbers that are all written before they are read: nothing is set from the start, and room is
 /// kept from one use to the next.
@@ -14,11 +42,14 @@ template <typename T>
 class Table {
  public:
   void resize(std::size_t size) {
+    static_assert(std::is_trivially_copyable_v<T>);
     if (size > capacity_) {
       const std::size_t capacity = size + size / 16;  // meshes grow little by little
       size_ = capacity_ = 0;
-      entries_.reset();
-      entries_ = std::make_unique_for_overwrite<T[]>(capacity);
+      entries_ = nullptr;
+      { const Room given_back = std::move(room_); }
+      room_ = Room(capacity * sizeof(T));
+      entries_ = static_cast<T*>(room_.begin());
       capacity_ = capacity;
     }
     size_ = size;
@@ -26,11 +57,12 @@ class Table {
   std::size_t size() const { return size_; }
   T& operator[](std::size_t i) { return entries_[i]; }
   const T& operator[](std::size_t i) const { return entries_[i]; }
-  std::span<T> all() { return {entries_.get(), size_}; }
-  std::span<const T> all() const { return {entries_.get(), size_}; }
+  std::span<T> all() { return {entries_, size_}; }
+  std::span<const T> all() const { return {entries_, size_}; }
 
  private:
-  std::unique_ptr<T[]> entries_;
+  Room room_;
+  T* entries_ = nullptr;
   std::size_t size_ = 0, capacity_ = 0;
 };
 
@@ -51,17 +83,10 @@ class NodeNumbers {
   void forget();
   /// Where to write the number of a node. May throw std::bad_alloc.
   std::int32_t* place_for(const Cell* c);
-  /// Where its number is to be read, or the `unknown` of a node that has none.
-  const std::int32_t* place_of(const Cell* c) const {
-    const auto address = reinterpret_cast<std::uintptr_t>(c);
-    const std::uintptr_t page = address / page_bytes;
-    std::size_t i = slot_of(page);
-    while (slots_[i].page != page) {
-      if (slots_[i].numbers == nullptr) return &number_of_unknown;
-      i = (i + 1) & (slots_.size() - 1);
-    }
-    return slots_[i].numbers + address % page_bytes / sizeof(Cell);
-  }
+
+  /// For many questions in a row. Good until the next place is asked for.
+  class Lookup;
+  Lookup lookup() const;
 
  private:
   static constexpr std::uintptr_t page_bytes = std::uintptr_t{1} << 20;
@@ -72,9 +97,9 @@ class NodeNumbers {
     std::uintptr_t page = ~std::uintptr_t{0};
     std::int32_t* numbers = nullptr;  ///< none: the slot is empty
   };
-  std::size_t slot_of(std::uintptr_t page) const {
+  static std::size_t hash_of(std::uintptr_t page) {
     constexpr std::uint64_t golden_ratio = 0x9e3779b97f4a7c15;
-    return static_cast<std::size_t>((page * golden_ratio) >> 32) & (slots_.size() - 1);
+    return static_cast<std::size_t>((page * golden_ratio) >> 32);
   }
   void insert(const Slot& slot);
   void add_page(std::uintptr_t page);
@@ -84,6 +109,32 @@ class NodeNumbers {
   std::vector<std::unique_ptr<std::int32_t[]>> pages_;
   std::int32_t nothing_ = of_nothing;
 };
+
+class NodeNumbers::Lookup {
+ public:
+  /// Where the number of a node is to be read, or the `unknown` of one that has none.
+  const std::int32_t* place_of(const Cell* c) const {
+    const auto address = reinterpret_cast<std::uintptr_t>(c);
+    const std::uintptr_t page = address / page_bytes;
+    const Slot* slot = &slots_[hash_of(page) & last_];
+    while (slot->page != page) {
+      if (slot->numbers == nullptr) return &number_of_unknown;
+      slot = slot != &slots_[last_] ? slot + 1 : slots_;
+    }
+    return slot->numbers + address % page_bytes / sizeof(Cell);
+  }
+
+ private:
+  friend class NodeNumbers;
+  Lookup(const Slot* slots, std::size_t last) : slots_(slots), last_(last) {}
+
+  const Slot* slots_;
+  std::size_t last_;
+};
+
+inline NodeNumbers::Lookup NodeNumbers::lookup() const {
+  return {slots_.data(), slots_.size() - 1};
+}
 
 // ---------------------------------------------------------------------------------------------
 // The tables (make_tables.cpp)

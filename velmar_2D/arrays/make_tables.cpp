@@ -4,7 +4,6 @@
 // number of threads: a link tells the address of a node and with it its number, so that no node
 // but the current one is read.
 #include <string>
-#include <type_traits>
 
 #include "velmar_2D/arrays/arrays.hpp"
 
@@ -117,6 +116,7 @@ class Reading {
   /// First where the numbers are to be looked up, then the numbers: they are on their way to the
   /// cache meanwhile.
   void read_batch(std::size_t begin, std::size_t end) {
+    const NodeNumbers::Lookup numbers = tables_.numbers.lookup();
     std::array<const std::int32_t*, nodes_of_batch * nb_directions> places;
     const std::int32_t** place = places.data();
     for (std::size_t i = begin; i < end; ++i) {
@@ -126,8 +126,8 @@ class Reading {
       for (int d = 0; d < nb_directions; ++d) {
         const NeighbourLink there = link(std::as_const(c), d);
         const Boundary* record = there.boundary();
-        *place = record == nullptr ? tables_.numbers.place_of(there.cell())
-                                   : place_of_side(state_, record, d);
+        *place =
+            record == nullptr ? numbers.place_of(there.cell()) : place_of_side(state_, record, d);
         prefetch(*place++);
       }
     }

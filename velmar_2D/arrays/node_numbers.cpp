@@ -16,7 +16,7 @@ std::int32_t* NodeNumbers::place_for(const Cell* c) {
   const auto address = reinterpret_cast<std::uintptr_t>(c);
   const std::uintptr_t page = address / page_bytes;
   if (last_.page != page) {
-    std::size_t i = slot_of(page);
+    std::size_t i = hash_of(page) & (slots_.size() - 1);
     while (slots_[i].page != page && slots_[i].numbers != nullptr) {
       i = (i + 1) & (slots_.size() - 1);
     }
@@ -30,7 +30,7 @@ std::int32_t* NodeNumbers::place_for(const Cell* c) {
 }
 
 void NodeNumbers::insert(const Slot& slot) {
-  std::size_t i = slot_of(slot.page);
+  std::size_t i = hash_of(slot.page) & (slots_.size() - 1);
   while (slots_[i].numbers != nullptr) i = (i + 1) & (slots_.size() - 1);
   slots_[i] = slot;
 }

@@ -16,8 +16,8 @@ struct Work {
   std::size_t n;
   const std::function<void(std::size_t begin, std::size_t end)>& part;
   std::atomic<std::size_t> next = 0;
-  std::mutex failing;
-  std::exception_ptr failure;  ///< the first one
+  std::mutex failing{};
+  std::exception_ptr failure{};  ///< the first one
 
   void take_parts() noexcept {
     try {
