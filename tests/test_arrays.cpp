@@ -232,6 +232,9 @@ TEST_F(Arrays, TakeWhatNodesLackForZero) {
   arrays.push();
   EXPECT_EQ(arrays.node(3).data.size(), 2U);
   EXPECT_EQ(arrays.node(5).data.size(), 4U);
+  arrays.node(3).data = {};
+  arrays.push(1, std::vector<double>(static_cast<std::size_t>(arrays.size()), 8.0));
+  EXPECT_EQ(values_in_records(mesh, 1)[3], 8.0);
   Mesh bare({}, {.nx = 3});
   MeshArrays of_bare(bare);
   of_bare.pull();
@@ -256,6 +259,7 @@ TEST_F(Arrays, StayWithTheMeshThatIsMovedAndOutliveTheOneThatIsDeleted) {
     EXPECT_NE(error_of([&] { arrays->pull(); }).find(expected), std::string::npos);
     EXPECT_TRUE(arrays->update());
     EXPECT_TRUE(tell_what_records_tell(moved, *arrays));
+    EXPECT_NE(error_of([&] { arrays->push(); }).find("pull() brings them"), std::string::npos);
     EXPECT_NE(error_of([&] { MeshArrays{mesh}; }).find("moved away"), std::string::npos);
     links.assign(arrays->links().begin(), arrays->links().end());
   }

@@ -110,7 +110,7 @@ bool MeshArrays::update() {
 void MeshArrays::show_tables() {
   if (arrays_->tables == nullptr) {
     nodes_ = {};
-    x_ = y_ = areas_ = {};
+    positions_ = areas_ = {};
     links_ = levels_ = shapes_ = {};
     known_ = {};
     rows_ = {};
@@ -118,8 +118,7 @@ void MeshArrays::show_tables() {
   }
   const detail::MeshTables& tables = *arrays_->tables;
   nodes_ = tables.nodes.all();
-  x_ = tables.x.all();
-  y_ = tables.y.all();
+  positions_ = tables.position.all();
   areas_ = tables.area.all();
   links_ = tables.links.all();
   levels_ = tables.level.all();

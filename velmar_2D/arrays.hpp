@@ -94,8 +94,10 @@ class VELMAR_2D_API MeshArrays {
   /// Of a node; -1 for what is no node of these. Reads the address and not the node.
   std::int32_t number(const Cell& c) const;
 
-  std::span<const double> x() const { return x_; }
-  std::span<const double> y() const { return y_; }
+  std::span<const double> x() const { return positions_.first(nodes_.size()); }
+  std::span<const double> y() const { return positions_.subspan(nodes_.size()); }
+  /// Both: all x, then all y.
+  std::span<const double> positions() const { return positions_; }
   std::span<const std::int32_t> levels() const { return levels_; }
   /// 1 where a Dirichlet condition prescribes the data, see known_value(); otherwise 0.
   std::span<const std::uint8_t> known() const { return known_; }
@@ -150,7 +152,7 @@ class VELMAR_2D_API MeshArrays {
 
   std::unique_ptr<detail::ArraysOfMesh, detail::ArraysDeleter> arrays_;  ///< none: moved away
   std::span<Cell* const> nodes_;
-  std::span<const double> x_, y_, areas_;
+  std::span<const double> positions_, areas_;
   std::span<const std::int32_t> links_, levels_, shapes_;
   std::span<const std::uint8_t> known_;
   std::span<const std::array<double, 8>> rows_;

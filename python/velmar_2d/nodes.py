@@ -189,7 +189,7 @@ class Nodes:
         Raises MeshError, and writes nothing, where the mesh has other nodes by now.
         """
         k = self._core.n_cell_data()
-        array = np.asarray(values, dtype=np.float64, order="C")
+        array = np.asarray(values, dtype=np.float64, order="F")
         if column is None and array.ndim == 1 and k == 1:
             column = 0
         if column is not None:

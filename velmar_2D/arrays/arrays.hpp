@@ -148,7 +148,8 @@ constexpr std::int32_t code_of_side(int direction, std::int32_t kind) {
 /// Everything about the nodes, by their number: their place in the list.
 struct MeshTables {
   Table<Cell*> nodes;
-  Table<double> x, y, area;
+  Table<double> position;  ///< x of all nodes, then y of all nodes
+  Table<double> area;
   Table<std::int32_t> links;  ///< eight a node: a number, -1, or the code of a side
   Table<std::int32_t> level;
   Table<std::int32_t> shape;  ///< row of `weights`

@@ -89,7 +89,8 @@ class Reading {
  public:
   Reading(const State& state, MeshTables& tables) : state_(state), tables_(tables) {
     const std::size_t n = tables.nodes.size();
-    for (Table<double>* table : {&tables.x, &tables.y, &tables.area}) table->resize(n);
+    tables.position.resize(2 * n);
+    tables.area.resize(n);
     for (Table<std::int32_t>* table : {&tables.level, &tables.shape}) table->resize(n);
     tables.links.resize(n * nb_directions);
     tables.known.resize(n);
@@ -141,8 +142,8 @@ class Reading {
   }
 
   void read_fields(Cell& c, std::size_t i) {
-    tables_.x[i] = c.x;
-    tables_.y[i] = c.y;
+    tables_.position[i] = c.x;
+    tables_.position[tables_.nodes.size() + i] = c.y;
     tables_.level[i] = c.level;
     tables_.known[i] = static_cast<std::uint8_t>(known_value(c));
     const KnownShape* shape = look_at(state_.domain, c).shape;
