@@ -1,13 +1,9 @@
 #include "heat_solver.hpp"
 
-#include <algorithm>
-
 namespace {
 
-using Vector = Eigen::Map<const Eigen::VectorXd>;
-
 /// An array as Eigen sees it.
-Vector vector(std::span<const double> values) {
+Eigen::Map<const Eigen::VectorXd> vector(std::span<const double> values) {
   return {values.data(), static_cast<Eigen::Index>(values.size())};
 }
 
@@ -17,6 +13,7 @@ void HeatSolver::prepare(double step, double share) {
   step_ = step;
   share_ = share;
   arrays_.update();
+  arrays_.pull();
   if (assembled_at_ != arrays_.revision()) assemble();
   // Rows and columns of nodes whose values are given are left out, but for the diagonal.
   Eigen::SparseMatrix<double> system = free_.asDiagonal() * conduction_ * free_.asDiagonal();
@@ -56,8 +53,8 @@ void HeatSolver::assemble() {
 }
 
 EnergyBalance HeatSolver::advance(double time) {
-  arrays_.pull();
-  const Vector u = vector(arrays_.values(0));
+  const std::span<double> values = arrays_.values(0);
+  Eigen::Map<Eigen::VectorXd> u(values.data(), areas_.size());
   Eigen::VectorXd source(u.size());
   for (Eigen::Index i = 0; i < u.size(); ++i) {
     const auto here = static_cast<std::size_t>(i);
@@ -67,9 +64,7 @@ EnergyBalance HeatSolver::advance(double time) {
   const Eigen::VectorXd right = areas_.cwiseProduct(u) / (share_ * step_) + source;
   const Eigen::VectorXd state = factors_.solve(free_.cwiseProduct(right));
   const Eigen::VectorXd change = (state - u) / share_;
-  const Eigen::VectorXd after = u + change;
-  std::ranges::copy(after, arrays_.values(0).begin());
-  arrays_.push();
+  u += change;
 
   // What the equations of the given nodes lack has come in through their sides.
   const Eigen::VectorXd lack = areas_.cwiseProduct(change) / step_ + conduction_ * state - source;
@@ -77,8 +72,4 @@ EnergyBalance HeatSolver::advance(double time) {
   return {areas_.dot(change), step_ * source.sum(), step_ * (through_given - outflow_.dot(state))};
 }
 
-double HeatSolver::total_energy() {
-  arrays_.update();
-  arrays_.pull();
-  return vector(arrays_.areas()).dot(vector(arrays_.values(0)));
-}
+double HeatSolver::energy() const { return areas_.dot(vector(arrays_.values(0))); }

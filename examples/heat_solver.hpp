@@ -24,13 +24,15 @@ class HeatSolver {
   HeatSolver(velmar_2d::Mesh& mesh, const HeatProblem& problem)
       : problem_(problem), arrays_(mesh) {}
 
-  /// Reads the mesh as it stands and factorises the matrix. Fluxes are taken at `share` of the
-  /// step: 1 is implicit Euler, 1/2 the midpoint rule.
+  /// Reads the mesh as it stands, u included, and factorises the matrix. Fluxes are taken at
+  /// `share` of the step: 1 is implicit Euler, 1/2 the midpoint rule.
   void prepare(double step, double share);
   /// Advances u from `time` by one step. Needs: the mesh of the last prepare().
   EnergyBalance advance(double time);
-  /// Of the mesh as it stands.
-  double total_energy();
+  /// Sum of area x u.
+  double energy() const;
+  /// Gives u back to the nodes, before the mesh is changed, drawn or asked for it.
+  void store() { arrays_.push(); }
 
  private:
   void assemble();

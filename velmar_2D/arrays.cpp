@@ -157,13 +157,13 @@ CellShape MeshArrays::shape(std::int32_t i) const {
 
 void MeshArrays::pull() {
   const State& state = current_mesh_of(arrays_.get());
-  std::vector<detail::Table<double>>& values = arrays_->values;
+  std::vector<detail::Table<double>>& tables = arrays_->values;
   arrays_->has_values = false;
   const auto n = static_cast<std::size_t>(std::max(0, state.n_cell_data));
   with_memory_of(state, n * nodes_.size() * sizeof(double), [&] {
-    values.resize(n);
+    tables.resize(n);
     std::vector<std::span<double>> into;
-    for (detail::Table<double>& table : values) {
+    for (detail::Table<double>& table : tables) {
       table.resize(nodes_.size());
       into.push_back(table.all());
     }

@@ -48,6 +48,7 @@ class Table {
       size_ = capacity_ = 0;
       entries_ = nullptr;
       { const Room given_back = std::move(room_); }
+      // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer
       room_ = Room(capacity * sizeof(T));
       entries_ = static_cast<T*>(room_.begin());
       capacity_ = capacity;

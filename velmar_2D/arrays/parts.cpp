@@ -33,22 +33,28 @@ struct Work {
   }
 };
 
+/// Threads that take parts too. Those that there are will do.
+std::vector<std::jthread> start_helpers(Work& work, std::size_t number) {
+  std::vector<std::jthread> helpers;
+  try {
+    helpers.reserve(number);
+    while (number-- > 0) helpers.emplace_back([&work] { work.take_parts(); });
+  } catch (const std::system_error&) {
+  } catch (const std::bad_alloc&) {
+  }
+  return helpers;
+}
+
 }  // namespace
 
 void in_parts(std::size_t n, std::int32_t threads,
               const std::function<void(std::size_t begin, std::size_t end)>& work) {
   const std::size_t most = std::max<std::size_t>(1, n / numbers_of_part);
-  const std::size_t helpers =
-      std::min(most, static_cast<std::size_t>(std::max<std::int32_t>(threads, 1))) - 1;
+  const std::size_t number =
+      std::min(most, static_cast<std::size_t>(std::max<std::int32_t>(threads, 1)));
   Work shared{n, work};
   {
-    std::vector<std::jthread> helping;
-    try {
-      helping.reserve(helpers);
-      for (std::size_t i = 0; i < helpers; ++i) helping.emplace_back([&] { shared.take_parts(); });
-    } catch (const std::system_error&) {  // those that there are will do
-    } catch (const std::bad_alloc&) {
-    }
+    const std::vector<std::jthread> helpers = start_helpers(shared, number - 1);
     shared.take_parts();
   }
   if (shared.failure) std::rethrow_exception(shared.failure);
