@@ -37,6 +37,8 @@
 
 namespace velmar_2d {
 
+class MeshArrays;
+
 namespace detail {
 struct State;
 struct SnapshotAccess;
@@ -369,6 +371,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
  private:
   friend Mesh& default_mesh();
   friend struct detail::SnapshotAccess;
+  friend class MeshArrays;
   friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
   friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "velmar_2D/arrays.hpp"
 #include "velmar_2D/mesh.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
