@@ -56,12 +56,17 @@ const velmarAddress = (() => {
     return [scene(state), ...pairs].join('&');
   }
 
-  // What cannot be read keeps its default here; the module has words for it.
+  // What cannot be read keeps its default, and a line says so; the module looks closer.
   function read(text) {
     const state = defaults();
-    const choose = (key, among) => (value) => { if (among.includes(value)) state[key] = value; };
+    let wrong = '';
+    const choose = (key, among) => (value) => {
+      if (among.includes(value)) state[key] = value;
+      else wrong = `${key}: "${value}" is none of ${among.join(', ')}`;
+    };
     const number = (key) => (value) => {
       if (value !== '' && Number.isFinite(Number(value))) state[key] = Number(value);
+      else wrong = `${key}: "${value}" is not a number`;
     };
     const readers = {
       field: choose('field', fields),
@@ -71,6 +76,7 @@ const velmarAddress = (() => {
       theme: choose('theme', ['auto', 'light', 'dark']),
       squares: (value) => {
         if (/^\d+x\d+$/.test(value)) state.squares = value.split('x').map(Number);
+        else wrong = `squares: "${value}" is not like 24x16`;
       },
       expression: (value) => {
         try { state.expression = decodeURIComponent(value); } catch { state.expression = value; }
@@ -96,7 +102,7 @@ const velmarAddress = (() => {
       readers[key](pair.slice(equals + 1));
       named.add(key);
     }
-    return { state, named };
+    return { state, named, wrong };
   }
 
   // A picture as grey pixels, one character each, with the shape that the mesh takes from it.

@@ -3,7 +3,7 @@
 
 (() => {
   const $ = (id) => document.getElementById(id);
-  const { state, named } = velmarAddress.read(location.hash);
+  const { state, named, wrong } = velmarAddress.read(location.hash);
   const hints = {
     pointer: 'Move the mouse over the mesh, or a finger.',
     ring: 'The ring wanders and breathes; the mesh goes with it.',
@@ -28,7 +28,8 @@
   // What is told
   // ---------------------------------------------------------------------------------------------
 
-  let lastPicture = 0, rate = 0, averaged = 0, addressWritten = 0, addressTimer = 0, ownMessage = '';
+  let lastPicture = 0, rate = 0, averaged = 0, addressWritten = 0, addressTimer = 0;
+  let ownMessage = wrong;
 
   function say(line) {
     if ($('message').textContent !== line) $('message').textContent = line;
@@ -82,6 +83,7 @@
     $('inserted').textContent = grouped(report.inserted);
     $('removed').textContent = grouped(report.removed);
     $('coarse').textContent = grouped(report.coarse);
+    $('at-limit').textContent = grouped(report.at_limit);
     $('coarse-box').classList.toggle('some', report.coarse > 0);
     $('milliseconds').textContent = report.milliseconds.toFixed(1);
     const summary = `Adaptive mesh of ${report.nodes} nodes, levels 0 to ${report.level}, ` +
@@ -255,6 +257,7 @@
   // Another link in the same tab.
   addEventListener('hashchange', () => {
     const next = velmarAddress.read(location.hash);
+    ownMessage = next.wrong;
     Object.assign(state, next.state, { playing: false });
     screen.remake();
     screen.redraw();

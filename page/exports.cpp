@@ -48,6 +48,7 @@ const char* report() {
            ",\"removed\":" + std::to_string(now.statistics.removed) +
            ",\"refused\":" + std::to_string(now.statistics.refused) +
            ",\"coarse\":" + std::to_string(now.too_coarse) +
+           ",\"at_limit\":" + std::to_string(now.at_limit) +
            ",\"level\":" + std::to_string(now.highest_level) +
            ",\"frame\":" + std::to_string(stage.scene.frame) +
            ",\"width\":" + number(stage.scene.width()) +

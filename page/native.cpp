@@ -16,6 +16,9 @@ int main() {
       continue;
     }
     show(stage, scene, true);
+    while (stage.scene.frame < scene.frame && stage.report.message.empty()) {
+      show(stage, scene, false);
+    }
     std::printf("%s %lld too coarse%s%s\n", fingerprint(*stage.mesh).c_str(),
                 static_cast<long long>(stage.report.too_coarse),
                 stage.report.message.empty() ? "" : ": ", stage.report.message.c_str());

@@ -33,10 +33,10 @@ struct Spark {
 
 struct Scene {
   int columns = 24, rows = 16;  ///< squares of the grid; each is a 16th wide
-  Field field = Field::pointer;
+  Field field = Field::ring;
   Method method = Method::resolve;
   double finest = 0.004, slope = 0.25;  ///< wanted spacing, and how fast it grows with distance
-  int limit = 10;                       ///< subdivision limit
+  int limit = 12;                       ///< subdivision limit
   std::int64_t most_nodes = 200'000;
   int frame = 0;              ///< of what moves by itself
   double x = 0.5, y = 0.5;    ///< the pointer

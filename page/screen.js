@@ -12,7 +12,7 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
   let domain = { width: 1.5, height: 1 };
   let worker = null, ready = false, waiting = false, watch = 0, id = 0;
   let scene = null, anew = true, dirty = true, settleAt = 0;
-  let sentFrame = 0;
+  let sentFrame = 0, firstPicture = 0;
   let touch = null, shown = null, wantSvg = null, wantPrint = null;
 
   // ---------------------------------------------------------------------------------------------
@@ -122,6 +122,7 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
     }
     pen.putImageData(new ImageData(new Uint8ClampedArray(answer.pixels), width, height), 0, 0);
     shown = answer.view;
+    firstPicture = firstPicture || performance.now();
     if (answer.report) {
       const { width: w, height: h } = answer.report;
       if (w !== domain.width || h !== domain.height) {
@@ -157,7 +158,7 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
     if (settleAt && now > settleAt) {
       // At rest: exactly the mesh that the address stands for.
       settleAt = 0;
-      anew = anew || state.field !== 'waves';
+      anew = true;
       scene = null;
     }
     const isNew = wanted !== scene;
@@ -169,7 +170,8 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
       id: ++id, scene: isNew ? wanted : null, anew, look: look(), view: [...size, x, y, scale * k],
       touch, svg: Boolean(wantSvg), fingerprint: Boolean(wantPrint),
     });
-    if (isNew && !anew) settleAt = state.playing && velmarAddress.moves(state) ? 0 : now + 250;
+    const goesOn = state.field === 'waves' || (state.playing && velmarAddress.moves(state));
+    if (isNew) settleAt = anew || goesOn ? 0 : now + 250;
     scene = wanted;
     sentFrame = state.frame;
     anew = dirty = false;
@@ -319,13 +321,15 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
   requestAnimationFrame(tick);
 
   return {
-    fit, zoom, fitting, isDark,
+    fit, zoom, view, fitting, isDark,
     redraw: () => { dirty = true; },
     // From the grid, as whoever opens the address gets it.
     remake: () => { scene = null; anew = true; },
-    settle: () => { settleAt = performance.now() + 1; },
+    settle: () => { if (state.field !== 'waves') settleAt = performance.now() + 1; },
     svg: (done) => { wantSvg = done; },
     fingerprint: (done) => { wantPrint = done; },
+    // Milliseconds from the opening of the page.
+    firstPicture: () => firstPicture,
     // Everything that was asked for is there.
     atRest: () => ready && !waiting && !dirty && !settleAt && !wantSvg && !wantPrint &&
       velmarAddress.scene(state) === scene,

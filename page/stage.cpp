@@ -116,7 +116,7 @@ void survey(Stage& stage) {
   stage.wanted.resize(nodes.size());
   stage.values.resize(nodes.size());
   Report& report = stage.report;
-  report.too_coarse = 0;
+  report.too_coarse = report.at_limit = 0;
   report.highest_level = 0;
   const double widest = std::log2(mesh.dist_0());
   const double range = std::max(1.0, widest - std::log2(std::max(scene.finest, 1e-6)));
@@ -127,10 +127,12 @@ void survey(Stage& stage) {
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     const Cell& c = *nodes[i];
     constexpr double rounding = 1e-9;
-    const bool is_too_coarse =
+    const bool wants_more =
         spacings[static_cast<std::size_t>(c.level)] > sizes[i] * (1.0 + rounding) &&
         sizes[i] >= 0.0;
+    const bool is_too_coarse = wants_more && c.level < scene.limit;
     report.too_coarse += is_too_coarse ? 1 : 0;
+    report.at_limit += wants_more && !is_too_coarse ? 1 : 0;
     report.highest_level = std::max(report.highest_level, c.level);
     stage.wanted[i] = static_cast<float>(is_too_coarse ? -sizes[i] : std::max(0.0, sizes[i]));
     double value = 0.0;
@@ -164,6 +166,7 @@ void begin(Stage& stage, Clock::time_point end) {
 
 void show_or_throw(Stage& stage, const Scene& scene, bool anew) {
   const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int>(1000 * longest_work));
+  const auto pause = Clock::now() + std::chrono::milliseconds(200);
   Report& report = stage.report;
   report = {};
   const bool from_the_grid = anew || !stage.mesh || !go_on(stage.scene, scene);
@@ -184,8 +187,10 @@ void show_or_throw(Stage& stage, const Scene& scene, bool anew) {
       report.milliseconds = 0.0;
       advance_waves(*stage.mesh, scene, frame);
       adapt(stage, end);
-      // The frames that are left come with the next call.
-      if (Clock::now() > end) break;
+      if (Clock::now() > pause) {  // the frames that are left come with the next call
+        ++frame;
+        break;
+      }
     }
     stage.scene.frame = frame;
   }

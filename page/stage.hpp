@@ -14,7 +14,8 @@ namespace velmar_2d::page {
 struct Report {
   std::string message;  ///< nothing, or one line: why it is not what was asked for
   UpdateStatistics statistics;
-  std::int64_t too_coarse = 0;  ///< nodes that are coarser than wanted
+  std::int64_t too_coarse = 0;  ///< nodes that are coarser than wanted and than the limit
+  std::int64_t at_limit = 0;    ///< nodes that only the limit keeps from being as fine as wanted
   std::int32_t highest_level = 0;
   double milliseconds = 0.0;  ///< of the adaptation alone
 };
@@ -24,8 +25,8 @@ struct Stage {
   std::optional<Mesh> mesh;
   batch_size_function sizes;
   Report report;
-  /// For each node, in list order: the wanted spacing, negative where the node is coarser; and what
-  /// its colour tells, 0 to 1.
+  /// For each node, in list order: the wanted spacing, negative where the node is too coarse; and
+  /// what its colour tells, 0 to 1.
   std::vector<float> wanted, values;
 };
 

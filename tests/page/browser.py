@@ -15,7 +15,7 @@ def start(width=1280, height=800, dark=False, arguments=()):
     for argument in ["--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--hide-scrollbars",
                      "--disable-gpu", "--force-device-scale-factor=1", *arguments]:
         options.add_argument(argument)
-    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
     driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     driver.set_script_timeout(30)
     driver.set_page_load_timeout(30)
@@ -105,11 +105,28 @@ class Page:
         self.driver.execute_cdp_cmd("Input.dispatchMouseEvent", {
             "type": kind, "x": column, "y": row, "button": button, **more})
 
+    def key(self, key):
+        self.script("const mesh = document.getElementById('mesh'); mesh.focus();"
+                    "mesh.dispatchEvent(new KeyboardEvent('keydown', {key: arguments[0],"
+                    " bubbles: true, cancelable: true}))", key)
+
+    def rest_or_stop(self):
+        """What moves is stopped first."""
+        self.script("velmarPage.state.playing = false")
+        self.rest()
+
     def picture(self):
         """The canvas as a PNG file."""
         import base64
         data = self.script("return document.getElementById('mesh').toDataURL('image/png')")
         return base64.b64decode(data.split(",")[1])
+
+    def fetched(self):
+        """Addresses of all that was asked for since the last call."""
+        events = [json.loads(line["message"])["message"]
+                  for line in self.driver.get_log("performance")]
+        return [event["params"]["request"]["url"] for event in events
+                if event["method"] == "Network.requestWillBeSent"]
 
     def faults(self):
         """What the console has that it should not have."""
