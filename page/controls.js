@@ -28,7 +28,7 @@
   // What is told
   // ---------------------------------------------------------------------------------------------
 
-  let lastPicture = 0, rate = 0, averaged = 0, addressWritten = 0, addressTimer = 0;
+  let lastPicture = 0, rate = 0, averaged = 0, addressTimer = 0;
   let ownMessage = wrong;
 
   function say(line) {
@@ -63,6 +63,7 @@
   }
 
   function told(answer) {
+    if (window.velmarPage.watch) window.velmarPage.watch(answer);
     if (answer.view) {
       const now = performance.now();
       if (lastPicture && now - lastPicture < 1000) {
@@ -98,7 +99,6 @@
   // ---------------------------------------------------------------------------------------------
 
   function writeAddress() {
-    addressWritten = performance.now();
     const address = '#' + velmarAddress.write(state);
     if (location.hash !== address) history.replaceState(null, '', address);
   }
@@ -141,6 +141,8 @@
       { auto: 'as the system has them', light: 'light', dark: 'dark' }[state.theme]);
   }
 
+  // For whoever wants to look on: `watch` is called with every answer of the worker.
+  window.velmarPage = { state, watch: null };
   const screen = velmarScreen($('mesh'), state, { told, changed, failed: say });
 
   // What was computed so far began from other values.
@@ -150,7 +152,7 @@
     if (field === 'waves' && state.field !== 'waves') {
       beginAgain();
       state.limit = Math.min(state.limit, 8);
-      state.finest = Math.max(state.finest, 0.004);
+      state.finest = Math.max(state.finest, 0.0055);
       state.colour = 'value';
       state.show = 'links';
     } else if (state.field === 'waves' && field !== 'waves') {
@@ -265,5 +267,5 @@
   });
 
   reflect();
-  window.velmarPage = { state, screen };  // for whoever wants to look on
+  window.velmarPage.screen = screen;
 })();

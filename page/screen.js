@@ -10,7 +10,7 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
   const sharpness = () => Math.min(3, window.devicePixelRatio || 1);
   const longestWait = 12000;  // milliseconds
   let domain = { width: 1.5, height: 1 };
-  let worker = null, ready = false, waiting = false, watch = 0, id = 0;
+  let worker = null, ready = false, waiting = false, watch = 0;
   let scene = null, anew = true, dirty = true, settleAt = 0;
   let sentFrame = 0, firstPicture = 0;
   let touch = null, shown = null, wantSvg = null, wantPrint = null;
@@ -167,7 +167,7 @@ function velmarScreen(canvas, state, { told, changed, failed }) {
     const k = sharpness(), [x, y, scale] = view();
     const size = [Math.max(1, Math.round(width * k)), Math.max(1, Math.round(height * k))];
     worker.postMessage({
-      id: ++id, scene: isNew ? wanted : null, anew, look: look(), view: [...size, x, y, scale * k],
+      scene: isNew ? wanted : null, anew, look: look(), view: [...size, x, y, scale * k],
       touch, svg: Boolean(wantSvg), fingerprint: Boolean(wantPrint),
     });
     const goesOn = state.field === 'waves' || (state.playing && velmarAddress.moves(state));

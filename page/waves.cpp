@@ -17,7 +17,7 @@ constexpr double unit = 1.0 / 36.0;
 constexpr double diffusivity = unit * unit;
 constexpr double longest_step = 0.02;
 constexpr double share_of_stable_step = 0.8;
-constexpr int steps_per_frame = 4;
+constexpr int steps_per_frame = 8;
 /// Over a link the first value changes by at most this, where the mesh may be fine enough.
 constexpr double change_per_spacing = 0.12;
 constexpr double spark_radius = 1.6 * unit;

@@ -46,7 +46,8 @@ function velmarWorker() {
 
   // A request: scene and anew where the mesh changes; look, view and touch say what is drawn.
   function work(request) {
-    const answer = { id: request.id, view: request.view };
+    const start = performance.now();
+    const answer = { view: request.view };
     if (request.scene !== null) {
       put(request.scene);
       answer.report = JSON.parse(text(module.page_show(request.anew ? 1 : 0)));
@@ -66,6 +67,7 @@ function velmarWorker() {
     const pixels = module.page_draw();
     answer.pixels = memory.buffer.slice(pixels, pixels + 4 * width * height);
     answer.drawn = performance.now() - begin;
+    answer.worked = performance.now() - start;  // all of it
     postMessage(answer, [answer.pixels]);
   }
 

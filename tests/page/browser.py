@@ -95,6 +95,10 @@ class Page:
                     "input.value = arguments[0];"
                     "input.dispatchEvent(new Event('input', {bubbles: true}))", text)
 
+    def raw_mouse(self, kind, column, row, button="none", **more):
+        self.driver.execute_cdp_cmd("Input.dispatchMouseEvent", {
+            "type": kind, "x": column, "y": row, "button": button, **more})
+
     def mouse(self, kind, x, y, button="none", **more):
         """At a place of the mesh, through the browser's own input."""
         column, row = self.script(
@@ -102,8 +106,7 @@ class Page:
             "const box = document.getElementById('frame').getBoundingClientRect();"
             "return [box.left + box.width / 2 + (arguments[0] - x) * scale,"
             "        box.top + box.height / 2 - (arguments[1] - y) * scale]", x, y)
-        self.driver.execute_cdp_cmd("Input.dispatchMouseEvent", {
-            "type": kind, "x": column, "y": row, "button": button, **more})
+        self.raw_mouse(kind, column, row, button, **more)
 
     def key(self, key):
         self.script("const mesh = document.getElementById('mesh'); mesh.focus();"

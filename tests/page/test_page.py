@@ -324,13 +324,14 @@ def test_a_thousand_random_inputs(page, native):
     for i in range(1000):
         kind = choose.random()
         if kind < 0.45:
-            page.mouse(choose.choice(["mouseMoved"] * 5 + ["mouseWheel"]), choose.uniform(-0.2, 1.5),
-                       choose.uniform(-0.2, 1.2), deltaX=0, deltaY=choose.uniform(-400, 400))
+            page.raw_mouse(choose.choice(["mouseMoved"] * 5 + ["mouseWheel"]),
+                           choose.uniform(0, 660), choose.uniform(0, 600), deltaX=0,
+                           deltaY=choose.uniform(-400, 400))
         elif kind < 0.55:
-            x, y = choose.uniform(0, 1.2), choose.uniform(0, 1)
-            page.mouse("mousePressed", x, y, "left", buttons=1)
-            page.mouse("mouseMoved", x + choose.uniform(-0.2, 0.2), y, "left", buttons=1)
-            page.mouse("mouseReleased", x, y, "left")
+            x, y = choose.uniform(20, 640), choose.uniform(60, 550)
+            page.raw_mouse("mousePressed", x, y, "left", buttons=1)
+            page.raw_mouse("mouseMoved", x + choose.uniform(-90, 90), y, "left", buttons=1)
+            page.raw_mouse("mouseReleased", x, y, "left")
         elif kind < 0.70:
             page.press(choose.choice(clicks))
         elif kind < 0.80:
