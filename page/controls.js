@@ -267,5 +267,5 @@
   });
 
   reflect();
-  window.velmarPage.screen = screen;
+  Object.assign(window.velmarPage, { screen, reflect });
 })();
