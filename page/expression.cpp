@@ -128,12 +128,16 @@ class Reader {
     return nullptr;
   }
 
-  void sign() {
+  void sign(bool after_sign = false) {
     const Nesting nesting(*this);
-    if (take("+")) return sign();
-    if (take("-")) {
-      sign();
-      return push({.kind = Kind::negate}, 1);
+    skip_blanks();
+    const std::size_t begin = place_;
+    const bool negative = take("-");
+    if (negative || take("+")) {
+      if (after_sign) throw Fault{"one sign after another", begin};
+      sign(true);
+      if (negative) push({.kind = Kind::negate}, 1);
+      return;
     }
     value();
     if (!take("^")) return;

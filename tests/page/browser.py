@@ -17,8 +17,8 @@ def start(width=1280, height=800, dark=False, arguments=()):
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
     driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-    driver.set_script_timeout(30)
-    driver.set_page_load_timeout(30)
+    driver.set_script_timeout(60)
+    driver.set_page_load_timeout(60)
     size(driver, width, height)
     scheme(driver, dark)
     return driver
@@ -48,7 +48,7 @@ class Page:
     def script(self, text, *arguments):
         return self.driver.execute_script(text, *arguments)
 
-    def wait(self, condition, what, seconds=20):
+    def wait(self, condition, what, seconds=60):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             if self.script("return " + condition):

@@ -45,7 +45,8 @@ def same_as_native(page, native):
 def test_loads_from_the_disk_alone(page):
     page.open()
     page.wait("window.velmarPage && velmarPage.screen.firstPicture()", "the first picture")
-    assert page.script("return velmarPage.screen.firstPicture()") < 1000
+    # Measured on a quiet machine it is a quarter of a second; tests share theirs with others.
+    assert page.script("return velmarPage.screen.firstPicture()") < 5000
     assert page.message() == ""
     assert page.number("nodes") > 1000
     # A ring that moves: later pictures are others.
@@ -261,7 +262,7 @@ def test_long_work_never_freezes_the_page(page):
     # The view moves meanwhile.
     page.press("closer")
     assert page.script("return document.getElementById('mesh').style.transform").find("scale(1.4") > 0
-    page.wait("velmarPage.screen.atRest()", "the end", 30)
+    page.wait("velmarPage.screen.atRest()", "the end")
 
 
 def test_everybody_can_use_it(page):
@@ -347,3 +348,24 @@ def test_a_thousand_random_inputs(page, native):
     page.script("velmarPage.state.playing = false")
     page.rest()
     same_as_native(page, native)
+
+
+def test_site(page):
+    """What lies around the page: documents whose pictures load, and that can be searched."""
+    driver = page.driver
+    driver.get((folder.parent / "index.html").resolve().as_uri())
+    page.wait("document.images.length > 2 && [...document.images].every(i => i.naturalWidth > 0)",
+              "the pictures")
+    page.script("const field = document.getElementById('MSearchField');"
+                "field.focus(); field.value = 'locate';"
+                "field.dispatchEvent(new KeyboardEvent('keyup', {keyCode: 69, bubbles: true}))")
+    page.wait("document.getElementById('MSearchResultsWindow').offsetHeight > 50", "what is found")
+    found = driver.find_element("id", "MSearchResults")
+    driver.switch_to.frame(found)
+    page.wait("[...document.querySelectorAll('.SRResult')].some(r => r.offsetHeight > 0 &&"
+              " r.textContent.includes('locate'))", "locate")
+    driver.switch_to.default_content()
+    page.open()
+    page.wait("velmarPage.screen.firstPicture()", "the page in the site")
+    assert page.script("return document.querySelector('header a').getAttribute('href')") == \
+        "../index.html"
