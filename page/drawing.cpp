@@ -1,18 +1,13 @@
-#include "page/drawing.hpp"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <numbers>
 
+#include "page/seen.hpp"
+
 namespace velmar_2d::page {
 namespace {
 
-/// Each link has one end from which it leads in one of these.
-constexpr std::array<Direction, 4> half_of_directions = {Direction::north, Direction::north_east,
-                                                         Direction::east, Direction::south_east};
-
-constexpr Colour coarse_mark = {230.0, 70.0, 40.0};
 constexpr Colour light_paper = {252.0, 251.0, 248.0}, dark_paper = {22.0, 26.0, 33.0};
 Colour ink(bool dark) { return dark ? Colour{240.0, 240.0, 240.0} : Colour{20.0, 24.0, 32.0}; }
 
@@ -64,43 +59,6 @@ Scale make_scale(bool dark) {
   return scale;
 }
 
-/// The highest level that the scene will have: colours keep still while the mesh moves.
-double range_of_levels(const Stage& stage) {
-  const double wanted = std::ceil(2.0 * std::log2(stage.mesh->dist_0() / stage.scene.finest));
-  return std::clamp(wanted, 1.0, std::max(1.0, static_cast<double>(stage.scene.limit)));
-}
-
-/// Calls with each node that has to do with the view, and its number.
-template <typename Draw>
-void for_each_seen(const Stage& stage, const View& view, const Draw& draw) {
-  // A cell reaches as far as the links of its node, which are no longer than the first ones.
-  const double reach = 1.5 * stage.mesh->dist_0() * view.scale;
-  std::size_t i = 0;
-  for (const Cell& c : stage.mesh->nodes()) {
-    const Spot spot{view.column(c.x), view.row(c.y)};
-    if (spot.column > -reach && spot.column < view.width + reach && spot.row > -reach &&
-        spot.row < view.height + reach) {
-      draw(c, i, spot);
-    }
-    ++i;
-  }
-}
-
-/// A number between 0 and 1 that the colour of a node tells.
-class Shade {
- public:
-  Shade(const Stage& stage, const Look& look)
-      : stage_(stage), by_value_(look.by_value), range_(range_of_levels(stage)) {}
-  double operator()(const Cell& c, std::size_t i) const {
-    return by_value_ ? static_cast<double>(stage_.values[i]) : std::min(1.0, c.level / range_);
-  }
-
- private:
-  const Stage& stage_;
-  bool by_value_;
-  double range_;
-};
-
 double line_width(double length, double sharpness) {
   return sharpness * std::clamp(0.2 + 0.1 * length / sharpness, 0.25, 1.2);
 }
@@ -115,6 +73,67 @@ Colour colour_of(double value, bool dark) {
       std::lround(std::clamp(value, 0.0, 1.0) * (nb_shades - 1)))];
 }
 
+namespace {
+
+using Outline = std::array<Spot, max_cell_corners>;
+
+/// Borders between the cells, each from one of the two that it parts.
+void draw_borders(Canvas& canvas, const Outline& outline, int n, const Look& look) {
+  for (int k = 0; k < n; ++k) {
+    const Spot &a = outline[static_cast<std::size_t>(k)],
+               &b = outline[static_cast<std::size_t>(k + 1 == n ? 0 : k + 1)];
+    const bool is_upper = b.column < a.column || (b.column == a.column && b.row < a.row);
+    const double length = std::hypot(b.column - a.column, b.row - a.row);
+    if (!is_upper || length < 2.0 * look.sharpness) continue;
+    draw_line(canvas, a, b, line_width(length, look.sharpness), paper(look.dark), 0.7);
+  }
+}
+
+void draw_cells(const Stage& stage, const Look& look, const View& view, Canvas& canvas) {
+  const Shade shade(stage, look);
+  for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot) {
+    Outline outline;
+    int n = 0;
+    for (const Point& p : stage.mesh->polygon(c)) {
+      outline[static_cast<std::size_t>(n++)] = {view.column(p.x), view.row(p.y)};
+    }
+    fill_convex(canvas, outline.data(), n, colour_of(shade(c, i), look.dark));
+    if (!look.links) draw_borders(canvas, outline, n, look);
+  });
+}
+
+void draw_links(const Stage& stage, const Look& look, const View& view, Canvas& canvas) {
+  const Shade shade(stage, look);
+  for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot spot) {
+    for (const Direction direction : half_of_directions) {
+      const Cell* other = link(c, direction).cell();
+      if (other == nullptr) continue;
+      const Spot there{view.column(other->x), view.row(other->y)};
+      const double length =
+          std::max(std::abs(there.column - spot.column), std::abs(there.row - spot.row));
+      const Colour colour = look.cells
+                                ? paper(look.dark)
+                                : colour_of(shade_of_link(shade, look, c, i, *other), look.dark);
+      draw_line(canvas, spot, there, line_width(length, look.sharpness), colour,
+                look.cells ? 0.55 : 0.9);
+    }
+  });
+}
+
+/// Where there is room for them.
+void draw_dots(const Stage& stage, const Look& look, const View& view, Canvas& canvas) {
+  const Shade shade(stage, look);
+  constexpr double least_room = 9.0;
+  for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot spot) {
+    const double spacing = stage.mesh->spacing_of_level(c.level) * view.scale / look.sharpness;
+    if (spacing < least_room) return;
+    draw_dot(canvas, spot, look.sharpness * std::min(0.8 + 0.06 * spacing, 4.5),
+             colour_of(shade(c, i), look.dark), 1.0);
+  });
+}
+
+}  // namespace
+
 void draw(const Stage& stage, const Look& look, const View& view, Canvas& canvas) {
   canvas.width = view.width;
   canvas.height = view.height;
@@ -126,54 +145,9 @@ void draw(const Stage& stage, const Look& look, const View& view, Canvas& canvas
                                         {view.column(mesh.x_max()), view.row(mesh.y_max())},
                                         {view.column(mesh.x_min()), view.row(mesh.y_max())}}};
   fill_convex(canvas, corners.data(), 4, paper(look.dark));
-
-  const Shade shade(stage, look);
-  if (look.cells) {
-    for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot) {
-      std::array<Spot, max_cell_corners> outline;
-      const CellPolygon polygon = mesh.polygon(c);
-      int n = 0;
-      for (const Point& p : polygon)
-        outline[static_cast<std::size_t>(n++)] = {view.column(p.x), view.row(p.y)};
-      fill_convex(canvas, outline.data(), n, colour_of(shade(c, i), look.dark));
-      if (look.links) return;
-      // Borders between the cells, each from the cell that lies before it.
-      for (int k = 0; k < n; ++k) {
-        const Spot &a = outline[static_cast<std::size_t>(k)],
-                   &b = outline[static_cast<std::size_t>(k + 1 == n ? 0 : k + 1)];
-        const bool is_upper = b.column < a.column || (b.column == a.column && b.row < a.row);
-        const double length = std::hypot(b.column - a.column, b.row - a.row);
-        if (!is_upper || length < 2.0 * look.sharpness) continue;
-        draw_line(canvas, a, b, line_width(length, look.sharpness), paper(look.dark), 0.7);
-      }
-    });
-  }
-  if (look.links) {
-    for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot spot) {
-      const double own = shade(c, i);
-      for (const Direction direction : half_of_directions) {
-        const Cell* other = link(c, direction).cell();
-        if (other == nullptr) continue;
-        const Spot there{view.column(other->x), view.row(other->y)};
-        const double length =
-            std::max(std::abs(there.column - spot.column), std::abs(there.row - spot.row));
-        const bool other_is_finer = !look.by_value && other->level > c.level;
-        const Colour colour = look.cells       ? paper(look.dark)
-                              : other_is_finer ? colour_of(shade(*other, 0), look.dark)
-                                               : colour_of(own, look.dark);
-        draw_line(canvas, spot, there, line_width(length, look.sharpness), colour,
-                  look.cells ? 0.55 : 0.9);
-      }
-    });
-    // Dots where there is room for them.
-    for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot spot) {
-      const double spacing = mesh.spacing_of_level(c.level) * view.scale / look.sharpness;
-      constexpr double least_room = 9.0;
-      if (spacing < least_room || look.cells) return;
-      draw_dot(canvas, spot, look.sharpness * std::min(0.8 + 0.06 * spacing, 4.5),
-               colour_of(shade(c, i), look.dark), 1.0);
-    });
-  }
+  if (look.cells) draw_cells(stage, look, view, canvas);
+  if (look.links) draw_links(stage, look, view, canvas);
+  if (look.links && !look.cells) draw_dots(stage, look, view, canvas);
   if (look.mark_coarse) {
     for_each_seen(stage, view, [&](const Cell&, std::size_t i, Spot spot) {
       if (std::signbit(stage.wanted[i])) {
@@ -205,103 +179,6 @@ void draw_node(const Stage& stage, const Cell& node, const Look& look, const Vie
     draw_dot(canvas, there, 2.2 * look.sharpness, colour, 0.9);
   }
   draw_dot(canvas, middle, 3.4 * look.sharpness, colour, 1.0);
-}
-
-// ---------------------------------------------------------------------------------------------
-// SVG
-// ---------------------------------------------------------------------------------------------
-
-namespace {
-
-std::string hexadecimal(const Colour& colour) {
-  std::array<char, 8> text;
-  std::snprintf(text.data(), text.size(), "#%02lx%02lx%02lx",
-                static_cast<unsigned long>(std::lround(colour[0])),
-                static_cast<unsigned long>(std::lround(colour[1])),
-                static_cast<unsigned long>(std::lround(colour[2])));
-  return text.data();
-}
-
-/// Two digits after the point, without those that say nothing.
-void append(std::string& text, double number) {
-  std::array<char, 32> digits;
-  int n = std::snprintf(digits.data(), digits.size(), "%.2f", number);
-  while (digits[static_cast<std::size_t>(n - 1)] == '0') --n;
-  if (digits[static_cast<std::size_t>(n - 1)] == '.') --n;
-  text.append(digits.data(), static_cast<std::size_t>(n));
-}
-
-void append(std::string& text, char letter, Spot spot) {
-  text += letter;
-  append(text, spot.column);
-  text += ' ';
-  append(text, spot.row);
-}
-
-/// One path for each shade.
-constexpr std::size_t nb_paths = 64;
-std::size_t path_of(double shade) {
-  return static_cast<std::size_t>(std::lround(std::clamp(shade, 0.0, 1.0) * (nb_paths - 1)));
-}
-
-}  // namespace
-
-std::string draw_svg(const Stage& stage, const Look& look, const View& view) {
-  const Mesh& mesh = *stage.mesh;
-  const Shade shade(stage, look);
-  std::array<std::string, nb_paths> cells, links;
-  std::string marks;
-  for_each_seen(stage, view, [&](const Cell& c, std::size_t i, Spot spot) {
-    if (look.cells) {
-      std::string& path = cells[path_of(shade(c, i))];
-      char letter = 'M';
-      for (const Point& p : mesh.polygon(c)) {
-        append(path, letter, {view.column(p.x), view.row(p.y)});
-        letter = 'L';
-      }
-      path += 'Z';
-    }
-    if (look.links) {
-      for (const Direction direction : half_of_directions) {
-        const Cell* other = link(c, direction).cell();
-        if (other == nullptr) continue;
-        const bool other_is_finer = !look.by_value && other->level > c.level;
-        std::string& path = links[path_of(other_is_finer ? shade(*other, 0) : shade(c, i))];
-        append(path, 'M', spot);
-        append(path, 'L', {view.column(other->x), view.row(other->y)});
-      }
-    }
-    if (look.mark_coarse && std::signbit(stage.wanted[i])) {
-      append(marks, 'M', spot);
-      marks += "h0";
-    }
-  });
-
-  const std::string width = std::to_string(view.width), height = std::to_string(view.height);
-  std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + width + "\" height=\"" +
-                    height + "\" viewBox=\"0 0 " + width + " " + height + "\">\n<title>" +
-                    std::to_string(mesh.size()) + " nodes</title>\n";
-  svg += "<rect width=\"" + width + "\" height=\"" + height + "\" fill=\"" +
-         hexadecimal(paper(look.dark)) + "\"/>\n";
-  const double last = nb_paths - 1;
-  for (std::size_t k = 0; k < nb_paths; ++k) {
-    if (cells[k].empty()) continue;
-    svg += "<path fill=\"" + hexadecimal(colour_of(static_cast<double>(k) / last, look.dark)) +
-           "\" stroke=\"" + hexadecimal(paper(look.dark)) + "\" stroke-width=\".5\" d=\"" +
-           cells[k] + "\"/>\n";
-  }
-  for (std::size_t k = 0; k < nb_paths; ++k) {
-    if (links[k].empty()) continue;
-    const Colour colour =
-        look.cells ? paper(look.dark) : colour_of(static_cast<double>(k) / last, look.dark);
-    svg += "<path fill=\"none\" stroke=\"" + hexadecimal(colour) + "\" stroke-width=\"" +
-           (look.cells ? ".5" : ".8") + "\" d=\"" + links[k] + "\"/>\n";
-  }
-  if (!marks.empty()) {
-    svg += "<path fill=\"none\" stroke=\"" + hexadecimal(coarse_mark) +
-           "\" stroke-width=\"4\" stroke-linecap=\"round\" d=\"" + marks + "\"/>\n";
-  }
-  return svg + "</svg>\n";
 }
 
 }  // namespace velmar_2d::page

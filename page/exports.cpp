@@ -82,8 +82,10 @@ PAGE_EXPORT const char* page_show(int anew) {
   if (error.empty()) {
     show(stage, scene, anew != 0);
   } else {
-    stage.report = {.message = error};
-    if (!stage.mesh) show(stage, Scene{.field = Field::curve}, true);  // a grid
+    Scene grid;
+    grid.field = Field::curve;  // without one
+    if (!stage.mesh) show(stage, grid, true);
+    stage.report = {};
     stage.report.message = error;
   }
   return report();

@@ -10,22 +10,22 @@ namespace {
 
 std::uint32_t packed(const Colour& colour) {
   const auto byte = [](double c) { return static_cast<std::uint32_t>(std::lround(c)); };
-  return byte(colour[0]) | byte(colour[1]) << 8 | byte(colour[2]) << 16 | 0xff000000u;
+  return byte(colour[0]) | byte(colour[1]) << 8 | byte(colour[2]) << 16 | 0xff000000U;
 }
 
 /// @param part  of 256
 void blend(std::uint32_t& pixel, std::uint32_t colour, std::uint32_t part) {
   if ((pixel >> 24) == 0) {  // on clear ground: the colour itself, as opaque as it covers
-    if (part > 0) pixel = (colour & 0xffffffu) | std::min(part, 255u) << 24;
+    if (part > 0) pixel = (colour & 0xffffffU) | std::min(part, 255U) << 24;
     return;
   }
   // Two channels at a time.
-  constexpr std::uint32_t odd = 0x00ff00ffu;
+  constexpr std::uint32_t odd = 0x00ff00ffU;
   const std::uint32_t rest = 256 - part;
   const std::uint32_t red_blue = ((pixel & odd) * rest + (colour & odd) * part) >> 8 & odd;
   const std::uint32_t green =
-      ((pixel >> 8 & 0xffu) * rest + (colour >> 8 & 0xffu) * part) & 0xff00u;
-  pixel = (pixel & 0xff000000u) | red_blue | green;
+      ((pixel >> 8 & 0xffU) * rest + (colour >> 8 & 0xffU) * part) & 0xff00U;
+  pixel = (pixel & 0xff000000U) | red_blue | green;
 }
 
 /// The part of 0 .. size - 1 that lies within [from, to], clipped before it becomes an integer.
