@@ -75,10 +75,10 @@ void load_file(benchmark::State& state, bool check) {
 void load(benchmark::State& state) { load_file(state, true); }
 void unchecked(benchmark::State& state) { load_file(state, false); }
 
-BENCHMARK(save)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(save_memory)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(load)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(unchecked)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(save)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(save_memory)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(load)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(unchecked)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace velmar_2d::benchmarks

@@ -204,7 +204,7 @@ Object write_array(hid_t group, const ArrayToWrite& array) {
                                chunk_size = {shape.rows_of_chunk, shape.columns_of_chunk()};
   const Object space(H5Screate_simple(rank, size.data(), nullptr), H5Sclose, fault);
   const Object creation(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, fault);
-  must(H5Pset_obj_track_times(creation, 0), fault);
+  must(H5Pset_obj_track_times(creation, false), fault);
   if (!shape.empty()) {
     must(H5Pset_chunk(creation, rank, chunk_size.data()), fault);
     must(H5Pset_shuffle(creation), fault);

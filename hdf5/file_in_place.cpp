@@ -26,10 +26,11 @@ std::string resolved(std::string path) {
   for (int i = 0; i < most_links; ++i) {
     std::array<char, 4096> target{};
     const ssize_t length = readlink(path.c_str(), target.data(), target.size());
-    if (length < 0) return path;
+    if (length <= 0) return path;
     const std::string to(target.data(), static_cast<std::size_t>(length));
-    const std::size_t folder = path.rfind('/');
-    path = to.front() == '/' || folder == path.npos ? to : path.substr(0, folder + 1) + to;
+    const std::size_t folder = to.front() == '/' ? std::string::npos : path.rfind('/');
+    path.erase(folder == std::string::npos ? 0 : folder + 1);
+    path += to;
   }
   errno = ELOOP;
   fail();
@@ -53,7 +54,7 @@ void flush_to_disk(int file) {
 /// So that the new name of a file is on the disk too.
 void flush_folder(const std::string& path) {
   const std::size_t end = path.rfind('/');
-  const std::string folder = end == path.npos ? "." : path.substr(0, end + 1);
+  const std::string folder = end == std::string::npos ? "." : path.substr(0, end + 1);
   const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (file < 0) return;  // it may be writable only
   fsync(file);
@@ -89,6 +90,7 @@ FileInPlace::~FileInPlace() {
   if (!beside_.empty()) std::remove(beside_.c_str());
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes the file
 void FileInPlace::write(std::span<const std::byte> bytes) {
   write_all(file_, bytes.data(), bytes.size());
 }

@@ -103,14 +103,17 @@ Object open_mesh(hid_t file, const LoadOptions& options) {
 
 /// `From` is a path or the bytes of a file.
 template <typename From>
-Mesh load_from(const From& from, const LoadOptions& options) {
+MeshToRead mesh_from(const From& from, const LoadOptions& options) {
   MeshToRead mesh;
-  {
-    const Session session;
-    const OpenFile opened = open_file(from);
-    mesh.read(open_mesh(opened.file, options), opened.bytes);
-  }
-  return mesh.restore(options.bc_type, options.check);
+  const Session session;
+  const OpenFile opened = open_file(from);
+  mesh.read(open_mesh(opened.file, options), opened.bytes);
+  return mesh;
+}
+
+template <typename From>
+Mesh load_from(const From& from, const LoadOptions& options) {
+  return mesh_from(from, options).restore(options.bc_type, options.check);
 }
 
 SavedMesh described(hid_t group, const std::string& name) {
@@ -124,6 +127,11 @@ SavedMesh described(hid_t group, const std::string& name) {
 
 Mesh load(const std::string& path, const LoadOptions& options) {
   return telling("load", path, [&] { return load_from(path, options); });
+}
+
+void load_default_mesh(const std::string& path, const LoadOptions& options) {
+  telling("load_default_mesh", path,
+          [&] { mesh_from(path, options).restore_default(options.bc_type, options.check); });
 }
 
 Mesh load_from_memory(std::span<const std::byte> file, const LoadOptions& options) {

@@ -149,7 +149,7 @@ void check_options(const SaveOptions& options) {
 void check_name(const std::string& name) {
   constexpr std::size_t longest = 255;
   if (name.empty() || name.size() > longest || name == "." || name == ".." ||
-      name.find('/') != name.npos || name.find('\0') != name.npos) {
+      name.find('/') != std::string::npos || name.find('\0') != std::string::npos) {
     throw Error("'" + name.substr(0, longest) +
                 "' cannot be a name: it must have 1 to 255 bytes, none of them '/'");
   }
@@ -272,10 +272,18 @@ void MeshToRead::read(hid_t group, std::size_t bytes_of_file) {
   }
 }
 
-Mesh MeshToRead::restore(const bc_type_function& bc_type, bool check) {
+const detail::Snapshot& MeshToRead::complete() {
   decompress(arrays_);
   std::vector<ArrayToRead>().swap(arrays_);
-  return detail::restore(snapshot_, bc_type, check);
+  return snapshot_;
+}
+
+Mesh MeshToRead::restore(const bc_type_function& bc_type, bool check) {
+  return detail::restore(complete(), bc_type, check);
+}
+
+void MeshToRead::restore_default(const bc_type_function& bc_type, bool check) {
+  detail::restore_default(complete(), bc_type, check);
 }
 
 void ArraysToRead::read(hid_t group, std::size_t bytes_of_file) {

@@ -30,8 +30,11 @@ class MeshToRead {
  public:
   void read(hid_t group, std::size_t bytes_of_file);
   Mesh restore(const bc_type_function& bc_type, bool check);
+  void restore_default(const bc_type_function& bc_type, bool check);
 
  private:
+  const detail::Snapshot& complete();
+
   detail::Snapshot snapshot_;
   std::vector<ArrayToRead> arrays_;
 };

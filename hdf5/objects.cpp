@@ -30,14 +30,14 @@ Object access_to_files() {
 
 Object access_to_memory(std::size_t increment) {
   Object access = access_to_files();
-  must(H5Pset_fapl_core(access, increment, 0), "HDF5 has no files in memory");
+  must(H5Pset_fapl_core(access, increment, false), "HDF5 has no files in memory");
   return access;
 }
 
 /// Nothing of the clock goes to the file.
 Object timeless(hid_t list_class) {
   Object creation(H5Pcreate(list_class), H5Pclose, "HDF5 gives no property list");
-  must(H5Pset_obj_track_times(creation, 0), "HDF5 refuses a property");
+  must(H5Pset_obj_track_times(creation, false), "HDF5 refuses a property");
   return creation;
 }
 

@@ -152,7 +152,7 @@ TEST_F(Saving, LoadedMeshIsTheSavedOneAndStaysSo) {
 // values follow: the order in which nodes go shows in values that are conserved.
 TEST_F(Saving, EachTransferGoesOnWithTheSameBits) {
   for (const Transfer transfer : {Transfer::first, Transfer::all, Transfer::conservative}) {
-    Mesh mesh = ring_mesh(0.2);
+    Mesh mesh = ring_mesh(0.2, 2, 7);
     mesh.set_transfer(transfer);
     for (Cell& c : mesh.nodes()) c.data[1] = std::cos(20.0 * c.x * c.y);
     mesh.resolve(ring_at(0.2));
@@ -192,6 +192,33 @@ TEST_F(Saving, KeepsWhatCallersLeaveInNodesAndRecords) {
   east_boundary_neu = neumann;
   EXPECT_EQ(loaded.size(), 12);
   expect_error([&] { loaded.side_record(Direction::east, bc_type_neu); }, "no record of this kind");
+}
+
+TEST_F(Saving, TheMeshOfTheFreeProceduresIsLoadedInItsPlace) {
+  make_grid(9, 9, 6);
+  update_mesh_no_init(scenarios::ring_spacing({4.0, 4.0, 2.0}, 0.4, 0.2, 2.0));
+  save(default_mesh(), path("default.h5"));
+  Mesh twin = load(path("default.h5"));
+  const std::uint64_t saved = whole_hash(twin);
+  delete_mesh();
+  make_grid(4, 3, 5);
+  std::ofstream(path("none.h5")) << "none";
+  expect_error([&] { load_default_mesh(path("none.h5")); }, "no HDF5 file");
+  const auto in_the_middle = [&](double, double, auto...) {
+    expect_error([&] { load_default_mesh(path("default.h5")); }, "in use by update_mesh_no_init");
+    return -1.0;
+  };
+  update_mesh_no_init(in_the_middle);
+  EXPECT_EQ(nb_nodes, 12);
+
+  Boundary *const own = east_boundary_dir, *const neumann = east_boundary_neu;
+  east_boundary_neu = nullptr;
+  load_default_mesh(path("default.h5"));
+  EXPECT_TRUE(east_boundary_dir == own && own->c == 8.0);
+  EXPECT_EQ(whole_hash(default_mesh()), saved);
+  expect_same_future(default_mesh(), twin, 1, 10);
+  delete_mesh();
+  east_boundary_neu = neumann;
 }
 
 TEST_F(Saving, KindsOfSidesAreThoseOfTheNodesUnlessTheyDiffer) {

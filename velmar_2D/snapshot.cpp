@@ -19,6 +19,11 @@ void require(bool holds, const char* otherwise) {
   if (!holds) refuse(otherwise);
 }
 
+/// A callback may ask for what must not be in the middle of a change.
+void require_idle(const State& state) {
+  if (!state.in_use_by.empty()) refuse("the mesh is in use by " + std::string(state.in_use_by));
+}
+
 // ---------------------------------------------------------------------------------------------
 // Taking
 // ---------------------------------------------------------------------------------------------
@@ -385,9 +390,11 @@ void set_mesh(State& state, const Snapshot& s) {
   state.domain = domain_of(s);
   for (std::size_t side = 0; side < 4; ++side) {
     for (std::size_t kind = 0; kind < 3; ++kind) {
-      state.own_side_records[side][kind] = s.side_records[side][kind];
-      state.side_records[side][kind] =
-          s.has_side_record[side][kind] ? &state.own_side_records[side][kind] : nullptr;
+      if (!s.has_side_record[side][kind]) continue;
+      // Records that the caller has brought along are those of the mesh from now on.
+      Boundary*& record = state.side_records[side][kind];
+      if (record == nullptr) record = &state.own_side_records[side][kind];
+      *record = s.side_records[side][kind];
     }
   }
   state.n_cell_data = s.n_cell_data;
@@ -460,6 +467,22 @@ void fill_nodes(State& state, const Snapshot& s, const std::vector<Cell*>& cells
   });
 }
 
+/// Needs: a state without nodes, and a snapshot that has been checked.
+void set_state(State& state, const Snapshot& s, const bc_type_function& bc_type) {
+  state.bc_type_ptr = bc_type ? bc_type : kinds_from(s);
+  set_mesh(state, s);
+  fill_nodes(state, s, make_nodes(state, s));
+  state.next_id = s.next_id;
+  state.mesh_revision = s.revision;
+  state.resolved_revision = s.resolved_revision;
+  state.surplus_has_gone = s.surplus_has_gone;
+  state.transfer = s.transfer;
+  state.links_may_be_one_way = s.links_may_be_one_way;
+  state.update_statistics = s.statistics;
+  if (s.list_is_split) split_sublists(state);
+  state.level_range = s.level_range;
+}
+
 /// Where single steps have left links one-way their caller decided on the geometry, and what must
 /// hold has been checked before.
 void require_whole(const State& state) {
@@ -478,8 +501,7 @@ void require_whole(const State& state) {
 Snapshot take_snapshot(const Mesh& mesh) {
   const State& state = SnapshotAccess::state_of(mesh);
   require(state.nb_nodes > 0, "there is no mesh");
-  // A callback may ask for it.
-  if (!state.in_use_by.empty()) refuse("the mesh is in use by " + std::string(state.in_use_by));
+  require_idle(state);
   Snapshot s;
   const Domain& domain = state.domain;
   s.x_min = domain.x_min;
@@ -523,20 +545,19 @@ Mesh restore(const Snapshot& s, const bc_type_function& bc_type, bool check) {
   std::unique_ptr<State, StateDeleter> owned(new State);
   State& state = *owned;
   state.handlers.defaults = &default_state().handlers;
-  state.bc_type_ptr = bc_type ? bc_type : kinds_from(s);
-  set_mesh(state, s);
-  fill_nodes(state, s, make_nodes(state, s));
-  state.next_id = s.next_id;
-  state.mesh_revision = s.revision;
-  state.resolved_revision = s.resolved_revision;
-  state.surplus_has_gone = s.surplus_has_gone;
-  state.transfer = s.transfer;
-  state.links_may_be_one_way = s.links_may_be_one_way;
-  state.update_statistics = s.statistics;
-  if (s.list_is_split) split_sublists(state);
-  state.level_range = s.level_range;
+  set_state(state, s, bc_type);
   if (check) require_whole(state);
   return SnapshotAccess::mesh_of(std::move(owned));
+}
+
+void restore_default(const Snapshot& s, const bc_type_function& bc_type, bool check) {
+  State& state = default_state();
+  require_idle(state);
+  restore(s, bc_type, check);  // what can go wrong does so here; its memory is free again
+  release_all_nodes(state);
+  state.level_beg.clear();
+  state.level_end.clear();
+  set_state(state, s, bc_type);
 }
 
 }  // namespace velmar_2d::detail

@@ -59,6 +59,10 @@ VELMAR_2D_API Snapshot take_snapshot(const Mesh& mesh);
 /// @param bc_type  kinds of the sides; empty: one kind for each side, that of all its nodes
 VELMAR_2D_API Mesh restore(const Snapshot& snapshot, const bc_type_function& bc_type, bool check);
 
+/// The same in place of the mesh of the free procedures, which goes; where this throws it stays.
+VELMAR_2D_API void restore_default(const Snapshot& snapshot, const bc_type_function& bc_type,
+                                   bool check);
+
 /// The door to the state of a Mesh.
 struct SnapshotAccess {
   static const State& state_of(const Mesh& mesh) { return mesh.state(); }

@@ -90,6 +90,11 @@ struct LoadOptions {
 /// Throws Error where there is no such mesh or the file is no sound one.
 VELMAR_2D_HDF5_API Mesh load(const std::string& path, const LoadOptions& options = {});
 
+/// The same for the free procedures: in place of the mesh of default_mesh(), if there is one, which
+/// goes; where this throws it stays. The records of the sides that `north_boundary_dir` and the
+/// others designate get the saved values; those that designate none, records of the library's own.
+VELMAR_2D_HDF5_API void load_default_mesh(const std::string& path, const LoadOptions& options = {});
+
 /// An array that was saved with a mesh.
 struct LoadedArray {
   std::string name;
