@@ -10,7 +10,7 @@
 //   flux        the two-point fluxes of all nodes, with weights and areas
 //   pull, push  one value of all nodes
 //
-// `ns_per_node` is processor time, of all threads; with two threads look at the time of the clock.
+// `per_node` is processor time, of all threads; with two threads look at the time of the clock.
 #include "velmar_2D/arrays.hpp"
 
 #include <benchmark/benchmark.h>

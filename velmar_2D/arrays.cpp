@@ -198,7 +198,9 @@ void MeshArrays::pull(std::int32_t value, std::span<double> into) const {
   require_value(state, value);
   require_size(state, into.size(), nodes_.size());
   const std::array tables = {into};
-  pull_values(*arrays_->tables, static_cast<std::size_t>(value), tables, arrays_->threads);
+  with_memory_of(state, sizeof(double), [&] {
+    pull_values(*arrays_->tables, static_cast<std::size_t>(value), tables, arrays_->threads);
+  });
 }
 
 void MeshArrays::push(std::int32_t value, std::span<const double> from) {

@@ -63,7 +63,7 @@ struct ArraysDeleter {
 /// other nodes by now; those of default_mesh() end the process then, as its mistakes do.
 ///
 /// Spans are good until the next update() that makes the arrays anew.
-/// Takes some 80 bytes a node, and 8 for each data value.
+/// Takes some 80 bytes a node, and 8 for each data value that is pulled here.
 class VELMAR_2D_API MeshArrays {
  public:
   /// Makes the arrays of a mesh as it is. Data values come with pull().
