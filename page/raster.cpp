@@ -9,7 +9,7 @@ namespace velmar_2d::page {
 namespace {
 
 std::uint32_t packed(const Colour& colour) {
-  const auto byte = [](double c) { return static_cast<std::uint32_t>(std::lround(c)); };
+  const auto byte = [](double c) { return static_cast<std::uint32_t>(c + 0.5); };
   return byte(colour[0]) | byte(colour[1]) << 8 | byte(colour[2]) << 16 | 0xff000000U;
 }
 
@@ -95,13 +95,24 @@ void draw_line(Canvas& canvas, Spot from, Spot to, double width, const Colour& c
   // A pixel belongs to the line that begins in it, so that lines in a row do not overlap.
   const Range range(from.column - 0.5, std::ceil(to.column - 0.5) - 1.0, columns);
   double middle = from.row + (range.first + 0.5 - from.column) * slope - 0.5;
-  for (int i = range.first; i <= range.last; ++i, middle += slope) {
+  const auto part_of = [&](int j) {
+    return static_cast<std::uint32_t>(strength * std::min(1.0, half - std::abs(j - middle)));
+  };
+  std::uint32_t* begin = canvas.pixels.data() + static_cast<std::size_t>(range.first) * right;
+  if (slope == 0.0) {  // as most are: row by row
     const Range across(middle - half, middle + half, rows);
-    std::uint32_t* pixel = canvas.pixels.data() + static_cast<std::size_t>(i) * right +
-                           static_cast<std::size_t>(std::max(across.first, 0)) * down;
+    for (int j = across.first; j <= across.last; ++j) {
+      const std::uint32_t part = part_of(j);
+      std::uint32_t* pixel = begin + static_cast<std::size_t>(j) * down;
+      for (int i = range.first; i <= range.last; ++i, pixel += right) blend(*pixel, ink, part);
+    }
+    return;
+  }
+  for (int i = range.first; i <= range.last; ++i, middle += slope, begin += right) {
+    const Range across(middle - half, middle + half, rows);
+    std::uint32_t* pixel = begin + static_cast<std::size_t>(std::max(across.first, 0)) * down;
     for (int j = across.first; j <= across.last; ++j, pixel += down) {
-      const double cover = std::min(1.0, half - std::abs(j - middle));
-      blend(*pixel, ink, static_cast<std::uint32_t>(strength * cover));
+      blend(*pixel, ink, part_of(j));
     }
   }
 }
