@@ -7,6 +7,7 @@
 #include <string>
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/check/check.hpp"
 
 namespace velmar_2d::detail {
@@ -27,58 +28,6 @@ void require_idle(const State& state) {
 // ---------------------------------------------------------------------------------------------
 // Taking
 // ---------------------------------------------------------------------------------------------
-
-/// Numbers of nodes by their address. Nodes lie close together in large pieces of memory, and so
-/// the table has an array for each piece.
-class NodeNumbers {
- public:
-  void set(const Cell* c, std::int32_t number) {
-    if (2 * (nb_pieces_ + 1) > pieces_.size()) grow();
-    Piece& piece = pieces_[place(pieces_, piece_of(c))];
-    if (piece.numbers.empty()) {
-      piece.key = piece_of(c);
-      piece.numbers.assign(places_of_a_piece, -1);
-      ++nb_pieces_;
-    }
-    piece.numbers[place_of(c)] = number;
-  }
-  /// -1 for what is no node.
-  std::int32_t of(const Cell* c) const {
-    const Piece& piece = pieces_[place(pieces_, piece_of(c))];
-    return piece.numbers.empty() ? -1 : piece.numbers[place_of(c)];
-  }
-
- private:
-  static constexpr int bits_of_a_piece = 22;
-  static constexpr std::size_t places_of_a_piece =
-      (std::size_t{1} << bits_of_a_piece) / alignof(Cell);
-  struct Piece {
-    std::uintptr_t key = 0;
-    std::vector<std::int32_t> numbers;
-  };
-
-  static std::uintptr_t piece_of(const Cell* c) {
-    return reinterpret_cast<std::uintptr_t>(c) >> bits_of_a_piece;
-  }
-  static std::size_t place_of(const Cell* c) {
-    return reinterpret_cast<std::uintptr_t>(c) / alignof(Cell) % places_of_a_piece;
-  }
-  static std::size_t place(const std::vector<Piece>& pieces, std::uintptr_t key) {
-    std::size_t i = key & (pieces.size() - 1);
-    while (!pieces[i].numbers.empty() && pieces[i].key != key) i = (i + 1) & (pieces.size() - 1);
-    return i;
-  }
-  void grow() {
-    std::vector<Piece> doubled(2 * pieces_.size());
-    for (Piece& piece : pieces_) {
-      if (!piece.numbers.empty()) doubled[place(doubled, piece.key)] = std::move(piece);
-    }
-    pieces_.swap(doubled);
-  }
-
-  std::vector<Piece> pieces_{64};  ///< at most half full; their number is a power of 2
-  std::size_t nb_pieces_ = 0;
-};
 
 /// The nodes in list order; fills in the sizes of the stretches.
 std::vector<const Cell*> listed_nodes(const State& state, Snapshot& snapshot) {
@@ -117,17 +66,18 @@ void by_blocks(std::size_t n, const Work& work) {
   }
 }
 
-std::int32_t code_of(const State& state, const NodeNumbers& numbers, NeighbourLink to, int d) {
+std::int32_t code_of(const State& state, const NodeNumbers::Lookup& numbers, NeighbourLink to,
+                     int d) {
   if (to.empty()) return no_link;
   if (const Cell* c = to.cell(); c != nullptr) {
-    const std::int32_t number = numbers.of(c);
+    const std::int32_t number = *numbers.place_of(c);
     require(number >= 0, "a link leads out of the mesh");
     return number;
   }
   const auto side = static_cast<std::size_t>(d / 2);
   for (std::int32_t kind = 0; d % 2 == 0 && kind < 3; ++kind) {
     if (state.side_records[side][static_cast<std::size_t>(kind)] == to.boundary()) {
-      return first_side_code - 3 * static_cast<std::int32_t>(side) - kind;
+      return side_code(static_cast<Direction>(d), kind);
     }
   }
   refuse("a link designates a record of none of the kinds of its side");
@@ -153,8 +103,9 @@ void take_nodes(const State& state, Snapshot& s) {
   const std::vector<const Cell*> cells = listed_nodes(state, s);
   NodeNumbers numbers;
   for (std::size_t i = 0; i < cells.size(); ++i) {
-    numbers.set(cells[i], static_cast<std::int32_t>(i));
+    *numbers.place_for(cells[i]) = static_cast<std::int32_t>(i);
   }
+  const NodeNumbers::Lookup number_of = numbers.lookup();
   const std::size_t n = cells.size();
   for (auto* column : {&s.x, &s.y, &s.area, &s.grad_data, &s.grad2_data}) column->resize(n);
   for (auto* column :
@@ -204,7 +155,7 @@ void take_nodes(const State& state, Snapshot& s) {
     for (int d = 0; d < nb_directions; ++d) {
       std::int32_t* column = &s.links[static_cast<std::size_t>(d) * n];
       for (std::size_t i = first; i < end; ++i) {
-        column[i] = code_of(state, numbers, link(*cells[i], d), d);
+        column[i] = code_of(state, number_of, link(*cells[i], d), d);
       }
     }
     for (std::size_t k = 0; same_size && k < nb_values; ++k) {
@@ -347,10 +298,9 @@ void check_links(const Snapshot& s, bool mutual) {
         require(!mutual || back[to[i]] == static_cast<std::int32_t>(i), "a link is one-way");
         continue;
       }
-      const std::int32_t code = first_side_code - to[i];
-      require(d % 2 == 0 && code / 3 == d / 2 &&
+      require(d % 2 == 0 && side_of(to[i]) == static_cast<Direction>(d) &&
                   s.has_side_record[static_cast<std::size_t>(d / 2)]
-                                   [static_cast<std::size_t>(code % 3)],
+                                   [static_cast<std::size_t>(kind_of(to[i]))],
               "a link leads to no record of its side");
     }
   }
@@ -364,8 +314,8 @@ std::array<std::int32_t, 4> kinds_of_sides(const Snapshot& s) {
     bool differ = false;
     for (std::size_t i = 0; i < s.size(); ++i) {
       const std::int32_t to = s.links[2 * side * s.size() + i];
-      if (to > first_side_code) continue;
-      const std::int32_t of_node = (first_side_code - to) % 3;
+      if (!is_side(to)) continue;
+      const std::int32_t of_node = kind_of(to);
       differ = differ || (kind != no_link && kind != of_node);
       kind = of_node;
     }
@@ -459,7 +409,7 @@ void fill_nodes(State& state, const Snapshot& s, const std::vector<Cell*>& cells
         if (to >= 0) {
           link(c, d) = cells[static_cast<std::size_t>(to)];
         } else if (to != no_link) {
-          const auto kind = static_cast<std::size_t>((first_side_code - to) % 3);
+          const auto kind = static_cast<std::size_t>(kind_of(to));
           link(c, d) = state.side_records[static_cast<std::size_t>(d / 2)][kind];
         }
       });

@@ -2,7 +2,7 @@
 // files. Never installed.
 #pragma once
 
-#include "velmar_2D/mesh.hpp"
+#include "velmar_2D/arrays.hpp"
 
 namespace velmar_2d::detail {
 
@@ -30,7 +30,7 @@ struct Snapshot {
   std::vector<std::int64_t> id;
   std::vector<double> x, y;
   std::vector<std::int32_t> level;
-  /// Index of the linked node, no_link, or first_side_code - 3 * side - kind. Eight columns.
+  /// Index of the linked node, no_link, or a side_code(). Eight columns.
   std::vector<std::int32_t> links;
   std::vector<std::uint8_t> link_levels;  ///< a bit for each link of level 2, from north on
   std::vector<std::uint8_t> reserve, on_boundary, wanted_level, signature_set;
@@ -44,7 +44,6 @@ struct Snapshot {
   std::size_t size() const { return id.size(); }
 };
 
-inline constexpr std::int32_t no_link = -1, first_side_code = -2;
 /// More stretches no mesh can have.
 inline constexpr std::int32_t most_stretches = 1'000'001;
 

@@ -161,8 +161,11 @@ std::array<std::int32_t, 4> kinds_of_sides(const CoreMesh& core) {
   std::array<std::int32_t, 4> kinds{};
   for (const Cell& c : core.readable().nodes(0)) {
     for (std::size_t side = 0; side < 4; ++side) {
-      const std::int32_t code = core.code_of((c.*links[2 * side]).boundary());
-      if (code <= first_side_code) kinds[side] = (first_side_code - code) % 3;
+      const Boundary* record = (c.*links[2 * side]).boundary();
+      for (std::int32_t kind = bc_type_dir; record != nullptr && kind <= bc_type_oth; ++kind) {
+        const auto direction = static_cast<Direction>(2 * side);
+        if (record == &core.readable().side_record(direction, kind)) kinds[side] = kind;
+      }
     }
   }
   return kinds;
