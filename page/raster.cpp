@@ -9,7 +9,7 @@ namespace velmar_2d::page {
 namespace {
 
 std::uint32_t packed(const Colour& colour) {
-  const auto byte = [](double c) { return static_cast<std::uint32_t>(c + 0.5); };
+  const auto byte = [](double c) { return static_cast<std::uint32_t>(std::nearbyint(c)); };
   return byte(colour[0]) | byte(colour[1]) << 8 | byte(colour[2]) << 16 | 0xff000000U;
 }
 
@@ -45,8 +45,8 @@ std::size_t place(const Canvas& canvas, int column, int row) {
 
 void fill_convex(Canvas& canvas, const Spot* corners, int n, const Colour& colour) {
   const std::uint32_t ink = packed(colour);
-  double top = corners[0].row, bottom = corners[0].row;
-  for (int i = 1; i < n; ++i) {
+  double top = HUGE_VAL, bottom = -HUGE_VAL;
+  for (int i = 0; i < n; ++i) {
     top = std::min(top, corners[i].row);
     bottom = std::max(bottom, corners[i].row);
   }
