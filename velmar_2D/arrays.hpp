@@ -68,8 +68,8 @@ class VELMAR_2D_API MeshArrays {
  public:
   /// Makes the arrays of a mesh as it is. Data values come with pull().
   ///
-  /// @param threads  how many may work at update(), pull() and push(), the caller's included. The
-  ///                 arrays are the same to the last bit
+  /// `threads` is how many may work at update(), pull() and push(), the caller's included. The
+  /// arrays are the same to the last bit.
   explicit MeshArrays(Mesh& mesh, int threads = 1);
 
   /// Makes the arrays anew where nodes have come or gone: then numbers are others, and values are
