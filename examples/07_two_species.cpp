@@ -11,15 +11,20 @@
 // The petals grow because u comes to them first. Their rim is thin: the mesh follows it through 500
 // updates, with some thousand nodes instead of the sixteen thousand of a grid as fine.
 //
-//     07_two_species             pictures go to the folder pictures/
-//     07_two_species my/folder   pictures go to my/folder/
+//     07_two_species                    pictures go to the folder pictures/
+//     07_two_species my/folder          pictures go to my/folder/
+//     07_two_species my/folder run.h5   keeps the run in a file; whenever it is killed, the same
+//                                       command goes on from there, with the same bits
 //
-// It prints a table and ends with the line
+// It prints a table and ends with the lines
 //
 //     the sum of u + v changed by less than 1e-12 of itself in 500 updates
+//     fingerprint of all values: (16 digits, the same however often the run was killed)
 //
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <span>
@@ -27,6 +32,7 @@
 #include <vector>
 
 #include "pictures.hpp"
+#include "velmar_2D/velmar_2D_hdf5.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace {
@@ -36,7 +42,7 @@ using velmar_2d::Cell, velmar_2d::Mesh;
 constexpr double diffusion_u = 2.0, diffusion_v = 0.05, saturation = 0.03;
 constexpr double half_width = 20.0;  // of the dish
 constexpr double food = 2.5;         // u in the whole dish, at first
-constexpr int nb_updates = 500, updates_per_row = 50;
+constexpr int nb_updates = 500, updates_per_row = 50, updates_per_save = 20;
 constexpr double time_between_updates = 0.2;
 
 constexpr std::size_t v = 0, u = 1;  // the mesh looks at the derivatives of the first value
@@ -70,7 +76,8 @@ void put_drop(Mesh& mesh) {
 }
 
 /// The spacing at which linear interpolation of v errs by about 0.1.
-double spacing(double, double, std::span<const double>, double, double second_derivative) {
+double spacing(double /*x*/, double /*y*/, std::span<const double> /*data*/, double /*gradient*/,
+               double second_derivative) {
   return std::sqrt(8.0 * 0.1 / std::max(second_derivative, 1e-9));
 }
 
@@ -154,6 +161,51 @@ class Solver {
   double fastest_ = 0.0;  // largest sum of weights per area
 };
 
+// ---------------------------------------------------------------------------------------------
+// The run
+// ---------------------------------------------------------------------------------------------
+
+/// What has to be known, beside the mesh, to go on.
+struct Run {
+  int update = 0;
+  double total_at_first = 0.0, largest_change = 0.0;
+};
+
+Mesh begin(Run& run) {
+  Mesh mesh = make_mesh();
+  put_drop(mesh);
+  run.total_at_first = total(mesh);
+  return mesh;
+}
+
+void save(const Mesh& mesh, const Run& run, const std::string& path) {
+  const std::vector<double> numbers{static_cast<double>(run.update), run.total_at_first,
+                                    run.largest_change};
+  velmar_2d::save(mesh, path,
+                  {.time = run.update * time_between_updates,
+                   .arrays = {{"run", numbers}},
+                   .data_names = {"v", "u"}});
+}
+
+Mesh go_on(Run& run, const std::string& path) {
+  const std::vector<double> numbers = velmar_2d::load_arrays(path).front().values;
+  run = {static_cast<int>(numbers[0]), numbers[1], numbers[2]};
+  std::printf("going on after update %d\n", run.update);
+  return velmar_2d::load(path);
+}
+
+/// Differs where any bit of any place or value does.
+std::uint64_t fingerprint(const Mesh& mesh) {
+  std::uint64_t hash = 0;
+  for (const Cell& c : mesh.nodes()) {
+    for (const double number : {c.x, c.y, c.data[u], c.data[v]}) {
+      constexpr std::uint64_t odd = 0x9e3779b97f4a7c15;
+      hash = std::rotl((hash ^ std::bit_cast<std::uint64_t>(number)) * odd, 29);
+    }
+  }
+  return hash;
+}
+
 void draw(const Mesh& mesh, int update, const std::filesystem::path& folder) {
   velmar_2d::io::PictureOptions options;
   options.title = "Two species in a closed dish, update " + std::to_string(update);
@@ -167,25 +219,30 @@ void draw(const Mesh& mesh, int update, const std::filesystem::path& folder) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   const std::filesystem::path folder = picture_folder(argc, argv);
-  Mesh mesh = make_mesh();
+  const std::string kept = argc > 2 ? argv[2] : "";
+  Run run;
+  Mesh mesh = !kept.empty() && std::filesystem::exists(kept) ? go_on(run, kept) : begin(run);
   mesh.set_transfer(velmar_2d::Transfer::conservative);
-  put_drop(mesh);
-  const double total_at_first = total(mesh);
 
   std::printf("update   nodes   mean of u + v   change of the sum\n");
-  double largest_change = 0.0;
-  for (int update = 1; update <= nb_updates; ++update) {
+  while (run.update < nb_updates) {
     mesh.resolve(spacing, {.margin = 0.5});
     Solver(mesh).advance(time_between_updates);
-    const double change = std::abs(total(mesh) / total_at_first - 1.0);
-    largest_change = std::max(largest_change, change);
+    const int update = ++run.update;
+    const double change = std::abs(total(mesh) / run.total_at_first - 1.0);
+    run.largest_change = std::max(run.largest_change, change);
+    if (!kept.empty() && update % updates_per_save == 0) save(mesh, run, kept);
     if (update % updates_per_row != 0) continue;
     std::printf("%6d %7lld %15.12f %19.1e\n", update, static_cast<long long>(mesh.size()),
                 total(mesh) / (4.0 * half_width * half_width), change);
     if (update == 100 || update == nb_updates) draw(mesh, update, folder);
   }
   std::printf("the sum of u + v changed by %s than 1e-12 of itself in %d updates\n",
-              largest_change < 1e-12 ? "less" : "more", nb_updates);
+              run.largest_change < 1e-12 ? "less" : "more", nb_updates);
+  std::printf("fingerprint of all values: %016llx\n",
+              static_cast<unsigned long long>(fingerprint(mesh)));
+} catch (const velmar_2d::Error& error) {
+  require(error.what());
 }

@@ -198,8 +198,9 @@ UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
 
 Transfer Mesh::transfer() const { return state().transfer; }
 void Mesh::set_transfer(Transfer transfer) { state().transfer = transfer; }
-void Mesh::set_progress_handler(progress_function handler) {
+void Mesh::set_progress_handler(progress_function handler, double seconds) {
   state().progress.handler = std::move(handler);
+  state().progress.seconds_between_calls = seconds;
 }
 void Mesh::set_node_hooks(NodeHooks hooks) { state().hooks = std::move(hooks); }
 

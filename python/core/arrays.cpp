@@ -1,6 +1,7 @@
 // The mesh as numpy arrays: node i is the i-th of the node list. What MeshArrays holds is shown as
 // it lies there; numpy keeps it alive.
 #include "python/core/core.hpp"
+#include "python/core/progress.hpp"
 
 namespace velmar_2d::python {
 
@@ -118,7 +119,10 @@ py::tuple gradient(CoreMesh& core) {
   const auto n = static_cast<py::ssize_t>(nodes.size());
   py::array_t<double> dx(n), dy(n);
   double *out_x = dx.mutable_data(), *out_y = dy.mutable_data();
+  std::size_t done = 0;
   for (Cell* c : nodes) {
+    constexpr std::size_t between_signals = std::size_t{1} << 16;
+    if (++done % between_signals == 0) heed_signals();
     const Gradient gradient = core.mesh->compute_derivatives(*c);
     *out_x++ = gradient.dfdx;
     *out_y++ = gradient.dfdy;

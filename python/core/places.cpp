@@ -1,5 +1,6 @@
 // Nodes, values and lines at places of the caller's, and values from one mesh to another.
 #include "python/core/core.hpp"
+#include "python/core/progress.hpp"
 
 namespace velmar_2d::python {
 
@@ -77,6 +78,7 @@ std::int64_t transfer_from(CoreMesh& core, CoreMesh& other, bool conservative,
   const Changing changing(core, "transfer_from");
   std::unique_ptr<Busy> reading;
   if (&other != &core) reading = std::make_unique<Busy>(other, "transfer_from");
+  const ProgressAtHand progress_at_hand(*core.mesh, py::none());
   const py::gil_scoped_release others_run;
   return conservative ? transfer_conservative(*other.mesh, *core.mesh)
                       : transfer(*other.mesh, *core.mesh, rule);

@@ -498,7 +498,7 @@ class Lattice {
     std::int32_t ipos;  ///< as the position tells
   };
 
-  Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes);
+  Lattice(const State& state, std::int32_t highest_ipos);
 
   std::vector<Entry>& entries() { return entries_; }
   const std::vector<Entry>& entries() const { return entries_; }
@@ -521,8 +521,10 @@ class Lattice {
  private:
   std::int32_t halvings_of(std::int64_t offset) const;
   std::size_t slot_of(LatticePoint p) const;
+  void double_slots();
 
   const Domain& domain_;
+  ProgressTeller& progress_;
   std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
   LatticePoint last_;
   std::vector<Entry> entries_;
@@ -557,6 +559,7 @@ class GradedSizes {
   };
   bool relax(Node& node);
 
+  ProgressTeller& progress_;
   Lattice lattice_;
   std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
   std::vector<Node> nodes_;

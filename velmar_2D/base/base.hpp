@@ -236,6 +236,7 @@ std::string to_text(double value);
 class ProgressTeller {
  public:
   progress_function handler;
+  double seconds_between_calls = 0.1;
 
   void begin(std::string_view phase, std::int64_t known) {
     phase_ = phase;
@@ -247,6 +248,34 @@ class ProgressTeller {
   void step() {
     if (--until_look_ == 0) look();
   }
+  /// The same for work beside: now and then, a few microseconds apart or more.
+  void look_aside();
+
+  /// Enlarges a table, which takes time where the system has to find the memory first.
+  template <typename T>
+  void resize(std::vector<T>& table, std::size_t size, const T& value = {}) {
+    constexpr std::size_t at_once = std::size_t{1} << 16;
+    table.reserve(size);
+    while (table.size() < size) {
+      table.resize(std::min(size, table.size() + at_once), value);
+      look_aside();
+    }
+  }
+  /// Makes room for one entry more, likewise.
+  template <typename T>
+  void make_room(std::vector<T>& table) {
+    if (table.size() < table.capacity()) return;
+    constexpr std::size_t at_once = std::size_t{1} << 16, smallest = 16;
+    std::vector<T> larger;
+    larger.reserve(std::max(2 * table.size(), smallest));
+    while (larger.size() < table.size()) {
+      const auto from = table.begin() + static_cast<std::ptrdiff_t>(larger.size());
+      const std::size_t n = std::min(table.size() - larger.size(), at_once);
+      larger.insert(larger.end(), from, from + static_cast<std::ptrdiff_t>(n));
+      look_aside();
+    }
+    table.swap(larger);
+  }
 
  private:
   static constexpr std::int32_t steps_between_looks = 1024;  // the clock is read no more often
@@ -255,7 +284,7 @@ class ProgressTeller {
   std::string_view phase_;
   std::int64_t done_ = 0, known_ = 0;
   std::int32_t until_look_ = steps_between_looks;
-  std::chrono::steady_clock::time_point next_;
+  std::chrono::steady_clock::time_point last_;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -93,7 +93,7 @@ class TraversalHistory {
   /// @param come   nodes that have entered their stretches at the head, in this order
   /// @param gone   nodes that have left
   void follow(std::span<const Entry> heads, std::span<Cell* const> come,
-              std::span<const Entry> gone);
+              std::span<const Entry> gone, ProgressTeller& progress);
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 
@@ -333,7 +333,7 @@ class StretchNodes {
   /// Lists all nodes of the split list, unless they are known. From then on none may leave the mesh
   /// but those whose entry is made none.
   void open(const std::vector<Handle>& level_end, const TraversalHistory& history,
-            std::uint64_t revision);
+            std::uint64_t revision, ProgressTeller& progress);
   bool is_open() const { return is_open_; }
   /// Notes a node that has just entered the head of its stretch: later it would have to be searched
   /// for in the memory. Needs: the arrays are open.
@@ -341,13 +341,13 @@ class StretchNodes {
   /// The nodes of a stretch, with those that have entered it since it was last asked for. The
   /// caller makes the entry of one that is removed none. Good until the next call.
   std::span<const Cell*> of_stretch(std::size_t stretch, Cell* last,
-                                    const TraversalHistory& history);
+                                    const TraversalHistory& history, ProgressTeller& progress);
   void close(std::uint64_t revision);
   /// Gives the memory back.
   void forget();
 
  private:
-  void list(std::size_t stretch, Cell* first, Walk& walk);
+  void list(std::size_t stretch, Cell* first, Walk& walk, ProgressTeller& progress);
 
   std::vector<std::vector<const Cell*>> stretches_;
   std::uint64_t revision_ = 0;  ///< of the mesh that the closed arrays are good for; 0: of none
