@@ -1,8 +1,10 @@
 #include "page/scene.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <tuple>
 #include <utility>
 
 namespace velmar_2d::page {
@@ -128,7 +130,8 @@ void read_picture(std::string_view text, Scene& scene) {
   Picture picture;
   std::tie(picture.width, picture.height) = two_numbers(text, 2, most_pixels);
   if (picture.width > most_pixels / picture.height) throw Fault{"more than 20000 pixels"};
-  if (text.size() != static_cast<std::size_t>(picture.width * picture.height)) {
+  if (text.size() !=
+      static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height)) {
     throw Fault{std::to_string(text.size()) + " pixels where " + std::to_string(picture.width) +
                 " x " + std::to_string(picture.height) + " are needed"};
   }
