@@ -2,6 +2,7 @@
 // they are out of date.
 #include <optional>
 
+#include "support/error_text.hpp"
 #include "support/history.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/arrays.hpp"
@@ -58,17 +59,6 @@ std::vector<double> values_in_records(const Mesh& mesh, std::size_t k) {
 
 std::vector<double> copy_of(std::span<const double> values) {
   return {values.begin(), values.end()};
-}
-
-/// What an Error says, or nothing where there is none.
-template <typename Work>
-std::string error_of(const Work& work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "";
 }
 
 Mesh ring_mesh(double finest, std::int32_t n_cell_data = 1) {
@@ -178,8 +168,8 @@ TEST_F(Arrays, MoveValuesBothWays) {
   for (Cell& c : mesh.nodes()) {
     for (double& value : c.data) value = ++number;
   }
-  EXPECT_NE(error_of([&] { arrays.values(0); }).find("pull() brings them"), std::string::npos);
-  EXPECT_NE(error_of([&] { arrays.push(); }).find("pull() brings them"), std::string::npos);
+  EXPECT_NE(text_of_error([&] { arrays.values(0); }).find("pull() brings them"), std::string::npos);
+  EXPECT_NE(text_of_error([&] { arrays.push(); }).find("pull() brings them"), std::string::npos);
   arrays.pull();
   arrays.values(2)[5] = -1.0;
   arrays.push();
@@ -198,7 +188,7 @@ TEST_F(Arrays, MoveValuesBothWays) {
 
   own.pop_back();
   for (const auto& text :
-       {error_of([&] { arrays.pull(1, own); }), error_of([&] { arrays.push(1, own); })}) {
+       {text_of_error([&] { arrays.pull(1, own); }), text_of_error([&] { arrays.push(1, own); })}) {
     EXPECT_NE(text.find("an array of " + std::to_string(n - 1) + " values was given for " +
                         std::to_string(n) + " nodes"),
               std::string::npos)
@@ -208,9 +198,9 @@ TEST_F(Arrays, MoveValuesBothWays) {
   for (const std::int32_t value : {-1, 3}) {
     const std::string expected =
         "there is no value " + std::to_string(value) + ": the nodes have 3";
-    for (const auto& text :
-         {error_of([&] { arrays.pull(value, own); }), error_of([&] { arrays.push(value, own); }),
-          error_of([&] { arrays.values(value); })}) {
+    for (const auto& text : {text_of_error([&] { arrays.pull(value, own); }),
+                             text_of_error([&] { arrays.push(value, own); }),
+                             text_of_error([&] { arrays.values(value); })}) {
       EXPECT_NE(text.find(expected), std::string::npos) << text;
     }
   }
@@ -238,7 +228,7 @@ TEST_F(Arrays, TakeWhatNodesLackForZero) {
   Mesh bare({}, {.nx = 3});
   MeshArrays of_bare(bare);
   of_bare.pull();
-  EXPECT_NE(error_of([&] { of_bare.values(0); }).find("the nodes have 0"), std::string::npos);
+  EXPECT_NE(text_of_error([&] { of_bare.values(0); }).find("the nodes have 0"), std::string::npos);
 }
 
 TEST_F(Arrays, StayWithTheMeshThatIsMovedAndOutliveTheOneThatIsDeleted) {
@@ -255,23 +245,25 @@ TEST_F(Arrays, StayWithTheMeshThatIsMovedAndOutliveTheOneThatIsDeleted) {
     const std::string expected =
         "the arrays are of revision " + std::to_string(arrays->revision()) +
         " of the mesh, which is at revision " + std::to_string(moved.revision());
-    EXPECT_NE(error_of([&] { arrays->push(); }).find(expected), std::string::npos);
-    EXPECT_NE(error_of([&] { arrays->pull(); }).find(expected), std::string::npos);
+    EXPECT_NE(text_of_error([&] { arrays->push(); }).find(expected), std::string::npos);
+    EXPECT_NE(text_of_error([&] { arrays->pull(); }).find(expected), std::string::npos);
     EXPECT_TRUE(arrays->update());
     EXPECT_TRUE(tell_what_records_tell(moved, *arrays));
-    EXPECT_NE(error_of([&] { arrays->push(); }).find("pull() brings them"), std::string::npos);
-    EXPECT_NE(error_of([&] { MeshArrays{mesh}; }).find("moved away"), std::string::npos);
+    EXPECT_NE(text_of_error([&] { arrays->push(); }).find("pull() brings them"), std::string::npos);
+    EXPECT_NE(text_of_error([&] { MeshArrays{mesh}; }).find("moved away"), std::string::npos);
     links.assign(arrays->links().begin(), arrays->links().end());
   }
   EXPECT_FALSE(arrays->is_current());
   EXPECT_TRUE(std::ranges::equal(arrays->links(), links));
   std::vector<double> own(static_cast<std::size_t>(arrays->size()));
-  for (const auto& text : {error_of([&] { arrays->update(); }), error_of([&] { arrays->pull(); }),
-                           error_of([&] { arrays->push(0, own); })}) {
+  for (const auto& text :
+       {text_of_error([&] { arrays->update(); }), text_of_error([&] { arrays->pull(); }),
+        text_of_error([&] { arrays->push(0, own); })}) {
     EXPECT_NE(text.find("has been deleted"), std::string::npos) << text;
   }
   MeshArrays taken = std::move(*arrays);
-  EXPECT_NE(error_of([&] { arrays->update(); }).find("have been moved away"), std::string::npos);
+  EXPECT_NE(text_of_error([&] { arrays->update(); }).find("have been moved away"),
+            std::string::npos);
   EXPECT_EQ(static_cast<std::size_t>(taken.size()), own.size());
 }
 
@@ -283,7 +275,7 @@ TEST_F(Arrays, AreNotMadeByCallbacks) {
     arrays.update();
     return 0.01;
   };
-  EXPECT_NE(error_of([&] { mesh.resolve(size); }).find("the mesh is in use by resolve"),
+  EXPECT_NE(text_of_error([&] { mesh.resolve(size); }).find("the mesh is in use by resolve"),
             std::string::npos);
   EXPECT_FALSE(arrays.update());
   EXPECT_TRUE(tell_what_records_tell(mesh, arrays));
@@ -296,7 +288,7 @@ TEST_F(Arrays, AreNotMadeOfABrokenMesh) {
   Cell& c = *mesh.nodes().begin();
   const NeighbourLink east = c.e;
   c.e = &*other.nodes().begin();
-  EXPECT_NE(error_of([&] { arrays.emplace(mesh); }).find("what is no node of the mesh"),
+  EXPECT_NE(text_of_error([&] { arrays.emplace(mesh); }).find("what is no node of the mesh"),
             std::string::npos);
   c.e = east;
   arrays.emplace(mesh);
@@ -306,12 +298,12 @@ TEST_F(Arrays, AreNotMadeOfABrokenMesh) {
   Cell& last = *c.next;
   Cell* const after = last.next;
   last.next = nullptr;
-  EXPECT_NE(error_of([&] { arrays->update(); }).find("list of nodes is not what it was"),
+  EXPECT_NE(text_of_error([&] { arrays->update(); }).find("list of nodes is not what it was"),
             std::string::npos);
   EXPECT_EQ(arrays->size(), 0);
   EXPECT_FALSE(arrays->is_current());
   last.next = &c;
-  EXPECT_NE(error_of([&] { arrays->update(); }).find("list of nodes is not what it was"),
+  EXPECT_NE(text_of_error([&] { arrays->update(); }).find("list of nodes is not what it was"),
             std::string::npos);
   last.next = after;
   EXPECT_TRUE(arrays->update());

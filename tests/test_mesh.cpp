@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "scenarios/scenarios.hpp"
+#include "support/error_text.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/mesh.hpp"
 
@@ -15,15 +16,6 @@ namespace {
 const Rectangle unit_square{0.0, 1.0, 0.0, 1.0};
 
 size_function ring() { return scenarios::ring_spacing({0.4, 0.5, 0.3}, 0.3, 0.02, 1.0); }
-
-std::string text_of_error(const std::function<void()>& code) {
-  try {
-    code();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 void expect_error(const std::function<void()>& code, std::string_view part) {
   const std::string text = text_of_error(code);

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <limits>
 
+#include "support/error_text.hpp"
 #include "support/history.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/snapshot.hpp"
@@ -22,15 +23,6 @@ namespace fs = std::filesystem;
 
 std::int32_t mixed_kinds(double x, double y, std::string_view side) {
   return static_cast<std::int32_t>(3.0 * scenarios::position_noise(x, y, side.size()));
-}
-
-std::string text_of_error(const std::function<void()>& code) {
-  try {
-    code();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "no error";
 }
 
 void expect_error(const std::function<void()>& code, std::string_view part) {
