@@ -1,7 +1,5 @@
 #include <exception>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "velmar_2D/arrays/arrays.hpp"
 
@@ -33,18 +31,6 @@ struct Work {
   }
 };
 
-/// Threads that take parts too. Those that there are will do.
-std::vector<std::jthread> start_helpers(Work& work, std::size_t number) {
-  std::vector<std::jthread> helpers;
-  try {
-    helpers.reserve(number);
-    while (number-- > 0) helpers.emplace_back([&work] { work.take_parts(); });
-  } catch (const std::system_error&) {
-  } catch (const std::bad_alloc&) {
-  }
-  return helpers;
-}
-
 }  // namespace
 
 void in_parts(std::size_t n, std::int32_t threads,
@@ -54,7 +40,7 @@ void in_parts(std::size_t n, std::int32_t threads,
       std::min(most, static_cast<std::size_t>(std::max<std::int32_t>(threads, 1)));
   Work shared{n, work};
   {
-    const std::vector<std::jthread> helpers = start_helpers(shared, number - 1);
+    const Helpers helpers(number - 1, [&shared] { shared.take_parts(); });
     shared.take_parts();
   }
   if (shared.failure) std::rethrow_exception(shared.failure);

@@ -10,8 +10,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-constexpr std::size_t huge_page = std::size_t{1} << 21;
-
 constexpr std::align_val_t alignment_of(std::size_t bytes) {
   return std::align_val_t{bytes >= 2 * huge_page ? huge_page : cache_line};
 }

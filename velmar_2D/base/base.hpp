@@ -7,6 +7,7 @@
 #include <chrono>
 #include <limits>
 #include <string>
+#include <thread>
 
 #include "velmar_2D/records.hpp"
 
@@ -83,6 +84,7 @@ inline double distance_along(int direction, const Cell& a, const Cell& b) {
 #endif
 
 inline constexpr std::size_t cache_line = 64;
+inline constexpr std::size_t huge_page = std::size_t{1} << 21;  ///< that the system may give
 
 /// Brings a cache line closer that will be read, or written, soon. Any address will do.
 VELMAR_2D_ALWAYS_INLINE void prefetch([[maybe_unused]] const void* address) {
@@ -340,6 +342,23 @@ std::int32_t deepest_level_of(const Domain& domain);
 bool positions_are_exact(const Domain& domain);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
 std::int32_t log2_special(std::int32_t n);
+
+// ---------------------------------------------------------------------------------------------
+// Threads (helpers.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Other threads that do some work while this scope lasts; fewer where the system gives no more.
+class Helpers {
+ public:
+  /// @param work  throws nothing
+  Helpers(std::size_t number, const std::function<void()>& work);
+  Helpers(const Helpers&) = delete;
+  Helpers& operator=(const Helpers&) = delete;
+  ~Helpers();
+
+ private:
+  std::vector<std::thread> threads_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Dense algebra (linpack.cpp)

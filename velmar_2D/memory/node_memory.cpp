@@ -37,7 +37,6 @@ namespace {
 /// The first slab suits a small mesh; large ones are whole huge pages where the system has them.
 /// All begin at multiples of the largest size, so that a slot's address tells its slab.
 constexpr std::size_t smallest_slab = std::size_t{1} << 16, largest_slab = std::size_t{1} << 22;
-constexpr std::size_t huge_page = std::size_t{1} << 21;
 constexpr std::align_val_t slab_alignment{largest_slab};
 
 constexpr std::size_t slots_per_block = 64;
