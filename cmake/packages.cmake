@@ -58,7 +58,7 @@ velmar_2d_package(io ${io} libs "${library} ${same}"
   "This package holds the shared library for pictures and ParaView files.")
 set(libraries "${library} ${same}, ${io} ${same}")
 if(TARGET velmar_2d_hdf5)
-  set(hdf5 libvelmar-2d-hdf5${abi})
+  set(hdf5 libvelmar-2d-hdf5-${abi})  # a number after a digit stands apart
   list(APPEND CPACK_COMPONENTS_ALL hdf5)
   velmar_2d_package(hdf5 ${hdf5} libs "${library} ${same}"
     "This package holds the shared library for saving and loading.")
