@@ -66,7 +66,7 @@ void adapt(Stage& stage, Clock::time_point end) {
   mesh.set_progress_handler([end](const Progress&) {
     if (Clock::now() > end) throw TooLong{};
   });
-  const auto begin = Clock::now();
+  const auto start = Clock::now();
   try {
     if (scene.method == Method::resolve) {
       const double margin = scene.field == Field::waves ? 1.0 : 0.0;
@@ -89,7 +89,7 @@ void adapt(Stage& stage, Clock::time_point end) {
     stage.report.message = mesh.size() >= scene.most_nodes ? too_many_nodes(scene) : error.what();
   }
   mesh.set_node_hooks({});
-  const std::chrono::duration<double, std::milli> time = Clock::now() - begin;
+  const std::chrono::duration<double, std::milli> time = Clock::now() - start;
   const UpdateStatistics& now = mesh.statistics();
   UpdateStatistics& sum = stage.report.statistics;
   sum.visited += now.visited;

@@ -24,7 +24,7 @@ struct Missing {
 struct Disorder {
   std::int32_t entry = 0, level = 0, reserve = 0;
   std::array<std::int32_t, nb_directions> linked{};  ///< entries; -1: none
-  std::array<std::int8_t, nb_directions> link_levels{};
+  std::array<std::uint8_t, nb_directions> link_levels{};
 };
 
 class Restorer {
@@ -249,7 +249,7 @@ class Restorer {
       const auto i = static_cast<std::size_t>(d);
       const auto [number_there, link_level_there] = linked(entry, d);
       node.linked[i] = number_there;
-      node.link_levels[i] = static_cast<std::int8_t>(link_level_there);
+      node.link_levels[i] = static_cast<std::uint8_t>(link_level_there);
       // As the grid was made.
       const bool on_grid = node.level == 0 && d % 2 == 0 && node.linked[i] >= 0 &&
                            lattice_.entries()[static_cast<std::size_t>(node.linked[i])].ipos == 0;

@@ -268,15 +268,15 @@ class ProgressTeller {
   void make_room(std::vector<T>& table) {
     if (table.size() < table.capacity()) return;
     constexpr std::size_t at_once = std::size_t{1} << 16, smallest = 16;
-    std::vector<T> larger;
-    larger.reserve(std::max(2 * table.size(), smallest));
-    while (larger.size() < table.size()) {
-      const auto from = table.begin() + static_cast<std::ptrdiff_t>(larger.size());
-      const std::size_t n = std::min(table.size() - larger.size(), at_once);
-      larger.insert(larger.end(), from, from + static_cast<std::ptrdiff_t>(n));
+    std::vector<T> enlarged;
+    enlarged.reserve(std::max(2 * table.size(), smallest));
+    while (enlarged.size() < table.size()) {
+      const auto from = table.begin() + static_cast<std::ptrdiff_t>(enlarged.size());
+      const std::size_t n = std::min(table.size() - enlarged.size(), at_once);
+      enlarged.insert(enlarged.end(), from, from + static_cast<std::ptrdiff_t>(n));
       look_aside();
     }
-    table.swap(larger);
+    table.swap(enlarged);
   }
 
  private:

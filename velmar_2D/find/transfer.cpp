@@ -208,7 +208,8 @@ std::vector<T> make_table_for(const State& to, std::size_t columns, const T& val
   try {
     to.progress.resize(table, size_of(to) * columns, value);
   } catch (const std::bad_alloc&) {
-    allocation_failed(to.handlers, size_of(to) * columns * sizeof(value));
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer, where the table holds some
+    allocation_failed(to.handlers, size_of(to) * columns * sizeof(T));
   }
   return table;
 }
