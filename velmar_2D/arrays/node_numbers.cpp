@@ -43,7 +43,7 @@ void NodeNumbers::add_page(std::uintptr_t page) {
       if (slot.numbers != nullptr) insert(slot);
     }
   }
-  pages_.emplace_back(new std::int32_t[nodes_of_page]);
+  pages_.push_back(std::unique_ptr<std::int32_t[]>(new std::int32_t[nodes_of_page]));
   std::int32_t* numbers = pages_.back().get();
   std::fill_n(numbers, nodes_of_page, unknown);
   last_ = {page, numbers};
