@@ -53,7 +53,10 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
   int update = 0;
   mesh->set_progress_handler(
       [&](const Progress& progress) {
-        InterruptsAreHeeded::look();
+        if (InterruptsAreHeeded::was_pressed()) {
+          line.wipe();
+          end_by_interrupt();
+        }
         std::string what(progress.phase);
         if (update > 0) what = "update " + std::to_string(update) + ", " + what;
         // How many nodes will come nobody knows; those that are there are gone through once.

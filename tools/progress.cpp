@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 #if __has_include(<unistd.h>)
 #include <unistd.h>
@@ -46,15 +47,13 @@ InterruptsAreHeeded::~InterruptsAreHeeded() {
   if (std::signal(SIGINT, SIG_DFL) == SIG_IGN) std::signal(SIGINT, SIG_IGN);
 }
 
-void InterruptsAreHeeded::look() {
-  if (was_interrupted != 0) throw Interrupted();
-}
+bool InterruptsAreHeeded::was_pressed() { return was_interrupted != 0; }
 
-int end_by_interrupt() {
+void end_by_interrupt() {
   std::signal(SIGINT, SIG_DFL);
   std::raise(SIGINT);
   constexpr int as_shells_say = 130;
-  return as_shells_say;
+  std::_Exit(as_shells_say);
 }
 
 ProgressLine::ProgressLine(bool also_in_files)

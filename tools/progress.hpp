@@ -8,22 +8,18 @@
 
 namespace velmar_2d::tools {
 
-/// Leaves what is going on where Ctrl-C was pressed.
-struct Interrupted {};
-
-/// While this lasts, Ctrl-C is answered by look(); a second one ends the program at once.
+/// While this lasts, Ctrl-C waits for those who ask; a second one ends the program at once.
 class InterruptsAreHeeded {
  public:
   InterruptsAreHeeded();
   InterruptsAreHeeded(const InterruptsAreHeeded&) = delete;
   InterruptsAreHeeded& operator=(const InterruptsAreHeeded&) = delete;
   ~InterruptsAreHeeded();
-  /// Throws Interrupted.
-  static void look();
+  static bool was_pressed();
 };
 
-/// Ends the program as Ctrl-C does.
-int end_by_interrupt();
+/// Ends the program as Ctrl-C does, without giving back a mesh node by node.
+[[noreturn]] void end_by_interrupt();
 
 /// On a terminal one line that is drawn anew, ten times a second at most, and wiped away when all
 /// is done; elsewhere, where that is asked for, a line a second. Silent for the first half second.

@@ -326,8 +326,6 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return with_output_written(run(argc, argv));
-  } catch (const tools::Interrupted&) {
-    return tools::end_by_interrupt();
   } catch (const std::bad_alloc&) {
     return fail("memory is exhausted");
   } catch (const std::exception& error) {
