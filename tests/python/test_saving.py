@@ -3,12 +3,11 @@ import copy
 import logging
 import pickle
 
+import h5py
 import numpy as np
 import pytest
 
 import velmar_2d
-
-h5py = pytest.importorskip("h5py", reason="Debian: python3-h5py")
 
 
 def kinds_by_place(x, y, side):
