@@ -5,9 +5,9 @@
 #include <limits>
 #include <string>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
 #include "velmar_2D/find/find.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d {
 

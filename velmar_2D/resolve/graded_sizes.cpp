@@ -7,7 +7,7 @@
 #include <limits>
 #include <new>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 

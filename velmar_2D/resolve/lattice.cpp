@@ -2,7 +2,7 @@
 #include <bit>
 #include <cmath>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 

@@ -8,12 +8,12 @@
 // The mesh is the smallest set of positions that holds the grid and, with each member p, the rings
 // around it from its own ipos up to the wanted level. That is a closure: the order of the steps
 // within 2 and within 3 does not matter to the positions.
+#include "velmar_2D/resolve/resolve.hpp"
+
 #include <cmath>
 #include <limits>
 #include <new>
 #include <optional>
-
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
 
