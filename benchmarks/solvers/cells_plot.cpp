@@ -1,5 +1,6 @@
 // Draws the cells of several meshes below one another: velmar_2d_cells PICTURE.png TITLE CELLS
-// [TITLE CELLS ...]. A file of cells has a line `u x y x y ...` for each.
+// [TITLE CELLS ...]. A file of cells begins with the x of a window's sides and has a line
+// `u x y x y ...` for each cell; a window is twice as wide as high.
 #include <cairo.h>
 
 #include <algorithm>
@@ -16,18 +17,25 @@ struct Cell {
   std::vector<std::pair<double, double>> corners;
 };
 
-std::vector<Cell> read_cells(const std::string& path) {
-  std::ifstream file(path);
+struct Window {
+  double left = 0.0, right = 1.0;
   std::vector<Cell> cells;
+};
+
+Window read_cells(const std::string& path) {
+  std::ifstream file(path);
+  Window window;
   std::string line;
+  file >> window.left >> window.right;
+  std::getline(file, line);
   while (std::getline(file, line)) {
     std::istringstream words(line);
     Cell cell;
     words >> cell.value;
     for (double x = 0.0, y = 0.0; words >> x >> y;) cell.corners.emplace_back(x, y);
-    cells.push_back(cell);
+    window.cells.push_back(cell);
   }
-  return cells;
+  return window;
 }
 
 }  // namespace
@@ -47,27 +55,20 @@ int main(int argc, char** argv) {
   cairo_paint(cr);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
   cairo_set_font_size(cr, 15.0);
-  double left = 0.0, right = 1.0;
   for (int panel = 0; panel < panels; ++panel) {
-    const std::vector<Cell> cells = read_cells(argv[3 + 2 * panel]);
-    if (cells.empty()) {
+    const Window window = read_cells(argv[3 + 2 * panel]);
+    if (window.cells.empty()) {
       std::fprintf(stderr, "%s: no cells\n", argv[3 + 2 * panel]);
       return 1;
     }
-    if (panel == 0) {  // the first mesh chooses the window
-      left = right = cells.front().corners.front().first;
-      for (const Cell& cell : cells) {
-        for (const auto& [x, y] : cell.corners)
-          left = std::min(left, x), right = std::max(right, x);
-      }
-    }
-    const double scale = width / (right - left), bottom = (panel + 1) * (high + title);
+    const double scale = width / (window.right - window.left);
+    const double bottom = (panel + 1) * (high + title);
     cairo_save(cr);
     cairo_rectangle(cr, 0.0, bottom - high, width, high);
     cairo_clip(cr);
-    for (const Cell& cell : cells) {
+    for (const Cell& cell : window.cells) {
       for (const auto& [x, y] : cell.corners) {
-        cairo_line_to(cr, (x - left) * scale, bottom - y * scale);
+        cairo_line_to(cr, (x - window.left) * scale, bottom - y * scale);
       }
       cairo_close_path(cr);
       const double u = std::clamp(cell.value, 0.0, 1.0);

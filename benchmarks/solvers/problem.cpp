@@ -124,13 +124,13 @@ Picture::Picture(const Case& run)
     std::perror(run.picture.c_str());
     std::exit(EXIT_FAILURE);
   }
+  std::fprintf(file_, "%.7g %.7g\n", low_, high_);
 }
 Picture::~Picture() { std::fclose(file_); }
 
 void Picture::add(double value, std::span<const std::array<double, 2>> corners) {
-  for (const auto& [x, y] : corners) {
-    if (x < low_ || x > high_) return;
-  }
+  const auto outside = [this](const auto& corner) { return corner[0] < low_ || corner[0] > high_; };
+  if (std::all_of(corners.begin(), corners.end(), outside)) return;
   std::fprintf(file_, "%.4f", value);
   for (const auto& [x, y] : corners) std::fprintf(file_, " %.7g %.7g", x, y);
   std::fputc('\n', file_);

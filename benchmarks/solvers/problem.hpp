@@ -100,8 +100,8 @@ double processor_seconds();
 /// Prints one line of results; memory is what the process has used beyond what it began with.
 void print(const Case& run, const Outcome& outcome);
 
-/// Writes those cells at the end that lie in a window which the front is in, for the program that
-/// draws them: a line `u x y x y ...` for each.
+/// Writes those cells that reach into a window where the front is at the end, for the program that
+/// draws them: the x of the window's sides, then a line `u x y x y ...` for each.
 class Picture {
  public:
   explicit Picture(const Case& run);
