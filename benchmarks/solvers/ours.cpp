@@ -44,6 +44,7 @@ void assemble(const MeshArrays& arrays, const Front& front, FluxRows& rows) {
     }
     rows.end_row();
   }
+  rows.end();
 }
 
 struct Explicit {

@@ -191,6 +191,7 @@ void assemble(const Forest& at, FluxRows& rows) {
     }
     rows.end_row();
   }
+  rows.end();
   for (std::size_t i = 0; i < rows.known.size(); ++i) {
     rows.known[i].number = static_cast<std::int32_t>(at.size() + i);
   }

@@ -44,13 +44,19 @@ struct Known {
 };
 
 /// Two-point fluxes: the rate of i is the sum of coefficient x (u_column - u_i), and the reaction.
-/// Rows of known values are empty. Most rows have four entries that are equal; they lie in
-/// `square`, so that a loop over all needs neither branches nor lengths. Those of the others are in
-/// `begin`, `column` and `coefficient`, and are added to what a first loop finds.
+/// Rows of known values are empty.
+///
+/// Most rows have four entries that are equal; they lie in `square`, so that a loop over all needs
+/// neither branches nor lengths. Those of the others are in `begin`, `column` and `coefficient`,
+/// and are added to what a first loop finds.
+///
+/// Where the cells around a cell are squares like itself the flux is exact but for
+/// h^2 / 12 (u_xxxx + u_yyyy). The part of that which is the same in all directions,
+/// h^2 / 16 times the Laplacian of the Laplacian, is taken off: the sums are summed again.
 struct FluxRows {
   struct Square {
     std::array<std::int32_t, 4> column{};
-    double coefficient = 0.0;
+    double coefficient = 0.0, again = 0.0;  ///< again: 1/16 where all around is alike
   };
   std::vector<Square> square;
   std::vector<std::int32_t> others, begin, column;
@@ -64,6 +70,8 @@ struct FluxRows {
     coefficient.push_back(value);
   }
   void end_row();
+  /// To be called after the last row.
+  void end();
 };
 
 void set_known(const FluxRows& rows, const Front& front, double time, std::span<double> u);
