@@ -264,7 +264,7 @@ int main(int argc, char** argv) {
       set_known(rows, front, i * run.time_step(), u);
       outcome.adapting += adapting.processor_seconds();
     }
-    chebyshev_step(loops, rows.radius, i * run.time_step(), run.time_step(), u, room);
+    chebyshev_step(loops, rows.radius + front.k, i * run.time_step(), run.time_step(), u, room);
     sum_of_cells += static_cast<double>(at.size());
   }
   outcome.seconds = clock.seconds();

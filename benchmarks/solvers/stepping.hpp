@@ -2,6 +2,7 @@
 // and Verwer 1997), whose stable step grows with the square of its number of stages.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <span>
@@ -70,6 +71,11 @@ struct FluxRows {
     coefficient.push_back(value);
   }
   void end_row();
+  /// A whole row of four entries that are equal.
+  void add_square(const std::array<std::int32_t, 4>& columns, double value) {
+    radius = std::max(radius, 8.0 * value);
+    square.push_back({columns, value});
+  }
   /// To be called after the last row.
   void end();
 };

@@ -103,10 +103,10 @@ int main(int argc, char** argv) {
   const Clock clock;
   const Loops loops = loops_over(grid, front);
   StageValues room;
-  const double radius = 12.0 * front.D / (grid.spacing * grid.spacing);
+  const double radius = 12.0 * front.D / (grid.spacing * grid.spacing) + front.k;
   const int steps = run.steps();
   int taken = 0;
-  while (taken < steps && (run.patience <= 0.0 || clock.seconds() < run.patience)) {
+  while (taken < steps && (run.patience <= 0.0 || clock.processor_seconds() < run.patience)) {
     chebyshev_step(loops, radius, taken * run.time_step(), run.time_step(), u, room);
     ++taken;
   }

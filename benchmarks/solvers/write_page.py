@@ -2,8 +2,10 @@
 """Draws what run.py measured, prints it as tables and puts them into a page.
 
     write_page.py RESULTS PLOT_PROGRAM CELLS_PROGRAM CELLS_FOLDER PICTURES_FOLDER [PAGE]
+                  [--processor]
 
-What stands between the two marks of a table in the page is replaced.
+What stands between the two marks of a table in the page is replaced. --processor: with the
+processor's seconds instead of those of the clock, for a machine that has other work to do.
 """
 import csv
 import math
@@ -22,21 +24,20 @@ COLOURS = {"ours": "0.80 0.15 0.15", "ours_implicit": "0.95 0.55 0.45", "uniform
 class Run:
     """The median of one case's repetitions."""
 
-    def __init__(self, rows):
+    def __init__(self, rows, seconds):
         def median(name):
             return statistics.median(float(row[name]) for row in rows)
         self.side, self.parts = rows[0]["side"], int(rows[0]["parts"])
         self.cells, self.steps = int(rows[0]["cells"]), int(rows[0]["steps"])
         self.unknowns = int(median("unknowns"))
-        self.seconds, self.megabytes = median("seconds"), median("megabytes")
-        self.processor = median("processor_seconds")
-        self.adapting = median("adapting") / self.processor
+        self.seconds, self.megabytes = median(seconds), median("megabytes")
+        self.adapting = median("adapting") / median("processor_seconds")
         self.largest, self.l2 = median("largest"), median("l2")
         self.share = median("share")
         self.complete = self.share > 0.999
 
 
-def read(path):
+def read(path, seconds):
     """({parts: {side: [Run, by finest cells]}}, machine)"""
     with open(path) as file:
         machine = file.readline().lstrip("# ").strip()
@@ -46,7 +47,7 @@ def read(path):
         cases.setdefault((int(row["parts"]), row["side"], int(row["cells"])), []).append(row)
     fronts = {}
     for (parts, side, _), repeated in cases.items():
-        fronts.setdefault(parts, {}).setdefault(side, []).append(Run(repeated))
+        fronts.setdefault(parts, {}).setdefault(side, []).append(Run(repeated, seconds))
     for sides in fronts.values():
         # A uniform grid that stopped early has no error of its own: it gets that of the same
         # spacing on our mesh.
@@ -128,10 +129,14 @@ def write_page(page, tables):
 
 
 def main():
-    if len(sys.argv) not in (6, 7):
+    arguments = [argument for argument in sys.argv[1:] if argument != "--processor"]
+    if len(arguments) not in (5, 6):
         sys.exit(__doc__)
-    results, plot, cells, cells_folder, pictures = sys.argv[1:6]
-    fronts, machine = read(results)
+    results, plot, cells, cells_folder, pictures = arguments[:5]
+    processor = "--processor" in sys.argv
+    fronts, machine = read(results, "processor_seconds" if processor else "seconds")
+    if processor:
+        machine += "; the processor's seconds, on a machine that had other work to do"
     tables = {"machine": machine, "goal": "\n".join(goal_table(fronts))}
     for parts, sides in fronts.items():
         tables[f"front {parts}"] = "\n".join(front_table(sides))
@@ -142,8 +147,8 @@ def main():
     subprocess.run([cells, os.path.join(pictures, "solvers_meshes.png"), *meshes], check=True)
     for name, table in tables.items():
         print(f"{name}\n{table}\n")
-    if len(sys.argv) == 7:
-        write_page(sys.argv[6], tables)
+    if len(arguments) == 6:
+        write_page(arguments[5], tables)
 
 
 if __name__ == "__main__":
