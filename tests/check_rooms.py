@@ -9,7 +9,7 @@ import pathlib
 import re
 import sys
 
-ROOMS = ["base", "memory", "mesh", "cells", "derivatives", "find", "adapt", "check"]
+ROOMS = ["base", "memory", "mesh", "cells", "derivatives", "find", "adapt", "pieces", "check"]
 BELOW_ALL = {"velmar_2D/records.hpp"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 

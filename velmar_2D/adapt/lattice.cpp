@@ -7,12 +7,16 @@
 namespace velmar_2d::detail {
 
 Lattice::Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes)
-    : domain_(domain),
+    : domain_(&domain),
       halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2),
-      last_{std::llround((domain.x_max - domain.x_min) / domain.dist_0) << halvings_,
-            std::llround((domain.y_max - domain.y_min) / domain.dist_0) << halvings_} {
+      first_{line_at(domain.x_min - domain.frame.x_min), line_at(domain.y_min - domain.frame.y_min)},
+      last_{line_at(domain.x_max - domain.frame.x_min), line_at(domain.y_max - domain.frame.y_min)} {
   entries_.reserve(nb_nodes + nb_nodes / 16);
   slots_.assign(std::bit_ceil(2 * nb_nodes + 2), -1);
+}
+
+std::int64_t Lattice::line_at(double offset) const {
+  return std::llround(offset / domain_->dist_0) << halvings_;
 }
 
 LatticePoint Lattice::neighbour(LatticePoint p, int direction, std::int32_t level) const {
@@ -23,7 +27,13 @@ LatticePoint Lattice::neighbour(LatticePoint p, int direction, std::int32_t leve
 }
 
 bool Lattice::contains(LatticePoint p) const {
-  return p.x >= 0 && p.y >= 0 && p.x <= last_.x && p.y <= last_.y;
+  return p.x >= first_.x && p.y >= first_.y && p.x <= last_.x && p.y <= last_.y;
+}
+
+bool Lattice::is_in_frame(LatticePoint p) const {
+  const Frame& frame = domain_->frame;
+  return p.x >= 0 && p.y >= 0 && p.x <= line_at(frame.x_max - frame.x_min) &&
+         p.y <= line_at(frame.y_max - frame.y_min);
 }
 
 bool Lattice::is_on_side(LatticePoint p, int straight_direction) const {
@@ -54,8 +64,8 @@ bool Lattice::find_place(const Cell& c, LatticePoint& p) const {
     whole = nearest * (std::int64_t{1} << (halvings_ - own_halvings));
     return std::abs(exact - static_cast<double>(nearest)) < off_the_lattice;
   };
-  return place((c.x - domain_.x_min) / domain_.dist_0, p.x) &&
-         place((c.y - domain_.y_min) / domain_.dist_0, p.y) && contains(p) && ipos(p) == c.ipos;
+  return place((c.x - domain_->frame.x_min) / domain_->dist_0, p.x) &&
+         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && contains(p) && ipos(p) == c.ipos;
 }
 
 std::int32_t Lattice::add(const Entry& entry) {

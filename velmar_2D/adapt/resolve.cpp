@@ -19,49 +19,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// What a size means for a node.
-struct Want {
-  std::int32_t level;  ///< up to which rings are completed
-  std::int32_t kept;   ///< up to which members of rings stay
-  bool is_refused;     ///< the limit forbids what is wanted
-};
-
-class WantedLevels {
- public:
-  WantedLevels(const State& state, double margin)
-      : dist_0_(state.domain.dist_0),
-        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
-        limit_(std::min(state.level_max, highest_wanted_level)) {}
-
-  /// A size that is none wants the level that is there.
-  Want of(const Cell& c, double size, std::int32_t lowest) const {
-    if (!(size >= 0.0)) return {c.level, c.level, false};
-    const double ratio = std::abs(dist_0_ / size);
-    const std::int32_t level = level_wanted_by(ratio);
-    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
-    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
-  }
-
- private:
-  double dist_0_, margin_ratio_;
-  std::int32_t limit_;
-};
-
-/// Marks a node that waits to be removed, beside its wanted level.
-constexpr std::uint8_t is_waiting = 0x80;
-std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
-
-/// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
-bool is_surplus(const Cell& c) {
-  const std::int32_t ipos = c.ipos;
-  if (ipos == 0 || c.level != ipos) return false;
-  for (int d = 0; d < nb_directions; ++d) {
-    const Cell* linked = link(c, d).cell();
-    if (linked != nullptr && (linked->ipos > ipos || wanted_level(*linked) >= ipos)) return false;
-  }
-  return true;
-}
-
 void remove(State& state, Cell& c) {
   Cell* node = &c;
   remove_by_level(state, node);

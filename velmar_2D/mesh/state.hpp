@@ -51,9 +51,9 @@ struct State {
   std::uint64_t mesh_revision = 0;
 
   Domain domain;
-  /// Records by side (n, e, s, w) and kind.
-  std::array<std::array<Boundary*, 3>, 4> side_records{};
-  std::array<std::array<Boundary, 3>, 4> own_side_records{};  ///< of a mesh that is an object
+  /// Records by side (n, e, s, w) and kind; cuts have one where a window ends inside.
+  std::array<std::array<Boundary*, 4>, 4> side_records{};
+  std::array<std::array<Boundary, 4>, 4> own_side_records{};  ///< of a mesh that is an object
 
   std::int32_t n_cell_data = 0;
   bool data_interpolation = true;
@@ -110,8 +110,9 @@ State& default_state();
 // Making and deleting (init_mesh.cpp, delete_mesh.cpp)
 // ---------------------------------------------------------------------------------------------
 
+/// @param window  what is made of it; none: all
 void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
-               std::int32_t subdiv_max, double& y_max);
+               std::int32_t subdiv_max, double& y_max, const Window* window = nullptr);
 void delete_mesh(State& state);
 
 /// Ends the process with a message that names the operation if there is no mesh.

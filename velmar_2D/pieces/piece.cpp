@@ -1,0 +1,268 @@
+// A mesh in pieces: what a piece needs of others is found from positions alone.
+//
+// A piece knows the least mesh around its own nodes. Of the places that the rings of these take,
+// some lie in the boxes of others: they, and what they rest on, are wanted there. The others make
+// them exist as if one of their own nodes wanted them, which may bring nodes that want more; until
+// nothing is new. Then each piece has exactly the nodes that one mesh would have in its box.
+#include <cmath>
+
+#include "velmar_2D/find/find.hpp"
+#include "velmar_2D/pieces/pieces.hpp"
+
+namespace velmar_2d::detail {
+
+namespace {
+
+/// The spacing of a level along x or y, in units of the lattice.
+std::int64_t reach_of(const Lattice& lattice, std::int32_t level) {
+  return lattice.grid_step() >> (level / 2);
+}
+
+/// Notes the parents of nodes that come, and calls the caller's own hook.
+class NoteParents {
+ public:
+  NoteParents(State& state, std::vector<std::array<Cell*, 4>>& parents)
+      : state_(state), hook_(std::move(state.hooks.inserted)) {
+    state.hooks.inserted = [this, &parents](Cell& c, std::span<Cell* const> of) {
+      std::array<Cell*, 4> list{};
+      std::copy(of.begin(), of.end(), list.begin());
+      parents.push_back(list);
+      if (hook_) hook_(c, of);
+    };
+  }
+  NoteParents(const NoteParents&) = delete;
+  NoteParents& operator=(const NoteParents&) = delete;
+  ~NoteParents() { state_.hooks.inserted = std::move(hook_); }
+
+ private:
+  State& state_;
+  std::function<void(Cell&, std::span<Cell* const>)> hook_;
+};
+
+}  // namespace
+
+std::int64_t Box::distance_to(LatticePoint p) const {
+  const auto beyond = [](std::int64_t at, std::int64_t first, std::int64_t end) {
+    return at < first ? first - at : at >= end ? at - end + 1 : 0;
+  };
+  return std::max(beyond(p.x, low.x, high.x), beyond(p.y, low.y, high.y));
+}
+
+PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t nx, std::int32_t ny)
+    : state_(state),
+      own_(own),
+      nx_(nx),
+      ny_(ny),
+      wants_(state.domain, highest_wanted_level, 0),
+      box_(box_of(own)) {}
+
+Box PieceUpdate::box_of(const Window& window) const {
+  const auto end = [this](std::int32_t line, std::int32_t last) {
+    return line * wants_.grid_step() + (line == last ? 1 : 0);
+  };
+  return {{window.west * wants_.grid_step(), window.south * wants_.grid_step()},
+          {end(window.east, nx_ - 1), end(window.north, ny_ - 1)}};
+}
+
+LatticePoint PieceUpdate::place_of(const Cell& c) const {
+  LatticePoint p{};
+  if (!wants_.find_place(c, p)) list_was_changed(state_, "Piece");
+  return p;
+}
+
+Point PieceUpdate::point_at(LatticePoint p) const {
+  const Frame& frame = state_.domain.frame;
+  const auto offset = [&](std::int64_t units) {
+    return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
+           state_.domain.dist_0;
+  };
+  return {frame.x_min + offset(p.x), frame.y_min + offset(p.y)};
+}
+
+Cell* PieceUpdate::node_at(LatticePoint p) const {
+  if (!wants_.contains(p)) return nullptr;
+  const Domain& domain = state_.domain;
+  Point at = point_at(p);
+  at = {std::clamp(at.x, domain.x_min, domain.x_max), std::clamp(at.y, domain.y_min, domain.y_max)};
+  Cell* nearest = const_cast<Cell*>(locate(state_, at, nullptr));
+  return nearest != nullptr && place_of(*nearest) == p ? nearest : nullptr;
+}
+
+void PieceUpdate::begin(const size_function& size, const Resolution& resolution) {
+  size_ = size;
+  resolution_ = resolution;
+  forget_wants();
+  held_.clear();
+  newcomers_.clear();
+  parents_.clear();
+  nb_asked_ = 0;
+  reaches_cut_ = false;
+  if (state_.resolved_revision != state_.mesh_revision) {
+    split_sublists(state_);
+    const JoinAtEnd join_at_end(state_);
+    restore_rings(state_, resolution.most_nodes);
+  }
+  std::vector<Cell*> own;
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    c->wanted_level = 0;
+    if (owns(place_of(*c))) own.push_back(c);
+  }
+  const NoteParents note_parents(state_, parents_);
+  for (Cell* c : own) ask(*c);
+  ask_newcomers();
+}
+
+void PieceUpdate::ask(Cell& c) {
+  const double size = SizesOneByOne(size_).at(c);
+  const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
+  c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
+  if (want.level > c.level) {
+    RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
+  }
+  want_rings_beyond(c, want.level);
+}
+
+void PieceUpdate::ask_newcomers() {
+  for (; nb_asked_ < newcomers_.size(); ++nb_asked_) {
+    Cell& c = *newcomers_[nb_asked_];
+    for (const int side : straight_directions) {
+      const Boundary* record = link(c, side).boundary();
+      if (record != nullptr && record->bc_type == bc_type_cut) reaches_cut_ = true;
+    }
+    if (owns(place_of(c))) ask(c);
+  }
+}
+
+void PieceUpdate::want_rings_beyond(const Cell& c, std::int32_t level) {
+  const LatticePoint p = place_of(c);
+  for (std::int32_t l = std::max(1, c.ipos); l <= std::max(level, c.ipos); ++l) {
+    for (int d = l % 2; d < nb_directions; d += 2) want(wants_.neighbour(p, d, l));
+  }
+}
+
+/// With all that it rests on elsewhere.
+void PieceUpdate::want(LatticePoint p) {
+  if (!wants_.is_in_frame(p) || owns(p)) return;
+  const std::int32_t ipos = wants_.ipos(p);
+  if (ipos == 0 || wants_.add({p, nullptr, ipos}) < 0) return;
+  new_wants_.push_back(p);
+  for (int d = ipos % 2; d < nb_directions; d += 2) want(wants_.neighbour(p, d, ipos));
+}
+
+Cell* PieceUpdate::make(LatticePoint p) {
+  if (Cell* there = node_at(p)) return there;
+  const std::int32_t ipos = wants_.ipos(p);
+  std::array<Cell*, nb_directions> parents{};
+  for (int d = ipos % 2; d < nb_directions; d += 2) {
+    const LatticePoint parent = wants_.neighbour(p, d, ipos);
+    if (wants_.contains(parent)) {
+      parents[static_cast<std::size_t>(d)] = make(parent);
+    } else if (wants_.is_in_frame(parent)) {
+      reaches_cut_ = true;
+    }
+  }
+  RingMaker(state_, newcomers_, resolution_.most_nodes).make_between(parents, ipos);
+  return newcomers_.back();
+}
+
+void PieceUpdate::hold(std::span<const LatticePoint> places) {
+  const NoteParents note_parents(state_, parents_);
+  for (const LatticePoint& p : places) {
+    if (!wants_.contains(p)) {
+      reaches_cut_ = true;
+      continue;
+    }
+    Cell* c = make(p);
+    c->wanted_level |= is_held;
+    held_.push_back(c);
+  }
+  ask_newcomers();
+}
+
+void PieceUpdate::forget_wants() {
+  wants_ = Lattice(state_.domain, highest_wanted_level, 0);
+  new_wants_.clear();
+}
+
+void PieceUpdate::find_needs() {
+  forget_wants();
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (owns(place_of(*c))) want_rings_beyond(*c, wanted_level(*c));
+  }
+}
+
+bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
+  const std::vector<Cell*> before = std::exchange(held_, {});
+  for (Cell* c : before) c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+  for (const LatticePoint& p : places) {
+    Cell* c = node_at(p);
+    if (c == nullptr) continue;
+    c->wanted_level |= is_held;
+    held_.push_back(c);
+  }
+  return std::any_of(before.begin(), before.end(),
+                     [](const Cell* c) { return (c->wanted_level & is_held) == 0; });
+}
+
+void PieceUpdate::release() {
+  split_sublists(state_);
+  const JoinAtEnd join_at_end(state_);
+  Walk walk = Walk::to_coarsen(state_.history);
+  state_.history.begin_recording(state_.nb_nodes);
+  for (std::size_t l = state_.level_end.size(); l-- > 0;) {
+    for (Cell& c : walk(state_.level_end[l].next)) {
+      const bool removing = is_surplus(c);
+      walk.changes_mesh_here(removing);
+      if (!removing) continue;
+      Cell* node = &c;
+      remove_by_level(state_, node);
+      walk.removed_node();
+    }
+  }
+  state_.history.end_recording();
+  state_.resolved_revision = state_.mesh_revision;
+  state_.surplus_has_gone = false;
+}
+
+// A node of level l is linked to none beyond the spacing of that level.
+std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) const {
+  const Box other = box_of(of);
+  std::vector<Cell*> found;
+  const auto is_near = [&](const Cell& c) {
+    return other.distance_to(place_of(c)) <= reach_of(wants_, c.level);
+  };
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (!owns(place_of(*c))) continue;
+    bool needed = is_near(*c);
+    for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
+      const Cell* linked = link(*c, d).cell();
+      needed = linked != nullptr && is_near(*linked);
+    }
+    if (needed) found.push_back(c);
+  }
+  return found;
+}
+
+void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
+  const NoteParents note_parents(state_, parents_);
+  for (const LatticePoint& p : places) {
+    if (wants_.contains(p)) make(p)->wanted_level |= is_held;
+  }
+  nb_asked_ = newcomers_.size();
+  state_.resolved_revision = state_.mesh_revision;
+}
+
+void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known) {
+  if (state_.n_cell_data <= 0) return;
+  const std::size_t first = state_.data_interpolation ? 0 : 1;
+  const std::size_t end =
+      state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
+  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+    if (is_known(*newcomers_[i])) continue;
+    for (std::size_t value = first; value < end; ++value) {
+      newcomers_[i]->data[value] = mean_of_parents(parents_[i], value);
+    }
+  }
+}
+
+}  // namespace velmar_2d::detail

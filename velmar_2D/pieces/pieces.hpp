@@ -1,0 +1,70 @@
+// One piece of a mesh that is kept in pieces: which places it needs of others, and what others need
+// of it. Never installed.
+#pragma once
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+/// A box of grid cells, half open but where the whole ends.
+struct Box {
+  LatticePoint low, high;  ///< high: the first lines that do not belong to it
+
+  bool contains(LatticePoint p) const {
+    return p.x >= low.x && p.x < high.x && p.y >= low.y && p.y < high.y;
+  }
+  /// The distance along x or y, whichever is larger; 0 inside.
+  std::int64_t distance_to(LatticePoint p) const;
+};
+
+/// The steps of a common update, on the mesh of one window.
+class PieceUpdate {
+ public:
+  PieceUpdate(State& state, const Window& own, std::int32_t nx, std::int32_t ny);
+
+  const Window& own() const { return own_; }
+  bool owns(LatticePoint p) const { return box_.contains(p); }
+  LatticePoint place_of(const Cell& c) const;
+  /// None where the window has no node there.
+  Cell* node_at(LatticePoint p) const;
+
+  void begin(const size_function& size, const Resolution& resolution);
+  std::vector<LatticePoint> take_wants() { return std::exchange(new_wants_, {}); }
+  void hold(std::span<const LatticePoint> places);
+  void release();
+  void find_needs();
+  bool hold_only(std::span<const LatticePoint> places);
+
+  std::vector<Cell*> border(const Window& of, int layers) const;
+  void hold_ghosts(std::span<const LatticePoint> places);
+  void hand_on_data(const std::function<bool(const Cell&)>& is_known);
+  std::span<Cell* const> newcomers() const { return newcomers_; }
+  bool reaches_cut() const { return reaches_cut_; }
+
+ private:
+  void forget_wants();
+  Box box_of(const Window& window) const;
+  void ask(Cell& c);
+  void ask_newcomers();
+  void want_rings_beyond(const Cell& c, std::int32_t level);
+  void want(LatticePoint p);
+  /// The node at a place, made with all that it rests on where it is missing.
+  Cell* make(LatticePoint p);
+  Point point_at(LatticePoint p) const;
+
+  State& state_;
+  Window own_;
+  std::int32_t nx_, ny_;
+  Lattice wants_;  ///< places of others, with all that they rest on there
+  Box box_;
+  size_function size_;
+  Resolution resolution_;
+  std::vector<LatticePoint> new_wants_;
+  std::vector<Cell*> held_;  ///< own nodes
+  std::vector<Cell*> newcomers_;
+  std::vector<std::array<Cell*, 4>> parents_;  ///< of the newcomers
+  std::size_t nb_asked_ = 0;                   ///< of the newcomers
+  bool reaches_cut_ = false;
+};
+
+}  // namespace velmar_2d::detail
