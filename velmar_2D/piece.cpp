@@ -54,10 +54,18 @@ bool Piece::owns(Place place) const { return update_->owns(to_lattice(place)); }
 Place Piece::place_of(const Cell& c) const { return to_place(update_->place_of(c)); }
 Cell* Piece::node_at(Place place) { return update_->node_at(to_lattice(place)); }
 
-void Piece::begin(const size_function& size, const Resolution& resolution) {
+void Piece::begin(const size_function& size, const Resolution& resolution,
+                  init_data_function init_data) {
   const detail::MeshChange change(mesh_.state(), "Piece::begin");
-  update_->begin(size, resolution);
+  update_->begin(size, resolution, std::move(init_data));
 }
+
+void Piece::ask() {
+  const detail::MeshChange change(mesh_.state(), "Piece::ask");
+  update_->ask();
+}
+bool Piece::has_nodes_to_ask() const { return update_->has_nodes_to_ask(); }
+bool Piece::has_wants() const { return update_->has_wants(); }
 
 std::vector<Place> Piece::wants() {
   std::vector<Place> places;
@@ -97,6 +105,7 @@ void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known) {
   update_->hand_on_data(is_known);
 }
 std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
+const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
 }  // namespace velmar_2d

@@ -12,11 +12,16 @@
 // An update of all pieces together:
 //
 //     for each piece:  begin(size)
-//     until no piece has wants:  for each piece: take wants(), give them to their owners' hold()
+//     until no piece has nodes to ask:
+//       for each piece:  ask()
+//       until no piece has wants:  for each piece: take wants(), give them to their owners' hold()
+//       where sizes depend on derivatives: exchange ghosts and data, see below
 //     until no piece has lost a hold:
 //       for each piece:  release()
 //       for each piece:  give needs() to their owners' hold_only()
 //     for each pair:   the one's border(of the other's box) to the other's hold_ghosts()
+//     data:            ghosts that have not just come get those of their owners, then
+//                      hand_on_data(), then all ghosts get those of their owners
 //
 // It is `resolve`: a closure, where wants only add positions and positions only add wants, so that
 // it can be computed in pieces that hand each other the positions that lie elsewhere.
@@ -64,12 +69,18 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// None where the window has no node there.
   Cell* node_at(Place place);
 
-  /// Asks the own nodes, new ones too, for the spacing that they want, and makes what that takes in
-  /// the window. Needs: the ghosts of the last update, with their data.
-  void begin(const size_function& size, const Resolution& resolution = {});
+  /// Begins an update. Needs: the ghosts of the last one, with their data, and derivatives of own
+  /// nodes where sizes depend on them.
+  void begin(const size_function& size, const Resolution& resolution = {},
+             init_data_function init_data = {});
+  /// Asks own nodes that have not been asked for the spacing that they want, and makes what that
+  /// takes in the window. With data, nodes that come by that are left to the next call.
+  void ask();
+  bool has_nodes_to_ask() const;
+  bool has_wants() const;
   /// Places of others that have been found to be needed since this was asked last.
   std::vector<Place> wants();
-  /// Makes own nodes that other pieces need, and asks these.
+  /// Makes own nodes that other pieces need.
   void hold(std::span<const Place> places);
   /// Lets go what neither the piece nor the others need, all ghosts among them that no own node
   /// rests on.
@@ -86,12 +97,15 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Makes ghosts of the border of other pieces.
   void hold_ghosts(std::span<const Place> places);
   /// Values of nodes that have come since begin(), from those of their parents anew, in the order
-  /// in which they came: once the data of ghosts that were not there before are known.
+  /// in which they came: once the data of ghosts that others had before are known.
   ///
   /// @param is_known  nodes that keep theirs
   void hand_on_data(const std::function<bool(const Cell&)>& is_known);
   /// Nodes that have come since begin(), parents first.
   std::span<Cell* const> newcomers() const;
+
+  /// What the own nodes went through since begin().
+  const UpdateStatistics& statistics() const;
 
   /// Whether some node came to lie where the window is cut: it is too narrow for the update.
   bool reaches_cut() const;

@@ -138,7 +138,7 @@ void set_data(const State& state, const Site& site, Cell& c, double first_value,
     }
   }
   if (state.hooks.inserted) state.hooks.inserted(c, parents);
-  if (state.n_cell_data <= 0) return;
+  if (state.n_cell_data <= 0 || state.derives_later) return;
   Workspace work;
   compute_data_at_node(state, work, &c);
 }

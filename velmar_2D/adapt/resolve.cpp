@@ -32,6 +32,7 @@ class Resolver {
   Resolver(State& state, const Resolution& resolution, bool surplus_has_gone)
       : state_(state),
         wants_(state, resolution.margin),
+        derive_later_(state),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
         knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
@@ -53,6 +54,7 @@ class Resolver {
     }
     settle_on_the_way(sizes);
     for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      if (i == generation_end_) begin_generation();
       prefetch_newcomer(i);
       ++state_.update_statistics.visited;
       settle(*nodes_[i], sizes.at(*nodes_[i]));
@@ -111,6 +113,12 @@ class Resolver {
     for_all_nodes(walk, sizes, [this](Cell& c, double size) { return settle(c, size); });
   }
 
+  /// Of nodes that have come while those before them were asked.
+  void begin_generation() {
+    derive_later_.derive(std::span(nodes_).subspan(generation_end_));
+    generation_end_ = nodes_.size();
+  }
+
   /// A few nodes before it is asked.
   void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
@@ -132,13 +140,14 @@ class Resolver {
       }
     }
     if (i > 0) list_was_changed(state_, "resolve_mesh");
-    nb_listed_ = nodes_.size();
+    nb_listed_ = generation_end_ = nodes_.size();
   }
 
   /// Sizes of the nodes from this number on; of a few of them where there is no memory for more.
   template <typename BatchFunction>
   std::span<const double> sizes_from(std::size_t begin, const BatchFunction& size_fun) {
-    const std::size_t n = nodes_.size() - begin;
+    if (begin == generation_end_) begin_generation();
+    const std::size_t n = generation_end_ - begin;
     std::span<double> sizes;
     try {
       sizes_.resize(n);
@@ -297,6 +306,8 @@ class Resolver {
   std::vector<TraversalHistory::Entry> gone_;
   std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
   std::size_t nb_listed_ = 0;
+  std::size_t generation_end_ = 0;  ///< of those that are being asked
+  DeriveLater derive_later_;
   std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
   std::array<double, 64> few_sizes_{};

@@ -142,6 +142,26 @@ inline constexpr std::int32_t highest_wanted_level = 62;
 /// level's own give that level, so that rounding does not decide.
 std::int32_t level_wanted_by(double ratio);
 
+/// While this scope lasts, nodes that come have no derivatives yet: they get them when all that
+/// come with them are there, so that it does not matter in which order they came.
+class DeriveLater {
+ public:
+  explicit DeriveLater(State& state) : state_(state) { state.derives_later = true; }
+  DeriveLater(const DeriveLater&) = delete;
+  DeriveLater& operator=(const DeriveLater&) = delete;
+  ~DeriveLater() { state_.derives_later = false; }
+
+  /// Those of some nodes, where there are data.
+  void derive(std::span<Cell* const> nodes) const {
+    if (state_.n_cell_data <= 0) return;
+    Workspace work;
+    for (Cell* c : nodes) compute_data_at_node(state_, work, c);
+  }
+
+ private:
+  State& state_;
+};
+
 /// What a size means for a node.
 struct Want {
   std::int32_t level;  ///< up to which rings are completed

@@ -76,6 +76,7 @@ struct State {
   bool gathers_link_sources = false;          ///< many nodes are about to be removed
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
   bool has_another_way = false;               ///< see AnotherWay
+  bool derives_later = false;                 ///< see DeriveLater
 
   std::string_view in_use_by;  ///< the operation that is changing the mesh; empty: none, see InUse
   bool is_refusing = false;    ///< another one, which a callback or a handler has called

@@ -18,27 +18,6 @@ std::int64_t reach_of(const Lattice& lattice, std::int32_t level) {
   return lattice.grid_step() >> (level / 2);
 }
 
-/// Notes the parents of nodes that come, and calls the caller's own hook.
-class NoteParents {
- public:
-  NoteParents(State& state, std::vector<std::array<Cell*, 4>>& parents)
-      : state_(state), hook_(std::move(state.hooks.inserted)) {
-    state.hooks.inserted = [this, &parents](Cell& c, std::span<Cell* const> of) {
-      std::array<Cell*, 4> list{};
-      std::copy(of.begin(), of.end(), list.begin());
-      parents.push_back(list);
-      if (hook_) hook_(c, of);
-    };
-  }
-  NoteParents(const NoteParents&) = delete;
-  NoteParents& operator=(const NoteParents&) = delete;
-  ~NoteParents() { state_.hooks.inserted = std::move(hook_); }
-
- private:
-  State& state_;
-  std::function<void(Cell&, std::span<Cell* const>)> hook_;
-};
-
 }  // namespace
 
 std::int64_t Box::distance_to(LatticePoint p) const {
@@ -88,48 +67,101 @@ Cell* PieceUpdate::node_at(LatticePoint p) const {
   return nearest != nullptr && place_of(*nearest) == p ? nearest : nullptr;
 }
 
-void PieceUpdate::begin(const size_function& size, const Resolution& resolution) {
+/// While nodes come: their parents are noted, and the caller's own hook is called.
+class PieceUpdate::Insertion {
+ public:
+  explicit Insertion(PieceUpdate& update)
+      : derive_later(update.state_),
+        state_(update.state_),
+        hook_(std::move(state_.hooks.inserted)),
+        interpolates_before_(state_.data_interpolation),
+        init_data_before_(state_.init_data_ptr) {
+    state_.hooks.inserted = [this, &update](Cell& c, std::span<Cell* const> of) {
+      std::array<Cell*, 4> parents{};
+      std::copy(of.begin(), of.end(), parents.begin());
+      update.parents_.push_back(parents);
+      if (hook_) hook_(c, of);
+    };
+    if (update.init_data_) {
+      state_.data_interpolation = false;
+      state_.init_data_ptr = update.init_data_;
+    }
+  }
+  Insertion(const Insertion&) = delete;
+  Insertion& operator=(const Insertion&) = delete;
+  ~Insertion() {
+    state_.hooks.inserted = std::move(hook_);
+    state_.data_interpolation = interpolates_before_;
+    state_.init_data_ptr = std::move(init_data_before_);
+  }
+
+  DeriveLater derive_later;
+
+ private:
+  State& state_;
+  std::function<void(Cell&, std::span<Cell* const>)> hook_;
+  bool interpolates_before_;
+  init_data_function init_data_before_;
+};
+
+void PieceUpdate::begin(const size_function& size, const Resolution& resolution,
+                        init_data_function init_data) {
   size_ = size;
   resolution_ = resolution;
+  init_data_ = std::move(init_data);
   forget_wants();
   held_.clear();
+  held_ghosts_.clear();
   newcomers_.clear();
   parents_.clear();
-  nb_asked_ = 0;
+  to_ask_.clear();
+  nb_asked_ = nb_noted_ = 0;
+  statistics_ = {};
   reaches_cut_ = false;
   if (state_.resolved_revision != state_.mesh_revision) {
     split_sublists(state_);
     const JoinAtEnd join_at_end(state_);
     restore_rings(state_, resolution.most_nodes);
   }
-  std::vector<Cell*> own;
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
     c->wanted_level = 0;
-    if (owns(place_of(*c))) own.push_back(c);
+    if (owns(place_of(*c))) to_ask_.push_back(c);
   }
-  const NoteParents note_parents(state_, parents_);
-  for (Cell* c : own) ask(*c);
-  ask_newcomers();
+}
+
+/// By generations where there are data, since those that come need derivatives first.
+void PieceUpdate::ask() {
+  const Insertion insertion(*this);
+  const std::size_t end = to_ask_.size();
+  if (nb_asked_ > 0) insertion.derive_later.derive(std::span(to_ask_).subspan(nb_asked_));
+  while (nb_asked_ < (state_.n_cell_data > 0 ? end : to_ask_.size())) {
+    ask(*to_ask_[nb_asked_++]);
+    note_newcomers();
+  }
 }
 
 void PieceUpdate::ask(Cell& c) {
+  ++statistics_.visited;
   const double size = SizesOneByOne(size_).at(c);
   const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
   c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
     RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
   }
+  if (want.is_refused && c.level >= want.level) statistics_.refused += c.reserve;
   want_rings_beyond(c, want.level);
 }
 
-void PieceUpdate::ask_newcomers() {
-  for (; nb_asked_ < newcomers_.size(); ++nb_asked_) {
-    Cell& c = *newcomers_[nb_asked_];
+void PieceUpdate::note_newcomers() {
+  for (; nb_noted_ < newcomers_.size(); ++nb_noted_) {
+    Cell& c = *newcomers_[nb_noted_];
     for (const int side : straight_directions) {
       const Boundary* record = link(c, side).boundary();
       if (record != nullptr && record->bc_type == bc_type_cut) reaches_cut_ = true;
     }
-    if (owns(place_of(c))) ask(c);
+    if (!owns(place_of(c))) continue;
+    to_ask_.push_back(&c);
+    ++statistics_.inserted;
   }
 }
 
@@ -166,7 +198,7 @@ Cell* PieceUpdate::make(LatticePoint p) {
 }
 
 void PieceUpdate::hold(std::span<const LatticePoint> places) {
-  const NoteParents note_parents(state_, parents_);
+  const Insertion insertion(*this);
   for (const LatticePoint& p : places) {
     if (!wants_.contains(p)) {
       reaches_cut_ = true;
@@ -176,7 +208,7 @@ void PieceUpdate::hold(std::span<const LatticePoint> places) {
     c->wanted_level |= is_held;
     held_.push_back(c);
   }
-  ask_newcomers();
+  note_newcomers();
 }
 
 void PieceUpdate::forget_wants() {
@@ -204,7 +236,23 @@ bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
                      [](const Cell* c) { return (c->wanted_level & is_held) == 0; });
 }
 
+void PieceUpdate::forget_newcomers(const std::unordered_set<const Cell*>& gone) {
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+    if (gone.count(newcomers_[i]) > 0) continue;
+    newcomers_[n] = newcomers_[i];
+    parents_[n++] = parents_[i];
+  }
+  newcomers_.resize(n);
+  parents_.resize(n);
+  nb_noted_ = n;
+}
+
 void PieceUpdate::release() {
+  for (Cell* c : std::exchange(held_ghosts_, {})) {
+    c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+  }
+  std::unordered_set<const Cell*> gone;
   split_sublists(state_);
   const JoinAtEnd join_at_end(state_);
   Walk walk = Walk::to_coarsen(state_.history);
@@ -214,12 +262,15 @@ void PieceUpdate::release() {
       const bool removing = is_surplus(c);
       walk.changes_mesh_here(removing);
       if (!removing) continue;
+      if (owns(place_of(c))) ++statistics_.removed;
+      gone.insert(&c);
       Cell* node = &c;
       remove_by_level(state_, node);
       walk.removed_node();
     }
   }
   state_.history.end_recording();
+  forget_newcomers(gone);
   state_.resolved_revision = state_.mesh_revision;
   state_.surplus_has_gone = false;
 }
@@ -244,17 +295,19 @@ std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) const {
 }
 
 void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
-  const NoteParents note_parents(state_, parents_);
+  const Insertion insertion(*this);
   for (const LatticePoint& p : places) {
-    if (wants_.contains(p)) make(p)->wanted_level |= is_held;
+    if (!wants_.contains(p)) continue;
+    held_ghosts_.push_back(make(p));
+    held_ghosts_.back()->wanted_level |= is_held;
   }
-  nb_asked_ = newcomers_.size();
+  note_newcomers();
   state_.resolved_revision = state_.mesh_revision;
 }
 
 void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known) {
   if (state_.n_cell_data <= 0) return;
-  const std::size_t first = state_.data_interpolation ? 0 : 1;
+  const std::size_t first = init_data_ ? 1 : 0;
   const std::size_t end =
       state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
   for (std::size_t i = 0; i < newcomers_.size(); ++i) {

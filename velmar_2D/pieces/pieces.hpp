@@ -28,7 +28,10 @@ class PieceUpdate {
   /// None where the window has no node there.
   Cell* node_at(LatticePoint p) const;
 
-  void begin(const size_function& size, const Resolution& resolution);
+  void begin(const size_function& size, const Resolution& resolution, init_data_function init_data);
+  void ask();
+  bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
+  bool has_wants() const { return !new_wants_.empty(); }
   std::vector<LatticePoint> take_wants() { return std::exchange(new_wants_, {}); }
   void hold(std::span<const LatticePoint> places);
   void release();
@@ -39,13 +42,16 @@ class PieceUpdate {
   void hold_ghosts(std::span<const LatticePoint> places);
   void hand_on_data(const std::function<bool(const Cell&)>& is_known);
   std::span<Cell* const> newcomers() const { return newcomers_; }
+  const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
 
  private:
+  class Insertion;
   void forget_wants();
   Box box_of(const Window& window) const;
   void ask(Cell& c);
-  void ask_newcomers();
+  void note_newcomers();
+  void forget_newcomers(const std::unordered_set<const Cell*>& gone);
   void want_rings_beyond(const Cell& c, std::int32_t level);
   void want(LatticePoint p);
   /// The node at a place, made with all that it rests on where it is missing.
@@ -60,10 +66,13 @@ class PieceUpdate {
   size_function size_;
   Resolution resolution_;
   std::vector<LatticePoint> new_wants_;
-  std::vector<Cell*> held_;  ///< own nodes
+  std::vector<Cell*> held_, held_ghosts_;
   std::vector<Cell*> newcomers_;
   std::vector<std::array<Cell*, 4>> parents_;  ///< of the newcomers
-  std::size_t nb_asked_ = 0;                   ///< of the newcomers
+  std::vector<Cell*> to_ask_;                  ///< own nodes, in the order of their coming
+  std::size_t nb_asked_ = 0, nb_noted_ = 0;    ///< of those, and of the newcomers
+  init_data_function init_data_;
+  UpdateStatistics statistics_;
   bool reaches_cut_ = false;
 };
 
