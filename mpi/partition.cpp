@@ -25,9 +25,8 @@ CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
 }  // namespace
 
 int Partition::Parts::owner(Place place) const {
-  const std::int64_t unit = std::int64_t{1} << 31;
-  const auto line = [unit](std::int64_t at, std::int32_t last) {
-    return static_cast<std::int32_t>(std::min<std::int64_t>(at / unit, last - 1));
+  const auto line = [](std::int64_t at, std::int32_t last) {
+    return static_cast<std::int32_t>(std::min<std::int64_t>(at / places_per_cell, last - 1));
   };
   const std::int32_t column = line(place.x, grid.nx - 1), row = line(place.y, grid.ny - 1);
   return owner_of_cell[static_cast<std::size_t>(row) * static_cast<std::size_t>(grid.nx - 1) +

@@ -31,7 +31,8 @@
 
 namespace velmar_2d {
 
-/// A position in units of dist_0 / 2^31, from the lower left corner of the whole rectangle.
+/// A position in units of dist_0 / places_per_cell, from the lower left corner of the whole.
+inline constexpr std::int64_t places_per_cell = std::int64_t{1} << 31;
 struct Place {
   std::int64_t x = 0, y = 0;
   friend bool operator==(const Place&, const Place&) = default;

@@ -10,7 +10,9 @@ Lattice::Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb
     : domain_(&domain),
       halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2),
       first_{line_at(domain.x_min - domain.frame.x_min), line_at(domain.y_min - domain.frame.y_min)},
-      last_{line_at(domain.x_max - domain.frame.x_min), line_at(domain.y_max - domain.frame.y_min)} {
+      last_{line_at(domain.x_max - domain.frame.x_min), line_at(domain.y_max - domain.frame.y_min)},
+      frame_last_{line_at(domain.frame.x_max - domain.frame.x_min),
+                  line_at(domain.frame.y_max - domain.frame.y_min)} {
   entries_.reserve(nb_nodes + nb_nodes / 16);
   slots_.assign(std::bit_ceil(2 * nb_nodes + 2), -1);
 }
@@ -31,9 +33,7 @@ bool Lattice::contains(LatticePoint p) const {
 }
 
 bool Lattice::is_in_frame(LatticePoint p) const {
-  const Frame& frame = domain_->frame;
-  return p.x >= 0 && p.y >= 0 && p.x <= line_at(frame.x_max - frame.x_min) &&
-         p.y <= line_at(frame.y_max - frame.y_min);
+  return p.x >= 0 && p.y >= 0 && p.x <= frame_last_.x && p.y <= frame_last_.y;
 }
 
 bool Lattice::is_on_side(LatticePoint p, int straight_direction) const {
@@ -65,7 +65,7 @@ bool Lattice::find_place(const Cell& c, LatticePoint& p) const {
     return std::abs(exact - static_cast<double>(nearest)) < off_the_lattice;
   };
   return place((c.x - domain_->frame.x_min) / domain_->dist_0, p.x) &&
-         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && contains(p) && ipos(p) == c.ipos;
+         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && is_in_frame(p) && ipos(p) == c.ipos;
 }
 
 std::int32_t Lattice::add(const Entry& entry) {

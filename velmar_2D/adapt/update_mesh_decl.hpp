@@ -583,7 +583,7 @@ class Lattice {
 
   const Domain* domain_;
   std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
-  LatticePoint first_, last_;
+  LatticePoint first_, last_, frame_last_;
   std::vector<Entry> entries_;
   std::vector<std::int32_t> slots_;
 };

@@ -32,7 +32,7 @@ PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t nx, std::
       own_(own),
       nx_(nx),
       ny_(ny),
-      wants_(state.domain, highest_wanted_level, 0),
+      wants_(state.domain, deepest_level, 0),
       box_(box_of(own)) {}
 
 Box PieceUpdate::box_of(const Window& window) const {
@@ -212,7 +212,7 @@ void PieceUpdate::hold(std::span<const LatticePoint> places) {
 }
 
 void PieceUpdate::forget_wants() {
-  wants_ = Lattice(state_.domain, highest_wanted_level, 0);
+  wants_ = Lattice(state_.domain, deepest_level, 0);
   new_wants_.clear();
 }
 
