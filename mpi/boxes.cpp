@@ -11,15 +11,14 @@ class Cutter {
  public:
   explicit Cutter(const CellWeights& weights) : columns_(weights.columns) {
     // Sums over all cells to the lower left, so that any box is four of them.
-    sums_.assign(static_cast<std::size_t>(columns_ + 1) *
-                     static_cast<std::size_t>(weights.rows + 1),
-                 0);
+    sums_.assign(
+        static_cast<std::size_t>(columns_ + 1) * static_cast<std::size_t>(weights.rows + 1), 0);
     for (std::int32_t j = 0; j < weights.rows; ++j) {
       for (std::int32_t i = 0; i < columns_; ++i) {
-        sum(i + 1, j + 1) = sum(i, j + 1) + sum(i + 1, j) - sum(i, j) +
-                            weights.weights[static_cast<std::size_t>(j) *
-                                                static_cast<std::size_t>(columns_) +
-                                            static_cast<std::size_t>(i)];
+        sum(i + 1, j + 1) =
+            sum(i, j + 1) + sum(i + 1, j) - sum(i, j) +
+            weights.weights[static_cast<std::size_t>(j) * static_cast<std::size_t>(columns_) +
+                            static_cast<std::size_t>(i)];
       }
     }
   }

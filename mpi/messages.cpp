@@ -1,6 +1,8 @@
 #include "messages.hpp"
 
 #include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <new>
 
@@ -55,6 +57,23 @@ std::int64_t Messages::sum(std::int64_t number) const {
   return all;
 }
 
+std::vector<std::int64_t> Messages::sum(std::vector<std::int64_t> numbers) const {
+  MPI_Allreduce(MPI_IN_PLACE, numbers.data(), static_cast<int>(numbers.size()), MPI_INT64_T,
+                MPI_SUM, communicator_);
+  return numbers;
+}
+
+std::vector<int> Messages::partners(const std::vector<char>& sends_to) const {
+  std::vector<char> receives_from(sends_to.size());
+  MPI_Alltoall(sends_to.data(), 1, MPI_CHAR, receives_from.data(), 1, MPI_CHAR, communicator_);
+  std::vector<int> ranks;
+  for (int rank = 0; rank < nb_processes_; ++rank) {
+    const auto i = static_cast<std::size_t>(rank);
+    if (sends_to[i] != 0 || receives_from[i] != 0) ranks.push_back(rank);
+  }
+  return ranks;
+}
+
 std::int64_t Messages::largest(std::int64_t number) const {
   std::int64_t all = 0;
   MPI_Allreduce(&number, &all, 1, MPI_INT64_T, MPI_MAX, communicator_);
@@ -87,8 +106,22 @@ std::int64_t Messages::together(std::int64_t number) {
   has_fault_ = false;
   text.resize(static_cast<std::size_t>(length));
   MPI_Bcast(text.data(), length, MPI_CHAR, culprit, communicator_);
-  throw Error("(velmar_2D/Partition:) ERROR on process " + std::to_string(culprit) + " of " +
-              std::to_string(nb_processes_) + ": " + text);
+  throw FaultOfAll("(velmar_2D/Partition:) ERROR on process " + std::to_string(culprit) + " of " +
+                   std::to_string(nb_processes_) + ": " + text);
+}
+
+void Messages::end_all() const {
+  std::fprintf(stderr, "(velmar_2D/Partition:) ERROR on process %d of %d: %s\n", rank_,
+               nb_processes_, fault_.c_str());
+  std::fflush(stderr);
+  MPI_Abort(communicator_, EXIT_FAILURE);
+  std::abort();
+}
+
+void Messages::refuse_broken() {
+  throw Error(
+      "(velmar_2D/Partition:) ERROR: an earlier operation has failed, and the meshes of the "
+      "processes do not agree any more; make another Partition");
 }
 
 }  // namespace velmar_2d

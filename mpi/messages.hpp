@@ -13,6 +13,13 @@
 
 namespace velmar_2d {
 
+/// What all processes throw together. Any other exception between two messages concerns one process
+/// alone, while the others wait for it.
+class FaultOfAll : public Error {
+ public:
+  using Error::Error;
+};
+
 /// A communicator of our own, so that no message meets those of the caller.
 class Messages {
  public:
@@ -29,12 +36,17 @@ class Messages {
   void set_neighbours(std::vector<int> ranks) { neighbours_ = std::move(ranks); }
   const std::vector<int>& neighbours() const { return neighbours_; }
 
+  /// Those with a message to one of us or from one of us, and no others, in order.
+  std::vector<int> partners(const std::vector<char>& sends_to) const;
   /// One message to each neighbour and one from each, in their order.
   template <typename T>
   std::vector<std::vector<T>> exchange(const std::vector<std::vector<T>>& out) const {
     std::vector<std::vector<T>> in(neighbours_.size());
     send_and_receive(
-        sizeof(T), [&](std::size_t i) { return std::pair<const void*, std::size_t>(out[i].data(), out[i].size()); },
+        sizeof(T),
+        [&](std::size_t i) {
+          return std::pair<const void*, std::size_t>(out[i].data(), out[i].size());
+        },
         [&](std::size_t i, std::size_t n) {
           in[i].resize(n);
           return static_cast<void*>(in[i].data());
@@ -42,7 +54,25 @@ class Messages {
     return in;
   }
 
+  /// Runs what all processes run together. Where it is left by a fault that the others do not know
+  /// of, such as exhausted memory while a message arrives, all processes end.
+  /// Throws Error at once where an earlier one has failed.
+  template <typename Operation>
+  auto collective(const Operation& operation) {
+    if (is_broken_) refuse_broken();
+    try {
+      return operation();
+    } catch (const FaultOfAll&) {
+      is_broken_ = true;
+      throw;
+    } catch (...) {
+      note_fault();
+      end_all();
+    }
+  }
+
   std::int64_t sum(std::int64_t number) const;
+  std::vector<std::int64_t> sum(std::vector<std::int64_t> numbers) const;
   std::int64_t largest(std::int64_t number) const;
   template <typename T>
   std::vector<T> gather_from_all(const T& own) const {
@@ -70,11 +100,13 @@ class Messages {
   using Incoming = std::function<void*(std::size_t neighbour, std::size_t n)>;
   void send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in) const;
   void note_fault();
+  [[noreturn]] void end_all() const;
+  [[noreturn]] static void refuse_broken();
 
   MPI_Comm communicator_ = MPI_COMM_NULL;
   int rank_ = 0, nb_processes_ = 1;
   std::vector<int> neighbours_;
-  bool has_fault_ = false;
+  bool has_fault_ = false, is_broken_ = false;
   std::string fault_;
 };
 

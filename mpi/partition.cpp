@@ -33,9 +33,9 @@ int Partition::Parts::owner(Place place) const {
                        static_cast<std::size_t>(column)];
 }
 
-void Partition::Parts::make_piece() {
-  owner_of_cell.assign(static_cast<std::size_t>(grid.nx - 1) * static_cast<std::size_t>(grid.ny - 1),
-                       0);
+void Partition::Parts::find_neighbours() {
+  owner_of_cell.assign(
+      static_cast<std::size_t>(grid.nx - 1) * static_cast<std::size_t>(grid.ny - 1), 0);
   std::vector<int> neighbours;
   for (int rank = 0; rank < messages.nb_processes(); ++rank) {
     const Window& of = boxes[static_cast<std::size_t>(rank)];
@@ -50,25 +50,27 @@ void Partition::Parts::make_piece() {
     }
   }
   messages.set_neighbours(std::move(neighbours));
-  messages.alone([&] { piece.emplace(whole, grid, box(), options.overlap); });
-  messages.together();
 }
 
 Partition::Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
                      const PartitionOptions& options)
     : parts_(new Parts(communicator, whole, grid, options)) {
   Parts& parts = *parts_;
-  parts.messages.alone([&] {
-    parts.grid.ny = rows_of(whole, grid);
-    if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
-    parts.boxes = cut_into_boxes(even_weights(whole, grid), nb_processes());
-    if (parts.boxes.empty()) throw Error("there are more processes than cells of the grid");
+  parts.messages.collective([&] {
+    parts.messages.alone([&] {
+      parts.grid.ny = rows_of(whole, grid);
+      if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
+      parts.boxes = cut_into_boxes(even_weights(whole, grid), nb_processes());
+      if (parts.boxes.empty()) throw Error("there are more processes than cells of the grid");
+    });
+    parts.messages.together();
+    parts.messages.alone([&] {
+      parts.find_neighbours();
+      parts.piece.emplace(whole, parts.grid, parts.box(), options.overlap);
+    });
+    parts.messages.together();
+    parts.settle();
   });
-  parts.messages.together();
-  parts.make_piece();
-  parts.share_ghosts();
-  parts.plan_exchange();
-  parts.number_nodes();
 }
 
 Partition::Partition(Partition&&) noexcept = default;
@@ -96,33 +98,55 @@ std::int64_t Partition::first_global_number() const {
 std::int64_t Partition::size() const { return parts_->first_numbers.back(); }
 
 void Partition::resolve(const size_function& size, const Resolution& resolution) {
-  parts_->resolve(size, {}, resolution);
+  resolve(size, {}, resolution);
 }
 void Partition::resolve(const size_function& size, init_data_function init_data,
                         const Resolution& resolution) {
-  parts_->resolve(size, std::move(init_data), resolution);
+  parts_->messages.collective(
+      [&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
+}
+void Partition::resolve_batched(const batch_size_function& sizes, const Resolution& resolution) {
+  resolve_batched(sizes, {}, resolution);
+}
+void Partition::resolve_batched(const batch_size_function& sizes, init_data_function init_data,
+                                const Resolution& resolution) {
+  parts_->messages.collective(
+      [&] { parts_->resolve({}, sizes, std::move(init_data), resolution); });
 }
 
 void Partition::compute_derivatives() {
-  parts_->messages.alone([&] {
-    for (Cell* c : owned()) mesh().compute_derivatives(*c);
+  Messages& messages = parts_->messages;
+  messages.collective([&] {
+    messages.alone([&] {
+      for (Cell* c : owned()) mesh().compute_derivatives(*c);
+    });
+    messages.together();
   });
-  parts_->messages.together();
 }
 
-PartitionStatistics Partition::statistics() const {
-  PartitionStatistics all = parts_->statistics;
-  const Messages& messages = parts_->messages;
-  const auto nb_owned = static_cast<std::int64_t>(owned().size());
-  all.nb_nodes = size();
-  all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));
-  all.most_nodes_owned = messages.largest(nb_owned);
-  for (std::int64_t* number : {&all.inserted, &all.removed, &all.visited, &all.refused}) {
-    *number = messages.sum(*number);
-  }
-  all.imbalance = static_cast<double>(all.most_nodes_owned) * nb_processes() /
-                               static_cast<double>(all.nb_nodes);
-  return all;
+PartitionStatistics Partition::statistics() {
+  Messages& messages = parts_->messages;
+  return messages.collective([&] {
+    PartitionStatistics all = parts_->statistics;
+    const auto nb_owned = static_cast<std::int64_t>(owned().size());
+    all.nb_nodes = size();
+    all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));
+    all.most_nodes_owned = messages.largest(nb_owned);
+    for (std::int64_t* number : {&all.inserted, &all.removed, &all.visited, &all.refused}) {
+      *number = messages.sum(*number);
+    }
+    all.imbalance = static_cast<double>(all.most_nodes_owned) * nb_processes() /
+                    static_cast<double>(all.nb_nodes);
+    return all;
+  });
+}
+
+bool Partition::rebalance(double threshold) {
+  return parts_->messages.collective([&] { return parts_->rebalance(threshold); });
+}
+
+std::unique_ptr<Mesh> Partition::gather() {
+  return parts_->messages.collective([&] { return parts_->gather(); });
 }
 
 }  // namespace velmar_2d

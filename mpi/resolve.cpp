@@ -6,6 +6,12 @@
 
 namespace velmar_2d {
 
+namespace {
+constexpr const char* differing =
+    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners; was the mesh of a "
+    "process changed by hand?";
+}
+
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
   const std::vector<int>& ranks = messages.neighbours();
   std::vector<std::vector<Place>> sorted(ranks.size());
@@ -40,7 +46,6 @@ void Partition::Parts::refine() {
   while (messages.together(piece->has_nodes_to_ask() ? 1 : 0) > 0) {
     if (!std::exchange(is_first, false) && grid.n_cell_data > 0) {
       share_ghosts();
-      plan_exchange();
       hand_on_data();
     }
     messages.alone([&] { piece->ask(); });
@@ -48,25 +53,30 @@ void Partition::Parts::refine() {
   }
 }
 
+// Others are told first what is needed of them: with a margin that is more than what was wanted.
 void Partition::Parts::release() {
+  exchange_needs();
   std::int64_t nb_lost = 1;
   while (nb_lost > 0) {
-    std::vector<std::vector<Place>> out(messages.neighbours().size());
-    messages.alone([&] {
-      piece->release();
-      out = by_owner(piece->needs());
-    });
-    const std::vector<std::vector<Place>> in = messages.exchange(out);
-    bool has_lost = false;
-    messages.alone([&] {
-      std::vector<Place> held;
-      for (const std::vector<Place>& places : in) {
-        held.insert(held.end(), places.begin(), places.end());
-      }
-      has_lost = piece->hold_only(held);
-    });
-    nb_lost = messages.together(has_lost ? 1 : 0);
+    messages.alone([&] { piece->release(); });
+    nb_lost = messages.together(exchange_needs() ? 1 : 0);
   }
+}
+
+/// @return whether some own node is not needed by others any more
+bool Partition::Parts::exchange_needs() {
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  messages.alone([&] { out = by_owner(piece->needs()); });
+  const std::vector<std::vector<Place>> in = messages.exchange(out);
+  bool has_lost = false;
+  messages.alone([&] {
+    std::vector<Place> held;
+    for (const std::vector<Place>& places : in) {
+      held.insert(held.end(), places.begin(), places.end());
+    }
+    has_lost = piece->hold_only(held);
+  });
+  return has_lost;
 }
 
 /// Each process tells its neighbours about its nodes near them.
@@ -84,8 +94,9 @@ void Partition::Parts::share_ghosts() {
   messages.alone([&] {
     for (const std::vector<Place>& places : in) piece->hold_ghosts(places);
     if (piece->reaches_cut()) {
-      throw Error("the mesh needs nodes where the window of the process ends: more overlap is "
-                  "wanted");
+      throw Error(
+          "the mesh needs nodes where the window of the process ends: more overlap is "
+          "wanted");
     }
   });
   messages.together();
@@ -95,41 +106,97 @@ void Partition::Parts::share_ghosts() {
 /// all that follows from it is computed anew.
 void Partition::Parts::hand_on_data() {
   if (grid.n_cell_data <= 0) return;
-  std::unordered_set<const Cell*> come;
-  messages.alone([&] { come.insert(piece->newcomers().begin(), piece->newcomers().end()); });
-  std::unordered_set<const Cell*> known;
+  const std::size_t nb_neighbours = messages.neighbours().size();
   const std::size_t width = static_cast<std::size_t>(grid.n_cell_data) + 1;
-  exchange_rows(
-      width, GhostLayer::all,
-      [&](const Cell& c, double* row) {
-        row[0] = come.count(&c) == 0 ? 1.0 : 0.0;
-        std::copy(c.data.begin(), c.data.end(), row + 1);
-      },
-      [&](Cell& c, const double* row) {
-        if (row[0] == 0.0) return;
-        known.insert(&c);
-        std::copy(row + 1, row + width, c.data.begin());
-      });
+  const std::span<Cell* const> newcomers = piece->newcomers();
+  nb_handed_on = std::min(nb_handed_on, newcomers.size());
+  std::vector<std::vector<Place>> out(nb_neighbours);
   messages.alone([&] {
-    piece->hand_on_data([&](const Cell& c) { return known.count(&c) > 0; });
+    std::vector<Place> places;
+    for (const Cell* c : newcomers.subspan(nb_handed_on)) {
+      if (!piece->owns(*c)) places.push_back(piece->place_of(*c));
+    }
+    out = by_owner(places);
+  });
+  std::vector<std::vector<double>> answers(nb_neighbours);
+  const std::vector<std::vector<Place>> asked = messages.exchange(out);
+  messages.alone([&] {
+    for (std::size_t i = 0; i < nb_neighbours; ++i) {
+      answers[i].reserve(asked[i].size() * width);
+      for (const Place& place : asked[i]) {
+        const Cell* c = piece->node_at(place);
+        if (c == nullptr) throw Error("a neighbour has a ghost of a node that is not there");
+        answers[i].push_back(piece->has_come(*c) ? 0.0 : 1.0);
+        answers[i].insert(answers[i].end(), c->data.begin(), c->data.end());
+      }
+    }
+  });
+  const std::vector<std::vector<double>> told = messages.exchange(answers);
+  messages.alone([&] {
+    for (std::size_t i = 0; i < nb_neighbours; ++i) {
+      if (told[i].size() != out[i].size() * width) continue;  // a fault there, told in together()
+      for (std::size_t k = 0; k < out[i].size(); ++k) {
+        const double* row = told[i].data() + k * width;
+        if (row[0] == 0.0) continue;
+        Cell* c = piece->node_at(out[i][k]);
+        known_ghosts.insert(c);
+        std::copy(row + 1, row + width, c->data.begin());
+      }
+    }
+    piece->hand_on_data([&](const Cell& c) { return known_ghosts.count(&c) > 0; }, nb_handed_on);
+    nb_handed_on = newcomers.size();
   });
 }
 
-void Partition::Parts::resolve(const size_function& size, init_data_function init_data,
-                               const Resolution& resolution) {
+void Partition::Parts::exchange_data() {
+  const auto n = static_cast<std::size_t>(grid.n_cell_data);
+  if (n == 0) return;
+  exchange_rows(
+      n, GhostLayer::all,
+      [](const Cell& c, double* row) { std::copy(c.data.begin(), c.data.end(), row); },
+      [n](Cell& c, const double* row) { std::copy_n(row, n, c.data.begin()); });
+}
+
+void Partition::Parts::settle() {
+  share_ghosts();
+  plan_exchange();
+  number_nodes();
+  if (!agrees()) throw FaultOfAll(differing);
+}
+
+void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
+                               init_data_function init_data, const Resolution& resolution) {
   statistics = {};
+  nb_handed_on = 0;
+  known_ghosts.clear();
   messages.alone([&] {
-    if (grid.n_cell_data > 0) {
-      for (Cell* c : owned) piece->mesh().compute_derivatives(*c);
+    Mesh& mesh = piece->mesh();
+    if (!size && !sizes) throw Error("the sizes are no procedure");
+    if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
+    if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
+    if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
+    if (mesh.transfer() == Transfer::conservative && grid.n_cell_data > 0) {
+      throw Error("Transfer::conservative is for a Mesh of one process");
     }
-    piece->begin(size, resolution, std::move(init_data));
+    if (grid.n_cell_data > 0) {
+      for (Cell* c : owned) mesh.compute_derivatives(*c);
+    }
+    if (sizes) {
+      piece->begin_batched(sizes, resolution, std::move(init_data));
+    } else {
+      piece->begin(size, resolution, std::move(init_data));
+    }
   });
   refine();
   release();
   share_ghosts();
-  plan_exchange();
+  nb_handed_on = 0;
+  known_ghosts.clear();
   hand_on_data();
+  plan_exchange();
   number_nodes();
+  exchange_data();
+  if (!agrees()) throw FaultOfAll(differing);
   const UpdateStatistics& own = piece->statistics();
   statistics.inserted = own.inserted;
   statistics.removed = own.removed;

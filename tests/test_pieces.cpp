@@ -11,28 +11,19 @@ namespace velmar_2d::tests {
 namespace {
 
 /// All that a node is, told without a reference to where it is kept.
-std::string text_of(const Cell& c) {
-  std::string text;
-  const auto add = [&text](double number) {
-    char digits[40];
-    std::snprintf(digits, sizeof digits, "%.17g ", number);
-    text += digits;
-  };
-  for (const double number : {c.x, c.y, c.area}) add(number);
-  for (const int number : {c.ipos, c.level, c.reserve, c.on_boundary}) add(number);
+std::vector<double> record_of(const Cell& c) {
+  std::vector<double> record = {c.x, c.y, c.area};
+  for (const int number : {c.ipos, c.level, c.reserve, c.on_boundary}) record.push_back(number);
   const std::array<int, 8> levels = {c.nl, c.nel, c.el, c.sel, c.sl, c.swl, c.wl, c.nwl};
   for (const Direction d : directions) {
     const NeighbourLink there = link(c, d);
-    if (const Cell* linked = there.cell()) {
-      text += "to ";
-      add(linked->x);
-      add(linked->y);
-    }
-    if (const Boundary* side = there.boundary()) add(side->bc_type);
-    if (!there.empty()) add(levels[static_cast<std::size_t>(d)]);
+    if (const Cell* linked = there.cell()) record.insert(record.end(), {linked->x, linked->y});
+    if (const Boundary* side = there.boundary()) record.push_back(side->bc_type);
+    record.push_back(there.empty() ? 0 : levels[static_cast<std::size_t>(d)]);
   }
-  for (const double value : c.data) add(value);
-  return text;
+  record.insert(record.end(), c.data.begin(), c.data.end());
+  record.insert(record.end(), {c.grad_data, c.grad2_data});
+  return record;
 }
 
 /// Several pieces in one process, which exchange what they have to.
@@ -49,13 +40,13 @@ class Pieces {
     }
   }
 
-  void resolve(const size_function& size) {
+  void resolve(const size_function& size, const Resolution& resolution) {
     nb_rounds = 0;
     for (Piece& piece : pieces_) {
       for (Cell& c : piece.mesh().nodes()) {
         if (piece.owns(c)) piece.mesh().compute_derivatives(c);
       }
-      piece.begin(size);
+      piece.begin(size, resolution);
     }
     while (std::any_of(pieces_.begin(), pieces_.end(),
                        [](const Piece& piece) { return piece.has_nodes_to_ask(); })) {
@@ -84,18 +75,20 @@ class Pieces {
   }
 
   void release() {
-    for (bool is_settled = false; !is_settled;) {
+    exchange_needs();
+    do {
       for (Piece& piece : pieces_) piece.release();
-      std::vector<Place> needs;
-      for (Piece& piece : pieces_) {
-        const std::vector<Place> of_piece = piece.needs();
-        needs.insert(needs.end(), of_piece.begin(), of_piece.end());
-      }
-      is_settled = true;
-      for (Piece& piece : pieces_) {
-        is_settled = !piece.hold_only(owned_of(piece, needs)) && is_settled;
-      }
+    } while (exchange_needs());
+  }
+  bool exchange_needs() {
+    std::vector<Place> needs;
+    for (Piece& piece : pieces_) {
+      const std::vector<Place> of_piece = piece.needs();
+      needs.insert(needs.end(), of_piece.begin(), of_piece.end());
     }
+    bool has_lost = false;
+    for (Piece& piece : pieces_) has_lost = piece.hold_only(owned_of(piece, needs)) || has_lost;
+    return has_lost;
   }
 
   void share_ghosts() {
@@ -122,13 +115,14 @@ class Pieces {
     }
   }
 
-  std::map<std::pair<double, double>, std::string> owned_nodes() {
-    std::map<std::pair<double, double>, std::string> all;
+  std::map<std::pair<double, double>, std::vector<double>> owned_nodes() {
+    std::map<std::pair<double, double>, std::vector<double>> all;
     for (Piece& piece : pieces_) {
       for (Cell& c : piece.mesh().nodes()) {
         if (!piece.owns(c)) continue;
         piece.mesh().area(c);
-        const bool is_new = all.emplace(std::pair(c.x, c.y), text_of(c)).second;
+        piece.mesh().compute_derivatives(c);
+        const bool is_new = all.emplace(std::pair(c.x, c.y), record_of(c)).second;
         EXPECT_TRUE(is_new) << c.x << " " << c.y;
       }
     }
@@ -166,15 +160,18 @@ class Pieces {
 };
 
 void expect_same(Pieces& pieces, Mesh& mesh, const std::string& when) {
-  std::map<std::pair<double, double>, std::string> owned = pieces.owned_nodes();
+  std::map<std::pair<double, double>, std::vector<double>> owned = pieces.owned_nodes();
   std::size_t nb_wrong = 0;
   for (Cell& c : mesh.nodes()) {
     mesh.area(c);
+    mesh.compute_derivatives(c);
     const auto found = owned.find({c.x, c.y});
     const bool is_there = found != owned.end();
-    if (!is_there || found->second != text_of(c)) {
+    if (!is_there || found->second != record_of(c)) {
       if (++nb_wrong == 1) {
-        ADD_FAILURE() << when << "\n" << text_of(c) << "\n" << (is_there ? found->second : "none");
+        ADD_FAILURE() << when << "\n"
+                      << ::testing::PrintToString(record_of(c)) << "\n"
+                      << (is_there ? ::testing::PrintToString(found->second) : "none");
       }
     }
   }
@@ -186,38 +183,40 @@ void expect_same(Pieces& pieces, Mesh& mesh, const std::string& when) {
 void set_data(Mesh& mesh, double t) {
   for (Cell& c : mesh.nodes()) {
     for (std::size_t i = 0; i < c.data.size(); ++i) {
-      c.data[i] = std::tanh(20.0 * (c.x - 0.3 * c.y - 0.2 * t)) + std::sin(5.0 * c.y - i);
+      c.data[i] = std::tanh(20.0 * (c.x - 0.3 * c.y - 0.2 * t)) +
+                  std::sin(5.0 * c.y - static_cast<double>(i));
     }
   }
 }
 
 TEST(Pieces, TogetherAreOneMesh) {
-  for (std::uint64_t seed = 1; seed <= 12; ++seed) {
+  for (std::uint64_t seed = 1; seed <= 4; ++seed) {
     scenarios::Random random{seed};
     const Rectangle whole{0.1, 1.3, -0.7, 0.2};
-    const Grid grid{.nx = 17, .subdiv_max = 14, .n_cell_data = 2};
+    const Grid grid{.nx = 13, .subdiv_max = 11, .n_cell_data = 2};
     Mesh mesh(whole, grid);
     mesh.set_transfer(Transfer::all);
-    Pieces pieces(whole, grid, random.between(1, 4), random.between(1, 2), 3);
+    Pieces pieces(whole, grid, random.between(1, 3), random.between(1, 2), 3);
     for (Piece& piece : pieces.all()) piece.mesh().set_transfer(Transfer::all);
-    for (int step = 0; step < 6; ++step) {
+    for (int step = 0; step < 4; ++step) {
       const double x = 0.1 + 1.2 * random.uniform(), y = -0.7 + 0.9 * random.uniform();
       const double slope = 0.06 * std::pow(30.0, random.uniform());
       const int kind = random.between(0, 3);
       const size_function by_number[] = {
           scenarios::random_spacing(random.next(), 0.02, 0.01, 0.2),
           [](double, double, auto, double grad, double grad2) {
-            return std::max(0.004, 0.1 / (0.1 + grad) + 0.2 / (1.0 + grad2));
+            return std::max(0.01, 0.1 / (0.1 + grad) + 0.2 / (1.0 + grad2));
           },
           [=](double px, double py, auto...) {
-            return 0.002 + slope * std::abs(std::hypot(px - x, py - y) - 0.2);
+            return 0.01 + slope * std::abs(std::hypot(px - x, py - y) - 0.2);
           }};
       const size_function& size = by_number[std::min(kind, 2)];
-      mesh.resolve(size);
-      pieces.resolve(size);
+      const Resolution resolution{.margin = random.between(0, 1) == 0 ? 0.0 : 1.5};
+      mesh.resolve(size, resolution);
+      pieces.resolve(size, resolution);
       expect_same(pieces, mesh,
-                  "seed " + std::to_string(seed) + " step " + std::to_string(step) +
-                      " kind " + std::to_string(kind));
+                  "seed " + std::to_string(seed) + " step " + std::to_string(step) + " kind " +
+                      std::to_string(kind));
       if (::testing::Test::HasFailure()) return;
       if (step % 2 == 0) {
         set_data(mesh, step);

@@ -140,8 +140,7 @@ State& Mesh::state() const {
 
 Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : Mesh(rectangle, grid, nullptr) {}
 
-Mesh::Mesh(const Rectangle& rectangle, const Grid& grid, const Window* window)
-    : state_(new State) {
+Mesh::Mesh(const Rectangle& rectangle, const Grid& grid, const Window* window) : state_(new State) {
   State& made = *state_;
   made.handlers.defaults = &detail::default_state().handlers;
   const std::int32_t ny = rows_of(rectangle, grid);

@@ -18,8 +18,8 @@
 // Mistakes throw an Error that says what is wrong; so does exhausted memory (std::bad_alloc where
 // none is left even for the text). The mesh is whole afterwards: a node is in it with all its links
 // or not at all. Callbacks may throw what they like, with the same promise; where they change the
-// mesh that asks them, an Error ends that. Nothing is printed and nothing waits for a key; who wants to read the
-// warnings sets a message handler.
+// mesh that asks them, an Error ends that. Nothing is printed and nothing waits for a key; who
+// wants to read the warnings sets a message handler.
 //
 // Threads: a mesh may be changed by one thread at a time, and by none while others read it. All
 // that is const here, the measures of control cells and compute_derivatives() on different nodes

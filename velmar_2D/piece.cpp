@@ -41,7 +41,9 @@ Piece::Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::i
         const Window window = checked_window(own, overlap, grid.nx, ny);
         return Mesh(whole, grid, &window);
       }()),
-      update_(new detail::PieceUpdate(mesh_.state(), own, grid.nx, rows_of(whole, grid))) {}
+      update_(new detail::PieceUpdate(mesh_.state(), own, grid.nx, rows_of(whole, grid))) {
+  mesh_.state().candidate_order = detail::CandidateOrder::by_place;
+}
 Piece::Piece(Piece&&) noexcept = default;
 Piece& Piece::operator=(Piece&&) noexcept = default;
 Piece::~Piece() = default;
@@ -49,7 +51,8 @@ Piece::~Piece() = default;
 Mesh& Piece::mesh() { return mesh_; }
 const Mesh& Piece::mesh() const { return mesh_; }
 const Window& Piece::own() const { return update_->own(); }
-bool Piece::owns(const Cell& c) const { return update_->owns(update_->place_of(c)); }
+bool Piece::owns(const Cell& c) const { return update_->owns(c); }
+bool Piece::is_near_cut(const Cell& c) const { return update_->is_near(c); }
 bool Piece::owns(Place place) const { return update_->owns(to_lattice(place)); }
 Place Piece::place_of(const Cell& c) const { return to_place(update_->place_of(c)); }
 Cell* Piece::node_at(Place place) { return update_->node_at(to_lattice(place)); }
@@ -57,7 +60,12 @@ Cell* Piece::node_at(Place place) { return update_->node_at(to_lattice(place)); 
 void Piece::begin(const size_function& size, const Resolution& resolution,
                   init_data_function init_data) {
   const detail::MeshChange change(mesh_.state(), "Piece::begin");
-  update_->begin(size, resolution, std::move(init_data));
+  update_->begin(size, {}, resolution, std::move(init_data));
+}
+void Piece::begin_batched(const batch_size_function& sizes, const Resolution& resolution,
+                          init_data_function init_data) {
+  const detail::MeshChange change(mesh_.state(), "Piece::begin");
+  update_->begin({}, sizes, resolution, std::move(init_data));
 }
 
 void Piece::ask() {
@@ -101,8 +109,35 @@ void Piece::hold_ghosts(std::span<const Place> places) {
   update_->hold_ghosts(to_lattice(places));
 }
 
-void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known) {
-  update_->hand_on_data(is_known);
+void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first) {
+  update_->hand_on_data(is_known, first);
+}
+bool Piece::has_come(const Cell& c) const { return update_->has_come(c); }
+
+void Piece::hold_all(std::span<const Place> places) {
+  const detail::MeshChange change(mesh_.state(), "Piece::hold_all");
+  update_->hold_all(to_lattice(places));
+}
+
+void Piece::take_settings(Piece& from) {
+  detail::State &to = mesh_.state(), &other = from.mesh_.state();
+  to.transfer = other.transfer;
+  to.hooks = other.hooks;
+  to.handlers.message = other.handlers.message;
+  to.handlers.fatal = other.handlers.fatal;
+  to.handlers.pause = other.handlers.pause;
+  to.progress.handler = other.progress.handler;
+  for (std::size_t side = 0; side < to.side_records.size(); ++side) {
+    for (std::size_t kind = 0; kind < bc_type_cut; ++kind) {
+      Boundary *record = to.side_records[side][kind], *before = other.side_records[side][kind];
+      if (record != nullptr && before != nullptr) record->c = before->c;
+    }
+  }
+}
+
+Mesh Piece::release_mesh() && {
+  update_.reset();
+  return std::move(mesh_);
 }
 std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }

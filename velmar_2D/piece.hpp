@@ -3,7 +3,8 @@
 //     +-----------+-----------+       Each piece owns the nodes of a box of grid cells, and keeps
 //     |           |           |       beyond it those that its own nodes need, in a window a few
 //     |   own  . .|. .        |       cells wider than the box. The nodes that all pieces own are
-//     |        .  |  . window |       together those of one mesh, to the last bit: positions, links,
+//     |        .  |  . window |       together those of one mesh, to the last bit: positions,
+//     links,
 //     +--------.--+--.--------+       levels, control cells, and data where those are exchanged.
 //     |        . .|. .        |
 //     |           |           |       Who moves what from piece to piece is the caller's matter:
@@ -16,6 +17,7 @@
 //       for each piece:  ask()
 //       until no piece has wants:  for each piece: take wants(), give them to their owners' hold()
 //       where sizes depend on derivatives: exchange ghosts and data, see below
+//     for each piece:    give needs() to their owners' hold_only()
 //     until no piece has lost a hold:
 //       for each piece:  release()
 //       for each piece:  give needs() to their owners' hold_only()
@@ -66,6 +68,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   const Window& own() const;
   bool owns(const Cell& c) const;
   bool owns(Place place) const;
+  /// False where no other piece needs an own node.
+  bool is_near_cut(const Cell& c) const;
   Place place_of(const Cell& c) const;
   /// None where the window has no node there.
   Cell* node_at(Place place);
@@ -74,6 +78,9 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// nodes where sizes depend on them.
   void begin(const size_function& size, const Resolution& resolution = {},
              init_data_function init_data = {});
+  /// The same, asked for many nodes at once: all own ones, then those of each generation.
+  void begin_batched(const batch_size_function& sizes, const Resolution& resolution = {},
+                     init_data_function init_data = {});
   /// Asks own nodes that have not been asked for the spacing that they want, and makes what that
   /// takes in the window. With data, nodes that come by that are left to the next call.
   void ask();
@@ -101,9 +108,20 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// in which they came: once the data of ghosts that others had before are known.
   ///
   /// @param is_known  nodes that keep theirs
-  void hand_on_data(const std::function<bool(const Cell&)>& is_known);
+  /// @param first     of newcomers(): those before it keep theirs, too
+  void hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first = 0);
   /// Nodes that have come since begin(), parents first.
   std::span<Cell* const> newcomers() const;
+  bool has_come(const Cell& c) const;
+
+  /// Makes own nodes of a mesh that was resolved, on a piece that has its grid only: the same nodes
+  /// in the same order, whatever the order of the places. Their data are 0.
+  void hold_all(std::span<const Place> places);
+  /// Takes over what another piece was told: what becomes of data, hooks and handlers, values of
+  /// sides.
+  void take_settings(Piece& from);
+  /// The mesh of a piece that is the whole.
+  Mesh release_mesh() &&;
 
   /// What the own nodes went through since begin().
   const UpdateStatistics& statistics() const;

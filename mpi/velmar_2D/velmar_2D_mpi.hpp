@@ -2,11 +2,10 @@
 //
 //     MPI_Init(&argc, &argv);
 //     {
-//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, {.nx = 65, .n_cell_data = 1});
-//       part.resolve(size);
-//       part.exchange();                                       // values of ghosts from their owners
-//       for (velmar_2d::Cell* c : part.owned()) { /* links of owned nodes are those of one mesh */ }
-//       part.rebalance();
+//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, {.nx = 65, .n_cell_data =
+//       1}); part.resolve(size); part.exchange();                                       // values
+//       of ghosts from their owners for (velmar_2d::Cell* c : part.owned()) { /* links of owned
+//       nodes are those of one mesh */ } part.rebalance();
 //     }
 //     MPI_Finalize();
 //
@@ -18,12 +17,17 @@
 // Procedures marked collective are called by all processes of the communicator, with the same
 // arguments but for functions, which need to know what concerns the own nodes alone. A fault on one
 // process (a function that throws, exhausted memory, too many nodes) throws an Error on all, which
-// names the process; the meshes are whole afterwards, but no longer agree: make them anew.
+// names the process. Each mesh is whole afterwards, but they do not agree any more: all that is
+// collective throws from then on, and what is not still reads them. Where memory is exhausted while
+// a message arrives, all processes end instead, with a line that names the process.
+//
+// Nodes of mesh() may be read, and their data values, `used` and `data_ptr` be written. What changes
+// the mesh is for the Partition alone.
 #pragma once
 
 #include <mpi.h>
 
-#include <string>
+#include <memory>
 
 #include "velmar_2D/piece.hpp"
 
@@ -35,10 +39,10 @@ struct PartitionOptions {
 
 /// Over all processes.
 struct PartitionStatistics {
-  std::int64_t nb_nodes = 0;         ///< of the whole mesh
-  std::int64_t nb_ghosts = 0;        ///< sum over the processes
-  std::int64_t most_nodes_owned = 0; ///< by one process
-  int nb_rounds = 0;                 ///< of messages in the last update, until nothing was new
+  std::int64_t nb_nodes = 0;          ///< of the whole mesh
+  std::int64_t nb_ghosts = 0;         ///< sum over the processes
+  std::int64_t most_nodes_owned = 0;  ///< by one process
+  int nb_rounds = 0;                  ///< of messages in the last update, until nothing was new
   std::int64_t inserted = 0, removed = 0, visited = 0, refused = 0;  ///< owned, last update
   double imbalance = 1.0;  ///< most_nodes_owned x number of processes / nb_nodes
 };
@@ -62,17 +66,25 @@ class Partition {
   MPI_Comm communicator() const;  ///< a copy of the one that it was made with
   int rank() const;
   int nb_processes() const;
-  const Window& box() const;                    ///< of this process
-  std::span<const Window> boxes() const;        ///< of all, by rank
+  const Window& box() const;              ///< of this process
+  std::span<const Window> boxes() const;  ///< of all, by rank
   /// The mesh of the window: owned nodes and ghosts.
   Mesh& mesh();
   const Mesh& mesh() const;
 
   /// Collective. As Mesh::resolve() of the whole mesh; derivatives, where there are data, are those
-  /// of owned nodes. Data of ghosts are current before and after.
+  /// of owned nodes. Ghosts must hold the data of their owners before, as exchange() leaves them,
+  /// and do so afterwards.
+  ///
+  /// `most_nodes` counts the nodes of one process, ghosts with them. Throws Error where `slope` is
+  /// not 0, and with Transfer::conservative: both look farther than the ghosts reach.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});
+  /// The same, asked for many nodes at once: all owned ones, then those of each generation.
+  void resolve_batched(const batch_size_function& sizes, const Resolution& resolution = {});
+  void resolve_batched(const batch_size_function& sizes, init_data_function init_data,
+                       const Resolution& resolution = {});
 
   /// Nodes of this process, in list order; then ghosts, those linked to owned nodes first. Good
   /// until the mesh changes.
@@ -81,7 +93,8 @@ class Partition {
   std::span<Cell* const> linked_ghosts() const;
   bool owns(const Cell& c) const;
   int owner(const Cell& c) const;  ///< rank
-  /// Number of an owned node or a ghost in the whole mesh: those of process 0 first.
+  /// Number of an owned node or a ghost in the whole mesh: those of process 0 first, in the order of
+  /// owned(). The first call after an update makes a table of 16 to 32 bytes a node.
   std::int64_t global_number(const Cell& c) const;
   std::int64_t first_global_number() const;  ///< of this process
   std::int64_t size() const;                 ///< nodes of the whole mesh
@@ -96,12 +109,13 @@ class Partition {
   /// Collective. Derivatives of data[0] at owned nodes.
   void compute_derivatives();
 
-  /// Collective. Whether ghosts that are linked to owned nodes are what their owners have. Always
-  /// so after an update.
+  /// Collective. Whether ghosts that are linked to owned nodes are what their owners have: position,
+  /// level and links. Every update and rebalance() ends with this check, and throws where it fails.
   bool agrees();
 
   /// Collective. Cuts the rectangle anew, by halving it along grid lines, where the imbalance
-  /// exceeds `threshold`: data go with their nodes. References to nodes become invalid.
+  /// exceeds `threshold`: data and derivatives go with their nodes, `used` and `data_ptr` do not.
+  /// References to nodes become invalid where it returns true, and mesh() is another one.
   /// @return whether it did
   bool rebalance(double threshold = 1.1);
 
@@ -109,15 +123,11 @@ class Partition {
   std::unique_ptr<Mesh> gather();
 
   /// Collective.
-  PartitionStatistics statistics() const;
+  PartitionStatistics statistics();
 
  private:
   struct Parts;
   std::unique_ptr<Parts> parts_;
 };
-
-/// Collective. Writes one file for each process beside `path` (ending .pvtu), which lists them.
-void write_pvtu(Partition& partition, const std::string& path,
-                std::span<const std::string> data_names = {}, double time = 0.0);
 
 }  // namespace velmar_2d

@@ -9,7 +9,8 @@ namespace velmar_2d::detail {
 Lattice::Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes)
     : domain_(&domain),
       halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2),
-      first_{line_at(domain.x_min - domain.frame.x_min), line_at(domain.y_min - domain.frame.y_min)},
+      first_{line_at(domain.x_min - domain.frame.x_min),
+             line_at(domain.y_min - domain.frame.y_min)},
       last_{line_at(domain.x_max - domain.frame.x_min), line_at(domain.y_max - domain.frame.y_min)},
       frame_last_{line_at(domain.frame.x_max - domain.frame.x_min),
                   line_at(domain.frame.y_max - domain.frame.y_min)} {
@@ -65,7 +66,8 @@ bool Lattice::find_place(const Cell& c, LatticePoint& p) const {
     return std::abs(exact - static_cast<double>(nearest)) < off_the_lattice;
   };
   return place((c.x - domain_->frame.x_min) / domain_->dist_0, p.x) &&
-         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && is_in_frame(p) && ipos(p) == c.ipos;
+         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && is_in_frame(p) &&
+         ipos(p) == c.ipos;
 }
 
 std::int32_t Lattice::add(const Entry& entry) {

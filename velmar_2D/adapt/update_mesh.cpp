@@ -50,6 +50,7 @@ void check_resolution(const State& state, const Resolution& resolution) {
 template <typename SizeFunction>
 void update_with_init(State& state, const SizeFunction& size_fun, init_data_function& init_data) {
   begin_with_init(state, "update_mesh", static_cast<bool>(size_fun), init_data);
+  state.candidate_order = CandidateOrder::by_age;
   compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }
@@ -57,6 +58,7 @@ void update_with_init(State& state, const SizeFunction& size_fun, init_data_func
 template <typename SizeFunction>
 void update_with_interpolation(State& state, const SizeFunction& size_fun) {
   begin_with_interpolation(state, "update_mesh", static_cast<bool>(size_fun));
+  state.candidate_order = CandidateOrder::by_age;
   if (state.n_cell_data > 0) compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }
@@ -66,6 +68,7 @@ void resolve_with_init(State& state, const SizeFunction& size_fun, init_data_fun
                        const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_init(state, "resolve_mesh", static_cast<bool>(size_fun), init_data);
+  state.candidate_order = CandidateOrder::by_place;
   resolve_mesh_body(state, size_fun, resolution, true);
 }
 
@@ -74,6 +77,7 @@ void resolve_with_interpolation(State& state, const SizeFunction& size_fun,
                                 const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_interpolation(state, "resolve_mesh", static_cast<bool>(size_fun));
+  state.candidate_order = CandidateOrder::by_place;
   resolve_mesh_body(state, size_fun, resolution, state.n_cell_data > 0);
 }
 

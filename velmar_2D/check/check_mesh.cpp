@@ -209,7 +209,8 @@ void check_position(Check& check, const Cell& c, const Place& place, double scal
   const double step = check.state.domain.dist_0 / scale,
                margin = check.tolerance * check.state.domain.dist_0;
   if (c.ipos < 0) return;
-  const double off_x = c.x - check.state.domain.frame.x_min - static_cast<double>(place.column) * step;
+  const double off_x =
+      c.x - check.state.domain.frame.x_min - static_cast<double>(place.column) * step;
   const double off_y = c.y - check.state.domain.frame.y_min - static_cast<double>(place.row) * step;
   if (!(std::abs(off_x) <= margin && std::abs(off_y) <= margin)) {
     check.report("position", "the node does not lie on the lattice of its ipos", &c);

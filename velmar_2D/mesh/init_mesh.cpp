@@ -130,8 +130,8 @@ void open_window(State& state, const GridLines& lines, std::int32_t ny, const Wi
           "                       and lie within the grid !");
   }
   Domain& domain = state.domain;
-  const std::array<bool, 4> is_cut = {window.north < ny - 1, window.east < lines.nx - 1,
-                                      window.south > 0, window.west > 0};
+  const std::array<bool, 4> is_cut = {
+      window.north<ny - 1, window.east<lines.nx - 1, window.south> 0, window.west> 0};
   if (is_cut[0]) domain.y_max = lines.y(window.north);
   if (is_cut[1]) domain.x_max = lines.x(window.east);
   if (is_cut[2]) domain.y_min = lines.y(window.south);

@@ -34,6 +34,10 @@ class GridNodes {
   std::vector<const Cell*> nodes_;  ///< row by row from the south-west
 };
 
+/// Which nodes derivatives prefer where several are as near: the oldest, or those farthest to the
+/// south, and of those to the east.
+enum class CandidateOrder { by_age, by_place };
+
 /// One mesh. Made and gone with it, so that forgetting is destruction.
 struct State {
   State();
@@ -77,6 +81,10 @@ struct State {
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
   bool has_another_way = false;               ///< see AnotherWay
   bool derives_later = false;                 ///< see DeriveLater
+
+  /// By place while resolve makes the mesh, whose nodes come in an order that depends on where one
+  /// began; by age from the next plain update on.
+  CandidateOrder candidate_order = CandidateOrder::by_age;
 
   std::string_view in_use_by;  ///< the operation that is changing the mesh; empty: none, see InUse
   bool is_refusing = false;    ///< another one, which a callback or a handler has called

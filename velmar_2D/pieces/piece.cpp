@@ -33,7 +33,45 @@ PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t nx, std::
       nx_(nx),
       ny_(ny),
       wants_(state.domain, deepest_level, 0),
-      box_(box_of(own)) {}
+      box_(box_of(own)) {
+  find_sides_of_box();
+}
+
+void PieceUpdate::find_sides_of_box() {
+  constexpr double beyond = std::numeric_limits<double>::infinity();
+  west_ = south_ = -beyond;
+  east_ = north_ = beyond;
+  const double before = 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
+  for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
+    const LatticePoint p = place_of(*c);
+    if (p.x == box_.low.x && own_.west > 0) west_ = c->x - before;
+    if (p.y == box_.low.y && own_.south > 0) south_ = c->y - before;
+    if (p.x == box_.high.x) east_ = c->x - before;
+    if (p.y == box_.high.y) north_ = c->y - before;
+  }
+}
+
+/// Along x or y, whichever is less; infinite where the box ends with the whole.
+double PieceUpdate::distance_to_cut(const Cell& c) const {
+  return std::min({c.x - west_, east_ - c.x, c.y - south_, north_ - c.y});
+}
+
+// A node is linked to others up to the spacing of its level away, and those to others up to that of
+// theirs, which is at most twice as large. What others rest on, by however many steps, lies within four times that of
+// its ipos.
+bool PieceUpdate::is_near(const Cell& c) const {
+  const double spacing = state_.domain.dist_0 / exact_power_of_2(c.level / 2);
+  const double resting = state_.domain.dist_0 / exact_power_of_2(std::max(c.ipos, 1) / 2);
+  return distance_to_cut(c) <= std::max(8.0 * spacing, 4.0 * resting);
+}
+
+void PieceUpdate::find_near() {
+  near_.clear();
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (owns(*c) && is_near(*c)) near_.push_back(c);
+  }
+  near_is_current_ = true;
+}
 
 Box PieceUpdate::box_of(const Window& window) const {
   const auto end = [this](std::int32_t line, std::int32_t last) {
@@ -60,6 +98,10 @@ Point PieceUpdate::point_at(LatticePoint p) const {
 
 Cell* PieceUpdate::node_at(LatticePoint p) const {
   if (!wants_.contains(p)) return nullptr;
+  if (nodes_by_place_) {
+    const std::int32_t number = nodes_by_place_->find(p);
+    return number < 0 ? nullptr : nodes_by_place_->entries()[static_cast<std::size_t>(number)].cell;
+  }
   const Domain& domain = state_.domain;
   Point at = point_at(p);
   at = {std::clamp(at.x, domain.x_min, domain.x_max), std::clamp(at.y, domain.y_min, domain.y_max)};
@@ -104,9 +146,10 @@ class PieceUpdate::Insertion {
   init_data_function init_data_before_;
 };
 
-void PieceUpdate::begin(const size_function& size, const Resolution& resolution,
-                        init_data_function init_data) {
+void PieceUpdate::begin(const size_function& size, const batch_size_function& sizes,
+                        const Resolution& resolution, init_data_function init_data) {
   size_ = size;
+  sizes_ = sizes;
   resolution_ = resolution;
   init_data_ = std::move(init_data);
   forget_wants();
@@ -116,6 +159,7 @@ void PieceUpdate::begin(const size_function& size, const Resolution& resolution,
   parents_.clear();
   to_ask_.clear();
   nb_asked_ = nb_noted_ = 0;
+  first_new_id_ = state_.next_id;
   statistics_ = {};
   reaches_cut_ = false;
   if (state_.resolved_revision != state_.mesh_revision) {
@@ -123,26 +167,39 @@ void PieceUpdate::begin(const size_function& size, const Resolution& resolution,
     const JoinAtEnd join_at_end(state_);
     restore_rings(state_, resolution.most_nodes);
   }
+  near_.clear();
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
     c->wanted_level = 0;
-    if (owns(place_of(*c))) to_ask_.push_back(c);
+    if (!owns(*c)) continue;
+    to_ask_.push_back(c);
+    if (is_near(*c)) near_.push_back(c);
   }
+  near_is_current_ = true;
 }
 
 /// By generations where there are data, since those that come need derivatives first.
 void PieceUpdate::ask() {
   const Insertion insertion(*this);
-  const std::size_t end = to_ask_.size();
   if (nb_asked_ > 0) insertion.derive_later.derive(std::span(to_ask_).subspan(nb_asked_));
-  while (nb_asked_ < (state_.n_cell_data > 0 ? end : to_ask_.size())) {
-    ask(*to_ask_[nb_asked_++]);
-    note_newcomers();
-  }
+  std::vector<double> sizes;
+  do {
+    const std::size_t first = nb_asked_, end = to_ask_.size();
+    if (sizes_) {
+      const std::vector<const Cell*> nodes(to_ask_.begin() + static_cast<std::ptrdiff_t>(first),
+                                           to_ask_.end());
+      sizes.assign(end - first, std::numeric_limits<double>::quiet_NaN());
+      sizes_(nodes, sizes);
+    }
+    while (nb_asked_ < end) {
+      Cell& c = *to_ask_[nb_asked_++];
+      ask(c, sizes_ ? sizes[nb_asked_ - 1 - first] : SizesOneByOne(size_).at(c));
+      note_newcomers();
+    }
+  } while (state_.n_cell_data == 0 && nb_asked_ < to_ask_.size());
 }
 
-void PieceUpdate::ask(Cell& c) {
+void PieceUpdate::ask(Cell& c, double size) {
   ++statistics_.visited;
-  const double size = SizesOneByOne(size_).at(c);
   const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
   c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
@@ -159,13 +216,16 @@ void PieceUpdate::note_newcomers() {
       const Boundary* record = link(c, side).boundary();
       if (record != nullptr && record->bc_type == bc_type_cut) reaches_cut_ = true;
     }
-    if (!owns(place_of(c))) continue;
+    if (!owns(c)) continue;
+    if (near_is_current_ && is_near(c)) near_.push_back(&c);
     to_ask_.push_back(&c);
     ++statistics_.inserted;
   }
 }
 
 void PieceUpdate::want_rings_beyond(const Cell& c, std::int32_t level) {
+  const double widest = state_.domain.dist_0 / exact_power_of_2(std::max(c.ipos, 1) / 2);
+  if (distance_to_cut(c) > widest) return;
   const LatticePoint p = place_of(c);
   for (std::int32_t l = std::max(1, c.ipos); l <= std::max(level, c.ipos); ++l) {
     for (int d = l % 2; d < nb_directions; d += 2) want(wants_.neighbour(p, d, l));
@@ -194,6 +254,7 @@ Cell* PieceUpdate::make(LatticePoint p) {
     }
   }
   RingMaker(state_, newcomers_, resolution_.most_nodes).make_between(parents, ipos);
+  if (nodes_by_place_) nodes_by_place_->add({p, newcomers_.back(), ipos});
   return newcomers_.back();
 }
 
@@ -211,6 +272,34 @@ void PieceUpdate::hold(std::span<const LatticePoint> places) {
   note_newcomers();
 }
 
+/// Parents first, with what they rest on elsewhere. The others are found by their places meanwhile.
+void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
+  std::vector<std::pair<std::int32_t, LatticePoint>> sorted;
+  sorted.reserve(places.size());
+  for (const LatticePoint& p : places) sorted.emplace_back(wants_.ipos(p), p);
+  std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
+    return std::tie(a.first, a.second.y, a.second.x) < std::tie(b.first, b.second.y, b.second.x);
+  });
+  struct Scope {
+    PieceUpdate& update;
+    ~Scope() { update.nodes_by_place_.reset(); }
+  } const scope{*this};
+  nodes_by_place_.emplace(state_.domain, deepest_level,
+                          places.size() + static_cast<std::size_t>(state_.nb_nodes));
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    nodes_by_place_->add({place_of(*c), c, c->ipos});
+  }
+  const Insertion insertion(*this);
+  for (const auto& [ipos, p] : sorted) {
+    Cell* c = make(p);
+    c->wanted_level |= is_held;
+    held_.push_back(c);
+  }
+  near_is_current_ = false;
+  note_newcomers();
+  state_.resolved_revision = state_.mesh_revision;
+}
+
 void PieceUpdate::forget_wants() {
   wants_ = Lattice(state_.domain, deepest_level, 0);
   new_wants_.clear();
@@ -218,9 +307,8 @@ void PieceUpdate::forget_wants() {
 
 void PieceUpdate::find_needs() {
   forget_wants();
-  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    if (owns(place_of(*c))) want_rings_beyond(*c, wanted_level(*c));
-  }
+  if (!near_is_current_) find_near();
+  for (const Cell* c : near_) want_rings_beyond(*c, wanted_level(*c));
 }
 
 bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
@@ -262,7 +350,7 @@ void PieceUpdate::release() {
       const bool removing = is_surplus(c);
       walk.changes_mesh_here(removing);
       if (!removing) continue;
-      if (owns(place_of(c))) ++statistics_.removed;
+      if (owns(c)) ++statistics_.removed;
       gone.insert(&c);
       Cell* node = &c;
       remove_by_level(state_, node);
@@ -270,20 +358,21 @@ void PieceUpdate::release() {
     }
   }
   state_.history.end_recording();
+  near_is_current_ = false;
   forget_newcomers(gone);
   state_.resolved_revision = state_.mesh_revision;
   state_.surplus_has_gone = false;
 }
 
 // A node of level l is linked to none beyond the spacing of that level.
-std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) const {
+std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) {
   const Box other = box_of(of);
   std::vector<Cell*> found;
   const auto is_near = [&](const Cell& c) {
     return other.distance_to(place_of(c)) <= reach_of(wants_, c.level);
   };
-  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    if (!owns(place_of(*c))) continue;
+  if (!near_is_current_) find_near();
+  for (Cell* c : near_) {
     bool needed = is_near(*c);
     for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
       const Cell* linked = link(*c, d).cell();
@@ -305,12 +394,13 @@ void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
   state_.resolved_revision = state_.mesh_revision;
 }
 
-void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known) {
+void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known,
+                               std::size_t first_newcomer) {
   if (state_.n_cell_data <= 0) return;
   const std::size_t first = init_data_ ? 1 : 0;
   const std::size_t end =
       state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
-  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+  for (std::size_t i = first_newcomer; i < newcomers_.size(); ++i) {
     if (is_known(*newcomers_[i])) continue;
     for (std::size_t value = first; value < end; ++value) {
       newcomers_[i]->data[value] = mean_of_parents(parents_[i], value);

@@ -2,6 +2,8 @@
 // of it. Never installed.
 #pragma once
 
+#include <optional>
+
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -24,11 +26,18 @@ class PieceUpdate {
 
   const Window& own() const { return own_; }
   bool owns(LatticePoint p) const { return box_.contains(p); }
+  /// Told by coordinates, which are within rounding where the node lies on a line of the grid.
+  bool owns(const Cell& c) const {
+    return c.x >= west_ && c.x < east_ && c.y >= south_ && c.y < north_;
+  }
+  /// Whether others may need this own node.
+  bool is_near(const Cell& c) const;
   LatticePoint place_of(const Cell& c) const;
   /// None where the window has no node there.
   Cell* node_at(LatticePoint p) const;
 
-  void begin(const size_function& size, const Resolution& resolution, init_data_function init_data);
+  void begin(const size_function& size, const batch_size_function& sizes,
+             const Resolution& resolution, init_data_function init_data);
   void ask();
   bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
   bool has_wants() const { return !new_wants_.empty(); }
@@ -38,9 +47,12 @@ class PieceUpdate {
   void find_needs();
   bool hold_only(std::span<const LatticePoint> places);
 
-  std::vector<Cell*> border(const Window& of, int layers) const;
+  void hold_all(std::span<const LatticePoint> places);
+
+  std::vector<Cell*> border(const Window& of, int layers);
   void hold_ghosts(std::span<const LatticePoint> places);
-  void hand_on_data(const std::function<bool(const Cell&)>& is_known);
+  void hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first);
+  bool has_come(const Cell& c) const { return c.id >= first_new_id_; }
   std::span<Cell* const> newcomers() const { return newcomers_; }
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
@@ -49,7 +61,10 @@ class PieceUpdate {
   class Insertion;
   void forget_wants();
   Box box_of(const Window& window) const;
-  void ask(Cell& c);
+  void find_sides_of_box();
+  void find_near();
+  double distance_to_cut(const Cell& c) const;
+  void ask(Cell& c, double size);
   void note_newcomers();
   void forget_newcomers(const std::unordered_set<const Cell*>& gone);
   void want_rings_beyond(const Cell& c, std::int32_t level);
@@ -63,10 +78,16 @@ class PieceUpdate {
   std::int32_t nx_, ny_;
   Lattice wants_;  ///< places of others, with all that they rest on there
   Box box_;
+  double west_ = 0.0, east_ = 0.0, south_ = 0.0, north_ = 0.0;  ///< a little before the box; infinite where the whole ends
   size_function size_;
+  batch_size_function sizes_;
   Resolution resolution_;
   std::vector<LatticePoint> new_wants_;
   std::vector<Cell*> held_, held_ghosts_;
+  std::vector<Cell*> near_;  ///< own nodes that others may need, and some more
+  bool near_is_current_ = false;
+  std::optional<Lattice> nodes_by_place_;  ///< while many are made
+  std::int64_t first_new_id_ = 0;
   std::vector<Cell*> newcomers_;
   std::vector<std::array<Cell*, 4>> parents_;  ///< of the newcomers
   std::vector<Cell*> to_ask_;                  ///< own nodes, in the order of their coming
