@@ -31,7 +31,7 @@ packages_to_test_all=(python3-venv python3-pip python3-setuptools python3-wheel 
                       dpkg-dev file lintian
                       valgrind clang-tidy cppcheck
                       g++-aarch64-linux-gnu g++-s390x-linux-gnu g++-i686-linux-gnu qemu-user
-                      g++-mingw-w64-x86-64-posix wine64)
+                      g++-mingw-w64-x86-64-posix wine64 libopenmpi-dev openmpi-bin)
 # p4est's headers need those of the MPI that it was built with.
 packages_to_compare=("${packages_for_the_demo[@]}" libbenchmark-dev libp4est-dev mpi-default-dev
                      libeigen3-dev python3)
