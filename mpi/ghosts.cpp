@@ -136,7 +136,8 @@ void Partition::exchange(std::span<double> rows, int width, GhostLayer layer) {
   Parts& parts = *parts_;
   parts.messages.collective([&] {
     parts.messages.alone([&] {
-      if (width < 1 || rows.size() != (owned().size() + ghosts().size()) * static_cast<std::size_t>(width)) {
+      if (width < 1 ||
+          rows.size() != (owned().size() + ghosts().size()) * static_cast<std::size_t>(width)) {
         throw Error("the array must have one row for each owned node and each ghost");
       }
     });
@@ -145,7 +146,8 @@ void Partition::exchange(std::span<double> rows, int width, GhostLayer layer) {
   });
 }
 
-// Rows are told by the numbers of the nodes; those of ghosts stand behind, in the order of ghosts().
+// Rows are told by the numbers of the nodes; those of ghosts stand behind, in the order of
+// ghosts().
 void Partition::Parts::exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer) {
   const auto first = first_numbers[static_cast<std::size_t>(messages.rank())];
   const auto n = [layer](std::size_t linked, std::size_t all) {

@@ -102,8 +102,7 @@ void Partition::resolve(const size_function& size, const Resolution& resolution)
 }
 void Partition::resolve(const size_function& size, init_data_function init_data,
                         const Resolution& resolution) {
-  parts_->messages.collective(
-      [&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
+  parts_->messages.collective([&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
 }
 void Partition::resolve_batched(const batch_size_function& sizes, const Resolution& resolution) {
   resolve_batched(sizes, {}, resolution);

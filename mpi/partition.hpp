@@ -19,7 +19,7 @@ struct Partition::Parts {
   std::vector<Window> boxes;
   std::size_t nb_handed_on = 0;                  ///< of the newcomers
   std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
-  std::vector<int> owner_of_cell;  ///< of the grid, row by row
+  std::vector<int> owner_of_cell;                ///< of the grid, row by row
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
 

@@ -1,5 +1,5 @@
-// New boxes, and all nodes in one place: nodes move with their data; links, levels and control cells
-// follow from the places.
+// New boxes, and all nodes in one place: nodes move with their data; links, levels and control
+// cells follow from the places.
 #include <algorithm>
 #include <tuple>
 
@@ -106,8 +106,7 @@ void Partition::Parts::move_nodes(const std::vector<Window>& new_boxes) {
 
 bool Partition::Parts::rebalance(double threshold) {
   const std::int64_t nb_nodes = first_numbers.back();
-  const auto most = static_cast<double>(
-      messages.largest(static_cast<std::int64_t>(owned.size())));
+  const auto most = static_cast<double>(messages.largest(static_cast<std::int64_t>(owned.size())));
   if (most * messages.nb_processes() <= threshold * static_cast<double>(nb_nodes)) return false;
   std::vector<Window> new_boxes;
   CellWeights weights;
@@ -116,11 +115,11 @@ bool Partition::Parts::rebalance(double threshold) {
   weights.weights = messages.sum(std::move(weights.weights));
   messages.alone([&] { new_boxes = cut_into_boxes(weights, messages.nb_processes()); });
   messages.together();
-  const bool are_same = std::equal(
-      boxes.begin(), boxes.end(), new_boxes.begin(), [](const Window& a, const Window& b) {
-        return std::tie(a.west, a.east, a.south, a.north) ==
-               std::tie(b.west, b.east, b.south, b.north);
-      });
+  const bool are_same = std::equal(boxes.begin(), boxes.end(), new_boxes.begin(),
+                                   [](const Window& a, const Window& b) {
+                                     return std::tie(a.west, a.east, a.south, a.north) ==
+                                            std::tie(b.west, b.east, b.south, b.north);
+                                   });
   if (are_same) return false;
   move_nodes(new_boxes);
   settle();

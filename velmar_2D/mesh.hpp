@@ -37,8 +37,11 @@
 
 namespace velmar_2d {
 
+class MeshArrays;
+
 namespace detail {
 struct State;
+struct SnapshotAccess;
 struct StateDeleter {
   VELMAR_2D_API void operator()(State* state) const;
 };
@@ -219,8 +222,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   /// handed on as long as nothing is chosen.
   Transfer transfer() const;
   void set_transfer(Transfer transfer);
-  /// Told how far an update has come, and compute_derivatives() by one thread. Throws to leave it.
-  void set_progress_handler(progress_function handler);
+  /// Told how far an update has come, set_limit(), transfer() to this mesh, and
+  /// compute_derivatives() by one thread. Throws to leave it. Called no sooner than `seconds` after
+  /// the last time: fewer let it answer a key more promptly.
+  void set_progress_handler(progress_function handler, double seconds = 0.1);
   /// Called for each node that comes or goes from now on; empty ones cost nothing.
   void set_node_hooks(NodeHooks hooks);
   /// What the last update did, also where it ended by an exception.
@@ -371,6 +376,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
  private:
   friend class Piece;
   friend Mesh& default_mesh();
+  friend struct detail::SnapshotAccess;
+  friend class MeshArrays;
   friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
   friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}

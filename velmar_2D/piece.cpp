@@ -92,6 +92,7 @@ void Piece::release() {
 }
 
 std::vector<Place> Piece::needs() {
+  const detail::MeshChange change(mesh_.state(), "Piece::needs");
   update_->find_needs();
   return wants();
 }

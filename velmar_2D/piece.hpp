@@ -93,7 +93,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Lets go what neither the piece nor the others need, all ghosts among them that no own node
   /// rests on.
   void release();
-  /// All places of others that are needed.
+  /// All places of others that are needed. Lets go the other ghosts.
   std::vector<Place> needs();
   /// From now on other pieces need no own nodes but these, as far as they are there.
   /// @return whether some node is not needed any more

@@ -349,9 +349,11 @@ using batch_size_function =
 using init_data_function = std::function<double(double x, double y)>;
 /// How far an update has come.
 struct Progress {
-  std::string_view phase;  ///< "restoring", "derivatives", "refining" or "coarsening"
-  std::int64_t done = 0;   ///< nodes that the phase has visited
-  std::int64_t known = 0;  ///< nodes there were when it began; others may come while it lasts
+  /// "restoring", "derivatives", "refining", "coarsening" or "transferring".
+  std::string_view phase;
+  std::int64_t done = 0;  ///< nodes that the phase has visited
+  /// Nodes that it was to visit when it began; others may come while it lasts.
+  std::int64_t known = 0;
 };
 /// Told at most ten times a second. What it throws leaves the update, and the mesh is whole.
 using progress_function = std::function<void(const Progress& progress)>;

@@ -45,7 +45,7 @@ def main():
                         os.path.abspath(arguments.program), program, size,
                         str(repetitions)]
                     # A long front is cut into as many pieces as there are repetitions.
-                    if case == "front" and float(size) >= 1e6:
+                    if case in ("front", "creep") and float(size) >= 1e6:
                         command.append(str(max(50 // repetitions, 1)))
                     print(f"{program} {size} ...", file=sys.stderr, flush=True)
                     done = subprocess.run(command, stdout=subprocess.PIPE, text=True)

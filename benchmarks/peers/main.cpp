@@ -4,11 +4,11 @@
 //
 //     velmar_2d_peers CASE ABOUT [REPETITIONS [STEPS]]
 //
-// CASE is ring, half, steep, front, steady, walk, derivatives, memory_ours or memory_p4est.
+// CASE is ring, half, steep, front, creep, steady, walk, derivatives, memory_ours or memory_p4est.
 // ABOUT is the size: about so many nodes of ours. `count` is the number of nodes or cells that the
 // seconds went into, over all steps of a front; for the memory cases, which belong into a process
-// of their own, the last number is bytes. `front` does its 50 steps in every repetition; with
-// STEPS, repetition r does the steps from 1 + r STEPS on.
+// of their own, the last number is bytes. `front` and `creep` do their 50 steps in every
+// repetition; with STEPS, repetition r does the steps from 1 + r STEPS on.
 //
 // The sides take turns within one process, on one core, each starting with an empty heap.
 // `compare.py` runs the cases and makes the table.
@@ -61,8 +61,17 @@ Field field_for(const Run& run) {
   std::exit(2);
 }
 
-Field front_at(Field field, int step) {
-  field.ring = scenarios::travelling_ring(static_cast<double>(step) / nb_front_steps);
+/// `front` crosses the square in its steps; `creep` moves by two finest spacings in each, and turns
+/// back at the end of that way.
+Field front_at(const Run& run, int step) {
+  Field field = field_for(run);
+  double place = static_cast<double>(step) / nb_front_steps;
+  if (run.name == "creep") {
+    const double whole_way = scenarios::travelling_ring(1.0).x - scenarios::travelling_ring(0.0).x;
+    const double way = step * 2.0 * field.finest / whole_way;
+    place = 1.0 - std::abs(1.0 - std::fmod(way, 2.0));
+  }
+  field.ring = scenarios::travelling_ring(place);
   return field;
 }
 
@@ -198,13 +207,12 @@ void steady(const Run& run) {
 void front_ours(const Run& run, int r, const char* what, std::int32_t values, bool split_indicators,
                 ours::TooCoarse& left_over) {
   prepare(run);
-  const Field field = field_for(run);
   const int first = (r * run.steps) % nb_front_steps;
-  ours::make(front_at(field, first), values, 3);
+  ours::make(front_at(run, first), values, 3);
   double seconds = 0.0;
   std::int64_t count = 0;
   for (int step = first + 1; step <= first + run.steps; ++step) {
-    const Field now = front_at(field, step);
+    const Field now = front_at(run, step);
     if (split_indicators) {
       const Stopwatch watch;
       ours::compute_derivatives();
@@ -222,13 +230,12 @@ void front_ours(const Run& run, int r, const char* what, std::int32_t values, bo
 
 void front_resolved(const Run& run, int r, std::int32_t values) {
   prepare(run);
-  const Field field = field_for(run);
   const int first = (r * run.steps) % nb_front_steps;
-  ours::make_resolved(front_at(field, first), values);
+  ours::make_resolved(front_at(run, first), values);
   double seconds = 0.0;
   std::int64_t count = 0;
   for (int step = first + 1; step <= first + run.steps; ++step) {
-    const Field now = front_at(field, step);
+    const Field now = front_at(run, step);
     const Stopwatch watch;
     ours::resolve(now);
     seconds += watch.seconds();
@@ -241,10 +248,9 @@ void front_resolved(const Run& run, int r, std::int32_t values) {
 
 void front_p4est(const Run& run, int r) {
   prepare(run);
-  const Field field = field_for(run);
   const int first = (r * run.steps) % nb_front_steps;
   Quadtree tree(true);
-  tree.adapt(front_at(field, first), false);
+  tree.adapt(front_at(run, first), false);
   // A value that refining, coarsening and balancing hand down unchanged, if they lose none.
   const auto value_at = [](double x, double y) {
     return std::floor(x * cells_along) + cells_along * std::floor(y * cells_along);
@@ -253,7 +259,7 @@ void front_p4est(const Run& run, int r) {
   Phases sum;
   std::int64_t count = 0;
   for (int step = first + 1; step <= first + run.steps; ++step) {
-    const Field now = front_at(field, step);
+    const Field now = front_at(run, step);
     const Phases phases = tree.adapt(now, true);
     sum.refine += phases.refine;
     sum.coarsen += phases.coarsen;
@@ -274,7 +280,7 @@ void front(const Run& run) {
     front_p4est(run, r);
     front_resolved(run, r, 1);
     front_ours(run, r, what_of(false, 1), 1, false, left_over);
-    if (!run.is_large()) front_ours(run, r, "value", 1, true, left_over);
+    if (!run.is_large() && run.name == "front") front_ours(run, r, "value", 1, true, left_over);
   }
   report_left_over(run, left_over);
 }
@@ -379,6 +385,7 @@ int run(int argc, char** argv) {
       {"half", ring},
       {"steep", ring},
       {"front", front},
+      {"creep", front},
       {"steady", steady},
       {"walk", walk},
       {"derivatives", derivatives},

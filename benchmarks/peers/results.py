@@ -3,7 +3,7 @@ import csv
 import statistics
 from collections import defaultdict
 
-CASES = ["ring", "half", "steep", "front", "steady", "walk", "derivatives", "memory"]
+CASES = ["ring", "half", "steep", "front", "creep", "steady", "walk", "derivatives", "memory"]
 
 
 class Measured:

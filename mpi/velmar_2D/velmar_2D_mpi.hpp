@@ -21,8 +21,8 @@
 // collective throws from then on, and what is not still reads them. Where memory is exhausted while
 // a message arrives, all processes end instead, with a line that names the process.
 //
-// Nodes of mesh() may be read, and their data values, `used` and `data_ptr` be written. What changes
-// the mesh is for the Partition alone.
+// Nodes of mesh() may be read, and their data values, `used` and `data_ptr` be written. What
+// changes the mesh is for the Partition alone.
 #pragma once
 
 #include <mpi.h>
@@ -93,8 +93,8 @@ class Partition {
   std::span<Cell* const> linked_ghosts() const;
   bool owns(const Cell& c) const;
   int owner(const Cell& c) const;  ///< rank
-  /// Number of an owned node or a ghost in the whole mesh: those of process 0 first, in the order of
-  /// owned(). The first call after an update makes a table of 16 to 32 bytes a node.
+  /// Number of an owned node or a ghost in the whole mesh: those of process 0 first, in the order
+  /// of owned(). The first call after an update makes a table of 16 to 32 bytes a node.
   std::int64_t global_number(const Cell& c) const;
   std::int64_t first_global_number() const;  ///< of this process
   std::int64_t size() const;                 ///< nodes of the whole mesh
@@ -109,8 +109,9 @@ class Partition {
   /// Collective. Derivatives of data[0] at owned nodes.
   void compute_derivatives();
 
-  /// Collective. Whether ghosts that are linked to owned nodes are what their owners have: position,
-  /// level and links. Every update and rebalance() ends with this check, and throws where it fails.
+  /// Collective. Whether ghosts that are linked to owned nodes are what their owners have:
+  /// position, level and links. Every update and rebalance() ends with this check, and throws where
+  /// it fails.
   bool agrees();
 
   /// Collective. Cuts the rectangle anew, by halving it along grid lines, where the imbalance

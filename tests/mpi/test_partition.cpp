@@ -184,9 +184,10 @@ void run_fault(int culprit) {
       return 1.0;
     };
     if (kind == 2) {
-      part.mesh().set_node_hooks({.inserted = [&](Cell&, auto) {
-                                    if (is_here && ++nb_calls == 5) throw 17;
-                                  },
+      part.mesh().set_node_hooks({.inserted =
+                                      [&](Cell&, auto) {
+                                        if (is_here && ++nb_calls == 5) throw 17;
+                                      },
                                   .removing = {}});
     }
     const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
@@ -197,10 +198,11 @@ void run_fault(int culprit) {
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
-    for (const std::string& later : {error_of([&] { part.resolve(size); }),
-                                     error_of([&] { part.exchange(); }),
-                                     error_of([&] { part.rebalance(); })}) {
-      expect(later.find("make another Partition") != std::string::npos, "told to be unusable", kind);
+    for (const std::string& later :
+         {error_of([&] { part.resolve(size); }), error_of([&] { part.exchange(); }),
+          error_of([&] { part.rebalance(); })}) {
+      expect(later.find("make another Partition") != std::string::npos, "told to be unusable",
+             kind);
     }
   }
 }

@@ -3,8 +3,6 @@
 // Several threads take the list piece by piece. Where a piece ends is found by walking it, which
 // brings its nodes into the cache of the thread that will work on them.
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "velmar_2D/derivatives/derivatives.hpp"
 
@@ -88,27 +86,6 @@ void compute_pieces(const State& state, Pieces& pieces) noexcept {
   }
 }
 
-/// Works in other threads while this scope lasts.
-class Helpers {
- public:
-  Helpers(const State& state, Pieces& pieces, std::int32_t number) {
-    try {
-      threads_.reserve(static_cast<std::size_t>(number));
-      while (number-- > 0) threads_.emplace_back([&] { compute_pieces(state, pieces); });
-    } catch (const std::system_error&) {  // those that there are will do
-    } catch (const std::bad_alloc&) {
-    }
-  }
-  Helpers(const Helpers&) = delete;
-  Helpers& operator=(const Helpers&) = delete;
-  ~Helpers() {
-    for (std::thread& thread : threads_) thread.join();
-  }
-
- private:
-  std::vector<std::thread> threads_;
-};
-
 }  // namespace
 
 void compute_data_at_all_nodes(State& state, int threads) {
@@ -120,8 +97,9 @@ void compute_data_at_all_nodes(State& state, int threads) {
   }
   Pieces pieces(state);
   {
-    const Helpers helpers(state, pieces, threads - 1);
-    compute_pieces(state, pieces);
+    const auto work = [&] { compute_pieces(state, pieces); };
+    const Helpers helpers(static_cast<std::size_t>(threads - 1), work);
+    work();
   }
   // Whose turn it is to fail, and how, is that of the first node that does.
   if (pieces.failed()) compute_by_one_thread(state);

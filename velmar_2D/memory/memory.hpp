@@ -93,7 +93,7 @@ class TraversalHistory {
   /// @param come   nodes that have entered their stretches at the head, in this order
   /// @param gone   nodes that have left
   void follow(std::span<const Entry> heads, std::span<Cell* const> come,
-              std::span<const Entry> gone);
+              std::span<const Entry> gone, ProgressTeller& progress);
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 
@@ -245,10 +245,10 @@ class Walk {
 
   bool reads_links(const Cell& c) const { return direction_ > 0 && c.reserve != 4; }
   static std::uintptr_t address_of(const Cell* c) { return reinterpret_cast<std::uintptr_t>(c); }
-  static void prefetch_at(std::uintptr_t address) {
+  VELMAR_2D_ALWAYS_INLINE static void prefetch_at(std::uintptr_t address) {
     prefetch(reinterpret_cast<const void*>(address));
   }
-  static void prefetch_neighbours(const Cell& c) {
+  VELMAR_2D_ALWAYS_INLINE static void prefetch_neighbours(const Cell& c) {
     for (int d = 0; d < nb_directions; ++d) {
       const Cell* neighbour = link(c, d).cell();
       if (neighbour == nullptr) continue;
@@ -258,7 +258,7 @@ class Walk {
   }
 
   /// The next node but a few comes into sight: its first line tells whether more of it is needed.
-  void advance_far(bool busy) {
+  VELMAR_2D_ALWAYS_INLINE void advance_far(bool busy) {
     if (far_ == nullptr) return;
     Cell* following = far_->*step_;
     if (following != nullptr) prefetch_after(*following, *far_);
@@ -269,14 +269,14 @@ class Walk {
     far_ = following;
   }
   /// The neighbours of a node that is about to be reached.
-  void advance_near(bool busy) {
+  VELMAR_2D_ALWAYS_INLINE void advance_near(bool busy) {
     if (near_ == nullptr || reads_ == Reads::list) return;
     near_ = near_->*step_;
     if (near_ != nullptr && (busy || reads_links(*near_))) prefetch_neighbours(*near_);
   }
   /// The far corner of a regular square, the first one that is tried. No link of the node leads
   /// there. The neighbours of this node have been prefetched a while ago, its own links before.
-  void advance_corner() {
+  VELMAR_2D_ALWAYS_INLINE void advance_corner() {
     if (corner_ == nullptr) return;
     const Cell& c = *corner_;
     corner_ = corner_->*step_;
@@ -288,7 +288,7 @@ class Walk {
 
   bool in_history(std::ptrdiff_t i) const { return i >= 0 && i < history_->size(); }
 
-  void prefetch_after(const Cell& c, const Cell& previous) {
+  VELMAR_2D_ALWAYS_INLINE void prefetch_after(const Cell& c, const Cell& previous) {
     std::uintptr_t ahead = 0;
     if (in_history(expected_) && (*history_)[expected_] == TraversalHistory::entry_of(&c)) {
       const std::ptrdiff_t i =
@@ -333,7 +333,7 @@ class StretchNodes {
   /// Lists all nodes of the split list, unless they are known. From then on none may leave the mesh
   /// but those whose entry is made none.
   void open(const std::vector<Handle>& level_end, const TraversalHistory& history,
-            std::uint64_t revision);
+            std::uint64_t revision, ProgressTeller& progress);
   bool is_open() const { return is_open_; }
   /// Notes a node that has just entered the head of its stretch: later it would have to be searched
   /// for in the memory. Needs: the arrays are open.
@@ -341,13 +341,13 @@ class StretchNodes {
   /// The nodes of a stretch, with those that have entered it since it was last asked for. The
   /// caller makes the entry of one that is removed none. Good until the next call.
   std::span<const Cell*> of_stretch(std::size_t stretch, Cell* last,
-                                    const TraversalHistory& history);
+                                    const TraversalHistory& history, ProgressTeller& progress);
   void close(std::uint64_t revision);
   /// Gives the memory back.
   void forget();
 
  private:
-  void list(std::size_t stretch, Cell* first, Walk& walk);
+  void list(std::size_t stretch, Cell* first, Walk& walk, ProgressTeller& progress);
 
   std::vector<std::vector<const Cell*>> stretches_;
   std::uint64_t revision_ = 0;  ///< of the mesh that the closed arrays are good for; 0: of none

@@ -46,7 +46,7 @@ void TraversalHistory::end_recording() {
 }
 
 void TraversalHistory::follow(std::span<const Entry> heads, std::span<Cell* const> come,
-                              std::span<const Entry> gone) {
+                              std::span<const Entry> gone, ProgressTeller& progress) {
   try {
     const Entries has_gone(gone);
     std::vector<std::vector<Entry>> come_to(heads.size());
@@ -61,6 +61,8 @@ void TraversalHistory::follow(std::span<const Entry> heads, std::span<Cell* cons
       while (above < heads.size() && heads[above] == 0) ++above;
       const Entry end = above < heads.size() ? heads[above] : 0;
       for (; next < entries_.size() && entries_[next] != end; ++next) {
+        constexpr std::size_t between_looks = 4096;
+        if (next % between_looks == 0) progress.look_aside();
         if (!has_gone.contains(entries_[next])) now.push_back(entries_[next]);
       }
     }

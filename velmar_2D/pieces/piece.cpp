@@ -32,7 +32,7 @@ PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t nx, std::
       own_(own),
       nx_(nx),
       ny_(ny),
-      wants_(state.domain, deepest_level, 0),
+      wants_(Lattice::of_few(state)),
       box_(box_of(own)) {
   find_sides_of_box();
 }
@@ -57,8 +57,8 @@ double PieceUpdate::distance_to_cut(const Cell& c) const {
 }
 
 // A node is linked to others up to the spacing of its level away, and those to others up to that of
-// theirs, which is at most twice as large. What others rest on, by however many steps, lies within four times that of
-// its ipos.
+// theirs, which is at most twice as large. What others rest on, by however many steps, lies within
+// four times that of its ipos.
 bool PieceUpdate::is_near(const Cell& c) const {
   const double spacing = state_.domain.dist_0 / exact_power_of_2(c.level / 2);
   const double resting = state_.domain.dist_0 / exact_power_of_2(std::max(c.ipos, 1) / 2);
@@ -161,7 +161,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   nb_asked_ = nb_noted_ = 0;
   first_new_id_ = state_.next_id;
   statistics_ = {};
-  reaches_cut_ = false;
+  reaches_cut_ = surplus_has_gone_ = false;
   if (state_.resolved_revision != state_.mesh_revision) {
     split_sublists(state_);
     const JoinAtEnd join_at_end(state_);
@@ -284,8 +284,7 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
     PieceUpdate& update;
     ~Scope() { update.nodes_by_place_.reset(); }
   } const scope{*this};
-  nodes_by_place_.emplace(state_.domain, deepest_level,
-                          places.size() + static_cast<std::size_t>(state_.nb_nodes));
+  nodes_by_place_ = Lattice::of_few(state_);
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
     nodes_by_place_->add({place_of(*c), c, c->ipos});
   }
@@ -301,14 +300,20 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
 }
 
 void PieceUpdate::forget_wants() {
-  wants_ = Lattice(state_.domain, deepest_level, 0);
+  wants_ = Lattice::of_few(state_);
   new_wants_.clear();
 }
 
+// Each ghost that is no surplus here has an own node that wants it or rests on it, if only by way
+// of other ghosts.
 void PieceUpdate::find_needs() {
   forget_wants();
-  if (!near_is_current_) find_near();
-  for (const Cell* c : near_) want_rings_beyond(*c, wanted_level(*c));
+  if (!surplus_has_gone_) {
+    remove_surplus([this](const Cell& c) { return !owns(c); });
+  }
+  for (const Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (c->ipos > 0 && !owns(*c)) new_wants_.push_back(place_of(*c));
+  }
 }
 
 bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
@@ -337,6 +342,14 @@ void PieceUpdate::forget_newcomers(const std::unordered_set<const Cell*>& gone) 
 }
 
 void PieceUpdate::release() {
+  remove_surplus([](const Cell&) { return true; });
+  surplus_has_gone_ = true;
+  state_.surplus_has_gone = false;
+}
+
+/// Of nodes that may go.
+template <typename MayGo>
+void PieceUpdate::remove_surplus(const MayGo& may_go) {
   for (Cell* c : std::exchange(held_ghosts_, {})) {
     c->wanted_level &= static_cast<std::uint8_t>(~is_held);
   }
@@ -347,7 +360,7 @@ void PieceUpdate::release() {
   state_.history.begin_recording(state_.nb_nodes);
   for (std::size_t l = state_.level_end.size(); l-- > 0;) {
     for (Cell& c : walk(state_.level_end[l].next)) {
-      const bool removing = is_surplus(c);
+      const bool removing = is_surplus(c) && may_go(c);
       walk.changes_mesh_here(removing);
       if (!removing) continue;
       if (owns(c)) ++statistics_.removed;
@@ -361,7 +374,6 @@ void PieceUpdate::release() {
   near_is_current_ = false;
   forget_newcomers(gone);
   state_.resolved_revision = state_.mesh_revision;
-  state_.surplus_has_gone = false;
 }
 
 // A node of level l is linked to none beyond the spacing of that level.

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 
@@ -60,6 +60,8 @@ class PieceUpdate {
  private:
   class Insertion;
   void forget_wants();
+  template <typename MayGo>
+  void remove_surplus(const MayGo& may_go);
   Box box_of(const Window& window) const;
   void find_sides_of_box();
   void find_near();
@@ -78,7 +80,8 @@ class PieceUpdate {
   std::int32_t nx_, ny_;
   Lattice wants_;  ///< places of others, with all that they rest on there
   Box box_;
-  double west_ = 0.0, east_ = 0.0, south_ = 0.0, north_ = 0.0;  ///< a little before the box; infinite where the whole ends
+  double west_ = 0.0, east_ = 0.0, south_ = 0.0,
+         north_ = 0.0;  ///< a little before the box; infinite where the whole ends
   size_function size_;
   batch_size_function sizes_;
   Resolution resolution_;
@@ -94,7 +97,7 @@ class PieceUpdate {
   std::size_t nb_asked_ = 0, nb_noted_ = 0;    ///< of those, and of the newcomers
   init_data_function init_data_;
   UpdateStatistics statistics_;
-  bool reaches_cut_ = false;
+  bool reaches_cut_ = false, surplus_has_gone_ = false;
 };
 
 }  // namespace velmar_2d::detail

@@ -8,12 +8,12 @@
 // The mesh is the smallest set of positions that holds the grid and, with each member p, the rings
 // around it from its own ipos up to the wanted level. That is a closure: the order of the steps
 // within 2 and within 3 does not matter to the positions.
+#include "velmar_2D/resolve/resolve.hpp"
+
 #include <cmath>
 #include <limits>
 #include <new>
 #include <optional>
-
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
 
@@ -89,6 +89,7 @@ class Resolver {
     Walk walk = Walk::to_refine(state_.history);
     for_all_nodes(walk, sizes, [&](Cell& c, double size) {
       c.wanted_level = static_cast<std::uint8_t>(wants_.of(c, size, 0).kept);
+      state_.progress.step();
       return false;
     });
     release_everywhere();
@@ -120,7 +121,7 @@ class Resolver {
   }
 
   /// A few nodes before it is asked.
-  void prefetch_newcomer(std::size_t i) const {
+  VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
     if (i + ahead >= nodes_.size()) return;
     const auto* c = reinterpret_cast<const std::byte*>(nodes_[i + ahead]);
@@ -130,7 +131,7 @@ class Resolver {
 
   void list_nodes() {
     auto i = static_cast<std::size_t>(state_.nb_nodes);
-    nodes_.resize(i);
+    state_.progress.resize<Cell*>(nodes_, i);
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
       for (Cell& c : walk(state_.level_end[l].next)) {
@@ -150,12 +151,13 @@ class Resolver {
     const std::size_t n = generation_end_ - begin;
     std::span<double> sizes;
     try {
-      sizes_.resize(n);
+      sizes_.clear();
+      state_.progress.resize(sizes_, n, std::numeric_limits<double>::quiet_NaN());
       sizes = sizes_;
     } catch (const std::bad_alloc&) {
       sizes = std::span(few_sizes_).first(std::min(n, few_sizes_.size()));
+      std::fill(sizes.begin(), sizes.end(), std::numeric_limits<double>::quiet_NaN());
     }
-    std::fill(sizes.begin(), sizes.end(), std::numeric_limits<double>::quiet_NaN());
     size_fun(std::span<Cell* const>(nodes_).subspan(begin, sizes.size()), sizes);
     state_.update_statistics.visited += static_cast<std::int64_t>(sizes.size());
     return sizes;
@@ -238,7 +240,8 @@ class Resolver {
     }
     const std::span<Cell* const> come = std::span(nodes_).subspan(nb_listed_);
     if (come.empty() && gone_.empty()) return;
-    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_);
+    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_,
+                          state_.progress);
   }
 
   /// Stretches downwards. Returns whether a node went.
@@ -264,8 +267,10 @@ class Resolver {
 
   /// Where wants have fallen, and on from there. All others are needed as before.
   void release_around_fallen() {
+    state_.progress.begin("coarsening", static_cast<std::int64_t>(fallen_.size()));
     for (const Cell* fallen : fallen_) {
       const Cell& p = *fallen;
+      state_.progress.step();
       for (int d = 0; d < nb_directions; ++d) {
         Cell* linked = link(p, d).cell();
         if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
@@ -274,6 +279,7 @@ class Resolver {
     std::size_t next = 0;  // removals make more
     while (next < surplus_.size()) {
       Cell& c = *surplus_[next++];
+      state_.progress.step();
       std::array<Cell*, 4> parents{};
       for (int d = c.ipos % 2; d < nb_directions; d += 2) {
         parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();
