@@ -4,6 +4,7 @@
 // some lie in the boxes of others: they, and what they rest on, are wanted there. The others make
 // them exist as if one of their own nodes wanted them, which may bring nodes that want more; until
 // nothing is new. Then each piece has exactly the nodes that one mesh would have in its box.
+#include <bit>
 #include <cmath>
 
 #include "velmar_2D/find/find.hpp"
@@ -20,6 +21,27 @@ VELMAR_2D_ALWAYS_INLINE void prefetch_node(const Cell* c) {
   prefetch(bytes);
   prefetch(bytes + cache_line);
 }
+
+/// Addresses of a few nodes, among which many are looked up.
+class AddressSet {
+ public:
+  explicit AddressSet(std::span<const Cell* const> nodes)
+      : slots_(std::bit_ceil(8 * nodes.size() + 1), nullptr) {
+    for (const Cell* c : nodes) slots_[slot_of(c)] = c;
+  }
+  bool contains(const Cell* c) const { return slots_[slot_of(c)] == c; }
+
+ private:
+  std::size_t slot_of(const Cell* c) const {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(c));
+    std::size_t slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
+    for (;; ++slot) {
+      slot &= slots_.size() - 1;
+      if (slots_[slot] == nullptr || slots_[slot] == c) return slot;
+    }
+  }
+  std::vector<const Cell*> slots_;
+};
 
 }  // namespace
 
@@ -63,35 +85,70 @@ bool PieceUpdate::is_near(const Cell& c) const {
   return distance_to_cut(c) <= 4.0 * widest;
 }
 
-// Old nodes come in the order of the list before.
-void PieceUpdate::list_nodes() {
-  const std::vector<Cell*> before = std::exchange(listed_, {});
-  listed_.reserve(static_cast<std::size_t>(state_.nb_nodes));
+void PieceUpdate::list(Cell& c, bool is_near_cut) {
+  if (is_near_cut) {
+    near_.push_back(&c);
+    near_rows_.push_back(own_nodes_.size());
+  }
+  own_nodes_.push_back(&c);
+}
+
+void PieceUpdate::list_all() {
   own_nodes_.clear();
   ghosts_.clear();
   near_.clear();
   near_rows_.clear();
-  std::size_t k = 0;
+  first_rows_.clear();
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    if (c->id < listed_id_end_) {
-      while (k < before.size() && before[k] != c) ++k;
-      if (k + ahead < before.size()) prefetch(before[k + ahead]);
-    }
-    listed_.push_back(c);
     if (!owns(*c)) {
       ghosts_.push_back(c);
       continue;
     }
-    if (is_near(*c)) {
-      near_.push_back(c);
-      near_rows_.push_back(own_nodes_.size());
-    }
-    own_nodes_.push_back(c);
+    first_rows_.resize(static_cast<std::size_t>(c->ipos) + 1, own_nodes_.size());
+    list(*c, is_near(*c));
   }
+}
+
+// A node that comes is the first of its stretch, and the others keep their order: so the list is
+// known without a look at the nodes that stay.
+void PieceUpdate::list_changes() {
+  const AddressSet gone(gone_own_);
+  std::vector<Cell*>& before = own_nodes_before_;
+  before.swap(own_nodes_);
+  own_nodes_.clear();
+  own_nodes_.reserve(before.size() + newcomers_.size());
+  const std::vector<std::size_t> near_rows_before = std::exchange(near_rows_, {});
+  near_.clear();
+  std::vector<std::vector<Cell*>> come(state_.level_end.size());
+  for (Cell* c : newcomers_) {
+    if (owns(*c)) come[static_cast<std::size_t>(c->ipos)].push_back(c);
+  }
+  std::size_t row = 0, near = 0;
+  std::vector<std::size_t> first_rows;
+  for (std::size_t l = 0; l < come.size(); ++l) {
+    first_rows.push_back(own_nodes_.size());
+    for (std::size_t i = come[l].size(); i-- > 0;) list(*come[l][i], is_near(*come[l][i]));
+    const std::size_t end = l + 1 < first_rows_.size() ? first_rows_[l + 1] : before.size();
+    for (; row < end; ++row) {
+      const bool is_near_cut = near < near_rows_before.size() && near_rows_before[near] == row;
+      near += is_near_cut ? 1 : 0;
+      if (!gone.contains(before[row])) list(*before[row], is_near_cut);
+    }
+  }
+  first_rows_ = std::move(first_rows);
+}
+
+void PieceUpdate::list_nodes() {
+  if (knows_changes_) {
+    list_changes();
+  } else {
+    list_all();
+  }
+  gone_own_.clear();
   near_table_.reset();
   listed_revision_ = state_.mesh_revision;
-  listed_id_end_ = state_.next_id;
   is_listed_ = true;
+  knows_changes_ = false;
 }
 
 void PieceUpdate::list_if_changed() {
@@ -209,7 +266,9 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
     restore_rings(state_, resolution.most_nodes);
     knows_fallen_ = false;
   }
+  knows_changes_ = false;
   list_if_changed();
+  knows_changes_ = true;
   first_new_id_ = state_.next_id;
   held_ghosts_.clear();
   for (Cell* c : ghosts_) c->wanted_level = 0;
@@ -352,7 +411,7 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
   }
   note_newcomers();
   nb_told_ = newcomers_.size();
-  is_listed_ = false;
+  is_listed_ = knows_changes_ = false;
   state_.resolved_revision = state_.mesh_revision;
 }
 
@@ -439,7 +498,10 @@ void PieceUpdate::forget_gone() {
 
 /// What it rested on may be no more than surplus now.
 void PieceUpdate::remove(Cell& c) {
-  if (owns(c)) ++statistics_.removed;
+  if (owns(c)) {
+    ++statistics_.removed;
+    gone_own_.push_back(&c);
+  }
   for (int d = c.ipos % 2; d < nb_directions; d += 2) {
     Cell* parent = link(c, d).cell();
     if (parent != nullptr && parent->ipos > 0) freed_.push_back(parent);
@@ -511,6 +573,7 @@ std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) {
 }
 
 void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
+  if (!is_updating_ && !is_listed_) list_nodes();
   const Insertion insertion(*this);
   const std::size_t nb_before = newcomers_.size();
   Lattice known = Lattice::of_few(state_);

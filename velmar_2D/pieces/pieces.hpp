@@ -76,6 +76,9 @@ class PieceUpdate {
   Box box_of(const Window& window) const;
   void find_sides_of_box();
   double distance_to_cut(const Cell& c) const;
+  void list(Cell& c, bool is_near_cut);
+  void list_all();
+  void list_changes();
   void list_nodes();
   void list_if_changed();
   void tabulate_near();
@@ -101,13 +104,15 @@ class PieceUpdate {
   batch_size_function sizes_;
   Resolution resolution_;
   std::vector<Cell*> held_, held_ghosts_;
-  std::vector<Cell*> listed_;  ///< all, in the order of the list, as it was when it was listed
-  std::vector<Cell*> own_nodes_, ghosts_;
-  std::vector<Cell*> near_;             ///< own nodes that others may need, and some more
-  std::vector<std::size_t> near_rows_;  ///< where they stand among own_nodes_, as far as listed
-  std::optional<Lattice> near_table_;   ///< of near_, in its order, once it is asked for
+  std::vector<Cell*> own_nodes_, ghosts_;  ///< in the order of the list
+  std::vector<Cell*> own_nodes_before_;    ///< its memory is kept
+  std::vector<std::size_t> first_rows_;    ///< of each stretch, in own_nodes_
+  std::vector<Cell*> near_;                ///< own nodes that others may need, and some more
+  std::vector<std::size_t> near_rows_;     ///< where they stand among own_nodes_, as far as listed
+  std::optional<Lattice> near_table_;      ///< of near_, in its order, once it is asked for
   bool is_listed_ = false, is_updating_ = false;
-  std::int64_t listed_id_end_ = 0;  ///< of those in listed_
+  bool knows_changes_ = false;  ///< since they were listed: the newcomers, and those that have gone
+  std::vector<const Cell*> gone_own_;
   std::uint64_t listed_revision_ = 0;
   std::vector<const Cell*> fallen_;  ///< own nodes that want less than before
   std::vector<Cell*> freed_;         ///< that may be surplus, besides those around the fallen
