@@ -25,6 +25,10 @@ if(TARGET velmar_2d_numerics)
   velmar_2d_install_library(velmar_2d_numerics velmar_2d_numericsTargets numerics)
 endif()
 
+if(VELMAR_2D_BUILD_MPI)
+  velmar_2d_install_library(velmar_2d_mpi velmar_2d_mpiTargets mpi)
+endif()
+
 configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake
   INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(velmar_2dConfigVersion.cmake COMPATIBILITY SameMinorVersion)
