@@ -22,6 +22,10 @@ if(TARGET velmar_2d_hdf5)
   velmar_2d_install_library(velmar_2d_hdf5 velmar_2d_hdf5Targets hdf5)
 endif()
 
+if(VELMAR_2D_BUILD_MPI)
+  velmar_2d_install_library(velmar_2d_mpi velmar_2d_mpiTargets mpi)
+endif()
+
 configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake
   INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(velmar_2dConfigVersion.cmake COMPATIBILITY SameMinorVersion)

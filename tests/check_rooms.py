@@ -10,7 +10,7 @@ import re
 import sys
 
 ROOMS = ["base", "memory", "mesh", "cells", "arrays", "derivatives", "find", "adapt",
-         "resolve", "check"]
+         "resolve", "pieces", "check"]
 BELOW_ALL = {"velmar_2D/records.hpp"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 

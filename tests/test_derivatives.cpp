@@ -269,8 +269,10 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
       if (n < 6) {
         detail::extract_ids(c, list);
         detail::extract_neighbors_neighbors(c, candidates, n_candidates);
+        work.order =
+            c->id % 2 == 0 ? detail::CandidateOrder::by_age : detail::CandidateOrder::by_place;
         detail::order_candidates(work, list, n, candidates, n_candidates);
-        const Cell* first = detail::first_candidate(c);
+        const Cell* first = detail::first_candidate(c, work.order);
         ASSERT_TRUE(first != nullptr && n_candidates >= 2) << where;
         ASSERT_EQ(first->id, detail::id_of(candidates.id[0])) << where;
         for (int i = 0; n < 6; ++i) detail::copy_row(list, n++, candidates, i);

@@ -59,10 +59,14 @@ TEST(CandidateOrder, ByBlocksIsThatOfRepeatedSelection) {
   std::mt19937 random(5);
   std::uniform_int_distribution<int> length(0, 40), id(1, 45), place(-3, 3);
   for (int trial = 0; trial < 3000; ++trial) {
+    work.order = trial % 2 == 0 ? detail::CandidateOrder::by_age : detail::CandidateOrder::by_place;
     Candidates list{};
     int n_list = 0;
     for (int left = length(random); left > 0; --left) {
-      add_row(list, n_list, id(random), place(random), place(random));
+      const int number = id(random);
+      const bool by_place = work.order == detail::CandidateOrder::by_place;
+      add_row(list, n_list, number, by_place ? number % 7 - 3 : place(random),
+              by_place ? number / 7 - 3 : place(random));
     }
     Stencil stencil{};
     for (int i = 0; i < 4; ++i) {

@@ -19,37 +19,6 @@ using detail::State;
   throw Error("(velmar_2D/Mesh:) ERROR: " + text);
 }
 
-/// Number of nodes along y.
-std::int32_t rows_of(const Rectangle& r, const Grid& grid) {
-  if (grid.nx < 2 || grid.ny < 0 || grid.ny == 1) {
-    refuse("nx and ny must be at least 2, not " + std::to_string(grid.nx) + " and " +
-           std::to_string(grid.ny));
-  }
-  const double width = r.x_max - r.x_min, height = r.y_max - r.y_min;
-  if (!(width > 0.0 && height > 0.0 && std::isfinite(width) && std::isfinite(height))) {
-    refuse("the rectangle from (" + detail::to_text(r.x_min) + ", " + detail::to_text(r.y_min) +
-           ") to (" + detail::to_text(r.x_max) + ", " + detail::to_text(r.y_max) +
-           ") must have a width and a height above 0");
-  }
-  const double square = width / (grid.nx - 1);
-  const double squares = grid.ny > 0 ? grid.ny - 1 : std::max(1.0, std::round(height / square));
-  // Far from the origin width and height carry the rounding of the coordinates.
-  const double rounding =
-      std::numeric_limits<double>::epsilon() *
-      (std::max(std::abs(r.x_min), std::abs(r.x_max)) * squares / (grid.nx - 1) +
-       std::max(std::abs(r.y_min), std::abs(r.y_max)));
-  if (std::abs(height - squares * square) > detail::height_tolerance * height + rounding) {
-    refuse("the height " + detail::to_text(height) + " is not " +
-           (grid.ny > 0 ? std::to_string(grid.ny - 1) + " squares" : "a whole number of squares") +
-           " of width " + detail::to_text(square) + "; " + detail::to_text(squares * square) +
-           " would be");
-  }
-  if (squares + 1.0 > std::numeric_limits<std::int32_t>::max()) {
-    refuse("the grid has too many nodes along y");
-  }
-  return static_cast<std::int32_t>(squares) + 1;
-}
-
 void set_rectangle(State& state, const Rectangle& r) {
   const std::array<double, 4> sides = {r.y_max, r.x_max, r.y_min, r.x_min};
   for (std::size_t side = 0; side < sides.size(); ++side) {
@@ -105,6 +74,36 @@ NodeRange<Node> nodes_of_level(const State& state, std::int32_t level) {
 
 }  // namespace
 
+std::int32_t rows_of(const Rectangle& r, const Grid& grid) {
+  if (grid.nx < 2 || grid.ny < 0 || grid.ny == 1) {
+    refuse("nx and ny must be at least 2, not " + std::to_string(grid.nx) + " and " +
+           std::to_string(grid.ny));
+  }
+  const double width = r.x_max - r.x_min, height = r.y_max - r.y_min;
+  if (!(width > 0.0 && height > 0.0 && std::isfinite(width) && std::isfinite(height))) {
+    refuse("the rectangle from (" + detail::to_text(r.x_min) + ", " + detail::to_text(r.y_min) +
+           ") to (" + detail::to_text(r.x_max) + ", " + detail::to_text(r.y_max) +
+           ") must have a width and a height above 0");
+  }
+  const double square = width / (grid.nx - 1);
+  const double squares = grid.ny > 0 ? grid.ny - 1 : std::max(1.0, std::round(height / square));
+  // Far from the origin width and height carry the rounding of the coordinates.
+  const double rounding =
+      std::numeric_limits<double>::epsilon() *
+      (std::max(std::abs(r.x_min), std::abs(r.x_max)) * squares / (grid.nx - 1) +
+       std::max(std::abs(r.y_min), std::abs(r.y_max)));
+  if (std::abs(height - squares * square) > detail::height_tolerance * height + rounding) {
+    refuse("the height " + detail::to_text(height) + " is not " +
+           (grid.ny > 0 ? std::to_string(grid.ny - 1) + " squares" : "a whole number of squares") +
+           " of width " + detail::to_text(square) + "; " + detail::to_text(squares * square) +
+           " would be");
+  }
+  if (squares + 1.0 > std::numeric_limits<std::int32_t>::max()) {
+    refuse("the grid has too many nodes along y");
+  }
+  return static_cast<std::int32_t>(squares) + 1;
+}
+
 bc_type_function same_kind(std::int32_t kind) {
   return [kind](double, double, std::string_view) { return kind; };
 }
@@ -139,7 +138,9 @@ State& Mesh::state() const {
 // Making and adapting
 // ---------------------------------------------------------------------------------------------
 
-Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
+Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : Mesh(rectangle, grid, nullptr) {}
+
+Mesh::Mesh(const Rectangle& rectangle, const Grid& grid, const Window* window) : state_(new State) {
   State& made = *state_;
   made.handlers.defaults = &detail::default_state().handlers;
   const std::int32_t ny = rows_of(rectangle, grid);
@@ -149,7 +150,7 @@ Mesh::Mesh(const Rectangle& rectangle, const Grid& grid) : state_(new State) {
   double upper_y = 0.0;
   const detail::MeshChange change(made, "Mesh", false);
   detail::init_mesh(made, grid.bc_type ? grid.bc_type : same_kind(bc_type_dir), grid.nx, ny,
-                    grid.subdiv_max, upper_y);
+                    grid.subdiv_max, upper_y, window);
 }
 
 UpdateStatistics Mesh::update(const size_function& size) {

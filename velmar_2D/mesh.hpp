@@ -65,6 +65,9 @@ struct Grid {
   bc_type_function bc_type = {};  ///< kinds of the sides; empty: Dirichlet everywhere
 };
 
+/// Number of nodes along y that a grid has over a rectangle. Throws Error as Mesh() does.
+VELMAR_2D_API std::int32_t rows_of(const Rectangle& rectangle, const Grid& grid);
+
 /// The same kind of condition on every side: bc_type_dir, bc_type_neu or bc_type_oth.
 VELMAR_2D_API bc_type_function same_kind(std::int32_t kind);
 /// One kind for each side.
@@ -371,12 +374,14 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   void set_pause_handler(text_function handler);
 
  private:
+  friend class Piece;
   friend Mesh& default_mesh();
   friend struct detail::SnapshotAccess;
   friend class MeshArrays;
   friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
   friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}
+  Mesh(const Rectangle& rectangle, const Grid& grid, const Window* window);
   detail::State& state() const;
 
   std::unique_ptr<detail::State, detail::StateDeleter> state_;  ///< none once it was moved away

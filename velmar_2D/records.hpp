@@ -97,6 +97,7 @@ constexpr Direction opposite(Direction d) {
 inline constexpr std::int32_t bc_type_dir = 0;  ///< Dirichlet
 inline constexpr std::int32_t bc_type_neu = 1;  ///< Neumann
 inline constexpr std::int32_t bc_type_oth = 2;  ///< anything else
+inline constexpr std::int32_t bc_type_cut = 3;  ///< no side: a window of a larger mesh ends here
 
 /// Natural logarithm of 2.
 inline constexpr double log_of_2 = 0.6931471805599453;
@@ -373,6 +374,12 @@ enum class Transfer : std::int32_t {
   /// goes held is left to its neighbours, by the parts of its cell that become theirs, such that
   /// their values change least and none leaves the range of those around it.
   conservative
+};
+
+/// A part of the grid of a larger mesh: from one grid line to another, both included, counted from
+/// the lower left corner.
+struct Window {
+  std::int32_t west = 0, east = 0, south = 0, north = 0;
 };
 
 /// Called for single nodes while a mesh changes, whatever changes it. They may write the data

@@ -218,6 +218,7 @@ Domain domain_of(const Snapshot& s) {
   domain.x_max = s.x_max;
   domain.y_min = s.y_min;
   domain.y_max = s.y_max;
+  domain.frame = {s.x_min, s.y_min, s.x_max, s.y_max};
   domain.dist_0 = s.dist_0;
   domain.largest_coordinate =
       std::max({std::abs(s.x_min), std::abs(s.x_max), std::abs(s.y_min), std::abs(s.y_max)});
@@ -452,6 +453,9 @@ Snapshot take_snapshot(const Mesh& mesh) {
   const State& state = SnapshotAccess::state_of(mesh);
   require(state.nb_nodes > 0, "there is no mesh");
   require_idle(state);
+  const auto is_cut = [](const auto& records) { return records[bc_type_cut] != nullptr; };
+  require(std::none_of(state.side_records.begin(), state.side_records.end(), is_cut),
+          "it is the window of a process only, not a mesh");
   Snapshot s;
   const Domain& domain = state.domain;
   s.x_min = domain.x_min;

@@ -60,8 +60,8 @@ Cell& insert_by_level(State& state, const Vertex& v) {
 Cell& new_cell_at(State& state, const Site& site) {
   const std::int32_t ipos = site.ipos >= 0
                                 ? site.ipos
-                                : true_ipos(state.domain, site.x - state.domain.x_min,
-                                            site.y - state.domain.y_min, state.level_max);
+                                : true_ipos(state.domain, site.x - state.domain.frame.x_min,
+                                            site.y - state.domain.frame.y_min, state.level_max);
   if (ipos < 0 || ipos > highest_stretch(state)) {
     fatal(state.handlers,
           "(Velmar_2D:) insert_node: ERROR\n"
@@ -138,7 +138,7 @@ void set_data(const State& state, const Site& site, Cell& c, double first_value,
     }
   }
   if (state.hooks.inserted) state.hooks.inserted(c, parents);
-  if (state.n_cell_data <= 0) return;
+  if (state.n_cell_data <= 0 || state.derives_later) return;
   Workspace work;
   compute_data_at_node(state, work, &c);
 }

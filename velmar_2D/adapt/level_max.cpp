@@ -70,7 +70,8 @@ void fill_holes_above(State& state, std::int32_t limit) {
       for (std::int32_t i = 0; i < n; ++i) {
         const Vertex& v = proposals[static_cast<std::size_t>(i)];
         if (v.level > state.level_max) continue;
-        if (true_ipos(domain, v.x - domain.x_min, v.y - domain.y_min, state.level_max) > l)
+        if (true_ipos(domain, v.x - domain.frame.x_min, v.y - domain.frame.y_min, state.level_max) >
+            l)
           continue;
         insert_by_level(state, v);
       }

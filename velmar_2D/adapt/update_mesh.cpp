@@ -44,6 +44,7 @@ namespace {
 template <typename SizeFunction>
 void update_with_init(State& state, const SizeFunction& size_fun, init_data_function& init_data) {
   begin_with_init(state, "update_mesh", static_cast<bool>(size_fun), init_data);
+  state.candidate_order = CandidateOrder::by_age;
   compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }
@@ -51,6 +52,7 @@ void update_with_init(State& state, const SizeFunction& size_fun, init_data_func
 template <typename SizeFunction>
 void update_with_interpolation(State& state, const SizeFunction& size_fun) {
   begin_with_interpolation(state, "update_mesh", static_cast<bool>(size_fun));
+  state.candidate_order = CandidateOrder::by_age;
   if (state.n_cell_data > 0) compute_data_at_all_nodes(state, 1);
   update_mesh_body(state, size_fun);
 }

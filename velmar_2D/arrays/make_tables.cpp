@@ -20,10 +20,12 @@ constexpr Numbers codes = [] {
   return all;
 }();
 
-/// Links of a whole mesh lead to sides in straight directions only, and there to their records.
+/// Links of a whole mesh lead to sides in straight directions only, and there to their records. A
+/// cut is no side.
 const std::int32_t* place_of_side(const State& state, const Boundary* record, int direction) {
   if (direction % 2 != 0) return codes.data();
   const auto& records = state.side_records[static_cast<std::size_t>(direction / 2)];
+  if (record == records[bc_type_cut]) return codes.data();
   std::int32_t kind = bc_type_dir;
   while (kind <= bc_type_oth && records[static_cast<std::size_t>(kind)] != record) ++kind;
   if (kind > bc_type_oth) kind = std::clamp(record->bc_type, bc_type_dir, bc_type_oth);

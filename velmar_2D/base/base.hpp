@@ -307,12 +307,18 @@ constexpr double exact_power_of_2(int exponent) {
   return std::bit_cast<double>(static_cast<std::uint64_t>(1023 + exponent) << 52);
 }
 
+/// The rectangle whose sides positions are told from.
+struct Frame {
+  double x_min = 0.0, y_min = 0.0, x_max = 0.0, y_max = 0.0;
+};
+
 /// The rectangle of a mesh, and what follows from it.
 struct Domain {
   double x_min = 0.0, y_min = 0.0;  ///< lower left corner
   double dist_0 = 0.0;              ///< spacing of the grid of level 0
   double x_max = 0.0, y_max = 0.0;
-  /// Largest absolute coordinate of the four sides: decides how well a position can be told.
+  Frame frame;  ///< the rectangle itself, or the larger one that it is a window of
+  /// Largest absolute coordinate of the frame: decides how well a position can be told.
   double largest_coordinate = 0.0;
   /// No link is longer than this along x or y: the spacing of level 0, as long as all its nodes are
   /// there.

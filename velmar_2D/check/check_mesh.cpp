@@ -233,7 +233,7 @@ Place nearest_place(const Domain& domain, const Cell& c, double scale) {
     const double nearest = std::nearbyint(offset / domain.dist_0 * scale);
     return std::abs(nearest) < largest_index ? static_cast<std::int64_t>(nearest) : 0;
   };
-  Place place{index(c.x - domain.x_min), index(c.y - domain.y_min)};
+  Place place{index(c.x - domain.frame.x_min), index(c.y - domain.frame.y_min)};
   place.key = PlaceTable::spread(static_cast<std::uint64_t>(place.column) * 0xd6e8feb86659fd93 +
                                  static_cast<std::uint64_t>(place.row) * 2 +
                                  static_cast<std::uint64_t>(c.ipos));
@@ -244,8 +244,9 @@ void check_position(Check& check, const Cell& c, const Place& place, double scal
   const double step = check.state.domain.dist_0 / scale,
                margin = check.tolerance * check.state.domain.dist_0;
   if (c.ipos < 0) return;
-  const double off_x = c.x - check.state.domain.x_min - static_cast<double>(place.column) * step;
-  const double off_y = c.y - check.state.domain.y_min - static_cast<double>(place.row) * step;
+  const double off_x =
+      c.x - check.state.domain.frame.x_min - static_cast<double>(place.column) * step;
+  const double off_y = c.y - check.state.domain.frame.y_min - static_cast<double>(place.row) * step;
   if (!(std::abs(off_x) <= margin && std::abs(off_y) <= margin)) {
     check.report("position", "the node does not lie on the lattice of its ipos", &c);
     return;

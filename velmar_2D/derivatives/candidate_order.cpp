@@ -18,7 +18,31 @@ namespace velmar_2d::detail {
 
 namespace {
 
+void take_rows(Workspace& work, Candidates& list, int& n_list, std::span<const int> rows) {
+  Candidates& sorted = work.sorted;
+  n_list = 0;
+  for (const int row : rows) copy_row(sorted, n_list++, list, row);
+  for (int row = 0; row < n_list; ++row) copy_row(list, row, sorted, row);
+}
+
 /// unique_in_list() by an insertion sort.
+void sort_by_place(Workspace& work, Candidates& list, int& n_list) {
+  std::array<int, Candidates::capacity> rows;
+  int n_unique = 0;
+  for (int row = 0; row < n_list; ++row) {
+    auto place = rows.begin() + n_unique;
+    while (place != rows.begin() && comes_first(CandidateOrder::by_place, list, row, place[-1])) {
+      --place;
+    }
+    if (place != rows.begin() && !comes_first(CandidateOrder::by_place, list, place[-1], row)) {
+      continue;
+    }
+    std::move_backward(place, rows.begin() + n_unique, rows.begin() + n_unique + 1);
+    *place = row;
+    ++n_unique;
+  }
+  take_rows(work, list, n_list, std::span(rows).first(static_cast<std::size_t>(n_unique)));
+}
 void sort_by_id(Workspace& work, Candidates& list, int& n_list) {
   // Insertion sort of the row numbers; an id that is there already is dropped, so that its first
   // row stays.
@@ -36,13 +60,7 @@ void sort_by_id(Workspace& work, Candidates& list, int& n_list) {
     rows[static_cast<std::size_t>(place)] = row;
     ++n_unique;
   }
-
-  Candidates& sorted = work.sorted;
-  for (int row = 0; row < n_unique; ++row) {
-    copy_row(sorted, row, list, rows[static_cast<std::size_t>(row)]);
-  }
-  for (int row = 0; row < n_unique; ++row) copy_row(list, row, sorted, row);
-  n_list = n_unique;
+  take_rows(work, list, n_list, std::span(rows).first(static_cast<std::size_t>(n_unique)));
 }
 
 /// unique_in_lists() by blocks.
@@ -78,7 +96,11 @@ void order_by_blocks(Workspace& work, const Stencil& list, int n_list, Candidate
 
 void order_candidates(Workspace& work, const Stencil& list, int n_list, Candidates& candidates,
                       int& n_candidates) {
-  sort_by_id(work, candidates, n_candidates);
+  if (work.order == CandidateOrder::by_place) {
+    sort_by_place(work, candidates, n_candidates);
+  } else {
+    sort_by_id(work, candidates, n_candidates);
+  }
   order_by_blocks(work, list, n_list, candidates, n_candidates);
 }
 

@@ -150,6 +150,7 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
   Stencil& list_1 = work.list_1;
   int n_list_1 = 0;
   Derivatives d;
+  work.order = state.candidate_order;
 
   // The node and its neighbours, and what closes a regular square or the squares at a side.
   append_row(list_1, n_list_1, *c);

@@ -52,7 +52,8 @@ struct Workspace {
     double work[linpack_order];
     double inverse_size;  ///< 1 / largest distance of a row from the node
   } centred;
-  FitOperator op;  ///< one that the mesh has no place for
+  FitOperator op;                                 ///< one that the mesh has no place for
+  CandidateOrder order = CandidateOrder::by_age;  ///< of candidates, as the mesh wants it
 
   /// Told of a failure instead of the mesh's own, which only the caller's thread may call.
   const Handlers* handlers = nullptr;
@@ -95,7 +96,20 @@ void extract_neighbors_neighbors(const Cell* c, Candidates& list, int& n_list);
 /// Ids are stored as doubles, as all columns are, and compared as integers.
 inline std::int64_t id_of(double id) { return static_cast<std::int64_t>(id); }
 
-/// Sorts by ascending id and keeps the first row of each id.
+/// Which of two candidates comes first where both are as near. As the nodes of the grid were made,
+/// from the south-east corner westwards and northwards, both orders agree.
+inline bool comes_first(CandidateOrder order, double id, double x, double y, double other_id,
+                        double other_x, double other_y) {
+  if (order == CandidateOrder::by_age) return id_of(id) < id_of(other_id);
+  return y != other_y ? y < other_y : x > other_x;
+}
+template <int nb_rows>
+bool comes_first(CandidateOrder order, const StencilTable<nb_rows>& list, int row, int other) {
+  return comes_first(order, list.id[row], list.x[row], list.y[row], list.id[other], list.x[other],
+                     list.y[other]);
+}
+
+/// Sorts by the order of candidates, ascending ids or places, and keeps the first row of each node.
 void unique_in_list(Workspace& work, Candidates& list, int& n_list);
 /// Drops the candidates that the stencil holds already and brings the others into the order in
 /// which they are tried: by repeated selection of the smallest distance, where the distances of the
@@ -257,9 +271,9 @@ void order_candidates(Workspace& work, const Stencil& list, int n_list, Candidat
                       int& n_candidates);
 
 /// The candidate that comes first in that order, of a node with at most five neighbours, whose
-/// neighbours' neighbours a table has room for: the nearest one, and of those the oldest. nullptr
-/// where there is none. Sorts and copies nothing (first_candidate.cpp).
-const Cell* first_candidate(const Cell* c);
+/// neighbours' neighbours a table has room for: the nearest one, and of those the first in order.
+/// nullptr where there is none. Sorts and copies nothing (first_candidate.cpp).
+const Cell* first_candidate(const Cell* c, CandidateOrder order = CandidateOrder::by_age);
 
 /// fit_hessian_centred() that mostly does without the estimate (proven_condition.cpp).
 void fit_hessian_centred_by_proof(const State& state, Workspace& work, const Cell* c,

@@ -79,7 +79,7 @@ bool fit_derivatives(const State& state, Workspace& work, const Cell* c, int n_l
     return true;
   }
   if (n_list_1 == 5) {
-    if (const Cell* candidate = first_candidate(c)) {
+    if (const Cell* candidate = first_candidate(c, work.order)) {
       append_row(work.list_1, n_list_1, *candidate);
       if (accepts(fit_if_certain, state, work, c, n_list_1, d)) return true;
       --n_list_1;
@@ -131,6 +131,7 @@ void find_derivatives(const State& state, Workspace& work, Cell* c, Derivatives&
 void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* dfdx,
                           double* dfdy) {
   Derivatives d;
+  work.order = state.candidate_order;
   find_derivatives(state, work, c, d);
   hand_back(state, c, d, dfdx, dfdy);
 }

@@ -71,7 +71,7 @@ void unique_in_list(Workspace& work, Candidates& list, int& n_list) {
   while (n_list > 0) {
     int smallest = 0;
     for (int row = 1; row < n_list; ++row) {
-      if (id_of(list.id[row]) < id_of(list.id[smallest])) smallest = row;
+      if (comes_first(work.order, list, row, smallest)) smallest = row;
     }
     if (n_sorted == 0 || id_of(sorted.id[n_sorted - 1]) != id_of(list.id[smallest])) {
       copy_row(sorted, n_sorted++, list, smallest);

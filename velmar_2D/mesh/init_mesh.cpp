@@ -107,18 +107,55 @@ struct GridInProgress {
   }
 };
 
+/// Where the lines of the grid lie, counted from the lower left corner of the frame.
+struct GridLines {
+  const Domain& domain;
+  std::int32_t nx;
+  double dy;
+
+  double x(std::int32_t column) const {
+    const Frame& frame = domain.frame;
+    return column == 0 ? frame.x_min : frame.x_max - (nx - 1 - column) * domain.dist_0;
+  }
+  double y(std::int32_t row) const { return domain.frame.y_min + row * dy; }
+};
+
+/// A window of the frame becomes the domain; where it ends inside, it has no sides but cuts.
+void open_window(State& state, const GridLines& lines, std::int32_t ny, const Window& window) {
+  if (window.west < 0 || window.east >= lines.nx || window.west >= window.east ||
+      window.south < 0 || window.north >= ny || window.south >= window.north) {
+    fatal(state.handlers,
+          "(velmar_2D/init_mesh:) ERROR: bad window\n"
+          "                       it must be at least one cell of the grid wide and high,\n"
+          "                       and lie within the grid !");
+  }
+  Domain& domain = state.domain;
+  const std::array<bool, 4> is_cut = {
+      window.north<ny - 1, window.east<lines.nx - 1, window.south> 0, window.west> 0};
+  if (is_cut[0]) domain.y_max = lines.y(window.north);
+  if (is_cut[1]) domain.x_max = lines.x(window.east);
+  if (is_cut[2]) domain.y_min = lines.y(window.south);
+  if (is_cut[3]) domain.x_min = lines.x(window.west);
+  for (std::size_t side = 0; side < is_cut.size(); ++side) {
+    state.own_side_records[side][bc_type_cut] = {0.0, bc_type_cut};
+    state.side_records[side][bc_type_cut] =
+        is_cut[side] ? &state.own_side_records[side][bc_type_cut] : nullptr;
+  }
+}
+
 /// Builds the grid row by row from the south-east corner westwards and northwards, so that the
 /// list, which grows at its head, runs from the north-west corner eastwards and southwards.
-void build_grid(State& state, std::int32_t nx, std::int32_t ny, double x_max, double dy) {
+void build_grid(State& state, const GridLines& lines, const Window& window) {
   GridInProgress grid(state);
+  const std::int32_t nx = window.east - window.west + 1, ny = window.north - window.south + 1;
   Cell* row_start = nullptr;  // eastmost node of the row below
   for (std::int32_t j = 1; j <= ny; ++j) {
     Cell* row_below = row_start;
     Cell* east_neighbour = nullptr;
     for (std::int32_t i = 1; i <= nx; ++i) {
       Cell* c = new_cell(state, 0);
-      c->x = i == nx ? state.domain.x_min : x_max - (i - 1) * state.domain.dist_0;
-      c->y = state.domain.y_min + (j - 1) * dy;
+      c->x = lines.x(window.east + 1 - i);
+      c->y = lines.y(window.south - 1 + j);
       c->next = state.mesh_beg;
       if (state.mesh_beg != nullptr) state.mesh_beg->prev = c;
       state.mesh_beg = c;
@@ -159,7 +196,7 @@ void check_number_of_nodes(const State& state, std::int32_t nx, std::int32_t ny)
 }  // namespace
 
 void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
-               std::int32_t subdiv_max, double& y_max) {
+               std::int32_t subdiv_max, double& y_max, const Window* window) {
   if (state.nb_nodes > 0) {
     if (state.lists_are_split()) join_sublists(state);
     fatal(state.handlers, "(velmar_2D/init_mesh:) ERROR: mesh should be empty!");
@@ -176,7 +213,11 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
           "(velmar_2D/init_mesh:) ERROR: bad arg 'nx' or 'ny'\n"
           "                       mesh must have at least four elements !");
   }
-  check_number_of_nodes(state, nx, ny);
+  const Window all{0, nx - 1, 0, ny - 1};
+  if (window == nullptr) {
+    check_number_of_nodes(state, nx, ny);
+    window = &all;
+  }
 
   Domain& domain = state.domain;
   domain.y_max = state.side_records[0][bc_type_dir]->c;
@@ -221,12 +262,15 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
   check_subdiv_max(state, "init_mesh", subdiv_max, domain.deepest_level);
   if (north_side_moves) move_north_side(state, y_max = domain.y_max);
   set_regular(domain);
+  domain.frame = {domain.x_min, domain.y_min, domain.x_max, domain.y_max};
+  const GridLines lines{domain, nx, dy};
+  open_window(state, lines, ny, *window);
 
   state.level_beg.clear();
   state.level_end.clear();
   make_level_arrays(state, state.level_max);
   state.mesh_beg = state.mesh_end = nullptr;
-  build_grid(state, nx, ny, domain.x_max, dy);
+  build_grid(state, lines, *window);
   state.level_beg[0].next = state.mesh_beg;
   state.level_end[0].next = state.mesh_end;
   state.level_range = {0, 0};

@@ -11,6 +11,7 @@ NeighbourLink side_link(const State& state, int direction, double x, double y) {
           "             ('bc_type_ptr' is not set)");
   }
   const auto side = static_cast<std::size_t>(direction / 2);
+  if (Boundary* cut = state.side_records[side][bc_type_cut]) return cut;
   const std::int32_t kind = state.bc_type_ptr(x, y, names[side]);
   if (kind < 0 || kind > 2) return nullptr;
   return state.side_records[side][static_cast<std::size_t>(kind)];

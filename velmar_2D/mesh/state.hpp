@@ -34,6 +34,10 @@ class GridNodes {
   std::vector<const Cell*> nodes_;  ///< row by row from the south-west
 };
 
+/// Which nodes derivatives prefer where several are as near: the oldest, or those farthest to the
+/// south, and of those to the east.
+enum class CandidateOrder { by_age, by_place };
+
 /// One mesh. Made and gone with it, so that forgetting is destruction.
 struct State {
   State();
@@ -51,9 +55,9 @@ struct State {
   std::uint64_t mesh_revision = 0;
 
   Domain domain;
-  /// Records by side (n, e, s, w) and kind.
-  std::array<std::array<Boundary*, 3>, 4> side_records{};
-  std::array<std::array<Boundary, 3>, 4> own_side_records{};  ///< of a mesh that is an object
+  /// Records by side (n, e, s, w) and kind; cuts have one where a window ends inside.
+  std::array<std::array<Boundary*, 4>, 4> side_records{};
+  std::array<std::array<Boundary, 4>, 4> own_side_records{};  ///< of a mesh that is an object
 
   std::int32_t n_cell_data = 0;
   bool data_interpolation = true;
@@ -76,6 +80,11 @@ struct State {
   bool gathers_link_sources = false;          ///< many nodes are about to be removed
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
   bool has_another_way = false;               ///< see AnotherWay
+  bool derives_later = false;                 ///< see DeriveLater
+
+  /// By place while resolve makes the mesh, whose nodes come in an order that depends on where one
+  /// began; by age from the next plain update on.
+  CandidateOrder candidate_order = CandidateOrder::by_age;
 
   std::string_view in_use_by;  ///< the operation that is changing the mesh; empty: none, see InUse
   bool is_refusing = false;    ///< another one, which a callback or a handler has called
@@ -113,8 +122,9 @@ State& default_state();
 // Making and deleting (init_mesh.cpp, delete_mesh.cpp)
 // ---------------------------------------------------------------------------------------------
 
+/// @param window  what is made of it; none: all
 void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int32_t ny,
-               std::int32_t subdiv_max, double& y_max);
+               std::int32_t subdiv_max, double& y_max, const Window* window = nullptr);
 void delete_mesh(State& state);
 
 /// Ends the process with a message that names the operation if there is no mesh.

@@ -7,14 +7,23 @@
 namespace velmar_2d::detail {
 
 Lattice::Lattice(const State& state, std::int32_t highest_ipos)
-    : domain_(state.domain),
-      progress_(state.progress),
-      halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2),
-      last_{std::llround((domain_.x_max - domain_.x_min) / domain_.dist_0) << halvings_,
-            std::llround((domain_.y_max - domain_.y_min) / domain_.dist_0) << halvings_} {
-  const auto nb_nodes = static_cast<std::size_t>(state.nb_nodes);
+    : Lattice(state, highest_ipos, static_cast<std::size_t>(state.nb_nodes)) {}
+
+Lattice::Lattice(const State& state, std::int32_t highest_ipos, std::size_t nb_nodes)
+    : domain_(&state.domain),
+      progress_(&state.progress),
+      halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2) {
+  const Domain& domain = *domain_;
+  const Frame& frame = domain.frame;
+  first_ = {line_at(domain.x_min - frame.x_min), line_at(domain.y_min - frame.y_min)};
+  last_ = {line_at(domain.x_max - frame.x_min), line_at(domain.y_max - frame.y_min)};
+  frame_last_ = {line_at(frame.x_max - frame.x_min), line_at(frame.y_max - frame.y_min)};
   entries_.reserve(nb_nodes + nb_nodes / 16);
-  progress_.resize(slots_, std::bit_ceil(2 * nb_nodes + 2), -1);
+  progress_->resize(slots_, std::bit_ceil(2 * nb_nodes + 2), -1);
+}
+
+std::int64_t Lattice::line_at(double offset) const {
+  return std::llround(offset / domain_->dist_0) << halvings_;
 }
 
 LatticePoint Lattice::neighbour(LatticePoint p, int direction, std::int32_t level) const {
@@ -25,7 +34,11 @@ LatticePoint Lattice::neighbour(LatticePoint p, int direction, std::int32_t leve
 }
 
 bool Lattice::contains(LatticePoint p) const {
-  return p.x >= 0 && p.y >= 0 && p.x <= last_.x && p.y <= last_.y;
+  return p.x >= first_.x && p.y >= first_.y && p.x <= last_.x && p.y <= last_.y;
+}
+
+bool Lattice::is_in_frame(LatticePoint p) const {
+  return p.x >= 0 && p.y >= 0 && p.x <= frame_last_.x && p.y <= frame_last_.y;
 }
 
 bool Lattice::is_on_side(LatticePoint p, int straight_direction) const {
@@ -56,15 +69,16 @@ bool Lattice::find_place(const Cell& c, LatticePoint& p) const {
     whole = nearest * (std::int64_t{1} << (halvings_ - own_halvings));
     return std::abs(exact - static_cast<double>(nearest)) < off_the_lattice;
   };
-  return place((c.x - domain_.x_min) / domain_.dist_0, p.x) &&
-         place((c.y - domain_.y_min) / domain_.dist_0, p.y) && contains(p) && ipos(p) == c.ipos;
+  return place((c.x - domain_->frame.x_min) / domain_->dist_0, p.x) &&
+         place((c.y - domain_->frame.y_min) / domain_->dist_0, p.y) && is_in_frame(p) &&
+         ipos(p) == c.ipos;
 }
 
 std::int32_t Lattice::add(const Entry& entry) {
   const std::size_t slot = slot_of(entry.at);
   if (slots_[slot] >= 0) return -1;
   const auto number = static_cast<std::int32_t>(entries_.size());
-  progress_.make_room(entries_);
+  progress_->make_room(entries_);
   entries_.push_back(entry);
   slots_[slot] = number;
   if (2 * entries_.size() > slots_.size()) double_slots();
@@ -74,11 +88,11 @@ std::int32_t Lattice::add(const Entry& entry) {
 void Lattice::double_slots() {
   const std::size_t size = 2 * slots_.size();
   slots_.clear();
-  progress_.resize(slots_, size, -1);
+  progress_->resize(slots_, size, -1);
   constexpr std::size_t between_looks = 1024;
   for (std::size_t i = 0; i < entries_.size(); ++i) {
     slots_[slot_of(entries_[i].at)] = static_cast<std::int32_t>(i);
-    if (i % between_looks == 0) progress_.look_aside();
+    if (i % between_looks == 0) progress_->look_aside();
   }
 }
 

@@ -19,49 +19,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// What a size means for a node.
-struct Want {
-  std::int32_t level;  ///< up to which rings are completed
-  std::int32_t kept;   ///< up to which members of rings stay
-  bool is_refused;     ///< the limit forbids what is wanted
-};
-
-class WantedLevels {
- public:
-  WantedLevels(const State& state, double margin)
-      : dist_0_(state.domain.dist_0),
-        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
-        limit_(std::min(state.level_max, highest_wanted_level)) {}
-
-  /// A size that is none wants the level that is there.
-  Want of(const Cell& c, double size, std::int32_t lowest) const {
-    if (!(size >= 0.0)) return {c.level, c.level, false};
-    const double ratio = std::abs(dist_0_ / size);
-    const std::int32_t level = level_wanted_by(ratio);
-    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
-    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
-  }
-
- private:
-  double dist_0_, margin_ratio_;
-  std::int32_t limit_;
-};
-
-/// Marks a node that waits to be removed, beside its wanted level.
-constexpr std::uint8_t is_waiting = 0x80;
-std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
-
-/// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
-bool is_surplus(const Cell& c) {
-  const std::int32_t ipos = c.ipos;
-  if (ipos == 0 || c.level != ipos) return false;
-  for (int d = 0; d < nb_directions; ++d) {
-    const Cell* linked = link(c, d).cell();
-    if (linked != nullptr && (linked->ipos > ipos || wanted_level(*linked) >= ipos)) return false;
-  }
-  return true;
-}
-
 void remove(State& state, Cell& c) {
   Cell* node = &c;
   remove_by_level(state, node);
@@ -75,6 +32,7 @@ class Resolver {
   Resolver(State& state, const Resolution& resolution, bool surplus_has_gone)
       : state_(state),
         wants_(state, resolution.margin),
+        derive_later_(state),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
         knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
@@ -96,6 +54,7 @@ class Resolver {
     }
     settle_on_the_way(sizes);
     for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      if (i == generation_end_) begin_generation();
       prefetch_newcomer(i);
       ++state_.update_statistics.visited;
       settle(*nodes_[i], sizes.at(*nodes_[i]));
@@ -155,6 +114,12 @@ class Resolver {
     for_all_nodes(walk, sizes, [this](Cell& c, double size) { return settle(c, size); });
   }
 
+  /// Of nodes that have come while those before them were asked.
+  void begin_generation() {
+    derive_later_.derive(std::span(nodes_).subspan(generation_end_));
+    generation_end_ = nodes_.size();
+  }
+
   /// A few nodes before it is asked.
   VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
@@ -176,13 +141,14 @@ class Resolver {
       }
     }
     if (i > 0) list_was_changed(state_, "resolve_mesh");
-    nb_listed_ = nodes_.size();
+    nb_listed_ = generation_end_ = nodes_.size();
   }
 
   /// Sizes of the nodes from this number on; of a few of them where there is no memory for more.
   template <typename BatchFunction>
   std::span<const double> sizes_from(std::size_t begin, const BatchFunction& size_fun) {
-    const std::size_t n = nodes_.size() - begin;
+    if (begin == generation_end_) begin_generation();
+    const std::size_t n = generation_end_ - begin;
     std::span<double> sizes;
     try {
       sizes_.clear();
@@ -346,6 +312,8 @@ class Resolver {
   std::vector<TraversalHistory::Entry> gone_;
   std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
   std::size_t nb_listed_ = 0;
+  std::size_t generation_end_ = 0;  ///< of those that are being asked
+  DeriveLater derive_later_;
   std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
   std::array<double, 64> few_sizes_{};

@@ -2,6 +2,8 @@
 // rings, the lattice and graded sizes. Never installed.
 #pragma once
 
+#include <cmath>
+
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -21,6 +23,73 @@ void resolve_mesh_body(State& state, const size_function& size_fun, const Resolu
                        bool with_derivatives);
 void resolve_mesh_body(State& state, const batch_size_function& size_fun,
                        const Resolution& resolution, bool with_derivatives);
+
+// ---------------------------------------------------------------------------------------------
+// What nodes want (resolve.cpp, pieces)
+// ---------------------------------------------------------------------------------------------
+
+/// While this scope lasts, nodes that come have no derivatives yet: they get them when all that
+/// come with them are there, so that it does not matter in which order they came.
+class DeriveLater {
+ public:
+  explicit DeriveLater(State& state) : state_(state) { state.derives_later = true; }
+  DeriveLater(const DeriveLater&) = delete;
+  DeriveLater& operator=(const DeriveLater&) = delete;
+  ~DeriveLater() { state_.derives_later = false; }
+
+  /// Those of some nodes, where there are data.
+  void derive(std::span<Cell* const> nodes) const {
+    if (state_.n_cell_data <= 0) return;
+    Workspace work;
+    for (Cell* c : nodes) compute_data_at_node(state_, work, c);
+  }
+
+ private:
+  State& state_;
+};
+
+/// What a size means for a node.
+struct Want {
+  std::int32_t level;  ///< up to which rings are completed
+  std::int32_t kept;   ///< up to which members of rings stay
+  bool is_refused;     ///< the limit forbids what is wanted
+};
+
+class WantedLevels {
+ public:
+  WantedLevels(const State& state, double margin)
+      : dist_0_(state.domain.dist_0),
+        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
+        limit_(std::min(state.level_max, highest_wanted_level)) {}
+
+  /// A size that is none wants the level that is there.
+  Want of(const Cell& c, double size, std::int32_t lowest) const {
+    if (!(size >= 0.0)) return {c.level, c.level, false};
+    const double ratio = std::abs(dist_0_ / size);
+    const std::int32_t level = level_wanted_by(ratio);
+    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
+    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
+  }
+
+ private:
+  double dist_0_, margin_ratio_;
+  std::int32_t limit_;
+};
+
+/// Beside the wanted level that a node keeps: it waits to be removed, or stays whatever is wanted.
+constexpr std::uint8_t is_waiting = 0x80, is_held = 0x40;
+inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~(is_waiting | is_held); }
+
+/// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
+inline bool is_surplus(const Cell& c) {
+  const std::int32_t ipos = c.ipos;
+  if (ipos == 0 || c.level != ipos || (c.wanted_level & is_held) != 0) return false;
+  for (int d = 0; d < nb_directions; ++d) {
+    const Cell* linked = link(c, d).cell();
+    if (linked != nullptr && (linked->ipos > ipos || wanted_level(*linked) >= ipos)) return false;
+  }
+  return true;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
@@ -49,6 +118,8 @@ class RingMaker {
 
   /// Completes the rings around p up to this level, and around others what those rest on.
   void raise(Cell& p, std::int32_t level);
+  /// Makes one node at the middle of its parents, by the direction in which they lie from it.
+  void make_between(const std::array<Cell*, nb_directions>& parents, std::int32_t ipos);
 
  private:
   struct Member {
@@ -73,7 +144,7 @@ class RingMaker {
 /// Ends the update: the mesh would need more nodes than it may have.
 [[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
 
-/// A position in units of the finest spacing, from the lower left corner.
+/// A position in units of the finest spacing, from the lower left corner of the frame.
 struct LatticePoint {
   std::int64_t x, y;
   friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
@@ -89,16 +160,23 @@ class Lattice {
     std::int32_t ipos;  ///< as the position tells
   };
 
+  /// With room for the nodes of the mesh; the other form for none.
   Lattice(const State& state, std::int32_t highest_ipos);
+  static Lattice of_few(const State& state) { return {state, deepest_level, 0}; }
 
   std::vector<Entry>& entries() { return entries_; }
   const std::vector<Entry>& entries() const { return entries_; }
+  /// The grid line at an offset from the corner of the frame.
+  std::int64_t line_at(double offset) const;
   std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
-  /// The upper right corner.
+  /// The lower left and the upper right corner of the domain.
+  LatticePoint first() const { return first_; }
   LatticePoint last() const { return last_; }
   /// The member of a ring that lies in this direction.
   LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
   bool contains(LatticePoint p) const;
+  /// Whether a position lies in the frame, beyond the domain or not.
+  bool is_in_frame(LatticePoint p) const;
   bool is_on_side(LatticePoint p, int straight_direction) const;
   std::int32_t ipos(LatticePoint p) const;
   /// False where a node lies off the lattice.
@@ -110,14 +188,15 @@ class Lattice {
   std::int32_t add(const Entry& entry);
 
  private:
+  Lattice(const State& state, std::int32_t highest_ipos, std::size_t nb_nodes);
   std::int32_t halvings_of(std::int64_t offset) const;
   std::size_t slot_of(LatticePoint p) const;
   void double_slots();
 
-  const Domain& domain_;
-  ProgressTeller& progress_;
+  const Domain* domain_;
+  ProgressTeller* progress_;
   std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
-  LatticePoint last_;
+  LatticePoint first_, last_, frame_last_;
   std::vector<Entry> entries_;
   std::vector<std::int32_t> slots_;
 };

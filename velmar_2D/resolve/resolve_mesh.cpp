@@ -22,6 +22,7 @@ void resolve_with_init(State& state, const SizeFunction& size_fun, init_data_fun
                        const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_init(state, "resolve_mesh", static_cast<bool>(size_fun), init_data);
+  state.candidate_order = CandidateOrder::by_place;
   resolve_mesh_body(state, size_fun, resolution, true);
 }
 
@@ -30,6 +31,7 @@ void resolve_with_interpolation(State& state, const SizeFunction& size_fun,
                                 const Resolution& resolution) {
   check_resolution(state, resolution);
   begin_with_interpolation(state, "resolve_mesh", static_cast<bool>(size_fun));
+  state.candidate_order = CandidateOrder::by_place;
   resolve_mesh_body(state, size_fun, resolution, state.n_cell_data > 0);
 }
 

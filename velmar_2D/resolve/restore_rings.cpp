@@ -108,8 +108,8 @@ class Restorer {
       while (k < missing_by_ipos_[l].size()) add_parents(missing_by_ipos_[l][k++]);
     }
     const LatticePoint last = lattice_.last();
-    for (LatticePoint p{0, 0}; p.y <= last.y; p.y += lattice_.grid_step()) {
-      for (p.x = 0; p.x <= last.x; p.x += lattice_.grid_step()) {
+    for (LatticePoint p = lattice_.first(); p.y <= last.y; p.y += lattice_.grid_step()) {
+      for (p.x = lattice_.first().x; p.x <= last.x; p.x += lattice_.grid_step()) {
         if (lattice_.find(p) < 0) add_missing(p);
       }
     }
@@ -123,12 +123,13 @@ class Restorer {
 
   /// As the grid was made: from the east side westwards.
   void place_on_grid(Missing& m, LatticePoint p) const {
-    const Domain& domain = state_.domain;
-    const LatticePoint last = lattice_.last();
-    const std::int64_t columns = (last.x - p.x) / lattice_.grid_step();
-    const std::int64_t rows = p.y / lattice_.grid_step();
-    m.x = p.x == 0 ? domain.x_min : domain.x_max - static_cast<double>(columns) * domain.dist_0;
-    m.y = domain.y_min + static_cast<double>(rows) * domain.dist_0;
+    const auto lines = [this](std::int64_t steps) {
+      return static_cast<double>(steps / lattice_.grid_step());
+    };
+    const Frame& frame = state_.domain.frame;
+    const std::int64_t width = lattice_.line_at(frame.x_max - frame.x_min);
+    m.x = p.x == 0 ? frame.x_min : frame.x_max - lines(width - p.x) * state_.domain.dist_0;
+    m.y = frame.y_min + lines(p.y) * state_.domain.dist_0;
   }
 
   void ask_callbacks() {

@@ -94,25 +94,29 @@ bool RingMaker::make_or_defer(const Member& member) {
 }
 
 void RingMaker::insert(const Member& member, Cell* left, Cell* far, Cell* right) {
-  if (most_nodes_ > 0 && state_.nb_nodes >= most_nodes_) too_many_nodes(state_, most_nodes_);
-  state_.progress.step();
-  Site site{};
-  site.level = site.ipos = member.level;
-  // The parents in their own order, whichever of them the member was found from.
   std::array<Cell*, nb_directions> around{};
   const int d = member.direction;
   around[static_cast<std::size_t>((d + 4) & 7)] = member.of;
   around[static_cast<std::size_t>((d + 6) & 7)] = left;
   around[static_cast<std::size_t>(d & 7)] = far;
   around[static_cast<std::size_t>((d + 2) & 7)] = right;
+  make_between(around, member.level);
+}
+
+// The parents have their own order, whichever of them the node was found from.
+void RingMaker::make_between(const std::array<Cell*, nb_directions>& around, std::int32_t ipos) {
+  if (most_nodes_ > 0 && state_.nb_nodes >= most_nodes_) too_many_nodes(state_, most_nodes_);
+  state_.progress.step();
+  Site site{};
+  site.level = site.ipos = ipos;
   std::size_t n = 0;
-  for (int direction = d & 1; direction < nb_directions; direction += 2) {
+  const auto first = static_cast<std::size_t>(ipos % 2);
+  for (int direction = ipos % 2; direction < nb_directions; direction += 2) {
     Cell* parent = around[static_cast<std::size_t>(direction)];
     if (parent == nullptr) continue;
     site.parents[n] = parent;
     site.directions[n++] = direction;
   }
-  const auto first = static_cast<std::size_t>(d & 1);
   const bool has_pair = around[first] != nullptr && around[first + 4] != nullptr;
   const Cell& a = *around[has_pair ? first : first + 2];
   const Cell& b = *around[has_pair ? first + 4 : first + 6];
@@ -125,7 +129,7 @@ void RingMaker::insert(const Member& member, Cell* left, Cell* far, Cell* right)
     allocation_failed(state_, 2 * newcomers_.size() * sizeof(void*));
   }
   try {
-    if (is_straight(d)) {
+    if (ipos % 2 == 0) {
       insert_midpoint(state_, site);
     } else {
       insert_centre(state_, site);

@@ -1,0 +1,88 @@
+#include "boxes.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace velmar_2d {
+
+namespace {
+
+class Cutter {
+ public:
+  explicit Cutter(const CellWeights& weights) : columns_(weights.columns) {
+    // Sums over all cells to the lower left, so that any box is four of them.
+    sums_.assign(
+        static_cast<std::size_t>(columns_ + 1) * static_cast<std::size_t>(weights.rows + 1), 0);
+    for (std::int32_t j = 0; j < weights.rows; ++j) {
+      for (std::int32_t i = 0; i < columns_; ++i) {
+        sum(i + 1, j + 1) =
+            sum(i, j + 1) + sum(i + 1, j) - sum(i, j) +
+            weights.weights[static_cast<std::size_t>(j) * static_cast<std::size_t>(columns_) +
+                            static_cast<std::size_t>(i)];
+      }
+    }
+  }
+
+  void cut(const Window& box, int nb_parts, std::vector<Window>& boxes) {
+    if (nb_parts == 1) {
+      boxes.push_back(box);
+      return;
+    }
+    Best best;
+    for (std::int32_t line = box.west + 1; line < box.east; ++line) {
+      consider(best, box, {box.west, line, box.south, box.north},
+               {line, box.east, box.south, box.north}, nb_parts);
+    }
+    for (std::int32_t line = box.south + 1; line < box.north; ++line) {
+      consider(best, box, {box.west, box.east, box.south, line},
+               {box.west, box.east, line, box.north}, nb_parts);
+    }
+    cut(best.lower, best.nb_lower, boxes);
+    cut(best.upper, nb_parts - best.nb_lower, boxes);
+  }
+
+ private:
+  struct Best {
+    double cost = 1e300;
+    Window lower, upper;
+    int nb_lower = 0;  ///< parts
+  };
+  static std::int64_t nb_cells(const Window& box) {
+    return std::int64_t{box.east - box.west} * (box.north - box.south);
+  }
+  std::int64_t& sum(std::int32_t column, std::int32_t row) {
+    return sums_[static_cast<std::size_t>(row) * static_cast<std::size_t>(columns_ + 1) +
+                 static_cast<std::size_t>(column)];
+  }
+  double weight(const Window& box) {
+    return static_cast<double>(sum(box.east, box.north) - sum(box.west, box.north) -
+                               sum(box.east, box.south) + sum(box.west, box.south));
+  }
+  /// The share that is off, and a little for long cuts, which make ghosts.
+  void consider(Best& best, const Window& box, const Window& lower, const Window& upper,
+                int nb_parts) {
+    const std::int64_t nb_lower = std::clamp<std::int64_t>(
+        nb_parts / 2, nb_parts - std::min<std::int64_t>(nb_cells(upper), nb_parts - 1),
+        std::min<std::int64_t>(nb_cells(lower), nb_parts - 1));
+    const double all = std::max(weight(box), 1.0);
+    const double off = std::abs(weight(lower) / all - static_cast<double>(nb_lower) / nb_parts);
+    const double length = lower.east != upper.east ? box.north - box.south : box.east - box.west;
+    const double round = (box.north - box.south) + (box.east - box.west);
+    const double cost = off + 0.02 * length / round;
+    if (cost < best.cost) best = {cost, lower, upper, static_cast<int>(nb_lower)};
+  }
+
+  std::int32_t columns_;
+  std::vector<std::int64_t> sums_;
+};
+
+}  // namespace
+
+std::vector<Window> cut_into_boxes(const CellWeights& weights, int nb_parts) {
+  std::vector<Window> boxes;
+  if (nb_parts < 1 || std::int64_t{weights.columns} * weights.rows < nb_parts) return boxes;
+  Cutter(weights).cut({0, weights.columns, 0, weights.rows}, nb_parts, boxes);
+  return boxes;
+}
+
+}  // namespace velmar_2d

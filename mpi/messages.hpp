@@ -1,0 +1,113 @@
+// Messages between the processes that keep a mesh together.
+#pragma once
+
+#include <mpi.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "velmar_2D/mesh.hpp"
+
+namespace velmar_2d {
+
+/// What all processes throw together. Any other exception between two messages concerns one process
+/// alone, while the others wait for it.
+class FaultOfAll : public Error {
+ public:
+  using Error::Error;
+};
+
+/// A communicator of our own, so that no message meets those of the caller.
+class Messages {
+ public:
+  explicit Messages(MPI_Comm communicator);
+  Messages(const Messages&) = delete;
+  Messages& operator=(const Messages&) = delete;
+  ~Messages();
+
+  MPI_Comm communicator() const { return communicator_; }
+  int rank() const { return rank_; }
+  int nb_processes() const { return nb_processes_; }
+
+  /// Those that exchange() talks to. Collective in so far as both of two must know each other.
+  void set_neighbours(std::vector<int> ranks) { neighbours_ = std::move(ranks); }
+  const std::vector<int>& neighbours() const { return neighbours_; }
+
+  /// Those with a message to one of us or from one of us, and no others, in order.
+  std::vector<int> partners(const std::vector<char>& sends_to) const;
+  /// One message to each neighbour and one from each, in their order.
+  template <typename T>
+  std::vector<std::vector<T>> exchange(const std::vector<std::vector<T>>& out) const {
+    std::vector<std::vector<T>> in(neighbours_.size());
+    send_and_receive(
+        sizeof(T),
+        [&](std::size_t i) {
+          return std::pair<const void*, std::size_t>(out[i].data(), out[i].size());
+        },
+        [&](std::size_t i, std::size_t n) {
+          in[i].resize(n);
+          return static_cast<void*>(in[i].data());
+        });
+    return in;
+  }
+
+  /// Runs what all processes run together. Where it is left by a fault that the others do not know
+  /// of, such as exhausted memory while a message arrives, all processes end.
+  /// Throws Error at once where an earlier one has failed.
+  template <typename Operation>
+  auto collective(const Operation& operation) {
+    if (is_broken_) refuse_broken();
+    try {
+      return operation();
+    } catch (const FaultOfAll&) {
+      is_broken_ = true;
+      throw;
+    } catch (...) {
+      note_fault();
+      end_all();
+    }
+  }
+
+  std::int64_t sum(std::int64_t number) const;
+  std::vector<std::int64_t> sum(std::vector<std::int64_t> numbers) const;
+  std::int64_t largest(std::int64_t number) const;
+  template <typename T>
+  std::vector<T> gather_from_all(const T& own) const {
+    std::vector<T> all(static_cast<std::size_t>(nb_processes_));
+    MPI_Allgather(&own, sizeof(T), MPI_BYTE, all.data(), sizeof(T), MPI_BYTE, communicator_);
+    return all;
+  }
+
+  /// A step that concerns this process alone. What it throws is kept until all processes meet in
+  /// together(); until then later steps are left out.
+  template <typename Step>
+  void alone(const Step& step) {
+    if (has_fault_) return;
+    try {
+      step();
+    } catch (...) {
+      note_fault();
+    }
+  }
+  /// All processes meet: the sum of their numbers, or an Error on all where one has a fault.
+  std::int64_t together(std::int64_t number = 0);
+
+ private:
+  using Outgoing = std::function<std::pair<const void*, std::size_t>(std::size_t neighbour)>;
+  using Incoming = std::function<void*(std::size_t neighbour, std::size_t n)>;
+  void send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in) const;
+  void note_fault();
+  [[noreturn]] void end_all() const;
+  [[noreturn]] static void refuse_broken();
+
+  MPI_Comm communicator_ = MPI_COMM_NULL;
+  int rank_ = 0, nb_processes_ = 1;
+  std::vector<int> neighbours_;
+  bool has_fault_ = false, is_broken_ = false;
+  std::string fault_;
+};
+
+}  // namespace velmar_2d

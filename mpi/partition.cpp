@@ -1,0 +1,151 @@
+// A mesh that several processes keep together.
+#include "partition.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace velmar_2d {
+
+namespace {
+
+/// Cells of the grid between two boxes; 0 where they touch.
+std::int32_t distance(const Window& a, const Window& b) {
+  const std::int32_t x = std::max(a.west - b.east, b.west - a.east);
+  const std::int32_t y = std::max(a.south - b.north, b.south - a.north);
+  return std::max({x, y, 0});
+}
+
+CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
+  CellWeights weights{grid.nx - 1, rows_of(whole, grid) - 1, {}};
+  weights.weights.assign(
+      static_cast<std::size_t>(weights.columns) * static_cast<std::size_t>(weights.rows), 1);
+  return weights;
+}
+
+}  // namespace
+
+int Partition::Parts::owner(Place place) const {
+  const auto line = [](std::int64_t at, std::int32_t last) {
+    return static_cast<std::int32_t>(std::min<std::int64_t>(at / places_per_cell, last - 1));
+  };
+  const std::int32_t column = line(place.x, grid.nx - 1), row = line(place.y, grid.ny - 1);
+  return owner_of_cell[static_cast<std::size_t>(row) * static_cast<std::size_t>(grid.nx - 1) +
+                       static_cast<std::size_t>(column)];
+}
+
+void Partition::Parts::find_neighbours() {
+  owner_of_cell.assign(
+      static_cast<std::size_t>(grid.nx - 1) * static_cast<std::size_t>(grid.ny - 1), 0);
+  std::vector<int> neighbours;
+  for (int rank = 0; rank < messages.nb_processes(); ++rank) {
+    const Window& of = boxes[static_cast<std::size_t>(rank)];
+    for (std::int32_t j = of.south; j < of.north; ++j) {
+      for (std::int32_t i = of.west; i < of.east; ++i) {
+        owner_of_cell[static_cast<std::size_t>(j) * static_cast<std::size_t>(grid.nx - 1) +
+                      static_cast<std::size_t>(i)] = rank;
+      }
+    }
+    if (rank != messages.rank() && distance(box(), of) <= options.overlap) {
+      neighbours.push_back(rank);
+    }
+  }
+  messages.set_neighbours(std::move(neighbours));
+}
+
+Partition::Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
+                     const PartitionOptions& options)
+    : parts_(new Parts(communicator, whole, grid, options)) {
+  Parts& parts = *parts_;
+  parts.messages.collective([&] {
+    parts.messages.alone([&] {
+      parts.grid.ny = rows_of(whole, grid);
+      if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
+      parts.boxes = cut_into_boxes(even_weights(whole, grid), nb_processes());
+      if (parts.boxes.empty()) throw Error("there are more processes than cells of the grid");
+    });
+    parts.messages.together();
+    parts.messages.alone([&] {
+      parts.find_neighbours();
+      parts.piece.emplace(whole, parts.grid, parts.box(), options.overlap);
+    });
+    parts.messages.together();
+    parts.settle();
+  });
+}
+
+Partition::Partition(Partition&&) noexcept = default;
+Partition& Partition::operator=(Partition&&) noexcept = default;
+Partition::~Partition() = default;
+
+MPI_Comm Partition::communicator() const { return parts_->messages.communicator(); }
+int Partition::rank() const { return parts_->messages.rank(); }
+int Partition::nb_processes() const { return parts_->messages.nb_processes(); }
+const Window& Partition::box() const { return parts_->box(); }
+std::span<const Window> Partition::boxes() const { return parts_->boxes; }
+Mesh& Partition::mesh() { return parts_->piece->mesh(); }
+const Mesh& Partition::mesh() const { return parts_->piece->mesh(); }
+
+std::span<Cell* const> Partition::owned() const { return parts_->owned; }
+std::span<Cell* const> Partition::ghosts() const { return parts_->ghosts; }
+std::span<Cell* const> Partition::linked_ghosts() const {
+  return ghosts().first(parts_->nb_linked_ghosts);
+}
+bool Partition::owns(const Cell& c) const { return parts_->piece->owns(c); }
+int Partition::owner(const Cell& c) const { return parts_->owner(parts_->piece->place_of(c)); }
+std::int64_t Partition::first_global_number() const {
+  return parts_->first_numbers[static_cast<std::size_t>(rank())];
+}
+std::int64_t Partition::size() const { return parts_->first_numbers.back(); }
+
+void Partition::resolve(const size_function& size, const Resolution& resolution) {
+  resolve(size, {}, resolution);
+}
+void Partition::resolve(const size_function& size, init_data_function init_data,
+                        const Resolution& resolution) {
+  parts_->messages.collective([&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
+}
+void Partition::resolve_batched(const batch_size_function& sizes, const Resolution& resolution) {
+  resolve_batched(sizes, {}, resolution);
+}
+void Partition::resolve_batched(const batch_size_function& sizes, init_data_function init_data,
+                                const Resolution& resolution) {
+  parts_->messages.collective(
+      [&] { parts_->resolve({}, sizes, std::move(init_data), resolution); });
+}
+
+void Partition::compute_derivatives() {
+  Messages& messages = parts_->messages;
+  messages.collective([&] {
+    messages.alone([&] {
+      for (Cell* c : owned()) mesh().compute_derivatives(*c);
+    });
+    messages.together();
+  });
+}
+
+PartitionStatistics Partition::statistics() {
+  Messages& messages = parts_->messages;
+  return messages.collective([&] {
+    PartitionStatistics all = parts_->statistics;
+    const auto nb_owned = static_cast<std::int64_t>(owned().size());
+    all.nb_nodes = size();
+    all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));
+    all.most_nodes_owned = messages.largest(nb_owned);
+    for (std::int64_t* number : {&all.inserted, &all.removed, &all.visited, &all.refused}) {
+      *number = messages.sum(*number);
+    }
+    all.imbalance = static_cast<double>(all.most_nodes_owned) * nb_processes() /
+                    static_cast<double>(all.nb_nodes);
+    return all;
+  });
+}
+
+bool Partition::rebalance(double threshold) {
+  return parts_->messages.collective([&] { return parts_->rebalance(threshold); });
+}
+
+std::unique_ptr<Mesh> Partition::gather() {
+  return parts_->messages.collective([&] { return parts_->gather(); });
+}
+
+}  // namespace velmar_2d

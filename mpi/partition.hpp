@@ -1,0 +1,94 @@
+// What the files of the library tell one another. Never installed.
+#pragma once
+
+#include <optional>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "boxes.hpp"
+#include "messages.hpp"
+#include "velmar_2D/velmar_2D_mpi.hpp"
+
+namespace velmar_2d {
+
+struct Partition::Parts {
+  Messages messages;
+  Rectangle whole;
+  Grid grid;
+  PartitionOptions options;
+  std::vector<Window> boxes;
+  std::size_t nb_handed_on = 0;                  ///< of the newcomers
+  std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
+  std::vector<int> owner_of_cell;                ///< of the grid, row by row
+  std::optional<Piece> piece;
+  PartitionStatistics statistics;  ///< of the last update, this process
+
+  // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
+  std::vector<Cell*> owned, ghosts;
+  std::size_t nb_linked_ghosts = 0;
+  std::vector<std::vector<Cell*>> sent, received;  ///< those of the linked layer first
+  std::vector<std::size_t> nb_sent_linked, nb_received_linked;
+  std::vector<std::vector<std::int64_t>> sent_numbers;  ///< of those among the owned
+  std::vector<std::int64_t> first_numbers;              ///< by rank, and the end
+  std::vector<std::vector<std::int64_t>> received_numbers;
+  std::vector<std::vector<std::size_t>> received_rows;  ///< where they stand in `ghosts`
+  mutable std::unordered_map<const Cell*, std::int64_t> number_of;  ///< made when it is asked for
+
+  Parts(MPI_Comm communicator, const Rectangle& rectangle, const Grid& first_grid,
+        const PartitionOptions& chosen)
+      : messages(communicator), whole(rectangle), grid(first_grid), options(chosen) {}
+
+  const Window& box() const { return boxes[static_cast<std::size_t>(messages.rank())]; }
+  int owner(Place place) const;
+  /// From the boxes.
+  void find_neighbours();
+
+  void resolve(const size_function& size, const batch_size_function& sizes,
+               init_data_function init_data, const Resolution& resolution);
+  void refine();
+  void exchange_wants();
+  void release();
+  bool exchange_needs();
+  void share_ghosts();
+  void hand_on_data();
+  void plan_exchange();
+  void number_nodes();
+  void list_nodes();
+  void exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer);
+  bool agrees();
+  void exchange_data();
+  /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
+  void settle();
+  bool rebalance(double threshold);
+  CellWeights weigh_cells() const;
+  void move_nodes(const std::vector<Window>& new_boxes);
+  std::unique_ptr<Mesh> gather();
+  /// By neighbour. Those of no neighbour are a fault.
+  std::vector<std::vector<Place>> by_owner(const std::vector<Place>& places) const;
+
+  /// Gives ghosts rows of numbers of their owners. `read` and `write` handle one row.
+  template <typename Read, typename Write>
+  void exchange_rows(std::size_t width, GhostLayer layer, const Read& read, const Write& write);
+};
+
+template <typename Read, typename Write>
+void Partition::Parts::exchange_rows(std::size_t width, GhostLayer layer, const Read& read,
+                                     const Write& write) {
+  const auto n = [layer](std::size_t linked, std::size_t all) {
+    return layer == GhostLayer::linked ? linked : all;
+  };
+  std::vector<std::vector<double>> out(sent.size());
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    const std::size_t rows = n(nb_sent_linked[i], sent[i].size());
+    out[i].resize(rows * width);
+    for (std::size_t k = 0; k < rows; ++k) read(*sent[i][k], out[i].data() + k * width);
+  }
+  const std::vector<std::vector<double>> in = messages.exchange(out);
+  for (std::size_t i = 0; i < received.size(); ++i) {
+    const std::size_t rows = n(nb_received_linked[i], received[i].size());
+    if (in[i].size() != rows * width) continue;  // a fault there, told in together()
+    for (std::size_t k = 0; k < rows; ++k) write(*received[i][k], in[i].data() + k * width);
+  }
+}
+
+}  // namespace velmar_2d

@@ -1,0 +1,134 @@
+// velmar_2d::mpi: one mesh over many processes.
+//
+//     MPI_Init(&argc, &argv);
+//     {
+//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, {.nx = 65, .n_cell_data =
+//       1}); part.resolve(size); part.exchange();                                       // values
+//       of ghosts from their owners for (velmar_2d::Cell* c : part.owned()) { /* links of owned
+//       nodes are those of one mesh */ } part.rebalance();
+//     }
+//     MPI_Finalize();
+//
+// The rectangle is cut into boxes of grid cells, one for each process. A process owns the nodes in
+// its box and keeps, beyond it, the ghosts that its own nodes are linked to and those next to them.
+// The owned nodes of all processes are those of one mesh of one process, to the last bit:
+// positions, links, levels, control cells, data that are handed on, and derivatives.
+//
+// Procedures marked collective are called by all processes of the communicator, with the same
+// arguments but for functions, which need to know what concerns the own nodes alone. A fault on one
+// process (a function that throws, exhausted memory, too many nodes) throws an Error on all, which
+// names the process. Each mesh is whole afterwards, but they do not agree any more: all that is
+// collective throws from then on, and what is not still reads them. Where memory is exhausted while
+// a message arrives, all processes end instead, with a line that names the process.
+//
+// Nodes of mesh() may be read, and their data values, `used` and `data_ptr` be written. What
+// changes the mesh is for the Partition alone.
+#pragma once
+
+#include <mpi.h>
+
+#include <memory>
+
+#include "velmar_2D/piece.hpp"
+
+namespace velmar_2d {
+
+struct PartitionOptions {
+  std::int32_t overlap = 3;  ///< cells of the grid that a process keeps beyond its box, at least 3
+};
+
+/// Over all processes.
+struct PartitionStatistics {
+  std::int64_t nb_nodes = 0;          ///< of the whole mesh
+  std::int64_t nb_ghosts = 0;         ///< sum over the processes
+  std::int64_t most_nodes_owned = 0;  ///< by one process
+  int nb_rounds = 0;                  ///< of messages in the last update, until nothing was new
+  std::int64_t inserted = 0, removed = 0, visited = 0, refused = 0;  ///< owned, last update
+  double imbalance = 1.0;  ///< most_nodes_owned x number of processes / nb_nodes
+};
+
+enum class GhostLayer {
+  linked,  ///< ghosts that are linked to owned nodes
+  all,     ///< and those next to them, that derivatives of owned nodes need
+};
+
+class Partition {
+ public:
+  /// Collective. Makes the grid, cut into boxes as equal as cells of the grid allow.
+  ///
+  /// Throws Error where Mesh does, and where there are more processes than cells of the grid.
+  Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
+            const PartitionOptions& options = {});
+  Partition(Partition&&) noexcept;
+  Partition& operator=(Partition&&) noexcept;
+  ~Partition();  ///< not collective, but before MPI_Finalize
+
+  MPI_Comm communicator() const;  ///< a copy of the one that it was made with
+  int rank() const;
+  int nb_processes() const;
+  const Window& box() const;              ///< of this process
+  std::span<const Window> boxes() const;  ///< of all, by rank
+  /// The mesh of the window: owned nodes and ghosts.
+  Mesh& mesh();
+  const Mesh& mesh() const;
+
+  /// Collective. As Mesh::resolve() of the whole mesh; derivatives, where there are data, are those
+  /// of owned nodes. Ghosts must hold the data of their owners before, as exchange() leaves them,
+  /// and do so afterwards.
+  ///
+  /// `most_nodes` counts the nodes of one process, ghosts with them. Throws Error where `slope` is
+  /// not 0, and with Transfer::conservative: both look farther than the ghosts reach.
+  void resolve(const size_function& size, const Resolution& resolution = {});
+  void resolve(const size_function& size, init_data_function init_data,
+               const Resolution& resolution = {});
+  /// The same, asked for many nodes at once: all owned ones, then those of each generation.
+  void resolve_batched(const batch_size_function& sizes, const Resolution& resolution = {});
+  void resolve_batched(const batch_size_function& sizes, init_data_function init_data,
+                       const Resolution& resolution = {});
+
+  /// Nodes of this process, in list order; then ghosts, those linked to owned nodes first. Good
+  /// until the mesh changes.
+  std::span<Cell* const> owned() const;
+  std::span<Cell* const> ghosts() const;
+  std::span<Cell* const> linked_ghosts() const;
+  bool owns(const Cell& c) const;
+  int owner(const Cell& c) const;  ///< rank
+  /// Number of an owned node or a ghost in the whole mesh: those of process 0 first, in the order
+  /// of owned(). The first call after an update makes a table of 16 to 32 bytes a node.
+  std::int64_t global_number(const Cell& c) const;
+  std::int64_t first_global_number() const;  ///< of this process
+  std::int64_t size() const;                 ///< nodes of the whole mesh
+
+  /// Collective. Gives ghosts the values `first` to `first + count - 1` of their owners' data;
+  /// count -1: to the last.
+  void exchange(int first = 0, int count = -1, GhostLayer layer = GhostLayer::all);
+  /// Collective. The same for an array of the caller's, one row of `width` numbers for each owned
+  /// node and then each ghost.
+  void exchange(std::span<double> rows, int width = 1, GhostLayer layer = GhostLayer::all);
+
+  /// Collective. Derivatives of data[0] at owned nodes.
+  void compute_derivatives();
+
+  /// Collective. Whether ghosts that are linked to owned nodes are what their owners have:
+  /// position, level and links. Every update and rebalance() ends with this check, and throws where
+  /// it fails.
+  bool agrees();
+
+  /// Collective. Cuts the rectangle anew, by halving it along grid lines, where the imbalance
+  /// exceeds `threshold`: data and derivatives go with their nodes, `used` and `data_ptr` do not.
+  /// References to nodes become invalid where it returns true, and mesh() is another one.
+  /// @return whether it did
+  bool rebalance(double threshold = 1.1);
+
+  /// Collective. The whole mesh, with its data, on process 0; null elsewhere. For small cases.
+  std::unique_ptr<Mesh> gather();
+
+  /// Collective.
+  PartitionStatistics statistics();
+
+ private:
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace velmar_2d

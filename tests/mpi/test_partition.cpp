@@ -1,0 +1,221 @@
+// One mesh over several processes, held against one mesh of one process: run by mpirun with any
+// number of processes. The exit status tells whether all is alike.
+//
+//   test_partition                the moving ring, with new boxes on the way
+//   test_partition fault R        functions that throw on process R
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <set>
+
+#include "velmar_2D/velmar_2D_mpi.hpp"
+
+using namespace velmar_2d;
+
+namespace {
+
+int nb_wrong = 0;
+
+void expect(bool is_so, const char* what, int step) {
+  if (is_so) return;
+  ++nb_wrong;
+  int rank = 0;
+  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  std::printf("process %d, step %d: not so: %s\n", rank, step, what);
+  std::fflush(stdout);
+}
+
+/// What must be alike, wherever a node is kept.
+std::vector<double> record_of(Mesh& mesh, Cell& c) {
+  std::vector<double> record = {c.x, c.y, mesh.area(c), c.grad_data, c.grad2_data};
+  for (const int number : {c.level, c.reserve, c.ipos, c.on_boundary}) record.push_back(number);
+  record.insert(record.end(), c.data.begin(), c.data.end());
+  for (const Direction d : directions) {
+    const NeighbourLink there = link(c, d);
+    const Cell* linked = there.cell();
+    const Boundary* side = there.boundary();
+    record.push_back(linked != nullptr ? linked->x : side != nullptr ? 1000.0 + side->bc_type : 0);
+    record.push_back(linked != nullptr ? linked->y : 0.0);
+  }
+  return record;
+}
+
+using Records = std::set<std::vector<double>>;
+
+/// Owned nodes against those of the mesh that this process would own.
+void compare(Partition& part, Mesh& mesh, int step) {
+  Records expected, owned;
+  for (Cell& c : mesh.nodes()) {
+    if (part.owns(c)) expected.insert(record_of(mesh, c));
+  }
+  for (Cell* c : part.owned()) owned.insert(record_of(part.mesh(), *c));
+  expect(owned.size() == part.owned().size(), "each node is owned once", step);
+  expect(owned == expected, "owned nodes are those of one process", step);
+  expect(part.size() == mesh.size(), "number of nodes", step);
+  expect(part.agrees(), "agrees", step);
+}
+
+/// Numbers of ghosts are those that their owners give: told by sending positions with both.
+void check_numbers(Partition& part, int step) {
+  const std::size_t n = part.owned().size() + part.ghosts().size();
+  std::vector<double> rows(2 * n, -1.0);
+  for (std::size_t i = 0; i < part.owned().size(); ++i) {
+    const Cell& c = *part.owned()[i];
+    rows[2 * i] = static_cast<double>(part.global_number(c));
+    rows[2 * i + 1] = c.x + 10.0 * c.y;
+    expect(part.global_number(c) == part.first_global_number() + static_cast<std::int64_t>(i),
+           "owned nodes are numbered in order", step);
+  }
+  part.exchange(rows, 2);
+  bool are_right = true;
+  for (std::size_t k = 0; k < part.ghosts().size(); ++k) {
+    const Cell& c = *part.ghosts()[k];
+    const double* row = rows.data() + 2 * (part.owned().size() + k);
+    are_right = are_right && row[0] == static_cast<double>(part.global_number(c)) &&
+                row[1] == c.x + 10.0 * c.y;
+  }
+  expect(are_right, "numbers of ghosts", step);
+}
+
+void run_ring() {
+  const Rectangle whole{0.1, 1.3, -0.7, 0.2};
+  const Grid grid{.nx = 17,
+                  .subdiv_max = 11,
+                  .n_cell_data = 2,
+                  .bc_type = [](double, double, std::string_view side) {
+                    return side == "North" ? bc_type_neu : bc_type_dir;
+                  }};
+  Partition part(MPI_COMM_WORLD, whole, grid);
+  Mesh mesh(whole, grid);
+  mesh.set_transfer(Transfer::all);
+  part.mesh().set_transfer(Transfer::all);
+  int nb_moves = 0;
+  for (int step = 0; step < 12; ++step) {
+    const double t = 0.1 * step;
+    const size_function size = [=](double x, double y, auto, double grad, double grad2) {
+      const double ring = 0.004 + 0.25 * std::abs(std::hypot(x - 0.1 - t, y + 0.3) - 0.2);
+      const double curved = std::max(0.01, 0.3 / (1.0 + std::sqrt(grad2) + 0.1 * grad));
+      return step % 3 == 1 ? curved : ring;
+    };
+    const batch_size_function sizes = [&](std::span<const Cell* const> nodes,
+                                          std::span<double> of) {
+      for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const Cell& c = *nodes[i];
+        of[i] = size(c.x, c.y, {}, c.grad_data, c.grad2_data);
+      }
+    };
+    const init_data_function init_data = [=](double x, double y) { return std::sin(9.0 * x * y); };
+    const Resolution resolution{.margin = step % 4 == 0 ? 1.0 : 0.0};
+    if (step % 5 == 3) {
+      mesh.resolve(size, init_data, resolution);
+      part.resolve_batched(sizes, init_data, resolution);
+    } else {
+      mesh.resolve(size, resolution);
+      part.resolve(size, resolution);
+    }
+    compare(part, mesh, step);
+    mesh.compute_derivatives();
+    part.compute_derivatives();
+    compare(part, mesh, step);
+    if (step % 2 == 1 && part.rebalance()) {
+      ++nb_moves;
+      compare(part, mesh, step);
+    }
+    check_numbers(part, step);
+    for (Cell& c : mesh.nodes()) {
+      c.data[0] = std::tanh(20.0 * (c.x - 0.3 * c.y - t));
+      c.data[1] += c.x;
+    }
+    for (Cell* c : part.owned()) {
+      c->data[0] = std::tanh(20.0 * (c->x - 0.3 * c->y - t));
+      c->data[1] += c->x;
+    }
+    part.exchange(0, 1);
+    part.exchange(1);
+  }
+  expect(nb_moves > 0 || part.nb_processes() == 1, "the boxes moved", 12);
+  const PartitionStatistics statistics = part.statistics();
+  expect(statistics.inserted == mesh.statistics().inserted &&
+             statistics.removed == mesh.statistics().removed,
+         "statistics", 12);
+  if (part.rank() == 0) {
+    std::printf("%lld nodes, %lld ghosts, %d moves, imbalance %.2f\n",
+                static_cast<long long>(statistics.nb_nodes),
+                static_cast<long long>(statistics.nb_ghosts), nb_moves, statistics.imbalance);
+  }
+
+  const std::unique_ptr<Mesh> all = part.gather();
+  expect((all != nullptr) == (part.rank() == 0), "process 0 has the whole", 12);
+  if (all == nullptr) return;
+  Records gathered, expected;
+  for (Cell& c : all->nodes()) gathered.insert(record_of(*all, c));
+  for (Cell& c : mesh.nodes()) expected.insert(record_of(mesh, c));
+  expect(gathered == expected, "the whole is that of one process", 12);
+  expect(all->check().empty(), "the whole is in order", 12);
+}
+
+/// The text of the Error that a call ends with; empty: none.
+template <typename Call>
+std::string error_of(const Call& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return {};
+}
+
+void run_fault(int culprit) {
+  const std::string named = "on process " + std::to_string(culprit) + " of ";
+  const Rectangle whole{0.0, 1.0, 0.0, 1.0};
+  const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
+  for (int kind = 0; kind < 4; ++kind) {
+    Partition part(MPI_COMM_WORLD, whole, grid);
+    const bool is_here = part.rank() == culprit;
+    int nb_calls = 0;
+    const size_function size = [&](double x, double y, auto...) -> double {
+      if (is_here && kind == 0 && ++nb_calls == 50) throw std::runtime_error("size is ill");
+      return 0.02 + 0.3 * std::abs(x - y);
+    };
+    const init_data_function init_data = [&](double, double) -> double {
+      if (is_here && kind == 1 && ++nb_calls == 3) throw std::bad_alloc();
+      return 1.0;
+    };
+    if (kind == 2) {
+      part.mesh().set_node_hooks({.inserted =
+                                      [&](Cell&, auto) {
+                                        if (is_here && ++nb_calls == 5) throw 17;
+                                      },
+                                  .removing = {}});
+    }
+    const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
+    const std::string text = error_of([&] { part.resolve(size, init_data, resolution); });
+    const char* const reasons[] = {"size is ill", "memory is exhausted",
+                                   "an exception that is no std::exception",
+                                   "nodes would be needed"};
+    expect(text.find(named) != std::string::npos, "the process is named", kind);
+    expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
+    expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
+    for (const std::string& later :
+         {error_of([&] { part.resolve(size); }), error_of([&] { part.exchange(); }),
+          error_of([&] { part.rebalance(); })}) {
+      expect(later.find("make another Partition") != std::string::npos, "told to be unusable",
+             kind);
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  MPI_Init(&argc, &argv);
+  if (argc > 2) {
+    run_fault(std::atoi(argv[2]));
+  } else {
+    run_ring();
+  }
+  MPI_Finalize();
+  return nb_wrong == 0 ? 0 : 1;
+}

@@ -1,0 +1,147 @@
+// A piece of a mesh as an object.
+#include "velmar_2D/piece.hpp"
+
+#include "velmar_2D/check/check.hpp"
+#include "velmar_2D/pieces/pieces.hpp"
+
+namespace velmar_2d {
+
+namespace {
+
+detail::LatticePoint to_lattice(const Place& p) { return {p.x, p.y}; }
+Place to_place(const detail::LatticePoint& p) { return {p.x, p.y}; }
+
+std::vector<detail::LatticePoint> to_lattice(std::span<const Place> places) {
+  std::vector<detail::LatticePoint> points;
+  points.reserve(places.size());
+  for (const Place& p : places) points.push_back(to_lattice(p));
+  return points;
+}
+
+/// What the piece keeps around its box.
+Window widened(const Window& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
+  return {std::max(own.west - overlap, 0), std::min(own.east + overlap, nx - 1),
+          std::max(own.south - overlap, 0), std::min(own.north + overlap, ny - 1)};
+}
+
+/// Refused before anything is made of it.
+Window checked_window(const Window& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
+  if (own.west < 0 || own.south < 0 || own.east > nx - 1 || own.north > ny - 1 ||
+      own.west >= own.east || own.south >= own.north) {
+    throw Error("(velmar_2D/Piece:) ERROR: the box of a piece must hold a cell of the grid");
+  }
+  return widened(own, overlap, nx, ny);
+}
+
+}  // namespace
+
+Piece::Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::int32_t overlap)
+    : mesh_([&] {
+        const std::int32_t ny = rows_of(whole, grid);
+        const Window window = checked_window(own, overlap, grid.nx, ny);
+        return Mesh(whole, grid, &window);
+      }()),
+      update_(new detail::PieceUpdate(mesh_.state(), own, grid.nx, rows_of(whole, grid))) {
+  mesh_.state().candidate_order = detail::CandidateOrder::by_place;
+}
+Piece::Piece(Piece&&) noexcept = default;
+Piece& Piece::operator=(Piece&&) noexcept = default;
+Piece::~Piece() = default;
+
+Mesh& Piece::mesh() { return mesh_; }
+const Mesh& Piece::mesh() const { return mesh_; }
+const Window& Piece::own() const { return update_->own(); }
+bool Piece::owns(const Cell& c) const { return update_->owns(c); }
+bool Piece::is_near_cut(const Cell& c) const { return update_->is_near(c); }
+bool Piece::owns(Place place) const { return update_->owns(to_lattice(place)); }
+Place Piece::place_of(const Cell& c) const { return to_place(update_->place_of(c)); }
+Cell* Piece::node_at(Place place) { return update_->node_at(to_lattice(place)); }
+
+void Piece::begin(const size_function& size, const Resolution& resolution,
+                  init_data_function init_data) {
+  const detail::MeshChange change(mesh_.state(), "Piece::begin");
+  update_->begin(size, {}, resolution, std::move(init_data));
+}
+void Piece::begin_batched(const batch_size_function& sizes, const Resolution& resolution,
+                          init_data_function init_data) {
+  const detail::MeshChange change(mesh_.state(), "Piece::begin");
+  update_->begin({}, sizes, resolution, std::move(init_data));
+}
+
+void Piece::ask() {
+  const detail::MeshChange change(mesh_.state(), "Piece::ask");
+  update_->ask();
+}
+bool Piece::has_nodes_to_ask() const { return update_->has_nodes_to_ask(); }
+bool Piece::has_wants() const { return update_->has_wants(); }
+
+std::vector<Place> Piece::wants() {
+  std::vector<Place> places;
+  for (const detail::LatticePoint& p : update_->take_wants()) places.push_back(to_place(p));
+  return places;
+}
+
+void Piece::hold(std::span<const Place> places) {
+  const detail::MeshChange change(mesh_.state(), "Piece::hold");
+  update_->hold(to_lattice(places));
+}
+
+void Piece::release() {
+  const detail::MeshChange change(mesh_.state(), "Piece::release");
+  update_->release();
+}
+
+std::vector<Place> Piece::needs() {
+  const detail::MeshChange change(mesh_.state(), "Piece::needs");
+  update_->find_needs();
+  return wants();
+}
+
+bool Piece::hold_only(std::span<const Place> places) {
+  return update_->hold_only(to_lattice(places));
+}
+
+std::vector<Cell*> Piece::border(const Window& box, int layers) {
+  return update_->border(box, layers);
+}
+
+void Piece::hold_ghosts(std::span<const Place> places) {
+  const detail::MeshChange change(mesh_.state(), "Piece::hold_ghosts");
+  update_->hold_ghosts(to_lattice(places));
+}
+
+void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first) {
+  update_->hand_on_data(is_known, first);
+}
+bool Piece::has_come(const Cell& c) const { return update_->has_come(c); }
+
+void Piece::hold_all(std::span<const Place> places) {
+  const detail::MeshChange change(mesh_.state(), "Piece::hold_all");
+  update_->hold_all(to_lattice(places));
+}
+
+void Piece::take_settings(Piece& from) {
+  detail::State &to = mesh_.state(), &other = from.mesh_.state();
+  to.transfer = other.transfer;
+  to.hooks = other.hooks;
+  to.handlers.message = other.handlers.message;
+  to.handlers.fatal = other.handlers.fatal;
+  to.handlers.pause = other.handlers.pause;
+  to.progress.handler = other.progress.handler;
+  for (std::size_t side = 0; side < to.side_records.size(); ++side) {
+    for (std::size_t kind = 0; kind < bc_type_cut; ++kind) {
+      Boundary *record = to.side_records[side][kind], *before = other.side_records[side][kind];
+      if (record != nullptr && before != nullptr) record->c = before->c;
+    }
+  }
+}
+
+Mesh Piece::release_mesh() && {
+  update_.reset();
+  return std::move(mesh_);
+}
+std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
+const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
+bool Piece::reaches_cut() const { return update_->reaches_cut(); }
+
+}  // namespace velmar_2d

@@ -1,0 +1,137 @@
+// velmar_2d::Piece: a part of a mesh that several processes, or threads, keep together.
+//
+//     +-----------+-----------+       Each piece owns the nodes of a box of grid cells, and keeps
+//     |           |           |       beyond it those that its own nodes need, in a window a few
+//     |   own  . .|. .        |       cells wider than the box. The nodes that all pieces own are
+//     |        .  |  . window |       together those of one mesh, to the last bit: positions,
+//     links,
+//     +--------.--+--.--------+       levels, control cells, and data where those are exchanged.
+//     |        . .|. .        |
+//     |           |           |       Who moves what from piece to piece is the caller's matter:
+//     +-----------+-----------+       velmar_2d::mpi does it with messages between processes.
+//
+// An update of all pieces together:
+//
+//     for each piece:  begin(size)
+//     until no piece has nodes to ask:
+//       for each piece:  ask()
+//       until no piece has wants:  for each piece: take wants(), give them to their owners' hold()
+//       where sizes depend on derivatives: exchange ghosts and data, see below
+//     for each piece:    give needs() to their owners' hold_only()
+//     until no piece has lost a hold:
+//       for each piece:  release()
+//       for each piece:  give needs() to their owners' hold_only()
+//     for each pair:   the one's border(of the other's box) to the other's hold_ghosts()
+//     data:            ghosts that have not just come get those of their owners, then
+//                      hand_on_data(), then all ghosts get those of their owners
+//
+// It is `resolve`: a closure, where wants only add positions and positions only add wants, so that
+// it can be computed in pieces that hand each other the positions that lie elsewhere.
+#pragma once
+
+#include "velmar_2D/mesh.hpp"
+
+namespace velmar_2d {
+
+/// A position in units of dist_0 / places_per_cell, from the lower left corner of the whole.
+inline constexpr std::int64_t places_per_cell = std::int64_t{1} << 31;
+struct Place {
+  std::int64_t x = 0, y = 0;
+  friend bool operator==(const Place&, const Place&) = default;
+  friend auto operator<=>(const Place&, const Place&) = default;
+};
+
+namespace detail {
+class PieceUpdate;
+}
+
+class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
+ public:
+  /// Makes the grid of the piece and of what surrounds it.
+  ///
+  /// @param whole    the rectangle of all pieces, with its grid
+  /// @param own      the box: nodes from its west to before its east line, and from its south to
+  ///                 before its north line, belong to the piece; those on the line too where the
+  ///                 whole ends there
+  /// @param overlap  cells of the grid between the box and the end of the window: at least 3
+  ///
+  /// Throws Error as Mesh does, and where the box is empty or leaves the grid.
+  Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::int32_t overlap = 3);
+  Piece(Piece&&) noexcept;
+  Piece& operator=(Piece&&) noexcept;
+  ~Piece();
+
+  /// The nodes of the window: own ones and ghosts. Links to records of kind bc_type_cut, at ghosts
+  /// only, are no sides.
+  Mesh& mesh();
+  const Mesh& mesh() const;
+  const Window& own() const;
+  bool owns(const Cell& c) const;
+  bool owns(Place place) const;
+  /// False where no other piece needs an own node.
+  bool is_near_cut(const Cell& c) const;
+  Place place_of(const Cell& c) const;
+  /// None where the window has no node there.
+  Cell* node_at(Place place);
+
+  /// Begins an update. Needs: the ghosts of the last one, with their data, and derivatives of own
+  /// nodes where sizes depend on them.
+  void begin(const size_function& size, const Resolution& resolution = {},
+             init_data_function init_data = {});
+  /// The same, asked for many nodes at once: all own ones, then those of each generation.
+  void begin_batched(const batch_size_function& sizes, const Resolution& resolution = {},
+                     init_data_function init_data = {});
+  /// Asks own nodes that have not been asked for the spacing that they want, and makes what that
+  /// takes in the window. With data, nodes that come by that are left to the next call.
+  void ask();
+  bool has_nodes_to_ask() const;
+  bool has_wants() const;
+  /// Places of others that have been found to be needed since this was asked last.
+  std::vector<Place> wants();
+  /// Makes own nodes that other pieces need.
+  void hold(std::span<const Place> places);
+  /// Lets go what neither the piece nor the others need, all ghosts among them that no own node
+  /// rests on.
+  void release();
+  /// All places of others that are needed. Lets go the other ghosts.
+  std::vector<Place> needs();
+  /// From now on other pieces need no own nodes but these, as far as they are there.
+  /// @return whether some node is not needed any more
+  bool hold_only(std::span<const Place> places);
+
+  /// Own nodes that a piece with this box needs to know: those linked to its nodes, and for
+  /// layers = 2 those linked to these.
+  std::vector<Cell*> border(const Window& box, int layers = 2);
+  /// Makes ghosts of the border of other pieces.
+  void hold_ghosts(std::span<const Place> places);
+  /// Values of nodes that have come since begin(), from those of their parents anew, in the order
+  /// in which they came: once the data of ghosts that others had before are known.
+  ///
+  /// @param is_known  nodes that keep theirs
+  /// @param first     of newcomers(): those before it keep theirs, too
+  void hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first = 0);
+  /// Nodes that have come since begin(), parents first.
+  std::span<Cell* const> newcomers() const;
+  bool has_come(const Cell& c) const;
+
+  /// Makes own nodes of a mesh that was resolved, on a piece that has its grid only: the same nodes
+  /// in the same order, whatever the order of the places. Their data are 0.
+  void hold_all(std::span<const Place> places);
+  /// Takes over what another piece was told: what becomes of data, hooks and handlers, values of
+  /// sides.
+  void take_settings(Piece& from);
+  /// The mesh of a piece that is the whole.
+  Mesh release_mesh() &&;
+
+  /// What the own nodes went through since begin().
+  const UpdateStatistics& statistics() const;
+
+  /// Whether some node came to lie where the window is cut: it is too narrow for the update.
+  bool reaches_cut() const;
+
+ private:
+  Mesh mesh_;
+  std::unique_ptr<detail::PieceUpdate> update_;
+};
+
+}  // namespace velmar_2d
