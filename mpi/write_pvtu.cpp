@@ -81,6 +81,7 @@ std::string write_pvtu(Partition& part, const std::string& path, const VtuOption
   if (part.rank() == 0) {
     fault = fault_of(path, [&] {
       std::vector<std::string> files;
+      files.reserve(static_cast<std::size_t>(part.nb_processes()));
       for (int rank = 0; rank < part.nb_processes(); ++rank) {
         files.push_back(name + "/" + file_of(rank));
       }
