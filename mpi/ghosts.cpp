@@ -35,35 +35,25 @@ void Partition::Parts::plan_exchange() {
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   const std::vector<std::vector<std::int64_t>> nb_linked_there = messages.exchange(nb_linked);
   messages.alone([&] {
-    std::unordered_map<const Cell*, std::int64_t> numbers;  // of those that are sent
     for (std::size_t i = 0; i < ranks.size(); ++i) {
       nb_sent_linked[i] = static_cast<std::size_t>(nb_linked_there[i].at(0));
       sent[i].reserve(in[i].size());
+      sent_numbers[i].reserve(in[i].size());
       for (const Place& place : in[i]) {
-        Cell* c = piece->owns(place) ? piece->node_at(place) : nullptr;
-        if (c == nullptr) throw Error("a neighbour has a ghost of a node that is not there");
-        sent[i].push_back(c);
-        numbers.emplace(c, 0);
+        const std::int64_t row = piece->row_of(place);
+        if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
+        sent[i].push_back(owned[static_cast<std::size_t>(row)]);
+        sent_numbers[i].push_back(row);
       }
-    }
-    for (std::size_t k = 0; k < owned.size(); ++k) {
-      if (owned[k]->ipos > 0 && !piece->is_near_cut(*owned[k])) continue;  // not among them
-      if (const auto found = numbers.find(owned[k]); found != numbers.end()) {
-        found->second = static_cast<std::int64_t>(k);
-      }
-    }
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
-      for (const Cell* c : sent[i]) sent_numbers[i].push_back(numbers[c]);
     }
   });
   messages.together();
 }
 
 void Partition::Parts::list_nodes() {
-  owned.clear();
-  ghosts.clear();
-  std::vector<Cell*> others;
-  for (Cell& c : piece->mesh().nodes()) (piece->owns(c) ? owned : others).push_back(&c);
+  const std::span<Cell*const> own = piece->own_nodes(), around = piece->ghosts();
+  owned.assign(own.begin(), own.end());
+  ghosts.assign(around.begin(), around.end());
   const auto is_linked = [this](const Cell* c) {
     for (const Direction d : directions) {
       const Cell* there = link(*c, d).cell();
@@ -71,9 +61,8 @@ void Partition::Parts::list_nodes() {
     }
     return false;
   };
-  const auto middle = std::stable_partition(others.begin(), others.end(), is_linked);
-  nb_linked_ghosts = static_cast<std::size_t>(middle - others.begin());
-  ghosts = std::move(others);
+  const auto middle = std::stable_partition(ghosts.begin(), ghosts.end(), is_linked);
+  nb_linked_ghosts = static_cast<std::size_t>(middle - ghosts.begin());
 }
 
 void Partition::Parts::number_nodes() {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <new>
 
@@ -10,6 +11,26 @@ namespace velmar_2d {
 
 namespace {
 constexpr int tag = 1;
+
+/// Adds the time of a scope.
+class Timed {
+ public:
+  explicit Timed(double& seconds) : seconds_(seconds), begin_(processor_seconds()) {}
+  Timed(const Timed&) = delete;
+  Timed& operator=(const Timed&) = delete;
+  ~Timed() { seconds_ += processor_seconds() - begin_; }
+
+ private:
+  double& seconds_;
+  double begin_;
+};
+
+}  // namespace
+
+double processor_seconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
 Messages::Messages(MPI_Comm communicator) {
@@ -31,12 +52,14 @@ Messages::~Messages() {
 }
 
 void Messages::send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in) const {
+  const Timed timed(seconds_);
   MPI_Datatype type = MPI_DATATYPE_NULL;
   MPI_Type_contiguous(static_cast<int>(item), MPI_BYTE, &type);
   MPI_Type_commit(&type);
   std::vector<MPI_Request> sent(neighbours_.size());
   for (std::size_t i = 0; i < neighbours_.size(); ++i) {
     const auto [data, n] = out(i);
+    nb_bytes_ += static_cast<std::int64_t>(n * item);
     MPI_Isend(data, static_cast<int>(n), type, neighbours_[i], tag, communicator_, &sent[i]);
   }
   for (std::size_t i = 0; i < neighbours_.size(); ++i) {
@@ -80,6 +103,12 @@ std::int64_t Messages::largest(std::int64_t number) const {
   return all;
 }
 
+double Messages::largest(double number) const {
+  double all = 0.0;
+  MPI_Allreduce(&number, &all, 1, MPI_DOUBLE, MPI_MAX, communicator_);
+  return all;
+}
+
 void Messages::note_fault() {
   has_fault_ = true;
   try {
@@ -94,6 +123,7 @@ void Messages::note_fault() {
 }
 
 std::int64_t Messages::together(std::int64_t number) {
+  const Timed timed(seconds_);
   // The first process with a fault, or none.
   std::array<std::int64_t, 2> own = {number, has_fault_ ? 1 : 0}, all{};
   MPI_Allreduce(own.data(), all.data(), 2, MPI_INT64_T, MPI_SUM, communicator_);

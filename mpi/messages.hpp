@@ -20,6 +20,9 @@ class FaultOfAll : public Error {
   using Error::Error;
 };
 
+/// Time of the processor that this thread has taken.
+double processor_seconds();
+
 /// A communicator of our own, so that no message meets those of the caller.
 class Messages {
  public:
@@ -71,7 +74,12 @@ class Messages {
     }
   }
 
+  /// Since they were made: time of the processor in messages, and bytes sent to neighbours.
+  double seconds() const { return seconds_; }
+  std::int64_t nb_bytes() const { return nb_bytes_; }
+
   std::int64_t sum(std::int64_t number) const;
+  double largest(double number) const;
   std::vector<std::int64_t> sum(std::vector<std::int64_t> numbers) const;
   std::int64_t largest(std::int64_t number) const;
   template <typename T>
@@ -106,6 +114,8 @@ class Messages {
   MPI_Comm communicator_ = MPI_COMM_NULL;
   int rank_ = 0, nb_processes_ = 1;
   std::vector<int> neighbours_;
+  mutable double seconds_ = 0.0;
+  mutable std::int64_t nb_bytes_ = 0;
   bool has_fault_ = false, is_broken_ = false;
   std::string fault_;
 };

@@ -116,9 +116,7 @@ void Partition::resolve_batched(const batch_size_function& sizes, init_data_func
 void Partition::compute_derivatives() {
   Messages& messages = parts_->messages;
   messages.collective([&] {
-    messages.alone([&] {
-      for (Cell* c : owned()) mesh().compute_derivatives(*c);
-    });
+    messages.alone([&] { parts_->piece->compute_derivatives(); });
     messages.together();
   });
 }
@@ -131,9 +129,12 @@ PartitionStatistics Partition::statistics() {
     all.nb_nodes = size();
     all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));
     all.most_nodes_owned = messages.largest(nb_owned);
-    for (std::int64_t* number : {&all.inserted, &all.removed, &all.visited, &all.refused}) {
+    for (std::int64_t* number :
+         {&all.inserted, &all.removed, &all.visited, &all.refused, &all.nb_bytes}) {
       *number = messages.sum(*number);
     }
+    all.update_seconds = messages.largest(all.update_seconds);
+    all.sharing_seconds = messages.largest(all.sharing_seconds);
     all.imbalance = static_cast<double>(all.most_nodes_owned) * nb_processes() /
                     static_cast<double>(all.nb_nodes);
     return all;

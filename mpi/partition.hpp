@@ -57,6 +57,14 @@ struct Partition::Parts {
   void exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer);
   bool agrees();
   void exchange_data();
+  /// Time of the processor that was not spent in messages.
+  double own_seconds() const { return processor_seconds() - messages.seconds(); }
+  template <typename Step>
+  void sharing(const Step& step) {
+    const double begin = own_seconds();
+    step();
+    statistics.sharing_seconds += own_seconds() - begin;
+  }
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
   bool rebalance(double threshold);

@@ -45,8 +45,10 @@ void Partition::Parts::refine() {
   bool is_first = true;
   while (messages.together(piece->has_nodes_to_ask() ? 1 : 0) > 0) {
     if (!std::exchange(is_first, false) && grid.n_cell_data > 0) {
-      share_ghosts();
-      hand_on_data();
+      sharing([&] {
+        share_ghosts();
+        hand_on_data();
+      });
     }
     messages.alone([&] { piece->ask(); });
     exchange_wants();
@@ -92,7 +94,11 @@ void Partition::Parts::share_ghosts() {
   });
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
-    for (const std::vector<Place>& places : in) piece->hold_ghosts(places);
+    std::vector<Place> all;
+    for (const std::vector<Place>& places : in) {
+      all.insert(all.end(), places.begin(), places.end());
+    }
+    piece->hold_ghosts(all);
     if (piece->reaches_cut()) {
       throw Error(
           "the mesh needs nodes where the window of the process ends: more overlap is "
@@ -167,6 +173,8 @@ void Partition::Parts::settle() {
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   statistics = {};
+  const double begin = own_seconds();
+  const std::int64_t bytes_before = messages.nb_bytes();
   nb_handed_on = 0;
   known_ghosts.clear();
   messages.alone([&] {
@@ -178,9 +186,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     if (mesh.transfer() == Transfer::conservative && grid.n_cell_data > 0) {
       throw Error("Transfer::conservative is for a Mesh of one process");
     }
-    if (grid.n_cell_data > 0) {
-      for (Cell* c : owned) mesh.compute_derivatives(*c);
-    }
+    piece->compute_derivatives();
     if (sizes) {
       piece->begin_batched(sizes, resolution, std::move(init_data));
     } else {
@@ -189,19 +195,23 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   });
   refine();
   release();
-  share_ghosts();
-  nb_handed_on = 0;
-  known_ghosts.clear();
-  hand_on_data();
-  plan_exchange();
-  number_nodes();
-  exchange_data();
-  if (!agrees()) throw FaultOfAll(differing);
+  sharing([&] {
+    share_ghosts();
+    nb_handed_on = 0;
+    known_ghosts.clear();
+    hand_on_data();
+    plan_exchange();
+    number_nodes();
+    exchange_data();
+    if (!agrees()) throw FaultOfAll(differing);
+  });
   const UpdateStatistics& own = piece->statistics();
   statistics.inserted = own.inserted;
   statistics.removed = own.removed;
   statistics.visited = own.visited;
   statistics.refused = own.refused;
+  statistics.nb_bytes = messages.nb_bytes() - bytes_before;
+  statistics.update_seconds = own_seconds() - begin;
 }
 
 }  // namespace velmar_2d

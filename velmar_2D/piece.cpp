@@ -18,6 +18,13 @@ std::vector<detail::LatticePoint> to_lattice(std::span<const Place> places) {
   return points;
 }
 
+std::vector<Place> to_places(const std::vector<detail::LatticePoint>& points) {
+  std::vector<Place> places;
+  places.reserve(points.size());
+  for (const detail::LatticePoint& p : points) places.push_back(to_place(p));
+  return places;
+}
+
 /// What the piece keeps around its box.
 Window widened(const Window& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
   return {std::max(own.west - overlap, 0), std::min(own.east + overlap, nx - 1),
@@ -41,7 +48,7 @@ Piece::Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::i
         const Window window = checked_window(own, overlap, grid.nx, ny);
         return Mesh(whole, grid, &window);
       }()),
-      update_(new detail::PieceUpdate(mesh_.state(), own, grid.nx, rows_of(whole, grid))) {
+      update_(new detail::PieceUpdate(mesh_.state(), own, overlap, grid.nx, rows_of(whole, grid))) {
   mesh_.state().candidate_order = detail::CandidateOrder::by_place;
 }
 Piece::Piece(Piece&&) noexcept = default;
@@ -52,7 +59,6 @@ Mesh& Piece::mesh() { return mesh_; }
 const Mesh& Piece::mesh() const { return mesh_; }
 const Window& Piece::own() const { return update_->own(); }
 bool Piece::owns(const Cell& c) const { return update_->owns(c); }
-bool Piece::is_near_cut(const Cell& c) const { return update_->is_near(c); }
 bool Piece::owns(Place place) const { return update_->owns(to_lattice(place)); }
 Place Piece::place_of(const Cell& c) const { return to_place(update_->place_of(c)); }
 Cell* Piece::node_at(Place place) { return update_->node_at(to_lattice(place)); }
@@ -68,6 +74,11 @@ void Piece::begin_batched(const batch_size_function& sizes, const Resolution& re
   update_->begin({}, sizes, resolution, std::move(init_data));
 }
 
+void Piece::compute_derivatives() { update_->compute_derivatives(); }
+std::span<Cell* const> Piece::own_nodes() { return update_->own_nodes(); }
+std::span<Cell* const> Piece::ghosts() { return update_->ghosts(); }
+std::int64_t Piece::row_of(Place place) { return update_->row_of(to_lattice(place)); }
+
 void Piece::ask() {
   const detail::MeshChange change(mesh_.state(), "Piece::ask");
   update_->ask();
@@ -75,11 +86,7 @@ void Piece::ask() {
 bool Piece::has_nodes_to_ask() const { return update_->has_nodes_to_ask(); }
 bool Piece::has_wants() const { return update_->has_wants(); }
 
-std::vector<Place> Piece::wants() {
-  std::vector<Place> places;
-  for (const detail::LatticePoint& p : update_->take_wants()) places.push_back(to_place(p));
-  return places;
-}
+std::vector<Place> Piece::wants() { return to_places(update_->take_wants()); }
 
 void Piece::hold(std::span<const Place> places) {
   const detail::MeshChange change(mesh_.state(), "Piece::hold");
@@ -93,8 +100,7 @@ void Piece::release() {
 
 std::vector<Place> Piece::needs() {
   const detail::MeshChange change(mesh_.state(), "Piece::needs");
-  update_->find_needs();
-  return wants();
+  return to_places(update_->find_needs());
 }
 
 bool Piece::hold_only(std::span<const Place> places) {

@@ -69,11 +69,17 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   const Window& own() const;
   bool owns(const Cell& c) const;
   bool owns(Place place) const;
-  /// False where no other piece needs an own node.
-  bool is_near_cut(const Cell& c) const;
   Place place_of(const Cell& c) const;
   /// None where the window has no node there.
   Cell* node_at(Place place);
+  /// In the order of the list; good until nodes come or go.
+  std::span<Cell* const> own_nodes();
+  std::span<Cell* const> ghosts();
+  /// Of a node that another piece has a ghost of: its number among own_nodes(); -1 where none of
+  /// these is there. Needs: own_nodes() since nodes came or went.
+  std::int64_t row_of(Place place);
+  /// Of data[0], at own nodes.
+  void compute_derivatives();
 
   /// Begins an update. Needs: the ghosts of the last one, with their data, and derivatives of own
   /// nodes where sizes depend on them.

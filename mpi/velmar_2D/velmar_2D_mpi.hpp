@@ -44,7 +44,11 @@ struct PartitionStatistics {
   std::int64_t most_nodes_owned = 0;  ///< by one process
   int nb_rounds = 0;                  ///< of messages in the last update, until nothing was new
   std::int64_t inserted = 0, removed = 0, visited = 0, refused = 0;  ///< owned, last update
-  double imbalance = 1.0;  ///< most_nodes_owned x number of processes / nb_nodes
+  double imbalance = 1.0;     ///< most_nodes_owned x number of processes / nb_nodes
+  std::int64_t nb_bytes = 0;  ///< that all processes sent in the last update
+  /// Time of the processor that the slowest process took for the last update, without what it spent
+  /// in messages, and what of it went into ghosts, their data, the plan of exchanges and the check.
+  double update_seconds = 0.0, sharing_seconds = 0.0;
 };
 
 enum class GhostLayer {

@@ -52,6 +52,12 @@ void compare(Partition& part, Mesh& mesh, int step) {
   }
   for (Cell* c : part.owned()) owned.insert(record_of(part.mesh(), *c));
   expect(owned.size() == part.owned().size(), "each node is owned once", step);
+  std::size_t row = 0;
+  bool are_in_order = true;
+  for (Cell& c : part.mesh().nodes()) {
+    if (part.owns(c)) are_in_order = are_in_order && part.owned()[row++] == &c;
+  }
+  expect(are_in_order, "owned nodes come in the order of the list", step);
   expect(owned == expected, "owned nodes are those of one process", step);
   expect(part.size() == mesh.size(), "number of nodes", step);
   expect(part.agrees(), "agrees", step);

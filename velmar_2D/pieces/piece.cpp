@@ -4,6 +4,7 @@
 // some lie in the boxes of others: they, and what they rest on, are wanted there. The others make
 // them exist as if one of their own nodes wanted them, which may bring nodes that want more; until
 // nothing is new. Then each piece has exactly the nodes that one mesh would have in its box.
+#include <bit>
 #include <cmath>
 
 #include "velmar_2D/find/find.hpp"
@@ -13,23 +14,42 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// The spacing of a level along x or y, in units of the lattice.
-std::int64_t reach_of(const Lattice& lattice, std::int32_t level) {
-  return lattice.grid_step() >> (level / 2);
+/// Nodes ahead of the one in hand.
+constexpr std::size_t ahead = 12;
+VELMAR_2D_ALWAYS_INLINE void prefetch_node(const Cell* c) {
+  const auto* bytes = reinterpret_cast<const std::byte*>(c);
+  prefetch(bytes);
+  prefetch(bytes + cache_line);
 }
+
+/// Addresses of a few nodes, among which many are looked up.
+class AddressSet {
+ public:
+  explicit AddressSet(std::span<const Cell* const> nodes)
+      : slots_(std::bit_ceil(8 * nodes.size() + 1), nullptr) {
+    for (const Cell* c : nodes) slots_[slot_of(c)] = c;
+  }
+  bool contains(const Cell* c) const { return slots_[slot_of(c)] == c; }
+
+ private:
+  std::size_t slot_of(const Cell* c) const {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(c));
+    std::size_t slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
+    for (;; ++slot) {
+      slot &= slots_.size() - 1;
+      if (slots_[slot] == nullptr || slots_[slot] == c) return slot;
+    }
+  }
+  std::vector<const Cell*> slots_;
+};
 
 }  // namespace
 
-std::int64_t Box::distance_to(LatticePoint p) const {
-  const auto beyond = [](std::int64_t at, std::int64_t first, std::int64_t end) {
-    return at < first ? first - at : at >= end ? at - end + 1 : 0;
-  };
-  return std::max(beyond(p.x, low.x, high.x), beyond(p.y, low.y, high.y));
-}
-
-PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t nx, std::int32_t ny)
+PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t overlap, std::int32_t nx,
+                         std::int32_t ny)
     : state_(state),
       own_(own),
+      overlap_(overlap),
       nx_(nx),
       ny_(ny),
       wants_(Lattice::of_few(state)),
@@ -58,19 +78,99 @@ double PieceUpdate::distance_to_cut(const Cell& c) const {
 
 // A node is linked to others up to the spacing of its level away, and those to others up to that of
 // theirs, which is at most twice as large. What others rest on, by however many steps, lies within
-// four times that of its ipos.
+// four times that of its ipos. The grid is kept in all of the window.
 bool PieceUpdate::is_near(const Cell& c) const {
-  const double spacing = state_.domain.dist_0 / exact_power_of_2(c.level / 2);
-  const double resting = state_.domain.dist_0 / exact_power_of_2(std::max(c.ipos, 1) / 2);
-  return distance_to_cut(c) <= std::max(8.0 * spacing, 4.0 * resting);
+  if (c.ipos == 0) return distance_to_cut(c) <= (overlap_ + 0.5) * state_.domain.dist_0;
+  const double widest = state_.domain.dist_0 / exact_power_of_2(c.ipos / 2);
+  return distance_to_cut(c) <= 4.0 * widest;
 }
 
-void PieceUpdate::find_near() {
-  near_.clear();
-  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    if (owns(*c) && is_near(*c)) near_.push_back(c);
+void PieceUpdate::list(Cell& c, bool is_near_cut) {
+  if (is_near_cut) {
+    near_.push_back(&c);
+    near_rows_.push_back(own_nodes_.size());
   }
-  near_is_current_ = true;
+  own_nodes_.push_back(&c);
+}
+
+void PieceUpdate::list_all() {
+  own_nodes_.clear();
+  ghosts_.clear();
+  near_.clear();
+  near_rows_.clear();
+  first_rows_.clear();
+  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (!owns(*c)) {
+      ghosts_.push_back(c);
+      continue;
+    }
+    first_rows_.resize(static_cast<std::size_t>(c->ipos) + 1, own_nodes_.size());
+    list(*c, is_near(*c));
+  }
+}
+
+// A node that comes is the first of its stretch, and the others keep their order: so the list is
+// known without a look at the nodes that stay.
+void PieceUpdate::list_changes() {
+  const AddressSet gone(gone_own_);
+  std::vector<Cell*>& before = own_nodes_before_;
+  before.swap(own_nodes_);
+  own_nodes_.clear();
+  own_nodes_.reserve(before.size() + newcomers_.size());
+  const std::vector<std::size_t> near_rows_before = std::exchange(near_rows_, {});
+  near_.clear();
+  std::vector<std::vector<Cell*>> come(state_.level_end.size());
+  for (Cell* c : newcomers_) {
+    if (owns(*c)) come[static_cast<std::size_t>(c->ipos)].push_back(c);
+  }
+  std::size_t row = 0, near = 0;
+  std::vector<std::size_t> first_rows;
+  for (std::size_t l = 0; l < come.size(); ++l) {
+    first_rows.push_back(own_nodes_.size());
+    for (std::size_t i = come[l].size(); i-- > 0;) list(*come[l][i], is_near(*come[l][i]));
+    const std::size_t end = l + 1 < first_rows_.size() ? first_rows_[l + 1] : before.size();
+    for (; row < end; ++row) {
+      const bool is_near_cut = near < near_rows_before.size() && near_rows_before[near] == row;
+      near += is_near_cut ? 1 : 0;
+      if (!gone.contains(before[row])) list(*before[row], is_near_cut);
+    }
+  }
+  first_rows_ = std::move(first_rows);
+}
+
+void PieceUpdate::list_nodes() {
+  if (knows_changes_) {
+    list_changes();
+  } else {
+    list_all();
+  }
+  gone_own_.clear();
+  near_table_.reset();
+  listed_revision_ = state_.mesh_revision;
+  is_listed_ = true;
+  knows_changes_ = false;
+}
+
+void PieceUpdate::list_if_changed() {
+  if (!is_listed_ || listed_revision_ != state_.mesh_revision) list_nodes();
+}
+
+void PieceUpdate::tabulate_near() {
+  near_table_ = Lattice::of_few(state_);
+  for (Cell* c : near_) near_table_->add({place_of(*c), c, c->ipos});
+}
+
+Cell* PieceUpdate::near_node_at(LatticePoint p) {
+  if (!near_table_) tabulate_near();
+  const std::int32_t number = near_table_->find(p);
+  return number < 0 ? node_at(p) : near_table_->entries()[static_cast<std::size_t>(number)].cell;
+}
+
+std::int64_t PieceUpdate::row_of(LatticePoint p) {
+  if (!near_table_) tabulate_near();
+  const std::int32_t number = near_table_->find(p);
+  if (number < 0 || static_cast<std::size_t>(number) >= near_rows_.size()) return -1;
+  return static_cast<std::int64_t>(near_rows_[static_cast<std::size_t>(number)]);
 }
 
 Box PieceUpdate::box_of(const Window& window) const {
@@ -152,29 +252,42 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   sizes_ = sizes;
   resolution_ = resolution;
   init_data_ = std::move(init_data);
-  forget_wants();
-  held_.clear();
-  held_ghosts_.clear();
   newcomers_.clear();
   parents_.clear();
-  to_ask_.clear();
-  nb_asked_ = nb_noted_ = 0;
-  first_new_id_ = state_.next_id;
+  nb_asked_ = nb_noted_ = nb_told_ = 0;
   statistics_ = {};
-  reaches_cut_ = surplus_has_gone_ = false;
+  reaches_cut_ = ghosts_are_needed_ = false;
+  knows_fallen_ = std::exchange(surplus_has_gone_, false);
+  fallen_.clear();
+  freed_.clear();
   if (state_.resolved_revision != state_.mesh_revision) {
     split_sublists(state_);
     const JoinAtEnd join_at_end(state_);
     restore_rings(state_, resolution.most_nodes);
+    knows_fallen_ = false;
   }
-  near_.clear();
-  for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    c->wanted_level = 0;
-    if (!owns(*c)) continue;
-    to_ask_.push_back(c);
-    if (is_near(*c)) near_.push_back(c);
+  knows_changes_ = false;
+  list_if_changed();
+  knows_changes_ = true;
+  first_new_id_ = state_.next_id;
+  held_ghosts_.clear();
+  for (Cell* c : ghosts_) c->wanted_level = 0;
+  to_ask_ = own_nodes_;
+  is_updating_ = true;
+}
+
+void PieceUpdate::compute_derivatives() {
+  if (state_.n_cell_data <= 0) return;
+  list_if_changed();
+  Workspace work;
+  const std::size_t n = own_nodes_.size();
+  for (std::size_t i = 0; i < n; ++i) {
+    if (i + 2 * ahead < n) prefetch_node(own_nodes_[i + 2 * ahead]);
+    if (i + ahead < n) {
+      for (int d = 0; d < nb_directions; ++d) prefetch(link(*own_nodes_[i + ahead], d).cell());
+    }
+    compute_data_at_node(state_, work, own_nodes_[i]);
   }
-  near_is_current_ = true;
 }
 
 /// By generations where there are data, since those that come need derivatives first.
@@ -191,6 +304,7 @@ void PieceUpdate::ask() {
       sizes_(nodes, sizes);
     }
     while (nb_asked_ < end) {
+      if (nb_asked_ + ahead < end) prefetch_node(to_ask_[nb_asked_ + ahead]);
       Cell& c = *to_ask_[nb_asked_++];
       ask(c, sizes_ ? sizes[nb_asked_ - 1 - first] : SizesOneByOne(size_).at(c));
       note_newcomers();
@@ -201,12 +315,13 @@ void PieceUpdate::ask() {
 void PieceUpdate::ask(Cell& c, double size) {
   ++statistics_.visited;
   const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
+  const std::int32_t before = wanted_level(c);
+  if (knows_fallen_ && want.kept < before && before > c.ipos) fallen_.push_back(&c);
   c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
     RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
   }
   if (want.is_refused && c.level >= want.level) statistics_.refused += c.reserve;
-  want_rings_beyond(c, want.level);
 }
 
 void PieceUpdate::note_newcomers() {
@@ -217,28 +332,28 @@ void PieceUpdate::note_newcomers() {
       if (record != nullptr && record->bc_type == bc_type_cut) reaches_cut_ = true;
     }
     if (!owns(c)) continue;
-    if (near_is_current_ && is_near(c)) near_.push_back(&c);
+    if (is_near(c)) {
+      near_.push_back(&c);
+      if (near_table_) near_table_->add({place_of(c), &c, c.ipos});
+    }
     to_ask_.push_back(&c);
     ++statistics_.inserted;
   }
 }
 
-void PieceUpdate::want_rings_beyond(const Cell& c, std::int32_t level) {
-  const double widest = state_.domain.dist_0 / exact_power_of_2(std::max(c.ipos, 1) / 2);
-  if (distance_to_cut(c) > widest) return;
-  const LatticePoint p = place_of(c);
-  for (std::int32_t l = std::max(1, c.ipos); l <= std::max(level, c.ipos); ++l) {
-    for (int d = l % 2; d < nb_directions; d += 2) want(wants_.neighbour(p, d, l));
+// Ghosts that were there before the update are at their owners, who let none go before they have
+// been told what is needed. So all that is new to others is what has come here.
+std::vector<LatticePoint> PieceUpdate::take_wants() {
+  std::vector<LatticePoint> places;
+  for (; nb_told_ < newcomers_.size(); ++nb_told_) {
+    if (!owns(*newcomers_[nb_told_])) places.push_back(place_of(*newcomers_[nb_told_]));
   }
+  return places;
 }
 
-/// With all that it rests on elsewhere.
-void PieceUpdate::want(LatticePoint p) {
-  if (!wants_.is_in_frame(p) || owns(p)) return;
-  const std::int32_t ipos = wants_.ipos(p);
-  if (ipos == 0 || wants_.add({p, nullptr, ipos}) < 0) return;
-  new_wants_.push_back(p);
-  for (int d = ipos % 2; d < nb_directions; d += 2) want(wants_.neighbour(p, d, ipos));
+bool PieceUpdate::has_wants() const {
+  return std::any_of(newcomers_.begin() + static_cast<std::ptrdiff_t>(nb_told_), newcomers_.end(),
+                     [this](const Cell* c) { return !owns(*c); });
 }
 
 Cell* PieceUpdate::make(LatticePoint p) {
@@ -294,101 +409,163 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
     c->wanted_level |= is_held;
     held_.push_back(c);
   }
-  near_is_current_ = false;
   note_newcomers();
+  nb_told_ = newcomers_.size();
+  is_listed_ = knows_changes_ = false;
   state_.resolved_revision = state_.mesh_revision;
 }
 
-void PieceUpdate::forget_wants() {
-  wants_ = Lattice::of_few(state_);
-  new_wants_.clear();
-}
+/// While nodes go. Those that have gone are forgotten at its end.
+class PieceUpdate::Removal {
+ public:
+  explicit Removal(PieceUpdate& update) : update_(update), join_at_end_(update.state_) {
+    if (!update.state_.lists_are_split()) split_sublists(update.state_);
+  }
+  Removal(const Removal&) = delete;
+  Removal& operator=(const Removal&) = delete;
+  ~Removal() {
+    update_.forget_gone();
+    update_.state_.resolved_revision = update_.state_.mesh_revision;
+  }
 
-// Each ghost that is no surplus here has an own node that wants it or rests on it, if only by way
-// of other ghosts.
-void PieceUpdate::find_needs() {
-  forget_wants();
-  if (!surplus_has_gone_) {
-    remove_surplus([this](const Cell& c) { return !owns(c); });
+ private:
+  PieceUpdate& update_;
+  JoinAtEnd join_at_end_;
+};
+
+// Each ghost that is no surplus has an own node that wants it or rests on it, if only by way of
+// other ghosts.
+std::vector<LatticePoint> PieceUpdate::find_needs() {
+  if (!ghosts_are_needed_) {
+    for (Cell* c : std::exchange(held_ghosts_, {})) {
+      c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+    }
+    for (Cell* c : newcomers_) {
+      if (!owns(*c)) ghosts_.push_back(c);
+    }
+    std::vector<Cell*> candidates = ghosts_;
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Cell* a, const Cell* b) { return a->ipos > b->ipos; });
+    const Removal removal(*this);
+    for (Cell* c : candidates) {
+      if (is_surplus(*c)) remove(*c);
+    }
+    ghosts_are_needed_ = true;
   }
-  for (const Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
-    if (c->ipos > 0 && !owns(*c)) new_wants_.push_back(place_of(*c));
+  std::vector<LatticePoint> places;
+  for (const Cell* c : ghosts_) {
+    if (c->ipos > 0) places.push_back(place_of(*c));
   }
+  return places;
 }
 
 bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
   const std::vector<Cell*> before = std::exchange(held_, {});
   for (Cell* c : before) c->wanted_level &= static_cast<std::uint8_t>(~is_held);
   for (const LatticePoint& p : places) {
-    Cell* c = node_at(p);
+    Cell* c = near_node_at(p);
     if (c == nullptr) continue;
     c->wanted_level |= is_held;
     held_.push_back(c);
   }
-  return std::any_of(before.begin(), before.end(),
-                     [](const Cell* c) { return (c->wanted_level & is_held) == 0; });
+  bool has_lost = false;
+  for (Cell* c : before) {
+    if ((c->wanted_level & is_held) != 0) continue;
+    has_lost = true;
+    freed_.push_back(c);
+  }
+  return has_lost;
 }
 
-void PieceUpdate::forget_newcomers(const std::unordered_set<const Cell*>& gone) {
+void PieceUpdate::forget_gone() {
+  if (gone_.empty()) return;
+  const auto has_gone = [this](const Cell* c) { return gone_.count(c) > 0; };
+  std::erase_if(ghosts_, has_gone);
+  std::erase_if(near_, has_gone);
+  std::erase_if(freed_, has_gone);
   std::size_t n = 0;
   for (std::size_t i = 0; i < newcomers_.size(); ++i) {
-    if (gone.count(newcomers_[i]) > 0) continue;
+    if (has_gone(newcomers_[i])) continue;
     newcomers_[n] = newcomers_[i];
     parents_[n++] = parents_[i];
   }
   newcomers_.resize(n);
   parents_.resize(n);
-  nb_noted_ = n;
+  nb_noted_ = nb_told_ = n;
+  gone_.clear();
+  state_.history.forget();
+}
+
+/// What it rested on may be no more than surplus now.
+void PieceUpdate::remove(Cell& c) {
+  if (owns(c)) {
+    ++statistics_.removed;
+    gone_own_.push_back(&c);
+  }
+  for (int d = c.ipos % 2; d < nb_directions; d += 2) {
+    Cell* parent = link(c, d).cell();
+    if (parent != nullptr && parent->ipos > 0) freed_.push_back(parent);
+  }
+  gone_.insert(&c);
+  Cell* node = &c;
+  remove_by_level(state_, node);
 }
 
 void PieceUpdate::release() {
-  remove_surplus([](const Cell&) { return true; });
-  surplus_has_gone_ = true;
+  constexpr std::size_t few = 12;  // as where one process resolves
+  const Removal removal(*this);
+  if (!knows_fallen_ || fallen_.size() > own_nodes_.size() / few) {
+    release_everywhere();
+  } else {
+    release_around_fallen();
+  }
+  knows_fallen_ = surplus_has_gone_ = true;
+  fallen_.clear();
+  freed_.clear();
+  is_updating_ = is_listed_ = false;
   state_.surplus_has_gone = false;
 }
 
-/// Of nodes that may go.
-template <typename MayGo>
-void PieceUpdate::remove_surplus(const MayGo& may_go) {
-  for (Cell* c : std::exchange(held_ghosts_, {})) {
-    c->wanted_level &= static_cast<std::uint8_t>(~is_held);
-  }
-  std::unordered_set<const Cell*> gone;
-  split_sublists(state_);
-  const JoinAtEnd join_at_end(state_);
-  Walk walk = Walk::to_coarsen(state_.history);
-  state_.history.begin_recording(state_.nb_nodes);
+void PieceUpdate::release_everywhere() {
   for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-    for (Cell& c : walk(state_.level_end[l].next)) {
-      const bool removing = is_surplus(c) && may_go(c);
-      walk.changes_mesh_here(removing);
-      if (!removing) continue;
-      if (owns(c)) ++statistics_.removed;
-      gone.insert(&c);
-      Cell* node = &c;
-      remove_by_level(state_, node);
-      walk.removed_node();
+    for (Cell* c = state_.level_end[l].next; c != nullptr;) {
+      Cell* next = c->prev;
+      if (is_surplus(*c)) remove(*c);
+      c = next;
     }
   }
-  state_.history.end_recording();
-  near_is_current_ = false;
-  forget_newcomers(gone);
-  state_.resolved_revision = state_.mesh_revision;
 }
 
-// A node of level l is linked to none beyond the spacing of that level.
+void PieceUpdate::release_around_fallen() {
+  for (const Cell* p : fallen_) {
+    for (int d = 0; d < nb_directions; ++d) {
+      Cell* linked = link(*p, d).cell();
+      if (linked != nullptr && linked->ipos > p->ipos) freed_.push_back(linked);
+    }
+  }
+  for (std::size_t next = 0; next < freed_.size(); ++next) {
+    if (gone_.count(freed_[next]) == 0 && is_surplus(*freed_[next])) remove(*freed_[next]);
+  }
+}
+
+// A node of level l is linked to none beyond the spacing of that level. A little more does no harm.
 std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) {
-  const Box other = box_of(of);
-  std::vector<Cell*> found;
-  const auto is_near = [&](const Cell& c) {
-    return other.distance_to(place_of(c)) <= reach_of(wants_, c.level);
+  if (!is_updating_ && !is_listed_) list_nodes();
+  const Frame& frame = state_.domain.frame;
+  const double dist_0 = state_.domain.dist_0;
+  const double west = frame.x_min + of.west * dist_0, east = frame.x_min + of.east * dist_0;
+  const double south = frame.y_min + of.south * dist_0, north = frame.y_min + of.north * dist_0;
+  const auto reaches = [&](const Cell& c) {
+    const double reach = 1.001 * dist_0 / exact_power_of_2(c.level / 2);
+    return c.x >= west - reach && c.x <= east + reach && c.y >= south - reach &&
+           c.y <= north + reach;
   };
-  if (!near_is_current_) find_near();
+  std::vector<Cell*> found;
   for (Cell* c : near_) {
-    bool needed = is_near(*c);
+    bool needed = reaches(*c);
     for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
       const Cell* linked = link(*c, d).cell();
-      needed = linked != nullptr && is_near(*linked);
+      needed = linked != nullptr && reaches(*linked);
     }
     if (needed) found.push_back(c);
   }
@@ -396,13 +573,26 @@ std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) {
 }
 
 void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
+  if (!is_updating_ && !is_listed_) list_nodes();
   const Insertion insertion(*this);
+  const std::size_t nb_before = newcomers_.size();
+  Lattice known = Lattice::of_few(state_);
+  for (Cell* c : ghosts_) known.add({place_of(*c), c, c->ipos});
   for (const LatticePoint& p : places) {
     if (!wants_.contains(p)) continue;
-    held_ghosts_.push_back(make(p));
-    held_ghosts_.back()->wanted_level |= is_held;
+    const std::int32_t number = known.find(p);
+    Cell* c = number < 0 ? make(p) : known.entries()[static_cast<std::size_t>(number)].cell;
+    c->wanted_level |= is_held;
+    held_ghosts_.push_back(c);
   }
   note_newcomers();
+  nb_told_ = newcomers_.size();
+  // After the last step of an update own nodes are listed already, and none comes here.
+  if (!is_updating_) {
+    ghosts_.insert(ghosts_.end(), newcomers_.begin() + static_cast<std::ptrdiff_t>(nb_before),
+                   newcomers_.end());
+    listed_revision_ = state_.mesh_revision;
+  }
   state_.resolved_revision = state_.mesh_revision;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <unordered_set>
 
 #include "velmar_2D/resolve/resolve.hpp"
 
@@ -15,14 +16,13 @@ struct Box {
   bool contains(LatticePoint p) const {
     return p.x >= low.x && p.x < high.x && p.y >= low.y && p.y < high.y;
   }
-  /// The distance along x or y, whichever is larger; 0 inside.
-  std::int64_t distance_to(LatticePoint p) const;
 };
 
 /// The steps of a common update, on the mesh of one window.
 class PieceUpdate {
  public:
-  PieceUpdate(State& state, const Window& own, std::int32_t nx, std::int32_t ny);
+  PieceUpdate(State& state, const Window& own, std::int32_t overlap, std::int32_t nx,
+              std::int32_t ny);
 
   const Window& own() const { return own_; }
   bool owns(LatticePoint p) const { return box_.contains(p); }
@@ -40,12 +40,25 @@ class PieceUpdate {
              const Resolution& resolution, init_data_function init_data);
   void ask();
   bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
-  bool has_wants() const { return !new_wants_.empty(); }
-  std::vector<LatticePoint> take_wants() { return std::exchange(new_wants_, {}); }
+  bool has_wants() const;
+  std::vector<LatticePoint> take_wants();
   void hold(std::span<const LatticePoint> places);
   void release();
-  void find_needs();
+  std::vector<LatticePoint> find_needs();
   bool hold_only(std::span<const LatticePoint> places);
+
+  void compute_derivatives();
+  std::span<Cell* const> own_nodes() {
+    list_if_changed();
+    return own_nodes_;
+  }
+  std::span<Cell* const> ghosts() {
+    list_if_changed();
+    return ghosts_;
+  }
+  /// Of a node near a cut among own_nodes(), -1 where there is none. Needs: these asked for since
+  /// nodes came or went.
+  std::int64_t row_of(LatticePoint p);
 
   void hold_all(std::span<const LatticePoint> places);
 
@@ -59,45 +72,64 @@ class PieceUpdate {
 
  private:
   class Insertion;
-  void forget_wants();
-  template <typename MayGo>
-  void remove_surplus(const MayGo& may_go);
+  class Removal;
   Box box_of(const Window& window) const;
   void find_sides_of_box();
-  void find_near();
   double distance_to_cut(const Cell& c) const;
+  void list(Cell& c, bool is_near_cut);
+  void list_all();
+  void list_changes();
+  void list_nodes();
+  void list_if_changed();
+  void tabulate_near();
+  Cell* near_node_at(LatticePoint p);
   void ask(Cell& c, double size);
   void note_newcomers();
-  void forget_newcomers(const std::unordered_set<const Cell*>& gone);
-  void want_rings_beyond(const Cell& c, std::int32_t level);
-  void want(LatticePoint p);
+  void remove(Cell& c);
+  void forget_gone();
+  void release_everywhere();
+  void release_around_fallen();
   /// The node at a place, made with all that it rests on where it is missing.
   Cell* make(LatticePoint p);
   Point point_at(LatticePoint p) const;
 
   State& state_;
   Window own_;
-  std::int32_t nx_, ny_;
-  Lattice wants_;  ///< places of others, with all that they rest on there
+  std::int32_t overlap_, nx_, ny_;
+  Lattice wants_;  ///< holds nothing: tells what lies where
   Box box_;
   double west_ = 0.0, east_ = 0.0, south_ = 0.0,
          north_ = 0.0;  ///< a little before the box; infinite where the whole ends
   size_function size_;
   batch_size_function sizes_;
   Resolution resolution_;
-  std::vector<LatticePoint> new_wants_;
   std::vector<Cell*> held_, held_ghosts_;
-  std::vector<Cell*> near_;  ///< own nodes that others may need, and some more
-  bool near_is_current_ = false;
+  std::vector<Cell*> own_nodes_, ghosts_;  ///< in the order of the list
+  std::vector<Cell*> own_nodes_before_;    ///< its memory is kept
+  std::vector<std::size_t> first_rows_;    ///< of each stretch, in own_nodes_
+  std::vector<Cell*> near_;                ///< own nodes that others may need, and some more
+  std::vector<std::size_t> near_rows_;     ///< where they stand among own_nodes_, as far as listed
+  std::optional<Lattice> near_table_;      ///< of near_, in its order, once it is asked for
+  bool is_listed_ = false, is_updating_ = false;
+  bool knows_changes_ = false;  ///< since they were listed: the newcomers, and those that have gone
+  std::vector<const Cell*> gone_own_;
+  std::uint64_t listed_revision_ = 0;
+  std::vector<const Cell*> fallen_;  ///< own nodes that want less than before
+  std::vector<Cell*> freed_;         ///< that may be surplus, besides those around the fallen
+  std::unordered_set<const Cell*> gone_;
   std::optional<Lattice> nodes_by_place_;  ///< while many are made
   std::int64_t first_new_id_ = 0;
   std::vector<Cell*> newcomers_;
   std::vector<std::array<Cell*, 4>> parents_;  ///< of the newcomers
   std::vector<Cell*> to_ask_;                  ///< own nodes, in the order of their coming
-  std::size_t nb_asked_ = 0, nb_noted_ = 0;    ///< of those, and of the newcomers
+  std::size_t nb_asked_ = 0;                   ///< of those
+  std::size_t nb_noted_ = 0, nb_told_ = 0;     ///< of the newcomers, the latter to others
   init_data_function init_data_;
   UpdateStatistics statistics_;
-  bool reaches_cut_ = false, surplus_has_gone_ = false;
+  bool reaches_cut_ = false;
+  bool surplus_has_gone_ = false;   ///< with the last update
+  bool knows_fallen_ = false;       ///< all that may go is around those whose wants have fallen
+  bool ghosts_are_needed_ = false;  ///< those that are not have gone
 };
 
 }  // namespace velmar_2d::detail

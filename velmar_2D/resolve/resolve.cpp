@@ -207,8 +207,9 @@ class Resolver {
     const Want want = wants_.of(c, size, lowest);
     const std::int32_t before = wanted_level(c);
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
-    // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
-    const bool may_release = want.kept < before && want.kept <= c.level && before > c.ipos;
+    // Members of any ring may be there, each on two of the ring below; what is wanted up to ipos
+    // concerns parents only.
+    const bool may_release = want.kept < before && before > c.ipos;
     if (may_release && knows_fallen_) note_fallen(c);
     state_.progress.step();
     const bool raising = want.level > c.level;
