@@ -34,7 +34,8 @@ packages_to_test_all=(python3-venv python3-pip python3-setuptools python3-wheel 
                       g++-aarch64-linux-gnu g++-s390x-linux-gnu g++-i686-linux-gnu qemu-user
                       g++-mingw-w64-x86-64-posix wine64
                       "${packages_for_the_page[@]}" chromium chromium-driver python3-selenium
-                       libopenmpi-dev openmpi-bin)
+                       libopenmpi-dev openmpi-bin petsc-dev python3-mpi4py
+                       python3-petsc4py python3-vtk9)
 # p4est's headers need those of the MPI that it was built with.
 packages_to_compare=("${packages_for_the_demo[@]}" libbenchmark-dev libp4est-dev mpi-default-dev
                      libeigen3-dev python3)

@@ -27,6 +27,9 @@ endif()
 
 if(VELMAR_2D_BUILD_MPI)
   velmar_2d_install_library(velmar_2d_mpi velmar_2d_mpiTargets mpi)
+  if(TARGET velmar_2d_mpi_io)
+    velmar_2d_install_library(velmar_2d_mpi_io velmar_2d_mpi_ioTargets mpi)
+  endif()
 endif()
 
 configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake

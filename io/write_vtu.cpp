@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "io/output_file.hpp"
+#include "io/vtu_part.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
 
 namespace velmar_2d::io {
@@ -125,6 +126,7 @@ class ArrayWriter {
 // ---------------------------------------------------------------------------------------------
 
 constexpr std::uint8_t vtk_triangle = 5, vtk_polygon = 7;
+constexpr std::uint8_t owned = 0, double_point = 1;  ///< in vtkGhostType
 
 struct VtkGrid {
   std::vector<const Cell*> nodes;  ///< whose values are written, in the order of points or cells
@@ -146,6 +148,38 @@ VtkGrid grid_of_triangles(const Mesh& mesh) {
   grid.offsets.reserve(triangulation.triangles.size());
   for (const auto& triangle : triangulation.triangles) {
     grid.connectivity.insert(grid.connectivity.end(), triangle.begin(), triangle.end());
+    grid.close_cell();
+  }
+  return grid;
+}
+
+/// Points are the nodes of the part, then those of others that its triangles need.
+VtkGrid grid_of_triangles(const Mesh& mesh, const VtuPart& part) {
+  const Triangulation triangulation = mesh.triangulation();
+  VtkGrid grid;
+  std::vector<std::int64_t> point_of(triangulation.nodes.size(), -1);
+  const auto add_node = [&](std::size_t i) {
+    point_of[i] = static_cast<std::int64_t>(grid.nodes.size());
+    grid.nodes.push_back(triangulation.nodes[i]);
+    grid.add_point(triangulation.nodes[i]->x, triangulation.nodes[i]->y);
+  };
+  for (std::size_t i = 0; i < point_of.size(); ++i) {
+    if (part.owns(*triangulation.nodes[i])) add_node(i);
+  }
+  for (const auto& triangle : triangulation.triangles) {
+    const Cell* lowest = nullptr;
+    for (const std::int32_t corner : triangle) {
+      const Cell* c = triangulation.nodes[static_cast<std::size_t>(corner)];
+      if (lowest == nullptr || c->y < lowest->y || (c->y == lowest->y && c->x < lowest->x)) {
+        lowest = c;
+      }
+    }
+    if (!part.owns(*lowest)) continue;
+    for (const std::int32_t corner : triangle) {
+      const auto i = static_cast<std::size_t>(corner);
+      if (point_of[i] < 0) add_node(i);
+      grid.connectivity.push_back(point_of[i]);
+    }
     grid.close_cell();
   }
   return grid;
@@ -188,12 +222,14 @@ class CornerIndex {
   std::unordered_map<Place, std::int64_t, Hash> index_of_;  // looked up only: no matter its order
 };
 
-VtkGrid grid_of_control_cells(const Mesh& mesh) {
+/// Of all nodes, or those of a part.
+VtkGrid grid_of_control_cells(const Mesh& mesh, const VtuPart* part) {
   VtkGrid grid;
   grid.cell_kind = vtk_polygon;
   grid.nodes.reserve(static_cast<std::size_t>(mesh.size()));
   CornerIndex corner_index(mesh);
   for (const Cell& node : mesh.nodes()) {
+    if (part != nullptr && !part->owns(node)) continue;
     for (const Point& corner : mesh.polygon(node)) {
       const auto [index, is_new] = corner_index.find(corner);
       if (is_new) grid.add_point(corner.x, corner.y);
@@ -256,14 +292,15 @@ std::string fault_of(const std::vector<std::string>& names, std::size_t nb_data)
 }
 
 void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
-                const std::vector<const Cell*>& nodes, const std::vector<std::string>& data_names) {
+                const std::vector<const Cell*>& nodes, const VtuOptions& options,
+                const VtuPart* part) {
   const auto add = [&](const std::string& name, auto&& value_of) {
     std::vector<std::decay_t<decltype(value_of(*nodes[0]))>> values;
     values.reserve(nodes.size());
     for (const Cell* node : nodes) values.push_back(value_of(*node));
     arrays.add(parent, name, values);
   };
-  add("id", [](const Cell& node) { return node.id; });
+  add("id", [&](const Cell& node) { return part == nullptr ? node.id : part->number(node); });
   add("level", [](const Cell& node) { return node.level; });
   add("ipos", [](const Cell& node) { return node.ipos; });
   add("on_boundary", [](const Cell& node) { return node.on_boundary; });
@@ -271,9 +308,13 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
   add("grad_data", [](const Cell& node) { return shared(node.grad_data); });
   add("grad2_data", [](const Cell& node) { return shared(node.grad2_data); });
 
+  const std::vector<std::string>& data_names = options.data_names;
   for (std::size_t i = 0, n = most_data(mesh); i < n; ++i) {
     add(i < data_names.size() ? data_names[i] : name_of(i),
         [i](const Cell& node) { return i < node.data.size() ? node.data[i] : 0.0; });
+  }
+  if (part != nullptr && options.cells == VtuCells::triangles) {
+    add("vtkGhostType", [&](const Cell& node) { return part->owns(node) ? owned : double_point; });
   }
 }
 
@@ -300,19 +341,27 @@ std::string as_text(const pugi::xml_document& document) {
   return text.str();
 }
 
-}  // namespace
-
-std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) try {
+/// What is wrong before a file is begun; empty: nothing.
+std::string fault_of(const Mesh& mesh, const std::string& path, const VtuOptions& options) {
   if (mesh.size() == 0) return path + ": there is no mesh to write";
   if (const std::string fault = fault_of(options.data_names, most_data(mesh)); !fault.empty()) {
     return path + ": " + fault;
   }
   if (options.time && !std::isfinite(*options.time)) return path + ": " + no_time;
+  return {};
+}
+
+/// The mesh, or a part of it.
+std::string write_grid(const Mesh& mesh, const std::string& path, const VtuOptions& options,
+                       const VtuPart* part) try {
+  if (std::string fault = fault_of(mesh, path, options); !fault.empty()) return fault;
   OutputFile file(path);
   if (!file.error().empty()) return file.error();
 
   const bool by_points = options.cells == VtuCells::triangles;
-  const VtkGrid grid = by_points ? grid_of_triangles(mesh) : grid_of_control_cells(mesh);
+  const VtkGrid grid = !by_points        ? grid_of_control_cells(mesh, part)
+                       : part == nullptr ? grid_of_triangles(mesh)
+                                         : grid_of_triangles(mesh, *part);
 
   pugi::xml_document document;
   pugi::xml_node root = add_root(document, "UnstructuredGrid");
@@ -328,7 +377,7 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
 
   pugi::xml_node values = child(piece, by_points ? "PointData" : "CellData");
   set(values, "Scalars", "level");
-  add_values(arrays, values, mesh, grid.nodes, options.data_names);
+  add_values(arrays, values, mesh, grid.nodes, options, part);
   arrays.add(child(piece, "Points"), "Points", grid.points, 3);
   pugi::xml_node cells = child(piece, "Cells");
   arrays.add(cells, "connectivity", grid.connectivity);
@@ -349,6 +398,52 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
   file.write(text.data(), place);
   arrays.write_bytes(file);
   file.write("\n" + text.substr(place));
+  return file.finish();
+} catch (const std::bad_alloc&) {
+  return path + ": memory is exhausted";
+}
+
+}  // namespace
+
+std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) {
+  return write_grid(mesh, path, options, nullptr);
+}
+
+std::string write_vtu_part(const Mesh& mesh, const std::string& path, const VtuPart& part,
+                           const VtuOptions& options) {
+  return write_grid(mesh, path, options, &part);
+}
+
+// The arrays are told by writing those of no nodes.
+std::string write_pvtu_file(const Mesh& mesh, const std::string& path,
+                            const std::vector<std::string>& files, const VtuOptions& options) try {
+  if (std::string fault = fault_of(mesh, path, options); !fault.empty()) return fault;
+  pugi::xml_document document, of_no_nodes;
+  pugi::xml_node root = add_root(document, "PUnstructuredGrid");
+  pugi::xml_node whole = child(root, "PUnstructuredGrid");
+  set(whole, "GhostLevel", 0);
+  const auto declare = [](pugi::xml_node parent, const char* type, const char* name) {
+    pugi::xml_node array = child(parent, "PDataArray");
+    set(array, "type", type);
+    set(array, "Name", name);
+    return array;
+  };
+  const bool by_points = options.cells == VtuCells::triangles;
+  const pugi::xml_node values = child(whole, by_points ? "PPointData" : "PCellData");
+  set(values, "Scalars", "level");
+  ArrayWriter arrays(true);
+  const pugi::xml_node written = child(of_no_nodes, "arrays");
+  const VtuPart nothing;
+  add_values(arrays, written, mesh, {}, options, &nothing);
+  for (const pugi::xml_node array : written.children("DataArray")) {
+    declare(values, array.attribute("type").value(), array.attribute("Name").value());
+  }
+  set(declare(child(whole, "PPoints"), "Float64", "Points"), "NumberOfComponents", 3);
+  for (const std::string& file : files) set(child(whole, "Piece"), "Source", file.c_str());
+
+  OutputFile file(path);
+  if (!file.error().empty()) return file.error();
+  file.write(as_text(document));
   return file.finish();
 } catch (const std::bad_alloc&) {
   return path + ": memory is exhausted";

@@ -49,7 +49,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
  public:
   /// Makes the grid of the piece and of what surrounds it.
   ///
-  /// @param whole    the rectangle of all pieces, with its grid
+  /// @param whole    the rectangle of all pieces
+  /// @param grid     of the whole
   /// @param own      the box: nodes from its west to before its east line, and from its south to
   ///                 before its north line, belong to the piece; those on the line too where the
   ///                 whole ends there

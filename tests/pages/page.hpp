@@ -23,6 +23,9 @@
 #if __has_include("velmar_2D/velmar_2D_numerics.hpp")
 #include "velmar_2D/velmar_2D_numerics.hpp"
 #endif
+#if __has_include("velmar_2D/velmar_2D_mpi_io.hpp")
+#include "velmar_2D/velmar_2D_mpi_io.hpp"
+#endif
 
 namespace page {
 

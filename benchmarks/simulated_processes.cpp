@@ -1,0 +1,330 @@
+// What one mesh over many processes would take, on machines that are not here.
+//
+//     velmar_2d_simulated_processes                           10 million nodes, 64, 1024 and 16384
+//     processes velmar_2d_simulated_processes NODES NB_PROCESSES ...    others
+//
+// The mesh is real: made by one process, then cut into boxes as velmar_2d::Partition cuts it. The
+// window of every process is made, one after the other, with the ghosts that it would hold; they
+// are counted, and so are its neighbours and the bytes of its messages. The time of an update and
+// ten substeps of an explicit solver is that of the slowest process, with what work on a node costs
+// here and messages as assumed below. Prints tables for docs/processes.md.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <numbers>
+#include <unordered_set>
+#include <vector>
+
+#include "mpi/boxes.hpp"
+#include "scenarios/scenarios.hpp"
+#include "velmar_2D/arrays.hpp"
+#include "velmar_2D/piece.hpp"
+
+namespace velmar_2d::benchmarks {
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Assumptions
+// ---------------------------------------------------------------------------------------------
+
+constexpr double latency = 2e-6;   // seconds until a message is there
+constexpr double handling = 1e-6;  // of both processors, for each message
+constexpr double bandwidth = 1e9;  // bytes a second and process
+constexpr double sharing = 0.1;    // of an update: ghosts, their data, plan and check, see
+                                   // velmar_2d_mpi_bench
+constexpr int substeps = 10;       // of the solver between two updates
+constexpr int rounds = 3;          // until nothing more is wanted
+// What an update sends to each neighbour, and how often all processes meet in it.
+constexpr int messages_of_update = rounds + 10, meetings_of_update = rounds + 9;
+constexpr double bytes_of_ghost = 3 * 16 + 8 + 8 + 8;  // places, number, fingerprint, value
+
+constexpr std::int32_t overlap = 3;
+
+// ---------------------------------------------------------------------------------------------
+// The meshes
+// ---------------------------------------------------------------------------------------------
+
+struct Case {
+  const char* name;
+  std::int32_t nx;
+  /// Wanted spacing; `finest` decides how many nodes there are.
+  std::function<size_function(double finest)> spacing;
+  double finest;     ///< for 10 million nodes
+  double dimension;  ///< of where it is fine: nodes grow with this power of 1 / finest
+};
+
+/// The ring, with a wave along it.
+double distance_to_front(double x, double y) {
+  const double angle = std::atan2(y - 0.5, x - 0.5);
+  return std::abs(std::hypot(x - 0.5, y - 0.5) - 0.3 - 0.03 * std::sin(7.0 * angle));
+}
+
+/// Fine in a band, as fronts of flames and discharges want it; 30 times as wide as it is fine.
+size_function band(double finest) {
+  return [=](double x, double y, auto...) {
+    return std::max(finest, 0.1 * (distance_to_front(x, y) - 0.01));
+  };
+}
+
+/// Fine at a line alone.
+size_function line(double finest) {
+  return
+      [=](double x, double y, auto...) { return std::max(finest, 0.1 * distance_to_front(x, y)); };
+}
+
+/// Vortices: fine and coarse everywhere, by a factor of 8.
+size_function vortices(double finest) {
+  return [=](double x, double y, auto...) {
+    constexpr double waves = 4.0 * std::numbers::pi;
+    const double shear = std::sin(waves * x) * std::sin(waves * y);
+    return finest * (1.0 + 7.0 * shear * shear);
+  };
+}
+
+// ---------------------------------------------------------------------------------------------
+// One process
+// ---------------------------------------------------------------------------------------------
+
+/// Of the processor: others may be at work here.
+double seconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+/// Nodes by cell of the grid, those of a line with the cell beyond it.
+class NodesOfCells {
+ public:
+  explicit NodesOfCells(Mesh& mesh, std::int32_t nx) : columns_(nx - 1), grid_(mesh.dist_0()) {
+    west_ = mesh.x_min();
+    south_ = mesh.y_min();
+    const auto nb_cells = static_cast<std::size_t>(columns_) * static_cast<std::size_t>(columns_);
+    first_.assign(nb_cells + 1, 0);
+    for (const Cell& c : mesh.nodes()) ++first_[cell_of(c) + 1];
+    for (std::size_t i = 0; i < nb_cells; ++i) first_[i + 1] += first_[i];
+    nodes_.resize(first_.back());
+    std::vector<std::size_t> next(first_.begin(), first_.end() - 1);
+    for (const Cell& c : mesh.nodes()) nodes_[next[cell_of(c)]++] = &c;
+  }
+  std::span<const Cell* const> of(std::int32_t column, std::int32_t row) const {
+    const std::size_t i = index(column, row);
+    return std::span(nodes_).subspan(first_[i], first_[i + 1] - first_[i]);
+  }
+  CellWeights weights() const {
+    CellWeights weights{columns_, columns_, {}};
+    for (std::size_t i = 0; i + 1 < first_.size(); ++i) {
+      weights.weights.push_back(static_cast<std::int64_t>(first_[i + 1] - first_[i]));
+    }
+    return weights;
+  }
+  std::size_t cell_of(const Cell& c) const {
+    return index(column_of(c.x - west_), column_of(c.y - south_));
+  }
+  Place place_of(const Cell& c) const {
+    const auto unit = static_cast<double>(places_per_cell) / grid_;
+    return {std::llround((c.x - west_) * unit), std::llround((c.y - south_) * unit)};
+  }
+
+ private:
+  /// Positions are those of the lattice up to rounding, which is far below the finest spacing.
+  std::int32_t column_of(double offset) const {
+    return std::min(static_cast<std::int32_t>(offset / grid_ + 1e-9), columns_ - 1);
+  }
+  std::size_t index(std::int32_t column, std::int32_t row) const {
+    return static_cast<std::size_t>(row) * static_cast<std::size_t>(columns_) +
+           static_cast<std::size_t>(column);
+  }
+
+  std::int32_t columns_;
+  double grid_, west_ = 0.0, south_ = 0.0;
+  std::vector<std::size_t> first_;
+  std::vector<const Cell*> nodes_;
+};
+
+/// What a process holds.
+struct Load {
+  double owned = 0.0, ghosts = 0.0, linked = 0.0, neighbours = 0.0;
+};
+
+class Machine {
+ public:
+  Machine(Mesh& mesh, const Grid& grid, int nb_processes)
+      : mesh_(mesh),
+        grid_(grid),
+        nodes_(mesh, grid.nx),
+        boxes_(cut_into_boxes(nodes_.weights(), nb_processes)) {
+    const auto columns = static_cast<std::size_t>(grid.nx - 1);
+    owner_of_cell_.resize(columns * columns);
+    for (std::size_t rank = 0; rank < boxes_.size(); ++rank) {
+      const Window& box = boxes_[rank];
+      for (std::int32_t j = box.south; j < box.north; ++j) {
+        for (std::int32_t i = box.west; i < box.east; ++i) {
+          owner_of_cell_[static_cast<std::size_t>(j) * columns + static_cast<std::size_t>(i)] =
+              rank;
+        }
+      }
+    }
+  }
+  std::size_t nb_processes() const { return boxes_.size(); }
+
+  Load load_of(std::size_t rank) const {
+    const Window& box = boxes_[rank];
+    std::vector<Place> places;
+    std::unordered_set<const Cell*> linked, next;
+    const auto is_own = [&](const Cell& c) { return owner_of_cell_[nodes_.cell_of(c)] == rank; };
+    const auto add_linked = [&](const Cell& c, std::unordered_set<const Cell*>& to) {
+      for (const Direction d : directions) {
+        const Cell* there = link(c, d).cell();
+        if (there != nullptr && !is_own(*there) && linked.count(there) == 0) to.insert(there);
+      }
+    };
+    for (std::int32_t j = box.south; j < box.north; ++j) {
+      for (std::int32_t i = box.west; i < box.east; ++i) {
+        for (const Cell* c : nodes_.of(i, j)) {
+          if (c->ipos > 0) places.push_back(nodes_.place_of(*c));
+          add_linked(*c, linked);
+        }
+      }
+    }
+    for (const Cell* c : linked) add_linked(*c, next);
+    Piece piece(mesh_.rectangle(), grid_, box, overlap);
+    piece.hold_all(places);
+    places.clear();
+    for (const auto* layer : {&linked, &next}) {
+      for (const Cell* c : *layer) places.push_back(nodes_.place_of(*c));
+    }
+    piece.hold_ghosts(places);
+    Load load;
+    for (const Cell& c : piece.mesh().nodes()) ++(piece.owns(c) ? load.owned : load.ghosts);
+    load.linked = static_cast<double>(linked.size());
+    for (const Window& other : boxes_) {
+      const std::int32_t x = std::max(box.west - other.east, other.west - box.east);
+      const std::int32_t y = std::max(box.south - other.north, other.south - box.north);
+      if (&other != &box && std::max(x, y) <= overlap) ++load.neighbours;
+    }
+    return load;
+  }
+
+ private:
+  Mesh& mesh_;
+  Grid grid_;
+  NodesOfCells nodes_;
+  std::vector<Window> boxes_;
+  std::vector<std::size_t> owner_of_cell_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Time
+// ---------------------------------------------------------------------------------------------
+
+/// Seconds a node, on one process here: of an update that finds nothing to do, where ghosts and
+/// messages weigh most, and of a substep.
+struct Work {
+  double update = 0.0, substep = 0.0;
+};
+
+Work measure(Mesh& mesh, const size_function& size) {
+  Work work;
+  const auto n = static_cast<double>(mesh.size());
+  double start = seconds();
+  mesh.resolve(size);
+  work.update = (seconds() - start) / n;
+  const MeshArrays arrays(mesh);
+  const auto nb_nodes = static_cast<std::size_t>(arrays.size());
+  std::vector<double> u(nb_nodes, 1.0), rate(nb_nodes);
+  start = seconds();
+  for (int step = 0; step < substeps; ++step) {
+    for (std::int32_t i = 0; i < arrays.size(); ++i) {
+      const auto here = static_cast<std::size_t>(i);
+      const auto links = arrays.links(i);
+      const std::array<double, 8>& weights = arrays.weights(i);
+      double inflow = 0.0;
+      for (std::size_t d = 0; d < 8; ++d) {
+        inflow +=
+            weights[d] * (u[links[d] >= 0 ? static_cast<std::size_t>(links[d]) : here] - u[here]);
+      }
+      rate[here] = inflow / arrays.areas()[here];
+    }
+    for (std::size_t i = 0; i < nb_nodes; ++i) u[i] += 1e-12 * rate[i];
+  }
+  work.substep = (seconds() - start) / (substeps * n);
+  return work;
+}
+
+double time_of(const Load& load, const Work& work, std::size_t nb_processes) {
+  const double meeting = latency * std::ceil(std::log2(static_cast<double>(nb_processes)));
+  const double messages = latency + handling * load.neighbours;  // one to each, one from each
+  const double update = (1.0 + sharing) * work.update * (load.owned + load.ghosts) +
+                        messages_of_update * messages + bytes_of_ghost * load.ghosts / bandwidth +
+                        meetings_of_update * meeting;
+  const double substep = work.substep * load.owned + messages + 8.0 * load.linked / bandwidth;
+  return update + substeps * substep;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tables
+// ---------------------------------------------------------------------------------------------
+
+void simulate(Mesh& mesh, const Grid& grid, int nb_processes, const Work& work) {
+  const Machine machine(mesh, grid, nb_processes);
+  Load sum, most;
+  double slowest = 0.0;
+  for (std::size_t rank = 0; rank < machine.nb_processes(); ++rank) {
+    const Load load = machine.load_of(rank);
+    for (double Load::*number : {&Load::owned, &Load::ghosts, &Load::linked, &Load::neighbours}) {
+      sum.*number += load.*number;
+      most.*number = std::max(most.*number, load.*number);
+    }
+    slowest = std::max(slowest, time_of(load, work, machine.nb_processes()));
+  }
+  const auto n = static_cast<double>(mesh.size());
+  const auto p = static_cast<double>(machine.nb_processes());
+  if (sum.owned != n) {
+    std::fprintf(stderr, "%.0f nodes are owned, of %.0f\n", sum.owned, n);
+    std::exit(EXIT_FAILURE);
+  }
+  const double alone = n * (work.update + substeps * work.substep);
+  std::printf(
+      "| %d | %.0f | %.2f | %.1f %% | %.1f (%.0f) | %.0f (%.0f) kB | %.2f (%.2f) ms | **%.2f** |\n",
+      nb_processes, n / p, most.owned * p / n, 100.0 * sum.ghosts / n, sum.neighbours / p,
+      most.neighbours, bytes_of_ghost * sum.ghosts / p * 1e-3, bytes_of_ghost * most.ghosts * 1e-3,
+      slowest * 1e3, alone / p * 1e3, alone / p / slowest);
+  std::fflush(stdout);
+}
+
+void run(const Case& of, double nb_nodes, std::span<const int> processes) {
+  const double finest = of.finest * std::pow(1e7 / nb_nodes, 1.0 / of.dimension);
+  const size_function size = of.spacing(finest);
+  const double grid_step = 1.0 / (of.nx - 1);
+  const Grid grid{
+      .nx = of.nx,
+      .subdiv_max =
+          std::max(1, static_cast<std::int32_t>(2 * std::ceil(std::log2(grid_step / finest))) + 1)};
+  Mesh mesh({0.0, 1.0, 0.0, 1.0}, grid);
+  mesh.resolve(size);
+  const Work work = measure(mesh, size);
+  std::printf(
+      "\n%s: %lld nodes on a grid of %d x %d cells; here an update takes %.0f ns a node, a "
+      "substep %.0f\n\n",
+      of.name, static_cast<long long>(mesh.size()), of.nx - 1, of.nx - 1, work.update * 1e9,
+      work.substep * 1e9);
+  std::printf(
+      "| processes | nodes each | imbalance | ghosts | neighbours (most) | bytes of an update "
+      "(most) | time (ideal) | efficiency |\n|---|---|---|---|---|---|---|---|\n");
+  for (const int nb_processes : processes) simulate(mesh, grid, nb_processes, work);
+}
+
+}  // namespace
+}  // namespace velmar_2d::benchmarks
+
+int main(int argc, char** argv) {
+  using namespace velmar_2d::benchmarks;
+  const double nb_nodes = argc > 1 ? std::atof(argv[1]) : 1e7;
+  std::vector<int> processes;
+  for (int i = 2; i < argc; ++i) processes.push_back(std::atoi(argv[i]));
+  if (processes.empty()) processes = {64, 1024, 16384};
+  for (const Case& of :
+       {Case{"vortices", 513, vortices, 2.42e-4, 2.0}, Case{"band", 1025, band, 8.2e-5, 2.0},
+        Case{"line", 1025, line, 1.3e-5, 1.0}}) {
+    run(of, nb_nodes, processes);
+  }
+}
