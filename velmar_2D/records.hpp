@@ -328,6 +328,10 @@ struct Resolution {
   /// no node sees is missed all the same. Costs three times the time of a resolve from the first
   /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
+  /// By how many the nodes there are are asked for their sizes, and derivatives computed. With more
+  /// than one the size function must be safe to call from several at the same time. The mesh is the
+  /// same, and so is what leaves the update where the size function throws.
+  int threads = 1;
 };
 
 // ---------------------------------------------------------------------------------------------

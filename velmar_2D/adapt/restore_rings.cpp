@@ -377,7 +377,8 @@ class Restorer {
   std::size_t nb_nodes_ = 0;  ///< entries that have a node from the start
 };
 
-/// A grid that nothing has been done to is in order.
+}  // namespace
+
 bool is_bare_grid(const State& state) {
   const Domain& domain = state.domain;
   const double nx = std::round((domain.x_max - domain.x_min) / domain.dist_0) + 1.0;
@@ -392,10 +393,7 @@ bool is_bare_grid(const State& state) {
   return nb_untouched == state.nb_nodes;
 }
 
-}  // namespace
-
 bool restore_rings(State& state, std::int64_t most_nodes) {
-  if (is_bare_grid(state)) return false;
   std::int32_t highest = 0;
   for (std::int32_t l = 0; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) highest = l;

@@ -2,6 +2,8 @@
 // limit. Never installed.
 #pragma once
 
+#include <exception>
+
 #include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::detail {
@@ -139,6 +141,62 @@ inline constexpr std::int32_t highest_wanted_level = 62;
 /// The lowest level with a spacing of at most dist_0 / ratio. Ratios within a billionth of a
 /// level's own give that level, so that rounding does not decide.
 std::int32_t level_wanted_by(double ratio);
+
+/// What a size means for a node.
+struct Want {
+  std::int32_t level;  ///< up to which rings are completed
+  std::int32_t kept;   ///< up to which members of rings stay
+  bool is_refused;     ///< the limit forbids what is wanted
+};
+
+class WantedLevels {
+ public:
+  WantedLevels(const State& state, double margin);
+  /// Needs: a size that is some, see has_size().
+  Want of(double size, std::int32_t lowest = 0) const;
+  static bool has_size(double size) { return size >= 0.0; }
+
+ private:
+  double dist_0_, margin_ratio_;
+  std::int32_t limit_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Asking many nodes before the mesh changes (ask_nodes.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Marks a node that waits to be removed, beside its wanted level.
+inline constexpr std::uint8_t is_waiting = 0x80;
+static_assert((is_waiting & highest_wanted_level) == 0);
+inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
+
+/// What is left to do at nodes that have been asked, in their order. Most need nothing.
+struct Demands {
+  struct Demand {
+    Cell* node;
+    std::int16_t level;  ///< that it is to be raised to
+    bool is_refused;     ///< the limit forbids what is wanted
+    bool has_size;       ///< false: wants the level that it has when its turn comes
+    bool may_fall;       ///< is among the fallen ones, which only its turn can tell
+  };
+  /// Memory is exhausted. Sizes may be user code, which may throw std::bad_alloc on its own
+  /// account.
+  struct NoMemory {};
+
+  std::vector<Demand> demands;
+  std::vector<Cell*> fallen;  ///< members of their rings may no longer be wanted
+  bool notes_fallen = true;
+
+  /// Notes what a node wants, in the node, and whether that needs more. May throw NoMemory.
+  void note(const WantedLevels& wants, Cell& c, double size);
+  void append(const Demands& others);
+};
+
+/// Asks every node of the mesh, by so many threads. What the size function throws is handed back,
+/// with the demands of the nodes before; that of the first node, if it throws at several. Needs: a
+/// joined list.
+std::exception_ptr ask_all_nodes(State& state, const size_function& size_fun,
+                                 const WantedLevels& wants, int threads, Demands& demands);
 
 // ---------------------------------------------------------------------------------------------
 // How levels rise and fall (update_level.cpp, downdate_level.cpp)
@@ -549,6 +607,8 @@ class GradedSizes {
   std::vector<Node> nodes_;
 };
 
+/// Whether nothing has been done to the grid, which is in order then. Needs: a split list.
+bool is_bare_grid(const State& state);
 /// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
 /// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
 /// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
