@@ -1,7 +1,9 @@
 # What our own targets are compiled with. Nothing here reaches a guest: all options are PRIVATE.
 
-include(CheckIPOSupported)
-check_ipo_supported(RESULT VELMAR_2D_HAS_IPO LANGUAGES CXX)
+if(NOT EMSCRIPTEN)  # Debian's has no libraries for it; the page is one unit instead
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT VELMAR_2D_HAS_IPO LANGUAGES CXX)
+endif()
 
 # The same input gives the same mesh on every machine: each operation is rounded by itself, to double
 # precision. A guest's own flags may say otherwise for its own files (-Ofast, -ffast-math,

@@ -25,7 +25,8 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ldconfig_trigger.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io)
+  ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io
+  ${CMAKE_CURRENT_BINARY_DIR}/hdf5)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # The changelog as Debian wants it names who made the packages, and when: SOURCE_DATE_EPOCH, where it
@@ -55,8 +56,16 @@ velmar_2d_package(library ${library} libs ""
   "This package holds the shared library.")
 velmar_2d_package(io ${io} libs "${library} ${same}"
   "This package holds the shared library for pictures and ParaView files.")
+set(libraries "${library} ${same}, ${io} ${same}")
+if(TARGET velmar_2d_hdf5)
+  set(hdf5 libvelmar-2d-hdf5-${abi})  # a number after a digit stands apart
+  list(APPEND CPACK_COMPONENTS_ALL hdf5)
+  velmar_2d_package(hdf5 ${hdf5} libs "${library} ${same}"
+    "This package holds the shared library for saving and loading.")
+  string(APPEND libraries ", ${hdf5} ${same}, libhdf5-dev, libdeflate-dev")
+endif()
 # cairo is what the .pc file of the pictures names.
-velmar_2d_package(dev libvelmar-2d-dev libdevel "${library} ${same}, ${io} ${same}, libcairo2-dev"
+velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}, libcairo2-dev"
   "This package holds the headers and what CMake and pkg-config need.")
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
   "This package holds the program velmar_2d, to look at meshes.")

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <Eigen/Sparse>
-#include <vector>
+#include <optional>
 
-#include "velmar_2D/mesh.hpp"
+#include "velmar_2D/arrays.hpp"
 
 /// The temperature u is data[0]. On Dirichlet sides u = 0, on Neumann sides no heat flows, through
 /// the other ones `transfer` x u flows out per unit of length.
@@ -21,22 +21,27 @@ struct EnergyBalance {
 
 class HeatSolver {
  public:
-  explicit HeatSolver(const HeatProblem& problem) : problem_(problem) {}
+  HeatSolver(velmar_2d::Mesh& mesh, const HeatProblem& problem)
+      : problem_(problem), arrays_(mesh) {}
 
-  /// Reads the mesh as it stands and factorises the matrix. Fluxes are taken at `share` of the
-  /// step: 1 is implicit Euler, 1/2 the midpoint rule. Numbers the nodes by their `used`.
-  void prepare(velmar_2d::Mesh& mesh, double step, double share);
+  /// Reads the mesh as it stands, u included, and factorises the matrix. Fluxes are taken at
+  /// `share` of the step: 1 is implicit Euler, 1/2 the midpoint rule.
+  void prepare(double step, double share);
   /// Advances u from `time` by one step. Needs: the mesh of the last prepare().
   EnergyBalance advance(double time);
+  /// Sum of area x u.
+  double energy() const;
+  /// Gives u back to the nodes, before the mesh is changed, drawn or asked for it.
+  void store() { arrays_.push(); }
 
  private:
+  void assemble();
+
   HeatProblem problem_;
   double step_ = 0.0, share_ = 1.0;
-  std::vector<velmar_2d::Cell*> nodes_;
-  Eigen::VectorXd areas_, outflow_, free_;  // outflow_ x u leaves; free_ is 0 where u is given
+  velmar_2d::MeshArrays arrays_;
+  std::optional<std::uint64_t> assembled_at_;  // revision of the mesh
+  Eigen::VectorXd areas_, outflow_, free_;     // outflow_ x u leaves; free_ is 0 where u is given
   Eigen::SparseMatrix<double> conduction_;
   Eigen::SimplicialLDLT<Eigen::SparseMatrix<double>> factors_;
 };
-
-/// The energy of the mesh as it stands.
-double total_energy(velmar_2d::Mesh& mesh);

@@ -73,8 +73,8 @@ class ArrayWriter {
   explicit ArrayWriter(bool ascii) : ascii_(ascii) {}
 
   template <typename Number>
-  void add(pugi::xml_node parent, const std::string& name, const std::vector<Number>& numbers,
-           int components = 1) {
+  pugi::xml_node add(pugi::xml_node parent, const std::string& name,
+                     const std::vector<Number>& numbers, int components = 1) {
     pugi::xml_node element = child(parent, "DataArray");
     set(element, "type", vtk_type<Number>());
     set(element, "Name", name.c_str());
@@ -82,7 +82,7 @@ class ArrayWriter {
     if (ascii_) {
       set(element, "format", "ascii");
       set_text(element, as_text(numbers).c_str());
-      return;
+      return element;
     }
     set(element, "format", "appended");
     const std::size_t length = numbers.size() * sizeof(Number);
@@ -91,6 +91,7 @@ class ArrayWriter {
     std::memcpy(bytes.data(), &head, sizeof head);
     if (length > 0) std::memcpy(bytes.data() + sizeof head, numbers.data(), length);
     appended_.push_back({element, std::move(bytes)});
+    return element;
   }
 
   /// Tells the elements where their numbers lie. The last array comes first in the bytes: meshio
@@ -280,6 +281,8 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
 // Files
 // ---------------------------------------------------------------------------------------------
 
+constexpr const char* no_time = "a time is infinite or not a number";
+
 pugi::xml_node add_root(pugi::xml_node document, const char* type) {
   pugi::xml_node root = child(document, "VTKFile");
   set(root, "type", type);
@@ -304,6 +307,7 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
   if (const std::string fault = fault_of(options.data_names, most_data(mesh)); !fault.empty()) {
     return path + ": " + fault;
   }
+  if (options.time && !std::isfinite(*options.time)) return path + ": " + no_time;
   OutputFile file(path);
   if (!file.error().empty()) return file.error();
 
@@ -312,11 +316,16 @@ std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOption
 
   pugi::xml_document document;
   pugi::xml_node root = add_root(document, "UnstructuredGrid");
-  pugi::xml_node piece = child(child(root, "UnstructuredGrid"), "Piece");
+  pugi::xml_node whole = child(root, "UnstructuredGrid");
+  ArrayWriter arrays(options.ascii);
+  if (options.time) {
+    const pugi::xml_node about = child(whole, "FieldData");
+    set(arrays.add(about, "TimeValue", std::vector<double>{*options.time}), "NumberOfTuples", 1);
+  }
+  pugi::xml_node piece = child(whole, "Piece");
   set(piece, "NumberOfPoints", static_cast<unsigned long long>(grid.points.size() / 3));
   set(piece, "NumberOfCells", static_cast<unsigned long long>(grid.offsets.size()));
 
-  ArrayWriter arrays(options.ascii);
   pugi::xml_node values = child(piece, by_points ? "PointData" : "CellData");
   set(values, "Scalars", "level");
   add_values(arrays, values, mesh, grid.nodes, options.data_names);
@@ -352,6 +361,7 @@ std::string write_pvd(const std::string& path, const std::vector<TimeStep>& step
   fs::path folder = fs::path(path).parent_path();
   if (folder.empty()) folder = ".";
   for (const TimeStep& step : steps) {
+    if (!std::isfinite(step.time)) return path + ": " + no_time;
     pugi::xml_node element = child(collection, "DataSet");
     std::array<char, 32> digits{};
     std::to_chars(digits.data(), digits.data() + digits.size() - 1, step.time);

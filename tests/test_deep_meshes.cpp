@@ -4,20 +4,12 @@
 #include <limits>
 
 #include "scenarios/scenarios.hpp"
+#include "support/error_text.hpp"
 #include "support/mesh_view.hpp"
 #include "velmar_2D/base/base.hpp"
 
 namespace velmar_2d::tests {
 namespace {
-
-std::string text_of_error(const std::function<void()>& code) {
-  try {
-    code();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "";
-}
 
 std::string first_finding(const Mesh& mesh) {
   const std::vector<Finding> findings = mesh.check();

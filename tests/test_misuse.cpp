@@ -5,6 +5,7 @@
 
 #include "scenarios/scenarios.hpp"
 #include "support/child_process.hpp"
+#include "support/error_text.hpp"
 #include "support/mesh_checker.hpp"
 #include "support/mesh_view.hpp"
 
@@ -81,16 +82,6 @@ void update_with(Mesh& mesh, int callback, const Intrude& intrude) {
   }
 }
 
-template <typename Work>
-std::string error_of(const Work& work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
 bool contains(const std::string& text, std::string_view part) {
   return text.find(part) != std::string::npos;
 }
@@ -101,7 +92,7 @@ TEST(Misuse, CallbacksDoNotChangeTheirMesh) {
       Mesh mesh(square, small_grid);
       mesh.update(near(2.0));
       const std::string error =
-          error_of([&] { update_with(mesh, callback, [&] { intrude(mesh); }); });
+          text_of_error([&] { update_with(mesh, callback, [&] { intrude(mesh); }); });
       const auto number = &intrude - intrusions;
       EXPECT_TRUE(contains(error, callback < 3 ? "in use by update" : "in use by resolve"))
           << error << ", callback " << callback << ", intrusion " << number;
@@ -120,7 +111,8 @@ TEST(Misuse, SidesAreNoWayIn) {
                        return bc_type_neu;
                      }});
   made = &mesh;
-  EXPECT_TRUE(contains(error_of([&] { mesh.resolve(scenarios::even_spacing(0.3)); }), "in use"));
+  EXPECT_TRUE(
+      contains(text_of_error([&] { mesh.resolve(scenarios::even_spacing(0.3)); }), "in use"));
   EXPECT_TRUE(mesh.check().empty());
 }
 
@@ -135,7 +127,7 @@ TEST(Misuse, MeshesMayMoveInTheMiddle) {
       if (!elsewhere) elsewhere.emplace(std::move(*mesh));
     });
     EXPECT_EQ(fingerprint(*elsewhere), fingerprint(expected));
-    EXPECT_TRUE(contains(error_of([&] { (void)mesh->size(); }), "moved away"));
+    EXPECT_TRUE(contains(text_of_error([&] { (void)mesh->size(); }), "moved away"));
     update_with(other, callback, [&] { std::swap(other, *elsewhere); });
     EXPECT_TRUE(other.check().empty() && elsewhere->check().empty());
   }
@@ -159,7 +151,7 @@ TEST(Misuse, MeshesThatGoInTheMiddleGoAtTheEnd) {
       if (way == 2) {
         EXPECT_THROW(update(), std::int32_t);
       } else {
-        EXPECT_TRUE(contains(error_of(update), "has deleted the mesh"));
+        EXPECT_TRUE(contains(text_of_error(update), "has deleted the mesh"));
       }
       EXPECT_EQ(mesh.has_value(), way == 1);
     }
@@ -180,12 +172,12 @@ TEST(Misuse, HandlersOfAMeshNeitherReplaceThemselvesNorDeleteIt) {
     std::optional<Mesh> mesh(std::in_place, square, small_grid);
     Cell& c = vandalised(*mesh);
     mesh->set_message_handler([&](std::string_view) { mesh->set_message_handler(nullptr); });
-    EXPECT_TRUE(contains(error_of([&] { mesh->shape(c); }), "in use by one of its handlers"));
+    EXPECT_TRUE(contains(text_of_error([&] { mesh->shape(c); }), "in use by one of its handlers"));
     mesh->set_message_handler([&, throws](std::string_view) {
       mesh.reset();
       if (throws) throw Error("mine");
     });
-    EXPECT_TRUE(contains(error_of([&] { mesh->shape(c); }), throws ? "mine" : "has deleted"));
+    EXPECT_TRUE(contains(text_of_error([&] { mesh->shape(c); }), throws ? "mine" : "has deleted"));
     EXPECT_FALSE(mesh.has_value());
   }
   for (int way = 0; way < 3; ++way) {  // in the middle of an update
@@ -195,7 +187,7 @@ TEST(Misuse, HandlersOfAMeshNeitherReplaceThemselvesNorDeleteIt) {
       if (way == 1) mesh->set_fatal_handler(nullptr);
       if (way == 2) mesh.reset();
     });
-    const std::string error = error_of([&] { mesh->update(nullptr); });
+    const std::string error = text_of_error([&] { mesh->update(nullptr); });
     EXPECT_TRUE(contains(error, way == 2 ? "'size_fun' is no procedure" : "in use by update"))
         << error;
   }
@@ -243,7 +235,8 @@ TEST_F(MisuseOfFreeProcedures, CallbacksDoNotCallWhatChangesTheMesh) {
   for (int callback = 0; callback < nb_callbacks; ++callback) {
     for (const auto& intrude : free_intrusions) {
       update_mesh_no_init(near(3.0));
-      const std::string error = error_of([&] { update_with(default_mesh(), callback, intrude); });
+      const std::string error =
+          text_of_error([&] { update_with(default_mesh(), callback, intrude); });
       const auto number = &intrude - free_intrusions;
       EXPECT_TRUE(contains(error, "ERROR: the mesh is in use by ")) << error << ", " << number;
       ASSERT_TRUE(mesh_is_whole()) << number;
@@ -284,16 +277,17 @@ TEST_F(MisuseOfFreeProcedures, LimitWrittenByHandIsFoundOut) {
   for (const std::int32_t wrong : {8, 1000000, 2147483647, 1, -1, -2147483647 - 1}) {
     for (const auto operation : operations) {
       level_max = wrong;
-      const std::string error = error_of(operation);
+      const std::string error = text_of_error(operation);
       EXPECT_TRUE(contains(error, "'level_max' is " + std::to_string(wrong))) << error;
       level_max = 7;
       ASSERT_TRUE(mesh_is_whole()) << wrong;
     }
     // By a callback: told with the next call.
     for (int callback = 0; callback < nb_callbacks; ++callback) {
-      error_of([&] { update_with(default_mesh(), callback, [&] { level_max = wrong; }); });
+      text_of_error([&] { update_with(default_mesh(), callback, [&] { level_max = wrong; }); });
       if (level_max != 7) {
-        EXPECT_TRUE(contains(error_of([] { update_mesh_no_init(near(1.0)); }), "'level_max' is"));
+        EXPECT_TRUE(
+            contains(text_of_error([] { update_mesh_no_init(near(1.0)); }), "'level_max' is"));
       }
       level_max = 7;
       ASSERT_TRUE(mesh_is_whole()) << wrong << ", callback " << callback;
@@ -317,7 +311,7 @@ TEST_F(MisuseOfFreeProcedures, ListRelinkedBetweenBatches) {
       before.next = &b, b.prev = &before;
     }
     for (int i = 0; i < 2; ++i) {
-      const std::string error = error_of([&] {
+      const std::string error = text_of_error([&] {
         i == way ? update_mesh_no_init_batched(as_it_is) : resolve_mesh_no_init_batched(as_it_is);
       });
       if (i == 0) {

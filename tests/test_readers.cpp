@@ -6,6 +6,7 @@
 #include "support/golden_meshes.hpp"
 #include "support/history.hpp"
 #include "support/mesh_view.hpp"
+#include "velmar_2D/arrays.hpp"
 
 namespace velmar_2d::tests {
 
@@ -165,6 +166,31 @@ TEST_F(Readers, FindItAfterEachStepOfAHistory) {
     run.end();
   }
   EXPECT_GT(nb_nodes_read, 10000);
+}
+
+/// Enough nodes that all have work, beside one who reads the nodes.
+TEST_F(Readers, MakeTheSameArrays) {
+  Mesh mesh({}, {.nx = 33, .subdiv_max = 12, .n_cell_data = 1});
+  mesh.resolve(scenarios::ring_spacing({}, 0.1, 0.002, 1.0 / 32.0));
+  ASSERT_GT(mesh.size(), 12'000);
+  std::vector<std::vector<double>> told(nb_readers);
+  {
+    std::vector<std::jthread> readers;
+    for (std::vector<double>& mine : told) {
+      readers.emplace_back([&mesh, &mine] {
+        MeshArrays arrays(mesh, 3);
+        arrays.pull();
+        mine.assign(arrays.areas().begin(), arrays.areas().end());
+        for (const std::int32_t there : arrays.links()) mine.push_back(there);
+      });
+    }
+    for (Cell& c : mesh.nodes()) look(mesh, c);
+  }
+  const MeshArrays alone(mesh);
+  for (const std::vector<double>& mine : told) {
+    EXPECT_TRUE(mine == told[0]);
+    EXPECT_TRUE(std::equal(alone.areas().begin(), alone.areas().end(), mine.begin()));
+  }
 }
 
 }  // namespace

@@ -9,21 +9,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Says on standard error how far the work is, once a second from the second second on.
-class Progress {
- public:
-  void tell(const std::string& what, std::int64_t nb_nodes) {
-    const auto now = Clock::now();
-    if (now - last_ < std::chrono::seconds(1)) return;
-    last_ = now;
-    std::fprintf(stderr, "%s: %lld nodes, %.0f s\n", what.c_str(), static_cast<long long>(nb_nodes),
-                 std::chrono::duration<double>(now - begin_).count());
-  }
-
- private:
-  Clock::time_point begin_ = Clock::now(), last_ = begin_;
-};
-
 /// Whole squares along a side; almost whole is whole.
 int squares_along(double length, double square) {
   constexpr double rounding = 1e-9;
@@ -38,13 +23,16 @@ std::string too_many_nodes(std::int64_t most_nodes,
          " or raise --most-nodes";
 }
 
+/// Ctrl-C is answered within this time, or as soon as the wanted spacing at a node is known.
+constexpr double seconds_between_looks = 0.02;
+
 /// Leaves an update from within its size function.
 struct TooManyNodes {};
 
 }  // namespace
 
 std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain& domain,
-                      std::optional<Mesh>& mesh, Outcome& outcome) {
+                      std::optional<Mesh>& mesh, Outcome& outcome, ProgressLine& line) {
   const Domain wish = domain;
   const double square = std::min(domain.width(), domain.height()) / options.squares;
   if (!(square > 0.0) || std::max(domain.width(), domain.height()) / square > most_squares) {
@@ -61,15 +49,23 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
                Grid{.nx = columns + 1, .ny = rows + 1, .subdiv_max = options.limit});
 
   const auto wanted = field.make(wish, mesh->spacing_of_level(options.limit));
-  Progress progress;
   const auto begin = Clock::now();
-  constexpr unsigned calls_per_look = 4096;
-  unsigned calls = 0;
   int update = 0;
+  mesh->set_progress_handler(
+      [&](const Progress& progress) {
+        if (InterruptsAreHeeded::was_pressed()) {
+          line.wipe();
+          end_by_interrupt();
+        }
+        std::string what(progress.phase);
+        if (update > 0) what = "update " + std::to_string(update) + ", " + what;
+        // How many nodes will come nobody knows; those that are there are gone through once.
+        const bool is_known = progress.phase != "refining" && progress.known > 0;
+        const auto done = static_cast<double>(progress.done);
+        line.tell(what, mesh->size(), is_known ? done / static_cast<double>(progress.known) : -1.0);
+      },
+      seconds_between_looks);
   const size_function size = [&](double x, double y, std::span<const double>, double, double) {
-    if (++calls % calls_per_look == 0) {
-      progress.tell(update == 0 ? "resolve" : "update " + std::to_string(update), mesh->size());
-    }
     if (mesh->size() > options.most_nodes) throw TooManyNodes{};
     return wanted(x, y);
   };
@@ -87,6 +83,7 @@ std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain
     if (mesh->size() < options.most_nodes) throw;
     return too_many_nodes(options.most_nodes);
   }
+  mesh->set_progress_handler({});
   outcome.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   for (Cell& node : mesh->nodes()) {
     constexpr double rounding = 1e-9;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/progress.hpp"
 #include "tools/size_field.hpp"
 #include "velmar_2D/mesh.hpp"
 
@@ -24,10 +25,10 @@ struct Outcome {
 };
 
 /// Makes the mesh of a field and adapts it. `domain` is enlarged at its north or east side to whole
-/// squares. Where it takes longer than a second, a line on standard error tells how far it is.
-/// The first data value of every node is the wanted spacing. Throws what Mesh throws.
+/// squares. The first data value of every node is the wanted spacing. Throws what Mesh throws, and
+/// Interrupted.
 /// @return nothing on success, then there is a mesh; otherwise one line
 std::string make_mesh(const SizeField& field, const MeshOptions& options, Domain& domain,
-                      std::optional<Mesh>& mesh, Outcome& outcome);
+                      std::optional<Mesh>& mesh, Outcome& outcome, ProgressLine& line);
 
 }  // namespace velmar_2d::tools

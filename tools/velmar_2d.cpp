@@ -61,6 +61,7 @@ struct Options {
   std::string colour;  ///< of control cells; none: they are not drawn
 
   bool cells = false, ascii = false;
+  bool progress = false;  ///< also where standard error is no terminal
 };
 
 /// An option that takes a number from a range; `unit` is what help calls the number.
@@ -115,6 +116,8 @@ void add_mesh_options(CLI::App& command, Options& options) {
              "brightness step, of 255, that counts as an edge of a picture");
   add_number(command, "--max-pixels", field.max_pixels, "N", 1, 1e9,
              "refuse a picture that has more");
+  command.add_flag("--progress", options.progress,
+                   "tell how far it is also where standard error is no terminal, once a second");
 }
 
 int fail(const std::string& line) {
@@ -122,7 +125,9 @@ int fail(const std::string& line) {
   return bad_input;
 }
 
-int report(const Mesh& mesh, const std::string& error, const std::string& output) {
+int report(const Mesh& mesh, const std::string& error, const std::string& output,
+           tools::ProgressLine& line) {
+  line.wipe();
   if (!error.empty()) return fail(error);
   std::printf("%s: %lld nodes\n", output.c_str(), static_cast<long long>(mesh.size()));
   return 0;
@@ -133,7 +138,7 @@ int report(const Mesh& mesh, const std::string& error, const std::string& output
 // ---------------------------------------------------------------------------------------------
 
 int draw(const Mesh& mesh, const Options& options, const tools::SizeField& field,
-         const tools::Domain& wish) {
+         const tools::Domain& wish, tools::ProgressLine& line) {
   io::PictureOptions picture;
   picture.title = options.title.empty() ? options.field.text : options.title;
   picture.width = options.width;
@@ -146,15 +151,15 @@ int draw(const Mesh& mesh, const Options& options, const tools::SizeField& field
     picture.background = {field.picture.get(), wish.west, wish.east, wish.south, wish.north, 0.75};
   }
   picture.height = io::fitting_height(mesh, picture.width, picture);
-  return report(mesh, io::draw_mesh(mesh, options.output, picture), options.output);
+  return report(mesh, io::draw_mesh(mesh, options.output, picture), options.output, line);
 }
 
-int write_vtu(const Mesh& mesh, const Options& options) {
+int write_vtu(const Mesh& mesh, const Options& options, tools::ProgressLine& line) {
   io::VtuOptions vtu;
   vtu.cells = options.cells ? io::VtuCells::control_cells : io::VtuCells::triangles;
   vtu.ascii = options.ascii;
   vtu.data_names = {"wanted_spacing"};
-  return report(mesh, io::write_vtu(mesh, options.output, vtu), options.output);
+  return report(mesh, io::write_vtu(mesh, options.output, vtu), options.output, line);
 }
 
 int print_stats(const Mesh& mesh, const tools::Domain& domain, const tools::Outcome& outcome) {
@@ -293,22 +298,26 @@ int run(int argc, char** argv) {
   }
   std::optional<Mesh> mesh;
   tools::Outcome outcome;
-  if (const std::string error = tools::make_mesh(field, options.mesh, domain, mesh, outcome);
-      !error.empty()) {
+  tools::ProgressLine line(options.progress);
+  std::string error;
+  {
+    const tools::InterruptsAreHeeded interrupts_are_heeded;
+    error = tools::make_mesh(field, options.mesh, domain, mesh, outcome, line);
+  }
+  if (!error.empty()) {
+    line.wipe();
     return fail(error);
   }
   if (outcome.too_coarse > 0 && options.mesh.updates == 0 && !stats_command->parsed()) {
+    line.wipe();
     std::fprintf(stderr, "%lld of %lld nodes stay coarser than wanted, at --limit %d\n",
                  static_cast<long long>(outcome.too_coarse), static_cast<long long>(mesh->size()),
                  options.mesh.limit);
   }
-  constexpr double patience = 1.0;  // seconds
-  if (outcome.seconds > patience && !stats_command->parsed()) {
-    std::fprintf(stderr, "writing %lld nodes to %s\n", static_cast<long long>(mesh->size()),
-                 options.output.c_str());
-  }
-  if (draw_command->parsed()) return draw(*mesh, options, field, wish);
-  if (vtu_command->parsed()) return write_vtu(*mesh, options);
+  if (!stats_command->parsed()) line.tell("writing " + options.output, mesh->size());
+  if (draw_command->parsed()) return draw(*mesh, options, field, wish, line);
+  if (vtu_command->parsed()) return write_vtu(*mesh, options, line);
+  line.wipe();
   return print_stats(*mesh, domain, outcome);
 }
 

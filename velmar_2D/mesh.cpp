@@ -5,9 +5,9 @@
 #include <limits>
 #include <string>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
 #include "velmar_2D/find/find.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d {
 
@@ -198,8 +198,9 @@ UpdateStatistics Mesh::resolve_batched(const batch_size_function& sizes,
 
 Transfer Mesh::transfer() const { return state().transfer; }
 void Mesh::set_transfer(Transfer transfer) { state().transfer = transfer; }
-void Mesh::set_progress_handler(progress_function handler) {
+void Mesh::set_progress_handler(progress_function handler, double seconds) {
   state().progress.handler = std::move(handler);
+  state().progress.seconds_between_calls = seconds;
 }
 void Mesh::set_node_hooks(NodeHooks hooks) { state().hooks = std::move(hooks); }
 

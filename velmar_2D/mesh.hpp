@@ -18,8 +18,8 @@
 // Mistakes throw an Error that says what is wrong; so does exhausted memory (std::bad_alloc where
 // none is left even for the text). The mesh is whole afterwards: a node is in it with all its links
 // or not at all. Callbacks may throw what they like, with the same promise; where they change the
-// mesh that asks them, an Error ends that. Nothing is printed and nothing waits for a key; who wants to read the
-// warnings sets a message handler.
+// mesh that asks them, an Error ends that. Nothing is printed and nothing waits for a key; who
+// wants to read the warnings sets a message handler.
 //
 // Threads: a mesh may be changed by one thread at a time, and by none while others read it. All
 // that is const here, the measures of control cells and compute_derivatives() on different nodes
@@ -37,8 +37,11 @@
 
 namespace velmar_2d {
 
+class MeshArrays;
+
 namespace detail {
 struct State;
+struct SnapshotAccess;
 struct StateDeleter {
   VELMAR_2D_API void operator()(State* state) const;
 };
@@ -216,8 +219,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   /// handed on as long as nothing is chosen.
   Transfer transfer() const;
   void set_transfer(Transfer transfer);
-  /// Told how far an update has come, and compute_derivatives() by one thread. Throws to leave it.
-  void set_progress_handler(progress_function handler);
+  /// Told how far an update has come, set_limit(), transfer() to this mesh, and
+  /// compute_derivatives() by one thread. Throws to leave it. Called no sooner than `seconds` after
+  /// the last time: fewer let it answer a key more promptly.
+  void set_progress_handler(progress_function handler, double seconds = 0.1);
   /// Called for each node that comes or goes from now on; empty ones cost nothing.
   void set_node_hooks(NodeHooks hooks);
   /// What the last update did, also where it ended by an exception.
@@ -367,6 +372,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
 
  private:
   friend Mesh& default_mesh();
+  friend struct detail::SnapshotAccess;
+  friend class MeshArrays;
   friend VELMAR_2D_API std::int64_t transfer(const Mesh& from, Mesh& to, Interpolation how);
   friend VELMAR_2D_API std::int64_t transfer_conservative(const Mesh& from, Mesh& to);
   explicit Mesh(detail::State* state) : state_(state) {}

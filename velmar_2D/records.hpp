@@ -328,10 +328,6 @@ struct Resolution {
   /// no node sees is missed all the same. Costs three times the time of a resolve from the first
   /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
-  /// By how many the nodes there are are asked for their sizes, and derivatives computed. With more
-  /// than one the size function must be safe to call from several at the same time. The mesh is the
-  /// same, and so is what leaves the update where the size function throws.
-  int threads = 1;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -352,9 +348,11 @@ using batch_size_function =
 using init_data_function = std::function<double(double x, double y)>;
 /// How far an update has come.
 struct Progress {
-  std::string_view phase;  ///< "restoring", "derivatives", "refining" or "coarsening"
-  std::int64_t done = 0;   ///< nodes that the phase has visited
-  std::int64_t known = 0;  ///< nodes there were when it began; others may come while it lasts
+  /// "restoring", "derivatives", "refining", "coarsening" or "transferring".
+  std::string_view phase;
+  std::int64_t done = 0;  ///< nodes that the phase has visited
+  /// Nodes that it was to visit when it began; others may come while it lasts.
+  std::int64_t known = 0;
 };
 /// Told at most ten times a second. What it throws leaves the update, and the mesh is whole.
 using progress_function = std::function<void(const Progress& progress)>;

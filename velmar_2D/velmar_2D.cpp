@@ -1,9 +1,9 @@
 // The free procedures and the library-wide variables: the window of one default mesh.
 #include "velmar_2D/velmar_2D.hpp"
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/check/check.hpp"
 #include "velmar_2D/find/find.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d {
 

@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -143,6 +144,7 @@ struct VELMAR_2D_WITH_VECTORS VtuOptions {
   bool ascii = false;  ///< numbers as text, readable back to the last bit
   std::vector<std::string> data_names =
       {};  ///< names of the first data values, none of them twice; others: "data_1", "data_2" ...
+  std::optional<double> time = {};  ///< of the solution, which ParaView shows; none: not told
 };
 
 /// Writes the mesh as it stands to a .vtu file (VTK unstructured grid).
@@ -168,8 +170,9 @@ struct TimeStep {
   std::string file;  ///< a .vtu file; a relative path starts from where the program runs
 };
 
-/// Writes a .pvd file, which ParaView opens as one series. Write it again whenever a step is added:
-/// a run that ends early then leaves a series that can be opened.
+/// Writes a .pvd file, which ParaView opens as one series; its times go before those in the .vtu
+/// files. Write it again whenever a step is added: a run that ends early then leaves a series that
+/// can be opened.
 ///
 /// @return nothing on success; otherwise one line: the path and the reason
 [[nodiscard]] VELMAR_2D_IO_API std::string write_pvd(const std::string& path,

@@ -8,6 +8,7 @@
 #include "python/core/core.hpp"
 #include "python/core/forecast.hpp"
 #include "python/core/prefetch.hpp"
+#include "python/core/progress.hpp"
 
 namespace velmar_2d::python {
 
@@ -120,12 +121,6 @@ class LetOthersRun {
 // Wanted spacings
 // ---------------------------------------------------------------------------------------------
 
-/// Leaves where Ctrl-C was pressed.
-void heed_signals() {
-  const py::gil_scoped_acquire python;
-  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-}
-
 /// The arrays that a vectorised size function gets. Their memory serves one batch after another, as
 /// long as the function keeps none of them.
 class SizeArguments {
@@ -162,7 +157,7 @@ class SizeArguments {
   // The records of a stretch lie in many places of the memory, which is asked for them in good
   // time.
   void fill(Nodes nodes, bool has_data) {
-    constexpr std::size_t nodes_ahead = 16, nodes_between_signals = std::size_t{1} << 20;
+    constexpr std::size_t nodes_ahead = 16, nodes_between_signals = std::size_t{1} << 18;
     double *out_x = x_.mutable_data(), *out_y = y_.mutable_data(), *out_data = data_.mutable_data(),
            *out_grad = grad_.mutable_data(), *out_grad2 = grad2_.mutable_data();
     for (std::size_t i = 0; i < nodes.size(); ++i) {
@@ -200,25 +195,6 @@ double ask_for_one(const py::function& size, double x, double y, std::span<const
 // ---------------------------------------------------------------------------------------------
 // Adapting
 // ---------------------------------------------------------------------------------------------
-
-/// While this lasts an update can be interrupted, and tells how far it has come.
-class ProgressAtHand {
- public:
-  ProgressAtHand(Mesh& mesh, const py::object& progress) : mesh_(mesh) {
-    mesh.set_progress_handler([&progress](const Progress& p) {
-      heed_signals();
-      if (progress.is_none()) return;
-      const py::gil_scoped_acquire python;
-      progress(text(p.phase), p.done, p.known);
-    });
-  }
-  ~ProgressAtHand() { mesh_.set_progress_handler(nullptr); }
-  ProgressAtHand(const ProgressAtHand&) = delete;
-  ProgressAtHand& operator=(const ProgressAtHand&) = delete;
-
- private:
-  Mesh& mesh_;
-};
 
 /// A batch is in the order of a walk upwards, from the first node of a stretch on, or downwards.
 bool is_refinement(const Mesh& mesh, Nodes nodes) {
@@ -345,6 +321,7 @@ void set_subdiv_max(CoreMesh& core, std::int32_t limit, const py::object& kinds,
                     bool kinds_vectorised) {
   const Changing changing(core, "subdiv_max");
   const KindsAtHand kinds_at_hand(core, kinds, kinds_vectorised);
+  const ProgressAtHand progress_at_hand(*core.mesh, py::none());
   const LetOthersRun others(kinds_at_hand.one_by_one());
   core.mesh->set_limit(limit);
 }

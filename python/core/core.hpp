@@ -14,13 +14,15 @@
 #include <thread>
 #include <vector>
 
-#include "velmar_2D/mesh.hpp"
+#include "velmar_2D/arrays.hpp"
 
 namespace velmar_2d::python {
 
 namespace py = pybind11;
 
 using Doubles = py::array_t<double, py::array::c_style | py::array::forcecast>;
+/// The same with each column in one piece.
+using Columns = py::array_t<double, py::array::f_style | py::array::forcecast>;
 
 inline constexpr std::array<std::string_view, 4> side_names = {"North", "East", "South", "West"};
 
@@ -44,11 +46,8 @@ class CoreMesh {
   /// The mesh, for values that it knows at once. Throws Error where it was deleted, or is being
   /// changed by another thread.
   const Mesh& readable() const;
-  /// The nodes in list order. `used` of each is its index. Made once for each revision.
-  const std::vector<Cell*>& numbered_nodes();
-  /// What a link is in an index table where it leads to no node: no_link_code, or the side's
-  /// -2 - 3 * side - kind, with sides n 0, e 1, s 2, w 3.
-  std::int32_t code_of(const Boundary* record) const;
+  /// The nodes as arrays, made once for each revision. Older ones stay with those who hold them.
+  const std::shared_ptr<MeshArrays>& arrays();
 
   std::unique_ptr<Mesh> mesh;  ///< none once it was deleted
   /// Kinds of the sides as a function of Python's, while a call lasts that may ask for them.
@@ -59,11 +58,8 @@ class CoreMesh {
   friend class Busy;
   bool busy_ = false;  ///< guarded by Python's lock, as all that stands here
   std::thread::id user_;
-  std::vector<Cell*> numbered_;
-  std::uint64_t numbered_revision_ = 0;
+  std::shared_ptr<MeshArrays> arrays_;
 };
-
-inline constexpr std::int32_t no_link_code = -1, first_side_code = -2;
 
 /// Held by whatever changes or reads a mesh: a callback that comes back to it in the middle of an
 /// update, or another thread that does, meets an Error. So does who finds the mesh deleted.
@@ -134,5 +130,11 @@ void define_arrays(py::class_<CoreMesh>& mesh);
 // ---------------------------------------------------------------------------------------------
 
 void define_places(py::class_<CoreMesh>& mesh);
+
+// ---------------------------------------------------------------------------------------------
+// Copies and files (saving.cpp)
+// ---------------------------------------------------------------------------------------------
+
+void define_saving(py::module_& m, py::class_<CoreMesh>& mesh);
 
 }  // namespace velmar_2d::python

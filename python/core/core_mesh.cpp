@@ -38,7 +38,7 @@ Busy::Busy(CoreMesh& core, std::string_view operation) : core_(core) {
 void CoreMesh::remove() {
   if (!is_alive()) return;
   const Busy busy(*this, "delete");
-  std::vector<Cell*>().swap(numbered_);
+  arrays_ = nullptr;
   mesh = nullptr;
 }
 
@@ -48,30 +48,14 @@ const Mesh& CoreMesh::readable() const {
   return *mesh;
 }
 
-const std::vector<Cell*>& CoreMesh::numbered_nodes() {
-  if (numbered_.empty() || numbered_revision_ != mesh->revision()) {
-    numbered_.clear();
-    numbered_.reserve(static_cast<std::size_t>(mesh->size()));
-    for (Cell& c : mesh->nodes()) {
-      c.used = static_cast<std::int32_t>(numbered_.size());
-      numbered_.push_back(&c);
-    }
-    numbered_revision_ = mesh->revision();
+const std::shared_ptr<MeshArrays>& CoreMesh::arrays() {
+  if (arrays_ != nullptr && arrays_.use_count() == 1) {
+    arrays_->update();
+  } else if (arrays_ == nullptr || !arrays_->is_current()) {
+    arrays_ = nullptr;  // others hold it, or no one
+    arrays_ = std::make_shared<MeshArrays>(*mesh);
   }
-  return numbered_;
-}
-
-std::int32_t CoreMesh::code_of(const Boundary* record) const {
-  constexpr std::array<Direction, 4> sides = {Direction::north, Direction::east, Direction::south,
-                                              Direction::west};
-  for (std::int32_t side = 0; side < 4; ++side) {
-    for (std::int32_t kind = bc_type_dir; kind <= bc_type_oth; ++kind) {
-      if (record == &mesh->side_record(sides[static_cast<std::size_t>(side)], kind)) {
-        return first_side_code - 3 * side - kind;
-      }
-    }
-  }
-  return no_link_code;
+  return arrays_;
 }
 
 }  // namespace velmar_2d::python

@@ -1,5 +1,8 @@
 // The extension module velmar_2d._core: meshes, each with procedures that read or change it. The
 // classes that users see are written in Python, on top of it.
+#include <optional>
+#include <utility>
+
 #include "python/core/core.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 
@@ -12,17 +15,27 @@ namespace velmar_2d::python {
 namespace {
 
 #if defined(VELMAR_2D_PYTHON_IO)
+void raise_os_error(const std::string& error) {
+  if (error.empty()) return;
+  PyErr_SetString(PyExc_OSError, error.c_str());
+  throw py::error_already_set();
+}
+
 void write_vtu(CoreMesh& core, const std::string& path, bool control_cells, bool ascii,
-               const std::vector<std::string>& data_names) {
+               const std::vector<std::string>& data_names, std::optional<double> time) {
   const Busy busy(core, "write_vtu");
   io::VtuOptions options;
   options.cells = control_cells ? io::VtuCells::control_cells : io::VtuCells::triangles;
   options.ascii = ascii;
   options.data_names = data_names;
-  const std::string error = io::write_vtu(*core.mesh, path, options);
-  if (error.empty()) return;
-  PyErr_SetString(PyExc_OSError, error.c_str());
-  throw py::error_already_set();
+  options.time = time;
+  raise_os_error(io::write_vtu(*core.mesh, path, options));
+}
+
+void write_pvd(const std::string& path, const std::vector<std::pair<double, std::string>>& steps) {
+  std::vector<io::TimeStep> series;
+  for (const auto& [time, file] : steps) series.push_back({time, file});
+  raise_os_error(io::write_pvd(path, series));
 }
 #endif
 
@@ -98,13 +111,15 @@ PYBIND11_MODULE(_core, m) {
   mesh.def("statistics", statistics);
 #if defined(VELMAR_2D_PYTHON_IO)
   mesh.def("write_vtu", write_vtu, py::arg("path"), py::arg("control_cells"), py::arg("ascii"),
-           py::arg("data_names"));
+           py::arg("data_names"), py::arg("time"));
+  m.def("write_pvd", write_pvd, py::arg("path"), py::arg("steps"));
   m.attr("has_io") = true;
 #else
   m.attr("has_io") = false;
 #endif
   define_arrays(mesh);
   define_places(mesh);
+  define_saving(m, mesh);
 }
 
 }  // namespace velmar_2d::python

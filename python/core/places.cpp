@@ -1,5 +1,6 @@
 // Nodes, values and lines at places of the caller's, and values from one mesh to another.
 #include "python/core/core.hpp"
+#include "python/core/progress.hpp"
 
 namespace velmar_2d::python {
 
@@ -26,13 +27,13 @@ std::vector<Point> to_points(const Doubles& places) {
 
 py::array_t<std::int32_t> locate(CoreMesh& core, const Doubles& places) {
   const Busy busy(core, "locate");
-  core.numbered_nodes();
+  const MeshArrays& arrays = *core.arrays();
   const std::vector<Point> points = to_points(places);
   py::array_t<std::int32_t> indices(static_cast<py::ssize_t>(points.size()));
   std::int32_t* out = indices.mutable_data();
   const py::gil_scoped_release others_run;
   for (const Cell* c : std::as_const(*core.mesh).locate(points)) {
-    *out++ = c != nullptr ? c->used : no_link_code;
+    *out++ = c != nullptr ? arrays.number(*c) : -1;
   }
   return indices;
 }
@@ -55,7 +56,7 @@ py::array_t<double> values_at(CoreMesh& core, const Doubles& places, const std::
 /// Indices of the nodes, and a row for each piece: enter, leave, from, to.
 py::tuple line_cut(CoreMesh& core, const Doubles& ends) {
   const Busy busy(core, "line_cut");
-  core.numbered_nodes();
+  const MeshArrays& arrays = *core.arrays();
   const std::vector<Point> points = to_points(ends);
   if (points.size() != 2) throw py::value_error("a line has two ends");
   const std::vector<LinePiece> pieces = core.mesh->line_cut(points[0], points[1]);
@@ -65,7 +66,7 @@ py::tuple line_cut(CoreMesh& core, const Doubles& ends) {
   std::int32_t* index = indices.mutable_data();
   double* row = rows.mutable_data();
   for (const LinePiece& p : pieces) {
-    *index++ = p.node->used;
+    *index++ = arrays.number(*p.node);
     for (const double x : {p.enter, p.leave, p.from.x, p.from.y, p.to.x, p.to.y}) *row++ = x;
   }
   return py::make_tuple(indices, rows);
@@ -77,6 +78,7 @@ std::int64_t transfer_from(CoreMesh& core, CoreMesh& other, bool conservative,
   const Changing changing(core, "transfer_from");
   std::unique_ptr<Busy> reading;
   if (&other != &core) reading = std::make_unique<Busy>(other, "transfer_from");
+  const ProgressAtHand progress_at_hand(*core.mesh, py::none());
   const py::gil_scoped_release others_run;
   return conservative ? transfer_conservative(*other.mesh, *core.mesh)
                       : transfer(*other.mesh, *core.mesh, rule);

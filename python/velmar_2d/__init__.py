@@ -15,14 +15,17 @@ mistakes are raised as MeshError, and nothing waits for a key.
 """
 from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
-from .mesh import Finding, Mesh, UpdateStatistics
+from .mesh import Finding, Mesh, UpdateStatistics, save_meshes
 from .nodes import Faces, Nodes, Polygons
+from .paraview import write_pvd
 from .places import LineCut
+from .saving import SavedMesh, load_arrays, saved_meshes
 
 __version__ = _version()
 
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
-    "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "UpdateStatistics",
-    "kind_of", "side_code", "side_of",
+    "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "SavedMesh",
+    "UpdateStatistics", "kind_of", "load_arrays", "save_meshes", "saved_meshes", "side_code",
+    "side_of", "write_pvd",
 ]

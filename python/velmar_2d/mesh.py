@@ -1,11 +1,12 @@
 """The mesh."""
 from __future__ import annotations
 
+import copy
 import math
 import numbers
 import operator
 import os
-from typing import Any, Callable, NamedTuple, NoReturn, Sequence
+from typing import TYPE_CHECKING, Any, Callable, Mapping, NamedTuple, Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -13,9 +14,14 @@ from numpy.typing import ArrayLike, NDArray
 from . import _core, links
 from .matrices import laplacian
 from .nodes import Nodes
+from .paraview import require_io
 from .places import LineCut, as_places, one_value, pixels
 from .plotting import plot
 from .progress import Progress, shown
+from .saving import own_arrays, readable, require_hdf5
+
+if TYPE_CHECKING:
+    from typing_extensions import Self
 
 _TRANSFERS = ("first", "all", "conservative")
 _MOST_NODES = 2**31 - 1  # which links as indices can tell apart
@@ -59,8 +65,9 @@ class Mesh:
 
     Raises MeshError where the library refuses: a height that does not fit, more nodes than the
     machine's memory holds.
-    It goes when nothing holds it, at the end of a `with` block, or at delete(). It cannot be copied
-    or pickled. One thread at a time may use a mesh; updates of different meshes run side by side.
+    It goes when nothing holds it, at the end of a `with` block, or at delete(). Copies, pickles and
+    files of it hold the same mesh to the last bit. One thread at a time may use a mesh; updates of
+    different meshes run side by side.
     """
 
     def __init__(self, rectangle: Sequence[float] = (0.0, 1.0, 0.0, 1.0), nx: int = 17,
@@ -98,8 +105,30 @@ class Mesh:
     def __exit__(self, *error: object) -> None:
         self.delete()
 
-    def __reduce_ex__(self, protocol: Any) -> NoReturn:
-        raise TypeError("a velmar_2d.Mesh cannot be copied or pickled")
+    def __copy__(self) -> Self:
+        return self._twin(self._core.copy(self._kinds[0]), self._kinds, self._extras())
+
+    def __deepcopy__(self, memo: dict[int, Any]) -> Self:
+        twin = self._twin(self._core.copy(self._kinds[0]), self._kinds, {})
+        memo[id(self)] = twin
+        twin.__dict__.update(copy.deepcopy(self._extras(), memo))
+        return twin
+
+    def __reduce_ex__(self, protocol: Any) -> tuple[Any, ...]:
+        require_hdf5()
+        return _unpickled, (type(self), self._core.to_bytes(), self._kinds), self._extras()
+
+    def _extras(self) -> dict[str, Any]:
+        """What a user has added to the mesh."""
+        own = ("_core", "_kinds", "_nodes")
+        return {name: value for name, value in self.__dict__.items() if name not in own}
+
+    @classmethod
+    def _twin(cls, core: _core.Mesh, kinds: tuple[Any, bool], extras: dict[str, Any]) -> Self:
+        twin = cls.__new__(cls)
+        twin._core, twin._kinds, twin._nodes = core, kinds, None
+        twin.__dict__.update(extras)
+        return twin
 
     def __repr__(self) -> str:
         if not self.is_alive:
@@ -306,6 +335,58 @@ class Mesh:
         return self._core.transfer_from(other._core, conservative, how)
 
     # ---------------------------------------------------------------------------------------------
+    # Saving
+    # ---------------------------------------------------------------------------------------------
+
+    def save(self, path: str | os.PathLike[str], arrays: Mapping[str, ArrayLike] | None = None, *,
+             name: str = "mesh", time: float | None = None, length_unit: str = "",
+             data_names: Sequence[str] = (), data_units: Sequence[str] = ()) -> None:
+        """Writes an HDF5 file with this mesh; load() gives the same mesh to the last bit.
+
+        arrays      numbers of your own to be kept with it, by name, of one or two dimensions and of
+                    types that float64 holds; velmar_2d.load_arrays() gives them back
+        name        of the mesh in the file
+        The rest is for those who read the file.
+
+        The file is complete or the old one is still there, whenever the process ends. Raises
+        MeshError with the path and the reason.
+        """
+        require_hdf5()
+        self._core.save(os.fspath(path), False, name, time, own_arrays(arrays), length_unit,
+                        list(data_names), list(data_units))
+
+    def save_step(self, path: str | os.PathLike[str], time: float,
+                  arrays: Mapping[str, ArrayLike] | None = None, *, name: str = "mesh",
+                  length_unit: str = "", data_names: Sequence[str] = (),
+                  data_units: Sequence[str] = ()) -> int:
+        """Adds the mesh to the series of a file, which is made where it is not there.
+
+        Times must rise. Returns the number of the step, from 0 on. The file is copied on the way.
+        """
+        require_hdf5()
+        return self._core.save(os.fspath(path), True, name, time, own_arrays(arrays), length_unit,
+                               list(data_names), list(data_units))
+
+    @classmethod
+    def load(cls, path: str | os.PathLike[str], name: str = "mesh", *, step: int | None = None,
+             time: float | None = None, bc_type: Any = None, vectorised: bool = True,
+             check: bool = True) -> Self:
+        """The mesh of a file of save() or save_step().
+
+        step, time  of a series the step with this number, or the last one not after this time;
+                    without either the last one
+        bc_type     the kinds of the sides for nodes to come, as for Mesh(). Without: those of the
+                    saved nodes, one for each side; MeshError where they differ
+        check       False loads a mesh that did not keep all rules when it was saved
+
+        Raises MeshError where the file is damaged or holds no such mesh.
+        """
+        kinds = None if bc_type is None else links.kinds_of_sides(bc_type)
+        core = _core.load(readable(path), name, step, time, kinds, check)
+        return cls._twin(core, (tuple(core.kinds_of_sides()) if kinds is None else kinds,
+                                vectorised), {})
+
+    # ---------------------------------------------------------------------------------------------
     # Looking and using
     # ---------------------------------------------------------------------------------------------
 
@@ -314,16 +395,18 @@ class Mesh:
         return [Finding(*found) for found in self._core.findings()]
 
     def write_vtu(self, path: str | os.PathLike[str], *, cells: str = "triangles",
-                  ascii: bool = False, data_names: Sequence[str] = ()) -> None:
+                  ascii: bool = False, data_names: Sequence[str] = (),
+                  time: float | None = None) -> None:
         """Writes the mesh for ParaView: triangles between the nodes, or "control_cells".
 
+        time is that of the solution, which ParaView shows; see write_pvd() for a series.
         Raises OSError with the path and the reason where the file cannot be written.
         """
         if cells not in ("triangles", "control_cells"):
             raise ValueError(f"cells is {cells!r}; it must be 'triangles' or 'control_cells'")
-        if not _core.has_io:
-            raise _core.MeshError("velmar_2d was built without pugixml: no .vtu files")
-        self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names))
+        require_io()
+        self._core.write_vtu(os.fspath(path), cells == "control_cells", ascii, list(data_names),
+                             time)
 
     def plot(self, what: str = "links", colour: Any = "level", *, ax: Any = None,
              component: int = 0, colorbar: bool = True, ticks: Sequence[float] | None = None,
@@ -354,6 +437,16 @@ class Mesh:
         conductivity    one number, or one for each node; faces take the harmonic mean
         """
         return laplacian(self.nodes, conductivity, per_area)
+
+
+def save_meshes(path: str | os.PathLike[str], meshes: Mapping[str, Mesh]) -> None:
+    """Writes several meshes to one file, by name. Raises MeshError with the path and the reason."""
+    require_hdf5()
+    _core.save_several(os.fspath(path), list(meshes), [mesh._core for mesh in meshes.values()])
+
+
+def _unpickled(cls: type[Mesh], file: bytes, kinds: tuple[Any, bool]) -> Mesh:
+    return cls._twin(_core.from_bytes(file, kinds[0]), kinds, {})
 
 
 def _callables(size: Callable[..., Any] | float, init_data: Callable[..., Any] | None,

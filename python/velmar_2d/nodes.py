@@ -54,8 +54,8 @@ class Polygons(NamedTuple):
 class Nodes:
     """The nodes of the mesh at one revision, in the order of the node list.
 
-    Each field is copied out of the mesh when it is first read, and kept. The arrays are read-only
-    and stay what they are when the mesh moves on; then `is_current` is False, fields that were not
+    Each field is made when it is first read, and kept. The arrays are read-only and stay what they
+    are when the mesh moves on; then `is_current` is False, fields that were not
     read before raise MeshError, and so does writing data. Get the new ones from `mesh.nodes`.
     They keep what they are copied from alive until it is deleted, though not the Mesh.
     """
@@ -189,7 +189,7 @@ class Nodes:
         Raises MeshError, and writes nothing, where the mesh has other nodes by now.
         """
         k = self._core.n_cell_data()
-        array = np.asarray(values, dtype=np.float64, order="C")
+        array = np.asarray(values, dtype=np.float64, order="F")
         if column is None and array.ndim == 1 and k == 1:
             column = 0
         if column is not None:

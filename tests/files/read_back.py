@@ -81,6 +81,9 @@ def check_file(name, table_name):
     points = mesh.points[:, :2]
     cells = cells_of(mesh)
     check_cells(points, cells, sides)
+    seed = int(os.path.basename(name).split("_")[1])
+    times = {key: list(value) for key, value in mesh.field_data.items()}
+    check(times == ({} if "cells" in name else {"TimeValue": [0.1 * seed]}), f"times: {times}")
     if "cells" in os.path.basename(name):
         check(len(cells) == len(table), "one control cell for each node")
         values = {key: numpy.concatenate(blocks) for key, blocks in mesh.cell_data.items()}

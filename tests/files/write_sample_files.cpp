@@ -49,8 +49,10 @@ int main(int argc, char** argv) {
     }
     const std::string name = argv[1] + ("/mesh_" + std::to_string(seed));
     const std::vector<std::string> names(n_cell_data > 0 ? 1 : 0, "first");
-    require(io::write_vtu(name + "_triangles.vtu", {.data_names = names}));
-    require(io::write_vtu(name + "_triangles_ascii.vtu", {.ascii = true, .data_names = names}));
+    const double time = 0.1 * static_cast<double>(seed);
+    require(io::write_vtu(name + "_triangles.vtu", {.data_names = names, .time = time}));
+    require(io::write_vtu(name + "_triangles_ascii.vtu",
+                          {.ascii = true, .data_names = names, .time = time}));
     require(io::write_vtu(name + "_cells.vtu",
                           {.cells = io::VtuCells::control_cells, .data_names = names}));
     write_table(name + ".txt");

@@ -10,11 +10,14 @@ execute_process(COMMAND ${NM} -DC --defined-only ${LIBRARY} OUTPUT_VARIABLE symb
                 COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
 list(LENGTH symbols nb_symbols)
-# Beside procedures and variables: the object, what it throws, and how its state is deleted.
+# Beside procedures and variables: the objects, what they throw, how their state is deleted, and how
+# velmar_2d::hdf5 comes to it. What belongs to the standard library is not ours to hide.
 set(private ${symbols})
-list(FILTER private EXCLUDE REGEX "^[0-9a-f]+ [A-Za-z] velmar_2d::([a-z0-9_]+(\\(|$)|Mesh::)")
+list(FILTER private EXCLUDE REGEX "^[0-9a-f]+ [A-Za-z] velmar_2d::([a-z0-9_]+(\\(|$)|Mesh::|MeshArrays::)")
 list(FILTER private EXCLUDE REGEX " (typeinfo|typeinfo name|vtable) for velmar_2d::Error$")
-list(FILTER private EXCLUDE REGEX " velmar_2d::detail::StateDeleter::operator\\(\\)")
+list(FILTER private EXCLUDE REGEX " velmar_2d::detail::(State|Arrays)Deleter::operator\\(\\)")
+list(FILTER private EXCLUDE REGEX " velmar_2d::detail::(take_snapshot|restore|restore_default)\\(")
+list(FILTER private EXCLUDE REGEX " ((typeinfo|typeinfo name|vtable) for )?std::")
 if(private OR nb_symbols LESS 90)
   message(FATAL_ERROR "${nb_symbols} symbols, of these private: ${private}")
 endif()

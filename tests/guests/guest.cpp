@@ -8,6 +8,9 @@
 #ifdef GUEST_DRAWS
 #include <velmar_2D/velmar_2D_io.hpp>
 #endif
+#ifdef GUEST_SAVES
+#include <velmar_2D/velmar_2D_hdf5.hpp>
+#endif
 
 namespace {
 
@@ -42,6 +45,20 @@ int use_object(std::int32_t expected_nodes) {
   }
 #ifdef GUEST_DRAWS
   if (!io::draw_mesh(mesh, "object.svg").empty()) return fail("the object cannot be drawn");
+#endif
+#ifdef GUEST_SAVES
+  save(mesh, "object.h5");
+  Mesh again = load("object.h5");
+  if (again.update(spacing, value).visited != mesh.update(spacing, value).visited ||
+      again.next_id() != mesh.next_id()) {
+    return fail("the loaded mesh is another one");
+  }
+  try {
+    load("object.svg");
+    return fail("a picture was loaded");
+  } catch (const Error& error) {
+    if (std::strstr(error.what(), "no HDF5 file") == nullptr) return fail(error.what());
+  }
 #endif
   return 0;
 }

@@ -6,15 +6,20 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <future>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "velmar_2D/arrays.hpp"
 #include "velmar_2D/mesh.hpp"
 #include "velmar_2D/velmar_2D.hpp"
 #include "velmar_2D/velmar_2D_io.hpp"
+#if __has_include("velmar_2D/velmar_2D_hdf5.hpp")
+#include "velmar_2D/velmar_2D_hdf5.hpp"
+#endif
 
 namespace page {
 

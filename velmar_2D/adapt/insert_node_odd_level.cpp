@@ -35,6 +35,7 @@ void prune_along_boundary(Cell& centre, int side) {
 
 /// `foreign` is a vertex of the caller's, whose parents may be anywhere.
 Cell& insert_centre_at(State& state, const Site& site, bool foreign) {
+  prefetch_surroundings(site);
   const double first_value = initial_data(state, site);
   const ParentCells before = parent_cells(state, site);
   Cell& c = new_cell_at(state, site);

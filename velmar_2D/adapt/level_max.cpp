@@ -23,6 +23,7 @@ void remove_above(State& state, std::int32_t limit, void (*remove)(State&, Cell*
   for (std::int32_t l = highest_stretch(state); l > std::max(limit, -1); --l) {
     Cell* c = state.level_end[static_cast<std::size_t>(l)].next;
     while (c != nullptr) {
+      state.progress.step();
       Cell* candidate = c;
       c = c->prev;
       remove(state, candidate);
@@ -64,6 +65,7 @@ void fill_holes_above(State& state, std::int32_t limit) {
   std::int32_t n = 0;
   for (std::int32_t l = limit + 1; l <= highest_stretch(state); ++l) {
     for (Cell* c = state.level_beg[static_cast<std::size_t>(l)].next; c != nullptr; c = c->next) {
+      state.progress.step();
       build_vertex(state, *c, proposals, n);
       for (std::int32_t i = 0; i < n; ++i) {
         const Vertex& v = proposals[static_cast<std::size_t>(i)];
@@ -87,6 +89,7 @@ void lower_limit(State& state, std::int32_t subdiv_max) {
   const JoinAtEnd join_at_end(state);
   const GatherLinkSources gather_link_sources(state);
   split_sublists(state);
+  state.progress.begin("coarsening", state.nb_nodes);
   remove_above(state, subdiv_max, remove_by_level);
   // One round has always been enough; the bound only keeps a mesh with broken links from
   // holding us for ever.

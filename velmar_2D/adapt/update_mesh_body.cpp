@@ -35,9 +35,12 @@ class SizesInBatches {
       return;
     }
     try {
-      nodes_of_mesh_.open(state.level_end, state.history, state.mesh_revision);
+      nodes_of_mesh_.open(state.level_end, state.history, state.mesh_revision, state.progress);
     } catch (const std::bad_alloc&) {
       end_without_memory(static_cast<std::size_t>(state.nb_nodes) * sizeof(void*));
+    } catch (...) {
+      nodes_of_mesh_.forget();
+      throw;
     }
   }
   SizesInBatches(const SizesInBatches&) = delete;
@@ -52,12 +55,15 @@ class SizesInBatches {
       return;
     }
     try {
-      nodes_ = nodes_of_mesh_.of_stretch(stretch, state_.level_end[stretch].next, state_.history);
+      nodes_ = nodes_of_mesh_.of_stretch(stretch, state_.level_end[stretch].next, state_.history,
+                                         state_.progress);
       if (walk.goes_forwards()) {
         reversed_.assign(nodes_.rbegin(), nodes_.rend());
         nodes_ = reversed_;
+        state_.progress.look_aside();
       }
-      sizes_.assign(nodes_.size(), std::numeric_limits<double>::quiet_NaN());
+      sizes_.clear();
+      state_.progress.resize(sizes_, nodes_.size(), std::numeric_limits<double>::quiet_NaN());
     } catch (const std::bad_alloc&) {
       end_without_memory(nodes_.size() * (sizeof(void*) + sizeof(double)));
     }

@@ -2,8 +2,6 @@
 // limit. Never installed.
 #pragma once
 
-#include <exception>
-
 #include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::detail {
@@ -18,14 +16,11 @@ void update_mesh_init(State& state, const batch_size_function& size_fun,
 void update_mesh_no_init(State& state, const size_function& size_fun);
 void update_mesh_no_init(State& state, const batch_size_function& size_fun);
 
-void resolve_mesh_init(State& state, const size_function& size_fun, init_data_function init_data,
-                       const Resolution& resolution);
-void resolve_mesh_init(State& state, const batch_size_function& size_fun,
-                       init_data_function init_data, const Resolution& resolution);
-void resolve_mesh_no_init(State& state, const size_function& size_fun,
-                          const Resolution& resolution);
-void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
-                          const Resolution& resolution);
+/// What all updates begin with, by where data of new nodes come from. `operation` is named in
+/// messages.
+void begin_with_init(State& state, std::string_view operation, bool has_size_fun,
+                     init_data_function& init_data);
+void begin_with_interpolation(State& state, std::string_view operation, bool has_size_fun);
 
 /// One refinement pass upwards and one coarsening pass downwards, on the split list
 /// (update_mesh_body.cpp).
@@ -89,13 +84,6 @@ inline SizesInSmallBatches without_memory(const batch_size_function& size_fun) {
   return SizesInSmallBatches(size_fun);
 }
 
-/// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
-/// computed once the mesh is in order: broken ones have nodes that have none.
-void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
-                       bool with_derivatives);
-void resolve_mesh_body(State& state, const batch_size_function& size_fun,
-                       const Resolution& resolution, bool with_derivatives);
-
 /// Every node that came or went is one step of mesh_revision: with the change of their number that
 /// gives both counts, also where the update is left by an exception.
 class CountAtEnd {
@@ -141,62 +129,6 @@ inline constexpr std::int32_t highest_wanted_level = 62;
 /// The lowest level with a spacing of at most dist_0 / ratio. Ratios within a billionth of a
 /// level's own give that level, so that rounding does not decide.
 std::int32_t level_wanted_by(double ratio);
-
-/// What a size means for a node.
-struct Want {
-  std::int32_t level;  ///< up to which rings are completed
-  std::int32_t kept;   ///< up to which members of rings stay
-  bool is_refused;     ///< the limit forbids what is wanted
-};
-
-class WantedLevels {
- public:
-  WantedLevels(const State& state, double margin);
-  /// Needs: a size that is some, see has_size().
-  Want of(double size, std::int32_t lowest = 0) const;
-  static bool has_size(double size) { return size >= 0.0; }
-
- private:
-  double dist_0_, margin_ratio_;
-  std::int32_t limit_;
-};
-
-// ---------------------------------------------------------------------------------------------
-// Asking many nodes before the mesh changes (ask_nodes.cpp)
-// ---------------------------------------------------------------------------------------------
-
-/// Marks a node that waits to be removed, beside its wanted level.
-inline constexpr std::uint8_t is_waiting = 0x80;
-static_assert((is_waiting & highest_wanted_level) == 0);
-inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
-
-/// What is left to do at nodes that have been asked, in their order. Most need nothing.
-struct Demands {
-  struct Demand {
-    Cell* node;
-    std::int16_t level;  ///< that it is to be raised to
-    bool is_refused;     ///< the limit forbids what is wanted
-    bool has_size;       ///< false: wants the level that it has when its turn comes
-    bool may_fall;       ///< is among the fallen ones, which only its turn can tell
-  };
-  /// Memory is exhausted. Sizes may be user code, which may throw std::bad_alloc on its own
-  /// account.
-  struct NoMemory {};
-
-  std::vector<Demand> demands;
-  std::vector<Cell*> fallen;  ///< members of their rings may no longer be wanted
-  bool notes_fallen = true;
-
-  /// Notes what a node wants, in the node, and whether that needs more. May throw NoMemory.
-  void note(const WantedLevels& wants, Cell& c, double size);
-  void append(const Demands& others);
-};
-
-/// Asks every node of the mesh, by so many threads. What the size function throws is handed back,
-/// with the demands of the nodes before; that of the first node, if it throws at several. Needs: a
-/// joined list.
-std::exception_ptr ask_all_nodes(State& state, const size_function& size_fun,
-                                 const WantedLevels& wants, int threads, Demands& demands);
 
 // ---------------------------------------------------------------------------------------------
 // How levels rise and fall (update_level.cpp, downdate_level.cpp)
@@ -399,6 +331,19 @@ void check_surroundings(State& state, const Cell& c, const std::array<int, 4>& d
 void set_data(const State& state, const Site& site, Cell& c, double first_value,
               const ParentCells& before);
 
+/// Prefetches what an insertion reads and changes around a figure: the rest of the parents'
+/// records, and the links of the nodes beyond its sides, which tell what prune_link() cuts.
+VELMAR_2D_ALWAYS_INLINE void prefetch_surroundings(const Site& site) {
+  for (std::size_t i = 0; i < site.parents.size(); ++i) {
+    const Cell* parent = site.parents[i];
+    if (parent == nullptr) continue;
+    const auto beyond =
+        reinterpret_cast<std::uintptr_t>(link(*parent, site.directions[i] + 2).cell());
+    prefetch(reinterpret_cast<const std::byte*>(parent) + 2 * cache_line);
+    prefetch(reinterpret_cast<const void*>(beyond + cache_line));
+  }
+}
+
 /// Links the new node and a parent that lies in this direction from it.
 inline void link_parent(State& state, Cell& c, int direction, Cell& parent) {
   NeighbourLink &there = link(c, direction), &back = link(parent, opposite(direction));
@@ -475,145 +420,6 @@ class Legacy {
   std::size_t n_ = 0;
   double area_ = 0.0;  ///< 0 where nothing is left to anyone
 };
-
-// ---------------------------------------------------------------------------------------------
-// Rings (rings.cpp, restore_rings.cpp)
-//
-// Ring l of a node p are the positions at the distance of level l from it, as far as they lie in
-// the rectangle: diagonally for odd l, straight for even l. For l = ipos they are what p rests on,
-// its parents; those for l > ipos rest on p, and each of them is the centre of a figure:
-//
-//      left --- far            left                  p's next neighbours in the ring below are
-//        |       |            /    \                 left and right, far is one of the ring below
-//        |   +   |           p   +  far              that; on a side, left, right or far may be
-//        |       |            \    /                 missing
-//        p --- right           right
-//
-// The mesh is in order where every node has its parents and `level` is the last ring that is
-// complete. Then a nearer ring rests on a farther one, and links tell which members there are.
-// ---------------------------------------------------------------------------------------------
-
-/// Makes members of rings. Needs: a mesh in order, and keeps it so.
-class RingMaker {
- public:
-  /// @param newcomers   receives the nodes that are made
-  /// @param most_nodes  of the mesh; 0: no matter
-  RingMaker(State& state, std::vector<Cell*>& newcomers, std::int64_t most_nodes)
-      : state_(state), newcomers_(newcomers), most_nodes_(most_nodes) {}
-
-  /// Completes the rings around p up to this level, and around others what those rest on.
-  void raise(Cell& p, std::int32_t level);
-
- private:
-  struct Member {
-    Cell* of;
-    int direction;
-    std::int32_t level;
-  };
-
-  static bool is_missing(const Cell& p, int direction, std::int32_t level);
-  bool make(Cell& p, int direction, std::int32_t level);
-  bool make_or_defer(const Member& member);
-  void insert(const Member& member, Cell* left, Cell* far, Cell* right);
-
-  State& state_;
-  std::vector<Cell*>& newcomers_;
-  std::int64_t most_nodes_;
-  /// Until what they rest on is there. Each is a level lower than the one before.
-  std::array<Member, highest_wanted_level + 1> deferred_;
-  std::size_t nb_deferred_ = 0;
-};
-
-/// Ends the update: the mesh would need more nodes than it may have.
-[[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
-
-/// A position in units of the finest spacing, from the lower left corner.
-struct LatticePoint {
-  std::int64_t x, y;
-  friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
-};
-
-/// The lattice of a mesh, and which of its positions are taken (lattice.cpp). Procedures that take
-/// memory may throw std::bad_alloc.
-class Lattice {
- public:
-  struct Entry {
-    LatticePoint at;
-    Cell* cell;         ///< none as long as it is to be made, or when it has gone
-    std::int32_t ipos;  ///< as the position tells
-  };
-
-  Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes);
-
-  std::vector<Entry>& entries() { return entries_; }
-  const std::vector<Entry>& entries() const { return entries_; }
-  std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
-  /// The upper right corner.
-  LatticePoint last() const { return last_; }
-  /// The member of a ring that lies in this direction.
-  LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
-  bool contains(LatticePoint p) const;
-  bool is_on_side(LatticePoint p, int straight_direction) const;
-  std::int32_t ipos(LatticePoint p) const;
-  /// False where a node lies off the lattice.
-  bool find_place(const Cell& c, LatticePoint& p) const;
-  /// Number of the entry, -1 where there is none.
-  std::int32_t find(LatticePoint p) const { return slots_[slot_of(p)]; }
-  bool holds(LatticePoint p) const { return contains(p) && find(p) >= 0; }
-  /// Number of the new entry, -1 where there was one.
-  std::int32_t add(const Entry& entry);
-
- private:
-  std::int32_t halvings_of(std::int64_t offset) const;
-  std::size_t slot_of(LatticePoint p) const;
-
-  const Domain& domain_;
-  std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
-  LatticePoint last_;
-  std::vector<Entry> entries_;
-  std::vector<std::int32_t> slots_;
-};
-
-/// The wanted sizes of all nodes, graded over the mesh (graded_sizes.cpp). Nodes have the numbers
-/// in which they are added, parents first.
-class GradedSizes {
- public:
-  GradedSizes(const State& state, double slope);
-
-  std::size_t size() const { return nodes_.size(); }
-  /// A size that is negative or not a number is none.
-  void add(Cell& c, double size);
-  /// Needs: no node rests on this one.
-  void remove(const Cell& c);
-  void grade();
-  /// What is graded next is graded from the nodes' own sizes.
-  void forget_grading();
-  /// The node with a number, which may have gone, and its size.
-  Cell* cell_of(std::size_t i) const { return lattice_.entries()[i].cell; }
-  double size_of(std::size_t i) const { return nodes_[i].graded; }
-  bool has_own(std::size_t i) const { return nodes_[i].has_own; }
-
- private:
-  struct Node {
-    double own = 0.0, graded = 0.0;
-    std::array<std::int32_t, 4> parents{-1, -1, -1, -1};  ///< and neighbours on the grid
-    std::int32_t ipos = 0;
-    bool has_own = false;
-  };
-  bool relax(Node& node);
-
-  Lattice lattice_;
-  std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
-  std::vector<Node> nodes_;
-};
-
-/// Whether nothing has been done to the grid, which is in order then. Needs: a split list.
-bool is_bare_grid(const State& state);
-/// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
-/// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
-/// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
-/// @return whether links or levels changed
-bool restore_rings(State& state, std::int64_t most_nodes);
 
 // ---------------------------------------------------------------------------------------------
 // Removal and the limit (remove_node_odd_level.cpp, remove_node_even_level.cpp, level_max.cpp)

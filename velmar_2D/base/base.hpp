@@ -7,6 +7,7 @@
 #include <chrono>
 #include <limits>
 #include <string>
+#include <thread>
 
 #include "velmar_2D/records.hpp"
 
@@ -83,6 +84,7 @@ inline double distance_along(int direction, const Cell& a, const Cell& b) {
 #endif
 
 inline constexpr std::size_t cache_line = 64;
+inline constexpr std::size_t huge_page = std::size_t{1} << 21;  ///< that the system may give
 
 /// Brings a cache line closer that will be read, or written, soon. Any address will do.
 VELMAR_2D_ALWAYS_INLINE void prefetch([[maybe_unused]] const void* address) {
@@ -236,6 +238,7 @@ std::string to_text(double value);
 class ProgressTeller {
  public:
   progress_function handler;
+  double seconds_between_calls = 0.1;
 
   void begin(std::string_view phase, std::int64_t known) {
     phase_ = phase;
@@ -247,6 +250,34 @@ class ProgressTeller {
   void step() {
     if (--until_look_ == 0) look();
   }
+  /// The same for work beside: now and then, a few microseconds apart or more.
+  void look_aside();
+
+  /// Enlarges a table, which takes time where the system has to find the memory first.
+  template <typename T>
+  void resize(std::vector<T>& table, std::size_t size, const T& value = {}) {
+    constexpr std::size_t at_once = std::size_t{1} << 16;
+    table.reserve(size);
+    while (table.size() < size) {
+      table.resize(std::min(size, table.size() + at_once), value);
+      look_aside();
+    }
+  }
+  /// Makes room for one entry more, likewise.
+  template <typename T>
+  void make_room(std::vector<T>& table) {
+    if (table.size() < table.capacity()) return;
+    constexpr std::size_t at_once = std::size_t{1} << 16, smallest = 16;
+    std::vector<T> enlarged;
+    enlarged.reserve(std::max(2 * table.size(), smallest));
+    while (enlarged.size() < table.size()) {
+      const auto from = table.begin() + static_cast<std::ptrdiff_t>(enlarged.size());
+      const std::size_t n = std::min(table.size() - enlarged.size(), at_once);
+      enlarged.insert(enlarged.end(), from, from + static_cast<std::ptrdiff_t>(n));
+      look_aside();
+    }
+    table.swap(enlarged);
+  }
 
  private:
   static constexpr std::int32_t steps_between_looks = 1024;  // the clock is read no more often
@@ -255,7 +286,7 @@ class ProgressTeller {
   std::string_view phase_;
   std::int64_t done_ = 0, known_ = 0;
   std::int32_t until_look_ = steps_between_looks;
-  std::chrono::steady_clock::time_point next_;
+  std::chrono::steady_clock::time_point last_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -311,6 +342,23 @@ std::int32_t deepest_level_of(const Domain& domain);
 bool positions_are_exact(const Domain& domain);
 void real_to_rat(std::int32_t& n, std::int32_t& d, double x, const double* tol = nullptr);
 std::int32_t log2_special(std::int32_t n);
+
+// ---------------------------------------------------------------------------------------------
+// Threads (helpers.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Other threads that do some work while this scope lasts; fewer where the system gives no more.
+class Helpers {
+ public:
+  /// @param work  throws nothing
+  Helpers(std::size_t number, const std::function<void()>& work);
+  Helpers(const Helpers&) = delete;
+  Helpers& operator=(const Helpers&) = delete;
+  ~Helpers();
+
+ private:
+  std::vector<std::thread> threads_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Dense algebra (linpack.cpp)

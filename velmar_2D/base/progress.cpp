@@ -3,13 +3,16 @@
 namespace velmar_2d::detail {
 
 void ProgressTeller::look() {
-  constexpr auto least_time = std::chrono::milliseconds(100);
   done_ += steps_between_looks;
   until_look_ = steps_between_looks;
+  look_aside();
+}
+
+void ProgressTeller::look_aside() {
   if (!handler) return;
   const auto now = std::chrono::steady_clock::now();
-  if (now < next_) return;
-  next_ = now + least_time;
+  if (std::chrono::duration<double>(now - last_).count() < seconds_between_calls) return;
+  last_ = now;
   handler({phase_, done_, known_});
 }
 

@@ -7,8 +7,7 @@ double cell_area(const State& state, Cell& c) {
   double area = load_shared(c.area);
   if (is_known_area(area)) return area;
   if (const KnownShape* shape = classify(state, c)) {
-    area = quick_cell_area(shape->signature) * state.domain.dist_0 * state.domain.dist_0 *
-           exact_power_of_2(-c.level);
+    area = area_of(state.domain, *shape, c.level);
   } else {
     area = area_of(polygon_of(state.domain, c));
   }

@@ -5,8 +5,6 @@
 
 namespace velmar_2d::detail {
 
-namespace {
-
 void scale_known_shape(const Domain& domain, const KnownShape& shape, std::int32_t level,
                        CellFaces& faces) {
   const std::array<double, 2> units = length_units(domain, level);
@@ -16,6 +14,8 @@ void scale_known_shape(const Domain& domain, const KnownShape& shape, std::int32
   }
   for (std::size_t side = 0; side < 4; ++side) faces.side[side] = shape.side[side] * units[0];
 }
+
+namespace {
 
 void measure_polygon(const Domain& domain, const Cell& c, CellFaces& faces) {
   faces.length = faces.distance = {};

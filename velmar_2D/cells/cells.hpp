@@ -166,6 +166,12 @@ inline std::array<double, 2> length_units(const Domain& domain, std::int32_t lev
   const double straight = domain.dist_0 * exact_power_of_2(-(level >> 1));
   return {straight, straight * sqrt_of_2};
 }
+/// Faces of a cell of known shape at this level; leaves `neighbour` as it is.
+void scale_known_shape(const Domain& domain, const KnownShape& shape, std::int32_t level,
+                       CellFaces& faces);
+inline double area_of(const Domain& domain, const KnownShape& shape, std::int32_t level) {
+  return shape.area * domain.dist_0 * domain.dist_0 * exact_power_of_2(-level);
+}
 
 // ---------------------------------------------------------------------------------------------
 // The control cell as a polygon, for any shape (cell_polygon.cpp)

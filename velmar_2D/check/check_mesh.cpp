@@ -3,8 +3,10 @@
 // Nothing is taken for granted: a link is followed only once its target is known to be a node of
 // the list, and the list only as far as its nodes are new, so that a broken mesh is reported and
 // not run into.
+#include <bitset>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "velmar_2D/check/check.hpp"
@@ -20,30 +22,71 @@ struct Place {
   std::uint64_t key = 0;
 };
 
-/// The nodes of the list, to be found by their address and by their place: one open-addressing
-/// table for both, at most half full.
-class NodeTable {
+/// Nodes by their address. They lie close together in large pieces of memory, and so a bit for each
+/// place of a piece takes so little that the cache holds it all.
+class NodeSet {
  public:
-  explicit NodeTable(std::size_t nb_nodes_at_most)
-      : by_address_(nb_slots(nb_nodes_at_most)),
-        by_place_(by_address_.size()),
-        mask_(by_address_.size() - 1) {}
-
-  static std::size_t nb_slots(std::size_t nb_nodes_at_most) {
-    return std::bit_ceil(2 * nb_nodes_at_most + 2);
-  }
-  static std::size_t bytes(std::size_t nb_nodes_at_most) {
-    return nb_slots(nb_nodes_at_most) * (sizeof(void*) + sizeof(PlaceSlot));
-  }
-
-  /// False where the node is in the table already.
+  /// False where the node is in the set already.
   bool add(const Cell* c) {
-    const Cell*& slot = by_address_[find_address(c)];
-    if (slot == c) return false;
-    slot = c;
+    if (2 * (nb_pieces_ + 1) > pieces_.size()) grow();
+    Piece& piece = pieces_[find(pieces_, key_of(c))];
+    if (piece.places == nullptr) {
+      piece = {key_of(c), std::make_unique<Places>()};
+      ++nb_pieces_;
+    }
+    if (piece.places->test(place_of(c))) return false;
+    piece.places->set(place_of(c));
     return true;
   }
-  bool contains(const Cell* c) const { return by_address_[find_address(c)] == c; }
+  bool contains(const Cell* c) const {
+    const Piece& piece = pieces_[find(pieces_, key_of(c))];
+    return piece.places != nullptr && piece.places->test(place_of(c)) &&
+           reinterpret_cast<std::uintptr_t>(c) % alignof(Cell) == 0;
+  }
+
+ private:
+  static constexpr int bits_of_a_piece = 18;
+  static constexpr std::size_t places_of_a_piece =
+      (std::size_t{1} << bits_of_a_piece) / alignof(Cell);
+  using Places = std::bitset<places_of_a_piece>;
+  struct Piece {
+    std::uintptr_t key = 0;
+    std::unique_ptr<Places> places;
+  };
+
+  static std::uintptr_t key_of(const Cell* c) {
+    return reinterpret_cast<std::uintptr_t>(c) >> bits_of_a_piece;
+  }
+  static std::size_t place_of(const Cell* c) {
+    return reinterpret_cast<std::uintptr_t>(c) / alignof(Cell) % places_of_a_piece;
+  }
+  /// The piece, or the free one that can become it.
+  static std::size_t find(const std::vector<Piece>& pieces, std::uintptr_t key) {
+    std::size_t i = key & (pieces.size() - 1);
+    while (pieces[i].places != nullptr && pieces[i].key != key) i = (i + 1) & (pieces.size() - 1);
+    return i;
+  }
+  void grow() {
+    std::vector<Piece> doubled(2 * pieces_.size());
+    for (Piece& piece : pieces_) {
+      if (piece.places != nullptr) doubled[find(doubled, piece.key)] = std::move(piece);
+    }
+    pieces_.swap(doubled);
+  }
+
+  std::vector<Piece> pieces_{16};  ///< at most half full; their number is a power of 2
+  std::size_t nb_pieces_ = 0;
+};
+
+/// Nodes by their place: an open-addressing table, at most half full.
+class PlaceTable {
+ public:
+  explicit PlaceTable(std::size_t nb_nodes_at_most)
+      : by_place_(nb_slots(nb_nodes_at_most)), mask_(by_place_.size() - 1) {}
+
+  static std::size_t bytes(std::size_t nb_nodes_at_most) {
+    return nb_slots(nb_nodes_at_most) * sizeof(PlaceSlot);
+  }
 
   /// Brings the slot of a place into the cache: places are spread over the whole table.
   void prepare(std::uint64_t key) const { prefetch_to_write(&by_place_[slot_of(key)]); }
@@ -72,20 +115,11 @@ class NodeTable {
     const Cell* node = nullptr;
   };
 
+  static std::size_t nb_slots(std::size_t nb_nodes_at_most) {
+    return std::bit_ceil(2 * nb_nodes_at_most + 2);
+  }
   std::size_t slot_of(std::uint64_t key) const { return static_cast<std::size_t>(key) & mask_; }
 
-  std::size_t find_address(const Cell* c) const {
-    // Nodes that are close in memory are looked up together: they get slots close together. The
-    // pages are spread, or many of them could crowd in one part of the table.
-    constexpr int bits_within_a_node = 7, bits_kept_together = 12;
-    const auto address = reinterpret_cast<std::uintptr_t>(c);
-    std::size_t i =
-        slot_of((address >> bits_within_a_node) + spread(address >> bits_kept_together));
-    while (by_address_[i] != nullptr && by_address_[i] != c) i = (i + 1) & mask_;
-    return i;
-  }
-
-  std::vector<const Cell*> by_address_;
   std::vector<PlaceSlot> by_place_;
   std::size_t mask_;
 };
@@ -94,8 +128,9 @@ class NodeTable {
 struct Check {
   const State& state;
   std::vector<Finding>& findings;
-  NodeTable nodes;
+  PlaceTable places;
   std::vector<std::int32_t> nodes_in_stretch;  ///< as far as the list can be followed
+  NodeSet nodes = {};
   double tolerance = 0.0;               ///< of positions, in units of check.state.domain.dist_0
   double area = 0.0;                    ///< of all control cells
   std::array<double, 4> side_length{};  ///< of all control cells along n, e, s, w
@@ -199,9 +234,9 @@ Place nearest_place(const Domain& domain, const Cell& c, double scale) {
     return std::abs(nearest) < largest_index ? static_cast<std::int64_t>(nearest) : 0;
   };
   Place place{index(c.x - domain.x_min), index(c.y - domain.y_min)};
-  place.key = NodeTable::spread(static_cast<std::uint64_t>(place.column) * 0xd6e8feb86659fd93 +
-                                static_cast<std::uint64_t>(place.row) * 2 +
-                                static_cast<std::uint64_t>(c.ipos));
+  place.key = PlaceTable::spread(static_cast<std::uint64_t>(place.column) * 0xd6e8feb86659fd93 +
+                                 static_cast<std::uint64_t>(place.row) * 2 +
+                                 static_cast<std::uint64_t>(c.ipos));
   return place;
 }
 
@@ -227,7 +262,7 @@ void check_position(Check& check, const Cell& c, const Place& place, double scal
     return other.ipos == c.ipos && std::abs(other.x - c.x) < 0.5 * step &&
            std::abs(other.y - c.y) < 0.5 * step;
   };
-  const Cell* at_place = check.nodes.node_at(place.key, &c, is_same_place);
+  const Cell* at_place = check.places.node_at(place.key, &c, is_same_place);
   if (at_place != &c) check.report("unique", "two nodes have the same position", &c, at_place);
 }
 
@@ -345,7 +380,7 @@ void check_node(Check& check, const Cell& c) {
 }
 
 /// Prefetches what the checks of a node will read there and at its neighbours.
-void prepare(const Cell& c) {
+VELMAR_2D_ALWAYS_INLINE void prepare(const Cell& c) {
   for (int d = 0; d < nb_directions; ++d) {
     const Cell* neighbour = link(c, d).cell();
     if (neighbour == nullptr) continue;
@@ -367,7 +402,7 @@ void check_nodes(Check& check) {
       const Cell* c = first;
       for (std::size_t i = 0; i < n; ++i, c = c->next) {
         places[i] = nearest_place(check.state.domain, *c, scale);
-        check.nodes.prepare(places[i].key);
+        check.places.prepare(places[i].key);
         prefetch(&c->n);
         prefetch(&c->area);
       }
@@ -405,7 +440,7 @@ void check_sums(const Check& check) {
 void find_broken_rules(const State& state, std::vector<Finding>& findings) {
   findings.clear();
   const Domain& domain = state.domain;
-  Check check{state, findings, NodeTable(static_cast<std::size_t>(std::max(state.nb_nodes, 0))),
+  Check check{state, findings, PlaceTable(static_cast<std::size_t>(std::max(state.nb_nodes, 0))),
               std::vector<std::int32_t>(std::min(state.level_beg.size(), state.level_end.size()))};
   // As true_ipos() tells positions apart, and twice that for the nodes between two others.
   check.tolerance = std::max(2e-12, 16.0 * std::numeric_limits<double>::epsilon() *
@@ -421,7 +456,7 @@ std::size_t check_mesh(const State& state, std::vector<Finding>& findings) {
     find_broken_rules(state, findings);
   } catch (const std::bad_alloc&) {
     allocation_failed(state.handlers,
-                      NodeTable::bytes(static_cast<std::size_t>(std::max(state.nb_nodes, 0))));
+                      PlaceTable::bytes(static_cast<std::size_t>(std::max(state.nb_nodes, 0))));
   }
   return findings.size();
 }

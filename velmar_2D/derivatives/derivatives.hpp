@@ -3,9 +3,7 @@
 #pragma once
 
 #include <cassert>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "velmar_2D/mesh/state.hpp"
 
@@ -302,60 +300,5 @@ void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* 
 /// For every node, in the order of the list, or by several threads: with the same results, and ends
 /// where one thread does, in the caller's.
 void compute_data_at_all_nodes(State& state, int threads);
-
-// ---------------------------------------------------------------------------------------------
-// The list, piece by piece, for several threads (pieces.cpp)
-// ---------------------------------------------------------------------------------------------
-
-/// Nodes from `first` to before `end`.
-struct Piece {
-  Cell *first = nullptr, *end = nullptr;
-  std::ptrdiff_t number = 0;  ///< of the first one in the history of walks
-  std::size_t place = 0;      ///< among the pieces
-  bool empty() const { return first == nullptr; }
-};
-
-/// Hands out the list. Where a piece ends is found by walking it, which brings its nodes into the
-/// cache of the thread that will work on them.
-class Pieces {
- public:
-  static constexpr std::int32_t nodes_of_a_piece = 512;
-  /// More threads would have nothing to do.
-  static int useful_threads(const State& state, int threads) {
-    return std::min<std::int32_t>(threads, state.nb_nodes / nodes_of_a_piece);
-  }
-
-  /// Needs: a joined list.
-  explicit Pieces(const State& state)
-      : history_(state.history),
-        walk_(Walk::to_share(state.history)),
-        next_(walk_(state.mesh_beg).begin()) {}
-
-  /// The next one; an empty one at the end, and as soon as a thread has failed.
-  Piece take();
-  void fail();
-  bool failed() const { return failed_; }
-
- private:
-  const TraversalHistory& history_;
-  Walk walk_;
-  Walk::Iterator next_;
-  std::ptrdiff_t number_ = 0;
-  std::size_t place_ = 0;
-  bool failed_ = false;
-  std::mutex mutex_;
-};
-
-/// Works in so many other threads while this scope lasts; in fewer where there are not so many.
-class Helpers {
- public:
-  Helpers(int number, const std::function<void()>& work);
-  Helpers(const Helpers&) = delete;
-  Helpers& operator=(const Helpers&) = delete;
-  ~Helpers();
-
- private:
-  std::vector<std::thread> threads_;
-};
 
 }  // namespace velmar_2d::detail

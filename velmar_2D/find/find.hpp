@@ -20,8 +20,9 @@ inline bool holds(const Domain& domain, Point p) {
 /// The node whose control cell holds a point, from a start that should be near; nullptr outside the
 /// rectangle.
 const Cell* locate(const State& state, Point p, const Cell* start = nullptr);
-/// For many points, in any order.
-void locate_many(const State& state, std::span<const Point> points, std::span<const Cell*> found);
+/// For many points, in any order. `progress` is told of each.
+void locate_many(const State& state, std::span<const Point> points, std::span<const Cell*> found,
+                 ProgressTeller* progress = nullptr);
 
 /// Throws what the mesh throws where memory is exhausted.
 template <typename T>

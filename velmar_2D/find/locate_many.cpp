@@ -49,11 +49,13 @@ std::uint64_t place_in_order(const Domain& domain, Point p, std::size_t number) 
 
 }  // namespace
 
-void locate_many(const State& state, std::span<const Point> points, std::span<const Cell*> found) {
+void locate_many(const State& state, std::span<const Point> points, std::span<const Cell*> found,
+                 ProgressTeller* progress) {
   const Cell* last = nullptr;
   const auto find = [&](std::size_t i) {
     found[i] = locate(state, points[i], last);
     if (found[i] != nullptr) last = found[i];
+    if (progress != nullptr) progress->step();
   };
   if (!is_in_no_order(state.domain, points)) {
     for (std::size_t i = 0; i < points.size(); ++i) find(i);

@@ -201,10 +201,27 @@ std::int64_t write(State& to, std::span<const Cell* const> found, std::span<cons
 
 std::size_t size_of(const State& state) { return static_cast<std::size_t>(state.nb_nodes); }
 
+/// One entry for each node of a mesh.
+template <typename T>
+std::vector<T> make_table_for(const State& to, std::size_t columns, const T& value = {}) {
+  std::vector<T> table;
+  try {
+    to.progress.resize(table, size_of(to) * columns, value);
+  } catch (const std::bad_alloc&) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer, where the table holds some
+    allocation_failed(to.handlers, size_of(to) * columns * sizeof(T));
+  }
+  return table;
+}
+
+/// Goes through the nodes three times.
+void begin_progress(const State& to) { to.progress.begin("transferring", 3 * to.nb_nodes); }
+
 std::int64_t transfer_by_areas(const State& from, State& to, std::size_t nb_values) {
-  std::vector<Point> inside = make_table<Point>(to, size_of(to));
-  std::vector<const Cell*> found = make_table<const Cell*>(to, size_of(to));
-  std::vector<double> values = make_table<double>(to, size_of(to) * nb_values);
+  begin_progress(to);
+  std::vector<Point> inside = make_table_for<Point>(to, 1);
+  std::vector<const Cell*> found = make_table_for<const Cell*>(to, 1);
+  std::vector<double> values = make_table_for<double>(to, nb_values);
   std::size_t i = 0;
   for_each_node(to, [&](const Cell& c) {
     constexpr double nowhere = std::numeric_limits<double>::quiet_NaN();
@@ -217,14 +234,16 @@ std::int64_t transfer_by_areas(const State& from, State& to, std::size_t nb_valu
     const auto n = static_cast<double>(part.n);
     const bool has_area = part.n > 2 && part.area() > 0.0;
     inside[i++] = has_area ? Point{c.x + x / n, c.y + y / n} : Point{nowhere, nowhere};
+    to.progress.step();
   });
-  locate_many(from, inside, found);
+  locate_many(from, inside, found, &to.progress);
   Conservative conservative(from, to, nb_values);
   i = 0;
   for_each_node(to, [&](const Cell& c) {
     const std::span<double> here = std::span(values).subspan(i * nb_values, nb_values);
     if (found[i] != nullptr && !conservative.mean(c, found[i], here)) found[i] = nullptr;
     ++i;
+    to.progress.step();
   });
   return write(to, found, values, nb_values);
 }
@@ -232,14 +251,19 @@ std::int64_t transfer_by_areas(const State& from, State& to, std::size_t nb_valu
 }  // namespace
 
 std::int64_t transfer(const State& from, State& to, Interpolation how) {
+  begin_progress(to);
   const std::size_t nb_values = common_values(from, to);
-  std::vector<Point> points = make_table<Point>(to, size_of(to));
-  std::vector<const Cell*> found = make_table<const Cell*>(to, size_of(to));
-  std::vector<double> values = make_table<double>(to, size_of(to) * nb_values);
+  std::vector<Point> points = make_table_for<Point>(to, 1);
+  std::vector<const Cell*> found = make_table_for<const Cell*>(to, 1);
+  std::vector<double> values = make_table_for<double>(to, nb_values);
   std::size_t i = 0;
-  for_each_node(to, [&](const Cell& c) { points[i++] = {c.x, c.y}; });
-  locate_many(from, points, found);
+  for_each_node(to, [&](const Cell& c) {
+    points[i++] = {c.x, c.y};
+    to.progress.step();
+  });
+  locate_many(from, points, found, &to.progress);
   for (i = 0; i < found.size(); ++i) {
+    to.progress.step();
     if (found[i] == nullptr) continue;
     const Blend blend = blend_at(*found[i], points[i], how);
     for (std::size_t k = 0; k < nb_values; ++k) values[i * nb_values + k] = blend.value(k);

@@ -93,7 +93,7 @@ class TraversalHistory {
   /// @param come   nodes that have entered their stretches at the head, in this order
   /// @param gone   nodes that have left
   void follow(std::span<const Entry> heads, std::span<Cell* const> come,
-              std::span<const Entry> gone);
+              std::span<const Entry> gone, ProgressTeller& progress);
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 
@@ -135,10 +135,6 @@ class Walk {
   /// Forwards, for a pass that reads fields of most nodes and changes the mesh around some.
   static Walk to_refine(const TraversalHistory& history) {
     return {&Cell::next, history, 0, 1, Reads::fields};
-  }
-  /// Forwards from the node with this number: reads fields of the nodes alone.
-  static Walk to_ask(const TraversalHistory& history, std::ptrdiff_t number = 0) {
-    return {&Cell::next, history, number, 1, Reads::record};
   }
   /// Backwards, likewise; records the nodes that stay, from begin_recording() on.
   static Walk to_coarsen(TraversalHistory& history) {
@@ -204,8 +200,8 @@ class Walk {
   }
 
  private:
-  /// What the loop reads at each node: more and more.
-  enum class Reads { list, record, fields, neighbours };
+  /// What the loop reads at each node.
+  enum class Reads { list, fields, neighbours };
 
   static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6, entries_ahead = 8,
                        quick_entries_ahead = 32, corners_ahead = 2;
@@ -238,7 +234,7 @@ class Walk {
   void arrive() {
     following_ = current_->*step_;
     advance_far(busy_);
-    if (reads_ < Reads::fields) return;
+    if (reads_ == Reads::list) return;
     advance_near(busy_);
     if (reads_ == Reads::neighbours) {
       advance_corner();
@@ -249,10 +245,10 @@ class Walk {
 
   bool reads_links(const Cell& c) const { return direction_ > 0 && c.reserve != 4; }
   static std::uintptr_t address_of(const Cell* c) { return reinterpret_cast<std::uintptr_t>(c); }
-  static void prefetch_at(std::uintptr_t address) {
+  VELMAR_2D_ALWAYS_INLINE static void prefetch_at(std::uintptr_t address) {
     prefetch(reinterpret_cast<const void*>(address));
   }
-  static void prefetch_neighbours(const Cell& c) {
+  VELMAR_2D_ALWAYS_INLINE static void prefetch_neighbours(const Cell& c) {
     for (int d = 0; d < nb_directions; ++d) {
       const Cell* neighbour = link(c, d).cell();
       if (neighbour == nullptr) continue;
@@ -262,25 +258,25 @@ class Walk {
   }
 
   /// The next node but a few comes into sight: its first line tells whether more of it is needed.
-  void advance_far(bool busy) {
+  VELMAR_2D_ALWAYS_INLINE void advance_far(bool busy) {
     if (far_ == nullptr) return;
     Cell* following = far_->*step_;
     if (following != nullptr) prefetch_after(*following, *far_);
-    if (reads_ >= Reads::fields && (busy || reads_links(*far_))) {
+    if (reads_ != Reads::list && (busy || reads_links(*far_))) {
       prefetch_at(address_of(far_) + cache_line);
     }
-    if (reads_ >= Reads::fields && busy) prefetch_at(address_of(far_) + 2 * cache_line);
+    if (reads_ != Reads::list && busy) prefetch_at(address_of(far_) + 2 * cache_line);
     far_ = following;
   }
   /// The neighbours of a node that is about to be reached.
-  void advance_near(bool busy) {
-    if (near_ == nullptr || reads_ < Reads::fields) return;
+  VELMAR_2D_ALWAYS_INLINE void advance_near(bool busy) {
+    if (near_ == nullptr || reads_ == Reads::list) return;
     near_ = near_->*step_;
     if (near_ != nullptr && (busy || reads_links(*near_))) prefetch_neighbours(*near_);
   }
   /// The far corner of a regular square, the first one that is tried. No link of the node leads
   /// there. The neighbours of this node have been prefetched a while ago, its own links before.
-  void advance_corner() {
+  VELMAR_2D_ALWAYS_INLINE void advance_corner() {
     if (corner_ == nullptr) return;
     const Cell& c = *corner_;
     corner_ = corner_->*step_;
@@ -292,11 +288,11 @@ class Walk {
 
   bool in_history(std::ptrdiff_t i) const { return i >= 0 && i < history_->size(); }
 
-  void prefetch_after(const Cell& c, const Cell& previous) {
+  VELMAR_2D_ALWAYS_INLINE void prefetch_after(const Cell& c, const Cell& previous) {
     std::uintptr_t ahead = 0;
     if (in_history(expected_) && (*history_)[expected_] == TraversalHistory::entry_of(&c)) {
       const std::ptrdiff_t i =
-          expected_ + direction_ * (reads_ < Reads::fields ? quick_entries_ahead : entries_ahead);
+          expected_ + direction_ * (reads_ == Reads::list ? quick_entries_ahead : entries_ahead);
       if (in_history(i)) ahead = TraversalHistory::address((*history_)[i], &c);
       expected_ += direction_;
     } else if (!known_.empty()) {
@@ -337,7 +333,7 @@ class StretchNodes {
   /// Lists all nodes of the split list, unless they are known. From then on none may leave the mesh
   /// but those whose entry is made none.
   void open(const std::vector<Handle>& level_end, const TraversalHistory& history,
-            std::uint64_t revision);
+            std::uint64_t revision, ProgressTeller& progress);
   bool is_open() const { return is_open_; }
   /// Notes a node that has just entered the head of its stretch: later it would have to be searched
   /// for in the memory. Needs: the arrays are open.
@@ -345,13 +341,13 @@ class StretchNodes {
   /// The nodes of a stretch, with those that have entered it since it was last asked for. The
   /// caller makes the entry of one that is removed none. Good until the next call.
   std::span<const Cell*> of_stretch(std::size_t stretch, Cell* last,
-                                    const TraversalHistory& history);
+                                    const TraversalHistory& history, ProgressTeller& progress);
   void close(std::uint64_t revision);
   /// Gives the memory back.
   void forget();
 
  private:
-  void list(std::size_t stretch, Cell* first, Walk& walk);
+  void list(std::size_t stretch, Cell* first, Walk& walk, ProgressTeller& progress);
 
   std::vector<std::vector<const Cell*>> stretches_;
   std::uint64_t revision_ = 0;  ///< of the mesh that the closed arrays are good for; 0: of none

@@ -1,7 +1,7 @@
 // Where nodes lie in memory.
 //
 //     slab:   head | records of the blocks |  block  |  block  | ...
-//     block:  32 slots, each for one node; its record has a bit for each
+//     block:  64 slots, each for one node; its record has a bit for each
 //
 // Walks wait for the memory more than for anything else, and least where the nodes of a list lie
 // one behind the other. A stretch of the list takes its new nodes at one end, so that each stretch
@@ -37,17 +37,16 @@ namespace {
 /// The first slab suits a small mesh; large ones are whole huge pages where the system has them.
 /// All begin at multiples of the largest size, so that a slot's address tells its slab.
 constexpr std::size_t smallest_slab = std::size_t{1} << 16, largest_slab = std::size_t{1} << 22;
-constexpr std::size_t huge_page = std::size_t{1} << 21;
 constexpr std::align_val_t slab_alignment{largest_slab};
 
-constexpr std::size_t slots_per_block = 32;
+constexpr std::size_t slots_per_block = 64;
 constexpr std::size_t block_bytes = slots_per_block * sizeof(Cell);
 
 }  // namespace
 
 /// What is known of a block. It is in the list of its kind, unless it is open or full.
 struct NodeBlock {
-  std::uint32_t free = 0;  ///< a bit for each slot
+  std::uint64_t free = 0;  ///< a bit for each slot
   std::uint8_t nb_free = 0;
   std::uint8_t nb_slots = 0;  ///< fewer where the slab's head takes the first ones
   bool open = false;          ///< new nodes are placed here
@@ -156,7 +155,7 @@ bool NodeMemory::add_slab() {
     const std::size_t begin = b * slots_per_block, end = begin + slots_per_block;
     auto* block = new (records_of(slab) + b) NodeBlock;
     for (std::size_t slot = std::max(begin, nb_taken); slot < end; ++slot) {
-      block->free |= std::uint32_t{1} << (slot - begin);
+      block->free |= std::uint64_t{1} << (slot - begin);
       ++block->nb_slots;
       poison(slab + slot * sizeof(Cell));
     }
@@ -236,7 +235,7 @@ void NodeMemory::give_back(void* slot) {
 
   const bool was_full = block.nb_free == 0;
   const std::size_t old_kind = kind_of(block);
-  block.free |= std::uint32_t{1} << index % slots_per_block;
+  block.free |= std::uint64_t{1} << index % slots_per_block;
   ++block.nb_free;
   if (block.open) return;
   const std::size_t kind = kind_of(block);

@@ -5,7 +5,7 @@
 namespace velmar_2d::detail {
 
 void StretchNodes::open(const std::vector<Handle>& level_end, const TraversalHistory& history,
-                        std::uint64_t revision) {
+                        std::uint64_t revision, ProgressTeller& progress) {
   const bool is_known = revision_ == revision;
   revision_ = 0;
   is_open_ = has_room_ = true;
@@ -14,7 +14,7 @@ void StretchNodes::open(const std::vector<Handle>& level_end, const TraversalHis
   Walk walk = Walk::to_list(history);
   for (std::size_t stretch = level_end.size(); stretch-- > 0;) {
     stretches_[stretch].clear();
-    list(stretch, level_end[stretch].next, walk);
+    list(stretch, level_end[stretch].next, walk, progress);
   }
 }
 
@@ -28,15 +28,20 @@ void StretchNodes::enter(const Cell& c) {
 }
 
 std::span<const Cell*> StretchNodes::of_stretch(std::size_t stretch, Cell* last,
-                                                const TraversalHistory& history) {
+                                                const TraversalHistory& history,
+                                                ProgressTeller& progress) {
   const std::vector<const Cell*>& nodes = stretches_[stretch];
   Walk walk = Walk::to_list_newcomers(history);
-  list(stretch, nodes.empty() ? last : nodes.back()->prev, walk);
+  list(stretch, nodes.empty() ? last : nodes.back()->prev, walk, progress);
   return stretches_[stretch];
 }
 
-void StretchNodes::list(std::size_t stretch, Cell* first, Walk& walk) {
-  for (const Cell& c : walk(first)) stretches_[stretch].push_back(&c);
+void StretchNodes::list(std::size_t stretch, Cell* first, Walk& walk, ProgressTeller& progress) {
+  constexpr std::size_t between_looks = 1024;
+  for (const Cell& c : walk(first)) {
+    stretches_[stretch].push_back(&c);
+    if (stretches_[stretch].size() % between_looks == 0) progress.look_aside();
+  }
 }
 
 void StretchNodes::close(std::uint64_t revision) {

@@ -52,7 +52,10 @@ void require_arrays(const State& state, std::string_view operation) {
 
 State::State() = default;
 
-State::~State() { release_all_nodes(*this); }
+State::~State() {
+  *self = nullptr;
+  release_all_nodes(*this);
+}
 
 void require_no_use(State& state, std::string_view operation) {
   if (!state.in_use_by.empty()) refuse_use(state, operation, state.in_use_by);

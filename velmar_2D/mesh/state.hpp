@@ -87,6 +87,9 @@ struct State {
   mutable FitOperators fit_operators;  ///< a cache: does not count as a change of the mesh
   mutable GridNodes grid_nodes;        ///< likewise
 
+  /// For those who may outlive the mesh: leads to none when it has gone.
+  std::shared_ptr<State*> self = std::make_shared<State*>(this);
+
   // The caller's own, see velmar_2D.hpp.
   std::vector<Handle> tmp_beg, tmp_end;
   double grad_data = 0.0, grad2_data = 0.0;

@@ -46,6 +46,15 @@ void front() {
   };
 }
 
+/// The same steps, resolved.
+void resolve() {
+  start(1);
+  resolve_mesh_no_init(size_at(0.0));
+  work = [] {
+    for (int step = 1; step <= 3; ++step) resolve_mesh_no_init(size_at(step / 50.0));
+  };
+}
+
 void derivatives() {
   start(1);
   work = [] {
@@ -65,7 +74,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   const std::map<std::string, void (*)()> cases = {
-      {"ring", ring}, {"front", front}, {"derivatives", derivatives}};
+      {"ring", ring}, {"front", front}, {"resolve", resolve}, {"derivatives", derivatives}};
   if (!cases.contains(name)) return 2;
   cases.at(name)();
   measured_work();

@@ -7,7 +7,7 @@
 #include <limits>
 #include <new>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 
@@ -18,7 +18,8 @@ constexpr double no_size = std::numeric_limits<double>::infinity();
 }  // namespace
 
 GradedSizes::GradedSizes(const State& state, double slope)
-    : lattice_(state.domain, state.level_max, static_cast<std::size_t>(state.nb_nodes)) {
+    : progress_(state.progress), lattice_(state, state.level_max) {
+  nodes_.reserve(lattice_.entries().capacity());
   for (std::size_t l = 0; l < rise_.size(); ++l) {
     const double spacing = state.domain.dist_0 / exact_power_of_2(static_cast<int>(l / 2));
     rise_[l] = slope * (l % 2 == 0 ? spacing : spacing / 1.4142135623730951);
@@ -40,7 +41,9 @@ void GradedSizes::add(Cell& c, double size) {
     const LatticePoint parent = lattice_.neighbour(at, d, c.ipos);
     if (lattice_.contains(parent)) node.parents[n++] = lattice_.find(parent);
   }
+  progress_.make_room(nodes_);
   nodes_.push_back(node);
+  progress_.step();
 }
 
 void GradedSizes::remove(const Cell& c) {
@@ -59,6 +62,7 @@ void GradedSizes::forget_grading() {
 
 /// Whether that lowers a size.
 bool GradedSizes::relax(Node& node) {
+  progress_.step();
   const double rise = rise_[static_cast<std::size_t>(node.ipos)];
   bool lowered = false;
   for (const std::int32_t number : node.parents) {

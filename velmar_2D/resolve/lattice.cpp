@@ -2,17 +2,19 @@
 #include <bit>
 #include <cmath>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 
-Lattice::Lattice(const Domain& domain, std::int32_t highest_ipos, std::size_t nb_nodes)
-    : domain_(domain),
+Lattice::Lattice(const State& state, std::int32_t highest_ipos)
+    : domain_(state.domain),
+      progress_(state.progress),
       halvings_((std::min(highest_ipos, highest_wanted_level) + 3) / 2),
-      last_{std::llround((domain.x_max - domain.x_min) / domain.dist_0) << halvings_,
-            std::llround((domain.y_max - domain.y_min) / domain.dist_0) << halvings_} {
+      last_{std::llround((domain_.x_max - domain_.x_min) / domain_.dist_0) << halvings_,
+            std::llround((domain_.y_max - domain_.y_min) / domain_.dist_0) << halvings_} {
+  const auto nb_nodes = static_cast<std::size_t>(state.nb_nodes);
   entries_.reserve(nb_nodes + nb_nodes / 16);
-  slots_.assign(std::bit_ceil(2 * nb_nodes + 2), -1);
+  progress_.resize(slots_, std::bit_ceil(2 * nb_nodes + 2), -1);
 }
 
 LatticePoint Lattice::neighbour(LatticePoint p, int direction, std::int32_t level) const {
@@ -62,15 +64,22 @@ std::int32_t Lattice::add(const Entry& entry) {
   const std::size_t slot = slot_of(entry.at);
   if (slots_[slot] >= 0) return -1;
   const auto number = static_cast<std::int32_t>(entries_.size());
+  progress_.make_room(entries_);
   entries_.push_back(entry);
   slots_[slot] = number;
-  if (2 * entries_.size() > slots_.size()) {
-    slots_.assign(2 * slots_.size(), -1);
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-      slots_[slot_of(entries_[i].at)] = static_cast<std::int32_t>(i);
-    }
-  }
+  if (2 * entries_.size() > slots_.size()) double_slots();
   return number;
+}
+
+void Lattice::double_slots() {
+  const std::size_t size = 2 * slots_.size();
+  slots_.clear();
+  progress_.resize(slots_, size, -1);
+  constexpr std::size_t between_looks = 1024;
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    slots_[slot_of(entries_[i].at)] = static_cast<std::int32_t>(i);
+    if (i % between_looks == 0) progress_.look_aside();
+  }
 }
 
 /// Where the entry of a position is, or would be.

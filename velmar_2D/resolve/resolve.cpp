@@ -8,15 +8,48 @@
 // The mesh is the smallest set of positions that holds the grid and, with each member p, the rings
 // around it from its own ipos up to the wanted level. That is a closure: the order of the steps
 // within 2 and within 3 does not matter to the positions.
+#include "velmar_2D/resolve/resolve.hpp"
+
+#include <cmath>
 #include <limits>
 #include <new>
 #include <optional>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
-
 namespace velmar_2d::detail {
 
 namespace {
+
+/// What a size means for a node.
+struct Want {
+  std::int32_t level;  ///< up to which rings are completed
+  std::int32_t kept;   ///< up to which members of rings stay
+  bool is_refused;     ///< the limit forbids what is wanted
+};
+
+class WantedLevels {
+ public:
+  WantedLevels(const State& state, double margin)
+      : dist_0_(state.domain.dist_0),
+        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
+        limit_(std::min(state.level_max, highest_wanted_level)) {}
+
+  /// A size that is none wants the level that is there.
+  Want of(const Cell& c, double size, std::int32_t lowest) const {
+    if (!(size >= 0.0)) return {c.level, c.level, false};
+    const double ratio = std::abs(dist_0_ / size);
+    const std::int32_t level = level_wanted_by(ratio);
+    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
+    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
+  }
+
+ private:
+  double dist_0_, margin_ratio_;
+  std::int32_t limit_;
+};
+
+/// Marks a node that waits to be removed, beside its wanted level.
+constexpr std::uint8_t is_waiting = 0x80;
+std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
 
 /// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
 bool is_surplus(const Cell& c) {
@@ -27,14 +60,6 @@ bool is_surplus(const Cell& c) {
     if (linked != nullptr && (linked->ipos > ipos || wanted_level(*linked) >= ipos)) return false;
   }
   return true;
-}
-
-/// The first lines of a node's record, or nothing.
-VELMAR_2D_ALWAYS_INLINE void prefetch_lines(const Cell* c, std::size_t nb_lines) {
-  if (c == nullptr) return;
-  for (std::size_t i = 0; i < nb_lines; ++i) {
-    prefetch(reinterpret_cast<const std::byte*>(c) + i * cache_line);
-  }
 }
 
 void remove(State& state, Cell& c) {
@@ -52,10 +77,7 @@ class Resolver {
         wants_(state, resolution.margin),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
-        threads_(resolution.threads),
-        order_matters_(conserves(state) || state.hooks.removing) {
-    // All that may go is around those whose wants have fallen.
-    demands_.notes_fallen = surplus_has_gone && resolution.slope == 0.0;
+        knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
     state.progress.begin("refining", state.nb_nodes);
     nb_stretches_ = std::min(state.level_beg.size(), heads_.size());
     for (std::size_t l = 0; l < nb_stretches_; ++l) {
@@ -72,18 +94,11 @@ class Resolver {
       });
       return;
     }
-    settle_all_nodes(size_fun);
-    // Newcomers in their order. A hook may write data that the next ones are asked with.
-    const std::size_t most = state_.hooks.inserted ? 1 : most_asked_ahead;
-    for (std::size_t next = 0; next < nodes_.size();) {
-      const std::size_t end = std::min(nodes_.size(), next + most);
-      finish_where_thrown([&] {
-        for (; next < end; ++next) {
-          prefetch_newcomer(next);
-          ++state_.update_statistics.visited;
-          ask(*nodes_[next], sizes.at(*nodes_[next]));
-        }
-      });
+    settle_on_the_way(sizes);
+    for (std::size_t i = 0; i < nodes_.size(); ++i) {
+      prefetch_newcomer(i);
+      ++state_.update_statistics.visited;
+      settle(*nodes_[i], sizes.at(*nodes_[i]));
     }
     release_surplus();
   }
@@ -100,13 +115,10 @@ class Resolver {
       settle_on_the_way(sizes);
     }
     for (std::size_t next = 0; next < nodes_.size();) {
-      const std::span<const double> sizes = sizes_from(next, size_fun);
-      finish_where_thrown([&] {
-        for (const double size : sizes) {
-          prefetch_newcomer(next);
-          ask(*nodes_[next++], size);
-        }
-      });
+      for (const double size : sizes_from(next, size_fun)) {
+        prefetch_newcomer(next);
+        settle(*nodes_[next++], size);
+      }
     }
     release_surplus();
   }
@@ -117,7 +129,8 @@ class Resolver {
     auto sizes = without_memory(size_fun);
     Walk walk = Walk::to_refine(state_.history);
     for_all_nodes(walk, sizes, [&](Cell& c, double size) {
-      c.wanted_level = static_cast<std::uint8_t>(want_of(c, size, 0).kept);
+      c.wanted_level = static_cast<std::uint8_t>(wants_.of(c, size, 0).kept);
+      state_.progress.step();
       return false;
     });
     release_everywhere();
@@ -136,90 +149,6 @@ class Resolver {
       }
     }
   }
-  /// All nodes there are. What a hook writes may change sizes, so that they are asked on the way.
-  void settle_all_nodes(const size_function& size_fun) {
-    if (!state_.hooks.inserted) {
-      try {
-        join_sublists(state_);
-        const std::exception_ptr thrown =
-            ask_all_nodes(state_, size_fun, wants_, threads_, demands_);
-        split_sublists(state_);
-        meet_demands();
-        if (thrown) std::rethrow_exception(thrown);
-        return;
-      } catch (const Demands::NoMemory&) {
-        split_sublists(state_);
-        do_without_demands();
-      }
-    }
-    SizesOneByOne sizes(size_fun);
-    settle_on_the_way(sizes);
-  }
-  void do_without_demands() {
-    demands_ = {};
-    demands_.notes_fallen = false;
-    state_.update_statistics.visited = 0;
-  }
-
-  /// Asks a node; what it demands is met later, in its turn.
-  void ask(Cell& c, double size) {
-    state_.progress.step();
-    try {
-      demands_.note(wants_, c, size);
-    } catch (const Demands::NoMemory&) {
-      meet_demands();
-      demands_.notes_fallen = false;
-      settle(c, size);
-    }
-  }
-  /// Whatever leaves it, the nodes that have been asked get what they want.
-  template <typename Ask>
-  void finish_where_thrown(const Ask& ask_nodes) {
-    try {
-      ask_nodes();
-    } catch (...) {
-      meet_demands();
-      throw;
-    }
-    meet_demands();
-  }
-
-  void meet_demands() {
-    std::size_t next_fallen = 0;
-    const std::span<const Demands::Demand> demands = demands_.demands;
-    for (std::size_t i = 0; i < demands.size(); ++i) {
-      prefetch_demands(demands, i);
-      const Demands::Demand& demand = demands[i];
-      Cell& c = *demand.node;
-      const std::int32_t before = wanted_level(c);
-      if (!demand.has_size) c.wanted_level = static_cast<std::uint8_t>(c.level);
-      if (demand.may_fall) {
-        while (demands_.fallen[next_fallen] != &c) ++next_fallen;
-        const bool has_fallen = demand.has_size ? before <= c.level : c.level < before;
-        if (!has_fallen) demands_.fallen[next_fallen] = nullptr;
-      }
-      if (!demand.has_size) continue;
-      if (demand.level > c.level) rings_.raise(c, demand.level);
-      if (demand.is_refused && c.level >= demand.level) {
-        state_.update_statistics.refused += c.reserve;
-      }
-    }
-    demands_.demands.clear();
-  }
-  /// What is read at a node that is raised: the node, its neighbours, the far corners of figures.
-  VELMAR_2D_ALWAYS_INLINE static void prefetch_demands(std::span<const Demands::Demand> demands,
-                                                       std::size_t i) {
-    constexpr std::size_t node_ahead = 12, neighbours_ahead = 6, corners_ahead = 3;
-    if (i + node_ahead < demands.size()) prefetch_lines(demands[i + node_ahead].node, 3);
-    if (i + neighbours_ahead < demands.size()) {
-      const Cell& c = *demands[i + neighbours_ahead].node;
-      for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(c, d).cell(), 3);
-    }
-    if (i + corners_ahead < demands.size()) {
-      prefetch_far_corners(*demands[i + corners_ahead].node);
-    }
-  }
-
   template <typename Sizes>
   void settle_on_the_way(Sizes& sizes) {
     Walk walk = Walk::to_refine(state_.history);
@@ -229,12 +158,15 @@ class Resolver {
   /// A few nodes before it is asked.
   VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
-    if (i + ahead < nodes_.size()) prefetch_lines(nodes_[i + ahead], 2);
+    if (i + ahead >= nodes_.size()) return;
+    const auto* c = reinterpret_cast<const std::byte*>(nodes_[i + ahead]);
+    prefetch(c);
+    prefetch(c + cache_line);
   }
 
   void list_nodes() {
     auto i = static_cast<std::size_t>(state_.nb_nodes);
-    nodes_.resize(i);
+    state_.progress.resize<Cell*>(nodes_, i);
     Walk walk = Walk::to_list(state_.history);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
       for (Cell& c : walk(state_.level_end[l].next)) {
@@ -253,12 +185,13 @@ class Resolver {
     const std::size_t n = nodes_.size() - begin;
     std::span<double> sizes;
     try {
-      sizes_.resize(n);
+      sizes_.clear();
+      state_.progress.resize(sizes_, n, std::numeric_limits<double>::quiet_NaN());
       sizes = sizes_;
     } catch (const std::bad_alloc&) {
       sizes = std::span(few_sizes_).first(std::min(n, few_sizes_.size()));
+      std::fill(sizes.begin(), sizes.end(), std::numeric_limits<double>::quiet_NaN());
     }
-    std::fill(sizes.begin(), sizes.end(), std::numeric_limits<double>::quiet_NaN());
     size_fun(std::span<Cell* const>(nodes_).subspan(begin, sizes.size()), sizes);
     state_.update_statistics.visited += static_cast<std::int64_t>(sizes.size());
     return sizes;
@@ -303,20 +236,14 @@ class Resolver {
     }
   }
 
-  /// A size that is none wants the level that is there.
-  Want want_of(const Cell& c, double size, std::int32_t lowest) const {
-    if (!WantedLevels::has_size(size)) return {c.level, c.level, false};
-    return wants_.of(size, lowest);
-  }
-
   /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
   bool settle(Cell& c, double size, std::int32_t lowest = 0) {
-    const Want want = want_of(c, size, lowest);
+    const Want want = wants_.of(c, size, lowest);
     const std::int32_t before = wanted_level(c);
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
     // Members up to level + 1 may be there, and what is wanted up to ipos concerns parents only.
     const bool may_release = want.kept < before && want.kept <= c.level && before > c.ipos;
-    if (may_release && demands_.notes_fallen) note_fallen(c);
+    if (may_release && knows_fallen_) note_fallen(c);
     state_.progress.step();
     const bool raising = want.level > c.level;
     if (raising) rings_.raise(c, want.level);
@@ -326,16 +253,16 @@ class Resolver {
 
   void note_fallen(Cell& c) {
     try {
-      demands_.fallen.push_back(&c);
+      fallen_.push_back(&c);
     } catch (const std::bad_alloc&) {
-      demands_.notes_fallen = false;
+      knows_fallen_ = false;
     }
   }
 
   void release_surplus() {
     // Where much has changed, a walk through all nodes is faster.
-    const std::size_t few = order_matters_ ? 12 : 5;  // one in so many
-    if (!demands_.notes_fallen || nb_fallen() > static_cast<std::size_t>(state_.nb_nodes) / few) {
+    constexpr std::size_t few = 12;  // one in so many
+    if (!knows_fallen_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
       release_everywhere();
       return;
     }
@@ -347,13 +274,8 @@ class Resolver {
     }
     const std::span<Cell* const> come = std::span(nodes_).subspan(nb_listed_);
     if (come.empty() && gone_.empty()) return;
-    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_);
-  }
-
-  std::size_t nb_fallen() const {
-    const std::vector<Cell*>& fallen = demands_.fallen;
-    return fallen.size() -
-           static_cast<std::size_t>(std::count(fallen.begin(), fallen.end(), nullptr));
+    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_,
+                          state_.progress);
   }
 
   /// Stretches downwards. Returns whether a node went.
@@ -379,27 +301,19 @@ class Resolver {
 
   /// Where wants have fallen, and on from there. All others are needed as before.
   void release_around_fallen() {
-    const std::vector<Cell*>& fallen = demands_.fallen;
-    for (std::size_t i = 0; i < fallen.size(); ++i) {
-      prefetch_fallen(i);
-      if (fallen[i] == nullptr) continue;
-      const Cell& p = *fallen[i];
+    state_.progress.begin("coarsening", static_cast<std::int64_t>(fallen_.size()));
+    for (const Cell* fallen : fallen_) {
+      const Cell& p = *fallen;
+      state_.progress.step();
       for (int d = 0; d < nb_directions; ++d) {
         Cell* linked = link(p, d).cell();
-        if (linked != nullptr && may_be_surplus(p, *linked)) await_removal(*linked);
+        if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
       }
-      if (!order_matters_) release_waiting();  // while they are in the cache
     }
-    release_waiting();
-  }
-  /// Of a node that is linked from p, as far as p can tell.
-  static bool may_be_surplus(const Cell& p, const Cell& linked) {
-    return linked.ipos > std::max(p.ipos, wanted_level(p));
-  }
-  /// Removals make more.
-  void release_waiting() {
-    for (std::size_t next = 0; next < surplus_.size();) {
+    std::size_t next = 0;  // removals make more
+    while (next < surplus_.size()) {
       Cell& c = *surplus_[next++];
+      state_.progress.step();
       std::array<Cell*, 4> parents{};
       for (int d = c.ipos % 2; d < nb_directions; d += 2) {
         parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();
@@ -410,35 +324,11 @@ class Resolver {
         if (parent != nullptr) await_removal(*parent);
       }
     }
-    surplus_.clear();
   }
   void await_removal(Cell& c) {
     if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
     surplus_.push_back(&c);
     c.wanted_level |= is_waiting;
-  }
-  /// What is read where wants have fallen: the node, its neighbours, and around those that may go.
-  VELMAR_2D_ALWAYS_INLINE void prefetch_fallen(std::size_t i) const {
-    constexpr std::size_t node_ahead = 12, neighbours_ahead = 8, surroundings_ahead = 4;
-    const std::vector<Cell*>& fallen = demands_.fallen;
-    if (i + node_ahead < fallen.size()) prefetch_lines(fallen[i + node_ahead], 2);
-    if (i + neighbours_ahead < fallen.size() && fallen[i + neighbours_ahead] != nullptr) {
-      const Cell& p = *fallen[i + neighbours_ahead];
-      for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(p, d).cell(), 2);
-    }
-    if (i + surroundings_ahead < fallen.size() && fallen[i + surroundings_ahead] != nullptr) {
-      const Cell& p = *fallen[i + surroundings_ahead];
-      for (int d = 0; d < nb_directions; ++d) {
-        const Cell* linked = link(p, d).cell();
-        if (linked == nullptr || !may_be_surplus(p, *linked) || linked->level != linked->ipos)
-          continue;
-        prefetch_lines(linked->prev, 1);
-        prefetch_lines(linked->next, 1);
-        for (int e = linked->ipos % 2; e < nb_directions; e += 2) {
-          prefetch_lines(link(*linked, e).cell(), 3);
-        }
-      }
-    }
   }
   void note_gone(const Cell& c) {
     try {
@@ -456,15 +346,12 @@ class Resolver {
   std::vector<TraversalHistory::Entry> gone_;
   std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
   std::size_t nb_listed_ = 0;
-  Demands demands_;
-  std::vector<Cell*> surplus_;
+  std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
-  static constexpr std::size_t most_asked_ahead = 256;
   std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
-  int threads_;
-  bool order_matters_;  ///< of removals, to data values or a hook
+  bool knows_fallen_;  ///< all that may go is around those whose wants have fallen
 };
 
 /// What the next resolve can rely on, also where this one is left by an exception.
@@ -516,16 +403,11 @@ class ResolveUpdate {
   void resolve(const SizeFunction& size_fun) {
     if (!state_.lists_are_split()) split_sublists(state_);
     if (!order_.is_in_order) {
-      if (is_bare_grid(state_)) {
-        order_.surplus_has_gone = true;
-        state_.history.forget();
-      } else if (restore_rings(state_, resolution_.most_nodes)) {
-        count_at_end_.links_changed();
-      }
+      if (restore_rings(state_, resolution_.most_nodes)) count_at_end_.links_changed();
       order_.is_in_order = true;
     }
     if (with_derivatives_) {
-      compute_data_at_all_nodes(state_, resolution_.threads);  // joins the list
+      compute_data_at_all_nodes(state_, 1);  // joins the list
       split_sublists(state_);
     }
     Resolver resolver(state_, resolution_, std::exchange(order_.surplus_has_gone, false));

@@ -6,7 +6,7 @@
 #include <new>
 #include <optional>
 
-#include "velmar_2D/adapt/update_mesh_decl.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 
@@ -20,11 +20,16 @@ struct Missing {
   std::int32_t nb_sides = 0;
 };
 
+/// A node that is not as its surroundings want it, and what is to become of it.
+struct Disorder {
+  std::int32_t entry = 0, level = 0, reserve = 0;
+  std::array<std::int32_t, nb_directions> linked{};  ///< entries; -1: none
+  std::array<std::uint8_t, nb_directions> link_levels{};
+};
+
 class Restorer {
  public:
-  Restorer(State& state, std::int32_t highest_ipos)
-      : state_(state),
-        lattice_(state.domain, highest_ipos, static_cast<std::size_t>(state.nb_nodes)) {
+  Restorer(State& state, std::int32_t highest_ipos) : state_(state), lattice_(state, highest_ipos) {
     missing_by_ipos_.resize(static_cast<std::size_t>(highest_ipos) + 1);
   }
 
@@ -32,9 +37,14 @@ class Restorer {
   void prepare() {
     take_nodes();
     find_missing();
+    find_disorder();
     made_.reserve(missing_.size());
     if (conserves(state_) && !missing_.empty()) {
       areas_.reserve(nb_nodes_);
+      for (std::size_t i = 0; i < nb_nodes_; ++i) {
+        areas_.push_back(control_area(state_, *lattice_.entries()[i].cell));
+        state_.progress.step();
+      }
       donors_.reserve(nb_directions * missing_.size());
       taken_by_.assign(nb_nodes_, no_cluster);
       clusters_.resize(missing_.size());
@@ -44,16 +54,13 @@ class Restorer {
 
   bool restore() {
     ask_callbacks();
-    for (std::size_t i = 0; i < taken_by_.size(); ++i) {
-      areas_.push_back(control_area(state_, *lattice_.entries()[i].cell));
-    }
     make_missing();
     for (Cell* c : strays_) {
       leave_stretch(state_, *c);
       release_cell(state_, c);
     }
     bool changed = false;
-    for (const Lattice::Entry& entry : lattice_.entries()) changed = link_up(entry) || changed;
+    for (const Disorder& node : disorder_) changed = put_in_order(node) || changed;
     state_.links_may_be_one_way = false;
     set_regular(state_.domain);
     set_values();
@@ -64,7 +71,6 @@ class Restorer {
  private:
   // Nodes in the order of their position index.
   void take_nodes() {
-    state_.progress.begin("restoring", state_.nb_nodes);
     for (const Handle& stretch : state_.level_beg) {
       first_of_ipos_.push_back(lattice_.entries().size());
       for (Cell* c = stretch.next; c != nullptr; c = c->next) {
@@ -218,48 +224,91 @@ class Restorer {
     return n;
   }
 
-  /// The nearest member of a ring in this direction, unless it is cut off; and the link's level.
-  /// Links along a side have half a face, whether they are there or are to come.
-  std::pair<Cell*, std::int32_t> linked(const Lattice::Entry& entry, int d) const {
+  /// The entry of the nearest member of a ring in this direction, unless it is cut off; and the
+  /// link's level. Links along a side have half a face, whether they are there or are to come.
+  std::pair<std::int32_t, std::int32_t> linked(const Lattice::Entry& entry, int d) const {
     const bool along_side = d % 2 == 0 && (lattice_.is_on_side(entry.at, (d + 2) & 7) ||
                                            lattice_.is_on_side(entry.at, (d + 6) & 7));
     std::int32_t level = entry.ipos % 2 == d % 2 ? entry.ipos : entry.ipos + 1;
-    if (!has_member(entry.at, d, level)) return {nullptr, along_side ? 1 : 2};
+    if (!has_member(entry.at, d, level)) return {-1, along_side ? 1 : 2};
     while (has_member(entry.at, d, level + 2)) level += 2;
     const int closed =
         (is_closed(entry.at, d - 1, level) ? 1 : 0) + (is_closed(entry.at, d + 1, level) ? 1 : 0);
-    if (closed == 2) return {nullptr, along_side ? 1 : 2};
-    const LatticePoint there = lattice_.neighbour(entry.at, d, level);
-    return {lattice_.entries()[static_cast<std::size_t>(lattice_.find(there))].cell, 2 - closed};
+    if (closed == 2) return {-1, along_side ? 1 : 2};
+    return {lattice_.find(lattice_.neighbour(entry.at, d, level)), 2 - closed};
   }
 
-  bool link_up(const Lattice::Entry& entry) {
-    Cell& c = *entry.cell;
-    std::int32_t level = entry.ipos, reserve = 0;
-    while ((reserve = nb_missing(entry.at, level + 1)) == 0) ++level;
-    bool changed = level != c.level || reserve != c.reserve;
+  /// What is to become of a node.
+  Disorder order_of(std::size_t number) const {
+    const Lattice::Entry& entry = lattice_.entries()[number];
+    Disorder node;
+    node.entry = static_cast<std::int32_t>(number);
+    node.level = entry.ipos;
+    while ((node.reserve = nb_missing(entry.at, node.level + 1)) == 0) ++node.level;
     for (int d = 0; d < nb_directions; ++d) {
-      if (d % 2 == 0 && lattice_.is_on_side(entry.at, d) && link(c, d).cell() == nullptr) {
-        continue;  // the record of a side, or of none
-      }
-      auto [cell, link_level_there] = linked(entry, d);
+      const auto i = static_cast<std::size_t>(d);
+      const auto [number_there, link_level_there] = linked(entry, d);
+      node.linked[i] = number_there;
+      node.link_levels[i] = static_cast<std::uint8_t>(link_level_there);
       // As the grid was made.
-      if (level == 0 && d % 2 == 0 && cell != nullptr && cell->ipos == 0) link_level_there = 1;
-      if (link(c, d) == NeighbourLink(cell) && link_level(c, d) == link_level_there) {
-        continue;
+      const bool on_grid = node.level == 0 && d % 2 == 0 && node.linked[i] >= 0 &&
+                           lattice_.entries()[static_cast<std::size_t>(node.linked[i])].ipos == 0;
+      if (on_grid) node.link_levels[i] = 1;
+    }
+    return node;
+  }
+
+  /// Whether a link stays what it is: the record of a side, or of none.
+  bool leads_out(const Lattice::Entry& entry, const Cell& c, int d) const {
+    return d % 2 == 0 && lattice_.is_on_side(entry.at, d) && link(c, d).cell() == nullptr;
+  }
+
+  bool is_in_order(const Disorder& node) const {
+    const Lattice::Entry& entry = lattice_.entries()[static_cast<std::size_t>(node.entry)];
+    if (entry.cell == nullptr) return false;
+    Cell& c = *entry.cell;
+    if (node.level != c.level || node.reserve != c.reserve) return false;
+    for (int d = 0; d < nb_directions; ++d) {
+      if (leads_out(entry, c, d)) continue;
+      const std::int32_t there = node.linked[static_cast<std::size_t>(d)];
+      Cell* cell = there < 0 ? nullptr : lattice_.entries()[static_cast<std::size_t>(there)].cell;
+      if (there >= 0 && cell == nullptr) return false;
+      if (link(c, d) != NeighbourLink(cell) ||
+          link_level(c, d) != node.link_levels[static_cast<std::size_t>(d)]) {
+        return false;
       }
-      changed = changed || link(c, d) != NeighbourLink(cell);
-      link(c, d) = cell;
-      link_level(c, d) = link_level_there;
-      c.signature_set = false;
-      c.area = -1.0;
     }
-    if (level != c.level || reserve != c.reserve) {
-      c.level = level;
-      c.reserve = reserve;
-      c.signature_set = false;
-      c.area = -1.0;
+    return true;
+  }
+
+  /// The whole mesh is looked through before any node is touched: from here on nothing may fail.
+  void find_disorder() {
+    for (std::size_t i = 0; i < lattice_.entries().size(); ++i) {
+      const Disorder node = order_of(i);
+      if (!is_in_order(node)) disorder_.push_back(node);
+      state_.progress.step();
     }
+  }
+
+  /// Returns whether that changes more than levels of links.
+  bool put_in_order(const Disorder& node) {
+    const Lattice::Entry& entry = lattice_.entries()[static_cast<std::size_t>(node.entry)];
+    Cell& c = *entry.cell;
+    bool changed = node.level != c.level || node.reserve != c.reserve;
+    for (int d = 0; d < nb_directions; ++d) {
+      if (leads_out(entry, c, d)) continue;
+      const auto i = static_cast<std::size_t>(d);
+      Cell* there = node.linked[i] < 0
+                        ? nullptr
+                        : lattice_.entries()[static_cast<std::size_t>(node.linked[i])].cell;
+      changed = changed || link(c, d) != NeighbourLink(there);
+      link(c, d) = there;
+      link_level(c, d) = node.link_levels[i];
+    }
+    c.level = node.level;
+    c.reserve = node.reserve;
+    c.signature_set = false;
+    c.area = -1.0;
     return changed;
   }
 
@@ -362,6 +411,7 @@ class Restorer {
   std::vector<std::vector<std::size_t>> missing_by_ipos_;
   std::vector<Missing> missing_;         ///< parents before those that rest on them
   std::vector<std::size_t> missing_of_;  ///< by the number of the entry, less nb_nodes_
+  std::vector<Disorder> disorder_;
   std::vector<Cell*> strays_, made_;
 
   // Where data are conserved.
@@ -377,8 +427,7 @@ class Restorer {
   std::size_t nb_nodes_ = 0;  ///< entries that have a node from the start
 };
 
-}  // namespace
-
+/// A grid that nothing has been done to is in order.
 bool is_bare_grid(const State& state) {
   const Domain& domain = state.domain;
   const double nx = std::round((domain.x_max - domain.x_min) / domain.dist_0) + 1.0;
@@ -386,6 +435,7 @@ bool is_bare_grid(const State& state) {
   if (nx * ny != state.nb_nodes) return false;
   std::int32_t nb_untouched = 0;
   for (const Cell* c = state.level_beg[0].next; c != nullptr; c = c->next) {
+    state.progress.step();
     const std::int32_t nb_awaited = c->on_boundary == 0 ? 4 : c->on_boundary == 1 ? 2 : 1;
     if (c->level != 0 || c->reserve != nb_awaited) return false;
     ++nb_untouched;
@@ -393,7 +443,12 @@ bool is_bare_grid(const State& state) {
   return nb_untouched == state.nb_nodes;
 }
 
+}  // namespace
+
 bool restore_rings(State& state, std::int64_t most_nodes) {
+  // The nodes are gone through once to list them, once for their parents, once for their links.
+  state.progress.begin("restoring", 3 * std::int64_t{state.nb_nodes});
+  if (is_bare_grid(state)) return false;
   std::int32_t highest = 0;
   for (std::int32_t l = 0; l <= highest_stretch(state); ++l) {
     if (state.level_beg[static_cast<std::size_t>(l)].next != nullptr) highest = l;

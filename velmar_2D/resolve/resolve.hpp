@@ -1,0 +1,165 @@
+// What the files of resolving tell one another: the update that leaves no node coarser than wanted,
+// rings, the lattice and graded sizes. Never installed.
+#pragma once
+
+#include "velmar_2D/adapt/update_mesh_decl.hpp"
+
+namespace velmar_2d::detail {
+
+void resolve_mesh_init(State& state, const size_function& size_fun, init_data_function init_data,
+                       const Resolution& resolution);
+void resolve_mesh_init(State& state, const batch_size_function& size_fun,
+                       init_data_function init_data, const Resolution& resolution);
+void resolve_mesh_no_init(State& state, const size_function& size_fun,
+                          const Resolution& resolution);
+void resolve_mesh_no_init(State& state, const batch_size_function& size_fun,
+                          const Resolution& resolution);
+
+/// The least mesh that does what is asked (resolve.cpp). Derivatives, if they are wanted, are
+/// computed once the mesh is in order: broken ones have nodes that have none.
+void resolve_mesh_body(State& state, const size_function& size_fun, const Resolution& resolution,
+                       bool with_derivatives);
+void resolve_mesh_body(State& state, const batch_size_function& size_fun,
+                       const Resolution& resolution, bool with_derivatives);
+
+// ---------------------------------------------------------------------------------------------
+// Rings (rings.cpp, restore_rings.cpp)
+//
+// Ring l of a node p are the positions at the distance of level l from it, as far as they lie in
+// the rectangle: diagonally for odd l, straight for even l. For l = ipos they are what p rests on,
+// its parents; those for l > ipos rest on p, and each of them is the centre of a figure:
+//
+//      left --- far            left                  p's next neighbours in the ring below are
+//        |       |            /    \                 left and right, far is one of the ring below
+//        |   +   |           p   +  far              that; on a side, left, right or far may be
+//        |       |            \    /                 missing
+//        p --- right           right
+//
+// The mesh is in order where every node has its parents and `level` is the last ring that is
+// complete. Then a nearer ring rests on a farther one, and links tell which members there are.
+// ---------------------------------------------------------------------------------------------
+
+/// Makes members of rings. Needs: a mesh in order, and keeps it so.
+class RingMaker {
+ public:
+  /// @param newcomers   receives the nodes that are made
+  /// @param most_nodes  of the mesh; 0: no matter
+  RingMaker(State& state, std::vector<Cell*>& newcomers, std::int64_t most_nodes)
+      : state_(state), newcomers_(newcomers), most_nodes_(most_nodes) {}
+
+  /// Completes the rings around p up to this level, and around others what those rest on.
+  void raise(Cell& p, std::int32_t level);
+
+ private:
+  struct Member {
+    Cell* of;
+    int direction;
+    std::int32_t level;
+  };
+
+  static bool is_missing(const Cell& p, int direction, std::int32_t level);
+  bool make(Cell& p, int direction, std::int32_t level);
+  bool make_or_defer(const Member& member);
+  void insert(const Member& member, Cell* left, Cell* far, Cell* right);
+
+  State& state_;
+  std::vector<Cell*>& newcomers_;
+  std::int64_t most_nodes_;
+  /// Until what they rest on is there. Each is a level lower than the one before.
+  std::array<Member, highest_wanted_level + 1> deferred_;
+  std::size_t nb_deferred_ = 0;
+};
+
+/// Ends the update: the mesh would need more nodes than it may have.
+[[noreturn]] void too_many_nodes(const State& state, std::int64_t most_nodes);
+
+/// A position in units of the finest spacing, from the lower left corner.
+struct LatticePoint {
+  std::int64_t x, y;
+  friend bool operator==(const LatticePoint&, const LatticePoint&) = default;
+};
+
+/// The lattice of a mesh, and which of its positions are taken (lattice.cpp). Procedures that take
+/// memory may throw std::bad_alloc.
+class Lattice {
+ public:
+  struct Entry {
+    LatticePoint at;
+    Cell* cell;         ///< none as long as it is to be made, or when it has gone
+    std::int32_t ipos;  ///< as the position tells
+  };
+
+  Lattice(const State& state, std::int32_t highest_ipos);
+
+  std::vector<Entry>& entries() { return entries_; }
+  const std::vector<Entry>& entries() const { return entries_; }
+  std::int64_t grid_step() const { return std::int64_t{1} << halvings_; }
+  /// The upper right corner.
+  LatticePoint last() const { return last_; }
+  /// The member of a ring that lies in this direction.
+  LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
+  bool contains(LatticePoint p) const;
+  bool is_on_side(LatticePoint p, int straight_direction) const;
+  std::int32_t ipos(LatticePoint p) const;
+  /// False where a node lies off the lattice.
+  bool find_place(const Cell& c, LatticePoint& p) const;
+  /// Number of the entry, -1 where there is none.
+  std::int32_t find(LatticePoint p) const { return slots_[slot_of(p)]; }
+  bool holds(LatticePoint p) const { return contains(p) && find(p) >= 0; }
+  /// Number of the new entry, -1 where there was one.
+  std::int32_t add(const Entry& entry);
+
+ private:
+  std::int32_t halvings_of(std::int64_t offset) const;
+  std::size_t slot_of(LatticePoint p) const;
+  void double_slots();
+
+  const Domain& domain_;
+  ProgressTeller& progress_;
+  std::int32_t halvings_;  ///< of dist_0: one more than the nodes have
+  LatticePoint last_;
+  std::vector<Entry> entries_;
+  std::vector<std::int32_t> slots_;
+};
+
+/// The wanted sizes of all nodes, graded over the mesh (graded_sizes.cpp). Nodes have the numbers
+/// in which they are added, parents first.
+class GradedSizes {
+ public:
+  GradedSizes(const State& state, double slope);
+
+  std::size_t size() const { return nodes_.size(); }
+  /// A size that is negative or not a number is none.
+  void add(Cell& c, double size);
+  /// Needs: no node rests on this one.
+  void remove(const Cell& c);
+  void grade();
+  /// What is graded next is graded from the nodes' own sizes.
+  void forget_grading();
+  /// The node with a number, which may have gone, and its size.
+  Cell* cell_of(std::size_t i) const { return lattice_.entries()[i].cell; }
+  double size_of(std::size_t i) const { return nodes_[i].graded; }
+  bool has_own(std::size_t i) const { return nodes_[i].has_own; }
+
+ private:
+  struct Node {
+    double own = 0.0, graded = 0.0;
+    std::array<std::int32_t, 4> parents{-1, -1, -1, -1};  ///< and neighbours on the grid
+    std::int32_t ipos = 0;
+    bool has_own = false;
+  };
+  bool relax(Node& node);
+
+  ProgressTeller& progress_;
+  Lattice lattice_;
+  std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
+  std::vector<Node> nodes_;
+};
+
+/// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
+/// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
+/// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
+/// @return whether links or levels changed
+bool restore_rings(State& state, std::int64_t most_nodes);
+
+}  // namespace velmar_2d::detail
