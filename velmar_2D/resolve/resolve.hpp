@@ -2,6 +2,8 @@
 // rings, the lattice and graded sizes. Never installed.
 #pragma once
 
+#include <optional>
+
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
 namespace velmar_2d::detail {
@@ -21,6 +23,56 @@ void resolve_mesh_body(State& state, const size_function& size_fun, const Resolu
                        bool with_derivatives);
 void resolve_mesh_body(State& state, const batch_size_function& size_fun,
                        const Resolution& resolution, bool with_derivatives);
+
+// ---------------------------------------------------------------------------------------------
+// What nodes want (ask_nodes.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// What a size means for a node.
+struct Want {
+  std::int32_t level;  ///< up to which rings are completed
+  std::int32_t kept;   ///< up to which members of rings stay
+  bool is_refused;     ///< the limit forbids what is wanted
+};
+
+class WantedLevels {
+ public:
+  WantedLevels(const State& state, double margin);
+  /// A size that is none wants the level that is there.
+  Want of(const Cell& c, double size, std::int32_t lowest) const;
+
+ private:
+  double dist_0_, margin_ratio_;
+  std::int32_t limit_;
+};
+
+/// Marks a node that waits to be removed, beside its wanted level.
+inline constexpr std::uint8_t is_waiting = 0x80;
+static_assert((is_waiting & highest_wanted_level) == 0);
+inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~is_waiting; }
+
+/// Whether members of rings around a node may no longer be wanted by it. What was wanted up to ipos
+/// concerns parents only.
+inline bool may_release(const Cell& c, const Want& want) {
+  return want.kept < wanted_level(c) && wanted_level(c) > c.ipos;
+}
+
+/// A node that is still to be settled.
+struct Demand {
+  Cell* node;
+  double size;
+};
+struct AskedNodes {
+  std::vector<Demand> demands;  ///< of nodes that are to be raised, mostly
+  std::vector<Cell*> fallen;    ///< of the others, those around which nodes may be released
+  std::int64_t nb_asked = 0;
+  std::exception_ptr thrown;  ///< by the size function; the demands are those of the nodes before
+};
+/// Asks all nodes by so many threads, and notes what they want but for those with demands.
+/// Needs: a joined list.
+/// @return nothing where there is no memory for it
+std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
+                                    const WantedLevels& wants, std::int32_t threads);
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
