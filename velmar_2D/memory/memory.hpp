@@ -136,6 +136,10 @@ class Walk {
   static Walk to_refine(const TraversalHistory& history) {
     return {&Cell::next, history, 0, 1, Reads::fields};
   }
+  /// Forwards from the node with this number: reads fields of the nodes alone.
+  static Walk to_ask(const TraversalHistory& history, std::ptrdiff_t number = 0) {
+    return {&Cell::next, history, number, 1, Reads::record};
+  }
   /// Backwards, likewise; records the nodes that stay, from begin_recording() on.
   static Walk to_coarsen(TraversalHistory& history) {
     Walk walk{&Cell::prev, history, history.size() - 1, -1, Reads::fields};
@@ -200,8 +204,8 @@ class Walk {
   }
 
  private:
-  /// What the loop reads at each node.
-  enum class Reads { list, fields, neighbours };
+  /// What the loop reads at each node: more and more.
+  enum class Reads { list, record, fields, neighbours };
 
   static constexpr int near_ahead = 4, far_ahead = 8, guessed_ahead = 6, entries_ahead = 8,
                        quick_entries_ahead = 32, corners_ahead = 2;
@@ -234,7 +238,7 @@ class Walk {
   void arrive() {
     following_ = current_->*step_;
     advance_far(busy_);
-    if (reads_ == Reads::list) return;
+    if (reads_ < Reads::fields) return;
     advance_near(busy_);
     if (reads_ == Reads::neighbours) {
       advance_corner();
@@ -262,15 +266,15 @@ class Walk {
     if (far_ == nullptr) return;
     Cell* following = far_->*step_;
     if (following != nullptr) prefetch_after(*following, *far_);
-    if (reads_ != Reads::list && (busy || reads_links(*far_))) {
+    if (reads_ >= Reads::fields && (busy || reads_links(*far_))) {
       prefetch_at(address_of(far_) + cache_line);
     }
-    if (reads_ != Reads::list && busy) prefetch_at(address_of(far_) + 2 * cache_line);
+    if (reads_ >= Reads::fields && busy) prefetch_at(address_of(far_) + 2 * cache_line);
     far_ = following;
   }
   /// The neighbours of a node that is about to be reached.
   VELMAR_2D_ALWAYS_INLINE void advance_near(bool busy) {
-    if (near_ == nullptr || reads_ == Reads::list) return;
+    if (near_ == nullptr || reads_ < Reads::fields) return;
     near_ = near_->*step_;
     if (near_ != nullptr && (busy || reads_links(*near_))) prefetch_neighbours(*near_);
   }

@@ -3,8 +3,10 @@
 // mesh is remembered elsewhere. Never installed.
 #pragma once
 
+#include <exception>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -274,6 +276,60 @@ inline void relink(State& state, Cell& from, int direction, NeighbourLink to) {
 }
 /// Takes a node out of the mesh and gives it back. Its neighbours no longer link to it.
 void drop_cell(State& state, Cell*& c);
+
+// ---------------------------------------------------------------------------------------------
+// The list, piece by piece, for several threads (pieces.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Nodes from `first` to before `end`.
+struct Piece {
+  Cell *first = nullptr, *end = nullptr;
+  std::ptrdiff_t number = 0;  ///< of the first one in the history of walks
+  std::size_t place = 0;      ///< among the pieces
+  bool empty() const { return first == nullptr; }
+};
+
+/// Hands out the list. Where a piece ends is found by walking it, which brings its nodes into the
+/// cache of the thread that will work on them.
+class Pieces {
+ public:
+  static constexpr std::int32_t nodes_of_a_piece = 512;
+  static std::size_t number(const State& state) {
+    return static_cast<std::size_t>(state.nb_nodes / nodes_of_a_piece + 1);
+  }
+  /// More threads would have nothing to do.
+  static std::int32_t useful_threads(const State& state, std::int32_t threads) {
+    return std::min(threads, state.nb_nodes / nodes_of_a_piece);
+  }
+
+  /// Needs: a joined list.
+  explicit Pieces(const State& state);
+
+  /// Runs the work in this thread and in others. Progress is told in this thread alone; what that
+  /// throws leaves when all have ended.
+  /// @param work  takes pieces until there is none; throws nothing
+  void share(std::int32_t threads, const std::function<void()>& work);
+  /// The next one; an empty one at the end, and as soon as a thread has failed.
+  Piece take();
+  void fail();
+  /// Needs: no thread works any more.
+  bool failed() const { return failed_; }
+
+ private:
+  void tell_progress();
+
+  const TraversalHistory& history_;
+  ProgressTeller& progress_;
+  Walk walk_;
+  Walk::Iterator next_;
+  std::ptrdiff_t number_ = 0;
+  std::size_t place_ = 0;
+  std::int32_t nb_untold_ = 0;  ///< nodes handed out since progress was told
+  bool failed_ = false;
+  std::mutex mutex_;
+  const std::thread::id caller_ = std::this_thread::get_id();
+  std::exception_ptr thrown_by_handler_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Sides (sides.cpp)

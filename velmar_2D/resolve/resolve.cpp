@@ -10,14 +10,20 @@
 // within 2 and within 3 does not matter to the positions.
 #include "velmar_2D/resolve/resolve.hpp"
 
-#include <cmath>
 #include <limits>
 #include <new>
-#include <optional>
 
 namespace velmar_2d::detail {
 
 namespace {
+
+/// The first lines of a node's record.
+VELMAR_2D_ALWAYS_INLINE void prefetch_lines(const Cell* c, std::size_t nb_lines) {
+  if (c == nullptr) return;
+  for (std::size_t i = 0; i < nb_lines; ++i) {
+    prefetch(reinterpret_cast<const std::byte*>(c) + i * cache_line);
+  }
+}
 
 void remove(State& state, Cell& c) {
   Cell* node = &c;
@@ -35,6 +41,8 @@ class Resolver {
         derive_later_(state),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
+        threads_(Pieces::useful_threads(state, resolution.threads)),
+        in_turn_(conserves(state) || state.hooks.inserted || state.hooks.removing),
         knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
     state.progress.begin("refining", state.nb_nodes);
     nb_stretches_ = std::min(state.level_beg.size(), heads_.size());
@@ -52,10 +60,11 @@ class Resolver {
       });
       return;
     }
-    settle_on_the_way(sizes);
+    if (!ask_ahead(size_fun)) settle_on_the_way(sizes);
     for (std::size_t i = 0; i < nodes_.size(); ++i) {
       if (i == generation_end_) begin_generation();
       prefetch_newcomer(i);
+      state_.progress.step();
       ++state_.update_statistics.visited;
       settle(*nodes_[i], sizes.at(*nodes_[i]));
     }
@@ -76,6 +85,7 @@ class Resolver {
     for (std::size_t next = 0; next < nodes_.size();) {
       for (const double size : sizes_from(next, size_fun)) {
         prefetch_newcomer(next);
+        state_.progress.step();
         settle(*nodes_[next++], size);
       }
     }
@@ -89,7 +99,6 @@ class Resolver {
     Walk walk = Walk::to_refine(state_.history);
     for_all_nodes(walk, sizes, [&](Cell& c, double size) {
       c.wanted_level = static_cast<std::uint8_t>(wants_.of(c, size, 0).kept);
-      state_.progress.step();
       return false;
     });
     release_everywhere();
@@ -104,6 +113,7 @@ class Resolver {
       sizes.begin_walk(l, walk);
       for (Cell& c : walk(heads_[l])) {
         ++state_.update_statistics.visited;
+        state_.progress.step();
         walk.changes_mesh_here(use(c, sizes.at(c)));
       }
     }
@@ -119,14 +129,44 @@ class Resolver {
     derive_later_.derive(std::span(nodes_).subspan(generation_end_));
     generation_end_ = nodes_.size();
   }
+  /// Asks all nodes there are before the first one comes, by several threads. False where it is
+  /// better done on the way, or was given up.
+  bool ask_ahead(const size_function& size_fun) {
+    if (threads_ <= 1 || in_turn_) return false;
+    join_sublists(state_);
+    std::optional<AskedNodes> asked = ask_nodes(state_, size_fun, wants_, threads_);
+    split_sublists(state_);
+    if (!asked) {
+      knows_fallen_ = false;
+      return false;
+    }
+    if (knows_fallen_) fallen_.swap(asked->fallen);
+    state_.update_statistics.visited += asked->nb_asked;
+    for (std::size_t i = 0; i < asked->demands.size(); ++i) {
+      prefetch_demand(asked->demands, i);
+      settle(*asked->demands[i].node, asked->demands[i].size);
+    }
+    if (asked->thrown) std::rethrow_exception(asked->thrown);
+    return true;
+  }
+  /// What is read at a node that is raised: it, its neighbours, the far corners of figures.
+  VELMAR_2D_ALWAYS_INLINE static void prefetch_demand(std::span<const Demand> demands,
+                                                      std::size_t i) {
+    constexpr std::size_t node_ahead = 12, neighbours_ahead = 6, corners_ahead = 3;
+    if (i + node_ahead < demands.size()) prefetch_lines(demands[i + node_ahead].node, 3);
+    if (i + neighbours_ahead < demands.size()) {
+      const Cell& c = *demands[i + neighbours_ahead].node;
+      for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(c, d).cell(), 3);
+    }
+    if (i + corners_ahead < demands.size()) {
+      prefetch_far_corners(*demands[i + corners_ahead].node);
+    }
+  }
 
   /// A few nodes before it is asked.
   VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
     constexpr std::size_t ahead = 8;
-    if (i + ahead >= nodes_.size()) return;
-    const auto* c = reinterpret_cast<const std::byte*>(nodes_[i + ahead]);
-    prefetch(c);
-    prefetch(c + cache_line);
+    if (i + ahead < nodes_.size()) prefetch_lines(nodes_[i + ahead], 2);
   }
 
   void list_nodes() {
@@ -197,6 +237,7 @@ class Resolver {
     graded.grade();
     state_.update_statistics.refused = 0;
     for (std::size_t i = 0; i < graded.size(); ++i) {
+      state_.progress.step();
       if (Cell* c = graded.cell_of(i))
         settle(*c, graded.size_of(i), graded.has_own(i) ? 0 : c->level);
     }
@@ -205,13 +246,8 @@ class Resolver {
   /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
   bool settle(Cell& c, double size, std::int32_t lowest = 0) {
     const Want want = wants_.of(c, size, lowest);
-    const std::int32_t before = wanted_level(c);
+    if (knows_fallen_ && may_release(c, want)) note_fallen(c);
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
-    // Members of any ring may be there, each on two of the ring below; what is wanted up to ipos
-    // concerns parents only.
-    const bool may_release = want.kept < before && before > c.ipos;
-    if (may_release && knows_fallen_) note_fallen(c);
-    state_.progress.step();
     const bool raising = want.level > c.level;
     if (raising) rings_.raise(c, want.level);
     if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
@@ -277,8 +313,11 @@ class Resolver {
         if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
       }
     }
-    std::size_t next = 0;  // removals make more
-    while (next < surplus_.size()) {
+    release_waiting();
+  }
+  /// Removals make more.
+  void release_waiting() {
+    for (std::size_t next = 0; next < surplus_.size();) {
       Cell& c = *surplus_[next++];
       state_.progress.step();
       std::array<Cell*, 4> parents{};
@@ -291,6 +330,7 @@ class Resolver {
         if (parent != nullptr) await_removal(*parent);
       }
     }
+    surplus_.clear();
   }
   void await_removal(Cell& c) {
     if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
@@ -320,6 +360,8 @@ class Resolver {
   std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
+  std::int32_t threads_;
+  bool in_turn_;       ///< nodes come and go in the order of the list, which others may notice
   bool knows_fallen_;  ///< all that may go is around those whose wants have fallen
 };
 
@@ -376,7 +418,7 @@ class ResolveUpdate {
       order_.is_in_order = true;
     }
     if (with_derivatives_) {
-      compute_data_at_all_nodes(state_, 1);  // joins the list
+      compute_data_at_all_nodes(state_, resolution_.threads);  // joins the list
       split_sublists(state_);
     }
     Resolver resolver(state_, resolution_, std::exchange(order_.surplus_has_gone, false));

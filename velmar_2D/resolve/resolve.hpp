@@ -2,7 +2,7 @@
 // rings, the lattice and graded sizes. Never installed.
 #pragma once
 
-#include <cmath>
+#include <optional>
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 
@@ -25,7 +25,7 @@ void resolve_mesh_body(State& state, const batch_size_function& size_fun,
                        const Resolution& resolution, bool with_derivatives);
 
 // ---------------------------------------------------------------------------------------------
-// What nodes want (resolve.cpp, pieces)
+// What nodes want (ask_nodes.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// While this scope lasts, nodes that come have no derivatives yet: they get them when all that
@@ -57,19 +57,9 @@ struct Want {
 
 class WantedLevels {
  public:
-  WantedLevels(const State& state, double margin)
-      : dist_0_(state.domain.dist_0),
-        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
-        limit_(std::min(state.level_max, highest_wanted_level)) {}
-
+  WantedLevels(const State& state, double margin);
   /// A size that is none wants the level that is there.
-  Want of(const Cell& c, double size, std::int32_t lowest) const {
-    if (!(size >= 0.0)) return {c.level, c.level, false};
-    const double ratio = std::abs(dist_0_ / size);
-    const std::int32_t level = level_wanted_by(ratio);
-    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
-    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
-  }
+  Want of(const Cell& c, double size, std::int32_t lowest) const;
 
  private:
   double dist_0_, margin_ratio_;
@@ -77,7 +67,8 @@ class WantedLevels {
 };
 
 /// Beside the wanted level that a node keeps: it waits to be removed, or stays whatever is wanted.
-constexpr std::uint8_t is_waiting = 0x80, is_held = 0x40;
+inline constexpr std::uint8_t is_waiting = 0x80, is_held = 0x40;
+static_assert(((is_waiting | is_held) & highest_wanted_level) == 0);
 inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~(is_waiting | is_held); }
 
 /// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
@@ -90,6 +81,29 @@ inline bool is_surplus(const Cell& c) {
   }
   return true;
 }
+
+/// Whether members of rings around a node may no longer be wanted by it. What was wanted up to ipos
+/// concerns parents only.
+inline bool may_release(const Cell& c, const Want& want) {
+  return want.kept < wanted_level(c) && wanted_level(c) > c.ipos;
+}
+
+/// A node that is still to be settled.
+struct Demand {
+  Cell* node;
+  double size;
+};
+struct AskedNodes {
+  std::vector<Demand> demands;  ///< of nodes that are to be raised, mostly
+  std::vector<Cell*> fallen;    ///< of the others, those around which nodes may be released
+  std::int64_t nb_asked = 0;
+  std::exception_ptr thrown;  ///< by the size function; the demands are those of the nodes before
+};
+/// Asks all nodes by so many threads, and notes what they want but for those with demands.
+/// Needs: a joined list.
+/// @return nothing where there is no memory for it
+std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
+                                    const WantedLevels& wants, std::int32_t threads);
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)

@@ -15,6 +15,7 @@ void check_resolution(const State& state, const Resolution& resolution) {
   if (!(resolution.margin >= 0.0)) refuse("margin", to_text(resolution.margin));
   if (!(resolution.slope >= 0.0)) refuse("slope", to_text(resolution.slope));
   if (resolution.most_nodes < 0) refuse("most_nodes", std::to_string(resolution.most_nodes));
+  if (resolution.threads < 0) refuse("threads", std::to_string(resolution.threads));
 }
 
 template <typename SizeFunction>

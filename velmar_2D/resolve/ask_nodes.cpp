@@ -1,0 +1,120 @@
+// Asking all nodes for the spacing they want, by several threads, before the mesh changes.
+//
+// A want is noted in the node. Where that is not all, the node is listed: in the order of the list,
+// whichever thread has asked it.
+#include <cmath>
+#include <new>
+
+#include "velmar_2D/resolve/resolve.hpp"
+
+namespace velmar_2d::detail {
+
+WantedLevels::WantedLevels(const State& state, double margin)
+    : dist_0_(state.domain.dist_0),
+      margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
+      limit_(std::min(state.level_max, highest_wanted_level)) {}
+
+Want WantedLevels::of(const Cell& c, double size, std::int32_t lowest) const {
+  if (!(size >= 0.0)) return {c.level, c.level, false};
+  const double ratio = std::abs(dist_0_ / size);
+  const std::int32_t level = level_wanted_by(ratio);
+  const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
+  return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
+}
+
+namespace {
+
+template <typename T>
+void append(std::vector<T>& list, const std::vector<T>& others) {
+  list.insert(list.end(), others.begin(), others.end());
+}
+
+class Asking {
+ public:
+  /// May throw std::bad_alloc.
+  Asking(const State& state, const size_function& size_fun, const WantedLevels& wants)
+      : pieces_(state),
+        history_(state.history),
+        sizes_(size_fun),
+        wants_(wants),
+        by_piece_(Pieces::number(state)) {}
+
+  void ask(std::int32_t threads) {
+    pieces_.share(threads, [this] { ask_pieces(); });
+  }
+  /// As one thread would, node by node: up to the first one that fails.
+  std::optional<AskedNodes> gather() const {
+    if (!has_memory_) return {};
+    AskedNodes asked;
+    try {
+      for (const AskedNodes& of_piece : by_piece_) {
+        asked.nb_asked += of_piece.nb_asked;
+        append(asked.demands, of_piece.demands);
+        append(asked.fallen, of_piece.fallen);
+        asked.thrown = of_piece.thrown;
+        if (asked.thrown) break;
+      }
+    } catch (const std::bad_alloc&) {
+      return {};
+    }
+    return asked;
+  }
+
+ private:
+  void ask_pieces() noexcept {
+    for (Piece piece = pieces_.take(); !piece.empty(); piece = pieces_.take()) {
+      AskedNodes asked;  // in no line of the cache that other threads write to
+      try {
+        Walk walk = Walk::to_ask(history_, piece.number);
+        for (Cell& c : walk(piece.first)) {
+          if (&c == piece.end) break;
+          ++asked.nb_asked;
+          note(c, sizes_.at(c), asked);
+        }
+      } catch (...) {
+        asked.thrown = std::current_exception();
+        pieces_.fail();
+      }
+      by_piece_[piece.place] = std::move(asked);
+    }
+  }
+  void note(Cell& c, double size, AskedNodes& asked) {
+    const Want want = wants_.of(c, size, 0);
+    // What is none wants the level that is there when its turn comes.
+    const bool has_size = size >= 0.0;
+    try {
+      if (!has_size || want.level > c.level || want.is_refused) {
+        asked.demands.push_back({&c, size});
+        return;
+      }
+      if (may_release(c, want)) asked.fallen.push_back(&c);
+    } catch (const std::bad_alloc&) {
+      has_memory_ = false;
+      pieces_.fail();
+    }
+    c.wanted_level = static_cast<std::uint8_t>(want.kept);
+  }
+
+  Pieces pieces_;
+  const TraversalHistory& history_;
+  const SizesOneByOne sizes_;
+  const WantedLevels& wants_;
+  std::vector<AskedNodes> by_piece_;
+  std::atomic<bool> has_memory_ = true;
+};
+
+}  // namespace
+
+std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
+                                    const WantedLevels& wants, std::int32_t threads) {
+  std::optional<Asking> asking;
+  try {
+    asking.emplace(state, size_fun, wants);
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+  asking->ask(threads);
+  return asking->gather();
+}
+
+}  // namespace velmar_2d::detail
