@@ -306,8 +306,7 @@ class Carried {
   /// By Heun's steps of the length that is said to be stable; `watch` sees each.
   template <typename Watch>
   Values carry(Upwind upwind, double until, const Watch& watch) {
-    const double longest = stable_step(upwind, faces_, pieces_, wind_, side_wind_, arrays_.areas());
-    const int steps = static_cast<int>(std::ceil(until / longest));
+    const int steps = static_cast<int>(std::ceil(until / longest_step(upwind)));
     Values u = exact(0.0), through(faces_.size()), out(pieces_.size()), inflow(pieces_.size());
     Work work;
     for (int k = 0; k < steps; ++k) {
@@ -327,6 +326,9 @@ class Carried {
     return u;
   }
   const MeshArrays& arrays() const { return arrays_; }
+  double longest_step(Upwind upwind) const {
+    return stable_step(upwind, faces_, pieces_, wind_, side_wind_, arrays_.areas());
+  }
 
  private:
   std::function<double(double, double)> shape_;
@@ -361,6 +363,11 @@ TEST(Advection, KeepsItsBounds) {
   const auto step = [](double x, double y) {
     return std::hypot(x - 0.3, y - 0.35) < 0.15 ? 1.0 : 0.0;
   };
+  // The cell at the corner where the wind leaves: a quarter of a square, two halves of its sides.
+  const Carried corner(uniform_mesh(8, {}), step);
+  const double until_empty = 0.5 / 8.0 / (Carried::wind_x + Carried::wind_y);
+  EXPECT_NEAR(corner.longest_step(Upwind::first_order), until_empty, 1e-14);
+  EXPECT_NEAR(corner.longest_step(Upwind::bounded), 0.5 * until_empty, 1e-14);
   for (const Upwind upwind : {Upwind::first_order, Upwind::bounded, Upwind::positive}) {
     Carried carried(adapted_mesh(16, {}), step);
     double least = 1.0, most = 0.0;
