@@ -17,7 +17,7 @@ SCRATCH = pathlib.Path("build/pip")  # nothing is left anywhere else in the sour
 
 class BuildByCMake(build_ext):
     def build_extension(self, extension):
-        parts = ("IO", "HDF5", "TOOLS", "EXAMPLES", "TESTS", "BENCHMARKS", "DOCS")
+        parts = ("IO", "HDF5", "NUMERICS", "TOOLS", "EXAMPLES", "TESTS", "BENCHMARKS", "DOCS")
         options = [f"-DVELMAR_2D_BUILD_{part}=OFF" for part in parts]
         folder = pathlib.Path(self.build_temp).resolve()
         subprocess.run(["cmake", "-S", ROOT, "-B", folder, *options, "-DVELMAR_2D_BUILD_PYTHON=ON",

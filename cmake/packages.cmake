@@ -26,7 +26,7 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ldconfig_trigger.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io
-  ${CMAKE_CURRENT_BINARY_DIR}/hdf5)
+  ${CMAKE_CURRENT_BINARY_DIR}/hdf5 ${CMAKE_CURRENT_BINARY_DIR}/numerics)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # The changelog as Debian wants it names who made the packages, and when: SOURCE_DATE_EPOCH, where it
@@ -63,6 +63,13 @@ if(TARGET velmar_2d_hdf5)
   velmar_2d_package(hdf5 ${hdf5} libs "${library} ${same}"
     "This package holds the shared library for saving and loading.")
   string(APPEND libraries ", ${hdf5} ${same}, libhdf5-dev, libdeflate-dev")
+endif()
+if(TARGET velmar_2d_numerics)
+  set(numerics libvelmar-2d-numerics${abi})
+  list(APPEND CPACK_COMPONENTS_ALL numerics)
+  velmar_2d_package(numerics ${numerics} libs "${library} ${same}"
+    "This package holds the shared library of parts for solvers.")
+  string(APPEND libraries ", ${numerics} ${same}")
 endif()
 # cairo is what the .pc file of the pictures names.
 velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}, libcairo2-dev"

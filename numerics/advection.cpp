@@ -13,9 +13,9 @@ using detail::index, detail::require_size;
 Gradient gradient_at(const MeshArrays& arrays, std::span<const double> u, std::int32_t i) {
   const std::size_t here = index(i);
   double xx = 0.0, xy = 0.0, yy = 0.0, xu = 0.0, yu = 0.0;
-  for (const std::int32_t link : arrays.links(i)) {
-    if (link < 0) continue;
-    const std::size_t there = index(link);
+  for (const std::int32_t linked : arrays.links(i)) {
+    if (linked < 0) continue;
+    const std::size_t there = index(linked);
     const double dx = arrays.x()[there] - arrays.x()[here];
     const double dy = arrays.y()[there] - arrays.y()[here];
     const double weight = 1.0 / (dx * dx + dy * dy), du = u[there] - u[here];
@@ -26,6 +26,12 @@ Gradient gradient_at(const MeshArrays& arrays, std::span<const double> u, std::i
     yu += weight * dy * du;
   }
   const double determinant = xx * yy - xy * xy;
+  // A corner of the domain may have one linked node, the middle of its square.
+  if (determinant < 1e-9 * (xx + yy) * (xx + yy)) {
+    for (const std::int32_t linked : arrays.links(i)) {
+      if (linked >= 0) return gradient_at(arrays, u, linked);
+    }
+  }
   return {(yy * xu - xy * yu) / determinant, (xx * yu - xy * xu) / determinant};
 }
 
@@ -45,8 +51,8 @@ void find_extremes(const MeshArrays& arrays, const SidePieces& pieces,
     around.most[here] = std::max(around.most[here], value);
   };
   for (std::int32_t i = 0; i < arrays.size(); ++i) {
-    for (const std::int32_t link : arrays.links(i)) {
-      if (link >= 0) see(index(i), u[index(link)]);
+    for (const std::int32_t linked : arrays.links(i)) {
+      if (linked >= 0) see(index(i), u[index(linked)]);
     }
   }
   for (std::size_t p = 0; p < pieces.size(); ++p) {

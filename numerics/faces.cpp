@@ -55,7 +55,7 @@ Point unit_vector(Direction direction) {
 Faces faces_of(const MeshArrays& arrays) {
   Faces faces;
   faces.revision = arrays.revision();
-  const std::size_t about = 3 * index(arrays.size());  // faces of a mesh of triangles
+  const std::size_t about = 9 * index(arrays.size()) / 4;  // two a node where cells are squares
   faces.from.reserve(about), faces.to.reserve(about), faces.direction.reserve(about);
   for (auto* values : {&faces.length, &faces.weight, &faces.middle_x, &faces.middle_y}) {
     values->reserve(about);

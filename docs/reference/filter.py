@@ -54,7 +54,8 @@ def header(path, text):
               "/// @}\n" * (2 if number > 0 else 1) + end + after)
     titles = {"mesh": "The mesh as an object", "records": "Records, directions, callbacks",
               "velmar_2D": "Free procedures", "velmar_2D_io": "Pictures and files",
-              "arrays": "The mesh as arrays", "velmar_2D_hdf5": "Saving and loading"}
+              "arrays": "The mesh as arrays", "velmar_2D_hdf5": "Saving and loading",
+              "velmar_2D_numerics": "Parts for solvers"}
     title = titles.get(path.stem, "velmar_2d")
     return (f"/// @defgroup {path.stem} {title} ({path.name})\n///\n"
             f"/// ~~~{{.unparsed}}\n{manual}/// ~~~\n\n"

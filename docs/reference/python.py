@@ -8,6 +8,7 @@ import sys
 
 ORDER = ["mesh.py", "nodes.py", "links.py"]
 FIRST = "Mesh"
+MODULES = ["numerics"]
 
 
 def public(parts):
@@ -29,18 +30,18 @@ def described(part, lines, heading, anchor, shown):
         lines += ["```", text, "```", ""]
 
 
-def describe(part, lines):
-    anchor = f"python_{part.name}"
+def describe(part, lines, module="velmar_2d."):
+    anchor = "python_" + module.partition(".")[2].replace(".", "_") + part.name
     if isinstance(part, ast.FunctionDef):
-        described(part, lines, "##", anchor, signature(part, "velmar_2d."))
+        described(part, lines, "##", anchor, signature(part, module))
         return
     members = public(part.body)
     made = [m for m in part.body if isinstance(m, ast.FunctionDef) and m.name == "__init__"]
     fields = [ast.unparse(f) for f in part.body if isinstance(f, ast.AnnAssign)]
-    shown = f"class velmar_2d.{part.name}"
+    shown = f"class {module}{part.name}"
     if made:
         made[0].name, made[0].returns = part.name, None
-        shown = signature(made[0], "velmar_2d.")
+        shown = signature(made[0], module)
     elif fields:
         shown += "(" + ", ".join(fields) + ")"
     described(part, lines, "##", anchor, shown)
@@ -68,6 +69,11 @@ def main(folder, page):
              if part.name in shown]
     for part in sorted(parts, key=lambda part: part.name != FIRST):
         describe(part, lines)
+    for name in MODULES:
+        module = ast.parse((folder / f"{name}.py").read_text())
+        lines += [f"# velmar_2d.{name} {{#python_{name}}}", "", "```", ast.get_docstring(module), "```", ""]
+        for part in public(module.body):
+            describe(part, lines, f"velmar_2d.{name}.")
     pathlib.Path(page).write_text("\n".join(lines) + "\n")
 
 

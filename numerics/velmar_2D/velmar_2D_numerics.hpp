@@ -147,8 +147,8 @@ using side_function = std::function<double(double x, double y, Direction side)>;
 /// nodes of those sides.
 VELMAR_2D_NUMERICS_API void add_inflow(const SidePieces& pieces, std::int32_t kind,
                                        const side_function& flux, std::span<double> source);
-/// Adds the mixed condition for the sides of one kind. The matrix is to be updated anew before
-/// that.
+/// Adds the mixed condition for the sides of one kind. Belongs after each update() of the matrix
+/// that made it anew; one that returns false leaves in it what was added.
 VELMAR_2D_NUMERICS_API void add_exchange(const SidePieces& pieces, std::int32_t kind,
                                          const side_function& rate, const side_function& outside,
                                          SparseMatrix& matrix, std::span<double> source);
@@ -256,7 +256,7 @@ VELMAR_2D_NUMERICS_API void runge_kutta_step(double time, double step, const rat
 VELMAR_2D_NUMERICS_API void stabilised_step(double time, double step, std::int32_t stages,
                                             const rate_function& rate, std::span<double> u,
                                             Work& work);
-/// The stages that stabilised_step() needs, odd.
+/// The stages that stabilised_step() needs, an odd number.
 VELMAR_2D_NUMERICS_API std::int32_t stages_for(double step, double euler);
 
 /// The fluxes, areas and given values of control cells: area du/dt = source - K u.
@@ -298,8 +298,8 @@ VELMAR_2D_NUMERICS_API void steady_state(const Balance& balance, std::span<const
                                          Work& work);
 
 /// Conjugate gradients with the diagonal as preconditioner, until the residual is below `tolerance`
-/// times that of zero: a solver that is always there. Takes some square root of the nodes
-/// iterations for a steady state, ten or twenty for a step in time.
+/// times that of zero: a solver that is always there. For a steady state its iterations grow as the
+/// square root of the nodes; a step in time takes few.
 /// @return iterations; -1 where `most` were not enough
 VELMAR_2D_NUMERICS_API std::int32_t conjugate_gradients(const SparseMatrix& matrix,
                                                         std::span<const double> right,

@@ -119,6 +119,7 @@ PYBIND11_MODULE(_core, m) {
 #endif
   define_arrays(mesh);
   define_places(mesh);
+  define_numerics(mesh);
   define_saving(m, mesh);
 }
 

@@ -13,6 +13,7 @@
 Any number of meshes live side by side. Warnings of the library go to the logger "velmar_2d",
 mistakes are raised as MeshError, and nothing waits for a key.
 """
+from . import numerics
 from ._core import MeshError, version as _version
 from .links import DIRICHLET, NEUMANN, NO_LINK, OTHER, SIDES, kind_of, side_code, side_of
 from .mesh import Finding, Mesh, UpdateStatistics, save_meshes
@@ -26,6 +27,6 @@ __version__ = _version()
 __all__ = [
     "DIRICHLET", "NEUMANN", "OTHER", "NO_LINK", "SIDES",
     "Faces", "Finding", "LineCut", "Mesh", "MeshError", "Nodes", "Polygons", "SavedMesh",
-    "UpdateStatistics", "kind_of", "load_arrays", "save_meshes", "saved_meshes", "side_code",
+    "UpdateStatistics", "kind_of", "load_arrays", "numerics", "save_meshes", "saved_meshes", "side_code",
     "side_of", "write_pvd",
 ]

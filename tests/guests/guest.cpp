@@ -11,6 +11,9 @@
 #ifdef GUEST_SAVES
 #include <velmar_2D/velmar_2D_hdf5.hpp>
 #endif
+#ifdef GUEST_SOLVES
+#include <velmar_2D/velmar_2D_numerics.hpp>
+#endif
 
 namespace {
 
@@ -58,6 +61,17 @@ int use_object(std::int32_t expected_nodes) {
     return fail("a picture was loaded");
   } catch (const Error& error) {
     if (std::strstr(error.what(), "no HDF5 file") == nullptr) return fail(error.what());
+  }
+#endif
+#ifdef GUEST_SOLVES
+  numerics::FluxMatrix flux;
+  const MeshArrays arrays(mesh);
+  numerics::update(flux, arrays, 1.0);
+  const std::vector<double> ones(flux.matrix.diagonal.size(), 1.0);
+  std::vector<double> product(ones.size(), 1.0);
+  numerics::multiply(flux.matrix, ones, product);
+  for (const double flow : product) {
+    if (flow != 0.0) return fail("a constant flows");
   }
 #endif
   return 0;

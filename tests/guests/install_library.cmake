@@ -3,7 +3,7 @@
 #   cmake -DSOURCE=... -DBINARY=... -DPREFIX=... -DOPTIONS=... -DGENERATOR=... -P <this file>
 file(REMOVE_RECURSE ${PREFIX})
 foreach(step IN ITEMS
-    "-G;${GENERATOR};-S;${SOURCE};-B;${BINARY};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${COMPILER};-DVELMAR_2D_BUILD_IO=ON;-DVELMAR_2D_BUILD_HDF5=ON;-DVELMAR_2D_BUILD_TESTS=OFF;-DVELMAR_2D_BUILD_EXAMPLES=OFF;${OPTIONS}"
+    "-G;${GENERATOR};-S;${SOURCE};-B;${BINARY};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${COMPILER};-DVELMAR_2D_BUILD_IO=ON;-DVELMAR_2D_BUILD_HDF5=ON;-DVELMAR_2D_BUILD_NUMERICS=ON;-DVELMAR_2D_BUILD_TESTS=OFF;-DVELMAR_2D_BUILD_EXAMPLES=OFF;${OPTIONS}"
     "--build;${BINARY}"
     "--install;${BINARY};--prefix;${PREFIX}")
   execute_process(COMMAND ${CMAKE_COMMAND} ${step} COMMAND_ERROR_IS_FATAL ANY)
@@ -11,7 +11,7 @@ endforeach()
 
 file(GLOB_RECURSE headers RELATIVE ${PREFIX}/include ${PREFIX}/include/*)
 set(public velmar_2D/arrays.hpp velmar_2D/mesh.hpp velmar_2D/records.hpp velmar_2D/velmar_2D.hpp
-    velmar_2D/velmar_2D_hdf5.hpp velmar_2D/velmar_2D_io.hpp)
+    velmar_2D/velmar_2D_hdf5.hpp velmar_2D/velmar_2D_io.hpp velmar_2D/velmar_2D_numerics.hpp)
 if(NOT headers STREQUAL public)
   message(FATAL_ERROR "installed headers: ${headers}")
 endif()

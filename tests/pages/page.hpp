@@ -20,6 +20,9 @@
 #if __has_include("velmar_2D/velmar_2D_hdf5.hpp")
 #include "velmar_2D/velmar_2D_hdf5.hpp"
 #endif
+#if __has_include("velmar_2D/velmar_2D_numerics.hpp")
+#include "velmar_2D/velmar_2D_numerics.hpp"
+#endif
 
 namespace page {
 

@@ -9,7 +9,7 @@ source=$1 python=$2 compiler=$3 folder=$4 version=$5
 rm -rf "$folder"
 mkdir -p "$folder/source"
 cd "$source"
-cp -r CMakeLists.txt README.md pyproject.toml setup.py cmake docs hdf5 io python velmar_2D "$folder/source"
+cp -r CMakeLists.txt README.md pyproject.toml setup.py cmake docs hdf5 io numerics python velmar_2D "$folder/source"
 "$python" -m venv --system-site-packages "$folder/venv"
 # Unoptimised: this is about what is installed, not how fast it is.
 CXX=$compiler CMAKE_ARGS='-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0' \
@@ -32,7 +32,7 @@ EOF
 test -s mesh.vtu
 test -f venv/lib/python3*/site-packages/velmar_2d/py.typed
 test -f venv/lib/python3*/site-packages/velmar_2d/_core.pyi
-[ "$left" = "$(printf 'CMakeLists.txt\nREADME.md\nbuild\ncmake\ndocs\nhdf5\nio\npyproject.toml\npython\nsetup.py\nvelmar_2D')" ] ||
+[ "$left" = "$(printf 'CMakeLists.txt\nREADME.md\nbuild\ncmake\ndocs\nhdf5\nio\nnumerics\npyproject.toml\npython\nsetup.py\nvelmar_2D')" ] ||
   { echo "pip left other things in the sources: $left"; exit 1; }
 [ -z "$(find source/python -name '*.egg-info')" ]
 venv/bin/pip uninstall -q -y velmar_2d
