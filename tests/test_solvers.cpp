@@ -14,7 +14,7 @@ Case case_of(int cells, double step) {
   run.cells = cells;
   run.step = step;
   run.every = 2.5;
-  run.reach = 7.0;
+  run.reach = 6.5;
   return run;
 }
 

@@ -63,13 +63,14 @@ struct Solver {
 
 int Solver::levels() const {
   int levels = 0;
-  for (int cells = run.coarsest(); cells < run.cells; cells *= 2) ++levels;
+  for (int cells = run.coarsest(1); cells < run.cells; cells *= 2) ++levels;
   return levels;
 }
 
 void Solver::make_first_mesh() {
-  const auto rows = static_cast<unsigned int>(std::lround(run.coarsest() * run.front.height));
-  GridGenerator::subdivided_hyper_rectangle(tria, {static_cast<unsigned int>(run.coarsest()), rows},
+  const auto rows = static_cast<unsigned int>(std::lround(run.coarsest(1) * run.front.height));
+  GridGenerator::subdivided_hyper_rectangle(tria,
+                                            {static_cast<unsigned int>(run.coarsest(1)), rows},
                                             Point<2>(0.0, 0.0), Point<2>(1.0, run.front.height));
   for (int level = 0; level < levels(); ++level) {
     for (const auto& cell : tria.active_cell_iterators()) {
@@ -148,7 +149,7 @@ void Solver::advance(double time, double step) {
 void Solver::adapt() {
   Vector<float> estimated(tria.n_active_cells());
   KellyErrorEstimator<2>::estimate(dofs, QGauss<1>(fe.degree + 1), {}, u, estimated);
-  const double allowed = 0.41 * 2.0 * std::exp(-run.reach) * run.finest() * run.finest() /
+  const double allowed = 0.41 * 2.0 * std::exp(-run.rim()) * run.finest() * run.finest() /
                          (run.front.length * run.front.length);
   GridRefinement::refine(tria, estimated, allowed);
   GridRefinement::coarsen(tria, estimated, 0.15 * allowed);

@@ -11,10 +11,11 @@ namespace {
 using namespace velmar_2d;
 using solvers::Case, solvers::Front, solvers::FluxRows;
 
+/// Derivatives want three rows of nodes.
 Grid first_grid(const Case& run) {
   int limit = 0;
-  for (int squares = run.coarsest(); squares < run.cells; squares *= 2) limit += 2;
-  return {.nx = run.coarsest() + 1, .subdiv_max = limit, .n_cell_data = 1};
+  for (int squares = run.coarsest(2); squares < run.cells; squares *= 2) limit += 2;
+  return {.nx = run.coarsest(2) + 1, .subdiv_max = limit, .n_cell_data = 1};
 }
 
 Mesh first_mesh(const Case& run, const size_function& size) {

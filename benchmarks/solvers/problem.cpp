@@ -58,10 +58,10 @@ int Case::steps_between() const {
   return std::max(1, static_cast<int>(std::lround(every * front.length / time_step())));
 }
 
-int Case::coarsest() const {
-  const auto fits = [this](int squares) {
-    const double rows = squares * front.height;
-    return squares >= 16 && rows >= 4.0 && rows == std::floor(rows);
+int Case::coarsest(int rows) const {
+  const auto fits = [this, rows](int squares) {
+    const double high = squares * front.height;
+    return high >= rows && high == std::floor(high);
   };
   int squares = cells;
   while (squares % 2 == 0 && fits(squares / 2)) squares /= 2;

@@ -44,7 +44,7 @@ struct Case {
   int cells = 0;       ///< finest cells along the strip
   double step = 1.0;   ///< time step: finest spacings that the front moves in one
   double every = 2.0;  ///< lengths that the front moves between two adaptations
-  double reach = 6.0;  ///< lengths from the front's middle to where spacings begin to grow
+  double reach = 7.0;  ///< see rim()
   double patience =
       0.0;  ///< seconds after which a uniform grid stops, and its times are scaled; 0: never
   std::string picture;  ///< path that receives the cells at the end, or nothing
@@ -55,20 +55,24 @@ struct Case {
   double time_step() const { return Front::duration / steps(); }
   /// Between two adaptations.
   int steps_between() const;
-  /// Squares along the strip that a mesh begins with: as few as its height allows, the finest cells
-  /// being halves of halves of them.
-  int coarsest() const;
+  /// Lengths from the front's middle to where spacings begin to grow: `reach` for five cells within
+  /// the front's width, and for more of them so much farther that what is left there falls with the
+  /// square of the spacing.
+  double rim() const { return reach + 2.0 * std::log(cells / (5.0 * front.parts)); }
+  /// Squares along the strip that a mesh begins with: as few as so many rows of them allow, the
+  /// finest cells being halves of halves of them.
+  int coarsest(int rows) const;
   /// Spacing at first, when it is known where the front is.
   double first_spacing(double x, double y) const {
     const double away = std::abs(Front::n_x * x + Front::n_y * y - Front::start);
-    return finest() + 0.4 * std::fmax(0.0, away - reach * front.length);
+    return finest() + 0.4 * std::fmax(0.0, away - rim() * front.length);
   }
   /// Spacing where the norms of gradient and Hessian are these. The gradient stands in for the
   /// Hessian in the front's middle, where that vanishes.
   double spacing(double gradient, double hessian) const {
     const double curvature = hessian + gradient / front.length;
     return finest() * std::sqrt(std::fmax(
-                          1.0, 2.0 * std::exp(-reach) / (front.length * front.length * curvature)));
+                          1.0, 2.0 * std::exp(-rim()) / (front.length * front.length * curvature)));
   }
 };
 

@@ -34,7 +34,7 @@ struct Forest {
   std::vector<Place> places = {};
 
   std::size_t size() const { return static_cast<std::size_t>(forest->local_num_quadrants); }
-  double tree_side() const { return 1.0 / run.coarsest(); }
+  double tree_side() const { return 1.0 / run.coarsest(1); }
 };
 
 Payload& payload(const p4est_quadrant_t& cell) { return *static_cast<Payload*>(cell.p.user_data); }
@@ -61,7 +61,7 @@ void for_all(const Forest& at, const Use& use) {
 // How the forest changes
 // ---------------------------------------------------------------------------------------------
 
-int too_coarse(p4est_t*, p4est_topidx_t, p4est_quadrant_t* cell) {
+int too_coarse(p4est_t* /*forest*/, p4est_topidx_t /*tree*/, p4est_quadrant_t* cell) {
   return static_cast<int>(static_cast<float>(cell->level) < payload(*cell).wanted);
 }
 
@@ -72,15 +72,15 @@ int too_coarse_at_first(p4est_t* forest, p4est_topidx_t tree, p4est_quadrant_t* 
 }
 
 /// Some way below what would be refined again soon.
-int too_fine(p4est_t*, p4est_topidx_t, p4est_quadrant_t* family[]) {
+int too_fine(p4est_t* /*forest*/, p4est_topidx_t /*tree*/, p4est_quadrant_t* family[]) {
   return static_cast<int>(std::all_of(family, family + P4EST_CHILDREN, [](const auto* cell) {
     return payload(*cell).wanted < static_cast<float>(cell->level) - 1.25F;
   }));
 }
 
 /// New cells get the value and the slopes of the old one, or the mean of four.
-void hand_on(p4est_t*, p4est_topidx_t, int nb_outgoing, p4est_quadrant_t* outgoing[],
-             int nb_incoming, p4est_quadrant_t* incoming[]) {
+void hand_on(p4est_t* /*forest*/, p4est_topidx_t /*tree*/, int nb_outgoing,
+             p4est_quadrant_t* outgoing[], int nb_incoming, p4est_quadrant_t* incoming[]) {
   const Payload& from = payload(*outgoing[0]);
   for (int i = 0; i < nb_incoming; ++i) {
     Payload& to = payload(*incoming[i]);
@@ -125,7 +125,7 @@ struct Beyond {
 Beyond beyond(const Forest& at, std::size_t cell, std::size_t face) {
   const std::size_t place = P4EST_FACES * cell + face;
   const auto neighbour = at.mesh->quad_to_quad[place];
-  const int kind = at.mesh->quad_to_face[place];
+  const std::int8_t kind = at.mesh->quad_to_face[place];
   const double side = at.places[cell].side;
   if (kind < 0) {
     const auto* halves = reinterpret_cast<const p4est_locidx_t*>(at.mesh->quad_to_half->array);
@@ -160,41 +160,44 @@ double slope_of(const Forest& at, const std::vector<double>& u, std::size_t cell
   return slope;
 }
 
+/// The side of the domain, whose value is that of the wave in the face's middle.
+void add_side(const Forest& at, std::size_t cell, std::size_t face, FluxRows& rows) {
+  const Place& here = at.places[cell];
+  const double out = (face & 1) != 0 ? 0.5 * here.side : -0.5 * here.side;
+  const auto number = static_cast<std::int32_t>(at.size() + rows.known.size());
+  rows.add(number, 2.0 * at.run.front.D / (here.side * here.side));
+  rows.known.push_back({number, here.x + (face < 2 ? out : 0.0), here.y + (face < 2 ? 0.0 : out)});
+}
+
 /// The flux to a larger cell is taken along the normal: from the value that the larger cell has
 /// beside its centre, by its slope along the face.
+void add_face(const Forest& at, std::size_t cell, std::size_t face, FluxRows& rows) {
+  const Beyond there = beyond(at, cell, face);
+  if (there.n == 0) {
+    add_side(at, cell, face, rows);
+    return;
+  }
+  const Place& here = at.places[cell];
+  const double weight = at.run.front.D / (here.side * there.distance);
+  for (int i = 0; i < there.n; ++i) {
+    rows.add(there.cells[static_cast<std::size_t>(i)], weight / there.n);
+  }
+  const auto other = static_cast<std::size_t>(there.cells[0]);
+  if (at.places[other].side < 1.5 * here.side) return;
+  const std::size_t along = face < 2 ? 1 : 0;
+  const double aside = along == 0 ? here.x - at.places[other].x : here.y - at.places[other].y;
+  slope_of(at, other, along, [&](std::size_t i, double share) {
+    rows.add(static_cast<std::int32_t>(i), weight * aside * share);
+  });
+}
+
 void assemble(const Forest& at, FluxRows& rows) {
   rows.clear();
-  const double D = at.run.front.D;
   for (std::size_t cell = 0; cell < at.size(); ++cell) {
-    const Place& here = at.places[cell];
-    for (std::size_t face = 0; face < P4EST_FACES; ++face) {
-      const Beyond there = beyond(at, cell, face);
-      const double across = D / (here.side * here.side * there.distance);
-      if (there.n == 0) {
-        rows.add(static_cast<std::int32_t>(at.size() + rows.known.size()), across * here.side);
-        const double out = (face & 1) != 0 ? 0.5 * here.side : -0.5 * here.side;
-        rows.known.push_back(
-            {rows.column.back(), here.x + (face < 2 ? out : 0.0), here.y + (face < 2 ? 0.0 : out)});
-        continue;
-      }
-      for (int i = 0; i < there.n; ++i) {
-        rows.add(there.cells[static_cast<std::size_t>(i)], across * here.side / there.n);
-      }
-      const auto other = static_cast<std::size_t>(there.cells[0]);
-      if (at.places[other].side > 1.5 * here.side) {
-        const std::size_t along = face < 2 ? 1 : 0;
-        const double aside = along == 0 ? here.x - at.places[other].x : here.y - at.places[other].y;
-        slope_of(at, other, along, [&](std::size_t i, double share) {
-          rows.add(static_cast<std::int32_t>(i), across * here.side * aside * share);
-        });
-      }
-    }
+    for (std::size_t face = 0; face < P4EST_FACES; ++face) add_face(at, cell, face, rows);
     rows.end_row();
   }
   rows.end();
-  for (std::size_t i = 0; i < rows.known.size(); ++i) {
-    rows.known[i].number = static_cast<std::int32_t>(at.size() + i);
-  }
 }
 
 /// Refines and coarsens once, by the gradients of u; u is then that of the new cells.
@@ -234,7 +237,7 @@ int main(int argc, char** argv) {
   sc_set_log_defaults(nullptr, nullptr, SC_LP_ERROR);
   Forest at{.run = run};
   at.connectivity = p4est_connectivity_new_brick(
-      run.coarsest(), static_cast<int>(std::lround(run.coarsest() * front.height)), 0, 0);
+      run.coarsest(1), static_cast<int>(std::lround(run.coarsest(1) * front.height)), 0, 0);
   at.forest =
       p4est_new_ext(sc_MPI_COMM_SELF, at.connectivity, 0, 0, 1, sizeof(Payload), nullptr, &at);
   p4est_refine_ext(at.forest, 1, -1, too_coarse_at_first, nullptr, nullptr);

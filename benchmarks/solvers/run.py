@@ -17,20 +17,19 @@ HEAD = ("side,parts,cells,step,every,steps,unknowns,seconds,processor_seconds,ad
 # What each side is told besides the front and the finest cells; chosen by trying, see
 # docs/solvers.md.
 SIDES = {
-    "ours": ("velmar_2d_solver_ours", ["step=0.7", "every=2.5", "reach=7"]),
-    "ours_implicit": ("velmar_2d_solver_ours", ["step=1", "every=2.5", "reach=7"]),
-    "uniform": ("velmar_2d_solver_uniform", ["step=0.7", "patience=15"]),
+    "ours": ("velmar_2d_solver_ours", ["step=0.7", "every=2.5", "reach=6.5"]),
+    "ours_implicit": ("velmar_2d_solver_ours", ["step=1", "every=2.5", "reach=6.5"]),
+    "uniform": ("velmar_2d_solver_uniform", ["step=0.7", "patience=25"]),
     "p4est": ("velmar_2d_solver_quadtree", ["step=0.7", "every=2.5", "reach=8"]),
     "deal.II": ("velmar_2d_solver_finite_elements", ["step=1", "every=2", "reach=6"]),
 }
 
 # Finest cells along the strip.
-EXPLICIT = {50: [256, 384, 512, 1024], 200: [1024, 1536, 2048, 3072],
-            1000: [4096, 6144, 8192, 12288]}
+EXPLICIT = {50: [256, 320, 384, 512], 200: [1024, 1280, 1536, 2048], 1000: [4096, 6144, 8192]}
 CELLS = {
     "ours": EXPLICIT,
-    "ours_implicit": {50: [256, 512, 1024], 200: [1024, 2048, 3072], 1000: [6144, 8192, 12288]},
-    "uniform": {50: [256, 384, 512, 1024], 200: [1024, 1536, 2048], 1000: [4096, 6144, 8192]},
+    "ours_implicit": {50: [256, 512, 1024], 200: [1024, 2048], 1000: [6144, 8192]},
+    "uniform": EXPLICIT | {1000: [4096, 6144]},
     "p4est": EXPLICIT,
     "deal.II": {50: [256, 512, 1024], 200: [1024, 1536, 2048], 1000: [6144, 8192]},
 }

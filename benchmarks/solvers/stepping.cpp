@@ -75,8 +75,7 @@ void FluxRows::end_row() {
 }
 
 void FluxRows::end() {
-  for (std::size_t i = 0; i < square.size(); ++i) {
-    Square& row = square[i];
+  for (Square& row : square) {
     const auto alike = [&](std::int32_t j) {
       const auto there = static_cast<std::size_t>(j);
       return there < square.size() && square[there].coefficient == row.coefficient;

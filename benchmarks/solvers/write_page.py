@@ -61,8 +61,11 @@ def read(path, seconds):
 def seconds_at(runs, error):
     """Time for an error: between two runs on the line that joins them, beyond them along it by no
     more than a factor of 2 in the error. None where that does not reach."""
-    runs = sorted((run for run in runs if run.largest == run.largest),
-                  key=lambda run: run.largest)
+    best = []  # by falling error and growing time; no run that takes longer for a larger error
+    for run in sorted(runs, key=lambda run: run.seconds):
+        if not best or run.largest < best[-1].largest:
+            best.append(run)
+    runs = best[::-1]
     if len(runs) < 2 or not runs[0].largest / 2.0 <= error <= runs[-1].largest * 2.0:
         return None
     after = next((i for i, run in enumerate(runs) if run.largest >= error), len(runs) - 1)
