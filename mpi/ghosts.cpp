@@ -162,9 +162,6 @@ void Partition::Parts::exchange_array(std::span<double> rows, std::size_t width,
   }
 }
 
-namespace {
-
-/// A number for all that a node is, wherever it is kept.
 std::uint64_t fingerprint(const Cell& c) {
   std::uint64_t hash = 0x9e3779b97f4a7c15U;
   const auto add = [&hash](std::uint64_t number) {
@@ -185,8 +182,6 @@ std::uint64_t fingerprint(const Cell& c) {
   }
   return hash;
 }
-
-}  // namespace
 
 bool Partition::Parts::agrees() {
   std::int64_t nb_different = 0;

@@ -52,25 +52,35 @@ void Partition::Parts::find_neighbours() {
   messages.set_neighbours(std::move(neighbours));
 }
 
+void Partition::Parts::begin_evenly() {
+  messages.alone([&] {
+    grid.ny = rows_of(whole, grid);
+    if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
+    boxes = cut_into_boxes(even_weights(whole, grid), messages.nb_processes());
+    if (boxes.empty()) throw Error("there are more processes than cells of the grid");
+  });
+  messages.together();
+  messages.alone([&] {
+    find_neighbours();
+    piece.emplace(whole, grid, box(), options.overlap);
+  });
+  messages.together();
+}
+
 Partition::Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
                      const PartitionOptions& options)
     : parts_(new Parts(communicator, whole, grid, options)) {
   Parts& parts = *parts_;
   parts.messages.collective([&] {
-    parts.messages.alone([&] {
-      parts.grid.ny = rows_of(whole, grid);
-      if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
-      parts.boxes = cut_into_boxes(even_weights(whole, grid), nb_processes());
-      if (parts.boxes.empty()) throw Error("there are more processes than cells of the grid");
-    });
-    parts.messages.together();
-    parts.messages.alone([&] {
-      parts.find_neighbours();
-      parts.piece.emplace(whole, parts.grid, parts.box(), options.overlap);
-    });
-    parts.messages.together();
+    parts.begin_evenly();
     parts.settle();
   });
+}
+
+Partition::Partition(MPI_Comm communicator, const Mesh* whole, const bc_type_function& bc_type,
+                     const PartitionOptions& options)
+    : parts_(new Parts(communicator, {}, {}, options)) {
+  parts_->messages.collective([&] { parts_->share_out(whole, bc_type); });
 }
 
 Partition::Partition(Partition&&) noexcept = default;

@@ -11,6 +11,9 @@
 
 namespace velmar_2d {
 
+/// A number for all that a node is, wherever it is kept.
+std::uint64_t fingerprint(const Cell& c);
+
 struct Partition::Parts {
   Messages messages;
   Rectangle whole;
@@ -25,6 +28,7 @@ struct Partition::Parts {
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
   std::vector<Cell*> owned, ghosts;
+  std::vector<std::uint64_t> moved_fingerprints;  ///< of the owned, where they came from
   std::size_t nb_linked_ghosts = 0;
   std::vector<std::vector<Cell*>> sent, received;  ///< those of the linked layer first
   std::vector<std::size_t> nb_sent_linked, nb_received_linked;
@@ -68,8 +72,16 @@ struct Partition::Parts {
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
   bool rebalance(double threshold);
-  CellWeights weigh_cells() const;
-  void move_nodes(const std::vector<Window>& new_boxes);
+  /// Makes the grid of the own box, with boxes as even as can be.
+  void begin_evenly();
+  /// Takes over a mesh that process 0 has.
+  void share_out(const Mesh* mesh, const bc_type_function& bc_type);
+  /// Boxes of about as many nodes each, of these on all processes together.
+  std::vector<Window> cut_by_nodes(std::span<const Cell* const> nodes);
+  /// Boxes become these, and owners of these nodes others.
+  void move_nodes(std::span<const Cell* const> nodes, const std::vector<Window>& new_boxes);
+  /// After a move: the plan and the data. Throws where the nodes are not what they were.
+  void settle_moved();
   std::unique_ptr<Mesh> gather();
   /// By neighbour. Those of no neighbour are a fault.
   std::vector<std::vector<Place>> by_owner(const std::vector<Place>& places) const;

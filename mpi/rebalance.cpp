@@ -1,6 +1,8 @@
 // New boxes, and all nodes in one place: nodes move with their data; links, levels and control
 // cells follow from the places.
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <tuple>
 
 #include "partition.hpp"
@@ -12,18 +14,24 @@ namespace {
 /// What moves with the nodes of one process.
 struct Load {
   std::vector<Place> places;
-  std::vector<double> rows;  ///< data, gradient, Hessian
+  std::vector<double> rows;  ///< data, gradient, Hessian, fingerprint
 
   void add(Place place, const Cell& c) {
     places.push_back(place);
     rows.insert(rows.end(), c.data.begin(), c.data.end());
-    rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+    rows.insert(rows.end(), {c.grad_data, c.grad2_data, std::bit_cast<double>(fingerprint(c))});
   }
 };
 
+constexpr const char* unresolved =
+    "the mesh is not as resolve() leaves it: places of nodes alone do not tell their links";
+
 /// Needs: the places of a mesh that was resolved, on a piece that has its grid.
-void fill(Piece& piece, const std::vector<std::vector<Place>>& places,
-          const std::vector<std::vector<double>>& rows, std::size_t n_cell_data) {
+/// @return fingerprints that came with the own nodes, in their order
+std::vector<std::uint64_t> fill(Piece& piece, const std::vector<std::vector<Place>>& places,
+                                const std::vector<std::vector<double>>& rows,
+                                std::size_t n_cell_data) {
+  const std::size_t width = n_cell_data + 3;
   std::vector<Place> all;
   for (const std::vector<Place>& some : places) all.insert(all.end(), some.begin(), some.end());
   piece.hold_all(all);
@@ -31,50 +39,73 @@ void fill(Piece& piece, const std::vector<std::vector<Place>>& places,
   sorted.reserve(all.size());
   for (std::size_t i = 0; i < places.size(); ++i) {
     for (std::size_t k = 0; k < places[i].size(); ++k) {
-      sorted.emplace_back(places[i][k], rows[i].data() + k * (n_cell_data + 2));
+      sorted.emplace_back(places[i][k], rows[i].data() + k * width);
     }
   }
   std::sort(sorted.begin(), sorted.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
-  for (Cell& c : piece.mesh().nodes()) {
-    if (!piece.owns(c)) continue;
-    const Place place = piece.place_of(c);
+  std::vector<std::uint64_t> fingerprints;
+  fingerprints.reserve(sorted.size());
+  for (Cell* c : piece.own_nodes()) {
+    const Place place = piece.place_of(*c);
     const auto found = std::lower_bound(
         sorted.begin(), sorted.end(), place,
         [](const auto& entry, const Place& wanted) { return entry.first < wanted; });
-    if (found == sorted.end() || found->first != place) {
-      throw Error("the mesh of a process is not as an update left it");
-    }
-    std::copy_n(found->second, n_cell_data, c.data.begin());
-    c.grad_data = found->second[n_cell_data];
-    c.grad2_data = found->second[n_cell_data + 1];
+    if (found == sorted.end() || found->first != place) throw Error(unresolved);
+    const double* row = found->second;
+    std::copy_n(row, n_cell_data, c->data.begin());
+    c->grad_data = row[n_cell_data];
+    c->grad2_data = row[n_cell_data + 1];
+    fingerprints.push_back(std::bit_cast<std::uint64_t>(row[n_cell_data + 2]));
+  }
+  return fingerprints;
+}
+
+void require_same(std::span<Cell* const> nodes, const std::vector<std::uint64_t>& fingerprints) {
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    if (fingerprint(*nodes[i]) != fingerprints[i]) throw Error(unresolved);
   }
 }
+
+/// What process 0 tells about a mesh that it shares out.
+struct Heading {
+  Rectangle rectangle;
+  std::int32_t nx, ny, limit, n_cell_data;
+  Transfer transfer;
+};
 
 }  // namespace
 
-CellWeights Partition::Parts::weigh_cells() const {
+std::vector<Window> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
   CellWeights weights{grid.nx - 1, grid.ny - 1, {}};
-  weights.weights.assign(
-      static_cast<std::size_t>(weights.columns) * static_cast<std::size_t>(weights.rows), 0);
-  for (const Cell* c : owned) {
-    const Place place = piece->place_of(*c);
+  messages.alone([&] {
+    weights.weights.assign(
+        static_cast<std::size_t>(weights.columns) * static_cast<std::size_t>(weights.rows), 0);
     const auto line = [](std::int64_t at, std::int32_t n) {
       return static_cast<std::int32_t>(std::min<std::int64_t>(at / places_per_cell, n - 1));
     };
-    ++weights.at(line(place.x, weights.columns), line(place.y, weights.rows));
-  }
-  return weights;
+    for (const Cell* c : nodes) {
+      const Place place = piece->place_of(*c);
+      ++weights.at(line(place.x, weights.columns), line(place.y, weights.rows));
+    }
+  });
+  messages.together();
+  weights.weights = messages.sum(std::move(weights.weights));
+  std::vector<Window> new_boxes;
+  messages.alone([&] { new_boxes = cut_into_boxes(weights, messages.nb_processes()); });
+  messages.together();
+  return new_boxes;
 }
 
-void Partition::Parts::move_nodes(const std::vector<Window>& new_boxes) {
+void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
+                                  const std::vector<Window>& new_boxes) {
   const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
   std::vector<Load> loads(nb_processes);
   std::vector<char> sends_to(nb_processes, 0);
   messages.alone([&] {
     boxes = new_boxes;
     find_neighbours();
-    for (const Cell* c : owned) {
+    for (const Cell* c : nodes) {
       const Place place = piece->place_of(*c);
       loads[static_cast<std::size_t>(owner(place))].add(place, *c);
     }
@@ -99,32 +130,61 @@ void Partition::Parts::move_nodes(const std::vector<Window>& new_boxes) {
     ghosts.clear();
     piece.reset();
     piece.emplace(std::move(moved));
-    fill(*piece, places, rows, static_cast<std::size_t>(grid.n_cell_data));
+    moved_fingerprints = fill(*piece, places, rows, static_cast<std::size_t>(grid.n_cell_data));
   });
   messages.together();
+}
+
+void Partition::Parts::settle_moved() {
+  settle();
+  messages.alone([&] { require_same(owned, std::exchange(moved_fingerprints, {})); });
+  messages.together();
+  exchange_data();
 }
 
 bool Partition::Parts::rebalance(double threshold) {
   const std::int64_t nb_nodes = first_numbers.back();
   const auto most = static_cast<double>(messages.largest(static_cast<std::int64_t>(owned.size())));
   if (most * messages.nb_processes() <= threshold * static_cast<double>(nb_nodes)) return false;
-  std::vector<Window> new_boxes;
-  CellWeights weights;
-  messages.alone([&] { weights = weigh_cells(); });
-  messages.together();
-  weights.weights = messages.sum(std::move(weights.weights));
-  messages.alone([&] { new_boxes = cut_into_boxes(weights, messages.nb_processes()); });
-  messages.together();
+  const std::vector<Window> new_boxes = cut_by_nodes(owned);
   const bool are_same = std::equal(boxes.begin(), boxes.end(), new_boxes.begin(),
                                    [](const Window& a, const Window& b) {
                                      return std::tie(a.west, a.east, a.south, a.north) ==
                                             std::tie(b.west, b.east, b.south, b.north);
                                    });
   if (are_same) return false;
-  move_nodes(new_boxes);
-  settle();
-  exchange_data();
+  move_nodes(owned, new_boxes);
+  settle_moved();
   return true;
+}
+
+void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_type) {
+  const bool is_here = messages.rank() == 0;
+  Heading heading{};
+  std::vector<const Cell*> nodes;
+  messages.alone([&] {
+    if (!is_here) return;
+    if (mesh == nullptr) throw Error("there is no mesh to share out");
+    const auto lines = [&](double length) {
+      return static_cast<std::int32_t>(std::lround(length / mesh->dist_0())) + 1;
+    };
+    const Rectangle r = mesh->rectangle();
+    heading = {r,
+               lines(r.x_max - r.x_min),
+               lines(r.y_max - r.y_min),
+               mesh->limit(),
+               mesh->n_cell_data(),
+               mesh->transfer()};
+    for (const Cell& c : mesh->nodes()) nodes.push_back(&c);
+  });
+  messages.together();
+  heading = messages.gather_from_all(heading)[0];
+  whole = heading.rectangle;
+  grid = {heading.nx, heading.ny, heading.limit, heading.n_cell_data, bc_type};
+  begin_evenly();
+  messages.alone([&] { piece->mesh().set_transfer(heading.transfer); });
+  move_nodes(nodes, cut_by_nodes(nodes));
+  settle_moved();
 }
 
 std::unique_ptr<Mesh> Partition::Parts::gather() {
@@ -148,7 +208,8 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
   messages.alone([&] {
     if (messages.rank() != 0) return;
     Piece all(whole, grid, {0, grid.nx - 1, 0, grid.ny - 1}, options.overlap);
-    fill(all, places, rows, static_cast<std::size_t>(grid.n_cell_data));
+    const auto fingerprints = fill(all, places, rows, static_cast<std::size_t>(grid.n_cell_data));
+    require_same(all.own_nodes(), fingerprints);
     all.take_settings(*piece);
     mesh = std::make_unique<Mesh>(std::move(all).release_mesh());
   });

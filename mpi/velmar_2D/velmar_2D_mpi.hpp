@@ -63,6 +63,22 @@ class Partition {
   /// Throws Error where Mesh does, and where there are more processes than cells of the grid.
   Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
             const PartitionOptions& options = {});
+  /// Collective. Shares out a mesh that process 0 has, as resolve(), gather() or load() leave it,
+  /// with its data; the others give null. Boxes hold about as many nodes each.
+  ///
+  /// So a run goes on with any number of processes:
+  ///
+  ///     if (const auto whole = part.gather()) velmar_2d::save(*whole, "run.h5");
+  ///
+  ///     std::optional<velmar_2d::Mesh> whole;
+  ///     if (rank == 0) whole = velmar_2d::load("run.h5", {.bc_type = bc_type});
+  ///     velmar_2d::Partition part(MPI_COMM_WORLD, whole ? &*whole : nullptr, bc_type);
+  ///
+  /// Throws Error where the mesh is as update() or single insertions left it.
+  ///
+  /// @param bc_type  kinds of the sides, as the mesh has them; empty: Dirichlet everywhere
+  Partition(MPI_Comm communicator, const Mesh* whole, const bc_type_function& bc_type = {},
+            const PartitionOptions& options = {});
   Partition(Partition&&) noexcept;
   Partition& operator=(Partition&&) noexcept;
   ~Partition();  ///< not collective, but before MPI_Finalize

@@ -153,6 +153,8 @@ void run_ring() {
   }
 
   const std::unique_ptr<Mesh> all = part.gather();
+  Partition again(MPI_COMM_WORLD, all.get(), grid.bc_type);
+  compare(again, mesh, 13);
   expect((all != nullptr) == (part.rank() == 0), "process 0 has the whole", 12);
   if (all == nullptr) return;
   Records gathered, expected;
@@ -160,6 +162,28 @@ void run_ring() {
   for (Cell& c : mesh.nodes()) expected.insert(record_of(mesh, c));
   expect(gathered == expected, "the whole is that of one process", 12);
   expect(all->check().empty(), "the whole is in order", 12);
+}
+
+/// A mesh in which nodes rest on one that was removed is refused by all.
+void refuse_holes() {
+  std::unique_ptr<Mesh> mesh;
+  int rank = 0;
+  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  if (rank == 0) {
+    mesh = std::make_unique<Mesh>(Rectangle{}, Grid{.nx = 9});
+    mesh->resolve([](double, double, auto...) { return 0.032; });
+    for (Cell& c : mesh->nodes()) {
+      if (c.ipos != 1 || c.on_boundary != 0) continue;
+      if (mesh->remove_node_even_level(c)) break;
+    }
+  }
+  bool is_refused = false;
+  try {
+    const Partition part(MPI_COMM_WORLD, mesh.get());
+  } catch (const Error& error) {
+    is_refused = std::strstr(error.what(), "resolve()") != nullptr;
+  }
+  expect(is_refused, "a mesh with a hole is refused", 0);
 }
 
 /// The text of the Error that a call ends with; empty: none.
@@ -177,12 +201,13 @@ void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
   const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
-  for (int kind = 0; kind < 4; ++kind) {
+  for (int kind = 0; kind < 5; ++kind) {
     Partition part(MPI_COMM_WORLD, whole, grid);
     const bool is_here = part.rank() == culprit;
     int nb_calls = 0;
     const size_function size = [&](double x, double y, auto...) -> double {
       if (is_here && kind == 0 && ++nb_calls == 50) throw std::runtime_error("size is ill");
+      if (is_here && kind == 4 && ++nb_calls == 50) part.mesh().set_limit(3);
       return 0.02 + 0.3 * std::abs(x - y);
     };
     const init_data_function init_data = [&](double, double) -> double {
@@ -200,7 +225,7 @@ void run_fault(int culprit) {
     const std::string text = error_of([&] { part.resolve(size, init_data, resolution); });
     const char* const reasons[] = {"size is ill", "memory is exhausted",
                                    "an exception that is no std::exception",
-                                   "nodes would be needed"};
+                                   "nodes would be needed", "the mesh is in use"};
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
@@ -221,6 +246,7 @@ int main(int argc, char** argv) {
     run_fault(std::atoi(argv[2]));
   } else {
     run_ring();
+    refuse_holes();
   }
   MPI_Finalize();
   return nb_wrong == 0 ? 0 : 1;
