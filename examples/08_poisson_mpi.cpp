@@ -7,7 +7,8 @@
 // owns, and hands the solution back to them.
 //
 //     mpirun -n 4 08_poisson_mpi                          files go to the folder pictures/
-//     mpirun -n 4 08_poisson_mpi my/folder -pc_type gamg  and other options of PETSc
+//     mpirun -n 4 08_poisson_mpi my/folder -meshes 5      more than 3, each twice as fine
+//     mpirun -n 4 08_poisson_mpi my/folder -pc_type hypre and other options of PETSc
 //
 // Process 0 prints a table and ends with the line
 //
@@ -158,7 +159,10 @@ double error_of(const Partition& part) {
 
 void run(const std::filesystem::path& folder) {
   double first_error = 0.0, first_spacing = 0.0, error = 0.0, spacing = 0.0;
-  for (const double finest : {1.2e-2, 6e-3, 3e-3}) {
+  PetscInt nb_meshes = 3;
+  require(PetscOptionsGetInt(nullptr, nullptr, "-meshes", &nb_meshes, nullptr));
+  for (PetscInt mesh = 0; mesh < nb_meshes; ++mesh) {
+    const double finest = std::ldexp(1.2e-2, static_cast<int>(-mesh));
     Partition part(PETSC_COMM_WORLD, {0.0, 1.0, 0.0, 1.0},
                    {.nx = 33, .subdiv_max = 12, .n_cell_data = 1, .bc_type = kind_of_side});
     part.resolve([=](double x, double y, auto...) {
