@@ -306,6 +306,26 @@ TEST(Resolve, FollowsSlowChangesWithinTheMargin) {
   }
 }
 
+// A want may fall and still lie above the level of its node, where others had its rings made.
+TEST(Resolve, KeepsNothingBeyondTheMarginWhereWantsFallHereAndThere) {
+  const double margin = 2.5;
+  Mesh mesh({0, 1, 0, 1}, {.nx = 9, .subdiv_max = 8});
+  const Lattice lattice(mesh);
+  for (std::uint64_t frame = 0; frame < 25; ++frame) {
+    const size_function size = [=](double x, double y, auto...) {
+      std::uint64_t changed = frame;  // when this place last changed its mind
+      while (changed > 0 && scenarios::position_noise(x, y, changed) > 0.02) --changed;
+      const double noise = scenarios::position_noise(x, y, 1000 + changed);
+      return 0.125 * std::exp2(-3.0 * noise * noise * noise * noise);
+    };
+    const Positions before = lattice.of(mesh);
+    mesh.resolve(size, {.margin = margin});
+    const Positions expected = lattice.without_surplus(lattice.closure(before, size), size, margin);
+    ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected) << "\n"
+                                              << frame;
+  }
+}
+
 TEST(Resolve, GradesSizesOverTheMesh) {
   scenarios::Random random{9};
   for (int run = 0; run < 4 * nb_kinds_of_size; ++run) {
@@ -371,7 +391,7 @@ TEST(Resolve, EndsWhereItNeedsMoreNodesThanItMayHave) {
   }
   Mesh mesh({0, 1, 0, 1}, {.nx = 3});
   for (const Resolution& bad : {Resolution{.margin = -1.0}, Resolution{.most_nodes = -1},
-                                Resolution{.slope = std::nan("")}}) {
+                                Resolution{.slope = std::nan("")}, Resolution{.threads = -1}}) {
     EXPECT_THROW(mesh.resolve(size, bad), Error);
   }
   EXPECT_THROW(mesh.resolve(size_function{}), Error);

@@ -223,7 +223,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   Transfer transfer() const;
   void set_transfer(Transfer transfer);
   /// Told how far an update has come, set_limit(), transfer() to this mesh, and
-  /// compute_derivatives() by one thread. Throws to leave it. Called no sooner than `seconds` after
+  /// compute_derivatives(). Throws to leave it. Called no sooner than `seconds` after
   /// the last time: fewer let it answer a key more promptly.
   void set_progress_handler(progress_function handler, double seconds = 0.1);
   /// Called for each node that comes or goes from now on; empty ones cost nothing.
