@@ -2,10 +2,13 @@
 //
 //     MPI_Init(&argc, &argv);
 //     {
-//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, {.nx = 65, .n_cell_data =
-//       1}); part.resolve(size); part.exchange();                                       // values
-//       of ghosts from their owners for (velmar_2d::Cell* c : part.owned()) { /* links of owned
-//       nodes are those of one mesh */ } part.rebalance();
+//       velmar_2d::Partition part(MPI_COMM_WORLD, rectangle, grid);
+//       part.resolve(size);
+//       part.exchange();  // ghosts get the values of their owners
+//       for (velmar_2d::Cell* c : part.owned()) {
+//         // links of owned nodes are those of one mesh
+//       }
+//       part.rebalance();
 //     }
 //     MPI_Finalize();
 //

@@ -18,21 +18,21 @@ void compute_by_one_thread(const State& state) {
 /// Ends the work of a thread: what a failure says is found out by one thread alone.
 struct Failure {};
 
-void compute_pieces(const State& state, Pieces& pieces) noexcept {
+void compute_portions(const State& state, Portions& portions) noexcept {
   try {
     Handlers handlers;
     handlers.fatal = [](std::string_view) { throw Failure(); };
     Workspace work;
     work.handlers = &handlers;
-    for (Piece piece = pieces.take(); !piece.empty(); piece = pieces.take()) {
-      Walk walk = Walk::to_derive(state.history, piece.number);
-      for (Cell& c : walk(piece.first)) {
-        if (&c == piece.end) break;
+    for (Portion portion = portions.take(); !portion.empty(); portion = portions.take()) {
+      Walk walk = Walk::to_derive(state.history, portion.number);
+      for (Cell& c : walk(portion.first)) {
+        if (&c == portion.end) break;
         compute_data_at_node(state, work, &c);
       }
     }
   } catch (...) {
-    pieces.fail();
+    portions.fail();
   }
 }
 
@@ -40,16 +40,16 @@ void compute_pieces(const State& state, Pieces& pieces) noexcept {
 
 void compute_data_at_all_nodes(State& state, int threads) {
   if (state.lists_are_split()) join_sublists(state);
-  threads = Pieces::useful_threads(state, threads);
+  threads = Portions::useful_threads(state, threads);
   if (threads <= 1) {
     compute_by_one_thread(state);
     return;
   }
   state.progress.begin("derivatives", state.nb_nodes);
-  Pieces pieces(state);
-  pieces.share(threads, [&] { compute_pieces(state, pieces); });
+  Portions portions(state);
+  portions.share(threads, [&] { compute_portions(state, portions); });
   // Whose turn it is to fail, and how, is that of the first node that does.
-  if (pieces.failed()) compute_by_one_thread(state);
+  if (portions.failed()) compute_by_one_thread(state);
 }
 
 }  // namespace velmar_2d::detail

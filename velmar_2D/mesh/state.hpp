@@ -278,20 +278,20 @@ inline void relink(State& state, Cell& from, int direction, NeighbourLink to) {
 void drop_cell(State& state, Cell*& c);
 
 // ---------------------------------------------------------------------------------------------
-// The list, piece by piece, for several threads (pieces.cpp)
+// The list, portion by portion, for several threads (portions.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// Nodes from `first` to before `end`.
-struct Piece {
+struct Portion {
   Cell *first = nullptr, *end = nullptr;
   std::ptrdiff_t number = 0;  ///< of the first one in the history of walks
-  std::size_t place = 0;      ///< among the pieces
+  std::size_t place = 0;      ///< among the portions
   bool empty() const { return first == nullptr; }
 };
 
-/// Hands out the list. Where a piece ends is found by walking it, which brings its nodes into the
+/// Hands out the list. Where a portion ends is found by walking it, which brings its nodes into the
 /// cache of the thread that will work on them.
-class Pieces {
+class Portions {
  public:
   static constexpr std::int32_t nodes_of_a_piece = 512;
   static std::size_t number(const State& state) {
@@ -303,14 +303,14 @@ class Pieces {
   }
 
   /// Needs: a joined list.
-  explicit Pieces(const State& state);
+  explicit Portions(const State& state);
 
   /// Runs the work in this thread and in others. Progress is told in this thread alone; what that
   /// throws leaves when all have ended.
-  /// @param work  takes pieces until there is none; throws nothing
+  /// @param work  takes portions until there is none; throws nothing
   void share(std::int32_t threads, const std::function<void()>& work);
   /// The next one; an empty one at the end, and as soon as a thread has failed.
-  Piece take();
+  Portion take();
   void fail();
   /// Needs: no thread works any more.
   bool failed() const { return failed_; }

@@ -33,25 +33,25 @@ class Asking {
  public:
   /// May throw std::bad_alloc.
   Asking(const State& state, const size_function& size_fun, const WantedLevels& wants)
-      : pieces_(state),
+      : portions_(state),
         history_(state.history),
         sizes_(size_fun),
         wants_(wants),
-        by_piece_(Pieces::number(state)) {}
+        by_portion_(Portions::number(state)) {}
 
   void ask(std::int32_t threads) {
-    pieces_.share(threads, [this] { ask_pieces(); });
+    portions_.share(threads, [this] { ask_portions(); });
   }
   /// As one thread would, node by node: up to the first one that fails.
   std::optional<AskedNodes> gather() const {
     if (!has_memory_) return {};
     AskedNodes asked;
     try {
-      for (const AskedNodes& of_piece : by_piece_) {
-        asked.nb_asked += of_piece.nb_asked;
-        append(asked.demands, of_piece.demands);
-        append(asked.fallen, of_piece.fallen);
-        asked.thrown = of_piece.thrown;
+      for (const AskedNodes& of_portion : by_portion_) {
+        asked.nb_asked += of_portion.nb_asked;
+        append(asked.demands, of_portion.demands);
+        append(asked.fallen, of_portion.fallen);
+        asked.thrown = of_portion.thrown;
         if (asked.thrown) break;
       }
     } catch (const std::bad_alloc&) {
@@ -61,21 +61,21 @@ class Asking {
   }
 
  private:
-  void ask_pieces() noexcept {
-    for (Piece piece = pieces_.take(); !piece.empty(); piece = pieces_.take()) {
+  void ask_portions() noexcept {
+    for (Portion portion = portions_.take(); !portion.empty(); portion = portions_.take()) {
       AskedNodes asked;  // in no line of the cache that other threads write to
       try {
-        Walk walk = Walk::to_ask(history_, piece.number);
-        for (Cell& c : walk(piece.first)) {
-          if (&c == piece.end) break;
+        Walk walk = Walk::to_ask(history_, portion.number);
+        for (Cell& c : walk(portion.first)) {
+          if (&c == portion.end) break;
           ++asked.nb_asked;
           note(c, sizes_.at(c), asked);
         }
       } catch (...) {
         asked.thrown = std::current_exception();
-        pieces_.fail();
+        portions_.fail();
       }
-      by_piece_[piece.place] = std::move(asked);
+      by_portion_[portion.place] = std::move(asked);
     }
   }
   void note(Cell& c, double size, AskedNodes& asked) {
@@ -90,16 +90,16 @@ class Asking {
       if (may_release(c, want)) asked.fallen.push_back(&c);
     } catch (const std::bad_alloc&) {
       has_memory_ = false;
-      pieces_.fail();
+      portions_.fail();
     }
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
   }
 
-  Pieces pieces_;
+  Portions portions_;
   const TraversalHistory& history_;
   const SizesOneByOne sizes_;
   const WantedLevels& wants_;
-  std::vector<AskedNodes> by_piece_;
+  std::vector<AskedNodes> by_portion_;
   std::atomic<bool> has_memory_ = true;
 };
 

@@ -41,7 +41,7 @@ class Resolver {
         derive_later_(state),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
-        threads_(Pieces::useful_threads(state, resolution.threads)),
+        threads_(Portions::useful_threads(state, resolution.threads)),
         in_turn_(conserves(state) || state.hooks.inserted || state.hooks.removing),
         knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
     state.progress.begin("refining", state.nb_nodes);

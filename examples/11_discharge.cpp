@@ -15,8 +15,8 @@
 // other, and nodes that come and go keep what they held: charge is only lost through the plates,
 // and accounted for.
 //
-//     08_discharge                  pictures go to the folder pictures/
-//     08_discharge my/folder small  pictures go to my/folder/; in seconds, on coarser meshes
+//     11_discharge                  pictures go to the folder pictures/
+//     11_discharge my/folder small  pictures go to my/folder/; in seconds, on coarser meshes
 //
 // It prints a table of the spark, and ends with lines such as
 //
@@ -359,10 +359,10 @@ double run_spark(const std::filesystem::path& folder, bool small) {
     pictures = reached;
     if (small && pictures < last_picture) continue;
     char name[40];
-    std::snprintf(name, sizeof name, "08_discharge_%02d.png", pictures);
+    std::snprintf(name, sizeof name, "11_discharge_%02d.png", pictures);
     draw(mesh, folder / name, "A spark between two plates: the field", field, 2.0);
     if (pictures < last_picture) continue;
-    draw(mesh, folder / "08_discharge_electrons.png", "A spark between two plates: electrons",
+    draw(mesh, folder / "11_discharge_electrons.png", "A spark between two plates: electrons",
          electrons, 0.6);
   }
   return worst;

@@ -3,13 +3,13 @@
 
 namespace velmar_2d::detail {
 
-Pieces::Pieces(const State& state)
+Portions::Portions(const State& state)
     : history_(state.history),
       progress_(state.progress),
       walk_(Walk::to_share(state.history)),
       next_(walk_(state.mesh_beg).begin()) {}
 
-void Pieces::share(std::int32_t threads, const std::function<void()>& work) {
+void Portions::share(std::int32_t threads, const std::function<void()>& work) {
   {
     const Helpers helpers(static_cast<std::size_t>(threads - 1), work);
     work();
@@ -17,29 +17,29 @@ void Pieces::share(std::int32_t threads, const std::function<void()>& work) {
   if (thrown_by_handler_) std::rethrow_exception(thrown_by_handler_);
 }
 
-Piece Pieces::take() {
+Portion Portions::take() {
   if (std::this_thread::get_id() == caller_) tell_progress();
   const std::scoped_lock lock(mutex_);
-  Piece piece;
-  if (failed_ || !(next_ != nullptr)) return piece;
-  piece.first = &*next_;
-  piece.number = number_;
-  piece.place = place_++;
+  Portion portion;
+  if (failed_ || !(next_ != nullptr)) return portion;
+  portion.first = &*next_;
+  portion.number = number_;
+  portion.place = place_++;
   for (std::int32_t i = 0; i < nodes_of_a_piece && next_ != nullptr; ++i, ++next_) {
     const bool known = number_ < history_.size();
     if (known && history_[number_] == TraversalHistory::entry_of(&*next_)) ++number_;
     ++nb_untold_;
   }
-  if (next_ != nullptr) piece.end = &*next_;
-  return piece;
+  if (next_ != nullptr) portion.end = &*next_;
+  return portion;
 }
 
-void Pieces::fail() {
+void Portions::fail() {
   const std::scoped_lock lock(mutex_);
   failed_ = true;
 }
 
-void Pieces::tell_progress() {
+void Portions::tell_progress() {
   std::int32_t nb_steps = 0;
   {
     const std::scoped_lock lock(mutex_);
