@@ -84,7 +84,7 @@ class Factors {
 /// Electrons and ions are the two halves of one array, so that one step advances both.
 class Discharge {
  public:
-  explicit Discharge(Mesh& mesh) : mesh_(mesh), arrays_(mesh) { read(); }
+  explicit Discharge(Mesh& mesh) : arrays_(mesh) { read(); }
 
   /// Between two changes of the mesh.
   void advance(double until) {
@@ -229,7 +229,6 @@ class Discharge {
     arrays_.push(potential, phi_);
   }
 
-  Mesh& mesh_;
   MeshArrays arrays_;
   numerics::Faces faces_;
   numerics::SidePieces pieces_;

@@ -12,8 +12,6 @@
 namespace velmar_2d::numerics {
 namespace {
 
-constexpr double pi = 3.14159265358979323846;
-
 using Values = std::vector<double>;
 
 std::size_t at(std::int32_t i) { return static_cast<std::size_t>(i); }
@@ -490,6 +488,25 @@ TEST(Steps, ExplicitOnesHaveTheirOrders) {
   EXPECT_NEAR(order_of(64, [&](double t, double dt,
                                Values& u) { stabilised_step(t, dt, 7, rate, u, problem.work); }),
               2.0, 0.15);
+}
+
+/// Factors by squares read one half of a matrix, so that both must be empty there.
+TEST(Steps, EliminateKnownNodesSymmetrically) {
+  InTime problem;
+  const Balance balance = problem.balance();
+  Values u = problem.known_at(0.0);
+  implicit_step(Scheme::tr_bdf2, balance, 0.0, 0.1, {}, u, solve, problem.work);
+  const SparseMatrix& matrix = problem.work.matrix;
+  std::size_t to_known = 0;
+  for (std::int32_t i = 0; i < matrix.size(); ++i) {
+    for (std::int32_t k = matrix.row_begin[at(i)]; k < matrix.row_begin[at(i) + 1]; ++k) {
+      const std::int32_t j = matrix.columns[at(k)];
+      if (i == j || (balance.known[at(i)] == 0 && balance.known[at(j)] == 0)) continue;
+      ++to_known;
+      EXPECT_EQ(matrix.values[at(k)], 0.0) << i << ' ' << j;
+    }
+  }
+  EXPECT_EQ(to_known, 36U);  // two sides of 4 faces along and 5 across, each seen twice
 }
 
 /// Noise decays under the longest steps that are said to be stable, and not under longer ones. Of
