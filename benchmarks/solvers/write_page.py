@@ -47,7 +47,9 @@ def read(path, seconds):
     for row in rows:
         cases.setdefault((int(row["parts"]), row["side"], int(row["cells"])), []).append(row)
     fronts = {}
-    for (parts, side, _), repeated in cases.items():
+    order = list(NAMES)
+    for (parts, side, _), repeated in sorted(cases.items(), key=lambda case: (
+            case[0][0], order.index(case[0][1]), case[0][2])):
         fronts.setdefault(parts, {}).setdefault(side, []).append(Run(repeated, seconds))
     for sides in fronts.values():
         # A uniform grid that stopped early has no error of its own: it gets that of the same
@@ -113,8 +115,9 @@ def goal_table(fronts):
 
 
 def draw_errors(parts, sides, program, path):
-    text = [f"A front of 1/{parts}: error against time (dashed: scaled from the first steps)",
-            "seconds", "largest error"]
+    scaled = any(not run.complete for runs in sides.values() for run in runs)
+    text = [f"Front of 1/{parts}: largest error" + (" (dashed: scaled)" if scaled else ""),
+            "seconds", "error"]
     for side, runs in sides.items():
         points = " ".join(f"{run.seconds:.4g} {run.largest:.4g}" for run in
                           sorted(runs, key=lambda run: run.seconds)
