@@ -49,7 +49,8 @@ std::vector<FacesOfShape> faces_of_shapes(const MeshArrays& arrays) {
   return shapes;
 }
 
-void assemble(const MeshArrays& arrays, const Front& front, FluxRows& rows) {
+void assemble(const MeshArrays& arrays, const Case& run, FluxRows& rows) {
+  const Front& front = run.front;
   rows.clear();
   const std::vector<FacesOfShape> shapes = faces_of_shapes(arrays);
   for (std::int32_t i = 0; i < arrays.size(); ++i) {
@@ -72,18 +73,18 @@ void assemble(const MeshArrays& arrays, const Front& front, FluxRows& rows) {
     }
     rows.end_row();
   }
-  rows.end();
+  if (run.sums == 2) rows.end();
 }
 
 struct Explicit {
-  const Front& front;
+  const Case& run;
   FluxRows rows = {};
-  solvers::Loops loops = loops_over(rows, front);
+  solvers::Loops loops = loops_over(rows, run.front);
   solvers::StageValues room = {};
 
-  void prepare(const MeshArrays& arrays) { assemble(arrays, front, rows); }
+  void prepare(const MeshArrays& arrays) { assemble(arrays, run, rows); }
   void advance(double time, double step, std::vector<double>& u) {
-    chebyshev_step(loops, rows.radius + front.k, time, step, u, room);
+    chebyshev_step(loops, rows.radius + run.front.k, time, step, u, room);
   }
 };
 
@@ -191,7 +192,7 @@ solvers::Outcome follow_by(const Case& run, Steps steps) {
 
 namespace velmar_2d::solvers {
 
-Outcome follow(const Case& run) { return follow_by(run, Explicit{run.front}); }
+Outcome follow(const Case& run) { return follow_by(run, Explicit{run}); }
 Outcome follow_implicitly(const Case& run) { return follow_by(run, Implicit{run.front}); }
 
 }  // namespace velmar_2d::solvers

@@ -2,6 +2,10 @@
 
 #include <sys/resource.h>
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -12,12 +16,19 @@ namespace velmar_2d::solvers {
 namespace {
 
 [[noreturn]] void usage(const char* program) {
-  std::fprintf(
-      stderr,
-      "usage: %s SIDE PARTS CELLS [step=X] [every=X] [reach=X] [patience=X] [picture=PATH]\n"
-      "       the front is 1/PARTS (50, 200, 1000) wide, the finest cells 1/CELLS\n",
-      program);
+  std::fprintf(stderr,
+               "usage: %s SIDE PARTS CELLS [step=X] [every=X] [reach=X] [sums=1] [patience=X] "
+               "[picture=PATH]\n"
+               "       the front is 1/PARTS (50, 200, 1000) wide, the finest cells 1/CELLS\n",
+               program);
   std::exit(2);
+}
+
+/// Far ahead of the front values are too small for normal numbers, and slow for that.
+void no_denormals() {
+#if defined(__SSE2__)
+  _mm_setcsr(_mm_getcsr() | 0x8040U);
+#endif
 }
 
 double wall_seconds() {
@@ -70,6 +81,7 @@ int Case::coarsest(int rows) const {
 
 Case case_of_arguments(int argc, char** argv) {
   if (argc < 4) usage(argv[0]);
+  no_denormals();
   Case run;
   run.side = argv[1];
   run.front = front_of_parts(std::atoi(argv[2]));
@@ -86,6 +98,8 @@ Case case_of_arguments(int argc, char** argv) {
       run.every = std::atof(every.c_str());
     } else if (const auto reach = value_of("reach"); !reach.empty()) {
       run.reach = std::atof(reach.c_str());
+    } else if (const auto sums = value_of("sums"); !sums.empty()) {
+      run.sums = std::atoi(sums.c_str());
     } else if (const auto patience = value_of("patience"); !patience.empty()) {
       run.patience = std::atof(patience.c_str());
     } else if (const auto picture = value_of("picture"); !picture.empty()) {

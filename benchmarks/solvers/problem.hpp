@@ -45,6 +45,7 @@ struct Case {
   double step = 1.0;   ///< time step: finest spacings that the front moves in one
   double every = 2.0;  ///< lengths that the front moves between two adaptations
   double reach = 7.0;  ///< see rim()
+  int sums = 2;        ///< 1: two-point fluxes alone, see FluxRows
   double patience =
       0.0;  ///< seconds after which a uniform grid stops, and its times are scaled; 0: never
   std::string picture;  ///< path that receives the cells at the end, or nothing
@@ -76,8 +77,8 @@ struct Case {
   }
 };
 
-/// SIDE PARTS CELLS [step=X] [every=X] [reach=X] [patience=X] [picture=PATH]; ends the program
-/// where it is wrong.
+/// SIDE PARTS CELLS [step=X] [every=X] [reach=X] [sums=1] [patience=X] [picture=PATH]; ends the
+/// program where it is wrong.
 Case case_of_arguments(int argc, char** argv);
 
 /// Difference to the wave at the end, by control cells.
