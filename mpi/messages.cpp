@@ -90,9 +90,9 @@ std::vector<int> Messages::partners(const std::vector<char>& sends_to) const {
   std::vector<char> receives_from(sends_to.size());
   MPI_Alltoall(sends_to.data(), 1, MPI_CHAR, receives_from.data(), 1, MPI_CHAR, communicator_);
   std::vector<int> ranks;
-  for (int rank = 0; rank < nb_processes_; ++rank) {
-    const auto i = static_cast<std::size_t>(rank);
-    if (sends_to[i] != 0 || receives_from[i] != 0) ranks.push_back(rank);
+  for (int other = 0; other < nb_processes_; ++other) {
+    const auto i = static_cast<std::size_t>(other);
+    if (sends_to[i] != 0 || receives_from[i] != 0) ranks.push_back(other);
   }
   return ranks;
 }

@@ -83,8 +83,8 @@ Partition::Partition(MPI_Comm communicator, const Mesh* whole, const bc_type_fun
   parts_->messages.collective([&] { parts_->share_out(whole, bc_type); });
 }
 
-Partition::Partition(Partition&&) noexcept = default;
-Partition& Partition::operator=(Partition&&) noexcept = default;
+Partition::Partition(Partition&& from) noexcept = default;
+Partition& Partition::operator=(Partition&& from) noexcept = default;
 Partition::~Partition() = default;
 
 MPI_Comm Partition::communicator() const { return parts_->messages.communicator(); }

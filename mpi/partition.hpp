@@ -54,6 +54,7 @@ struct Partition::Parts {
   void release();
   bool exchange_needs();
   void share_ghosts();
+  std::vector<double> rows_at(std::span<const Place> places);
   void hand_on_data();
   void plan_exchange();
   void number_nodes();

@@ -108,6 +108,19 @@ void Partition::Parts::share_ghosts() {
   messages.together();
 }
 
+/// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
+std::vector<double> Partition::Parts::rows_at(std::span<const Place> places) {
+  std::vector<double> rows;
+  rows.reserve(places.size() * (static_cast<std::size_t>(grid.n_cell_data) + 1));
+  for (const Place& place : places) {
+    const Cell* c = piece->node_at(place);
+    if (c == nullptr) throw Error("a neighbour has a ghost of a node that is not there");
+    rows.push_back(piece->has_come(*c) ? 0.0 : 1.0);
+    rows.insert(rows.end(), c->data.begin(), c->data.end());
+  }
+  return rows;
+}
+
 /// New nodes near a cut may have parents that were not known here: owners tell what these held, and
 /// all that follows from it is computed anew.
 void Partition::Parts::hand_on_data() {
@@ -127,15 +140,7 @@ void Partition::Parts::hand_on_data() {
   std::vector<std::vector<double>> answers(nb_neighbours);
   const std::vector<std::vector<Place>> asked = messages.exchange(out);
   messages.alone([&] {
-    for (std::size_t i = 0; i < nb_neighbours; ++i) {
-      answers[i].reserve(asked[i].size() * width);
-      for (const Place& place : asked[i]) {
-        const Cell* c = piece->node_at(place);
-        if (c == nullptr) throw Error("a neighbour has a ghost of a node that is not there");
-        answers[i].push_back(piece->has_come(*c) ? 0.0 : 1.0);
-        answers[i].insert(answers[i].end(), c->data.begin(), c->data.end());
-      }
-    }
+    for (std::size_t i = 0; i < nb_neighbours; ++i) answers[i] = rows_at(asked[i]);
   });
   const std::vector<std::vector<double>> told = messages.exchange(answers);
   messages.alone([&] {
@@ -149,7 +154,7 @@ void Partition::Parts::hand_on_data() {
         std::copy(row + 1, row + width, c->data.begin());
       }
     }
-    piece->hand_on_data([&](const Cell& c) { return known_ghosts.count(&c) > 0; }, nb_handed_on);
+    piece->hand_on_data([&](const Cell& c) { return known_ghosts.contains(&c); }, nb_handed_on);
     nb_handed_on = newcomers.size();
   });
 }
@@ -178,7 +183,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   nb_handed_on = 0;
   known_ghosts.clear();
   messages.alone([&] {
-    Mesh& mesh = piece->mesh();
+    const Mesh& mesh = piece->mesh();
     if (!size && !sizes) throw Error("the sizes are no procedure");
     if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
     if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");

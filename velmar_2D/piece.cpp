@@ -51,8 +51,8 @@ Piece::Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::i
       update_(new detail::PieceUpdate(mesh_.state(), own, overlap, grid.nx, rows_of(whole, grid))) {
   mesh_.state().candidate_order = detail::CandidateOrder::by_place;
 }
-Piece::Piece(Piece&&) noexcept = default;
-Piece& Piece::operator=(Piece&&) noexcept = default;
+Piece::Piece(Piece&& from) noexcept = default;
+Piece& Piece::operator=(Piece&& from) noexcept = default;
 Piece::~Piece() = default;
 
 Mesh& Piece::mesh() { return mesh_; }

@@ -1,14 +1,13 @@
 // velmar_2d::Piece: a part of a mesh that several processes, or threads, keep together.
 //
-//     +-----------+-----------+       Each piece owns the nodes of a box of grid cells, and keeps
-//     |           |           |       beyond it those that its own nodes need, in a window a few
-//     |   own  . .|. .        |       cells wider than the box. The nodes that all pieces own are
-//     |        .  |  . window |       together those of one mesh, to the last bit: positions,
-//     links,
-//     +--------.--+--.--------+       levels, control cells, and data where those are exchanged.
-//     |        . .|. .        |
-//     |           |           |       Who moves what from piece to piece is the caller's matter:
-//     +-----------+-----------+       velmar_2d::mpi does it with messages between processes.
+//     +-----------+-----------+   Each piece owns the nodes of a box of grid cells, and keeps
+//     |           |           |   beyond it those that its own nodes need, in a window a few
+//     |   own  . .|. .        |   cells wider than the box. The nodes that all pieces own are
+//     |        .  |  . window |   together those of one mesh, to the last bit: positions,
+//     +--------.--+--.--------+   links, levels, control cells, and data where those are
+//     |        . .|. .        |   exchanged.
+//     |           |           |   Who moves what from piece to piece is the caller's matter:
+//     +-----------+-----------+   velmar_2d::mpi does it with messages between processes.
 //
 // An update of all pieces together:
 //
@@ -38,7 +37,9 @@ inline constexpr std::int64_t places_per_cell = std::int64_t{1} << 31;
 struct Place {
   std::int64_t x = 0, y = 0;
   friend bool operator==(const Place&, const Place&) = default;
-  friend auto operator<=>(const Place&, const Place&) = default;
+  friend bool operator<(const Place& a, const Place& b) {
+    return a.x != b.x ? a.x < b.x : a.y < b.y;
+  }
 };
 
 namespace detail {
@@ -58,8 +59,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   ///
   /// Throws Error as Mesh does, and where the box is empty or leaves the grid.
   Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::int32_t overlap = 3);
-  Piece(Piece&&) noexcept;
-  Piece& operator=(Piece&&) noexcept;
+  Piece(Piece&& from) noexcept;
+  Piece& operator=(Piece&& from) noexcept;
   ~Piece();
 
   /// The nodes of the window: own ones and ghosts. Links to records of kind bc_type_cut, at ghosts

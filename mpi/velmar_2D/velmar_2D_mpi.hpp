@@ -2,10 +2,14 @@
 //
 //     MPI_Init(&argc, &argv);
 //     {
-//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, {.nx = 65, .n_cell_data =
-//       1}); part.resolve(size); part.exchange();                                       // values
-//       of ghosts from their owners for (velmar_2d::Cell* c : part.owned()) { /* links of owned
-//       nodes are those of one mesh */ } part.rebalance();
+//       velmar_2d::Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0},
+//                                 {.nx = 65, .n_cell_data = 1});
+//       part.resolve(size);
+//       for (velmar_2d::Cell* c : part.owned()) {
+//         // links of owned nodes are those of one mesh
+//       }
+//       part.exchange();   // values of ghosts from their owners
+//       part.rebalance();  // where some process owns too many nodes
 //     }
 //     MPI_Finalize();
 //
@@ -30,6 +34,12 @@
 #include <memory>
 
 #include "velmar_2D/piece.hpp"
+
+#if defined(VELMAR_2D_MPI_SHARED)
+#define VELMAR_2D_MPI_API __attribute__((visibility("default")))
+#else
+#define VELMAR_2D_MPI_API
+#endif
 
 namespace velmar_2d {
 
@@ -56,7 +66,7 @@ enum class GhostLayer {
   all,     ///< and those next to them, that derivatives of owned nodes need
 };
 
-class Partition {
+class VELMAR_2D_MPI_API Partition {
  public:
   /// Collective. Makes the grid, cut into boxes as equal as cells of the grid allow.
   ///
@@ -76,11 +86,14 @@ class Partition {
   ///
   /// Throws Error where the mesh is as update() or single insertions left it.
   ///
-  /// @param bc_type  kinds of the sides, as the mesh has them; empty: Dirichlet everywhere
+  /// @param communicator  of all that keep the mesh together
+  /// @param whole         on process 0 the mesh, which it may let go afterwards
+  /// @param bc_type       kinds of the sides, as the mesh has them; empty: Dirichlet everywhere
+  /// @param options       as above
   Partition(MPI_Comm communicator, const Mesh* whole, const bc_type_function& bc_type = {},
             const PartitionOptions& options = {});
-  Partition(Partition&&) noexcept;
-  Partition& operator=(Partition&&) noexcept;
+  Partition(Partition&& from) noexcept;
+  Partition& operator=(Partition&& from) noexcept;
   ~Partition();  ///< not collective, but before MPI_Finalize
 
   MPI_Comm communicator() const;  ///< a copy of the one that it was made with

@@ -13,7 +13,7 @@ list(LENGTH symbols nb_symbols)
 # Beside procedures and variables: the objects, what they throw, how their state is deleted, and how
 # velmar_2d::hdf5 comes to it. What belongs to the standard library is not ours to hide.
 set(private ${symbols})
-list(FILTER private EXCLUDE REGEX "^[0-9a-f]+ [A-Za-z] velmar_2d::([a-z0-9_]+(\\(|$)|Mesh::|MeshArrays::)")
+list(FILTER private EXCLUDE REGEX "^[0-9a-f]+ [A-Za-z] velmar_2d::([a-z0-9_]+(\\(|$)|Mesh::|MeshArrays::|Piece::)")
 list(FILTER private EXCLUDE REGEX " (typeinfo|typeinfo name|vtable) for velmar_2d::Error$")
 list(FILTER private EXCLUDE REGEX " velmar_2d::detail::(State|Arrays)Deleter::operator\\(\\)")
 list(FILTER private EXCLUDE REGEX " velmar_2d::detail::(take_snapshot|restore|restore_default)\\(")

@@ -34,7 +34,7 @@ class AddressSet {
  private:
   std::size_t slot_of(const Cell* c) const {
     const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(c));
-    std::size_t slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
+    auto slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
     for (;; ++slot) {
       slot &= slots_.size() - 1;
       if (slots_[slot] == nullptr || slots_[slot] == c) return slot;
@@ -480,7 +480,7 @@ bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
 
 void PieceUpdate::forget_gone() {
   if (gone_.empty()) return;
-  const auto has_gone = [this](const Cell* c) { return gone_.count(c) > 0; };
+  const auto has_gone = [this](const Cell* c) { return gone_.contains(c); };
   std::erase_if(ghosts_, has_gone);
   std::erase_if(near_, has_gone);
   std::erase_if(freed_, has_gone);
@@ -544,8 +544,10 @@ void PieceUpdate::release_around_fallen() {
       if (linked != nullptr && linked->ipos > p->ipos) freed_.push_back(linked);
     }
   }
-  for (std::size_t next = 0; next < freed_.size(); ++next) {
-    if (gone_.count(freed_[next]) == 0 && is_surplus(*freed_[next])) remove(*freed_[next]);
+  std::size_t next = 0;  // removals make more
+  while (next < freed_.size()) {
+    Cell* c = freed_[next++];
+    if (!gone_.contains(c) && is_surplus(*c)) remove(*c);
   }
 }
 
