@@ -44,7 +44,7 @@ class Asking {
   }
   /// As one thread would, node by node: up to the first one that fails.
   std::optional<AskedNodes> gather() const {
-    if (!has_memory_) return {};
+    if (has_given_up_) return {};
     AskedNodes asked;
     try {
       for (const AskedNodes& of_portion : by_portion_) {
@@ -63,6 +63,10 @@ class Asking {
  private:
   void ask_portions() noexcept {
     for (Portion portion = portions_.take(); !portion.empty(); portion = portions_.take()) {
+      if (portion.place >= by_portion_.size()) {  // a caller has lengthened the list
+        give_up();
+        return;
+      }
       AskedNodes asked;  // in no line of the cache that other threads write to
       try {
         Walk walk = Walk::to_ask(history_, portion.number);
@@ -89,10 +93,14 @@ class Asking {
       }
       if (may_release(c, want)) asked.fallen.push_back(&c);
     } catch (const std::bad_alloc&) {
-      has_memory_ = false;
-      portions_.fail();
+      give_up();
     }
     c.wanted_level = static_cast<std::uint8_t>(want.kept);
+  }
+
+  void give_up() {
+    has_given_up_ = true;
+    portions_.fail();
   }
 
   Portions portions_;
@@ -100,7 +108,7 @@ class Asking {
   const SizesOneByOne sizes_;
   const WantedLevels& wants_;
   std::vector<AskedNodes> by_portion_;
-  std::atomic<bool> has_memory_ = true;
+  std::atomic<bool> has_given_up_ = false;
 };
 
 }  // namespace
