@@ -25,7 +25,7 @@ Portion Portions::take() {
   portion.first = &*next_;
   portion.number = number_;
   portion.place = place_++;
-  for (std::int32_t i = 0; i < nodes_of_a_piece && next_ != nullptr; ++i, ++next_) {
+  for (std::int32_t i = 0; i < nodes_of_a_portion && next_ != nullptr; ++i, ++next_) {
     const bool known = number_ < history_.size();
     if (known && history_[number_] == TraversalHistory::entry_of(&*next_)) ++number_;
     ++nb_untold_;

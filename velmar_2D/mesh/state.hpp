@@ -293,13 +293,13 @@ struct Portion {
 /// cache of the thread that will work on them.
 class Portions {
  public:
-  static constexpr std::int32_t nodes_of_a_piece = 512;
+  static constexpr std::int32_t nodes_of_a_portion = 512;
   static std::size_t number(const State& state) {
-    return static_cast<std::size_t>(state.nb_nodes) / nodes_of_a_piece + 1;
+    return static_cast<std::size_t>(state.nb_nodes) / nodes_of_a_portion + 1;
   }
   /// More threads would have nothing to do.
   static std::int32_t useful_threads(const State& state, std::int32_t threads) {
-    return std::min(threads, state.nb_nodes / nodes_of_a_piece);
+    return std::min(threads, state.nb_nodes / nodes_of_a_portion);
   }
 
   /// Needs: a joined list.
