@@ -15,7 +15,7 @@ namespace velmar_2d::detail {
 namespace {
 
 /// Nodes ahead of the one in hand.
-constexpr std::size_t nodes_ahead = 12;
+constexpr std::size_t own_nodes_ahead = 12;
 VELMAR_2D_ALWAYS_INLINE void prefetch_heads(const Cell* c) {
   const auto* bytes = reinterpret_cast<const std::byte*>(c);
   prefetch(bytes);
@@ -282,10 +282,10 @@ void PieceUpdate::compute_derivatives() {
   Workspace work;
   const std::size_t n = own_nodes_.size();
   for (std::size_t i = 0; i < n; ++i) {
-    if (i + 2 * nodes_ahead < n) prefetch_heads(own_nodes_[i + 2 * nodes_ahead]);
-    if (i + nodes_ahead < n) {
+    if (i + 2 * own_nodes_ahead < n) prefetch_heads(own_nodes_[i + 2 * own_nodes_ahead]);
+    if (i + own_nodes_ahead < n) {
       for (int d = 0; d < nb_directions; ++d)
-        prefetch(link(*own_nodes_[i + nodes_ahead], d).cell());
+        prefetch(link(*own_nodes_[i + own_nodes_ahead], d).cell());
     }
     compute_data_at_node(state_, work, own_nodes_[i]);
   }
@@ -305,7 +305,7 @@ void PieceUpdate::ask() {
       sizes_(nodes, sizes);
     }
     while (nb_asked_ < end) {
-      if (nb_asked_ + nodes_ahead < end) prefetch_heads(to_ask_[nb_asked_ + nodes_ahead]);
+      if (nb_asked_ + own_nodes_ahead < end) prefetch_heads(to_ask_[nb_asked_ + own_nodes_ahead]);
       Cell& c = *to_ask_[nb_asked_++];
       ask(c, sizes_ ? sizes[nb_asked_ - 1 - first] : SizesOneByOne(size_).at(c));
       note_newcomers();
