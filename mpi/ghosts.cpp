@@ -53,6 +53,10 @@ void Partition::Parts::plan_exchange() {
 void Partition::Parts::list_nodes() {
   const std::span<Cell*const> own = piece->own_nodes(), around = piece->ghosts();
   owned.assign(own.begin(), own.end());
+  if (adapted_by == Adapted::by_update) {
+    list_rings();
+    return;
+  }
   ghosts.assign(around.begin(), around.end());
   const auto is_linked = [this](const Cell* c) {
     for (const Direction d : directions) {

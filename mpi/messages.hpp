@@ -62,7 +62,7 @@ class Messages {
   /// Throws Error at once where an earlier one has failed.
   template <typename Operation>
   auto collective(const Operation& operation) {
-    if (is_broken_) refuse_broken();
+    require_agreement();
     try {
       return operation();
     } catch (const FaultOfAll&) {
@@ -72,6 +72,11 @@ class Messages {
       note_fault();
       end_all();
     }
+  }
+
+  /// Throws Error where an earlier collective() has failed.
+  void require_agreement() const {
+    if (is_broken_) refuse_broken();
   }
 
   /// Since they were made: time of the processor in messages, and bytes sent to neighbours.

@@ -15,6 +15,11 @@ std::int32_t distance(const Window& a, const Window& b) {
   return std::max({x, y, 0});
 }
 
+constexpr const char* no_resolve =
+    "resolve() goes on from the grid or from itself, not from update()";
+constexpr const char* no_move =
+    "nodes that update() has made cannot be moved: what becomes of them depends on how they came";
+
 CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
   CellWeights weights{grid.nx - 1, rows_of(whole, grid) - 1, {}};
   weights.weights.assign(
@@ -112,6 +117,7 @@ void Partition::resolve(const size_function& size, const Resolution& resolution)
 }
 void Partition::resolve(const size_function& size, init_data_function init_data,
                         const Resolution& resolution) {
+  parts_->refuse_after(Parts::Adapted::by_update, no_resolve);
   parts_->messages.collective([&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
 }
 void Partition::resolve_batched(const batch_size_function& sizes, const Resolution& resolution) {
@@ -119,8 +125,20 @@ void Partition::resolve_batched(const batch_size_function& sizes, const Resoluti
 }
 void Partition::resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                                 const Resolution& resolution) {
+  parts_->refuse_after(Parts::Adapted::by_update, no_resolve);
   parts_->messages.collective(
       [&] { parts_->resolve({}, sizes, std::move(init_data), resolution); });
+}
+
+void Partition::update(const size_function& size) { parts_->update(size, {}, nullptr); }
+void Partition::update(const size_function& size, init_data_function init_data) {
+  parts_->update(size, {}, &init_data);
+}
+void Partition::update_batched(const batch_size_function& sizes) {
+  parts_->update({}, sizes, nullptr);
+}
+void Partition::update_batched(const batch_size_function& sizes, init_data_function init_data) {
+  parts_->update({}, sizes, &init_data);
 }
 
 void Partition::compute_derivatives() {
@@ -152,10 +170,12 @@ PartitionStatistics Partition::statistics() {
 }
 
 bool Partition::rebalance(double threshold) {
+  parts_->refuse_after(Parts::Adapted::by_update, no_move);
   return parts_->messages.collective([&] { return parts_->rebalance(threshold); });
 }
 
 std::unique_ptr<Mesh> Partition::gather() {
+  parts_->refuse_after(Parts::Adapted::by_update, no_move);
   return parts_->messages.collective([&] { return parts_->gather(); });
 }
 

@@ -1,6 +1,7 @@
 // What the files of the library tell one another. Never installed.
 #pragma once
 
+#include <array>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -15,6 +16,9 @@ namespace velmar_2d {
 std::uint64_t fingerprint(const Cell& c);
 
 struct Partition::Parts {
+  /// What has changed the grid. After update() windows are whole, after resolve() they are not.
+  enum class Adapted { by_nothing, by_resolve, by_update };
+
   Messages messages;
   Rectangle whole;
   Grid grid;
@@ -25,6 +29,13 @@ struct Partition::Parts {
   std::vector<int> owner_of_cell;                ///< of the grid, row by row
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
+
+  Adapted adapted_by = Adapted::by_nothing;
+  // After update(), by neighbour: nodes of windows that their owners have.
+  std::vector<std::vector<Cell*>> window_sent, window_received;
+  std::vector<Cell*> strangers;  ///< other nodes of the window, which no owner has
+  std::unordered_set<const Cell*> is_stranger;
+  std::unordered_map<const Cell*, std::array<double, 2>> derivatives_there;  ///< of owners
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
   std::vector<Cell*> owned, ghosts;
@@ -70,6 +81,22 @@ struct Partition::Parts {
     step();
     statistics.sharing_seconds += own_seconds() - begin;
   }
+  void update(const size_function& size, const batch_size_function& sizes,
+              const init_data_function* init_data);
+  void update_windows(const size_function& size, const batch_size_function& sizes,
+                      const init_data_function* init_data);
+  void prepare_window();
+  void plan_window();
+  void exchange_derivatives();
+  void give_values_to_strangers();
+  void ask_window(std::span<const Cell* const> nodes, std::span<double> of,
+                  const size_function& size, const batch_size_function& sizes);
+  double cells_to_cut(const Cell& c) const;
+  void list_rings();
+  bool window_agrees();
+  template <typename Read, typename Write>
+  void exchange_window(std::size_t width, const Read& read, const Write& write);
+  void refuse_after(Adapted before, const char* text) const;
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
   bool rebalance(double threshold);

@@ -182,6 +182,7 @@ void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_ty
   whole = heading.rectangle;
   grid = {heading.nx, heading.ny, heading.limit, heading.n_cell_data, bc_type};
   begin_evenly();
+  adapted_by = Adapted::by_resolve;
   messages.alone([&] { piece->mesh().set_transfer(heading.transfer); });
   move_nodes(nodes, cut_by_nodes(nodes));
   settle_moved();

@@ -177,6 +177,7 @@ void Partition::Parts::settle() {
 
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
+  adapted_by = Adapted::by_resolve;
   statistics = {};
   const double begin = own_seconds();
   const std::int64_t bytes_before = messages.nb_bytes();

@@ -150,4 +150,12 @@ std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
+void Piece::keep_window() { update_->keep_window(); }
+void Piece::update(const batch_size_function& sizes) {
+  update_->update_window([&] { return mesh_.update_batched(sizes); });
+}
+void Piece::update(const batch_size_function& sizes, init_data_function init_data) {
+  update_->update_window([&] { return mesh_.update_batched(sizes, std::move(init_data)); });
+}
+
 }  // namespace velmar_2d

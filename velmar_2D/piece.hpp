@@ -137,6 +137,18 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Whether some node came to lie where the window is cut: it is too narrow for the update.
   bool reaches_cut() const;
 
+  /// From now on the window is whole, and update() alone changes it: ghosts are all nodes of it
+  /// that are not own ones, and row_of() knows own nodes as far from the box's sides as windows
+  /// reach. Needs: nothing but the grid. What a plain update makes depends on how nodes came
+  /// before.
+  void keep_window();
+  /// Mesh::update_batched() of the window. Ghosts near its cuts are not what the whole has there:
+  /// who owns them must tell.
+  ///
+  /// statistics(): `inserted` and `removed` are of own nodes, the others of ghosts too.
+  void update(const batch_size_function& sizes);
+  void update(const batch_size_function& sizes, init_data_function init_data);
+
  private:
   Mesh mesh_;
   std::unique_ptr<detail::PieceUpdate> update_;

@@ -44,7 +44,8 @@
 namespace velmar_2d {
 
 struct PartitionOptions {
-  std::int32_t overlap = 3;  ///< cells of the grid that a process keeps beyond its box, at least 3
+  /// Cells of the grid that a process keeps beyond its box, at least 3. More for update().
+  std::int32_t overlap = 3;
 };
 
 /// Over all processes.
@@ -118,6 +119,25 @@ class VELMAR_2D_MPI_API Partition {
   void resolve_batched(const batch_size_function& sizes, const Resolution& resolution = {});
   void resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                        const Resolution& resolution = {});
+
+  /// Collective. As Mesh::update() of the whole mesh, on a Partition that nothing else has adapted:
+  /// what it makes depends on the order in which nodes came, which only other updates keep.
+  /// resolve(), rebalance() and gather() throw Error afterwards, before they change anything, and so
+  /// does this after resolve() and where a mesh was shared out.
+  ///
+  /// Each process updates all of its window, whose nodes near the cuts are not quite those of the
+  /// whole mesh; they are asked for their sizes, too. So it needs more overlap than resolve(): 3 to
+  /// 4 cells where sizes are a matter of place, 6 where they follow data, more where those change
+  /// abruptly. After each update owners tell whether ghosts are theirs. Where they are not, it
+  /// throws Error on all processes, and a Partition with more overlap has to begin anew. mesh() has
+  /// all nodes of the window; those that are neither owned() nor ghosts() are of no use.
+  ///
+  /// statistics(): `visited` and `refused` count in whole windows. Throws Error with
+  /// Transfer::conservative.
+  void update(const size_function& size);
+  void update(const size_function& size, init_data_function init_data);
+  void update_batched(const batch_size_function& sizes);
+  void update_batched(const batch_size_function& sizes, init_data_function init_data);
 
   /// Nodes of this process, in list order; then ghosts, those linked to owned nodes first. Good
   /// until the mesh changes.

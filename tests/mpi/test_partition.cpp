@@ -2,6 +2,8 @@
 // number of processes. The exit status tells whether all is alike.
 //
 //   test_partition                the moving ring, with new boxes on the way
+//   test_partition updates        plain updates
+//   test_partition narrow         the same with too little overlap: they end by an Error
 //   test_partition fault R        functions that throw on process R
 #include <cmath>
 #include <cstdio>
@@ -164,6 +166,86 @@ void run_ring() {
   expect(all->check().empty(), "the whole is in order", 12);
 }
 
+/// The text of the Error that a call ends with; empty: none.
+template <typename Call>
+std::string error_of(const Call& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return {};
+}
+
+/// Plain updates, with sizes that are told by place, or by the second derivatives of a front.
+/// @return steps that were made before an Error; -1: all
+int run_updates(bool follows_data, std::int32_t overlap) {
+  const Rectangle whole{0.1, 1.3, -0.7, 0.2};
+  const Grid grid{.nx = 33,
+                  .subdiv_max = 11,
+                  .n_cell_data = 2,
+                  .bc_type = [](double, double, std::string_view side) {
+                    return side == "North" ? bc_type_neu : bc_type_dir;
+                  }};
+  Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = overlap});
+  Mesh mesh(whole, grid);
+  mesh.set_transfer(Transfer::all);
+  part.mesh().set_transfer(Transfer::all);
+  constexpr int nb_steps = 20;
+  for (int step = 0; step < nb_steps; ++step) {
+    const double t = (follows_data ? 0.01 : 0.05) * step;
+    const auto front = [=](double x, double y) { return std::tanh(8.0 * (x - 0.3 * y - 0.3 - t)); };
+    const size_function size = [=](double x, double y, auto, double, double grad2) {
+      if (!follows_data) return 0.004 + 0.25 * std::abs(std::hypot(x - 0.1 - t, y + 0.3) - 0.2);
+      if (step < 4) return 0.006 + 0.25 * std::abs(x - 0.3 * y - 0.3 - t);
+      return std::max(0.006, 0.1 / std::sqrt(1.0 + grad2));
+    };
+    const batch_size_function sizes = [&](std::span<const Cell* const> nodes,
+                                          std::span<double> of) {
+      for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const Cell& c = *nodes[i];
+        of[i] = size(c.x, c.y, {}, c.grad_data, c.grad2_data);
+      }
+    };
+    try {
+      if (step % 4 == 2) {
+        mesh.update(size);
+        part.update_batched(sizes);
+      } else if (step % 4 == 3) {
+        mesh.update(size, front);
+        part.update(size, front);
+      } else {
+        mesh.update(size);
+        part.update(size);
+      }
+    } catch (const Error& error) {
+      expect(std::strstr(error.what(), "more overlap") != nullptr, error.what(), step);
+      return step;
+    }
+    mesh.compute_derivatives();
+    part.compute_derivatives();
+    compare(part, mesh, step);
+    check_numbers(part, step);
+    const PartitionStatistics statistics = part.statistics();
+    expect(statistics.inserted == mesh.statistics().inserted &&
+               statistics.removed == mesh.statistics().removed,
+           "statistics", step);
+    const auto advance = [&](Cell& c) {
+      c.data[0] = front(c.x, c.y);
+      c.data[1] += c.x;
+    };
+    for (Cell& c : mesh.nodes()) advance(c);
+    for (Cell* c : part.owned()) advance(*c);
+    part.exchange();
+  }
+  for (const std::string& refused :
+       {error_of([&] { part.resolve([](double, double, auto...) { return 1.0; }); }),
+        error_of([&] { part.rebalance(); }), error_of([&] { part.gather(); })}) {
+    expect(refused.find("update()") != std::string::npos, "refused after update()", nb_steps);
+  }
+  return -1;
+}
+
 /// A mesh in which nodes rest on one that was removed is refused by all.
 void refuse_holes() {
   std::unique_ptr<Mesh> mesh;
@@ -186,27 +268,17 @@ void refuse_holes() {
   expect(is_refused, "a mesh with a hole is refused", 0);
 }
 
-/// The text of the Error that a call ends with; empty: none.
-template <typename Call>
-std::string error_of(const Call& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return {};
-}
-
 void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
   const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
-  for (int kind = 0; kind < 5; ++kind) {
+  for (int kind = 0; kind < 6; ++kind) {
     Partition part(MPI_COMM_WORLD, whole, grid);
     const bool is_here = part.rank() == culprit;
     int nb_calls = 0;
     const size_function size = [&](double x, double y, auto...) -> double {
-      if (is_here && kind == 0 && ++nb_calls == 50) throw std::runtime_error("size is ill");
+      if (is_here && (kind == 0 || kind == 5) && ++nb_calls == 50)
+        throw std::runtime_error("size is ill");
       if (is_here && kind == 4 && ++nb_calls == 50) part.mesh().set_limit(3);
       return 0.02 + 0.3 * std::abs(x - y);
     };
@@ -222,10 +294,16 @@ void run_fault(int culprit) {
                                   .removing = {}});
     }
     const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
-    const std::string text = error_of([&] { part.resolve(size, init_data, resolution); });
-    const char* const reasons[] = {"size is ill", "memory is exhausted",
-                                   "an exception that is no std::exception",
-                                   "nodes would be needed", "the mesh is in use"};
+    const std::string text = error_of([&] {
+      if (kind == 5) {
+        part.update(size, init_data);
+      } else {
+        part.resolve(size, init_data, resolution);
+      }
+    });
+    const char* const reasons[] = {
+        "size is ill",           "memory is exhausted", "an exception that is no std::exception",
+        "nodes would be needed", "the mesh is in use",  "size is ill"};
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
@@ -242,7 +320,14 @@ void run_fault(int culprit) {
 
 int main(int argc, char** argv) {
   MPI_Init(&argc, &argv);
-  if (argc > 2) {
+  const bool has_argument = argc > 1;
+  if (has_argument && std::strcmp(argv[1], "updates") == 0) {
+    expect(run_updates(false, 3) < 0, "sizes by place", 20);
+    expect(run_updates(true, 6) < 0, "sizes that follow data", 20);
+  } else if (has_argument && std::strcmp(argv[1], "narrow") == 0) {
+    // What is wrong near the cuts comes in, and is found before it does harm.
+    expect(run_updates(true, 3) > 0, "too little overlap is told", 20);
+  } else if (argc > 2) {
     run_fault(std::atoi(argv[2]));
   } else {
     run_ring();

@@ -80,7 +80,9 @@ double PieceUpdate::distance_to_cut(const Cell& c) const {
 // theirs, which is at most twice as large. What others rest on, by however many steps, lies within
 // four times that of its ipos. The grid is kept in all of the window.
 bool PieceUpdate::is_near(const Cell& c) const {
-  if (c.ipos == 0) return distance_to_cut(c) <= (overlap_ + 0.5) * state_.domain.dist_0;
+  if (c.ipos == 0 || keeps_windows_) {
+    return distance_to_cut(c) <= (overlap_ + 0.5) * state_.domain.dist_0;
+  }
   const double widest = state_.domain.dist_0 / exact_power_of_2(c.ipos / 2);
   return distance_to_cut(c) <= 4.0 * widest;
 }
@@ -611,6 +613,32 @@ void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known,
       newcomers_[i]->data[value] = mean_of_parents(parents_[i], value);
     }
   }
+}
+
+void PieceUpdate::keep_window() {
+  keeps_windows_ = true;
+  is_listed_ = is_updating_ = knows_changes_ = false;
+  state_.candidate_order = CandidateOrder::by_age;
+}
+
+void PieceUpdate::update_window(const std::function<UpdateStatistics()>& update) {
+  struct Counting {
+    State& state;
+    NodeHooks before;
+    ~Counting() { state.hooks = std::move(before); }
+  } const counting{state_, state_.hooks};
+  UpdateStatistics own;
+  state_.hooks.inserted = [&](Cell& c, std::span<Cell* const> parents) {
+    own.inserted += owns(c) ? 1 : 0;
+    if (counting.before.inserted) counting.before.inserted(c, parents);
+  };
+  state_.hooks.removing = [&](Cell& c, std::span<Cell* const> neighbours) {
+    if (counting.before.removing) counting.before.removing(c, neighbours);
+    own.removed += owns(c) ? 1 : 0;
+  };
+  statistics_ = update();
+  statistics_.inserted = own.inserted;
+  statistics_.removed = own.removed;
 }
 
 }  // namespace velmar_2d::detail

@@ -70,6 +70,10 @@ class PieceUpdate {
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
 
+  void keep_window();
+  /// Runs what changes all of the window.
+  void update_window(const std::function<UpdateStatistics()>& update);
+
  private:
   class Insertion;
   class Removal;
@@ -130,6 +134,7 @@ class PieceUpdate {
   bool surplus_has_gone_ = false;   ///< with the last update
   bool knows_fallen_ = false;       ///< all that may go is around those whose wants have fallen
   bool ghosts_are_needed_ = false;  ///< those that are not have gone
+  bool keeps_windows_ = false;      ///< others need all nodes in theirs
 };
 
 }  // namespace velmar_2d::detail
