@@ -82,9 +82,9 @@ struct Partition::Parts {
     statistics.sharing_seconds += own_seconds() - begin;
   }
   void update(const size_function& size, const batch_size_function& sizes,
-              const init_data_function* init_data);
+              init_data_function* init_data);
   void update_windows(const size_function& size, const batch_size_function& sizes,
-                      const init_data_function* init_data);
+                      init_data_function* init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();

@@ -238,7 +238,7 @@ void Partition::Parts::refuse_after(Adapted before, const char* text) const {
 }
 
 void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
-                              const init_data_function* init_data) {
+                              init_data_function* init_data) {
   refuse_after(Adapted::by_resolve,
                "update() goes on from the grid or from other updates, not from resolve()");
   messages.collective([&] { update_windows(size, sizes, init_data); });
@@ -270,7 +270,7 @@ void Partition::Parts::prepare_window() {
 }
 
 void Partition::Parts::update_windows(const size_function& size, const batch_size_function& sizes,
-                                      const init_data_function* init_data) {
+                                      init_data_function* init_data) {
   statistics = {};
   const double begin = own_seconds();
   const std::int64_t bytes_before = messages.nb_bytes();
@@ -288,7 +288,7 @@ void Partition::Parts::update_windows(const size_function& size, const batch_siz
       ask_window(nodes, of, size, sizes);
     };
     if (init_data != nullptr) {
-      piece->update(wanted, *init_data);
+      piece->update(wanted, std::move(*init_data));
     } else {
       piece->update(wanted);
     }
