@@ -96,7 +96,10 @@ function(velmar_2d_library_properties target shared_macro)
   if(type STREQUAL "SHARED_LIBRARY")
     target_compile_definitions(${target} PUBLIC ${shared_macro})
   elseif(VELMAR_2D_HAS_IPO AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Objects that every compiler can link, not only the one that made them.
-    target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-ffat-lto-objects>)
+    # Objects that every compiler can link, not only the one that made them. Without types as hints
+    # at what overlaps: a program that is linked without optimisation would have them understood by
+    # halves (g++ 12).
+    target_compile_options(${target} PRIVATE
+      $<$<CONFIG:Release>:-ffat-lto-objects;-fno-strict-aliasing>)
   endif()
 endfunction()

@@ -2,25 +2,11 @@
 //
 // A want is noted in the node. Where that is not all, the node is listed: in the order of the list,
 // whichever thread has asked it.
-#include <cmath>
 #include <new>
 
 #include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
-
-WantedLevels::WantedLevels(const State& state, double margin)
-    : dist_0_(state.domain.dist_0),
-      margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
-      limit_(std::min(state.level_max, highest_wanted_level)) {}
-
-Want WantedLevels::of(const Cell& c, double size, std::int32_t lowest) const {
-  if (!(size >= 0.0)) return {c.level, c.level, false};
-  const double ratio = std::abs(dist_0_ / size);
-  const std::int32_t level = level_wanted_by(ratio);
-  const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
-  return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
-}
 
 namespace {
 

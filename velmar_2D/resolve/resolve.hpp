@@ -2,6 +2,7 @@
 // rings, the lattice and graded sizes. Never installed.
 #pragma once
 
+#include <cmath>
 #include <optional>
 
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
@@ -25,7 +26,7 @@ void resolve_mesh_body(State& state, const batch_size_function& size_fun,
                        const Resolution& resolution, bool with_derivatives);
 
 // ---------------------------------------------------------------------------------------------
-// What nodes want (ask_nodes.cpp)
+// What nodes want (by several threads: ask_nodes.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// While this scope lasts, nodes that come have no derivatives yet: they get them when all that
@@ -57,9 +58,19 @@ struct Want {
 
 class WantedLevels {
  public:
-  WantedLevels(const State& state, double margin);
+  WantedLevels(const State& state, double margin)
+      : dist_0_(state.domain.dist_0),
+        margin_ratio_(margin > 0.0 ? std::exp2(margin / 2.0) : 1.0),
+        limit_(std::min(state.level_max, highest_wanted_level)) {}
+
   /// A size that is none wants the level that is there.
-  Want of(const Cell& c, double size, std::int32_t lowest) const;
+  Want of(const Cell& c, double size, std::int32_t lowest) const {
+    if (!(size >= 0.0)) return {c.level, c.level, false};
+    const double ratio = std::abs(dist_0_ / size);
+    const std::int32_t level = level_wanted_by(ratio);
+    const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
+    return {std::clamp(level, lowest, limit_), std::clamp(kept, lowest, limit_), level > limit_};
+  }
 
  private:
   double dist_0_, margin_ratio_;
