@@ -621,24 +621,35 @@ void PieceUpdate::keep_window() {
   state_.candidate_order = CandidateOrder::by_age;
 }
 
+/// Counts own nodes that come and go, and calls the caller's own hooks.
+class PieceUpdate::Counting {
+ public:
+  explicit Counting(PieceUpdate& update) : state_(update.state_), hooks_(state_.hooks) {
+    state_.hooks.inserted = [this, &update](Cell& c, std::span<Cell* const> parents) {
+      inserted += update.owns(c) ? 1 : 0;
+      if (hooks_.inserted) hooks_.inserted(c, parents);
+    };
+    state_.hooks.removing = [this, &update](Cell& c, std::span<Cell* const> neighbours) {
+      if (hooks_.removing) hooks_.removing(c, neighbours);
+      removed += update.owns(c) ? 1 : 0;
+    };
+  }
+  Counting(const Counting&) = delete;
+  Counting& operator=(const Counting&) = delete;
+  ~Counting() { state_.hooks = std::move(hooks_); }
+
+  std::int64_t inserted = 0, removed = 0;
+
+ private:
+  State& state_;
+  NodeHooks hooks_;
+};
+
 void PieceUpdate::update_window(const std::function<UpdateStatistics()>& update) {
-  struct Counting {
-    State& state;
-    NodeHooks before;
-    ~Counting() { state.hooks = std::move(before); }
-  } const counting{state_, state_.hooks};
-  UpdateStatistics own;
-  state_.hooks.inserted = [&](Cell& c, std::span<Cell* const> parents) {
-    own.inserted += owns(c) ? 1 : 0;
-    if (counting.before.inserted) counting.before.inserted(c, parents);
-  };
-  state_.hooks.removing = [&](Cell& c, std::span<Cell* const> neighbours) {
-    if (counting.before.removing) counting.before.removing(c, neighbours);
-    own.removed += owns(c) ? 1 : 0;
-  };
+  const Counting counting(*this);
   statistics_ = update();
-  statistics_.inserted = own.inserted;
-  statistics_.removed = own.removed;
+  statistics_.inserted = counting.inserted;
+  statistics_.removed = counting.removed;
 }
 
 }  // namespace velmar_2d::detail

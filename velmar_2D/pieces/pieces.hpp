@@ -77,6 +77,7 @@ class PieceUpdate {
  private:
   class Insertion;
   class Removal;
+  class Counting;
   Box box_of(const Window& window) const;
   void find_sides_of_box();
   double distance_to_cut(const Cell& c) const;
