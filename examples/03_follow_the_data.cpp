@@ -9,7 +9,7 @@
 // from their neighbours; for the second one the largest error of an interpolated value is shown.
 // Every tenth mesh of the first one is drawn. At the end:
 //
-//      100     1602      133      134     1605      136      134   0.0363
+//      100     1600      132      136     1600      132      136   0.0554
 //     largest error of an interpolated value from step 10 on: 0.0559
 //
 //     03_follow_the_data             pictures go to the folder pictures/
