@@ -30,14 +30,14 @@ void sort_by_place(Workspace& work, Candidates& list, int& n_list) {
   std::array<int, Candidates::capacity> rows;
   int n_unique = 0;
   for (int row = 0; row < n_list; ++row) {
-    auto place = rows.begin() + n_unique;
-    while (place != rows.begin() && comes_first(CandidateOrder::by_place, list, row, place[-1])) {
+    int* place = rows.data() + n_unique;
+    while (place != rows.data() && comes_first(CandidateOrder::by_place, list, row, place[-1])) {
       --place;
     }
-    if (place != rows.begin() && !comes_first(CandidateOrder::by_place, list, place[-1], row)) {
+    if (place != rows.data() && !comes_first(CandidateOrder::by_place, list, place[-1], row)) {
       continue;
     }
-    std::move_backward(place, rows.begin() + n_unique, rows.begin() + n_unique + 1);
+    std::move_backward(place, rows.data() + n_unique, rows.data() + n_unique + 1);
     *place = row;
     ++n_unique;
   }

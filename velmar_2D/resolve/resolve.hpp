@@ -143,8 +143,8 @@ class RingMaker {
 
   /// Completes the rings around p up to this level, and around others what those rest on.
   void raise(Cell& p, std::int32_t level);
-  /// Makes one node at the middle of its parents, by the direction in which they lie from it.
-  void make_between(const std::array<Cell*, nb_directions>& parents, std::int32_t ipos);
+  /// Makes one node at the middle of its parents, those around it by direction.
+  void make_between(const std::array<Cell*, nb_directions>& around, std::int32_t ipos);
 
  private:
   struct Member {

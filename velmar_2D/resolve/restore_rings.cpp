@@ -124,7 +124,8 @@ class Restorer {
   /// As the grid was made: from the east side westwards.
   void place_on_grid(Missing& m, LatticePoint p) const {
     const auto lines = [this](std::int64_t steps) {
-      return static_cast<double>(steps / lattice_.grid_step());
+      const std::int64_t whole = steps / lattice_.grid_step();
+      return static_cast<double>(whole);
     };
     const Frame& frame = state_.domain.frame;
     const std::int64_t width = lattice_.line_at(frame.x_max - frame.x_min);
