@@ -43,6 +43,7 @@ void sort_by_place(Workspace& work, Candidates& list, int& n_list) {
   }
   take_rows(work, list, n_list, std::span(rows).first(static_cast<std::size_t>(n_unique)));
 }
+
 void sort_by_id(Workspace& work, Candidates& list, int& n_list) {
   // Insertion sort of the row numbers; an id that is there already is dropped, so that its first
   // row stays.
