@@ -3,9 +3,10 @@
 //   ring    from the first grid until a ring front is resolved (three updates)
 //   steady  one more update, which leaves every position as it is
 //   front   a step of 1/50 of the way of the travelling ring
-//   resolve_ring, resolve_steady, resolve_front    the same three with resolve_mesh_*(), which
-//   needs
-//           one call where the others need three
+//   resolve_ring, resolve_steady, resolve_front
+//           the same three with resolve_mesh_*(), which needs one call where the others need three
+//   threads_steady, threads_creep, threads_front
+//           resolve_mesh_*() by one and two threads; `creep` moves by two of the finest spacings
 //   walk    the sum over all nodes of their neighbours' values, as a solver's stencil forms it;
 //   also
 //           after 25 steps of the front, and of copies that lie in memory in the order of the list
@@ -73,16 +74,18 @@ void update(double time, std::int64_t nodes) {
   }
 }
 
-void resolve(double time, std::int64_t nodes) {
+void resolve_by(int threads, double time, std::int64_t nodes) {
   const size_function size = spacing_at(time, nodes);
+  const Resolution resolution{.threads = threads};
   if (n_cell_data == 0) {
-    resolve_mesh_no_init(size);
+    resolve_mesh_no_init(size, resolution);
   } else {
     const scenarios::Ring ring = scenarios::travelling_ring(time);
-    resolve_mesh_init(size,
-                      [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); });
+    const auto value = [=](double x, double y) { return std::tanh(20.0 * ring.distance(x, y)); };
+    resolve_mesh_init(size, value, resolution);
   }
 }
+void resolve(double time, std::int64_t nodes) { resolve_by(1, time, nodes); }
 
 /// Time and nodes of all iterations of a benchmark.
 class Cost {
@@ -149,6 +152,26 @@ void time_front(benchmark::State& state, Adaptation* adapt) {
 }
 void front(benchmark::State& state) { time_front(state, update); }
 void resolve_front(benchmark::State& state) { time_front(state, resolve); }
+
+/// Steps of the travelling ring, each so much of its way.
+void time_threads(benchmark::State& state, double step) {
+  const std::int64_t about = state.range(0);
+  const auto threads = static_cast<int>(state.range(2));
+  make_ring(state, 0.0, resolve);
+  Cost cost(state);
+  double way = 0.0;
+  for (auto _ : state) {
+    way += step;
+    cost.time([&] { resolve_by(threads, std::abs(std::remainder(way, 2.0)), about); });
+  }
+  delete_quietly();
+}
+void threads_steady(benchmark::State& state) { time_threads(state, 0.0); }
+void threads_creep(benchmark::State& state) {
+  constexpr double length_of_way = 0.4;
+  time_threads(state, 2.0 * finest_for(state.range(0)) / length_of_way);
+}
+void threads_front(benchmark::State& state) { time_threads(state, 1.0 / 50.0); }
 
 constexpr NeighbourLink Cell::*links[] = {&Cell::n, &Cell::ne, &Cell::e, &Cell::se,
                                           &Cell::s, &Cell::sw, &Cell::w, &Cell::nw};
@@ -224,6 +247,14 @@ BENCHMARK(front)->Apply(sizes);
 BENCHMARK(resolve_ring)->Apply(sizes);
 BENCHMARK(resolve_steady)->Apply(sizes);
 BENCHMARK(resolve_front)->Apply(sizes);
+
+void sizes_and_threads(benchmark::internal::Benchmark* b) {
+  b->ArgsProduct({{100'000, 1'000'000}, {0, 1}, {1, 2}})->ArgNames({"about", "values", "threads"});
+  b->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+}
+BENCHMARK(threads_steady)->Apply(sizes_and_threads);
+BENCHMARK(threads_creep)->Apply(sizes_and_threads);
+BENCHMARK(threads_front)->Apply(sizes_and_threads);
 
 /// The size function of the ring alone, called for every node in list order.
 void asking(benchmark::State& state) {
