@@ -20,8 +20,7 @@ void Partition::Parts::plan_exchange() {
   messages.alone([&] {
     for (std::size_t k = 0; k < ghosts.size(); ++k) {
       const Place place = piece->place_of(*ghosts[k]);
-      const auto found = std::lower_bound(ranks.begin(), ranks.end(), owner(place));
-      const auto i = static_cast<std::size_t>(found - ranks.begin());
+      const std::size_t i = neighbour_of(place);
       received[i].push_back(ghosts[k]);
       received_rows[i].push_back(k);
       out[i].push_back(place);

@@ -15,8 +15,6 @@ std::int32_t distance(const Window& a, const Window& b) {
   return std::max({x, y, 0});
 }
 
-constexpr const char* no_resolve =
-    "resolve() goes on from the grid or from itself, not from update()";
 constexpr const char* no_move =
     "nodes that update() has made cannot be moved: what becomes of them depends on how they came";
 
@@ -36,6 +34,16 @@ int Partition::Parts::owner(Place place) const {
   const std::int32_t column = line(place.x, grid.nx - 1), row = line(place.y, grid.ny - 1);
   return owner_of_cell[static_cast<std::size_t>(row) * static_cast<std::size_t>(grid.nx - 1) +
                        static_cast<std::size_t>(column)];
+}
+
+std::size_t Partition::Parts::neighbour_of(Place place) const {
+  const std::vector<int>& ranks = messages.neighbours();
+  const int rank = owner(place);
+  const auto found = std::lower_bound(ranks.begin(), ranks.end(), rank);
+  if (found == ranks.end() || *found != rank) {
+    throw Error("a node is needed beyond the neighbours: more overlap is wanted");
+  }
+  return static_cast<std::size_t>(found - ranks.begin());
 }
 
 void Partition::Parts::find_neighbours() {
@@ -112,33 +120,56 @@ std::int64_t Partition::first_global_number() const {
 }
 std::int64_t Partition::size() const { return parts_->first_numbers.back(); }
 
+void Partition::Parts::refuse_after(Adapted before, const char* text) const {
+  messages.require_agreement();
+  if (adapted_by == before) throw Error("(velmar_2D/Partition:) ERROR: " + std::string(text));
+}
+
+void Partition::Parts::check_update(const size_function& size,
+                                    const batch_size_function& sizes) const {
+  if (!size && !sizes) throw Error("the sizes are no procedure");
+  if (piece->mesh().transfer() == Transfer::conservative && grid.n_cell_data > 0) {
+    throw Error("Transfer::conservative is for a Mesh of one process");
+  }
+}
+
 void Partition::resolve(const size_function& size, const Resolution& resolution) {
   resolve(size, {}, resolution);
 }
 void Partition::resolve(const size_function& size, init_data_function init_data,
                         const Resolution& resolution) {
-  parts_->refuse_after(Parts::Adapted::by_update, no_resolve);
-  parts_->messages.collective([&] { parts_->resolve(size, {}, std::move(init_data), resolution); });
+  parts_->begin_resolve(size, {}, std::move(init_data), resolution);
 }
 void Partition::resolve_batched(const batch_size_function& sizes, const Resolution& resolution) {
   resolve_batched(sizes, {}, resolution);
 }
 void Partition::resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                                 const Resolution& resolution) {
-  parts_->refuse_after(Parts::Adapted::by_update, no_resolve);
-  parts_->messages.collective(
-      [&] { parts_->resolve({}, sizes, std::move(init_data), resolution); });
+  parts_->begin_resolve({}, sizes, std::move(init_data), resolution);
+}
+void Partition::Parts::begin_resolve(const size_function& size, const batch_size_function& sizes,
+                                     init_data_function init_data, const Resolution& resolution) {
+  refuse_after(Adapted::by_update,
+               "resolve() goes on from the grid or from itself, not from update()");
+  messages.collective(
+      [&] { with_statistics([&] { resolve(size, sizes, std::move(init_data), resolution); }); });
 }
 
-void Partition::update(const size_function& size) { parts_->update(size, {}, nullptr); }
+void Partition::update(const size_function& size) { parts_->begin_update(size, {}, nullptr); }
 void Partition::update(const size_function& size, init_data_function init_data) {
-  parts_->update(size, {}, &init_data);
+  parts_->begin_update(size, {}, &init_data);
 }
 void Partition::update_batched(const batch_size_function& sizes) {
-  parts_->update({}, sizes, nullptr);
+  parts_->begin_update({}, sizes, nullptr);
 }
 void Partition::update_batched(const batch_size_function& sizes, init_data_function init_data) {
-  parts_->update({}, sizes, &init_data);
+  parts_->begin_update({}, sizes, &init_data);
+}
+void Partition::Parts::begin_update(const size_function& size, const batch_size_function& sizes,
+                                    init_data_function* init_data) {
+  refuse_after(Adapted::by_resolve,
+               "update() goes on from the grid or from other updates, not from resolve()");
+  messages.collective([&] { with_statistics([&] { update(size, sizes, init_data); }); });
 }
 
 void Partition::compute_derivatives() {

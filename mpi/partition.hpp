@@ -81,10 +81,13 @@ struct Partition::Parts {
     step();
     statistics.sharing_seconds += own_seconds() - begin;
   }
+  /// Collective, where refuse_after() lets them be.
+  void begin_resolve(const size_function& size, const batch_size_function& sizes,
+                     init_data_function init_data, const Resolution& resolution);
+  void begin_update(const size_function& size, const batch_size_function& sizes,
+                    init_data_function* init_data);
   void update(const size_function& size, const batch_size_function& sizes,
               init_data_function* init_data);
-  void update_windows(const size_function& size, const batch_size_function& sizes,
-                      init_data_function* init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
@@ -94,8 +97,6 @@ struct Partition::Parts {
   double cells_to_cut(const Cell& c) const;
   void list_rings();
   bool window_agrees();
-  template <typename Read, typename Write>
-  void exchange_window(std::size_t width, const Read& read, const Write& write);
   void refuse_after(Adapted before, const char* text) const;
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
@@ -114,29 +115,77 @@ struct Partition::Parts {
   /// By neighbour. Those of no neighbour are a fault.
   std::vector<std::vector<Place>> by_owner(const std::vector<Place>& places) const;
 
-  /// Gives ghosts rows of numbers of their owners. `read` and `write` handle one row.
+  /// Where the owner of a place stands among the neighbours.
+  std::size_t neighbour_of(Place place) const;
+
+  /// Gives ghosts, or nodes of windows, rows of numbers of their owners. `read` and `write` handle
+  /// one row.
   template <typename Read, typename Write>
   void exchange_rows(std::size_t width, GhostLayer layer, const Read& read, const Write& write);
+  template <typename Read, typename Write>
+  void exchange_window(std::size_t width, const Read& read, const Write& write);
+
+  /// Throws what no update of many processes can do.
+  void check_update(const size_function& size, const batch_size_function& sizes) const;
+  /// Runs an update, and tells what it did and took.
+  template <typename Update>
+  void with_statistics(const Update& update);
 };
+
+/// Rows of numbers of some nodes, by neighbour, for others there.
+template <typename Read, typename Write>
+void exchange_between(Messages& messages, std::span<const std::span<Cell* const>> from,
+                      std::span<const std::span<Cell* const>> to, std::size_t width,
+                      const Read& read, const Write& write) {
+  std::vector<std::vector<double>> out(from.size());
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    out[i].resize(from[i].size() * width);
+    for (std::size_t k = 0; k < from[i].size(); ++k) read(*from[i][k], out[i].data() + k * width);
+  }
+  const std::vector<std::vector<double>> in = messages.exchange(out);
+  for (std::size_t i = 0; i < to.size(); ++i) {
+    if (in[i].size() != to[i].size() * width) continue;  // a fault there, told in together()
+    for (std::size_t k = 0; k < to[i].size(); ++k) write(*to[i][k], in[i].data() + k * width);
+  }
+}
 
 template <typename Read, typename Write>
 void Partition::Parts::exchange_rows(std::size_t width, GhostLayer layer, const Read& read,
                                      const Write& write) {
-  const auto n = [layer](std::size_t linked, std::size_t all) {
-    return layer == GhostLayer::linked ? linked : all;
+  using Nodes = std::span<Cell* const>;
+  const auto of_layer = [layer](const std::vector<std::vector<Cell*>>& nodes,
+                                const std::vector<std::size_t>& nb_linked) {
+    std::vector<Nodes> some(nodes.begin(), nodes.end());
+    for (std::size_t i = 0; i < nodes.size() && layer == GhostLayer::linked; ++i) {
+      some[i] = some[i].first(nb_linked[i]);
+    }
+    return some;
   };
-  std::vector<std::vector<double>> out(sent.size());
-  for (std::size_t i = 0; i < sent.size(); ++i) {
-    const std::size_t rows = n(nb_sent_linked[i], sent[i].size());
-    out[i].resize(rows * width);
-    for (std::size_t k = 0; k < rows; ++k) read(*sent[i][k], out[i].data() + k * width);
-  }
-  const std::vector<std::vector<double>> in = messages.exchange(out);
-  for (std::size_t i = 0; i < received.size(); ++i) {
-    const std::size_t rows = n(nb_received_linked[i], received[i].size());
-    if (in[i].size() != rows * width) continue;  // a fault there, told in together()
-    for (std::size_t k = 0; k < rows; ++k) write(*received[i][k], in[i].data() + k * width);
-  }
+  exchange_between(messages, of_layer(sent, nb_sent_linked), of_layer(received, nb_received_linked),
+                   width, read, write);
+}
+
+template <typename Read, typename Write>
+void Partition::Parts::exchange_window(std::size_t width, const Read& read, const Write& write) {
+  using Nodes = std::span<Cell* const>;
+  exchange_between(messages, std::vector<Nodes>(window_sent.begin(), window_sent.end()),
+                   std::vector<Nodes>(window_received.begin(), window_received.end()), width, read,
+                   write);
+}
+
+template <typename Update>
+void Partition::Parts::with_statistics(const Update& update) {
+  statistics = {};
+  const double begin = own_seconds();
+  const std::int64_t bytes_before = messages.nb_bytes();
+  update();
+  const UpdateStatistics& own = piece->statistics();
+  statistics.inserted = own.inserted;
+  statistics.removed = own.removed;
+  statistics.visited = own.visited;
+  statistics.refused = own.refused;
+  statistics.nb_bytes = messages.nb_bytes() - bytes_before;
+  statistics.update_seconds = own_seconds() - begin;
 }
 
 }  // namespace velmar_2d

@@ -1,6 +1,5 @@
 // An update of all processes together.
 #include <algorithm>
-#include <unordered_set>
 
 #include "partition.hpp"
 
@@ -13,15 +12,8 @@ constexpr const char* differing =
 }
 
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
-  const std::vector<int>& ranks = messages.neighbours();
-  std::vector<std::vector<Place>> sorted(ranks.size());
-  for (const Place& place : places) {
-    const auto found = std::lower_bound(ranks.begin(), ranks.end(), owner(place));
-    if (found == ranks.end() || *found != owner(place)) {
-      throw Error("a node is needed beyond the neighbours: more overlap is wanted");
-    }
-    sorted[static_cast<std::size_t>(found - ranks.begin())].push_back(place);
-  }
+  std::vector<std::vector<Place>> sorted(messages.neighbours().size());
+  for (const Place& place : places) sorted[neighbour_of(place)].push_back(place);
   return sorted;
 }
 
@@ -178,20 +170,13 @@ void Partition::Parts::settle() {
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
-  statistics = {};
-  const double begin = own_seconds();
-  const std::int64_t bytes_before = messages.nb_bytes();
   nb_handed_on = 0;
   known_ghosts.clear();
   messages.alone([&] {
-    const Mesh& mesh = piece->mesh();
-    if (!size && !sizes) throw Error("the sizes are no procedure");
+    check_update(size, sizes);
     if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
     if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
     if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
-    if (mesh.transfer() == Transfer::conservative && grid.n_cell_data > 0) {
-      throw Error("Transfer::conservative is for a Mesh of one process");
-    }
     piece->compute_derivatives();
     if (sizes) {
       piece->begin_batched(sizes, resolution, std::move(init_data));
@@ -211,13 +196,6 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     exchange_data();
     if (!agrees()) throw FaultOfAll(differing);
   });
-  const UpdateStatistics& own = piece->statistics();
-  statistics.inserted = own.inserted;
-  statistics.removed = own.removed;
-  statistics.visited = own.visited;
-  statistics.refused = own.refused;
-  statistics.nb_bytes = messages.nb_bytes() - bytes_before;
-  statistics.update_seconds = own_seconds() - begin;
 }
 
 }  // namespace velmar_2d

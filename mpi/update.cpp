@@ -47,11 +47,9 @@ void Partition::Parts::plan_window() {
   std::vector<std::vector<Place>> out(nb_neighbours);
   messages.alone([&] {
     piece->own_nodes();  // row_of() needs them
-    const std::vector<int>& ranks = messages.neighbours();
     for (Cell* c : piece->ghosts()) {
       const Place place = piece->place_of(*c);
-      const auto found = std::lower_bound(ranks.begin(), ranks.end(), owner(place));
-      const auto i = static_cast<std::size_t>(found - ranks.begin());
+      const std::size_t i = neighbour_of(place);
       asked[i].push_back(c);
       out[i].push_back(place);
     }
@@ -78,25 +76,6 @@ void Partition::Parts::plan_window() {
     is_stranger = {strangers.begin(), strangers.end()};
   });
   messages.together();
-}
-
-/// Rows of numbers of all nodes of windows that their owners have.
-template <typename Read, typename Write>
-void Partition::Parts::exchange_window(std::size_t width, const Read& read, const Write& write) {
-  std::vector<std::vector<double>> out(window_sent.size());
-  for (std::size_t i = 0; i < window_sent.size(); ++i) {
-    out[i].resize(window_sent[i].size() * width);
-    for (std::size_t k = 0; k < window_sent[i].size(); ++k) {
-      read(*window_sent[i][k], out[i].data() + k * width);
-    }
-  }
-  const std::vector<std::vector<double>> in = messages.exchange(out);
-  for (std::size_t i = 0; i < window_received.size(); ++i) {
-    if (in[i].size() != window_received[i].size() * width) continue;  // a fault there
-    for (std::size_t k = 0; k < window_received[i].size(); ++k) {
-      write(*window_received[i][k], in[i].data() + k * width);
-    }
-  }
 }
 
 /// Nodes that no owner has hold values from when they came: they get those around them, so that
@@ -232,18 +211,6 @@ void Partition::Parts::ask_window(std::span<const Cell* const> nodes, std::span<
   for (const std::size_t i : unwanted) of[i] = as_coarse_as_can_be;
 }
 
-void Partition::Parts::refuse_after(Adapted before, const char* text) const {
-  messages.require_agreement();
-  if (adapted_by == before) throw Error("(velmar_2D/Partition:) ERROR: " + std::string(text));
-}
-
-void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
-                              init_data_function* init_data) {
-  refuse_after(Adapted::by_resolve,
-               "update() goes on from the grid or from other updates, not from resolve()");
-  messages.collective([&] { update_windows(size, sizes, init_data); });
-}
-
 /// Ghosts are what their owners have, as far as they have them.
 void Partition::Parts::prepare_window() {
   if (adapted_by == Adapted::by_nothing) {
@@ -269,17 +236,9 @@ void Partition::Parts::prepare_window() {
   exchange_derivatives();
 }
 
-void Partition::Parts::update_windows(const size_function& size, const batch_size_function& sizes,
-                                      init_data_function* init_data) {
-  statistics = {};
-  const double begin = own_seconds();
-  const std::int64_t bytes_before = messages.nb_bytes();
-  messages.alone([&] {
-    if (!size && !sizes) throw Error("the sizes are no procedure");
-    if (piece->mesh().transfer() == Transfer::conservative && grid.n_cell_data > 0) {
-      throw Error("Transfer::conservative is for a Mesh of one process");
-    }
-  });
+void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
+                              init_data_function* init_data) {
+  messages.alone([&] { check_update(size, sizes); });
   messages.together();
   sharing([&] { prepare_window(); });
   messages.alone([&] {
@@ -305,13 +264,6 @@ void Partition::Parts::update_windows(const size_function& size, const batch_siz
     plan_exchange();
     number_nodes();
   });
-  const UpdateStatistics& own = piece->statistics();
-  statistics.inserted = own.inserted;
-  statistics.removed = own.removed;
-  statistics.visited = own.visited;
-  statistics.refused = own.refused;
-  statistics.nb_bytes = messages.nb_bytes() - bytes_before;
-  statistics.update_seconds = own_seconds() - begin;
 }
 
 }  // namespace velmar_2d
