@@ -106,6 +106,14 @@ class TraversalHistory {
 // Walks
 // ---------------------------------------------------------------------------------------------
 
+/// The first lines of a node's record.
+VELMAR_2D_ALWAYS_INLINE void prefetch_lines(const Cell* c, std::size_t nb_lines) {
+  if (c == nullptr) return;
+  for (std::size_t i = 0; i < nb_lines; ++i) {
+    prefetch(reinterpret_cast<const std::byte*>(c) + i * cache_line);
+  }
+}
+
 /// Prefetches the corners of the squares and diamonds that could get a centre next to c, as far as
 /// they are no neighbours of c. Reads the links of c and of its neighbours.
 VELMAR_2D_ALWAYS_INLINE void prefetch_far_corners(const Cell& c) {

@@ -17,14 +17,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// The first lines of a node's record.
-VELMAR_2D_ALWAYS_INLINE void prefetch_lines(const Cell* c, std::size_t nb_lines) {
-  if (c == nullptr) return;
-  for (std::size_t i = 0; i < nb_lines; ++i) {
-    prefetch(reinterpret_cast<const std::byte*>(c) + i * cache_line);
-  }
-}
-
 void remove(State& state, Cell& c) {
   Cell* node = &c;
   remove_by_level(state, node);
@@ -264,8 +256,7 @@ class Resolver {
 
   void release_surplus() {
     // Where much has changed, a walk through all nodes is faster.
-    constexpr std::size_t few = 12;  // one in so many
-    if (!knows_fallen_ || fallen_.size() > static_cast<std::size_t>(state_.nb_nodes) / few) {
+    if (!knows_fallen_ || are_many(fallen_.size(), static_cast<std::size_t>(state_.nb_nodes))) {
       release_everywhere();
       return;
     }

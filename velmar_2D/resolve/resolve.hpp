@@ -99,6 +99,13 @@ inline bool may_release(const Cell& c, const Want& want) {
   return want.kept < wanted_level(c) && wanted_level(c) > c.ipos;
 }
 
+/// Whether wants have fallen at so many nodes that all nodes had better be looked at for what may
+/// go.
+inline bool are_many(std::size_t nb_fallen, std::size_t nb_nodes) {
+  constexpr std::size_t one_in = 12;
+  return nb_fallen > nb_nodes / one_in;
+}
+
 /// A node that is still to be settled.
 struct Demand {
   Cell* node;

@@ -1,0 +1,140 @@
+// Nodes that go: those that neither own nodes nor others need.
+#include "velmar_2D/pieces/pieces.hpp"
+
+namespace velmar_2d::detail {
+
+/// While nodes go. Those that have gone are forgotten at its end.
+class PieceUpdate::Removal {
+ public:
+  explicit Removal(PieceUpdate& update) : update_(update), join_at_end_(update.state_) {
+    if (!update.state_.lists_are_split()) split_sublists(update.state_);
+  }
+  Removal(const Removal&) = delete;
+  Removal& operator=(const Removal&) = delete;
+  ~Removal() {
+    update_.forget_gone();
+    update_.state_.resolved_revision = update_.state_.mesh_revision;
+  }
+
+ private:
+  PieceUpdate& update_;
+  JoinAtEnd join_at_end_;
+};
+
+// Each ghost that is no surplus has an own node that wants it or rests on it, if only by way of
+// other ghosts.
+std::vector<LatticePoint> PieceUpdate::find_needs() {
+  if (!ghosts_are_needed_) {
+    for (Cell* c : std::exchange(held_ghosts_, {})) {
+      c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+    }
+    for (Cell* c : newcomers_) {
+      if (!owns(*c)) ghosts_.push_back(c);
+    }
+    std::vector<Cell*> candidates = ghosts_;
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Cell* a, const Cell* b) { return a->ipos > b->ipos; });
+    const Removal removal(*this);
+    for (Cell* c : candidates) {
+      if (is_surplus(*c)) remove(*c);
+    }
+    ghosts_are_needed_ = true;
+  }
+  std::vector<LatticePoint> places;
+  for (const Cell* c : ghosts_) {
+    if (c->ipos > 0) places.push_back(place_of(*c));
+  }
+  return places;
+}
+
+bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
+  const std::vector<Cell*> before = std::exchange(held_, {});
+  for (Cell* c : before) c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+  for (const LatticePoint& p : places) {
+    Cell* c = near_node_at(p);
+    if (c == nullptr) continue;
+    c->wanted_level |= is_held;
+    held_.push_back(c);
+  }
+  bool has_lost = false;
+  for (Cell* c : before) {
+    if ((c->wanted_level & is_held) != 0) continue;
+    has_lost = true;
+    freed_.push_back(c);
+  }
+  return has_lost;
+}
+
+void PieceUpdate::forget_gone() {
+  if (gone_.empty()) return;
+  const auto has_gone = [this](const Cell* c) { return gone_.contains(c); };
+  std::erase_if(ghosts_, has_gone);
+  std::erase_if(near_, has_gone);
+  std::erase_if(freed_, has_gone);
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+    if (has_gone(newcomers_[i])) continue;
+    newcomers_[n] = newcomers_[i];
+    parents_[n++] = parents_[i];
+  }
+  newcomers_.resize(n);
+  parents_.resize(n);
+  nb_noted_ = nb_told_ = n;
+  gone_.clear();
+  state_.history.forget();
+}
+
+/// What it rested on may be no more than surplus now.
+void PieceUpdate::remove(Cell& c) {
+  if (owns(c)) {
+    ++statistics_.removed;
+    gone_own_.push_back(&c);
+  }
+  for (int d = c.ipos % 2; d < nb_directions; d += 2) {
+    Cell* parent = link(c, d).cell();
+    if (parent != nullptr && parent->ipos > 0) freed_.push_back(parent);
+  }
+  gone_.insert(&c);
+  Cell* node = &c;
+  remove_by_level(state_, node);
+}
+
+void PieceUpdate::release() {
+  const Removal removal(*this);
+  if (!knows_fallen_ || are_many(fallen_.size(), own_nodes_.size())) {
+    release_everywhere();
+  } else {
+    release_around_fallen();
+  }
+  knows_fallen_ = surplus_has_gone_ = true;
+  fallen_.clear();
+  freed_.clear();
+  is_updating_ = is_listed_ = false;
+  state_.surplus_has_gone = false;
+}
+
+void PieceUpdate::release_everywhere() {
+  for (std::size_t l = state_.level_end.size(); l-- > 0;) {
+    for (Cell* c = state_.level_end[l].next; c != nullptr;) {
+      Cell* next = c->prev;
+      if (is_surplus(*c)) remove(*c);
+      c = next;
+    }
+  }
+}
+
+void PieceUpdate::release_around_fallen() {
+  for (const Cell* p : fallen_) {
+    for (int d = 0; d < nb_directions; ++d) {
+      Cell* linked = link(*p, d).cell();
+      if (linked != nullptr && linked->ipos > p->ipos) freed_.push_back(linked);
+    }
+  }
+  std::size_t next = 0;  // removals make more
+  while (next < freed_.size()) {
+    Cell* c = freed_[next++];
+    if (!gone_.contains(c) && is_surplus(*c)) remove(*c);
+  }
+}
+
+}  // namespace velmar_2d::detail
