@@ -22,6 +22,12 @@ void remove(State& state, Cell& c) {
   remove_by_level(state, node);
 }
 
+/// Whether there is the grid alone, of which nothing can go. Needs: lists are split.
+bool is_bare_grid(const State& state) {
+  return std::all_of(state.level_beg.begin() + 1, state.level_beg.end(),
+                     [](const Handle& first) { return first.next == nullptr; });
+}
+
 class Resolver {
  public:
   /// Needs: a mesh in order.
@@ -412,7 +418,9 @@ class ResolveUpdate {
       compute_data_at_all_nodes(state_, resolution_.threads);  // joins the list
       split_sublists(state_);
     }
-    Resolver resolver(state_, resolution_, std::exchange(order_.surplus_has_gone, false));
+    const bool surplus_has_gone = order_.surplus_has_gone || is_bare_grid(state_);
+    order_.surplus_has_gone = false;
+    Resolver resolver(state_, resolution_, surplus_has_gone);
     resolver.resolve(size_fun);
     order_.surplus_has_gone = true;
   }
