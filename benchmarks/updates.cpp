@@ -140,31 +140,34 @@ void time_steady(benchmark::State& state, Adaptation* adapt) {
 void steady(benchmark::State& state) { time_steady(state, update); }
 void resolve_steady(benchmark::State& state) { time_steady(state, resolve); }
 
+/// Steps of the travelling ring, each so much of its way. The first ones, in which the memory grows
+/// to what a step needs, are not timed.
+template <typename Adapt>
+void time_steps(benchmark::State& state, double step, const Adapt& adapt) {
+  constexpr int nb_growing = 2;
+  Cost cost(state);
+  double way = 0.0;
+  const auto go_on = [&] {
+    way += step;
+    adapt(std::abs(std::remainder(way, 2.0)), state.range(0));
+  };
+  for (int i = 0; i < nb_growing; ++i) go_on();
+  for (auto _ : state) cost.time(go_on);
+  delete_quietly();
+}
+
 void time_front(benchmark::State& state, Adaptation* adapt) {
   make_ring(state, 0.0, adapt);
-  Cost cost(state);
-  int step = 0;
-  for (auto _ : state) {
-    const double time = std::abs(std::remainder(static_cast<double>(++step) / 50.0, 2.0));
-    cost.time([&] { adapt(time, state.range(0)); });
-  }
-  delete_quietly();
+  time_steps(state, 1.0 / 50.0, adapt);
 }
 void front(benchmark::State& state) { time_front(state, update); }
 void resolve_front(benchmark::State& state) { time_front(state, resolve); }
 
-/// Steps of the travelling ring, each so much of its way.
 void time_threads(benchmark::State& state, double step) {
-  const std::int64_t about = state.range(0);
   const auto threads = static_cast<int>(state.range(2));
   make_ring(state, 0.0, resolve);
-  Cost cost(state);
-  double way = 0.0;
-  for (auto _ : state) {
-    way += step;
-    cost.time([&] { resolve_by(threads, std::abs(std::remainder(way, 2.0)), about); });
-  }
-  delete_quietly();
+  time_steps(state, step,
+             [threads](double time, std::int64_t nodes) { resolve_by(threads, time, nodes); });
 }
 void threads_steady(benchmark::State& state) { time_threads(state, 0.0); }
 void threads_creep(benchmark::State& state) {
