@@ -15,20 +15,14 @@ void compute_by_one_thread(const State& state) {
   }
 }
 
-/// Ends the work of a thread: what a failure says is found out by one thread alone.
-struct Failure {};
-
 void compute_portions(const State& state, Portions& portions) noexcept {
   try {
-    Handlers handlers;
-    handlers.fatal = [](std::string_view) { throw Failure(); };
-    Workspace work;
-    work.handlers = &handlers;
+    ThreadWorkspace own;
     for (Portion portion = portions.take(); !portion.empty(); portion = portions.take()) {
       Walk walk = Walk::to_derive(state.history, portion.number);
       for (Cell& c : walk(portion.first)) {
         if (&c == portion.end) break;
-        compute_data_at_node(state, work, &c);
+        compute_data_at_node(state, own.work, &c);
       }
     }
   } catch (...) {

@@ -62,6 +62,22 @@ struct Workspace {
   }
 };
 
+/// That of one of several threads: a failure throws, and what it says is found out by one thread
+/// alone, afterwards.
+struct ThreadWorkspace {
+  struct Failure {};
+
+  ThreadWorkspace() {
+    handlers.fatal = [](std::string_view) { throw Failure(); };
+    work.handlers = &handlers;
+  }
+  ThreadWorkspace(const ThreadWorkspace&) = delete;
+  ThreadWorkspace& operator=(const ThreadWorkspace&) = delete;
+
+  Handlers handlers;
+  Workspace work;
+};
+
 /// Copies a row; rows are counted from 0. The distance stays behind.
 template <int nb_rows>
 void copy_row(StencilTable<nb_rows>& to, int row, const Candidates& from, int from_row) {
@@ -303,8 +319,8 @@ bool acceptance_is_certain(const Domain& domain, const FitOperator& op, const Ce
                            const Stencil& list);
 
 // ---------------------------------------------------------------------------------------------
-// The derivatives at a node, with all shortcuts (derivatives_by_shortcuts.cpp), and at every node
-// (compute_data_at_all_nodes.cpp)
+// The derivatives at a node, with all shortcuts (derivatives_by_shortcuts.cpp), at some nodes and
+// at every node (compute_data_at_nodes.cpp, compute_data_at_all_nodes.cpp)
 // ---------------------------------------------------------------------------------------------
 
 /// Safe on different nodes of one mesh from any number of threads, each with a workspace of its
@@ -314,5 +330,7 @@ void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* 
 /// For every node, in the order of the list, or by several threads: with the same results, and ends
 /// where one thread does, in the caller's.
 void compute_data_at_all_nodes(State& state, int threads);
+/// Likewise for some.
+void compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads);
 
 }  // namespace velmar_2d::detail

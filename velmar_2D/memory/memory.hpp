@@ -126,6 +126,20 @@ VELMAR_2D_ALWAYS_INLINE void prefetch_far_corners(const Cell& c) {
   }
 }
 
+/// What is read first of the neighbours of c.
+VELMAR_2D_ALWAYS_INLINE void prefetch_neighbours(const Cell& c) {
+  for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(c, d).cell(), 2);
+}
+
+/// The far corner of a regular square around c, the first one that is tried. No link of c leads
+/// there. Reads the links of c and of a neighbour.
+VELMAR_2D_ALWAYS_INLINE void prefetch_corner_of_square(const Cell& c) {
+  if (c.reserve != 4) return;
+  const int to_a = c.level % 2 == 0 ? north : north_east;
+  const Cell* a = link(c, to_a).cell();
+  if (a != nullptr) prefetch(link(*a, to_a + 2).cell());
+}
+
 /// A walk through the stretches of a list, one after the other:
 ///
 ///     Walk walk = Walk::to_refine(history);
@@ -260,15 +274,6 @@ class Walk {
   VELMAR_2D_ALWAYS_INLINE static void prefetch_at(std::uintptr_t address) {
     prefetch(reinterpret_cast<const void*>(address));
   }
-  VELMAR_2D_ALWAYS_INLINE static void prefetch_neighbours(const Cell& c) {
-    for (int d = 0; d < nb_directions; ++d) {
-      const Cell* neighbour = link(c, d).cell();
-      if (neighbour == nullptr) continue;
-      prefetch_at(address_of(neighbour));
-      prefetch_at(address_of(neighbour) + cache_line);
-    }
-  }
-
   /// The next node but a few comes into sight: its first line tells whether more of it is needed.
   VELMAR_2D_ALWAYS_INLINE void advance_far(bool busy) {
     if (far_ == nullptr) return;
@@ -292,10 +297,7 @@ class Walk {
     if (corner_ == nullptr) return;
     const Cell& c = *corner_;
     corner_ = corner_->*step_;
-    if (c.reserve != 4) return;
-    const int to_a = c.level % 2 == 0 ? north : north_east;
-    const Cell* a = link(c, to_a).cell();
-    if (a != nullptr) prefetch(link(*a, to_a + 2).cell());
+    prefetch_corner_of_square(c);
   }
 
   bool in_history(std::ptrdiff_t i) const { return i >= 0 && i < history_->size(); }

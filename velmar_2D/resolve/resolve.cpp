@@ -36,7 +36,7 @@ class Resolver {
   Resolver(State& state, const Resolution& resolution, bool surplus_has_gone)
       : state_(state),
         wants_(state, resolution.margin),
-        derive_later_(state),
+        derive_later_(state, resolution.threads),
         rings_(state, nodes_, resolution.most_nodes),
         slope_(resolution.slope),
         threads_(Portions::useful_threads(state, resolution.threads)),

@@ -33,20 +33,21 @@ void resolve_mesh_body(State& state, const batch_size_function& size_fun,
 /// come with them are there, so that it does not matter in which order they came.
 class DeriveLater {
  public:
-  explicit DeriveLater(State& state) : state_(state) { state.derives_later = true; }
+  explicit DeriveLater(State& state, std::int32_t threads = 1) : state_(state), threads_(threads) {
+    state.derives_later = true;
+  }
   DeriveLater(const DeriveLater&) = delete;
   DeriveLater& operator=(const DeriveLater&) = delete;
   ~DeriveLater() { state_.derives_later = false; }
 
   /// Those of some nodes, where there are data.
   void derive(std::span<Cell* const> nodes) const {
-    if (state_.n_cell_data <= 0) return;
-    Workspace work;
-    for (Cell* c : nodes) compute_data_at_node(state_, work, c);
+    if (state_.n_cell_data > 0) compute_data_at_nodes(state_, nodes, threads_);
   }
 
  private:
   State& state_;
+  std::int32_t threads_;
 };
 
 /// What a size means for a node.
