@@ -14,7 +14,7 @@ namespace {
 
 using Kind = Step::Kind;
 
-struct Fault {
+struct WrongAt {
   std::string reason;
   std::size_t place;
 };
@@ -93,7 +93,7 @@ class Reader {
   void read() {
     choice();
     if (skip_blanks(); place_ < text_.size()) {
-      throw Fault{"unexpected \"" + std::string(text_.substr(place_, 1)) + "\"", place_};
+      throw WrongAt{"unexpected \"" + std::string(text_.substr(place_, 1)) + "\"", place_};
     }
   }
 
@@ -134,7 +134,7 @@ class Reader {
     const std::size_t begin = place_;
     const bool negative = take("-");
     if (negative || take("+")) {
-      if (after_sign) throw Fault{"one sign after another", begin};
+      if (after_sign) throw WrongAt{"one sign after another", begin};
       sign(true);
       if (negative) push({.kind = Kind::negate}, 1);
       return;
@@ -147,7 +147,7 @@ class Reader {
 
   void value() {
     skip_blanks();
-    if (place_ == text_.size()) throw Fault{"something is missing at the end", place_};
+    if (place_ == text_.size()) throw WrongAt{"something is missing at the end", place_};
     if (take("(")) {
       choice();
       return need(")");
@@ -155,7 +155,7 @@ class Reader {
     const char c = text_[place_];
     if (is_digit(c) || c == '.') return number();
     if (std::isalpha(static_cast<unsigned char>(c)) != 0 || c == '_') return name();
-    throw Fault{"unexpected \"" + std::string(1, c) + "\"", place_};
+    throw WrongAt{"unexpected \"" + std::string(1, c) + "\"", place_};
   }
 
   void number() {
@@ -170,7 +170,7 @@ class Reader {
       ++end;
       any = digits() || any;
     }
-    if (!any) throw Fault{"a point without digits", place_};
+    if (!any) throw WrongAt{"a point without digits", place_};
     if (end < text_.size() && (text_[end] == 'e' || text_[end] == 'E')) {
       const std::size_t before = end++;
       if (end < text_.size() && (text_[end] == '+' || text_[end] == '-')) ++end;
@@ -210,7 +210,7 @@ class Reader {
       push({.kind = Kind::number, .value = static_cast<double>(count)}, 0);
       return push({.kind = Kind::divide}, 2);
     }
-    throw Fault{"\"" + std::string(word) + "\" is not known", begin};
+    throw WrongAt{"\"" + std::string(word) + "\" is not known", begin};
   }
 
   int arguments(std::string_view word, std::size_t begin, int fewest, int most,
@@ -226,7 +226,7 @@ class Reader {
     } while (take(","));
     need(")");
     if (count < fewest || count > most) {
-      throw Fault{std::string(word) + " takes " + std::to_string(fewest) +
+      throw WrongAt{std::string(word) + " takes " + std::to_string(fewest) +
                       (fewest == 1 ? " number" : " numbers"),
                   begin};
     }
@@ -245,8 +245,8 @@ class Reader {
   }
   void need(std::string_view sign) {
     if (take(sign)) return;
-    if (place_ == text_.size()) throw Fault{"\"" + std::string(sign) + "\" is missing", place_};
-    throw Fault{"\"" + std::string(sign) + "\" is missing before \"" +
+    if (place_ == text_.size()) throw WrongAt{"\"" + std::string(sign) + "\" is missing", place_};
+    throw WrongAt{"\"" + std::string(sign) + "\" is missing before \"" +
                     std::string(text_.substr(place_, 1)) + "\"",
                 place_};
   }
@@ -263,7 +263,7 @@ class Reader {
   struct Nesting {
     explicit Nesting(Reader& owner) : reader(owner) {
       constexpr int deepest = 100;
-      if (++reader.nesting_ > deepest) throw Fault{"too deeply nested", reader.place_};
+      if (++reader.nesting_ > deepest) throw WrongAt{"too deeply nested", reader.place_};
     }
     ~Nesting() { --reader.nesting_; }
     Nesting(const Nesting&) = delete;
@@ -302,7 +302,7 @@ std::string read_expression(std::string_view text, Expression& expression) {
   Expression read;
   try {
     Reader(text, read).read();
-  } catch (const Fault& fault) {
+  } catch (const WrongAt& fault) {
     return fault.reason + ", at character " + std::to_string(fault.place + 1);
   }
   expression = std::move(read);

@@ -58,7 +58,7 @@ Indicators derivatives_at(Compute&& compute, Cell* c) {
   return d;
 }
 
-// Searches that are skipped, orders that are computed at once, conditions that are proven instead
+// Searches that are spared, orders that are computed at once, conditions that are proven instead
 // of estimated: none of it may change which stencil is accepted at any node. Another stencil
 // changes the second derivatives in their first digits. Nor may what a workspace held before.
 TEST_F(Derivatives, ByShortcutsAreThoseOfTheRule) {
@@ -97,22 +97,6 @@ TEST_F(Derivatives, ByShortcutsAreThoseOfTheRule) {
   }
   for (const int n : {3, 4, 5, 6}) EXPECT_GE(nb_by_neighbours[n], 100) << n << " neighbours";
   EXPECT_GE(nb_by_neighbours[1], 4);
-}
-
-// The last row runs through the candidates, then the one before it moves on: of all pairs, those
-// that begin with the first row, then those with the second, in ascending order.
-TEST_F(Derivatives, SearchTriesPairsInTheirOrder) {
-  static std::vector<std::pair<double, double>> tried;
-  const auto refuse = [](const detail::State&, detail::Workspace&, const Cell*,
-                         const detail::Stencil& list, int n, double&, double&, double&, double&,
-                         double&, bool&) { tried.emplace_back(list.x[n - 2], list.x[n - 1]); };
-  detail::Workspace work;
-  detail::Derivatives d;
-  for (int row = 0; row < 4; ++row) work.list_2.x[row] = row + 1;
-  std::copy_n(work.list_2.x, 2, work.list_1.x + 4);
-  EXPECT_FALSE(detail::search(refuse, detail::default_state(), work, nullptr, 6, 2, 4, d));
-  EXPECT_EQ(tried, (std::vector<std::pair<double, double>>{
-                       {1, 2}, {1, 3}, {1, 4}, {2, 3}, {2, 4}, {3, 4}}));
 }
 
 // Squares are squares however deep they lie; the Hessian counts with 32-bit powers of two.
@@ -314,59 +298,6 @@ TEST_F(Derivatives, ByShapeAreThoseOfTheFit) {
   EXPECT_GE(nb_moved, 500);
 }
 
-// The search may be skipped only where each of its stencils would be refused, and is skipped where
-// the domain lies far away. In between, where the criterion turns, the proof is put to the test.
-TEST_F(Derivatives, SkippedSearchesWouldHaveFoundNothing) {
-  const detail::State& state = detail::default_state();
-  detail::Workspace work;
-  std::mt19937 random(11);
-  std::uniform_int_distribution<int> step(-2, 2), level(0, 18);
-  std::uniform_real_distribution<double> place(-1.0, 1.0), log_distance(-0.5, 4.0);
-  dist_0 = 0.125;
-  int nb_far = 0, nb_far_skipped = 0, nb_near_skipped = 0;
-  for (int trial = 0; trial < 6000; ++trial) {
-    Cell c;
-    c.level = level(random);
-    const double distance = std::exp(log_distance(random));
-    c.x = (trial % 3 == 0 ? 1.0 : place(random)) * distance;
-    c.y = (trial % 3 == 1 ? 1.0 : place(random)) * distance;
-    const double h = dist_0 / std::exp2(c.level / 2.0);
-    // The node, three neighbours that stay, and rows that come and go.
-    detail::Stencil list{};
-    detail::Candidates candidates{};
-    const double u[6] = {0, 0, 1, 0, -1, 1}, v[6] = {0, 1, 0, -1, 0, 1};
-    for (int i = 0; i < 6; ++i) {
-      list.x[i] = c.x + u[i] * h;
-      list.y[i] = c.y + v[i] * h;
-      candidates.x[i] = c.x + step(random) * h;
-      candidates.y[i] = c.y + step(random) * h;
-    }
-    const bool skipped = detail::search_is_hopeless(state.domain, &c, list, 6, candidates, 6);
-    if (std::min(std::abs(c.x), std::abs(c.y)) > 9.0) {
-      ++nb_far;
-      nb_far_skipped += skipped ? 1 : 0;
-    } else {
-      nb_near_skipped += skipped ? 1 : 0;
-    }
-    if (!skipped) continue;
-    for (int i = -1; i < 6; ++i) {
-      for (int j = -1; j < 6; ++j) {
-        detail::Stencil tried = list;
-        if (i >= 0) detail::copy_row(tried, 4, candidates, i);
-        if (j >= 0) detail::copy_row(tried, 5, candidates, j);
-        double unused[5];
-        bool succ = true;
-        detail::fit_hessian_6pts(state, work, &c, tried, 6, unused[0], unused[1], unused[2],
-                                 unused[3], unused[4], succ);
-        ASSERT_FALSE(succ) << "trial " << trial << ": " << c.x << ", " << c.y;
-      }
-    }
-  }
-  EXPECT_GE(nb_far, 500);
-  EXPECT_EQ(nb_far_skipped, nb_far);
-  EXPECT_GE(nb_near_skipped, 500);
-}
-
 // What the sides say about the gradient. The north is a Neumann side, the west too.
 //
 //     NW --- N --- NE       f = 2 x + 3 y
@@ -507,44 +438,6 @@ TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
     EXPECT_EQ(end.exit_status, EXIT_FAILURE) << message;
     EXPECT_EQ(end.output, message);
   }
-}
-
-// Scattered nodes around the origin. Level 31 wraps to a negative tolerance, which refuses no
-// square system but squares to a positive one; levels that have no spacing refuse all.
-TEST(FitData, ReproducesQuadraticsAndLeavesTheValueWhereItCannot) {
-  const detail::State& state = detail::default_state();
-  const auto quadratic = [](double x, double y) {
-    return 1.0 - 2.0 * x + 0.5 * y + 3.0 * x * x - y * y + 0.25 * x * y;
-  };
-  std::mt19937 random(3);
-  std::uniform_real_distribution<double> place(-1.0, 1.0);
-  detail::Candidates list{}, line{};
-  for (int i = 0; i < 40; ++i) {
-    line.x[i] = list.x[i] = place(random);
-    line.y[i] = 2.0 * line.x[i];
-    list.y[i] = place(random);
-    list.value[i] = quadratic(list.x[i], list.y[i]);
-  }
-  struct Case {
-    int n_list, level;
-    bool written;
-    double spacing = 1.0;
-  };
-  for (const Case& one :
-       {Case{6, 10, true}, Case{7, 10, true}, Case{40, 0, true}, Case{6, 31, true},
-        Case{40, 31, true}, Case{6, 32, false}, Case{9, 32, false}, Case{40, 1000, false},
-        Case{6, 0, false, 1e3}, Case{9, 0, false, 1e3}}) {
-    dist_0 = one.spacing;
-    double value = -77.0;
-    detail::fit_data(state, line, one.n_list, 0.0, 0.0, value, 4);
-    EXPECT_EQ(value, -77.0) << "nodes on one line";
-    detail::fit_data(state, list, one.n_list, 0.3, -0.4, value, one.level);
-    EXPECT_NEAR(value, one.written ? quadratic(0.3, -0.4) : -77.0, 1e-8)
-        << one.n_list << " rows, level " << one.level;
-  }
-  double value = 0.0;
-  const ChildEnd end = run_in_child([&] { detail::fit_data(state, list, 41, 0.0, 0.0, value, 0); });
-  EXPECT_EQ(end.exit_status, EXIT_FAILURE);
 }
 
 }  // namespace

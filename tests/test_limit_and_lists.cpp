@@ -26,7 +26,7 @@ void insert_beside_the_lattice() {
 }
 
 // Midpoints of edges without the centre that would come first: stretch 1 is filled last, between
-// two others, and emptied again. Stretch 3 stays empty, so that joining has to skip stretches.
+// two others, and emptied again. Stretch 3 stays empty, so that joining meets one.
 TEST_F(Lists, NodesEnterAndLeaveAStretchBetweenOthers) {
   const auto stretches = [] {
     split_sublists();

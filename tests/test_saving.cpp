@@ -80,7 +80,7 @@ void expect_same_future(Mesh& a, Mesh& b, std::uint64_t seed, int steps) {
                                a.y_min() + height * random.uniform(), 0.3 * width};
     const auto size = scenarios::ring_spacing(ring, 0.4, 0.2 * a.dist_0(), 2.0 * a.dist_0());
     const int what = random.between(0, 4), limit = random.between(2, 6),
-              skip = random.between(0, 9);
+              number = random.between(0, 9);
     const bool odd = random.between(0, 1) == 1;
     for (Mesh* mesh : {&a, &b}) {
       if (what <= 1) mesh->update(size);
@@ -88,7 +88,7 @@ void expect_same_future(Mesh& a, Mesh& b, std::uint64_t seed, int steps) {
       if (what == 3) mesh->set_limit(limit);
       if (what < 4) continue;
       auto node = mesh->nodes().begin();
-      for (std::int64_t k = skip % mesh->size(); k > 0; --k) ++node;
+      for (std::int64_t k = number % mesh->size(); k > 0; --k) ++node;
       const Proposals proposals = mesh->build_vertex(*node);
       for (const Vertex& v : proposals) {
         if ((v.level % 2 == 1) != odd || v.level > mesh->limit()) continue;

@@ -149,7 +149,7 @@ std::string History::change_limit() {
 
 Cell& History::draw_node() {
   auto node = mesh().nodes().begin();
-  for (int skip = random_.between(0, static_cast<int>(mesh().size()) - 1); skip > 0; --skip) ++node;
+  for (int i = random_.between(0, static_cast<int>(mesh().size()) - 1); i > 0; --i) ++node;
   return *node;
 }
 

@@ -165,4 +165,14 @@ std::string difference(const Positions& mesh, const Positions& expected) {
   return text;
 }
 
+bool is_in_order(const Mesh& mesh) {
+  const std::vector<Finding> findings = mesh.check();
+  for (const Finding& finding : findings) ADD_FAILURE() << finding.rule << ": " << finding.text;
+  return findings.empty();
+}
+
+size_function near_point(double x, double y, double slope, double finest) {
+  return [=](double px, double py, auto...) { return finest + slope * std::hypot(px - x, py - y); };
+}
+
 }  // namespace velmar_2d::tests

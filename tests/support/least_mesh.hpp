@@ -57,4 +57,10 @@ class Lattice {
 /// What two sets do not have in common, for the eye.
 std::string difference(const Positions& mesh, const Positions& expected);
 
+/// Whether the library's own checker finds nothing; a failure for each of its findings.
+bool is_in_order(const Mesh& mesh);
+
+/// A size that grows from a point on.
+size_function near_point(double x, double y, double slope, double finest);
+
 }  // namespace velmar_2d::tests
