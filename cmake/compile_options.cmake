@@ -103,3 +103,21 @@ function(velmar_2d_library_properties target shared_macro)
       $<$<CONFIG:Release>:-ffat-lto-objects;-fno-strict-aliasing>)
   endif()
 endfunction()
+
+# A library beside the core, of the folder that calls: velmar_2d::NAME, with the public header
+# velmar_2D/velmar_2D_NAME.hpp.
+function(velmar_2d_add_library name)
+  set(target velmar_2d_${name})
+  add_library(${target} ${ARGN})
+  add_library(velmar_2d::${name} ALIAS ${target})
+  velmar_2d_compile_options(${target})
+  target_include_directories(${target}
+    PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
+           $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  string(TOUPPER ${target}_SHARED shared_macro)
+  velmar_2d_library_properties(${target} ${shared_macro})
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${name}
+    PUBLIC_HEADER ${CMAKE_CURRENT_SOURCE_DIR}/velmar_2D/velmar_2D_${name}.hpp)
+  target_link_libraries(${target} PUBLIC velmar_2d::velmar_2d)
+endfunction()

@@ -23,13 +23,29 @@ std::span<double> room(Work& work, std::size_t which, std::size_t n) {
 // Explicit steps
 // ---------------------------------------------------------------------------------------------
 
-void heun_step(double time, double step, const rate_function& rate, std::span<double> u,
-               Work& work) {
+namespace {
+
+struct EulerStep {
+  std::span<double> rate_after, after;
+};
+
+/// What both methods begin with: a step of Euler's, and the rate at its end.
+EulerStep euler_step(double time, double step, const rate_function& rate, std::span<const double> u,
+                     Work& work) {
   const std::size_t n = u.size();
   const std::span<double> change = room(work, 0, n), next = room(work, 1, n);
   rate(time, u, change);
   for (std::size_t i = 0; i < n; ++i) next[i] = u[i] + step * change[i];
   rate(time + step, next, change);
+  return {change, next};
+}
+
+}  // namespace
+
+void heun_step(double time, double step, const rate_function& rate, std::span<double> u,
+               Work& work) {
+  const std::size_t n = u.size();
+  const auto [change, next] = euler_step(time, step, rate, u, work);
   for (std::size_t i = 0; i < n; ++i) u[i] = 0.5 * (u[i] + (next[i] + step * change[i]));
 }
 
@@ -37,10 +53,7 @@ void heun_step(double time, double step, const rate_function& rate, std::span<do
 void runge_kutta_step(double time, double step, const rate_function& rate, std::span<double> u,
                       Work& work) {
   const std::size_t n = u.size();
-  const std::span<double> change = room(work, 0, n), next = room(work, 1, n);
-  rate(time, u, change);
-  for (std::size_t i = 0; i < n; ++i) next[i] = u[i] + step * change[i];
-  rate(time + step, next, change);
+  const auto [change, next] = euler_step(time, step, rate, u, work);
   for (std::size_t i = 0; i < n; ++i) next[i] = 0.75 * u[i] + 0.25 * (next[i] + step * change[i]);
   rate(time + 0.5 * step, next, change);
   for (std::size_t i = 0; i < n; ++i) {

@@ -3,14 +3,16 @@
 
     write_tables.py RESULTS PLOT_PROGRAM PICTURE.svg [PAGE]
 
-Without PAGE only the picture is drawn. What stands between the two marks of a table in the page is
-replaced.
+Without PAGE only the picture is drawn.
 """
-import re
+import os
 import subprocess
 import sys
 
 from results import CASES, machine_of, peer_of, read_results, rows_of
+
+sys.path.append(os.path.join(os.path.dirname(__file__), ".."))
+from put_tables import put_tables
 
 LINES = [  # name, case, (side, what), colour
     ("ring, resolve", "ring", ("ours", "resolve"), "0.80 0.15 0.15"),
@@ -110,15 +112,7 @@ def write_page(results, machine, page):
     tables["phases"] = "\n".join(phases_table(results))
     tables["settled"] = "\n".join(settled_table(results))
     tables["machine"] = machine
-    with open(page) as file:
-        text = file.read()
-    for name, table in tables.items():
-        mark = re.compile(rf"(<!-- begin {name} -->\n).*?(<!-- end {name} -->)", re.S)
-        if not mark.search(text):
-            sys.exit(f"{page}: no place for the table {name}")
-        text = mark.sub(lambda found: found[1] + table + "\n" + found[2], text)
-    with open(page, "w") as file:
-        file.write(text)
+    put_tables(tables, page)
 
 
 def main():

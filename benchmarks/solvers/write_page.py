@@ -4,16 +4,18 @@
     write_page.py RESULTS PLOT_PROGRAM CELLS_PROGRAM CELLS_FOLDER PICTURES_FOLDER [PAGE]
                   [--processor]
 
-What stands between the two marks of a table in the page is replaced. --processor: with the
-processor's seconds instead of those of the clock, for a machine that has other work to do.
+--processor: with the processor's seconds instead of those of the clock, for a machine that has other
+work to do.
 """
 import csv
 import math
 import os
-import re
 import statistics
 import subprocess
 import sys
+
+sys.path.append(os.path.join(os.path.dirname(__file__), ".."))
+from put_tables import put_tables
 
 NAMES = {"ours": "this library", "ours_once": "this library, one sum",
          "ours_implicit": "this library, implicit",
@@ -127,18 +129,6 @@ def draw_errors(parts, sides, program, path):
     subprocess.run([program, path], input="\n".join(text) + "\n", text=True, check=True)
 
 
-def write_page(page, tables):
-    with open(page) as file:
-        text = file.read()
-    for name, table in tables.items():
-        mark = re.compile(rf"(<!-- begin {name} -->\n).*?(<!-- end {name} -->)", re.S)
-        if not mark.search(text):
-            sys.exit(f"{page}: no place for the table {name}")
-        text = mark.sub(lambda found: found[1] + table + "\n" + found[2], text)
-    with open(page, "w") as file:
-        file.write(text)
-
-
 def main():
     arguments = [argument for argument in sys.argv[1:] if argument != "--processor"]
     if len(arguments) not in (5, 6):
@@ -159,7 +149,7 @@ def main():
     for name, table in tables.items():
         print(f"{name}\n{table}\n")
     if len(arguments) == 6:
-        write_page(arguments[5], tables)
+        put_tables(tables, arguments[5])
 
 
 if __name__ == "__main__":
