@@ -4,29 +4,38 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velmar_2d)
 
-# Installs one library with its public headers and its part of the CMake package.
-function(velmar_2d_install_library target export runtime_component)
-  install(TARGETS ${target} EXPORT ${export}
-    RUNTIME COMPONENT ${runtime_component}
-    LIBRARY COMPONENT ${runtime_component} NAMELINK_COMPONENT dev
-    ARCHIVE COMPONENT dev
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velmar_2D COMPONENT dev)
-  install(EXPORT ${export} NAMESPACE velmar_2d:: DESTINATION ${package_dir} COMPONENT dev)
-endfunction()
-
-velmar_2d_install_library(velmar_2d velmar_2dTargets library)
+# What is built for tests alone, or not at all, is not among these.
+set(velmar_2d_libraries_beside)
+set(velmar_2d_mpi_libraries)
 foreach(name IN ITEMS io hdf5 numerics)
   if(TARGET velmar_2d_${name})
-    velmar_2d_install_library(velmar_2d_${name} velmar_2d_${name}Targets ${name})
+    list(APPEND velmar_2d_libraries_beside ${name})
+  endif()
+endforeach()
+foreach(name IN ITEMS mpi mpi_io mpi_hdf5)
+  if(VELMAR_2D_BUILD_MPI AND TARGET velmar_2d_${name})
+    list(APPEND velmar_2d_mpi_libraries ${name})
   endif()
 endforeach()
 
-if(VELMAR_2D_BUILD_MPI)
-  velmar_2d_install_library(velmar_2d_mpi velmar_2d_mpiTargets mpi)
-  if(TARGET velmar_2d_mpi_io)
-    velmar_2d_install_library(velmar_2d_mpi_io velmar_2d_mpi_ioTargets mpi)
-  endif()
-endif()
+# Installs one library with its public headers and its part of the CMake package.
+function(velmar_2d_install_library target runtime_component dev_component)
+  install(TARGETS ${target} EXPORT ${target}Targets
+    RUNTIME COMPONENT ${runtime_component}
+    LIBRARY COMPONENT ${runtime_component} NAMELINK_COMPONENT ${dev_component}
+    ARCHIVE COMPONENT ${dev_component}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velmar_2D COMPONENT ${dev_component})
+  install(EXPORT ${target}Targets NAMESPACE velmar_2d:: DESTINATION ${package_dir}
+          COMPONENT ${dev_component})
+endfunction()
+
+velmar_2d_install_library(velmar_2d library dev)
+foreach(name IN LISTS velmar_2d_libraries_beside)
+  velmar_2d_install_library(velmar_2d_${name} ${name} dev)
+endforeach()
+foreach(name IN LISTS velmar_2d_mpi_libraries)
+  velmar_2d_install_library(velmar_2d_${name} ${name} mpi_dev)
+endforeach()
 
 configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake
   INSTALL_DESTINATION ${package_dir})
@@ -44,14 +53,28 @@ list(JOIN VELMAR_2D_CAIRO ", " PC_CAIRO)
 string(REPLACE ">=" " >= " PC_CAIRO "${PC_CAIRO}")
 list(JOIN VELMAR_2D_HDF5 ", " PC_HDF5)
 string(REPLACE ">=" " >= " PC_HDF5 "${PC_HDF5}")
-foreach(library IN ITEMS velmar_2d velmar_2d_io velmar_2d_hdf5 velmar_2d_numerics)
-  if(TARGET ${library})
-    set(PC_DEFINITIONS)
-    if(BUILD_SHARED_LIBS)
-      string(TOUPPER " -D${library}_SHARED" PC_DEFINITIONS)
-    endif()
-    configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc DESTINATION ${PC_DIR} COMPONENT dev)
+function(velmar_2d_install_pc library template component)
+  set(PC_LIBRARY ${library})
+  set(PC_DEFINITIONS)
+  if(BUILD_SHARED_LIBS)
+    string(TOUPPER " -D${library}_SHARED" PC_DEFINITIONS)
+  endif()
+  configure_file(cmake/${template}.pc.in ${library}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc DESTINATION ${PC_DIR}
+          COMPONENT ${component})
+endfunction()
+velmar_2d_install_pc(velmar_2d velmar_2d dev)
+foreach(name IN LISTS velmar_2d_libraries_beside)
+  velmar_2d_install_pc(velmar_2d_${name} velmar_2d_${name} dev)
+endforeach()
+list(JOIN VELMAR_2D_MPI_CFLAGS " " PC_MPI_CFLAGS)
+list(JOIN VELMAR_2D_MPI_LIBS " " PC_MPI_LIBS)
+foreach(name IN LISTS velmar_2d_mpi_libraries)
+  if(name STREQUAL "mpi")
+    velmar_2d_install_pc(velmar_2d_mpi velmar_2d_mpi mpi_dev)
+  else()
+    string(REPLACE "mpi_" "" PC_FILES ${name})
+    velmar_2d_install_pc(velmar_2d_${name} velmar_2d_mpi_files mpi_dev)
   endif()
 endforeach()
 

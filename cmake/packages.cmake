@@ -26,7 +26,8 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/ldconfig_trigger.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${CMAKE_CURRENT_BINARY_DIR}/velmar_2D ${CMAKE_CURRENT_BINARY_DIR}/io
-  ${CMAKE_CURRENT_BINARY_DIR}/hdf5 ${CMAKE_CURRENT_BINARY_DIR}/numerics)
+  ${CMAKE_CURRENT_BINARY_DIR}/hdf5 ${CMAKE_CURRENT_BINARY_DIR}/numerics
+  ${CMAKE_CURRENT_BINARY_DIR}/mpi)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # The changelog as Debian wants it names who made the packages, and when: SOURCE_DATE_EPOCH, where it
@@ -74,6 +75,31 @@ endif()
 # cairo is what the .pc file of the pictures names.
 velmar_2d_package(dev libvelmar-2d-dev libdevel "${libraries}, libcairo2-dev"
   "This package holds the headers and what CMake and pkg-config need.")
+# Who keeps a mesh over many processes needs MPI, and nobody else: packages of their own.
+if(velmar_2d_mpi_libraries)
+  set(mpi libvelmar-2d-mpi${abi})
+  set(mpi_libraries "libvelmar-2d-dev ${same}")
+  foreach(name IN LISTS velmar_2d_mpi_libraries)
+    string(REPLACE _ - package libvelmar-2d-${name})
+    string(REGEX REPLACE "([0-9])$" "\\1-" package ${package})
+    set(needed "${library} ${same}")
+    if(NOT name STREQUAL "mpi")
+      string(REPLACE "mpi_" "" files ${name})
+      set(needed "${mpi} ${same}, ${${files}} ${same}")
+    endif()
+    list(APPEND CPACK_COMPONENTS_ALL ${name})
+    velmar_2d_package(${name} ${package}${abi} libs "${needed}"
+      "This package holds a shared library for one mesh over many processes.")
+    string(APPEND mpi_libraries ", ${package}${abi} ${same}")
+  endforeach()
+  set(mpi_of_debian libopenmpi-dev)
+  if(VELMAR_2D_MPI_LIBS MATCHES "mpich")
+    set(mpi_of_debian libmpich-dev)
+  endif()
+  list(APPEND CPACK_COMPONENTS_ALL mpi_dev)
+  velmar_2d_package(mpi_dev libvelmar-2d-mpi-dev libdevel "${mpi_libraries}, ${mpi_of_debian}"
+    "This package holds the headers for one mesh over many processes.")
+endif()
 velmar_2d_package(tools velmar-2d-tools science "${library} ${same}, ${io} ${same}"
   "This package holds the program velmar_2d, to look at meshes.")
 velmar_2d_package(doc velmar-2d-doc doc ""
@@ -82,10 +108,17 @@ if(TARGET velmar_2d_python)
   list(APPEND CPACK_COMPONENTS_ALL python)
   # The extension module is made for one version of the interpreter.
   math(EXPR next_minor "${Python_VERSION_MINOR} + 1")
-  velmar_2d_package(python python3-velmar-2d python
-    "python3 (>= 3.${Python_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy"
+  set(interpreter "python3 (>= 3.${Python_VERSION_MINOR}), python3 (<< 3.${next_minor})")
+  velmar_2d_package(python python3-velmar-2d python "${interpreter}, python3-numpy"
     "This package holds the module velmar_2d for Python, with the library in it.")
   set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-scipy")
+  if(velmar_2d_mpi_libraries)
+    list(APPEND CPACK_COMPONENTS_ALL python_mpi)
+    velmar_2d_package(python_mpi python3-velmar-2d-mpi python
+      "python3-velmar-2d ${same}, ${interpreter}, python3-mpi4py"
+      "This package holds velmar_2d.mpi for Python: one mesh over many processes.")
+    set(CPACK_DEBIAN_PYTHON_MPI_PACKAGE_SUGGESTS "python3-scipy, python3-petsc4py")
+  endif()
 endif()
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)

@@ -85,6 +85,7 @@ void Partition::Parts::number_nodes() {
 
 std::int64_t Partition::global_number(const Cell& c) const {
   const Parts& parts = *parts_;
+  parts.messages.require_agreement();
   auto& table = parts.number_of;
   if (table.empty()) {
     table.reserve(parts.owned.size() + parts.ghosts.size());

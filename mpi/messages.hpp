@@ -74,7 +74,9 @@ class Messages {
     }
   }
 
-  /// Throws Error where an earlier collective() has failed.
+  /// Whether an earlier collective() has failed.
+  bool is_broken() const { return is_broken_; }
+  /// Throws Error where it has.
   void require_agreement() const {
     if (is_broken_) refuse_broken();
   }

@@ -108,10 +108,17 @@ std::span<const Window> Partition::boxes() const { return parts_->boxes; }
 Mesh& Partition::mesh() { return parts_->piece->mesh(); }
 const Mesh& Partition::mesh() const { return parts_->piece->mesh(); }
 
-std::span<Cell* const> Partition::owned() const { return parts_->owned; }
-std::span<Cell* const> Partition::ghosts() const { return parts_->ghosts; }
+// Where an update has failed, nodes of the lists may be gone.
+std::span<Cell* const> Partition::owned() const {
+  if (parts_->messages.is_broken()) return {};
+  return parts_->owned;
+}
+std::span<Cell* const> Partition::ghosts() const {
+  if (parts_->messages.is_broken()) return {};
+  return parts_->ghosts;
+}
 std::span<Cell* const> Partition::linked_ghosts() const {
-  return ghosts().first(parts_->nb_linked_ghosts);
+  return ghosts().empty() ? ghosts() : ghosts().first(parts_->nb_linked_ghosts);
 }
 bool Partition::owns(const Cell& c) const { return parts_->piece->owns(c); }
 int Partition::owner(const Cell& c) const { return parts_->owner(parts_->piece->place_of(c)); }

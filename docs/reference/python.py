@@ -8,7 +8,7 @@ import sys
 
 ORDER = ["mesh.py", "nodes.py", "links.py"]
 FIRST = "Mesh"
-MODULES = ["numerics"]
+MODULES = ["numerics", "mpi"]
 
 
 def public(parts):

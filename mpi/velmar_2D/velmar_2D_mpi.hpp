@@ -22,8 +22,9 @@
 // arguments but for functions, which need to know what concerns the own nodes alone. A fault on one
 // process (a function that throws, exhausted memory, too many nodes) throws an Error on all, which
 // names the process. Each mesh is whole afterwards, but they do not agree any more: all that is
-// collective throws from then on, and what is not still reads them. Where memory is exhausted while
-// a message arrives, all processes end instead, with a line that names the process.
+// collective throws from then on, mesh() can be read, and owned() and ghosts() are empty. Where
+// memory is exhausted while a message arrives, all processes end instead, with a line that names
+// the process.
 //
 // Nodes of mesh() may be read, and their data values, `used` and `data_ptr` be written. What
 // changes the mesh is for the Partition alone.

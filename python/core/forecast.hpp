@@ -7,23 +7,22 @@
 #include <utility>
 #include <vector>
 
-#include "python/core/bulk_values.hpp"
-#include "python/core/core.hpp"
+#include "python/core/asking.hpp"
 #include "python/core/prefetch.hpp"
 
 namespace velmar_2d::python {
-
-using Nodes = std::span<const Cell* const>;
 
 /// Foresees insertions around the nodes of one stretch, for the vectorised functions that are asked
 /// about new nodes.
 class Forecast {
  public:
-  Forecast(const Mesh& mesh, BulkValues* init_data, std::span<BulkValues> kinds)
+  /// @param whole  where the sides are
+  Forecast(const Mesh& mesh, const Rectangle& whole, BulkValues* init_data,
+           std::span<BulkValues> kinds)
       : mesh_(mesh),
         limit_(mesh.limit()),
         dist_0_(mesh.dist_0()),
-        domain_(mesh.rectangle()),
+        domain_(whole),
         init_data_(init_data),
         kinds_(kinds) {
     if (!has_readers()) return;

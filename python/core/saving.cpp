@@ -1,5 +1,5 @@
 // Meshes in files, as bytes, and copies of them.
-#include "python/core/core.hpp"
+#include "python/core/asking.hpp"
 #include "velmar_2D/snapshot.hpp"
 
 #if defined(VELMAR_2D_PYTHON_HDF5)
@@ -12,26 +12,15 @@ namespace velmar_2d::python {
 
 namespace {
 
-/// What a mesh is told of its sides: `kinds` are those of make_mesh(), or none.
-bc_type_function kinds_for(CoreMesh& core, const py::object& kinds) {
-  if (kinds.is_none()) return {};
-  if (py::isinstance<py::tuple>(kinds)) {
-    const auto [n, e, s, w] = kinds.cast<std::array<std::int32_t, 4>>();
-    return kind_by_side(n, e, s, w);
-  }
-  return [owner = &core](double x, double y, std::string_view name) {
-    return owner->kind_at(x, y, name);
-  };
-}
-
 /// A mesh of Python's from one that `make` gives for some kinds of the sides.
 template <typename Make>
 std::unique_ptr<CoreMesh> made(const py::object& kinds, const Make& make) {
   auto core = std::make_unique<CoreMesh>();
-  const bc_type_function kinds_of_mesh = kinds_for(*core, kinds);
+  const bc_type_function kind_at =
+      kinds.is_none() ? bc_type_function() : kinds_of_mesh(core->kind_at, kinds);
   {
     const py::gil_scoped_release others_may_run;
-    core->mesh = std::make_unique<Mesh>(make(kinds_of_mesh));
+    core->mesh = std::make_unique<Mesh>(make(kind_at));
   }
   core->mesh->set_message_handler(log);
   return core;
@@ -39,8 +28,8 @@ std::unique_ptr<CoreMesh> made(const py::object& kinds, const Make& make) {
 
 std::unique_ptr<CoreMesh> copy(CoreMesh& core, const py::object& kinds) {
   const Busy busy(core, "copy");
-  return made(kinds, [&](const bc_type_function& kinds_of_mesh) {
-    return detail::restore(detail::take_snapshot(*core.mesh), kinds_of_mesh, false);
+  return made(kinds, [&](const bc_type_function& kind_at) {
+    return detail::restore(detail::take_snapshot(*core.mesh), kind_at, false);
   });
 }
 
@@ -97,9 +86,9 @@ std::unique_ptr<CoreMesh> load_mesh(const std::string& path, const std::string& 
                                     const std::optional<std::int64_t>& step,
                                     const std::optional<double>& time, const py::object& kinds,
                                     bool check) {
-  return made(kinds, [&](const bc_type_function& kinds_of_mesh) {
+  return made(kinds, [&](const bc_type_function& kind_at) {
     LoadOptions options = place_in_file(name, step, time);
-    options.bc_type = kinds_of_mesh;
+    options.bc_type = kind_at;
     options.check = check;
     return load(path, options);
   });
@@ -145,10 +134,10 @@ py::bytes to_bytes(CoreMesh& core) {
 
 std::unique_ptr<CoreMesh> from_bytes(const py::bytes& bytes, const py::object& kinds) {
   const std::string_view file = bytes;
-  return made(kinds, [&](const bc_type_function& kinds_of_mesh) {
+  return made(kinds, [&](const bc_type_function& kind_at) {
     // What could be pickled can be unpickled.
     LoadOptions options;
-    options.bc_type = kinds_of_mesh;
+    options.bc_type = kind_at;
     options.check = false;
     return load_from_memory(std::as_bytes(std::span(file)), options);
   });

@@ -3,7 +3,6 @@ from __future__ import annotations
 
 import copy
 import math
-import numbers
 import operator
 import os
 from typing import TYPE_CHECKING, Any, Callable, Mapping, NamedTuple, Sequence
@@ -12,6 +11,8 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core, links
+from .arguments import (TRANSFERS, callables, four_numbers, hooks, limit_of_nodes, not_absurd,
+                        number_of_transfer)
 from .matrices import laplacian
 from .nodes import Nodes
 from .paraview import require_io
@@ -23,7 +24,6 @@ from .saving import own_arrays, readable, require_hdf5
 if TYPE_CHECKING:
     from typing_extensions import Self
 
-_TRANSFERS = ("first", "all", "conservative")
 _MOST_NODES = 2**31 - 1  # which links as indices can tell apart
 
 
@@ -73,10 +73,10 @@ class Mesh:
     def __init__(self, rectangle: Sequence[float] = (0.0, 1.0, 0.0, 1.0), nx: int = 17,
                  ny: int | None = None, subdiv_max: int = 10, n_cell_data: int = 1,
                  bc_type: Any = None, *, vectorised: bool = True) -> None:
-        sides = _four_numbers(rectangle)
+        sides = four_numbers(rectangle)
         nx, ny = operator.index(nx), 0 if ny is None else operator.index(ny)
-        subdiv_max = _not_absurd("subdiv_max", subdiv_max)
-        n_cell_data = _not_absurd("n_cell_data", n_cell_data)
+        subdiv_max = not_absurd("subdiv_max", subdiv_max)
+        n_cell_data = not_absurd("n_cell_data", n_cell_data)
         if n_cell_data < 0:
             raise ValueError(f"n_cell_data is {n_cell_data}; it must not be negative")
         self._kinds = links.kinds_of_sides(bc_type), vectorised
@@ -171,7 +171,7 @@ class Mesh:
 
     @subdiv_max.setter
     def subdiv_max(self, limit: int) -> None:
-        limit = _not_absurd("subdiv_max", limit)
+        limit = not_absurd("subdiv_max", limit)
         if limit < 0:
             raise ValueError(f"subdiv_max is {limit}; it must not be negative")
         self._core.set_subdiv_max(limit, *self._kinds)
@@ -195,13 +195,11 @@ class Mesh:
         "all"           every value is such a mean
         "conservative"  the sum of area times value stays what it is, for every value
         """
-        return _TRANSFERS[self._core.transfer()]
+        return TRANSFERS[self._core.transfer()]
 
     @transfer.setter
     def transfer(self, transfer: str) -> None:
-        if transfer not in _TRANSFERS:
-            raise ValueError(f"transfer is {transfer!r}; it must be one of {_TRANSFERS}")
-        self._core.set_transfer(_TRANSFERS.index(transfer))
+        self._core.set_transfer(number_of_transfer(transfer))
 
     def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                *, vectorised: bool = True, init_vectorised: bool | None = None,
@@ -235,8 +233,8 @@ class Mesh:
         callable leaves the mesh whole, with part of the update done.
         """
         with shown(progress) as told:
-            self._core.update(*_callables(size, init_data, vectorised, init_vectorised),
-                              _hooks(inserted, removing), told, *self._kinds)
+            self._core.update(*callables(size, init_data, vectorised, init_vectorised),
+                              hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
@@ -261,12 +259,10 @@ class Mesh:
                     most. For features so thin that nodes of a coarse mesh do not see them from one
                     to the next. init_data is then asked one by one for what grading adds
         """
-        if most_nodes is not None and operator.index(most_nodes) < 1:
-            raise ValueError(f"most_nodes is {most_nodes}; it must be above 0")
-        size, init_data, *ways = _callables(size, init_data, vectorised, init_vectorised)
+        size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
         with shown(progress) as told:
-            self._core.resolve(size, init_data, float(margin), most_nodes or 0, float(slope), *ways,
-                               _hooks(inserted, removing), told, *self._kinds)
+            self._core.resolve(size, init_data, float(margin), limit_of_nodes(most_nodes),
+                               float(slope), *ways, hooks(inserted, removing), told, *self._kinds)
         return self.statistics
 
     @property
@@ -447,44 +443,6 @@ def save_meshes(path: str | os.PathLike[str], meshes: Mapping[str, Mesh]) -> Non
 
 def _unpickled(cls: type[Mesh], file: bytes, kinds: tuple[Any, bool]) -> Mesh:
     return cls._twin(_core.from_bytes(file, kinds[0]), kinds, {})
-
-
-def _callables(size: Callable[..., Any] | float, init_data: Callable[..., Any] | None,
-               vectorised: bool, init_vectorised: bool | None,
-               ) -> tuple[Callable[..., Any], Callable[..., Any] | None, bool, bool]:
-    """What an update asks, and whether it is asked with arrays."""
-    init_vectorised = vectorised if init_vectorised is None else init_vectorised
-    if isinstance(size, numbers.Real):
-        spacing = float(size)
-        size, vectorised = lambda *_: spacing, True
-    for name, function in (("size", size), ("init_data", init_data)):
-        if not callable(function) and not (function is None and name == "init_data"):
-            raise TypeError(f"{name} must be callable, not {type(function).__name__}")
-    return size, init_data, vectorised, init_vectorised
-
-
-def _hooks(inserted: Callable[..., Any] | None, removing: Callable[..., Any] | None,
-           ) -> tuple[Callable[..., Any] | None, Callable[..., Any] | None]:
-    for name, function in (("inserted", inserted), ("removing", removing)):
-        if function is not None and not callable(function):
-            raise TypeError(f"{name} must be callable, not {type(function).__name__}")
-    return inserted, removing
-
-
-def _four_numbers(rectangle: Sequence[float]) -> tuple[float, float, float, float]:
-    try:
-        west, east, south, north = (float(side) for side in rectangle)
-    except (TypeError, ValueError):
-        raise ValueError(
-            f"rectangle is {rectangle!r}; it must be (west, east, south, north)") from None
-    return west, east, south, north
-
-
-def _not_absurd(name: str, value: int) -> int:
-    number = operator.index(value)
-    if abs(number) >= 2**31:
-        raise ValueError(f"{name} is {number}, beyond any use")
-    return number
 
 
 def _require_room(sides: tuple[float, float, float, float], nx: int, ny: int,

@@ -8,18 +8,24 @@
     part.data = part.positions[:part.owned, :1]          # one row for each node of this process
     print(part.comm.rank, part.owned, "of", part.size)
 
-All methods but those that read arrays are collective. What one process does wrong or cannot do raises
-the same MeshError on all, which names the process.
+Methods marked collective are called by all processes. What one of them does wrong or cannot do raises
+an error on all, which names the process.
 """
 from __future__ import annotations
 
+import contextlib
+import operator
 import os
-from typing import Any, Callable, Sequence
+from typing import TYPE_CHECKING, Any, Callable, Iterator, NamedTuple, Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import links
+from ._core import MeshError
+from .arguments import (TRANSFERS, callables, four_numbers, limit_of_nodes, not_absurd,
+                        number_of_transfer)
+from .mesh import Mesh
 
 try:
     from . import _mpi
@@ -27,32 +33,108 @@ except ModuleNotFoundError as missing:
     raise ImportError("velmar_2d.mpi is not in this package: it is built with "
                       "-DVELMAR_2D_BUILD_MPI=ON, which needs MPI") from missing
 
-__all__ = ["Partition"]
+if TYPE_CHECKING:
+    from typing_extensions import Self
+
+__all__ = ["Partition", "PartitionStatistics"]
+
+
+class PartitionStatistics(NamedTuple):
+    """Over all processes: the mesh as it stands, and what the last update did."""
+
+    nodes: int
+    ghosts: int
+    most_nodes_owned: int
+    #: most_nodes_owned times the number of processes / nodes
+    imbalance: float
+    #: Of messages, until nothing was new.
+    rounds: int
+    #: Sent by all processes.
+    bytes: int
+    visited: int
+    inserted: int
+    removed: int
+    refused: int
+    #: Time of the processor that the slowest process took, without what it spent in messages.
+    update_seconds: float
+    #: What of it went into ghosts, their data, the plan of exchanges and the check.
+    sharing_seconds: float
 
 
 class Partition:
     """A mesh that the processes of a communicator keep together: each owns the nodes in a box.
 
     comm         of mpi4py; Partition makes a copy of it
-    overlap      cells of the first grid that a process keeps beyond its box, at least 3
-    The rest is as for Mesh, but bc_type is no function.
+    overlap      cells of the first grid that a process keeps beyond its box, at least 3; more for
+                 update()
+    The rest is as for Mesh.
 
-    Nodes of a process are numbered from 0: owned ones, then ghosts. In the whole they have the
-    numbers `numbers`, those of process 0 first; owned ones `first_number` to
-    `first_number + owned - 1`. Arrays are made when they are asked for, and are good until resolve()
-    or rebalance(), which change all numbers.
+    Nodes of a process are numbered from 0: owned ones, then ghosts, those linked to owned ones first.
+    In the whole they have the numbers `numbers`, those of process 0 first; owned ones `first_number`
+    to `first_number + owned - 1`. Arrays are made when they are asked for, and are good until
+    update(), resolve() or rebalance(), which change all numbers.
+
+    Arguments are the same on all processes, but for functions and arrays. Functions are asked about
+    what concerns their process alone; how often differs, so they must not talk to other processes.
+    Where one raises, MeshError is raised on all; there its cause is what the function raised. After
+    that, what is collective is refused.
     """
 
     def __init__(self, comm: Any, rectangle: Sequence[float] = (0.0, 1.0, 0.0, 1.0), nx: int = 17,
                  ny: int | None = None, subdiv_max: int = 10, n_cell_data: int = 1,
-                 bc_type: Any = None, *, overlap: int = 3) -> None:
-        kinds = links.kinds_of_sides(bc_type)
-        if callable(kinds):
-            raise TypeError("bc_type of a Partition must be a kind, or a mapping from sides")
+                 bc_type: Any = None, *, vectorised: bool = True, overlap: int = 3) -> None:
+        kinds = links.kinds_of_sides(bc_type), vectorised
+        grid = (four_numbers(rectangle), operator.index(nx), 0 if ny is None else operator.index(ny),
+                not_absurd("subdiv_max", subdiv_max), not_absurd("n_cell_data", n_cell_data))
+        with _Noting() as noted:
+            self._take(comm, _mpi.Partition(comm.py2f(), *grid, *noted.kinds(kinds), overlap), kinds)
+
+    @classmethod
+    def from_mesh(cls, comm: Any, mesh: Mesh | None, bc_type: Any = None, *,
+                  vectorised: bool = True, overlap: int = 3) -> Self:
+        """Shares out a mesh that process 0 has, with its data; what others give is ignored. Collective.
+
+        bc_type     the kinds of the sides, as for Mesh(), on all processes. Without: those of the
+                    mesh, where they are no function
+
+        Raises MeshError where update() has made the mesh: it must be one of resolve(), gather() or a
+        file of these.
+        """
+        def kinds_of_mesh() -> Any:
+            if not isinstance(mesh, Mesh):
+                raise TypeError(f"process 0 must have a Mesh, not {type(mesh).__name__}")
+            if bc_type is None and callable(mesh._kinds[0]):
+                raise ValueError("the kinds of the mesh's sides are a function; "
+                                 "from_mesh() needs it as bc_type on all processes")
+            mesh._core.revision()  # raises where the mesh has been deleted
+            return mesh._kinds[0] if bc_type is None else None
+
+        own = _told_by_first(comm, kinds_of_mesh)
+        kinds = (links.kinds_of_sides(bc_type) if own is None else tuple(own)), vectorised
+        part = cls.__new__(cls)
+        with _Noting() as noted:
+            core = mesh._core if comm.rank == 0 and mesh is not None else None
+            part._take(comm, _mpi.Partition(comm.py2f(), core, *noted.kinds(kinds), overlap), kinds)
+        return part
+
+    @classmethod
+    def load(cls, comm: Any, path: str | os.PathLike[str], name: str = "mesh", *,
+             step: int | None = None, time: float | None = None, bc_type: Any = None,
+             vectorised: bool = True, overlap: int = 3) -> Self:
+        """Shares out a mesh that process 0 loads, as Mesh.load() does. Collective."""
+        mesh: Mesh | None = None
+
+        def load() -> None:
+            nonlocal mesh
+            mesh = Mesh.load(path, name, step=step, time=time, bc_type=bc_type,
+                             vectorised=vectorised)
+
+        _told_by_first(comm, load)
+        return cls.from_mesh(comm, mesh, bc_type, vectorised=vectorised, overlap=overlap)
+
+    def _take(self, comm: Any, core: Any, kinds: tuple[Any, bool]) -> None:
         self.comm = comm
-        self._core = _mpi.Partition(comm.py2f(), list(rectangle), nx, ny or 0, subdiv_max,
-                                    n_cell_data, kinds, overlap)
-        self._n_cell_data = n_cell_data
+        self._core, self._kinds = core, kinds
         self._kept: dict[str, Any] = {}
         self._version = -1
 
@@ -60,29 +142,99 @@ class Partition:
         """Nodes of this process, ghosts not among them."""
         return self.owned
 
+    def __repr__(self) -> str:
+        return (f"<velmar_2d.mpi.Partition: {self.owned} of {self.size} nodes, "
+                f"process {self.comm.rank} of {self.comm.size}>")
+
     # ---------------------------------------------------------------------------------------------
     # Changing the mesh
     # ---------------------------------------------------------------------------------------------
 
-    def resolve(self, size: Callable[..., Any] | float,
-                init_data: Callable[[float, float], float] | None = None, *, margin: float = 0.0,
-                most_nodes: int = 0) -> None:
+    def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
+                margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
+                vectorised: bool = True,
+                init_vectorised: bool | None = None) -> PartitionStatistics:
         """As Mesh.resolve() of the whole mesh. Collective.
 
-        size         takes arrays, for owned nodes of this process alone: x, y, data, gradient and
-                     Hessian norms; how often it is called differs from process to process, so it
-                     must not talk to others
-        init_data    takes the coordinates of one place
-        most_nodes   of one process, ghosts with them; 0: no limit
+        size         is asked for nodes of this process alone
+        most_nodes   of one process, ghosts with them
         """
-        if not callable(size):
-            spacing = float(size)
-            size = lambda *_: spacing  # noqa: E731
-        self._core.resolve(size, init_data, margin, most_nodes)
+        with self._agreed():
+            limits = float(margin), limit_of_nodes(most_nodes), float(slope)
+            size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
+        with _Noting() as noted:
+            self._core.resolve(noted(size), noted(init_data), *limits, *ways,
+                               *noted.kinds(self._kinds))
+        return self.statistics()
+
+    def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
+               *, vectorised: bool = True,
+               init_vectorised: bool | None = None) -> PartitionStatistics:
+        """As Mesh.update() of the whole mesh. Collective.
+
+        It needs more overlap than resolve(): 3 to 4 cells where sizes are a matter of place, 6 where
+        they follow data, more where those change abruptly; MeshError is raised where it was too
+        little. size is asked for all nodes around the box, too. On a Partition that update() has
+        adapted, resolve(), rebalance() and gather() raise MeshError, and so does this after
+        resolve().
+        """
+        with self._agreed():
+            size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
+        with _Noting() as noted:
+            self._core.update(noted(size), noted(init_data), *ways, *noted.kinds(self._kinds))
+        return self.statistics()
 
     def rebalance(self, threshold: float = 1.1) -> bool:
-        """Cuts new boxes where a process owns more than threshold times its share. Collective."""
-        return self._core.rebalance(threshold)
+        """Cuts new boxes where a process owns more than threshold times its share. Collective.
+
+        Returns whether it did.
+        """
+        with _Noting() as noted:
+            return self._core.rebalance(threshold, *noted.kinds(self._kinds))
+
+    @property
+    def transfer(self) -> str:
+        """What becomes of data values where nodes come and go: see Mesh.transfer. Without
+        "conservative"."""
+        return TRANSFERS[self._core.transfer()]
+
+    @transfer.setter
+    def transfer(self, transfer: str) -> None:
+        self._core.set_transfer(number_of_transfer(transfer))
+
+    def statistics(self) -> PartitionStatistics:
+        """Over all processes. Collective."""
+        return PartitionStatistics(**self._core.statistics())
+
+    # ---------------------------------------------------------------------------------------------
+    # What it is
+    # ---------------------------------------------------------------------------------------------
+
+    @property
+    def rectangle(self) -> tuple[float, float, float, float]:
+        """(west, east, south, north) of the whole."""
+        west, east, south, north = self._core.rectangle()
+        return west, east, south, north
+
+    @property
+    def dist_0(self) -> float:
+        """Spacing of the first grid."""
+        return self._core.dist_0()
+
+    @property
+    def n_cell_data(self) -> int:
+        """Data values of each node."""
+        return self._core.n_cell_data()
+
+    @property
+    def subdiv_max(self) -> int:
+        """The limit of subdivision."""
+        return self._core.subdiv_max()
+
+    @property
+    def boxes(self) -> list[tuple[int, int, int, int]]:
+        """Of all processes, by rank: (west, east, south, north) in cells of the first grid."""
+        return [tuple(box) for box in self._core.boxes()]
 
     # ---------------------------------------------------------------------------------------------
     # Nodes
@@ -97,6 +249,11 @@ class Partition:
     def ghosts(self) -> int:
         """Number of nodes of others that this process knows."""
         return self._core.nb_ghosts()
+
+    @property
+    def linked_ghosts(self) -> int:
+        """Number of those that are linked to owned nodes. They come first of the ghosts."""
+        return self._core.nb_linked_ghosts()
 
     @property
     def size(self) -> int:
@@ -139,8 +296,19 @@ class Partition:
         return self._array("areas")
 
     @property
+    def owners(self) -> NDArray[np.int32]:
+        """Ranks, of owned nodes, then of ghosts."""
+        return self._array("owners")
+
+    @property
     def levels(self) -> NDArray[np.int32]:
+        """Of owned nodes: level L stands for the spacing dist_0 / 2**(L / 2)."""
         return self._array("levels")
+
+    @property
+    def on_boundary(self) -> NDArray[np.int32]:
+        """Of owned nodes: 0 inside, 1 on a side, 2 at a corner of the domain."""
+        return self._array("on_boundary")
 
     @property
     def known(self) -> NDArray[np.bool_]:
@@ -154,28 +322,89 @@ class Partition:
 
     @data.setter
     def data(self, values: ArrayLike) -> None:
-        shape = (self.owned, self._n_cell_data)
-        self._core.set_data(np.broadcast_to(np.asarray(values, dtype=np.float64), shape))
+        with self._agreed():
+            rows = np.broadcast_to(np.asarray(values, dtype=np.float64),
+                                   (self.owned, self.n_cell_data))
+        self._core.write_data(rows, 0)
+
+    def write_data(self, values: ArrayLike, column: int | None = None) -> None:
+        """Writes the data of owned nodes into the mesh, and ghosts get theirs. Collective.
+
+        values: shape (owned, k); or (owned,) for one column, which is `column` or the only one.
+        """
+        with self._agreed():
+            k, rows = self.n_cell_data, np.asarray(values, dtype=np.float64)
+            if column is None and rows.ndim == 1 and k == 1:
+                column = 0
+            if column is not None and not -k <= column < k:
+                raise IndexError(f"there is no column {column}: the nodes have {k} data values")
+            expected = (self.owned, k) if column is None else (self.owned,)
+            if rows.shape != expected:
+                raise ValueError(f"data of shape {rows.shape} were given; "
+                                 f"{self.owned} nodes of {k} values need {expected}")
+        self._core.write_data(rows.reshape(self.owned, -1) if k else rows,
+                              0 if column is None else column % k)
+
+    @property
+    def grad(self) -> NDArray[np.float64]:
+        """Of owned nodes: norm of the gradient of data[:, 0], as the last update or gradient() left it."""
+        return self._core.grad()
+
+    @property
+    def grad2(self) -> NDArray[np.float64]:
+        """Of owned nodes: norm of the Hessian of data[:, 0], as the last update or gradient() left it."""
+        return self._core.grad2()
+
+    def gradient(self) -> NDArray[np.float64]:
+        """(owned, 2): the gradient of data[:, 0] at every owned node; grad and grad2 follow.
+
+        Ghosts must hold the data of their owners.
+        """
+        return self._core.gradient()
 
     # ---------------------------------------------------------------------------------------------
     # Working together
     # ---------------------------------------------------------------------------------------------
 
-    def exchange(self, values: NDArray[np.float64]) -> None:
+    def exchange(self, values: NDArray[np.float64], layer: str = "all") -> None:
         """Gives rows of ghosts the values of their owners, in place. Collective.
 
         values   float64, one row for each owned node and each ghost, in C order
+        layer    "all" ghosts, or those that are "linked" to owned nodes, which come first
         """
-        if not (isinstance(values, np.ndarray) and values.dtype == np.float64
-                and values.flags.c_contiguous and values.flags.writeable and values.ndim >= 1):
-            raise TypeError("exchange() needs a writeable float64 array in C order")
-        if len(values) != self.owned + self.ghosts:
-            raise ValueError(f"exchange() needs {self.owned + self.ghosts} rows, not {len(values)}")
-        self._core.exchange(values, values.size // max(len(values), 1))
+        with self._agreed():
+            if not (isinstance(values, np.ndarray) and values.dtype == np.float64
+                    and values.flags.c_contiguous and values.flags.writeable and values.ndim >= 1):
+                raise TypeError("exchange() needs a writeable float64 array in C order")
+            if len(values) != self.owned + self.ghosts:
+                raise ValueError(f"exchange() needs {self.owned + self.ghosts} rows, "
+                                 f"not {len(values)}")
+            if layer not in ("all", "linked"):
+                raise ValueError(f"layer is {layer!r}; it must be 'all' or 'linked'")
+        self._core.exchange(values, values.size // len(values), layer == "linked")
 
-    def statistics(self) -> dict[str, Any]:
-        """Over all processes: nodes, ghosts, imbalance and what the last update did. Collective."""
-        return self._core.statistics()
+    def agrees(self) -> bool:
+        """Whether ghosts that are linked to owned nodes are what their owners have. Collective.
+
+        Every update and rebalance() ends with this check, and raises MeshError where it fails.
+        """
+        return self._core.agrees()
+
+    def gather(self) -> Mesh | None:
+        """The whole mesh with its data on process 0, None elsewhere. For small cases. Collective."""
+        with _Noting() as noted:
+            core = self._core.gather(*noted.kinds(self._kinds))
+        if core is None:
+            return None
+        if callable(self._kinds[0]):
+            core = core.copy(self._kinds[0])  # one that does not ask by way of this object
+        return Mesh._twin(core, self._kinds, {})
+
+    def save(self, path: str | os.PathLike[str], **options: Any) -> None:
+        """Lets process 0 gather the mesh and write a file, as Mesh.save() does with its options.
+        Collective."""
+        mesh = self.gather()
+        _told_by_first(self.comm, lambda: mesh.save(path, **options) if mesh is not None else None)
 
     def to_scipy_laplacian(self, *, per_area: bool = True) -> Any:
         """Rows of owned nodes of the Laplacian of finite volumes, as Mesh.to_scipy_laplacian() has it.
@@ -205,7 +434,8 @@ class Partition:
             rows.indptr.astype(index), rows.indices.astype(index), rows.data))
 
     def write_pvtu(self, path: str | os.PathLike[str], *, cells: str = "triangles",
-                   data_names: Sequence[str] = (), time: float | None = None) -> None:
+                   ascii: bool = False, data_names: Sequence[str] = (),
+                   time: float | None = None) -> None:
         """Writes the mesh for ParaView, one file for each process and one that names them. Collective.
 
         As Mesh.write_vtu(). The path ends in .pvtu and must mean the same file on all processes.
@@ -214,10 +444,25 @@ class Partition:
             raise ValueError(f"cells is {cells!r}; it must be 'triangles' or 'control_cells'")
         if not _mpi.has_io:
             raise ImportError("this package was built without files for ParaView (needs pugixml)")
-        error = self._core.write_pvtu(os.fspath(path), cells == "control_cells", list(data_names),
-                                      time)
+        error = self._core.write_pvtu(os.fspath(path), cells == "control_cells", ascii,
+                                      list(data_names), time)
         if error:
             raise OSError(error)
+
+    @contextlib.contextmanager
+    def _agreed(self) -> Iterator[None]:
+        """Where arguments are checked: what is wrong on one process is raised on all."""
+        fault: Exception | None = None
+        try:
+            yield
+        except Exception as found:
+            fault = found
+        first = self._core.first_at_fault(fault is None)
+        if fault is not None:
+            raise fault
+        if first < self.comm.size:
+            raise MeshError(f"velmar_2d: ERROR on process {first} of {self.comm.size}: its arguments "
+                            "were refused there")
 
     def _array(self, name: str) -> Any:
         """Kept until the mesh changes."""
@@ -227,3 +472,46 @@ class Partition:
         if name not in self._kept:
             self._kept[name] = getattr(self._core, name)()
         return self._kept[name]
+
+
+class _Noting:
+    """Notes what functions raise: it becomes the cause of the error that all processes raise."""
+
+    def __init__(self) -> None:
+        self.fault: BaseException | None = None
+
+    def __call__(self, function: Callable[..., Any] | None) -> Callable[..., Any] | None:
+        if function is None:
+            return None
+
+        def noted(*arguments: Any) -> Any:
+            try:
+                return function(*arguments)
+            except BaseException as fault:
+                self.fault = fault
+                raise
+        return noted
+
+    def kinds(self, kinds: tuple[Any, bool]) -> tuple[Any, bool]:
+        return (self(kinds[0]) if callable(kinds[0]) else kinds[0]), kinds[1]
+
+    def __enter__(self) -> _Noting:
+        return self
+
+    def __exit__(self, kind: Any, error: BaseException | None, place: Any) -> None:
+        if isinstance(error, MeshError) and self.fault is not None:
+            error.__cause__ = self.fault
+
+
+def _told_by_first(comm: Any, work: Callable[[], Any]) -> Any:
+    """What process 0 makes of it, on all. So is what it raises."""
+    fault, told = None, (None, None)
+    if comm.rank == 0:
+        try:
+            told = (work(), None)
+        except Exception as found:
+            fault, told = found, (None, f"{type(found).__name__}: {found}")
+    result, text = comm.bcast(told)
+    if text is not None:
+        raise MeshError(f"velmar_2d: ERROR on process 0 of {comm.size}: {text}") from fault
+    return result

@@ -28,7 +28,7 @@ for package in *.deb; do
 done
 names=$(for package in *.deb; do dpkg-deb -f "$package" Package; done)
 number=$(echo "$names" | wc -l)
-[ "$number" -eq $((7 + ${python:+1}+0)) ] || fail "packages: $names"
+[ "$number" -eq $((10 + ${python:+2}+0)) ] || fail "packages: $names"
 lintian --allow-root --fail-on error,warning ./*.deb ||
   fail "lintian complains"
 
@@ -72,8 +72,14 @@ import importlib.metadata, velmar_2d
 with velmar_2d.Mesh(nx=9) as mesh:
     mesh.update(0.05)
     assert importlib.metadata.version("velmar_2d") == velmar_2d.__version__
-    assert velmar_2d.__file__.startswith("'"$root"'") and mesh.check() == []' ||
-    fail "the Python package does not work"
+    assert velmar_2d.__file__.startswith("'"$root"'") and mesh.check() == []
+from mpi4py import MPI
+from velmar_2d.mpi import Partition
+part = Partition(MPI.COMM_WORLD, nx=9)
+part.resolve(0.05)
+whole = part.gather()
+assert whole.check() == [] and len(whole) == len(part) > 9 * 9' ||
+    fail "the Python packages do not work"
 fi
 
 # Together the packages hold what an installation holds, and nothing else.

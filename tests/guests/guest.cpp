@@ -15,6 +15,9 @@
 #ifdef GUEST_SOLVES
 #include <velmar_2D/velmar_2D_numerics.hpp>
 #endif
+#ifdef GUEST_SHARES
+#include <velmar_2D/velmar_2D_mpi_io.hpp>
+#endif
 
 namespace {
 
@@ -93,10 +96,39 @@ int use_object(std::int32_t expected_nodes) {
   return 0;
 }
 
+#ifdef GUEST_SHARES
+/// One process of a mesh over processes.
+int share_mesh() {
+  using namespace velmar_2d;
+  const Rectangle whole{0.0, 1.0, 0.0, 1.0};
+  const Grid grid{.nx = 9, .subdiv_max = 6};
+  Mesh alone(whole, grid);
+  alone.resolve(spacing);
+  Partition part(MPI_COMM_WORLD, whole, grid);
+  part.resolve(spacing);
+  if (part.size() != alone.size()) return fail("another mesh over processes");
+  const std::string error = io::write_pvtu(part, "shared.pvtu");
+  if (!error.empty()) return fail(error.c_str());
+  try {
+    part.resolve(size_function());
+    return fail("a mistake was not thrown");
+  } catch (const Error& thrown) {
+    if (std::strstr(thrown.what(), "on process 0 of 1") == nullptr) return fail(thrown.what());
+  }
+  return 0;
+}
+#endif
+
 }  // namespace
 
 int main() {
   using namespace velmar_2d;
+#ifdef GUEST_SHARES
+  MPI_Init(nullptr, nullptr);
+  const int shared = share_mesh();
+  MPI_Finalize();
+  if (shared != 0) return shared;
+#endif
   if (grade_sizes() != 0 || grade_sizes() != 0) return 1;
   if (std::strcmp(version(), EXPECTED_VERSION) != 0) return fail(version());
 

@@ -36,7 +36,7 @@ mesh = velmar_2d.Mesh(**OPTIONS)
 part.resolve(size, lambda x, y: np.sin(9.0 * x) * y)
 mesh.resolve(size, lambda x, y: np.sin(9.0 * x) * y)
 assert part.rebalance(1.05) or comm.size == 1
-assert part.statistics()["imbalance"] < 1.5 and part.statistics()["nodes"] == len(mesh)
+assert part.statistics().imbalance < 1.5 and part.statistics().nodes == len(mesh)
 
 # Together the processes own each node of the mesh once, with its links and values.
 index_of = places(mesh.nodes.positions)

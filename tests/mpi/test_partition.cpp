@@ -309,6 +309,7 @@ void run_fault(int culprit) {
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
+    expect(part.owned().empty() && part.linked_ghosts().empty(), "no node that has gone", kind);
     for (const std::string& later :
          {error_of([&] { part.resolve(size); }), error_of([&] { part.exchange(); }),
           error_of([&] { part.rebalance(); })}) {
