@@ -1,86 +1,193 @@
 // Ghosts: who keeps which, and what they are called in the whole mesh.
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 #include "partition.hpp"
 
 namespace velmar_2d {
 
+namespace {
+constexpr const char* differing =
+    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners; was the mesh of a "
+    "process changed by hand?";
+
+struct Placed {
+  Place place;
+  Cell* node;
+};
+
+/// Sorts nodes by place and lists them.
+std::vector<Place> sort_and_list(std::vector<Placed>& nodes, std::vector<Cell*>& list) {
+  std::sort(nodes.begin(), nodes.end(),
+            [](const Placed& a, const Placed& b) { return a.place < b.place; });
+  std::vector<Place> places;
+  places.reserve(nodes.size());
+  for (const Placed& placed : nodes) {
+    places.push_back(placed.place);
+    list.push_back(placed.node);
+  }
+  return places;
+}
+
+}  // namespace
+
+// Both sides have the ghosts of a neighbour in the order of their places, linked ones first.
 void Partition::Parts::plan_exchange() {
   const std::vector<int>& ranks = messages.neighbours();
   number_of.clear();
-  sent.assign(ranks.size(), {});
-  sent_numbers.assign(ranks.size(), {});
-  received.assign(ranks.size(), {});
-  received_rows.assign(ranks.size(), {});
-  nb_received_linked.assign(ranks.size(), 0);
-  nb_sent_linked.assign(ranks.size(), 0);
   std::vector<std::vector<Place>> out(ranks.size());
-  messages.alone([&] { list_nodes(); });
+  const bool has_changed =
+      adapted_by == Adapted::by_update || mesh_told != piece->mesh().revision();
   messages.alone([&] {
-    for (std::size_t k = 0; k < ghosts.size(); ++k) {
-      const Place place = piece->place_of(*ghosts[k]);
-      const std::size_t i = neighbour_of(place);
-      received[i].push_back(ghosts[k]);
-      received_rows[i].push_back(k);
-      out[i].push_back(place);
-      if (k < nb_linked_ghosts) ++nb_received_linked[i];
-    }
-  });
-  std::vector<std::vector<std::int64_t>> nb_linked(ranks.size());
-  for (std::size_t i = 0; i < ranks.size(); ++i) {
-    nb_linked[i].push_back(static_cast<std::int64_t>(nb_received_linked[i]));
-  }
-  const std::vector<std::vector<Place>> in = messages.exchange(out);
-  const std::vector<std::vector<std::int64_t>> nb_linked_there = messages.exchange(nb_linked);
-  messages.alone([&] {
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
-      nb_sent_linked[i] = static_cast<std::size_t>(nb_linked_there[i].at(0));
-      sent[i].reserve(in[i].size());
-      sent_numbers[i].reserve(in[i].size());
-      for (const Place& place : in[i]) {
-        const std::int64_t row = piece->row_of(place);
-        if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
-        sent[i].push_back(owned[static_cast<std::size_t>(row)]);
-        sent_numbers[i].push_back(row);
+    if (!has_changed) {
+      for (std::vector<Place>& message : out) {
+        tell_no_changes(message);
+        tell_no_changes(message);
       }
+      return;
+    }
+    std::vector<std::vector<Placed>> linked(ranks.size()), others(ranks.size());
+    const auto note = [&](Cell& c, Place place, bool is_linked) {
+      (is_linked ? linked : others)[neighbour_of(place)].push_back({place, &c});
+    };
+    if (adapted_by == Adapted::by_update) {
+      list_rings();
+      for (std::size_t k = 0; k < ghosts.size(); ++k) {
+        note(*ghosts[k], piece->place_of(*ghosts[k]), k < nb_linked_ghosts);
+      }
+    } else {
+      piece->for_ghosts(note);
+    }
+    received.assign(ranks.size(), {});
+    received_rows.assign(ranks.size(), {});
+    nb_received_linked.assign(ranks.size(), 0);
+    ghosts.clear();
+    for (const bool is_linked : {true, false}) {
+      ToldPlaces& told = is_linked ? told_linked : told_others;
+      for (std::size_t i = 0; i < ranks.size(); ++i) {
+        const std::size_t before = received[i].size();
+        tell_changes(told.sent[i], sort_and_list((is_linked ? linked : others)[i], received[i]),
+                     out[i]);
+        for (std::size_t k = before; k < received[i].size(); ++k) {
+          received_rows[i].push_back(ghosts.size());
+          ghosts.push_back(received[i][k]);
+        }
+        if (is_linked) nb_received_linked[i] = received[i].size();
+      }
+      if (is_linked) nb_linked_ghosts = ghosts.size();
     }
   });
-  messages.together();
+  const std::vector<std::vector<Place>> in = messages.exchange(out);
+  messages.alone([&] {
+    sends_rows.assign(ranks.size(), 0);
+    sent.resize(ranks.size());
+    sent_rows.resize(ranks.size());
+    nb_sent_linked.resize(ranks.size());
+    for (std::size_t i = 0; i < ranks.size(); ++i) {
+      // The two lists come one after the other for each neighbour.
+      ChangesReader reader(in[i]);
+      const bool is_first_new = reader.read(told_linked.received[i]);
+      const bool is_second_new = reader.read(told_others.received[i]);
+      if (!has_changed && !is_first_new && !is_second_new) continue;
+      nb_sent_linked[i] = told_linked.received[i].size();
+      sent[i].clear();
+      std::vector<std::int32_t> rows;
+      rows.reserve(nb_sent_linked[i] + told_others.received[i].size());
+      for (const ToldPlaces* told : {&told_linked, &told_others}) {
+        for (const Place& place : told->received[i]) {
+          const std::int64_t row = piece->row_of(place);
+          if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
+          sent[i].push_back(owned[static_cast<std::size_t>(row)]);
+          rows.push_back(static_cast<std::int32_t>(row));
+        }
+      }
+      if (rows == sent_rows[i]) continue;
+      sends_rows[i] = 1;
+      sent_rows[i] = std::move(rows);
+    }
+    take_fingerprints();
+    mesh_told = piece->mesh().revision();
+  });
 }
 
-void Partition::Parts::list_nodes() {
-  const std::span<Cell*const> own = piece->own_nodes(), around = piece->ghosts();
+void Partition::Parts::take_fingerprints() {
+  const auto of = [](const std::vector<std::vector<Cell*>>& nodes,
+                     const std::vector<std::size_t>& nb_linked) {
+    std::vector<std::uint64_t> fingerprints;
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      std::uint64_t hash = nb_linked[i];
+      for (std::size_t k = 0; k < nb_linked[i]; ++k) {
+        hash = hash * 0x9e3779b97f4a7c15U + fingerprint(*nodes[i][k]);
+      }
+      fingerprints.push_back(hash);
+    }
+    return fingerprints;
+  };
+  sent_fingerprints = of(sent, nb_sent_linked);
+  received_fingerprints = of(received, nb_received_linked);
+}
+
+void Partition::Parts::list_owned() {
+  const std::span<Cell* const> own = piece->own_nodes();
   owned.assign(own.begin(), own.end());
-  if (adapted_by == Adapted::by_update) {
-    list_rings();
+}
+
+// A message has the fingerprint, the number of rows that follow, data, and rows by twos.
+void Partition::Parts::conclude(bool with_data) {
+  const std::size_t nb_neighbours = messages.neighbours().size();
+  const std::size_t width = with_data ? static_cast<std::size_t>(std::max(grid.n_cell_data, 0)) : 0;
+  std::vector<std::vector<std::uint64_t>> out(nb_neighbours);
+  messages.alone([&] {
+    if (is_settled) sends_rows.assign(nb_neighbours, 0);
+    for (std::size_t i = 0; i < nb_neighbours; ++i) {
+      const std::size_t nb_rows = sends_rows[i] != 0 ? sent_rows[i].size() : 0;
+      out[i].resize(2 + sent[i].size() * width + (nb_rows + 1) / 2);
+      out[i][0] = sent_fingerprints[i];
+      out[i][1] = nb_rows;
+      std::uint64_t* next = out[i].data() + 2;
+      for (const Cell* c : sent[i]) {
+        if (width > 0) std::memcpy(next, c->data.data(), width * sizeof(double));
+        next += width;
+      }
+      if (nb_rows > 0) std::memcpy(next, sent_rows[i].data(), nb_rows * sizeof(std::int32_t));
+    }
+  });
+  const std::vector<std::vector<std::uint64_t>> in = messages.exchange(out);
+  bool are_alike = true;
+  messages.alone([&] {
+    rows_there.resize(nb_neighbours);
+    for (std::size_t i = 0; i < nb_neighbours; ++i) {
+      const std::size_t n = received[i].size();
+      const bool has_rows = in[i].size() > 1 && in[i][1] > 0;
+      if (in[i].size() != 2 + n * width + (has_rows ? (n + 1) / 2 : 0)) {
+        are_alike = false;  // or a fault there, told in gather_together()
+        continue;
+      }
+      are_alike = are_alike && in[i][0] == received_fingerprints[i];
+      const std::uint64_t* next = in[i].data() + 2;
+      for (Cell* c : received[i]) {
+        if (width > 0) std::memcpy(c->data.data(), next, width * sizeof(double));
+        next += width;
+      }
+      if (!has_rows) continue;
+      rows_there[i].resize(n);
+      std::memcpy(rows_there[i].data(), next, n * sizeof(std::int32_t));
+    }
+  });
+  if (is_settled) {
+    if (messages.any(are_alike ? 0 : 1) != 0) throw FaultOfAll(differing);
     return;
   }
-  ghosts.assign(around.begin(), around.end());
-  const auto is_linked = [this](const Cell* c) {
-    for (const Direction d : directions) {
-      const Cell* there = link(*c, d).cell();
-      if (there != nullptr && piece->owns(*there)) return true;
-    }
-    return false;
-  };
-  const auto middle = std::stable_partition(ghosts.begin(), ghosts.end(), is_linked);
-  nb_linked_ghosts = static_cast<std::size_t>(middle - ghosts.begin());
-}
-
-void Partition::Parts::number_nodes() {
-  const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
   const std::vector<std::int64_t> counts =
-      messages.gather_from_all(static_cast<std::int64_t>(owned.size()));
+      messages.gather_together(2 * static_cast<std::int64_t>(owned.size()) + (are_alike ? 0 : 1));
+  const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
   first_numbers.assign(nb_processes + 1, 0);
   for (std::size_t i = 0; i < nb_processes; ++i) {
-    first_numbers[i + 1] = first_numbers[i] + counts[i];
+    first_numbers[i + 1] = first_numbers[i] + counts[i] / 2;
+    are_alike = are_alike && counts[i] % 2 == 0;
   }
-  const std::int64_t first = first_numbers[static_cast<std::size_t>(messages.rank())];
-  for (std::vector<std::int64_t>& numbers : sent_numbers) {
-    for (std::int64_t& number : numbers) number += first;
-  }
-  received_numbers = messages.exchange(sent_numbers);
+  if (!are_alike) throw FaultOfAll(differing);
 }
 
 std::int64_t Partition::global_number(const Cell& c) const {
@@ -92,8 +199,10 @@ std::int64_t Partition::global_number(const Cell& c) const {
     std::int64_t number = first_global_number();
     for (const Cell* own : parts.owned) table[own] = number++;
     for (std::size_t i = 0; i < parts.received.size(); ++i) {
+      const auto rank = static_cast<std::size_t>(parts.messages.neighbours()[i]);
+      const std::int64_t first_there = parts.first_numbers[rank];
       for (std::size_t k = 0; k < parts.received[i].size(); ++k) {
-        table[parts.received[i][k]] = parts.received_numbers[i][k];
+        table[parts.received[i][k]] = first_there + parts.rows_there[i][k];
       }
     }
   }
@@ -142,7 +251,6 @@ void Partition::exchange(std::span<double> rows, int width, GhostLayer layer) {
 // Rows are told by the numbers of the nodes; those of ghosts stand behind, in the order of
 // ghosts().
 void Partition::Parts::exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer) {
-  const auto first = first_numbers[static_cast<std::size_t>(messages.rank())];
   const auto n = [layer](std::size_t linked, std::size_t all) {
     return layer == GhostLayer::linked ? linked : all;
   };
@@ -151,7 +259,7 @@ void Partition::Parts::exchange_array(std::span<double> rows, std::size_t width,
     const std::size_t nb_rows = n(nb_sent_linked[i], sent[i].size());
     out[i].resize(nb_rows * width);
     for (std::size_t k = 0; k < nb_rows; ++k) {
-      const auto row = static_cast<std::size_t>(sent_numbers[i][k] - first);
+      const auto row = static_cast<std::size_t>(sent_rows[i][k]);
       std::copy_n(rows.begin() + static_cast<std::ptrdiff_t>(row * width), width,
                   out[i].begin() + static_cast<std::ptrdiff_t>(k * width));
     }
@@ -188,14 +296,15 @@ std::uint64_t fingerprint(const Cell& c) {
 }
 
 bool Partition::Parts::agrees() {
-  std::int64_t nb_different = 0;
-  exchange_rows(
-      1, GhostLayer::linked,
-      [](const Cell& c, double* row) { row[0] = std::bit_cast<double>(fingerprint(c)); },
-      [&](const Cell& c, const double* row) {
-        if (std::bit_cast<std::uint64_t>(row[0]) != fingerprint(c)) ++nb_different;
-      });
-  return messages.together(nb_different) == 0;
+  messages.alone([&] { take_fingerprints(); });
+  std::vector<std::vector<std::uint64_t>> out;
+  for (const std::uint64_t fingerprint : sent_fingerprints) out.push_back({fingerprint});
+  const std::vector<std::vector<std::uint64_t>> in = messages.exchange(out);
+  bool are_alike = true;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    are_alike = are_alike && in[i].at(0) == received_fingerprints[i];
+  }
+  return messages.any(are_alike ? 0 : 1) == 0;
 }
 
 bool Partition::agrees() {

@@ -51,18 +51,21 @@ Messages::~Messages() {
   if (is_over == 0) MPI_Comm_free(&communicator_);
 }
 
-void Messages::send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in) const {
+void Messages::send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in,
+                                const std::vector<char>* comes) const {
   const Timed timed(seconds_);
   MPI_Datatype type = MPI_DATATYPE_NULL;
   MPI_Type_contiguous(static_cast<int>(item), MPI_BYTE, &type);
   MPI_Type_commit(&type);
-  std::vector<MPI_Request> sent(neighbours_.size());
+  std::vector<MPI_Request> sent(neighbours_.size(), MPI_REQUEST_NULL);
   for (std::size_t i = 0; i < neighbours_.size(); ++i) {
     const auto [data, n] = out(i);
+    if (comes != nullptr && n == 0) continue;
     nb_bytes_ += static_cast<std::int64_t>(n * item);
     MPI_Isend(data, static_cast<int>(n), type, neighbours_[i], tag, communicator_, &sent[i]);
   }
   for (std::size_t i = 0; i < neighbours_.size(); ++i) {
+    if (comes != nullptr && (*comes)[i] == 0) continue;
     MPI_Message message = MPI_MESSAGE_NULL;
     MPI_Status status;
     MPI_Mprobe(neighbours_[i], tag, communicator_, &message, &status);
@@ -127,7 +130,31 @@ std::int64_t Messages::together(std::int64_t number) {
   // The first process with a fault, or none.
   std::array<std::int64_t, 2> own = {number, has_fault_ ? 1 : 0}, all{};
   MPI_Allreduce(own.data(), all.data(), 2, MPI_INT64_T, MPI_SUM, communicator_);
-  if (all[1] == 0) return all[0];
+  if (all[1] != 0) throw_fault();
+  return all[0];
+}
+
+std::uint64_t Messages::any(std::uint64_t flags) {
+  const Timed timed(seconds_);
+  constexpr std::uint64_t fault = std::uint64_t{1} << 63;
+  std::uint64_t all = 0;
+  if (has_fault_) flags |= fault;
+  MPI_Allreduce(&flags, &all, 1, MPI_UINT64_T, MPI_BOR, communicator_);
+  if ((all & fault) != 0) throw_fault();
+  return all;
+}
+
+std::vector<std::int64_t> Messages::gather_together(std::int64_t number) {
+  const Timed timed(seconds_);
+  const std::vector<std::int64_t> all = gather_from_all(has_fault_ ? std::int64_t{-1} : number);
+  for (const std::int64_t of : all) {
+    if (of < 0) throw_fault();
+  }
+  return all;
+}
+
+/// Tells of the fault of the first process that has one.
+void Messages::throw_fault() {
   int first = has_fault_ ? rank_ : nb_processes_, culprit = 0;
   MPI_Allreduce(&first, &culprit, 1, MPI_INT, MPI_MIN, communicator_);
   int length = static_cast<int>(fault_.size());

@@ -57,6 +57,25 @@ class Messages {
     return in;
   }
 
+  /// The same where both of two know whether there is anything to send: nothing is sent where there
+  /// is not.
+  template <typename T>
+  std::vector<std::vector<T>> exchange(const std::vector<std::vector<T>>& out,
+                                       const std::vector<char>& comes) const {
+    std::vector<std::vector<T>> in(neighbours_.size());
+    send_and_receive(
+        sizeof(T),
+        [&](std::size_t i) {
+          return std::pair<const void*, std::size_t>(out[i].data(), out[i].size());
+        },
+        [&](std::size_t i, std::size_t n) {
+          in[i].resize(n);
+          return static_cast<void*>(in[i].data());
+        },
+        &comes);
+    return in;
+  }
+
   /// Runs what all processes run together. Where it is left by a fault that the others do not know
   /// of, such as exhausted memory while a message arrives, all processes end.
   /// Throws Error at once where an earlier one has failed.
@@ -109,11 +128,18 @@ class Messages {
   }
   /// All processes meet: the sum of their numbers, or an Error on all where one has a fault.
   std::int64_t together(std::int64_t number = 0);
+  /// The same: flags that some process has set, at most 62.
+  std::uint64_t any(std::uint64_t flags);
+  /// The same: the numbers of all, none of them negative or above 2^62.
+  std::vector<std::int64_t> gather_together(std::int64_t number);
 
  private:
   using Outgoing = std::function<std::pair<const void*, std::size_t>(std::size_t neighbour)>;
   using Incoming = std::function<void*(std::size_t neighbour, std::size_t n)>;
-  void send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in) const;
+  /// @param comes  neighbours that send something, where that is known: empty messages are not sent
+  void send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in,
+                        const std::vector<char>* comes = nullptr) const;
+  [[noreturn]] void throw_fault();
   void note_fault();
   [[noreturn]] void end_all() const;
   [[noreturn]] static void refuse_broken();

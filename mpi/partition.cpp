@@ -63,6 +63,7 @@ void Partition::Parts::find_neighbours() {
     }
   }
   messages.set_neighbours(std::move(neighbours));
+  forget_told();
 }
 
 void Partition::Parts::begin_evenly() {
@@ -76,6 +77,7 @@ void Partition::Parts::begin_evenly() {
   messages.alone([&] {
     find_neighbours();
     piece.emplace(whole, grid, box(), options.overlap);
+    piece->keep_ghosts();
   });
   messages.together();
 }

@@ -8,6 +8,7 @@
 
 #include "boxes.hpp"
 #include "messages.hpp"
+#include "told_places.hpp"
 #include "velmar_2D/velmar_2D_mpi.hpp"
 
 namespace velmar_2d {
@@ -37,15 +38,27 @@ struct Partition::Parts {
   std::unordered_set<const Cell*> is_stranger;
   std::unordered_map<const Cell*, std::array<double, 2>> derivatives_there;  ///< of owners
 
+  // What neighbours have been told: own nodes that they need to know, nodes of theirs that are
+  // needed here, and ghosts, those linked to owned nodes and the others.
+  ToldPlaces told_borders, told_needs, told_linked, told_others;
+  std::uint64_t needs_told = 0;  ///< revision of what told_needs has
+  std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
+  bool has_told = false;         ///< any of it
+  bool holds_more = false;       ///< own nodes, than the neighbours' needs
+  bool asks_more = false;        ///< some process has nodes that have not been asked
+  bool is_settled = false;       ///< this update has changed nothing on any process
+  std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
+
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
   std::vector<Cell*> owned, ghosts;
   std::vector<std::uint64_t> moved_fingerprints;  ///< of the owned, where they came from
   std::size_t nb_linked_ghosts = 0;
   std::vector<std::vector<Cell*>> sent, received;  ///< those of the linked layer first
   std::vector<std::size_t> nb_sent_linked, nb_received_linked;
-  std::vector<std::vector<std::int64_t>> sent_numbers;  ///< of those among the owned
+  std::vector<std::vector<std::int32_t>> sent_rows;     ///< numbers of those among the owned
+  std::vector<char> sends_rows;                         ///< that are others than before
   std::vector<std::int64_t> first_numbers;              ///< by rank, and the end
-  std::vector<std::vector<std::int64_t>> received_numbers;
+  std::vector<std::vector<std::int32_t>> rows_there;    ///< of those received
   std::vector<std::vector<std::size_t>> received_rows;  ///< where they stand in `ghosts`
   mutable std::unordered_map<const Cell*, std::int64_t> number_of;  ///< made when it is asked for
 
@@ -64,12 +77,17 @@ struct Partition::Parts {
   void exchange_wants();
   void release();
   bool exchange_needs();
+  void forget_told();
+  bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
   void share_ghosts();
   std::vector<double> rows_at(std::span<const Place> places);
   void hand_on_data();
   void plan_exchange();
-  void number_nodes();
-  void list_nodes();
+  /// Gives ghosts their numbers and, if it is wanted, data; the last step of what changes the mesh.
+  /// Throws where ghosts are not what their owners have.
+  void conclude(bool with_data);
+  void take_fingerprints();
+  void list_owned();
   void exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer);
   bool agrees();
   void exchange_data();
@@ -133,16 +151,20 @@ struct Partition::Parts {
 };
 
 /// Rows of numbers of some nodes, by neighbour, for others there.
+/// @param is_agreed  both sides know how many there are
 template <typename Read, typename Write>
 void exchange_between(Messages& messages, std::span<const std::span<Cell* const>> from,
                       std::span<const std::span<Cell* const>> to, std::size_t width,
-                      const Read& read, const Write& write) {
+                      const Read& read, const Write& write, bool is_agreed = false) {
   std::vector<std::vector<double>> out(from.size());
   for (std::size_t i = 0; i < from.size(); ++i) {
     out[i].resize(from[i].size() * width);
     for (std::size_t k = 0; k < from[i].size(); ++k) read(*from[i][k], out[i].data() + k * width);
   }
-  const std::vector<std::vector<double>> in = messages.exchange(out);
+  std::vector<char> comes(to.size());
+  for (std::size_t i = 0; i < to.size(); ++i) comes[i] = to[i].empty() ? 0 : 1;
+  const std::vector<std::vector<double>> in =
+      is_agreed ? messages.exchange(out, comes) : messages.exchange(out);
   for (std::size_t i = 0; i < to.size(); ++i) {
     if (in[i].size() != to[i].size() * width) continue;  // a fault there, told in together()
     for (std::size_t k = 0; k < to[i].size(); ++k) write(*to[i][k], in[i].data() + k * width);
@@ -162,7 +184,7 @@ void Partition::Parts::exchange_rows(std::size_t width, GhostLayer layer, const 
     return some;
   };
   exchange_between(messages, of_layer(sent, nb_sent_linked), of_layer(received, nb_received_linked),
-                   width, read, write);
+                   width, read, write, true);
 }
 
 template <typename Read, typename Write>

@@ -126,6 +126,7 @@ void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
   messages.alone([&] {
     Piece moved(whole, grid, box(), options.overlap);
     moved.take_settings(*piece);
+    moved.keep_ghosts();
     owned.clear();
     ghosts.clear();
     piece.reset();

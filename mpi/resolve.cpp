@@ -5,12 +5,6 @@
 
 namespace velmar_2d {
 
-namespace {
-constexpr const char* differing =
-    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners; was the mesh of a "
-    "process changed by hand?";
-}
-
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
   std::vector<std::vector<Place>> sorted(messages.neighbours().size());
   for (const Place& place : places) sorted[neighbour_of(place)].push_back(place);
@@ -19,13 +13,31 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
 
 /// Until nothing is new.
 void Partition::Parts::exchange_wants() {
-  while (messages.together(piece->has_wants() ? 1 : 0) > 0) {
+  constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8;
+  for (;;) {
+    const std::uint64_t any =
+        messages.any((piece->has_wants() ? wants : 0) | (has_changed() ? changes : 0) |
+                     (has_told ? 0 : forgotten) | (piece->has_nodes_to_ask() ? asks : 0));
+    if ((any & forgotten) != 0) {
+      messages.alone([&] {
+        for (const std::vector<Place>& places : told_borders.received) {
+          piece->change_ghosts({}, places);
+        }
+        forget_told();
+      });
+    }
+    is_settled = (any & (changes | forgotten)) == 0;
+    asks_more = (any & asks) != 0;
+    if ((any & wants) == 0) return;
     ++statistics.nb_rounds;
     std::vector<std::vector<Place>> out(messages.neighbours().size());
     messages.alone([&] { out = by_owner(piece->wants()); });
     const std::vector<std::vector<Place>> in = messages.exchange(out);
     messages.alone([&] {
-      for (const std::vector<Place>& places : in) piece->hold(places);
+      for (const std::vector<Place>& places : in) {
+        holds_more = holds_more || !places.empty();
+        piece->hold(places);
+      }
       if (grid.n_cell_data == 0) piece->ask();
     });
   }
@@ -34,9 +46,10 @@ void Partition::Parts::exchange_wants() {
 // With data, nodes that come are asked when their derivatives can be told: when all others that
 // come with them are there, beyond the cuts too, and hold their values.
 void Partition::Parts::refine() {
-  bool is_first = true;
-  while (messages.together(piece->has_nodes_to_ask() ? 1 : 0) > 0) {
-    if (!std::exchange(is_first, false) && grid.n_cell_data > 0) {
+  messages.alone([&] { piece->ask(); });
+  exchange_wants();
+  while (asks_more) {
+    if (grid.n_cell_data > 0) {
       sharing([&] {
         share_ghosts();
         hand_on_data();
@@ -49,28 +62,66 @@ void Partition::Parts::refine() {
 
 // Others are told first what is needed of them: with a margin that is more than what was wanted.
 void Partition::Parts::release() {
-  exchange_needs();
-  std::int64_t nb_lost = 1;
-  while (nb_lost > 0) {
+  sharing([&] { exchange_needs(); });
+  bool has_lost = true;
+  while (has_lost) {
     messages.alone([&] { piece->release(); });
-    nb_lost = messages.together(exchange_needs() ? 1 : 0);
+    sharing([&] { has_lost = exchange_needs(); });
+    has_lost = messages.any(has_lost ? 1 : 0) != 0;
   }
 }
 
-/// @return whether some own node is not needed by others any more
+/// Tells what is needed of others, and own nodes that have gone.
+/// @return whether more own nodes may go
 bool Partition::Parts::exchange_needs() {
-  std::vector<std::vector<Place>> out(messages.neighbours().size());
-  messages.alone([&] { out = by_owner(piece->needs()); });
-  const std::vector<std::vector<Place>> in = messages.exchange(out);
-  bool has_lost = false;
+  const std::vector<int>& ranks = messages.neighbours();
+  std::vector<std::vector<Place>> out(ranks.size());
   messages.alone([&] {
+    const bool are_others = piece->needs_revision() != needs_told;
+    std::vector<std::vector<Place>> needs;
+    if (are_others) needs = by_owner(piece->needs());
+    for (std::size_t i = 0; i < ranks.size(); ++i) {
+      if (are_others) {
+        std::sort(needs[i].begin(), needs[i].end());
+        tell_changes(told_needs.sent[i], std::move(needs[i]), out[i]);
+      } else {
+        tell_no_changes(out[i]);
+      }
+      const std::vector<Place> gone = piece->gone_near(boxes[static_cast<std::size_t>(ranks[i])]);
+      out[i].insert(out[i].end(), gone.begin(), gone.end());
+    }
+    needs_told = piece->needs_revision();
+  });
+  const std::vector<std::vector<Place>> in = messages.exchange(out);
+  messages.alone([&] {
+    std::vector<Place> gone;
+    for (std::size_t i = 0; i < ranks.size(); ++i) {
+      ChangesReader reader(in[i]);
+      if (reader.read(told_needs.received[i])) holds_more = true;
+      gone.insert(gone.end(), reader.rest().begin(), reader.rest().end());
+    }
+    piece->remove_ghosts(gone);
+    if (!std::exchange(holds_more, false)) return;
     std::vector<Place> held;
-    for (const std::vector<Place>& places : in) {
+    for (const std::vector<Place>& places : told_needs.received) {
       held.insert(held.end(), places.begin(), places.end());
     }
-    has_lost = piece->hold_only(held);
+    piece->hold_only(held);
   });
-  return has_lost;
+  return piece->has_freed();
+}
+
+/// All is told anew from now on.
+void Partition::Parts::forget_told() {
+  const std::size_t n = messages.neighbours().size();
+  for (ToldPlaces* told : {&told_borders, &told_needs, &told_linked, &told_others}) {
+    told->forget(n);
+  }
+  sent_rows.assign(n, {});
+  needs_told = 0;
+  mesh_told = ~std::uint64_t{0};
+  has_told = true;
+  holds_more = true;
 }
 
 /// Each process tells its neighbours about its nodes near them.
@@ -78,26 +129,34 @@ void Partition::Parts::share_ghosts() {
   const std::vector<int>& ranks = messages.neighbours();
   std::vector<std::vector<Place>> out(ranks.size());
   messages.alone([&] {
+    if (mesh_told == piece->mesh().revision()) {
+      for (std::vector<Place>& message : out) tell_no_changes(message);
+      return;
+    }
+    std::vector<Window> there;
+    for (const int rank : ranks) there.push_back(boxes[static_cast<std::size_t>(rank)]);
+    std::vector<std::vector<Place>> borders = piece->border_places(there);
     for (std::size_t i = 0; i < ranks.size(); ++i) {
-      for (const Cell* c : piece->border(boxes[static_cast<std::size_t>(ranks[i])])) {
-        out[i].push_back(piece->place_of(*c));
-      }
+      std::sort(borders[i].begin(), borders[i].end());
+      tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
     }
   });
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
-    std::vector<Place> all;
-    for (const std::vector<Place>& places : in) {
-      all.insert(all.end(), places.begin(), places.end());
+    std::vector<Place> come, gone;
+    for (std::size_t i = 0; i < ranks.size(); ++i) {
+      ChangesReader reader(in[i]);
+      reader.read(told_borders.received[i]);
+      come.insert(come.end(), reader.come().begin(), reader.come().end());
+      gone.insert(gone.end(), reader.gone().begin(), reader.gone().end());
     }
-    piece->hold_ghosts(all);
+    piece->change_ghosts(come, gone);
     if (piece->reaches_cut()) {
       throw Error(
           "the mesh needs nodes where the window of the process ends: more overlap is "
           "wanted");
     }
   });
-  messages.together();
 }
 
 /// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
@@ -161,17 +220,20 @@ void Partition::Parts::exchange_data() {
 }
 
 void Partition::Parts::settle() {
+  is_settled = false;
+  messages.alone([&] { list_owned(); });
   share_ghosts();
   plan_exchange();
-  number_nodes();
-  if (!agrees()) throw FaultOfAll(differing);
+  conclude(false);
 }
 
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
+  is_settled = false;
   nb_handed_on = 0;
   known_ghosts.clear();
+  if (mesh_told != piece->mesh().revision()) has_told = false;  // it was changed by hand
   messages.alone([&] {
     check_update(size, sizes);
     if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
@@ -185,16 +247,21 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     }
   });
   refine();
-  release();
+  if (is_settled) {
+    piece->end_unchanged();
+  } else {
+    release();
+    messages.alone([&] { list_owned(); });
+  }
   sharing([&] {
-    share_ghosts();
-    nb_handed_on = 0;
-    known_ghosts.clear();
-    hand_on_data();
-    plan_exchange();
-    number_nodes();
-    exchange_data();
-    if (!agrees()) throw FaultOfAll(differing);
+    if (!is_settled) {
+      share_ghosts();
+      nb_handed_on = 0;
+      known_ghosts.clear();
+      hand_on_data();
+      plan_exchange();
+    }
+    conclude(true);
   });
 }
 

@@ -255,14 +255,18 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
   messages.together();
   sharing([&] {
     plan_window();
-    messages.alone([&] { list_nodes(); });
+    is_settled = false;
+    messages.alone([&] {
+      list_owned();
+      list_rings();
+    });
     if (!window_agrees()) {
       throw FaultOfAll(
           "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that "
           "their owners have: update() wants more overlap");
     }
     plan_exchange();
-    number_nodes();
+    conclude(false);
   });
 }
 

@@ -108,12 +108,45 @@ bool Piece::hold_only(std::span<const Place> places) {
 }
 
 std::vector<Cell*> Piece::border(const Window& box, int layers) {
-  return update_->border(box, layers);
+  std::vector<Cell*> found;
+  for (const auto& near : update_->borders({&box, 1}, layers)[0]) found.push_back(near.cell);
+  return found;
 }
 
 void Piece::hold_ghosts(std::span<const Place> places) {
   const detail::MeshChange change(mesh_.state(), "Piece::hold_ghosts");
   update_->hold_ghosts(to_lattice(places));
+}
+
+std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes) {
+  std::vector<std::vector<Place>> places;
+  for (const auto& border : update_->borders(boxes, 2)) {
+    places.emplace_back();
+    places.back().reserve(border.size());
+    for (const auto& near : border) places.back().push_back(to_place(near.at));
+  }
+  return places;
+}
+void Piece::for_ghosts(const std::function<void(Cell&, Place, bool)>& use) {
+  update_->for_ghosts([&](Cell* c, const detail::LatticePoint& at, bool is_linked) {
+    use(*c, to_place(at), is_linked);
+  });
+}
+void Piece::keep_ghosts() { update_->keep_ghosts(); }
+bool Piece::has_changed() const { return update_->has_changed(); }
+void Piece::end_unchanged() { update_->end_unchanged(); }
+bool Piece::has_freed() const { return update_->has_freed(); }
+std::uint64_t Piece::needs_revision() const { return update_->needs_revision(); }
+std::vector<Place> Piece::gone_near(const Window& box) const {
+  return to_places(update_->gone_near(box));
+}
+void Piece::remove_ghosts(std::span<const Place> places) {
+  const detail::MeshChange change(mesh_.state(), "Piece::remove_ghosts");
+  update_->remove_ghosts(to_lattice(places));
+}
+void Piece::change_ghosts(std::span<const Place> come, std::span<const Place> gone) {
+  const detail::MeshChange change(mesh_.state(), "Piece::change_ghosts");
+  update_->change_ghosts(to_lattice(come), to_lattice(gone));
 }
 
 void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first) {

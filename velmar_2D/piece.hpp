@@ -112,6 +112,32 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   std::vector<Cell*> border(const Window& box, int layers = 2);
   /// Makes ghosts of the border of other pieces.
   void hold_ghosts(std::span<const Place> places);
+  /// Places of border() of each box.
+  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
+
+  // Pieces that tell one another only what has changed: needs() lets no ghost go, and between
+  // release() and border() owners tell what has gone.
+
+  /// From now on ghosts stay from update to update.
+  void keep_ghosts();
+  /// Whether nodes have come since begin(), or may go. Where that is so on no piece, and needs()
+  /// are those of before, nothing remains to be done but end_unchanged().
+  bool has_changed() const;
+  void end_unchanged();
+  /// Whether nodes may go that were kept by the last release().
+  bool has_freed() const;
+  /// Another one wherever needs() are others.
+  std::uint64_t needs_revision() const;
+  /// Own nodes that the last release() let go, as far as the piece with this box may know them.
+  std::vector<Place> gone_near(const Window& box) const;
+  /// Lets ghosts go that have gone at their owners, as soon as nothing rests on them.
+  void remove_ghosts(std::span<const Place> places);
+  /// Makes ghosts of what has come to the border of other pieces, and, after release(), lets those
+  /// go that do not belong to it any more, unless they are needed.
+  void change_ghosts(std::span<const Place> come, std::span<const Place> gone);
+  /// Calls `use` with each ghost, its place and whether it is linked to an own node.
+  void for_ghosts(const std::function<void(Cell& ghost, Place place, bool is_linked)>& use);
+
   /// Values of nodes that have come since begin(), from those of their parents anew, in the order
   /// in which they came: once the data of ghosts that others had before are known.
   ///

@@ -132,6 +132,14 @@ void run_ring() {
       compare(part, mesh, step);
     }
     check_numbers(part, step);
+    for (const int limit : {7, 11}) {
+      if (step != 6) break;
+      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts
+      part.mesh().set_limit(limit);
+      mesh.resolve(size, resolution);
+      part.resolve(size, resolution);
+      compare(part, mesh, step);
+    }
     for (Cell& c : mesh.nodes()) {
       c.data[0] = std::tanh(20.0 * (c.x - 0.3 * c.y - t));
       c.data[1] += c.x;
@@ -270,6 +278,31 @@ void refuse_holes() {
   expect(is_refused, "a mesh with a hole is refused", 0);
 }
 
+/// Updates that find nothing to do send data and one number to each neighbour; and a ghost that is
+/// not what its owner has is found by those that change something.
+void run_settled() {
+  const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
+  Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, grid);
+  const auto size_at = [](double x0) {
+    return [x0](double x, double y, auto...) { return 0.02 + 0.3 * std::abs(x - x0 - 0.2 * y); };
+  };
+  const std::int64_t nb_pairs = std::int64_t{part.nb_processes()} * (part.nb_processes() - 1);
+  for (int step = 0; step < 6; ++step) {
+    part.resolve(size_at(0.4));
+    const PartitionStatistics settled = part.statistics();
+    if (step < 4)
+      continue;  // the first ones make the mesh, and let go ghosts that it does not need
+    expect(settled.nb_bytes <= 8 * settled.nb_ghosts + 16 * nb_pairs, "little is sent", step);
+  }
+  part.resolve(size_at(0.42));
+  expect(part.statistics().inserted > 0, "the update changes something", 1);
+  if (part.nb_processes() == 1) return;
+  if (part.rank() == 0) part.linked_ghosts()[0]->reserve += 1;
+  expect(!part.agrees(), "a ghost that was changed is found", 1);
+  std::string text = error_of([&] { part.resolve(size_at(0.44)); });
+  expect(text.find("ghosts differ") != std::string::npos, "it ends the update on all", 1);
+}
+
 void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
@@ -334,6 +367,7 @@ int main(int argc, char** argv) {
     run_fault(std::atoi(argv[2]));
   } else {
     run_ring();
+    run_settled();
     refuse_holes();
   }
   MPI_Finalize();

@@ -21,37 +21,69 @@ class PieceUpdate::Removal {
   JoinAtEnd join_at_end_;
 };
 
-// Each ghost that is no surplus has an own node that wants it or rests on it, if only by way of
-// other ghosts.
+// Where ghosts are not kept, those go first that are not needed.
 std::vector<LatticePoint> PieceUpdate::find_needs() {
-  if (!ghosts_are_needed_) {
-    for (Cell* c : std::exchange(held_ghosts_, {})) {
-      c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+  if (!ghosts_are_needed_ && !keeps_ghosts_) {
+    for (const Lattice::Entry& entry : ghost_table_->entries()) {
+      if (entry.cell == nullptr) continue;
+      entry.cell->wanted_level &= static_cast<std::uint8_t>(~is_held);
+      idle_.push_back(entry.cell);
     }
-    for (Cell* c : newcomers_) {
-      if (!owns(*c)) ghosts_.push_back(c);
-    }
-    std::vector<Cell*> candidates = ghosts_;
-    std::stable_sort(candidates.begin(), candidates.end(),
-                     [](const Cell* a, const Cell* b) { return a->ipos > b->ipos; });
-    const Removal removal(*this);
-    for (Cell* c : candidates) {
-      if (is_surplus(*c)) remove(*c);
-    }
-    ghosts_are_needed_ = true;
+    remove_idle();
   }
+  ghosts_are_needed_ = true;
   std::vector<LatticePoint> places;
-  for (const Cell* c : ghosts_) {
-    if (c->ipos > 0) places.push_back(place_of(*c));
+  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+    if (entry.ipos == 0 || entry.cell == nullptr) continue;
+    if ((entry.cell->wanted_level & is_needed) != 0) places.push_back(entry.at);
   }
   return places;
+}
+
+// Parents may become idle by that, too.
+void PieceUpdate::remove_idle() {
+  if (idle_.empty()) return;
+  const Removal removal(*this);
+  while (!idle_.empty()) {
+    std::vector<Cell*> candidates = std::exchange(idle_, {});
+    std::erase_if(candidates, [this](const Cell* c) { return gone_.contains(c); });
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Cell* a, const Cell* b) { return a->ipos > b->ipos; });
+    for (Cell* c : candidates) {
+      if (!gone_.contains(c) && is_idle(*c)) remove(*c);
+    }
+  }
+}
+
+void PieceUpdate::remove_ghosts(std::span<const LatticePoint> places) {
+  waiting_to_go_.insert(waiting_to_go_.end(), places.begin(), places.end());
+  if (waiting_to_go_.empty()) return;
+  std::vector<Cell*> candidates;
+  for (const LatticePoint& p : std::exchange(waiting_to_go_, {})) {
+    const std::int32_t number = number_of_ghost(p);
+    if (number >= 0) {
+      candidates.push_back(ghost_table_->entries()[static_cast<std::size_t>(number)].cell);
+    }
+  }
+  std::stable_sort(candidates.begin(), candidates.end(),
+                   [](const Cell* a, const Cell* b) { return a->ipos > b->ipos; });
+  const Removal removal(*this);
+  for (Cell* c : candidates) {
+    c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+    if (gone_.contains(c)) continue;
+    if (is_idle(*c)) {
+      remove(*c);
+    } else {
+      waiting_to_go_.push_back(place_of(*c));
+    }
+  }
 }
 
 bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
   const std::vector<Cell*> before = std::exchange(held_, {});
   for (Cell* c : before) c->wanted_level &= static_cast<std::uint8_t>(~is_held);
   for (const LatticePoint& p : places) {
-    Cell* c = near_node_at(p);
+    Cell* c = node_at(p);
     if (c == nullptr) continue;
     c->wanted_level |= is_held;
     held_.push_back(c);
@@ -68,9 +100,8 @@ bool PieceUpdate::hold_only(std::span<const LatticePoint> places) {
 void PieceUpdate::forget_gone() {
   if (gone_.empty()) return;
   const auto has_gone = [this](const Cell* c) { return gone_.contains(c); };
-  std::erase_if(ghosts_, has_gone);
-  std::erase_if(near_, has_gone);
   std::erase_if(freed_, has_gone);
+  std::erase_if(idle_, has_gone);
   std::size_t n = 0;
   for (std::size_t i = 0; i < newcomers_.size(); ++i) {
     if (has_gone(newcomers_[i])) continue;
@@ -81,6 +112,7 @@ void PieceUpdate::forget_gone() {
   parents_.resize(n);
   nb_noted_ = nb_told_ = n;
   gone_.clear();
+  forget_places();
   state_.history.forget();
 }
 
@@ -89,10 +121,14 @@ void PieceUpdate::remove(Cell& c) {
   if (owns(c)) {
     ++statistics_.removed;
     gone_own_.push_back(&c);
+    forget_own(c);
+  } else {
+    forget_ghost(c);
   }
   for (int d = c.ipos % 2; d < nb_directions; d += 2) {
     Cell* parent = link(c, d).cell();
-    if (parent != nullptr && parent->ipos > 0) freed_.push_back(parent);
+    if (parent == nullptr || parent->ipos == 0) continue;
+    (owns(*parent) ? freed_ : idle_).push_back(parent);
   }
   gone_.insert(&c);
   Cell* node = &c;
@@ -100,15 +136,20 @@ void PieceUpdate::remove(Cell& c) {
 }
 
 void PieceUpdate::release() {
+  gone_near_.clear();
   const Removal removal(*this);
   if (!knows_fallen_ || are_many(fallen_.size(), own_nodes_.size())) {
     release_everywhere();
   } else {
     release_around_fallen();
   }
-  knows_fallen_ = surplus_has_gone_ = true;
   fallen_.clear();
   freed_.clear();
+  while (!keeps_ghosts_ && !idle_.empty()) {
+    remove_idle();
+    release_freed();
+  }
+  knows_fallen_ = surplus_has_gone_ = true;
   is_updating_ = is_listed_ = false;
   state_.surplus_has_gone = false;
 }
@@ -117,7 +158,7 @@ void PieceUpdate::release_everywhere() {
   for (std::size_t l = state_.level_end.size(); l-- > 0;) {
     for (Cell* c = state_.level_end[l].next; c != nullptr;) {
       Cell* next = c->prev;
-      if (is_surplus(*c)) remove(*c);
+      if (owns(*c) && is_surplus(*c)) remove(*c);
       c = next;
     }
   }
@@ -130,11 +171,16 @@ void PieceUpdate::release_around_fallen() {
       if (linked != nullptr && linked->ipos > p->ipos) freed_.push_back(linked);
     }
   }
+  release_freed();
+}
+
+void PieceUpdate::release_freed() {
   std::size_t next = 0;  // removals make more
   while (next < freed_.size()) {
     Cell* c = freed_[next++];
-    if (!gone_.contains(c) && is_surplus(*c)) remove(*c);
+    if (!gone_.contains(c) && owns(*c) && is_surplus(*c)) remove(*c);
   }
+  freed_.clear();
 }
 
 }  // namespace velmar_2d::detail

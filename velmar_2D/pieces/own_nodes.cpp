@@ -31,40 +31,55 @@ class AddressSet {
 
 }  // namespace
 
-void PieceUpdate::list(Cell& c, bool is_near_cut) {
-  if (is_near_cut) {
-    near_.push_back(&c);
+void PieceUpdate::list(Cell& c, const LatticePoint* near_cut) {
+  if (near_cut != nullptr) {
+    near_.push_back({&c, *near_cut});
     near_rows_.push_back(own_nodes_.size());
   }
   own_nodes_.push_back(&c);
 }
 
+void PieceUpdate::list_new(Cell& c) {
+  if (!is_near(c)) {
+    list(c, nullptr);
+    return;
+  }
+  const LatticePoint at = place_of(c);
+  list(c, &at);
+}
+
 void PieceUpdate::list_all() {
   own_nodes_.clear();
   ghosts_.clear();
+  ghosts_are_listed_ = keeps_windows_;
   near_.clear();
   near_rows_.clear();
   first_rows_.clear();
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
     if (!owns(*c)) {
-      ghosts_.push_back(c);
+      ghosts_.push_back(c);  // tabulate_ghosts() has them from here
       continue;
     }
     first_rows_.resize(static_cast<std::size_t>(c->ipos) + 1, own_nodes_.size());
-    list(*c, is_near(*c));
+    list_new(*c);
   }
+  near_table_.reset();
+  if (!keeps_windows_) tabulate_ghosts();
 }
 
 // A node that comes is the first of its stretch, and the others keep their order: so the list is
 // known without a look at the nodes that stay.
 void PieceUpdate::list_changes() {
+  const auto is_own = [this](const Cell* c) { return owns(*c); };
+  if (gone_own_.empty() && std::none_of(newcomers_.begin(), newcomers_.end(), is_own)) return;
+  near_table_.reset();
   const AddressSet gone(gone_own_);
   std::vector<Cell*>& before = own_nodes_before_;
   before.swap(own_nodes_);
   own_nodes_.clear();
   own_nodes_.reserve(before.size() + newcomers_.size());
   const std::vector<std::size_t> near_rows_before = std::exchange(near_rows_, {});
-  near_.clear();
+  const std::vector<Near> near_before = std::exchange(near_, {});
   std::vector<std::vector<Cell*>> come(state_.level_end.size());
   for (Cell* c : newcomers_) {
     if (owns(*c)) come[static_cast<std::size_t>(c->ipos)].push_back(c);
@@ -73,12 +88,13 @@ void PieceUpdate::list_changes() {
   std::vector<std::size_t> first_rows;
   for (std::size_t l = 0; l < come.size(); ++l) {
     first_rows.push_back(own_nodes_.size());
-    for (std::size_t i = come[l].size(); i-- > 0;) list(*come[l][i], is_near(*come[l][i]));
+    for (std::size_t i = come[l].size(); i-- > 0;) list_new(*come[l][i]);
     const std::size_t end = l + 1 < first_rows_.size() ? first_rows_[l + 1] : before.size();
     for (; row < end; ++row) {
       const bool is_near_cut = near < near_rows_before.size() && near_rows_before[near] == row;
+      const LatticePoint* at = is_near_cut ? &near_before[near].at : nullptr;
       near += is_near_cut ? 1 : 0;
-      if (!gone.contains(before[row])) list(*before[row], is_near_cut);
+      if (!gone.contains(before[row])) list(*before[row], at);
     }
   }
   first_rows_ = std::move(first_rows);
@@ -91,7 +107,6 @@ void PieceUpdate::list_nodes() {
     list_all();
   }
   gone_own_.clear();
-  near_table_.reset();
   listed_revision_ = state_.mesh_revision;
   is_listed_ = true;
   knows_changes_ = false;
@@ -102,14 +117,14 @@ void PieceUpdate::list_if_changed() {
 }
 
 void PieceUpdate::tabulate_near() {
-  near_table_ = Lattice::of_few(state_);
-  for (Cell* c : near_) near_table_->add({place_of(*c), c, c->ipos});
+  near_table_ = Lattice::of_few(state_, near_.size());
+  for (const Near& near : near_) near_table_->add({near.at, near.cell, near.cell->ipos});
 }
 
 Cell* PieceUpdate::near_node_at(LatticePoint p) {
   if (!near_table_) tabulate_near();
   const std::int32_t number = near_table_->find(p);
-  return number < 0 ? node_at(p) : near_table_->entries()[static_cast<std::size_t>(number)].cell;
+  return number < 0 ? nullptr : near_table_->entries()[static_cast<std::size_t>(number)].cell;
 }
 
 std::int64_t PieceUpdate::row_of(LatticePoint p) {
@@ -119,26 +134,51 @@ std::int64_t PieceUpdate::row_of(LatticePoint p) {
   return static_cast<std::int64_t>(near_rows_[static_cast<std::size_t>(number)]);
 }
 
-// A node of level l is linked to none beyond the spacing of that level. A little more does no harm.
-std::vector<Cell*> PieceUpdate::border(const Window& of, int layers) {
+namespace {
+
+/// Where a box lies, and how far off it is: along x or y, whichever is more.
+struct Sides {
+  double west, east, south, north;
+
+  double distance(const Cell& c) const {
+    return std::max({west - c.x, c.x - east, south - c.y, c.y - north});
+  }
+};
+
+}  // namespace
+
+// A node of level l is linked to none beyond the spacing of that level, and those that it is linked
+// to to none beyond twice that. A little more does no harm.
+std::vector<std::vector<PieceUpdate::Near>> PieceUpdate::borders(std::span<const Window> of,
+                                                                 int layers) {
   if (!is_updating_ && !is_listed_) list_nodes();
   const Frame& frame = state_.domain.frame;
   const double dist_0 = state_.domain.dist_0;
-  const double west = frame.x_min + of.west * dist_0, east = frame.x_min + of.east * dist_0;
-  const double south = frame.y_min + of.south * dist_0, north = frame.y_min + of.north * dist_0;
-  const auto reaches = [&](const Cell& c) {
-    const double reach = 1.001 * dist_0 / exact_power_of_2(c.level / 2);
-    return c.x >= west - reach && c.x <= east + reach && c.y >= south - reach &&
-           c.y <= north + reach;
+  std::vector<Sides> boxes;
+  for (const Window& box : of) {
+    boxes.push_back({frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
+                     frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0});
+  }
+  std::array<double, highest_wanted_level + 1> reach_of_level{};
+  for (std::size_t l = 0; l < reach_of_level.size(); ++l) {
+    reach_of_level[l] = 1.001 * dist_0 / exact_power_of_2(static_cast<std::int32_t>(l / 2));
+  }
+  const auto reach = [&](const Cell& c) {
+    return reach_of_level[static_cast<std::size_t>(c.level)];
   };
-  std::vector<Cell*> found;
-  for (Cell* c : near_) {
-    bool needed = reaches(*c);
-    for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
-      const Cell* linked = link(*c, d).cell();
-      needed = linked != nullptr && reaches(*linked);
+  std::vector<std::vector<Near>> found(of.size());
+  for (const Near& near : near_) {
+    const Cell& c = *near.cell;
+    for (std::size_t i = 0; i < boxes.size(); ++i) {
+      const double distance = boxes[i].distance(c);
+      if (distance > 4.0 * reach(c)) continue;
+      bool needed = distance <= reach(c);
+      for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
+        const Cell* linked = link(c, d).cell();
+        needed = linked != nullptr && boxes[i].distance(*linked) <= reach(*linked);
+      }
+      if (needed) found[i].push_back(near);
     }
-    if (needed) found.push_back(c);
   }
   return found;
 }

@@ -76,11 +76,25 @@ Point PieceUpdate::point_at(LatticePoint p) const {
   return {frame.x_min + offset(p.x), frame.y_min + offset(p.y)};
 }
 
-Cell* PieceUpdate::node_at(LatticePoint p) const {
+/// Whether the tables are those of the mesh as it is.
+bool PieceUpdate::knows_places() const {
+  return ghost_table_.has_value() &&
+         (is_updating_ || knows_changes_ || listed_revision_ == state_.mesh_revision);
+}
+
+Cell* PieceUpdate::node_at(LatticePoint p) {
   if (!wants_.contains(p)) return nullptr;
   if (nodes_by_place_) {
     const std::int32_t number = nodes_by_place_->find(p);
     return number < 0 ? nullptr : nodes_by_place_->entries()[static_cast<std::size_t>(number)].cell;
+  }
+  if (knows_places()) {
+    if (owns(p)) {
+      if (Cell* c = near_node_at(p)) return c;
+    } else {
+      const std::int32_t number = number_of_ghost(p);
+      return number < 0 ? nullptr : ghost_table_->entries()[static_cast<std::size_t>(number)].cell;
+    }
   }
   const Domain& domain = state_.domain;
   Point at = point_at(p);
@@ -108,6 +122,7 @@ void PieceUpdate::compute_derivatives() {
 void PieceUpdate::keep_window() {
   keeps_windows_ = true;
   is_listed_ = is_updating_ = knows_changes_ = false;
+  ghost_table_.reset();
   state_.candidate_order = CandidateOrder::by_age;
 }
 

@@ -18,6 +18,9 @@ struct Box {
   }
 };
 
+/// In the wanted_level of a ghost: own nodes want it or rest on it, if only by way of other ghosts.
+inline constexpr std::uint8_t is_needed = is_waiting;
+
 /// The steps of a common update, on the mesh of one window.
 class PieceUpdate {
  public:
@@ -34,7 +37,7 @@ class PieceUpdate {
   bool is_near(const Cell& c) const;
   LatticePoint place_of(const Cell& c) const;
   /// None where the window has no node there.
-  Cell* node_at(LatticePoint p) const;
+  Cell* node_at(LatticePoint p);
 
   void begin(const size_function& size, const batch_size_function& sizes,
              const Resolution& resolution, init_data_function init_data);
@@ -45,6 +48,7 @@ class PieceUpdate {
   void hold(std::span<const LatticePoint> places);
   void release();
   std::vector<LatticePoint> find_needs();
+  std::uint64_t needs_revision() const { return needs_revision_; }
   bool hold_only(std::span<const LatticePoint> places);
 
   void compute_derivatives();
@@ -54,6 +58,7 @@ class PieceUpdate {
   }
   std::span<Cell* const> ghosts() {
     list_if_changed();
+    if (!ghosts_are_listed_) list_ghosts();
     return ghosts_;
   }
   /// Of a node near a cut among own_nodes(), -1 where there is none. Needs: these asked for since
@@ -62,8 +67,23 @@ class PieceUpdate {
 
   void hold_all(std::span<const LatticePoint> places);
 
-  std::vector<Cell*> border(const Window& of, int layers);
+  struct Near {
+    Cell* cell;
+    LatticePoint at;
+  };
+  /// Of each of the boxes.
+  std::vector<std::vector<Near>> borders(std::span<const Window> of, int layers);
   void hold_ghosts(std::span<const LatticePoint> places);
+  void keep_ghosts() { keeps_ghosts_ = true; }
+  bool has_changed() const;
+  void end_unchanged();
+  bool has_freed() const { return !freed_.empty(); }
+  std::vector<LatticePoint> gone_near(const Window& from) const;
+  void remove_ghosts(std::span<const LatticePoint> places);
+  void change_ghosts(std::span<const LatticePoint> come, std::span<const LatticePoint> gone);
+  /// Calls `use` with each ghost, its place and whether it is linked to own nodes.
+  template <typename Use>
+  void for_ghosts(const Use& use);
   void hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first);
   bool has_come(const Cell& c) const { return c.id >= first_new_id_; }
   std::span<Cell* const> newcomers() const { return newcomers_; }
@@ -81,19 +101,37 @@ class PieceUpdate {
   Box box_of(const Window& window) const;
   void find_sides_of_box();
   double distance_to_cut(const Cell& c) const;
-  void list(Cell& c, bool is_near_cut);
+  void list(Cell& c, const LatticePoint* near_cut);
+  void list_new(Cell& c);
   void list_all();
   void list_changes();
   void list_nodes();
   void list_if_changed();
   void tabulate_near();
   Cell* near_node_at(LatticePoint p);
+  void tabulate_ghosts();
+  void list_ghosts();
+  std::int32_t number_of_ghost(LatticePoint p) const;
+  std::int32_t add_ghost(Cell& c);
+  void need(std::int32_t ghost, std::int32_t more);
+  void count_wants(const Cell& c, std::int32_t before, std::int32_t after);
+  void note_parents(const Cell& c, std::size_t newcomer);
+  void forget_ghost(const Cell& c);
+  void forget_own(const Cell& c);
+  void remove_idle();
+  void forget_places();
+  bool knows_places() const;
+  /// A ghost that nothing here needs, and of which no owner tells.
+  bool is_idle(const Cell& c) const {
+    return (c.wanted_level & (is_held | is_needed)) == 0 && !owns(c) && is_surplus(c);
+  }
   void ask(Cell& c, double size);
   void note_newcomers();
   void remove(Cell& c);
   void forget_gone();
   void release_everywhere();
   void release_around_fallen();
+  void release_freed();
   /// The node at a place, made with all that it rests on where it is missing.
   Cell* make(LatticePoint p);
   Point point_at(LatticePoint p) const;
@@ -108,13 +146,26 @@ class PieceUpdate {
   size_function size_;
   batch_size_function sizes_;
   Resolution resolution_;
-  std::vector<Cell*> held_, held_ghosts_;
-  std::vector<Cell*> own_nodes_, ghosts_;  ///< in the order of the list
-  std::vector<Cell*> own_nodes_before_;    ///< its memory is kept
-  std::vector<std::size_t> first_rows_;    ///< of each stretch, in own_nodes_
-  std::vector<Cell*> near_;                ///< own nodes that others may need, and some more
-  std::vector<std::size_t> near_rows_;     ///< where they stand among own_nodes_, as far as listed
-  std::optional<Lattice> near_table_;      ///< of near_, in its order, once it is asked for
+  std::vector<Cell*> held_;
+  std::vector<Cell*> own_nodes_;         ///< in the order of the list
+  std::vector<Cell*> own_nodes_before_;  ///< its memory is kept
+  std::vector<std::size_t> first_rows_;  ///< of each stretch, in own_nodes_
+  /// Own nodes that others may need, and some more: those that are listed, some of which may have
+  /// gone in an update, and those that have come.
+  std::vector<Near> near_;
+  std::vector<std::size_t> near_rows_;  ///< where they stand among own_nodes_, as far as listed
+  std::optional<Lattice> near_table_;   ///< of near_, in its order, once it is asked for
+  /// Ghosts, and places where some were: those have no node.
+  std::optional<Lattice> ghost_table_;
+  /// Of each: own nodes that want it, own nodes and needed ghosts that rest on it.
+  std::vector<std::int32_t> nb_needing_;
+  std::size_t nb_ghosts_gone_ = 0;  ///< places without a node in the table
+  std::vector<Cell*> ghosts_;       ///< in the order of the table, once they are asked for
+  bool ghosts_are_listed_ = false;
+  std::vector<Cell*> idle_;                  ///< ghosts that may not be of use any more
+  std::vector<LatticePoint> gone_near_;      ///< places of own nodes, since release() began
+  std::vector<LatticePoint> waiting_to_go_;  ///< ghosts that have gone at their owners
+  std::uint64_t needs_revision_ = 0;
   bool is_listed_ = false, is_updating_ = false;
   bool knows_changes_ = false;  ///< since they were listed: the newcomers, and those that have gone
   std::vector<const Cell*> gone_own_;
@@ -134,8 +185,23 @@ class PieceUpdate {
   bool reaches_cut_ = false;
   bool surplus_has_gone_ = false;   ///< with the last update
   bool knows_fallen_ = false;       ///< all that may go is around those whose wants have fallen
+  bool keeps_ghosts_ = false;       ///< from update to update
   bool ghosts_are_needed_ = false;  ///< those that are not have gone
   bool keeps_windows_ = false;      ///< others need all nodes in theirs
 };
+
+template <typename Use>
+void PieceUpdate::for_ghosts(const Use& use) {
+  list_if_changed();
+  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+    if (entry.cell == nullptr) continue;
+    bool is_linked = false;
+    for (int d = 0; d < nb_directions && !is_linked; ++d) {
+      const Cell* there = link(*entry.cell, d).cell();
+      is_linked = there != nullptr && owns(*there);
+    }
+    use(entry.cell, entry.at, is_linked);
+  }
+}
 
 }  // namespace velmar_2d::detail

@@ -61,13 +61,19 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
     const JoinAtEnd join_at_end(state_);
     restore_rings(state_, resolution.most_nodes);
     knows_fallen_ = false;
+    held_.clear();  // some may have gone: others tell anew what they need
+    for (std::size_t l = 0; l < state_.level_beg.size(); ++l) {
+      for (Cell* c = state_.level_beg[l].next; c != nullptr; c = c->next) {
+        c->wanted_level &= static_cast<std::uint8_t>(~is_held);
+      }
+    }
   }
   knows_changes_ = false;
   list_if_changed();
   knows_changes_ = true;
   first_new_id_ = state_.next_id;
-  held_ghosts_.clear();
-  for (Cell* c : ghosts_) c->wanted_level = 0;
+  gone_near_.clear();
+  waiting_to_go_.clear();
   to_ask_ = own_nodes_;
   is_updating_ = true;
 }
@@ -99,6 +105,7 @@ void PieceUpdate::ask(Cell& c, double size) {
   ++statistics_.visited;
   const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
   if (knows_fallen_ && may_release(c, want)) fallen_.push_back(&c);
+  if (want.kept != wanted_level(c) && is_near(c)) count_wants(c, wanted_level(c), want.kept);
   c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
     RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
@@ -113,10 +120,11 @@ void PieceUpdate::note_newcomers() {
       const Boundary* record = link(c, side).boundary();
       if (record != nullptr && record->bc_type == bc_type_cut) reaches_cut_ = true;
     }
+    if (ghost_table_) note_parents(c, nb_noted_);
     if (!owns(c)) continue;
     if (is_near(c)) {
-      near_.push_back(&c);
-      if (near_table_) near_table_->add({place_of(c), &c, c.ipos});
+      near_.push_back({&c, place_of(c)});
+      if (near_table_) near_table_->add({near_.back().at, &c, c.ipos});
     }
     to_ask_.push_back(&c);
     ++statistics_.inserted;
@@ -151,8 +159,10 @@ Cell* PieceUpdate::make(LatticePoint p) {
     }
   }
   RingMaker(state_, newcomers_, resolution_.most_nodes).make_between(parents, ipos);
-  if (nodes_by_place_) nodes_by_place_->add({p, newcomers_.back(), ipos});
-  return newcomers_.back();
+  Cell* c = newcomers_.back();
+  if (nodes_by_place_) nodes_by_place_->add({p, c, ipos});
+  note_newcomers();
+  return c;
 }
 
 void PieceUpdate::hold(std::span<const LatticePoint> places) {
@@ -166,7 +176,6 @@ void PieceUpdate::hold(std::span<const LatticePoint> places) {
     c->wanted_level |= is_held;
     held_.push_back(c);
   }
-  note_newcomers();
 }
 
 /// Parents first, with what they rest on elsewhere. The others are found by their places meanwhile.
@@ -181,6 +190,7 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
     PieceUpdate& update;
     ~Scope() { update.nodes_by_place_.reset(); }
   } const scope{*this};
+  ghost_table_.reset();
   nodes_by_place_ = Lattice::of_few(state_);
   for (Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
     nodes_by_place_->add({place_of(*c), c, c->ipos});
@@ -191,7 +201,6 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
     c->wanted_level |= is_held;
     held_.push_back(c);
   }
-  note_newcomers();
   nb_told_ = newcomers_.size();
   is_listed_ = knows_changes_ = false;
   state_.resolved_revision = state_.mesh_revision;
@@ -200,24 +209,12 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
 void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
   if (!is_updating_ && !is_listed_) list_nodes();
   const Insertion insertion(*this);
-  const std::size_t nb_before = newcomers_.size();
-  Lattice known = Lattice::of_few(state_);
-  for (Cell* c : ghosts_) known.add({place_of(*c), c, c->ipos});
   for (const LatticePoint& p : places) {
-    if (!wants_.contains(p)) continue;
-    const std::int32_t number = known.find(p);
-    Cell* c = number < 0 ? make(p) : known.entries()[static_cast<std::size_t>(number)].cell;
-    c->wanted_level |= is_held;
-    held_ghosts_.push_back(c);
+    if (wants_.contains(p)) make(p)->wanted_level |= is_held;
   }
-  note_newcomers();
   nb_told_ = newcomers_.size();
   // After the last step of an update own nodes are listed already, and none comes here.
-  if (!is_updating_) {
-    ghosts_.insert(ghosts_.end(), newcomers_.begin() + static_cast<std::ptrdiff_t>(nb_before),
-                   newcomers_.end());
-    listed_revision_ = state_.mesh_revision;
-  }
+  if (!is_updating_) listed_revision_ = state_.mesh_revision;
   state_.resolved_revision = state_.mesh_revision;
 }
 

@@ -193,9 +193,11 @@ class Lattice {
     std::int32_t ipos;  ///< as the position tells
   };
 
-  /// With room for the nodes of the mesh; the other form for none.
+  /// With room for the nodes of the mesh; the other form for so many.
   Lattice(const State& state, std::int32_t highest_ipos);
-  static Lattice of_few(const State& state) { return {state, deepest_level, 0}; }
+  static Lattice of_few(const State& state, std::size_t nb_nodes = 0) {
+    return {state, deepest_level, nb_nodes};
+  }
 
   std::vector<Entry>& entries() { return entries_; }
   const std::vector<Entry>& entries() const { return entries_; }
