@@ -24,6 +24,7 @@ struct Partition::Parts {
   Grid grid;
   PartitionOptions options;
   std::vector<Window> boxes;
+  double slope = 0.0;                            ///< of the sizes, in the last update
   std::size_t nb_handed_on = 0;                  ///< of the newcomers
   std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
   std::vector<int> owner_of_cell;                ///< of the grid, row by row
@@ -62,7 +63,15 @@ struct Partition::Parts {
                init_data_function init_data, const Resolution& resolution);
   void refine();
   void exchange_wants();
+  void exchange_wants_once();
   void release();
+  void release_until_kept();
+  void refine_graded();
+  void refine_graded_by_place();
+  void release_graded();
+  void grade_together();
+  std::vector<std::vector<PlacedSize>> take_sizes_to_tell();
+  void take_sizes(const std::vector<std::vector<PlacedSize>>& told);
   bool exchange_needs();
   void share_ghosts();
   std::vector<double> rows_at(std::span<const Place> places);

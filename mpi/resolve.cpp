@@ -21,14 +21,17 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
 void Partition::Parts::exchange_wants() {
   while (messages.together(piece->has_wants() ? 1 : 0) > 0) {
     ++statistics.nb_rounds;
-    std::vector<std::vector<Place>> out(messages.neighbours().size());
-    messages.alone([&] { out = by_owner(piece->wants()); });
-    const std::vector<std::vector<Place>> in = messages.exchange(out);
-    messages.alone([&] {
-      for (const std::vector<Place>& places : in) piece->hold(places);
-      if (grid.n_cell_data == 0) piece->ask();
-    });
+    exchange_wants_once();
   }
+}
+void Partition::Parts::exchange_wants_once() {
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  messages.alone([&] { out = by_owner(piece->wants()); });
+  const std::vector<std::vector<Place>> in = messages.exchange(out);
+  messages.alone([&] {
+    for (const std::vector<Place>& places : in) piece->hold(places);
+    if (grid.n_cell_data == 0) piece->ask();
+  });
 }
 
 // With data, nodes that come are asked when their derivatives can be told: when all others that
@@ -43,6 +46,10 @@ void Partition::Parts::refine() {
       });
     }
     messages.alone([&] { piece->ask(); });
+    if (slope > 0.0) {
+      grade_together();
+      messages.alone([&] { piece->settle(); });
+    }
     exchange_wants();
   }
 }
@@ -50,6 +57,9 @@ void Partition::Parts::refine() {
 // Others are told first what is needed of them: with a margin that is more than what was wanted.
 void Partition::Parts::release() {
   exchange_needs();
+  release_until_kept();
+}
+void Partition::Parts::release_until_kept() {
   std::int64_t nb_lost = 1;
   while (nb_lost > 0) {
     messages.alone([&] { piece->release(); });
@@ -172,9 +182,10 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   adapted_by = Adapted::by_resolve;
   nb_handed_on = 0;
   known_ghosts.clear();
+  slope = resolution.slope;
   messages.alone([&] {
     check_update(size, sizes);
-    if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
+    if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
     if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
     if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
     piece->compute_derivatives();
@@ -184,8 +195,13 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
       piece->begin(size, resolution, std::move(init_data));
     }
   });
-  refine();
-  release();
+  if (slope > 0.0) {
+    refine_graded();
+    release_graded();
+  } else {
+    refine();
+    release();
+  }
   sharing([&] {
     share_ghosts();
     nb_handed_on = 0;

@@ -89,6 +89,7 @@ void PieceUpdate::remove(Cell& c) {
   if (owns(c)) {
     ++statistics_.removed;
     gone_own_.push_back(&c);
+    if (graded_) graded_->remove(c);
   }
   for (int d = c.ipos % 2; d < nb_directions; d += 2) {
     Cell* parent = link(c, d).cell();
