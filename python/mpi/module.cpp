@@ -42,7 +42,7 @@ class CorePartition {
 
   /// `size` is asked with arrays for many nodes, `init_data` with numbers for one place.
   void resolve(const py::function& size, const py::object& init_data, double margin,
-               std::int64_t most_nodes) {
+               std::int64_t most_nodes, double slope) {
     ++version_;
     const batch_size_function sizes = [&](std::span<const Cell* const> nodes,
                                           std::span<double> of) {
@@ -59,7 +59,8 @@ class CorePartition {
         return value;
       };
     }
-    partition_.resolve_batched(sizes, value_at, {.margin = margin, .most_nodes = most_nodes});
+    partition_.resolve_batched(sizes, value_at,
+                               {.margin = margin, .most_nodes = most_nodes, .slope = slope});
   }
   bool rebalance(double threshold) {
     ++version_;
@@ -212,7 +213,7 @@ PYBIND11_MODULE(_mpi, m) {
            py::arg("communicator"), py::arg("rectangle"), py::arg("nx"), py::arg("ny"),
            py::arg("subdiv_max"), py::arg("n_cell_data"), py::arg("kinds"), py::arg("overlap"))
       .def("resolve", &CorePartition::resolve, py::arg("size"), py::arg("init_data"),
-           py::arg("margin"), py::arg("most_nodes"))
+           py::arg("margin"), py::arg("most_nodes"), py::arg("slope"))
       .def("rebalance", &CorePartition::rebalance, py::arg("threshold"))
       .def("nb_owned", &CorePartition::nb_owned)
       .def("nb_ghosts", &CorePartition::nb_ghosts)

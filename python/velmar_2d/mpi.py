@@ -66,7 +66,7 @@ class Partition:
 
     def resolve(self, size: Callable[..., Any] | float,
                 init_data: Callable[[float, float], float] | None = None, *, margin: float = 0.0,
-                most_nodes: int = 0) -> None:
+                most_nodes: int = 0, slope: float = 0.0) -> None:
         """As Mesh.resolve() of the whole mesh. Collective.
 
         size         takes arrays, for owned nodes of this process alone: x, y, data, gradient and
@@ -74,11 +74,12 @@ class Partition:
                      must not talk to others
         init_data    takes the coordinates of one place
         most_nodes   of one process, ghosts with them; 0: no limit
+        slope        above 0, sizes are graded over the mesh, from process to process too
         """
         if not callable(size):
             spacing = float(size)
             size = lambda *_: spacing  # noqa: E731
-        self._core.resolve(size, init_data, margin, most_nodes)
+        self._core.resolve(size, init_data, margin, most_nodes, slope)
 
     def rebalance(self, threshold: float = 1.1) -> bool:
         """Cuts new boxes where a process owns more than threshold times its share. Collective."""
