@@ -101,17 +101,17 @@ void Piece::hold(std::span<const Place> places) {
 }
 
 std::vector<PlacedSize> Piece::sizes_for_owners() {
-  detail::PieceSizes* sizes = update_->sizes();
+  detail::PieceSizes* sizes = update_->graded_sizes();
   if (sizes == nullptr) return {};
   return to_places(sizes->take_those_of_others());
 }
 std::vector<PlacedSize> Piece::sizes_for(std::size_t piece) {
-  detail::PieceSizes* sizes = update_->sizes();
+  detail::PieceSizes* sizes = update_->graded_sizes();
   if (sizes == nullptr) return {};
   return to_places(sizes->take_own_for(piece));
 }
 bool Piece::has_sizes_to_tell() const {
-  const detail::PieceSizes* sizes = std::as_const(*update_).sizes();
+  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
   return sizes != nullptr && sizes->has_news();
 }
 void Piece::take_sizes(std::size_t piece, std::span<const PlacedSize> told) {
@@ -125,11 +125,11 @@ void Piece::settle() {
   update_->settle();
 }
 bool Piece::lacks_sizes() const {
-  const detail::PieceSizes* sizes = std::as_const(*update_).sizes();
+  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
   return sizes != nullptr && sizes->lacks_own_sizes();
 }
 void Piece::forget_grading() {
-  detail::PieceSizes* sizes = update_->sizes();
+  detail::PieceSizes* sizes = update_->graded_sizes();
   if (sizes == nullptr) return;
   sizes->forget_grading();
   sizes->grade();

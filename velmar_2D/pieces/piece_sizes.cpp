@@ -6,6 +6,7 @@
 // so between a node and its parent: whoever owns the node knows the place of the parent, tells its
 // owner of it, and both tell each other sizes that are lower than the other one knows.
 #include <limits>
+#include <numeric>
 
 #include "velmar_2D/pieces/pieces.hpp"
 
@@ -83,30 +84,26 @@ void PieceSizes::lower_around(std::int32_t i) {
 void PieceSizes::grade() {
   constexpr std::size_t few = 16;
   const std::size_t n = graded_.size();
-  const bool by_sweeps = forgot_ || (n - nb_graded_) > n / few;
-  for (std::size_t i = forgot_ ? 0 : nb_graded_; i < n; ++i) {
-    if (!by_sweeps) {
-      for (const std::int32_t parent : graded_.parents_of(i)) {
-        if (parent < 0) continue;
-        graded_.lower(i, graded_.size_of(static_cast<std::size_t>(parent)) + graded_.rise_of(i));
-      }
-    }
-    note_lower(static_cast<std::int32_t>(i));
-  }
-  nb_graded_ = n;
-  forgot_ = false;
-  if (by_sweeps) {
+  const std::size_t first = std::exchange(nb_graded_, n);
+  if (std::exchange(forgot_, false) || n - first > n / few) {
     graded_.grade();
-    for (std::size_t i = 0; i < n; ++i) {
-      if (is_changed_[i] == 0) changed_.push_back(static_cast<std::int32_t>(i));
-    }
+    changed_.resize(n);
+    std::iota(changed_.begin(), changed_.end(), 0);
     std::fill(is_changed_.begin(), is_changed_.end(), char{1});
     std::fill(is_lowered_.begin(), is_lowered_.end(), char{0});
     lowered_.clear();
     return;
   }
-  for (std::size_t next = 0; next < lowered_.size(); ++next) {  // which makes more
-    const std::int32_t i = lowered_[next];
+  for (std::size_t i = first; i < n; ++i) {
+    for (const std::int32_t parent : graded_.parents_of(i)) {
+      if (parent < 0) continue;
+      graded_.lower(i, graded_.size_of(static_cast<std::size_t>(parent)) + graded_.rise_of(i));
+    }
+    note_lower(static_cast<std::int32_t>(i));
+  }
+  std::size_t next = 0;  // which makes more
+  while (next < lowered_.size()) {
+    const std::int32_t i = lowered_[next++];
     is_lowered_[static_cast<std::size_t>(i)] = 0;
     lower_around(i);
   }

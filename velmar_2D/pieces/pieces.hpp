@@ -109,8 +109,8 @@ class PieceUpdate {
   /// Gives nodes what they want by their graded sizes, as far as these have changed.
   void settle();
   /// Those of the own nodes; none where sizes are not graded.
-  PieceSizes* sizes() { return graded_ ? &*graded_ : nullptr; }
-  const PieceSizes* sizes() const { return graded_ ? &*graded_ : nullptr; }
+  PieceSizes* graded_sizes() { return graded_ ? &*graded_ : nullptr; }
+  const PieceSizes* graded_sizes() const { return graded_ ? &*graded_ : nullptr; }
   void take_sizes(std::size_t piece, std::span<const PlacedSize> told);
   bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
   bool has_wants() const;
