@@ -43,6 +43,10 @@ struct Place {
   }
 };
 
+namespace detail {
+class PieceUpdate;
+}
+
 /// A wanted size at a place, graded as Resolution::slope tells. Sizes are graded over all pieces,
 /// in these places of the update:
 ///
@@ -61,10 +65,6 @@ struct PlacedSize {
   Place place;
   double size = 0.0;
 };
-
-namespace detail {
-class PieceUpdate;
-}
 
 class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
  public:

@@ -4,10 +4,9 @@
 #include <cmath>
 #include <limits>
 
-#include "one_mesh.hpp"
+#include "compare.hpp"
 
 using namespace velmar_2d;
-using namespace velmar_2d::tests;
 
 namespace {
 

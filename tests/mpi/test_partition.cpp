@@ -11,10 +11,9 @@
 #include <cstring>
 #include <new>
 
-#include "one_mesh.hpp"
+#include "compare.hpp"
 
 using namespace velmar_2d;
-using namespace velmar_2d::tests;
 
 namespace {
 

@@ -3,10 +3,11 @@
 
 #include <cstdio>
 #include <set>
+#include <vector>
 
 #include "velmar_2D/velmar_2D_mpi.hpp"
 
-namespace velmar_2d::tests {
+namespace velmar_2d {
 
 inline int nb_wrong = 0;
 
@@ -20,7 +21,7 @@ inline void expect(bool is_so, const char* what, int step) {
 }
 
 /// What must be alike, wherever a node is kept.
-inline std::vector<double> record_of(const Mesh& mesh, Cell& c) {
+inline std::vector<double> record_of(Mesh& mesh, Cell& c) {
   std::vector<double> record = {c.x, c.y, mesh.area(c), c.grad_data, c.grad2_data};
   for (const int number : {c.level, c.reserve, c.ipos, c.on_boundary}) record.push_back(number);
   record.insert(record.end(), c.data.begin(), c.data.end());
@@ -55,4 +56,4 @@ inline void compare(Partition& part, Mesh& mesh, int step) {
   expect(part.agrees(), "agrees", step);
 }
 
-}  // namespace velmar_2d::tests
+}  // namespace velmar_2d
