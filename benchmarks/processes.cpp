@@ -2,7 +2,7 @@
 // spacings, resolved with data, and ten explicit substeps with an exchange each; then updates that
 // find nothing to do.
 //
-//     mpirun -n 2 velmar_2d_mpi_bench [finest spacing] [updates] [nx]
+//     mpirun -n 2 velmar_2d_mpi_bench [finest spacing] [updates] [nx] [slope of Resolution]
 //
 // Seconds are those of the processor that the slowest process took, without what it spent in
 // messages: waiting counts there, however loaded the machine is. With one process the same is done
@@ -86,14 +86,14 @@ double largest(double seconds) {
   return all;
 }
 
-void run_mesh(const Grid& grid, double finest, int nb_updates) {
+void run_mesh(const Grid& grid, double finest, int nb_updates, const Resolution& resolution) {
   Mesh mesh({0.0, 1.0, 0.0, 1.0}, grid);
-  mesh.resolve(ring(finest, 0));
+  mesh.resolve(ring(finest, 0), resolution);
   double updating = 0.0, solving = 0.0;
   std::vector<double> next;
   for (int step = 1; step <= nb_updates; ++step) {
     const double begin = processor_seconds();
-    mesh.resolve(ring(finest, step));
+    mesh.resolve(ring(finest, step), resolution);
     updating += processor_seconds() - begin;
     std::vector<Cell*> nodes;
     for (Cell& c : mesh.nodes()) nodes.push_back(&c);
@@ -108,9 +108,9 @@ void run_mesh(const Grid& grid, double finest, int nb_updates) {
 /// Of some updates.
 class SharingCost {
  public:
-  void update(Partition& part, const size_function& size) {
+  void update(Partition& part, const size_function& size, const Resolution& resolution) {
     const int messages_before = nb_messages, meetings_before = nb_meetings;
-    part.resolve(size);
+    part.resolve(size, resolution);
     messages_ += nb_messages - messages_before;
     meetings_ += nb_meetings - meetings_before;
     const PartitionStatistics of = part.statistics();
@@ -140,17 +140,17 @@ class SharingCost {
   int messages_ = 0, meetings_ = 0, n_ = 0;
 };
 
-void run_partition(const Grid& grid, double finest, int nb_updates) {
+void run_partition(const Grid& grid, double finest, int nb_updates, const Resolution& resolution) {
   Partition part(MPI_COMM_WORLD, {0.0, 1.0, 0.0, 1.0}, grid);
-  part.resolve(ring(finest, 0));
+  part.resolve(ring(finest, 0), resolution);
   part.rebalance(1.02);
-  part.resolve(ring(finest, 0));
+  part.resolve(ring(finest, 0), resolution);
   double solving = 0.0;
   int nb_rounds = 0;
   SharingCost moving, settled;
   std::vector<double> next;
   for (int step = 1; step <= nb_updates; ++step) {
-    moving.update(part, ring(finest, step));
+    moving.update(part, ring(finest, step), resolution);
     nb_rounds = std::max(nb_rounds, part.statistics().nb_rounds);
     double waiting = 0.0;
     const double begin = processor_seconds();
@@ -184,10 +184,11 @@ int main(int argc, char** argv) {
   const double finest = argc > 1 ? std::atof(argv[1]) : 0.001;
   const int nb_updates = argc > 2 ? std::atoi(argv[2]) : 10;
   const Grid grid{.nx = argc > 3 ? std::atoi(argv[3]) : 65, .subdiv_max = 20, .n_cell_data = 1};
+  const Resolution resolution{.slope = argc > 4 ? std::atof(argv[4]) : 0.0};
   int nb_processes = 0;
   MPI_Comm_size(MPI_COMM_WORLD, &nb_processes);
-  if (nb_processes == 1) run_mesh(grid, finest, nb_updates);
-  run_partition(grid, finest, nb_updates);
+  if (nb_processes == 1) run_mesh(grid, finest, nb_updates, resolution);
+  run_partition(grid, finest, nb_updates, resolution);
   MPI_Finalize();
   return 0;
 }

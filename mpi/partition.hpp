@@ -25,6 +25,7 @@ struct Partition::Parts {
   Grid grid;
   PartitionOptions options;
   std::vector<Window> boxes;
+  double slope = 0.0;                            ///< of the sizes, in the last update
   std::size_t nb_handed_on = 0;                  ///< of the newcomers
   std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
   std::vector<int> owner_of_cell;                ///< of the grid, row by row
@@ -45,7 +46,6 @@ struct Partition::Parts {
   std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
   bool has_told = false;         ///< any of it
   bool holds_more = false;       ///< own nodes, than the neighbours' needs
-  bool asks_more = false;        ///< some process has nodes that have not been asked
   bool is_settled = false;       ///< this update has changed nothing on any process
   std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
 
@@ -74,8 +74,20 @@ struct Partition::Parts {
   void resolve(const size_function& size, const batch_size_function& sizes,
                init_data_function init_data, const Resolution& resolution);
   void refine();
-  void exchange_wants();
+  /// What processes have to tell one another.
+  enum News : std::uint64_t { wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16 };
+  std::uint64_t any_news();
+  bool ask_and_exchange_wants();
+  bool exchange_wants();
+  void exchange_wants_once();
   void release();
+  void release_until_kept();
+  void refine_graded();
+  void refine_graded_by_place();
+  void release_graded();
+  void grade_together();
+  std::vector<std::vector<PlacedSize>> take_sizes_to_tell();
+  void take_sizes(const std::vector<std::vector<PlacedSize>>& told);
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }

@@ -11,58 +11,76 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
   return sorted;
 }
 
-/// Until nothing is new.
-void Partition::Parts::exchange_wants() {
-  constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8;
-  for (;;) {
-    const std::uint64_t any =
-        messages.any((piece->has_wants() ? wants : 0) | (has_changed() ? changes : 0) |
-                     (has_told ? 0 : forgotten) | (piece->has_nodes_to_ask() ? asks : 0));
-    if ((any & forgotten) != 0) {
-      messages.alone([&] {
-        for (const std::vector<Place>& places : told_borders.received) {
-          piece->change_ghosts({}, places);
-        }
-        forget_told();
-      });
-    }
-    is_settled = (any & (changes | forgotten)) == 0;
-    asks_more = (any & asks) != 0;
-    if ((any & wants) == 0) return;
-    ++statistics.nb_rounds;
-    std::vector<std::vector<Place>> out(messages.neighbours().size());
-    messages.alone([&] { out = by_owner(piece->wants()); });
-    const std::vector<std::vector<Place>> in = messages.exchange(out);
+/// What some process has to tell the others. Where one has forgotten what it was told, all do.
+std::uint64_t Partition::Parts::any_news() {
+  const std::uint64_t any =
+      messages.any((piece->has_wants() ? wants : 0) | (has_changed() ? changes : 0) |
+                   (has_told ? 0 : forgotten) | (piece->has_nodes_to_ask() ? asks : 0) |
+                   (piece->has_sizes_to_tell() ? sizes : 0));
+  if ((any & forgotten) != 0) {
     messages.alone([&] {
-      for (const std::vector<Place>& places : in) {
-        holds_more = holds_more || !places.empty();
-        piece->hold(places);
+      for (const std::vector<Place>& places : told_borders.received) {
+        piece->change_ghosts({}, places);
       }
-      if (grid.n_cell_data == 0) piece->ask();
+      forget_told();
     });
   }
+  is_settled = slope == 0.0 && (any & (changes | forgotten)) == 0;
+  return any;
+}
+
+/// Until nothing is new. Returns whether some process has nodes to ask.
+bool Partition::Parts::exchange_wants() {
+  for (;;) {
+    const std::uint64_t any = any_news();
+    if ((any & wants) == 0) return (any & asks) != 0;
+    ++statistics.nb_rounds;
+    exchange_wants_once();
+  }
+}
+
+void Partition::Parts::exchange_wants_once() {
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  messages.alone([&] { out = by_owner(piece->wants()); });
+  const std::vector<std::vector<Place>> in = messages.exchange(out);
+  messages.alone([&] {
+    for (const std::vector<Place>& places : in) {
+      holds_more = holds_more || !places.empty();
+      piece->hold(places);
+    }
+    if (grid.n_cell_data == 0) piece->ask();
+  });
+}
+
+/// Asks the nodes that are there.
+bool Partition::Parts::ask_and_exchange_wants() {
+  messages.alone([&] { piece->ask(); });
+  if (slope > 0.0) {
+    grade_together();
+    messages.alone([&] { piece->settle(); });
+  }
+  return exchange_wants();
 }
 
 // With data, nodes that come are asked when their derivatives can be told: when all others that
 // come with them are there, beyond the cuts too, and hold their values.
 void Partition::Parts::refine() {
-  messages.alone([&] { piece->ask(); });
-  exchange_wants();
-  while (asks_more) {
-    if (grid.n_cell_data > 0) {
-      sharing([&] {
-        share_ghosts();
-        hand_on_data();
-      });
-    }
-    messages.alone([&] { piece->ask(); });
-    exchange_wants();
+  while (ask_and_exchange_wants()) {
+    if (grid.n_cell_data == 0) continue;
+    sharing([&] {
+      share_ghosts();
+      hand_on_data();
+    });
   }
 }
 
 // Others are told first what is needed of them: with a margin that is more than what was wanted.
 void Partition::Parts::release() {
   sharing([&] { exchange_needs(); });
+  release_until_kept();
+}
+
+void Partition::Parts::release_until_kept() {
   bool has_lost = true;
   while (has_lost) {
     messages.alone([&] { piece->release(); });
@@ -233,10 +251,11 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   is_settled = false;
   nb_handed_on = 0;
   known_ghosts.clear();
+  slope = resolution.slope;
   if (mesh_told != piece->mesh().revision()) has_told = false;  // it was changed by hand
   messages.alone([&] {
     check_update(size, sizes);
-    if (resolution.slope != 0.0) throw Error("'slope' is for a Mesh of one process");
+    if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
     if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
     if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
     piece->compute_derivatives();
@@ -246,11 +265,19 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
       piece->begin(size, resolution, std::move(init_data));
     }
   });
-  refine();
+  if (slope > 0.0) {
+    refine_graded();
+  } else {
+    refine();
+  }
   if (is_settled) {
     piece->end_unchanged();
   } else {
-    release();
+    if (slope > 0.0) {
+      release_graded();
+    } else {
+      release();
+    }
     messages.alone([&] { list_owned(); });
   }
   sharing([&] {

@@ -25,6 +25,13 @@ std::vector<Place> to_places(const std::vector<detail::LatticePoint>& points) {
   return places;
 }
 
+std::vector<PlacedSize> to_places(const std::vector<detail::PlacedSize>& sizes) {
+  std::vector<PlacedSize> placed;
+  placed.reserve(sizes.size());
+  for (const detail::PlacedSize& of : sizes) placed.push_back({to_place(of.at), of.size});
+  return placed;
+}
+
 /// What the piece keeps around its box.
 Window widened(const Window& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
   return {std::max(own.west - overlap, 0), std::min(own.east + overlap, nx - 1),
@@ -91,6 +98,41 @@ std::vector<Place> Piece::wants() { return to_places(update_->take_wants()); }
 void Piece::hold(std::span<const Place> places) {
   const detail::MeshChange change(mesh_.state(), "Piece::hold");
   update_->hold(to_lattice(places));
+}
+
+std::vector<PlacedSize> Piece::sizes_for_owners() {
+  detail::PieceSizes* sizes = update_->graded_sizes();
+  if (sizes == nullptr) return {};
+  return to_places(sizes->take_those_of_others());
+}
+std::vector<PlacedSize> Piece::sizes_for(std::size_t piece) {
+  detail::PieceSizes* sizes = update_->graded_sizes();
+  if (sizes == nullptr) return {};
+  return to_places(sizes->take_own_for(piece));
+}
+bool Piece::has_sizes_to_tell() const {
+  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
+  return sizes != nullptr && sizes->has_news();
+}
+void Piece::take_sizes(std::size_t piece, std::span<const PlacedSize> told) {
+  std::vector<detail::PlacedSize> sizes;
+  sizes.reserve(told.size());
+  for (const PlacedSize& of : told) sizes.push_back({to_lattice(of.place), of.size});
+  update_->take_sizes(piece, sizes);
+}
+void Piece::settle() {
+  const detail::MeshChange change(mesh_.state(), "Piece::settle");
+  update_->settle();
+}
+bool Piece::lacks_sizes() const {
+  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
+  return sizes != nullptr && sizes->lacks_own_sizes();
+}
+void Piece::forget_grading() {
+  detail::PieceSizes* sizes = update_->graded_sizes();
+  if (sizes == nullptr) return;
+  sizes->forget_grading();
+  sizes->grade();
 }
 
 void Piece::release() {

@@ -21,6 +21,7 @@
 //       for each piece:  release()
 //       for each piece:  give needs() to their owners' hold_only()
 //     for each pair:   the one's border(of the other's box) to the other's hold_ghosts()
+//     where Resolution::slope is above 0, see PlacedSize
 //     data:            ghosts that have not just come get those of their owners, then
 //                      hand_on_data(), then all ghosts get those of their owners
 //
@@ -45,6 +46,25 @@ struct Place {
 namespace detail {
 class PieceUpdate;
 }
+
+/// A wanted size at a place, graded as Resolution::slope tells. Sizes are graded over all pieces,
+/// in these places of the update:
+///
+///     after the pieces' ask():
+///       until no piece has_sizes_to_tell():
+///         for each piece: give sizes_for_owners() to these owners, sizes_for() to the others, who
+///                         take_sizes(); all are taken out before one is taken over
+///       for each piece:   settle(), which makes nodes to ask
+///     before needs(): where some piece lacks_sizes(), exchange ghosts, and settle() again
+///     before the border() that ends the update: as long as the last release() of some piece, with
+///       what followed, removed nodes:
+///       for each piece: forget_grading(); sizes as above; settle(); release() as before
+///
+/// Without data a piece may settle() and ask() by turns first, until it has nothing to ask.
+struct PlacedSize {
+  Place place;
+  double size = 0.0;
+};
 
 class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
  public:
@@ -98,6 +118,21 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   std::vector<Place> wants();
   /// Makes own nodes that other pieces need.
   void hold(std::span<const Place> places);
+  /// Sizes at places of others that own nodes rest on, or lie next to on the grid: as far as their
+  /// owners may not know these.
+  std::vector<PlacedSize> sizes_for_owners();
+  /// Sizes of own nodes that are lower than another piece has told or been told. Pieces have the
+  /// caller's numbers, from 0 on.
+  std::vector<PlacedSize> sizes_for(std::size_t piece);
+  bool has_sizes_to_tell() const;
+  /// What another piece tells. Needs: all nodes asked that others know of.
+  void take_sizes(std::size_t piece, std::span<const PlacedSize> told);
+  /// Gives own nodes what they want by the graded sizes, as ask() does where these are not graded.
+  void settle();
+  /// Whether own nodes want the level that is there, which ghosts tell.
+  bool lacks_sizes() const;
+  /// Sizes are graded anew from what nodes told: without those that went they may be larger.
+  void forget_grading();
   /// Lets go what neither the piece nor the others need, all ghosts among them that no own node
   /// rests on.
   void release();

@@ -111,8 +111,11 @@ class VELMAR_2D_MPI_API Partition {
   /// of owned nodes. Ghosts must hold the data of their owners before, as exchange() leaves them,
   /// and do so afterwards.
   ///
-  /// `most_nodes` counts the nodes of one process, ghosts with them. Throws Error where `slope` is
-  /// not 0, and with Transfer::conservative: both look farther than the ghosts reach.
+  /// `most_nodes` counts the nodes of one process, ghosts with them. With `slope` sizes are graded
+  /// over the whole mesh, in more rounds. Nodes without a size keep what is there when they are
+  /// asked: without `slope` that is a matter of the order, and may differ from one mesh. Throws
+  /// Error with Transfer::conservative, whose values are a matter of the order in which nodes of
+  /// the whole mesh come and go.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});

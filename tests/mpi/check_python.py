@@ -33,8 +33,8 @@ def places(positions):
 
 part = Partition(comm, **OPTIONS)
 mesh = velmar_2d.Mesh(**OPTIONS)
-part.resolve(size, lambda x, y: np.sin(9.0 * x) * y)
-mesh.resolve(size, lambda x, y: np.sin(9.0 * x) * y)
+for of_both in part, mesh:
+    of_both.resolve(size, lambda x, y: np.sin(9.0 * x) * y, slope=0.1)
 assert part.rebalance(1.05) or comm.size == 1
 assert part.statistics().imbalance < 1.5 and part.statistics().nodes == len(mesh)
 

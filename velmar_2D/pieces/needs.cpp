@@ -121,6 +121,7 @@ void PieceUpdate::remove(Cell& c) {
   if (owns(c)) {
     ++statistics_.removed;
     gone_own_.push_back(&c);
+    if (graded_) graded_->remove(c);
     forget_own(c);
   } else {
     forget_ghost(c);

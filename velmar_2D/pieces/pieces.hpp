@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "velmar_2D/resolve/resolve.hpp"
@@ -20,6 +21,72 @@ struct Box {
 
 /// In the wanted_level of a ghost: own nodes want it or rest on it, if only by way of other ghosts.
 inline constexpr std::uint8_t is_needed = is_waiting;
+
+struct PlacedSize {
+  LatticePoint at;
+  double size;
+};
+
+/// Wanted sizes of own nodes, graded over all pieces (piece_sizes.cpp): beyond the box they are
+/// known as far as own nodes rest on others, or lie next to them on the grid.
+class PieceSizes {
+ public:
+  PieceSizes(const State& state, double slope, const Box& box)
+      : box_(box), graded_(state, slope, Lattice(state, deepest_level)) {}
+
+  /// Parents first, as far as they are own nodes.
+  void add(Cell& c, double size);
+  void remove(const Cell& c) { graded_.remove(c); }
+  /// With what is known of others.
+  void grade();
+  void forget_grading();
+
+  /// Whether there is something to tell.
+  bool has_news() const;
+  /// Places of others that are new, or whose sizes are lower than they may know.
+  std::vector<PlacedSize> take_those_of_others();
+  /// Own nodes that this piece has told of, where it may not know how low their sizes are.
+  std::vector<PlacedSize> take_own_for(std::size_t piece);
+  /// What a piece tells. False where a node is not there.
+  bool take_over(std::size_t piece, std::span<const PlacedSize> told);
+
+  /// Nodes by number: those that are new or have other sizes since this was asked last, and those
+  /// without a size of their own. Some may have gone, or be others'.
+  std::vector<std::int32_t> take_changed();
+  bool lacks_own_sizes() const { return !without_own_.empty(); }
+  const GradedSizes& graded() const { return graded_; }
+
+ private:
+  struct Shared {
+    std::int32_t number;
+    double known;  ///< to both
+    bool is_new;
+  };
+  struct SharedNodes {
+    std::vector<Shared> nodes;
+    std::unordered_map<std::int32_t, std::size_t> where;
+
+    Shared& at(std::int32_t number, bool is_new);
+  };
+  bool is_news(const Shared& shared) const;
+  std::vector<PlacedSize> take_news(SharedNodes& shared);
+  void list_with_parents(std::size_t i);
+  void note_lower(std::int32_t i);
+  void lower_around(std::int32_t i);
+
+  Box box_;
+  GradedSizes graded_;
+  SharedNodes others_;            ///< nodes of others
+  std::vector<SharedNodes> own_;  ///< by piece
+  std::vector<std::int32_t> first_child_,
+      next_child_;             ///< the latter by number and place of parent
+  std::size_t nb_graded_ = 0;  ///< of the numbers
+  bool forgot_ = false;
+  std::vector<std::int32_t> lowered_;  ///< what follows from these is to be found
+  std::vector<char> is_lowered_;
+  std::vector<std::int32_t> changed_, without_own_;
+  std::vector<char> is_changed_;
+};
 
 /// The steps of a common update, on the mesh of one window.
 class PieceUpdate {
@@ -42,6 +109,12 @@ class PieceUpdate {
   void begin(const size_function& size, const batch_size_function& sizes,
              const Resolution& resolution, init_data_function init_data);
   void ask();
+  /// Gives nodes what they want by their graded sizes, as far as these have changed.
+  void settle();
+  /// Those of the own nodes; none where sizes are not graded.
+  PieceSizes* graded_sizes() { return graded_ ? &*graded_ : nullptr; }
+  const PieceSizes* graded_sizes() const { return graded_ ? &*graded_ : nullptr; }
+  void take_sizes(std::size_t piece, std::span<const PlacedSize> told);
   bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
   bool has_wants() const;
   std::vector<LatticePoint> take_wants();
@@ -126,6 +199,8 @@ class PieceUpdate {
     return (c.wanted_level & (is_held | is_needed)) == 0 && !owns(c) && is_surplus(c);
   }
   void ask(Cell& c, double size);
+  Want settle(Cell& c, double size, std::int32_t lowest);
+  void end_grading();
   void note_newcomers();
   void remove(Cell& c);
   void forget_gone();
@@ -181,6 +256,7 @@ class PieceUpdate {
   std::size_t nb_asked_ = 0;                   ///< of those
   std::size_t nb_noted_ = 0, nb_told_ = 0;     ///< of the newcomers, the latter to others
   init_data_function init_data_;
+  std::optional<PieceSizes> graded_;  ///< from begin() to the last ghosts
   UpdateStatistics statistics_;
   bool reaches_cut_ = false;
   bool surplus_has_gone_ = false;   ///< with the last update

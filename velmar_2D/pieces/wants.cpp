@@ -75,10 +75,13 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   gone_near_.clear();
   waiting_to_go_.clear();
   to_ask_ = own_nodes_;
+  graded_.reset();
+  if (resolution.slope > 0.0) graded_.emplace(state_, resolution.slope, box_);
   is_updating_ = true;
 }
 
-/// By generations where there are data, since those that come need derivatives first.
+/// By generations where there are data, since those that come need derivatives first. Where sizes
+/// are graded none comes before settle().
 void PieceUpdate::ask() {
   const Insertion insertion(*this);
   if (nb_asked_ > 0) insertion.derive_later.derive(std::span(to_ask_).subspan(nb_asked_));
@@ -99,18 +102,62 @@ void PieceUpdate::ask() {
       note_newcomers();
     }
   } while (state_.n_cell_data == 0 && nb_asked_ < to_ask_.size());
+  if (graded_) graded_->grade();
 }
 
 void PieceUpdate::ask(Cell& c, double size) {
   ++statistics_.visited;
-  const Want want = WantedLevels(state_, resolution_.margin).of(c, size, 0);
+  if (graded_) {
+    graded_->add(c, size);
+    return;
+  }
+  const Want want = settle(c, size, 0);
+  if (want.is_refused && c.level >= want.level) statistics_.refused += c.reserve;
+}
+
+Want PieceUpdate::settle(Cell& c, double size, std::int32_t lowest) {
+  const Want want = WantedLevels(state_, resolution_.margin).of(c, size, lowest);
   if (knows_fallen_ && may_release(c, want)) fallen_.push_back(&c);
   if (want.kept != wanted_level(c) && is_near(c)) count_wants(c, wanted_level(c), want.kept);
   c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
     RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
   }
-  if (want.is_refused && c.level >= want.level) statistics_.refused += c.reserve;
+  return want;
+}
+
+/// A node without a size of its own wants the level that is there, or more.
+void PieceUpdate::settle() {
+  if (!graded_) return;
+  const Insertion insertion(*this);
+  for (const std::int32_t number : graded_->take_changed()) {
+    const auto i = static_cast<std::size_t>(number);
+    const GradedSizes& sizes = graded_->graded();
+    Cell* c = sizes.cell_of(i);
+    if (c == nullptr) continue;
+    settle(*c, sizes.size_of(i), sizes.has_own(i) ? 0 : c->level);
+    note_newcomers();
+  }
+}
+
+void PieceUpdate::take_sizes(std::size_t piece, std::span<const PlacedSize> told) {
+  if (!graded_) return;
+  if (!graded_->take_over(piece, told)) list_was_changed(state_, "Piece");
+  graded_->grade();
+}
+
+/// Once all ghosts are there, and with them the reserves near the cuts.
+void PieceUpdate::end_grading() {
+  if (!graded_) return;
+  const WantedLevels wants(state_, resolution_.margin);
+  const GradedSizes& sizes = graded_->graded();
+  for (std::size_t i = 0; i < sizes.size(); ++i) {
+    const Cell* c = sizes.cell_of(i);
+    if (c == nullptr) continue;
+    const Want want = wants.of(*c, sizes.size_of(i), sizes.has_own(i) ? 0 : c->level);
+    if (want.is_refused && c->level >= want.level) statistics_.refused += c->reserve;
+  }
+  graded_.reset();
 }
 
 void PieceUpdate::note_newcomers() {
@@ -214,7 +261,10 @@ void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
   }
   nb_told_ = newcomers_.size();
   // After the last step of an update own nodes are listed already, and none comes here.
-  if (!is_updating_) listed_revision_ = state_.mesh_revision;
+  if (!is_updating_) {
+    listed_revision_ = state_.mesh_revision;
+    end_grading();
+  }
   state_.resolved_revision = state_.mesh_revision;
 }
 

@@ -18,7 +18,10 @@ constexpr double no_size = std::numeric_limits<double>::infinity();
 }  // namespace
 
 GradedSizes::GradedSizes(const State& state, double slope)
-    : progress_(state.progress), lattice_(state, state.level_max) {
+    : GradedSizes(state, slope, Lattice(state, state.level_max)) {}
+
+GradedSizes::GradedSizes(const State& state, double slope, Lattice lattice)
+    : progress_(state.progress), lattice_(std::move(lattice)) {
   nodes_.reserve(lattice_.entries().capacity());
   for (std::size_t l = 0; l < rise_.size(); ++l) {
     const double spacing = state.domain.dist_0 / exact_power_of_2(static_cast<int>(l / 2));
@@ -44,6 +47,14 @@ void GradedSizes::add(Cell& c, double size) {
   progress_.make_room(nodes_);
   nodes_.push_back(node);
   progress_.step();
+}
+
+void GradedSizes::add_place(LatticePoint at) {
+  lattice_.add({at, nullptr, 0});
+  Node node;
+  node.own = node.graded = no_size;
+  progress_.make_room(nodes_);
+  nodes_.push_back(node);
 }
 
 void GradedSizes::remove(const Cell& c) {

@@ -240,11 +240,18 @@ class Lattice {
 /// in which they are added, parents first.
 class GradedSizes {
  public:
+  using Parents = std::array<std::int32_t, 4>;
+
   GradedSizes(const State& state, double slope);
+  /// With places of another lattice, that is empty.
+  GradedSizes(const State& state, double slope, Lattice lattice);
 
   std::size_t size() const { return nodes_.size(); }
+  const Lattice& lattice() const { return lattice_; }
   /// A size that is negative or not a number is none.
   void add(Cell& c, double size);
+  /// A place that holds no node here, without a size.
+  void add_place(LatticePoint at);
   /// Needs: no node rests on this one.
   void remove(const Cell& c);
   void grade();
@@ -254,11 +261,20 @@ class GradedSizes {
   Cell* cell_of(std::size_t i) const { return lattice_.entries()[i].cell; }
   double size_of(std::size_t i) const { return nodes_[i].graded; }
   bool has_own(std::size_t i) const { return nodes_[i].has_own; }
+  /// Those there were when it was added, -1 for none, and the way to them.
+  const Parents& parents_of(std::size_t i) const { return nodes_[i].parents; }
+  double rise_of(std::size_t i) const { return rise_[static_cast<std::size_t>(nodes_[i].ipos)]; }
+  /// Whether that lowers the size of a node.
+  bool lower(std::size_t i, double size) {
+    if (!(size < nodes_[i].graded)) return false;
+    nodes_[i].graded = size;
+    return true;
+  }
 
  private:
   struct Node {
     double own = 0.0, graded = 0.0;
-    std::array<std::int32_t, 4> parents{-1, -1, -1, -1};  ///< and neighbours on the grid
+    Parents parents{-1, -1, -1, -1};  ///< and neighbours on the grid
     std::int32_t ipos = 0;
     bool has_own = false;
   };
