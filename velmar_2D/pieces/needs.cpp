@@ -89,12 +89,12 @@ void PieceUpdate::remove(Cell& c) {
   if (owns(c)) {
     ++statistics_.removed;
     gone_own_.push_back(&c);
-    if (graded_) graded_->remove(c);
   }
   for (int d = c.ipos % 2; d < nb_directions; d += 2) {
     Cell* parent = link(c, d).cell();
     if (parent != nullptr && parent->ipos > 0) freed_.push_back(parent);
   }
+  if (graded_ && owns(c)) graded_->remove(c);
   gone_.insert(&c);
   Cell* node = &c;
   remove_by_level(state_, node);
