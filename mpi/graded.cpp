@@ -42,7 +42,7 @@ void Partition::Parts::refine_graded_by_place() {
         piece->settle();
       } while (piece->has_nodes_to_ask());
     });
-    if ((any_news() & (wants | sizes)) == 0) return;
+    if ((any_news() & (News::wants | News::sizes)) == 0) return;
     ++statistics.nb_rounds;
     // Of nodes that are there once the wants have arrived.
     const std::vector<std::vector<PlacedSize>> told = take_sizes_to_tell();

@@ -75,7 +75,9 @@ struct Partition::Parts {
                init_data_function init_data, const Resolution& resolution);
   void refine();
   /// What processes have to tell one another.
-  enum News : std::uint64_t { wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16 };
+  struct News {
+    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16;
+  };
   std::uint64_t any_news();
   bool ask_and_exchange_wants();
   bool exchange_wants();

@@ -14,10 +14,10 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
 /// What some process has to tell the others. Where one has forgotten what it was told, all do.
 std::uint64_t Partition::Parts::any_news() {
   const std::uint64_t any =
-      messages.any((piece->has_wants() ? wants : 0) | (has_changed() ? changes : 0) |
-                   (has_told ? 0 : forgotten) | (piece->has_nodes_to_ask() ? asks : 0) |
-                   (piece->has_sizes_to_tell() ? sizes : 0));
-  if ((any & forgotten) != 0) {
+      messages.any((piece->has_wants() ? News::wants : 0) | (has_changed() ? News::changes : 0) |
+                   (has_told ? 0 : News::forgotten) | (piece->has_nodes_to_ask() ? News::asks : 0) |
+                   (piece->has_sizes_to_tell() ? News::sizes : 0));
+  if ((any & News::forgotten) != 0) {
     messages.alone([&] {
       for (const std::vector<Place>& places : told_borders.received) {
         piece->change_ghosts({}, places);
@@ -25,7 +25,7 @@ std::uint64_t Partition::Parts::any_news() {
       forget_told();
     });
   }
-  is_settled = slope == 0.0 && (any & (changes | forgotten)) == 0;
+  is_settled = slope == 0.0 && (any & (News::changes | News::forgotten)) == 0;
   return any;
 }
 
@@ -33,7 +33,7 @@ std::uint64_t Partition::Parts::any_news() {
 bool Partition::Parts::exchange_wants() {
   for (;;) {
     const std::uint64_t any = any_news();
-    if ((any & wants) == 0) return (any & asks) != 0;
+    if ((any & News::wants) == 0) return (any & News::asks) != 0;
     ++statistics.nb_rounds;
     exchange_wants_once();
   }
