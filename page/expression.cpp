@@ -227,8 +227,8 @@ class Reader {
     need(")");
     if (count < fewest || count > most) {
       throw WrongAt{std::string(word) + " takes " + std::to_string(fewest) +
-                      (fewest == 1 ? " number" : " numbers"),
-                  begin};
+                        (fewest == 1 ? " number" : " numbers"),
+                    begin};
     }
     return count;
   }
@@ -247,8 +247,8 @@ class Reader {
     if (take(sign)) return;
     if (place_ == text_.size()) throw WrongAt{"\"" + std::string(sign) + "\" is missing", place_};
     throw WrongAt{"\"" + std::string(sign) + "\" is missing before \"" +
-                    std::string(text_.substr(place_, 1)) + "\"",
-                place_};
+                      std::string(text_.substr(place_, 1)) + "\"",
+                  place_};
   }
 
   /// @param taken  numbers that the step takes off the stack
