@@ -68,7 +68,7 @@ void Partition::Parts::find_neighbours() {
 void Partition::Parts::begin_evenly() {
   messages.alone([&] {
     grid.ny = rows_of(whole, grid);
-    if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
+    if (options.overlap < 1) throw Error("the overlap must be at least 1 cell of the grid");
     boxes = cut_into_boxes(even_weights(whole, grid), messages.nb_processes());
     if (boxes.empty()) throw Error("there are more processes than cells of the grid");
   });
@@ -86,7 +86,12 @@ Partition::Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& 
   Parts& parts = *parts_;
   parts.messages.collective([&] {
     parts.begin_evenly();
-    parts.settle();
+    try {
+      parts.settle();
+    } catch (const TooNarrow& found) {
+      parts.widen_windows(found);
+      parts.make_again({});
+    }
   });
 }
 
@@ -151,8 +156,9 @@ void Partition::Parts::begin_resolve(const size_function& size, const batch_size
                                      init_data_function init_data, const Resolution& resolution) {
   refuse_after(Adapted::by_update,
                "resolve() goes on from the grid or from itself, not from update()");
-  messages.collective(
-      [&] { with_statistics([&] { resolve(size, sizes, std::move(init_data), resolution); }); });
+  messages.collective([&] {
+    with_statistics([&] { repairing([&] { resolve(size, sizes, init_data, resolution); }); });
+  });
 }
 
 void Partition::update(const size_function& size) { parts_->begin_update(size, {}, nullptr); }
@@ -184,6 +190,8 @@ PartitionStatistics Partition::statistics() {
   Messages& messages = parts_->messages;
   return messages.collective([&] {
     PartitionStatistics all = parts_->statistics;
+    all.nb_repairs = parts_->nb_repairs;
+    all.overlap = parts_->options.overlap;
     const auto nb_owned = static_cast<std::int64_t>(owned().size());
     all.nb_nodes = size();
     all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));

@@ -15,6 +15,16 @@ namespace velmar_2d {
 /// A number for all that a node is, wherever it is kept.
 std::uint64_t fingerprint(const Cell& c);
 
+/// A window is too narrow: some process has found it, and all throw it together.
+class TooNarrow : public FaultOfAll {
+ public:
+  using FaultOfAll::FaultOfAll;
+};
+
+/// Makes the nodes of a mesh that was resolved, on a piece that has its grid.
+/// @return of each own node in their order, where it stands among the nodes
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes);
+
 struct Partition::Parts {
   /// What has changed the grid. After update() windows are whole, after resolve() they are not.
   enum class Adapted { by_nothing, by_resolve, by_update };
@@ -29,6 +39,7 @@ struct Partition::Parts {
   std::vector<int> owner_of_cell;                ///< of the grid, row by row
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
+  int nb_repairs = 0;
 
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
@@ -39,7 +50,6 @@ struct Partition::Parts {
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
   std::vector<Cell*> owned, ghosts;
-  std::vector<std::uint64_t> moved_fingerprints;  ///< of the owned, where they came from
   std::size_t nb_linked_ghosts = 0;
   std::vector<std::vector<Cell*>> sent, received;  ///< those of the linked layer first
   std::vector<std::size_t> nb_sent_linked, nb_received_linked;
@@ -107,10 +117,19 @@ struct Partition::Parts {
   void share_out(const Mesh* mesh, const bc_type_function& bc_type);
   /// Boxes of about as many nodes each, of these on all processes together.
   std::vector<Window> cut_by_nodes(std::span<const Cell* const> nodes);
-  /// Boxes become these, and owners of these nodes others.
+  /// Boxes become these, and owners of these nodes others. Throws where the nodes do not become
+  /// what they were.
   void move_nodes(std::span<const Cell* const> nodes, const std::vector<Window>& new_boxes);
-  /// After a move: the plan and the data. Throws where the nodes are not what they were.
-  void settle_moved();
+  /// A window as wide as the overlap wants, or wider, with these own nodes, and all ghosts.
+  /// @return what fill() returns
+  std::vector<std::size_t> make_again(const PieceNodes& nodes);
+  void widen_windows(const TooNarrow& found);
+  /// The mesh before the update that has just failed, in wider windows.
+  void repair(const TooNarrow& found);
+  /// Runs an update that all processes run together, again with wider windows where these are too
+  /// narrow.
+  template <typename Update>
+  void repairing(const Update& update);
   std::unique_ptr<Mesh> gather();
   /// By neighbour. Those of no neighbour are a fault.
   std::vector<std::vector<Place>> by_owner(const std::vector<Place>& places) const;
@@ -171,6 +190,18 @@ void Partition::Parts::exchange_window(std::size_t width, const Read& read, cons
   exchange_between(messages, std::vector<Nodes>(window_sent.begin(), window_sent.end()),
                    std::vector<Nodes>(window_received.begin(), window_received.end()), width, read,
                    write);
+}
+
+template <typename Update>
+void Partition::Parts::repairing(const Update& update) {
+  for (;;) {
+    try {
+      update();
+      return;
+    } catch (const TooNarrow& found) {
+      repair(found);
+    }
+  }
 }
 
 template <typename Update>

@@ -7,9 +7,12 @@ namespace velmar_2d {
 
 namespace {
 constexpr const char* differing =
-    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners; was the mesh of a "
-    "process changed by hand?";
-}
+    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners: more overlap is "
+    "wanted, or the mesh of a process was changed by hand";
+constexpr const char* narrow =
+    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
+    "overlap is wanted";
+}  // namespace
 
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
   std::vector<std::vector<Place>> sorted(messages.neighbours().size());
@@ -91,13 +94,8 @@ void Partition::Parts::share_ghosts() {
       all.insert(all.end(), places.begin(), places.end());
     }
     piece->hold_ghosts(all);
-    if (piece->reaches_cut()) {
-      throw Error(
-          "the mesh needs nodes where the window of the process ends: more overlap is "
-          "wanted");
-    }
   });
-  messages.together();
+  if (messages.together(piece->reaches_cut() ? 1 : 0) > 0) throw TooNarrow(narrow);
 }
 
 /// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
@@ -164,12 +162,13 @@ void Partition::Parts::settle() {
   share_ghosts();
   plan_exchange();
   number_nodes();
-  if (!agrees()) throw FaultOfAll(differing);
+  if (!agrees()) throw TooNarrow(differing);
 }
 
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
+  statistics.nb_rounds = 0;
   nb_handed_on = 0;
   known_ghosts.clear();
   messages.alone([&] {
@@ -194,7 +193,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     plan_exchange();
     number_nodes();
     exchange_data();
-    if (!agrees()) throw FaultOfAll(differing);
+    if (!agrees()) throw TooNarrow(differing);
   });
 }
 

@@ -146,6 +146,10 @@ Mesh Piece::release_mesh() && {
   update_.reset();
   return std::move(mesh_);
 }
+PieceNodes Piece::nodes_before() const {
+  detail::NodeValues nodes = update_->nodes_before();
+  return {to_places(nodes.places), std::move(nodes.rows), std::move(nodes.handles)};
+}
 std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }

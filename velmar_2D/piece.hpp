@@ -42,6 +42,14 @@ struct Place {
   }
 };
 
+/// Nodes apart from their mesh, in any order.
+struct PieceNodes {
+  std::vector<Place> places;
+  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<std::pair<std::int32_t, UserReference>>
+      handles;  ///< of each `used`, `data_ptr`; or empty
+};
+
 namespace detail {
 class PieceUpdate;
 }
@@ -130,6 +138,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   void take_settings(Piece& from);
   /// The mesh of a piece that is the whole.
   Mesh release_mesh() &&;
+
+  /// Own nodes as they were at begin(), with what they held: for a caller who begins the update
+  /// anew in a wider window. Good until the next begin().
+  PieceNodes nodes_before() const;
 
   /// What the own nodes went through since begin().
   const UpdateStatistics& statistics() const;

@@ -44,8 +44,11 @@
 namespace velmar_2d {
 
 struct PartitionOptions {
-  /// Cells of the grid that a process keeps beyond its box, at least 3. More for update().
+  /// Cells of the grid that a process keeps beyond its box, at least 1. More for update().
   std::int32_t overlap = 3;
+  /// Where the overlap turns out to be too small: makes it twice as large and begins what needs it
+  /// anew, as often as it takes. False: throws Error instead.
+  bool repairs = true;
 };
 
 /// Over all processes.
@@ -60,6 +63,8 @@ struct PartitionStatistics {
   /// Time of the processor that the slowest process took for the last update, without what it spent
   /// in messages, and what of it went into ghosts, their data, the plan of exchanges and the check.
   double update_seconds = 0.0, sharing_seconds = 0.0;
+  int nb_repairs = 0;        ///< since the Partition was made: how often windows were too narrow
+  std::int32_t overlap = 0;  ///< now
 };
 
 enum class GhostLayer {
@@ -122,8 +127,8 @@ class VELMAR_2D_MPI_API Partition {
 
   /// Collective. As Mesh::update() of the whole mesh, on a Partition that nothing else has adapted:
   /// what it makes depends on the order in which nodes came, which only other updates keep.
-  /// resolve(), rebalance() and gather() throw Error afterwards, before they change anything, and so
-  /// does this after resolve() and where a mesh was shared out.
+  /// resolve(), rebalance() and gather() throw Error afterwards, before they change anything, and
+  /// so does this after resolve() and where a mesh was shared out.
   ///
   /// Each process updates all of its window, whose nodes near the cuts are not quite those of the
   /// whole mesh; they are asked for their sizes, too. So it needs more overlap than resolve(): 3 to
