@@ -30,6 +30,9 @@ if(VELMAR_2D_BUILD_MPI)
   if(TARGET velmar_2d_mpi_io)
     velmar_2d_install_library(velmar_2d_mpi_io velmar_2d_mpi_ioTargets mpi)
   endif()
+  if(TARGET velmar_2d_mpi_hdf5)
+    velmar_2d_install_library(velmar_2d_mpi_hdf5 velmar_2d_mpi_hdf5Targets mpi)
+  endif()
 endif()
 
 configure_package_config_file(cmake/velmar_2dConfig.cmake.in velmar_2dConfig.cmake

@@ -144,6 +144,7 @@ void Piece::take_settings(Piece& from) {
 
 Mesh Piece::release_mesh() && {
   update_.reset();
+  for (Cell& c : mesh_.nodes()) c.wanted_level = 0;  // nothing is held any more
   return std::move(mesh_);
 }
 PieceNodes Piece::nodes_before() const {
