@@ -15,9 +15,6 @@ std::int32_t distance(const Window& a, const Window& b) {
   return std::max({x, y, 0});
 }
 
-constexpr const char* no_move =
-    "nodes that update() has made cannot be moved: what becomes of them depends on how they came";
-
 CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
   CellWeights weights{grid.nx - 1, rows_of(whole, grid) - 1, {}};
   weights.weights.assign(
@@ -172,10 +169,11 @@ void Partition::update_batched(const batch_size_function& sizes, init_data_funct
   parts_->begin_update({}, sizes, &init_data);
 }
 void Partition::Parts::begin_update(const size_function& size, const batch_size_function& sizes,
-                                    init_data_function* init_data) {
+                                    const init_data_function* init_data) {
   refuse_after(Adapted::by_resolve,
                "update() goes on from the grid or from other updates, not from resolve()");
-  messages.collective([&] { with_statistics([&] { update(size, sizes, init_data); }); });
+  messages.collective(
+      [&] { with_statistics([&] { repairing([&] { update(size, sizes, init_data); }); }); });
 }
 
 void Partition::compute_derivatives() {
@@ -209,13 +207,14 @@ PartitionStatistics Partition::statistics() {
 }
 
 bool Partition::rebalance(double threshold) {
-  parts_->refuse_after(Parts::Adapted::by_update, no_move);
   return parts_->messages.collective([&] { return parts_->rebalance(threshold); });
 }
 
 std::unique_ptr<Mesh> Partition::gather() {
-  parts_->refuse_after(Parts::Adapted::by_update, no_move);
-  return parts_->messages.collective([&] { return parts_->gather(); });
+  return parts_->messages.collective([&] {
+    return parts_->adapted_by == Parts::Adapted::by_update ? parts_->gather_updated()
+                                                           : parts_->gather();
+  });
 }
 
 }  // namespace velmar_2d

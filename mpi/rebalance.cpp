@@ -149,6 +149,7 @@ bool Partition::Parts::rebalance(double threshold) {
                                             std::tie(b.west, b.east, b.south, b.north);
                                    });
   if (are_same) return false;
+  if (adapted_by == Adapted::by_update) return rebalance_updated(new_boxes);
   move_nodes(owned, new_boxes);
   return true;
 }

@@ -18,7 +18,7 @@ std::vector<std::size_t> Partition::Parts::make_again(const PieceNodes& nodes) {
   for (;;) {
     messages.alone([&] {
       find_neighbours();
-      Mesh& before = piece->mesh();
+      const Mesh& before = piece->mesh();
       grid.subdiv_max = std::max(grid.subdiv_max, before.limit());
       Piece anew(whole, grid, box(), options.overlap);
       if (!nodes.places.empty()) rows = fill(anew, nodes);
@@ -42,6 +42,10 @@ std::vector<std::size_t> Partition::Parts::make_again(const PieceNodes& nodes) {
 
 void Partition::Parts::repair(const TooNarrow& found) {
   widen_windows(found);
+  if (adapted_by == Adapted::by_update) {
+    repair_update();
+    return;
+  }
   PieceNodes before;
   messages.alone([&] { before = piece->nodes_before(); });
   messages.together();

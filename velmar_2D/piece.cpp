@@ -162,5 +162,13 @@ void Piece::update(const batch_size_function& sizes) {
 void Piece::update(const batch_size_function& sizes, init_data_function init_data) {
   update_->update_window([&] { return mesh_.update_batched(sizes, std::move(init_data)); });
 }
+void Piece::order_by_age(std::span<const Place> oldest_first) {
+  const detail::MeshChange change(mesh_.state(), "Piece::order_by_age");
+  update_->order_by_age(to_lattice(oldest_first));
+}
+void Piece::take_nodes(std::span<const Cell> oldest_first) {
+  const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
+  update_->take_nodes(oldest_first);
+}
 
 }  // namespace velmar_2d

@@ -84,6 +84,8 @@ class PieceUpdate {
   void keep_window();
   /// Runs what changes all of the window.
   void update_window(const std::function<UpdateStatistics()>& update);
+  void order_by_age(std::span<const LatticePoint> oldest_first);
+  void take_nodes(std::span<const Cell> oldest_first);
 
  private:
   class Insertion;
