@@ -9,8 +9,8 @@ namespace velmar_2d {
 
 namespace {
 constexpr const char* differing =
-    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners; was the mesh of a "
-    "process changed by hand?";
+    "(velmar_2D/Partition:) ERROR: ghosts differ from the nodes of their owners: more overlap is "
+    "wanted, or the mesh of a process was changed by hand";
 
 struct Placed {
   Place place;
@@ -176,7 +176,7 @@ void Partition::Parts::conclude(bool with_data) {
     }
   });
   if (is_settled) {
-    if (messages.any(are_alike ? 0 : 1) != 0) throw FaultOfAll(differing);
+    if (messages.any(are_alike ? 0 : 1) != 0) throw TooNarrow(differing);
     return;
   }
   const std::vector<std::int64_t> counts =
@@ -187,7 +187,7 @@ void Partition::Parts::conclude(bool with_data) {
     first_numbers[i + 1] = first_numbers[i] + counts[i] / 2;
     are_alike = are_alike && counts[i] % 2 == 0;
   }
-  if (!are_alike) throw FaultOfAll(differing);
+  if (!are_alike) throw TooNarrow(differing);
 }
 
 std::int64_t Partition::global_number(const Cell& c) const {

@@ -15,9 +15,6 @@ std::int32_t distance(const Window& a, const Window& b) {
   return std::max({x, y, 0});
 }
 
-constexpr const char* no_move =
-    "nodes that update() has made cannot be moved: what becomes of them depends on how they came";
-
 CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
   CellWeights weights{grid.nx - 1, rows_of(whole, grid) - 1, {}};
   weights.weights.assign(
@@ -69,7 +66,7 @@ void Partition::Parts::find_neighbours() {
 void Partition::Parts::begin_evenly() {
   messages.alone([&] {
     grid.ny = rows_of(whole, grid);
-    if (options.overlap < 3) throw Error("the overlap must be at least 3 cells of the grid");
+    if (options.overlap < 1) throw Error("the overlap must be at least 1 cell of the grid");
     boxes = cut_into_boxes(even_weights(whole, grid), messages.nb_processes());
     if (boxes.empty()) throw Error("there are more processes than cells of the grid");
   });
@@ -88,7 +85,12 @@ Partition::Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& 
   Parts& parts = *parts_;
   parts.messages.collective([&] {
     parts.begin_evenly();
-    parts.settle();
+    try {
+      parts.settle();
+    } catch (const TooNarrow& found) {
+      parts.widen_windows(found);
+      parts.make_again({});
+    }
   });
 }
 
@@ -160,8 +162,9 @@ void Partition::Parts::begin_resolve(const size_function& size, const batch_size
                                      init_data_function init_data, const Resolution& resolution) {
   refuse_after(Adapted::by_update,
                "resolve() goes on from the grid or from itself, not from update()");
-  messages.collective(
-      [&] { with_statistics([&] { resolve(size, sizes, std::move(init_data), resolution); }); });
+  messages.collective([&] {
+    with_statistics([&] { repairing([&] { resolve(size, sizes, init_data, resolution); }); });
+  });
 }
 
 void Partition::update(const size_function& size) { parts_->begin_update(size, {}, nullptr); }
@@ -175,10 +178,11 @@ void Partition::update_batched(const batch_size_function& sizes, init_data_funct
   parts_->begin_update({}, sizes, &init_data);
 }
 void Partition::Parts::begin_update(const size_function& size, const batch_size_function& sizes,
-                                    init_data_function* init_data) {
+                                    const init_data_function* init_data) {
   refuse_after(Adapted::by_resolve,
                "update() goes on from the grid or from other updates, not from resolve()");
-  messages.collective([&] { with_statistics([&] { update(size, sizes, init_data); }); });
+  messages.collective(
+      [&] { with_statistics([&] { repairing([&] { update(size, sizes, init_data); }); }); });
 }
 
 void Partition::compute_derivatives() {
@@ -193,6 +197,8 @@ PartitionStatistics Partition::statistics() {
   Messages& messages = parts_->messages;
   return messages.collective([&] {
     PartitionStatistics all = parts_->statistics;
+    all.nb_repairs = parts_->nb_repairs;
+    all.overlap = parts_->options.overlap;
     const auto nb_owned = static_cast<std::int64_t>(owned().size());
     all.nb_nodes = size();
     all.nb_ghosts = messages.sum(static_cast<std::int64_t>(ghosts().size()));
@@ -210,13 +216,14 @@ PartitionStatistics Partition::statistics() {
 }
 
 bool Partition::rebalance(double threshold) {
-  parts_->refuse_after(Parts::Adapted::by_update, no_move);
   return parts_->messages.collective([&] { return parts_->rebalance(threshold); });
 }
 
 std::unique_ptr<Mesh> Partition::gather() {
-  parts_->refuse_after(Parts::Adapted::by_update, no_move);
-  return parts_->messages.collective([&] { return parts_->gather(); });
+  return parts_->messages.collective([&] {
+    return parts_->adapted_by == Parts::Adapted::by_update ? parts_->gather_updated()
+                                                           : parts_->gather();
+  });
 }
 
 }  // namespace velmar_2d

@@ -16,6 +16,50 @@ namespace velmar_2d {
 /// A number for all that a node is, wherever it is kept.
 std::uint64_t fingerprint(const Cell& c);
 
+/// A window is too narrow: some process has found it, and all throw it together.
+class TooNarrow : public FaultOfAll {
+ public:
+  using FaultOfAll::FaultOfAll;
+};
+
+/// A node that plain updates have made, with all that tells what becomes of it, on its way.
+struct AgedNode {
+  /// Where a link leads, in place of a place.
+  static constexpr std::int64_t nowhere = -1, to_side = -2;
+
+  Place place;
+  std::array<Place, 8> links;
+  double x = 0.0, y = 0.0, area = 0.0;
+  std::uint64_t fingerprint = 0;
+  std::size_t row = 0;   ///< where it has come to
+  std::int64_t age = 0;  ///< among all own nodes of all, as far as it is known; 0: of the grid
+  std::int32_t level = 0, ipos = 0, reserve = 0, on_boundary = 0, used = 0, wanted_level = 0;
+  std::array<std::int32_t, 8> link_levels{};
+  std::array<std::uint8_t, 2> signature{};
+  bool signature_set = false;
+  bool is_own = false;  ///< else a mark in the order of those around, with a place alone
+};
+/// The oldest first.
+struct AgedNodes {
+  std::vector<AgedNode> nodes;
+  std::vector<double> rows;  ///< of each own one its data, gradient and second derivative
+};
+/// Copies of the own nodes of a process, then of some around them, with links to the originals.
+struct KeptNodes {
+  std::vector<Cell> cells;
+  std::vector<const Cell*> originals;
+  std::size_t nb_own = 0;
+};
+
+constexpr const char* update_is_narrow =
+    "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that their "
+    "owners "
+    "have: update() wants more overlap";
+
+/// Makes the nodes of a mesh that was resolved, on a piece that has its grid.
+/// @return of each own node in their order, where it stands among the nodes
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes);
+
 struct Partition::Parts {
   /// What has changed the grid. After update() windows are whole, after resolve() they are not.
   enum class Adapted { by_nothing, by_resolve, by_update };
@@ -31,10 +75,12 @@ struct Partition::Parts {
   std::vector<int> owner_of_cell;                ///< of the grid, row by row
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
+  int nb_repairs = 0;
 
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
   std::vector<std::vector<Cell*>> window_sent, window_received;
+  KeptNodes nodes_before;        ///< the last update, while it runs
   std::vector<Cell*> strangers;  ///< other nodes of the window, which no owner has
   std::unordered_set<const Cell*> is_stranger;
   std::unordered_map<const Cell*, std::array<double, 2>> derivatives_there;  ///< of owners
@@ -51,7 +97,6 @@ struct Partition::Parts {
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
   std::vector<Cell*> owned, ghosts;
-  std::vector<std::uint64_t> moved_fingerprints;  ///< of the owned, where they came from
   std::size_t nb_linked_ghosts = 0;
   std::vector<std::vector<Cell*>> sent, received;  ///< those of the linked layer first
   std::vector<std::size_t> nb_sent_linked, nb_received_linked;
@@ -117,16 +162,19 @@ struct Partition::Parts {
   void begin_resolve(const size_function& size, const batch_size_function& sizes,
                      init_data_function init_data, const Resolution& resolution);
   void begin_update(const size_function& size, const batch_size_function& sizes,
-                    init_data_function* init_data);
+                    const init_data_function* init_data);
   void update(const size_function& size, const batch_size_function& sizes,
-              init_data_function* init_data);
+              const init_data_function* init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
+  /// Ghosts of windows get what their owners hold.
+  void exchange_values_of_window();
   void give_values_to_strangers();
   void ask_window(std::span<const Cell* const> nodes, std::span<double> of,
                   const size_function& size, const batch_size_function& sizes);
   double cells_to_cut(const Cell& c) const;
+  double cells_to_box(const Cell& c) const;
   void list_rings();
   bool window_agrees();
   void refuse_after(Adapted before, const char* text) const;
@@ -139,10 +187,44 @@ struct Partition::Parts {
   void share_out(const Mesh* mesh, const bc_type_function& bc_type);
   /// Boxes of about as many nodes each, of these on all processes together.
   std::vector<Window> cut_by_nodes(std::span<const Cell* const> nodes);
-  /// Boxes become these, and owners of these nodes others.
+  /// Boxes become these, and owners of these nodes others. Throws where the nodes do not become
+  /// what they were.
   void move_nodes(std::span<const Cell* const> nodes, const std::vector<Window>& new_boxes);
-  /// After a move: the plan and the data. Throws where the nodes are not what they were.
-  void settle_moved();
+  /// A window as wide as the overlap wants, or wider, with these own nodes, and all ghosts.
+  /// @return what fill() returns
+  std::vector<std::size_t> make_again(const PieceNodes& nodes);
+  void widen_windows(const TooNarrow& found);
+  /// The mesh before the update that has just failed, in wider windows.
+  void repair(const TooNarrow& found);
+  void repair_update();
+  /// Copies the nodes that plain updates have made.
+  void keep_nodes();
+  /// Needs: the piece that they were copied from, whatever has become of its nodes.
+  AgedNodes aged(const KeptNodes& kept) const;
+  /// Tells the ages of nodes of all processes.
+  /// @return whether all know the same order
+  bool age_together(AgedNodes& own);
+  /// Makes these nodes of all processes anew, in the windows around the boxes. Without `widens` it
+  /// changes nothing where it takes wider ones to do so.
+  /// @return whether it did
+  bool replay(const AgedNodes& own, bool widens);
+  AgedNodes nodes_from_all(const AgedNodes& own,
+                           const std::function<std::optional<Window>(int)>& window_there);
+  /// One window of it; none where it takes a wider one.
+  ///
+  /// @param of            the box of this process; null: it makes nothing
+  /// @param window_there  of a rank: the nodes that it wants
+  std::optional<Piece> replayed(const AgedNodes& own, const Window* of,
+                                const std::function<std::optional<Window>(int)>& window_there);
+  Window window_around(const Window& of) const;
+  /// @return whether nodes have moved: where it would take the whole they stay
+  bool rebalance_updated(const std::vector<Window>& new_boxes);
+  bool is_whole(const Window& window) const;
+  std::unique_ptr<Mesh> gather_updated();
+  /// Runs an update that all processes run together, again with wider windows where these are too
+  /// narrow.
+  template <typename Update>
+  void repairing(const Update& update);
   std::unique_ptr<Mesh> gather();
   /// By neighbour. Those of no neighbour are a fault.
   std::vector<std::vector<Place>> by_owner(const std::vector<Place>& places) const;
@@ -207,6 +289,18 @@ void Partition::Parts::exchange_window(std::size_t width, const Read& read, cons
   exchange_between(messages, std::vector<Nodes>(window_sent.begin(), window_sent.end()),
                    std::vector<Nodes>(window_received.begin(), window_received.end()), width, read,
                    write);
+}
+
+template <typename Update>
+void Partition::Parts::repairing(const Update& update) {
+  for (;;) {
+    try {
+      update();
+      return;
+    } catch (const TooNarrow& found) {
+      repair(found);
+    }
+  }
 }
 
 template <typename Update>

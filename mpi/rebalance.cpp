@@ -14,56 +14,32 @@ namespace {
 /// What moves with the nodes of one process.
 struct Load {
   std::vector<Place> places;
-  std::vector<double> rows;  ///< data, gradient, Hessian, fingerprint
+  std::vector<double> rows;  ///< data, gradient, second derivative
+  std::vector<std::uint64_t> fingerprints;
 
   void add(Place place, const Cell& c) {
     places.push_back(place);
     rows.insert(rows.end(), c.data.begin(), c.data.end());
-    rows.insert(rows.end(), {c.grad_data, c.grad2_data, std::bit_cast<double>(fingerprint(c))});
+    rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+    fingerprints.push_back(fingerprint(c));
   }
 };
 
 constexpr const char* unresolved =
     "the mesh is not as resolve() leaves it: places of nodes alone do not tell their links";
 
-/// Needs: the places of a mesh that was resolved, on a piece that has its grid.
-/// @return fingerprints that came with the own nodes, in their order
-std::vector<std::uint64_t> fill(Piece& piece, const std::vector<std::vector<Place>>& places,
-                                const std::vector<std::vector<double>>& rows,
-                                std::size_t n_cell_data) {
-  const std::size_t width = n_cell_data + 3;
-  std::vector<Place> all;
-  for (const std::vector<Place>& some : places) all.insert(all.end(), some.begin(), some.end());
-  piece.hold_all(all);
-  std::vector<std::pair<Place, const double*>> sorted;
-  sorted.reserve(all.size());
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    for (std::size_t k = 0; k < places[i].size(); ++k) {
-      sorted.emplace_back(places[i][k], rows[i].data() + k * width);
-    }
-  }
-  std::sort(sorted.begin(), sorted.end(),
-            [](const auto& a, const auto& b) { return a.first < b.first; });
-  std::vector<std::uint64_t> fingerprints;
-  fingerprints.reserve(sorted.size());
-  for (Cell* c : piece.own_nodes()) {
-    const Place place = piece.place_of(*c);
-    const auto found = std::lower_bound(
-        sorted.begin(), sorted.end(), place,
-        [](const auto& entry, const Place& wanted) { return entry.first < wanted; });
-    if (found == sorted.end() || found->first != place) throw Error(unresolved);
-    const double* row = found->second;
-    std::copy_n(row, n_cell_data, c->data.begin());
-    c->grad_data = row[n_cell_data];
-    c->grad2_data = row[n_cell_data + 1];
-    fingerprints.push_back(std::bit_cast<std::uint64_t>(row[n_cell_data + 2]));
-  }
-  return fingerprints;
+template <typename T>
+std::vector<T> joined(const std::vector<std::vector<T>>& parts) {
+  std::vector<T> all;
+  for (const std::vector<T>& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
 }
 
-void require_same(std::span<Cell* const> nodes, const std::vector<std::uint64_t>& fingerprints) {
+/// Needs: what fill() has returned for these nodes.
+void require_same(std::span<Cell* const> nodes, const std::vector<std::size_t>& rows,
+                  const std::vector<std::uint64_t>& fingerprints) {
   for (std::size_t i = 0; i < nodes.size(); ++i) {
-    if (fingerprint(*nodes[i]) != fingerprints[i]) throw Error(unresolved);
+    if (fingerprint(*nodes[i]) != fingerprints[rows[i]]) throw Error(unresolved);
   }
 }
 
@@ -75,6 +51,29 @@ struct Heading {
 };
 
 }  // namespace
+
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes) {
+  piece.hold_all(nodes.places);
+  std::vector<std::pair<Place, std::size_t>> sorted;
+  sorted.reserve(nodes.places.size());
+  for (std::size_t i = 0; i < nodes.places.size(); ++i) sorted.emplace_back(nodes.places[i], i);
+  std::sort(sorted.begin(), sorted.end());
+  std::vector<std::size_t> rows;
+  rows.reserve(sorted.size());
+  for (Cell* c : piece.own_nodes()) {
+    const std::pair<Place, std::size_t> wanted{piece.place_of(*c), 0};
+    const auto found = std::lower_bound(sorted.begin(), sorted.end(), wanted);
+    if (found == sorted.end() || found->first != wanted.first) throw Error(unresolved);
+    const std::size_t row = found->second, n = c->data.size();
+    const double* values = nodes.rows.data() + row * (n + 2);
+    std::copy_n(values, n, c->data.begin());
+    c->grad_data = values[n];
+    c->grad2_data = values[n + 1];
+    if (!nodes.handles.empty()) std::tie(c->used, c->data_ptr) = nodes.handles[row];
+    rows.push_back(row);
+  }
+  return rows;
+}
 
 std::vector<Window> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
   CellWeights weights{grid.nx - 1, grid.ny - 1, {}};
@@ -115,32 +114,28 @@ void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
   const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
   std::vector<std::vector<Place>> places;
   std::vector<std::vector<double>> rows;
+  std::vector<std::vector<std::uint64_t>> fingerprints;
   for (const int rank : partners) {
-    places.push_back(std::move(loads[static_cast<std::size_t>(rank)].places));
-    rows.push_back(std::move(loads[static_cast<std::size_t>(rank)].rows));
+    Load& load = loads[static_cast<std::size_t>(rank)];
+    places.push_back(std::move(load.places));
+    rows.push_back(std::move(load.rows));
+    fingerprints.push_back(std::move(load.fingerprints));
   }
   messages.set_neighbours(partners);
   places = messages.exchange(places);
   rows = messages.exchange(rows);
+  fingerprints = messages.exchange(fingerprints);
   messages.set_neighbours(neighbours);
+  PieceNodes moved;
+  std::vector<std::uint64_t> expected;
   messages.alone([&] {
-    Piece moved(whole, grid, box(), options.overlap);
-    moved.take_settings(*piece);
-    moved.keep_ghosts();
-    owned.clear();
-    ghosts.clear();
-    piece.reset();
-    piece.emplace(std::move(moved));
-    moved_fingerprints = fill(*piece, places, rows, static_cast<std::size_t>(grid.n_cell_data));
+    moved = {joined(places), joined(rows), {}};
+    expected = joined(fingerprints);
   });
   messages.together();
-}
-
-void Partition::Parts::settle_moved() {
-  settle();
-  messages.alone([&] { require_same(owned, std::exchange(moved_fingerprints, {})); });
+  const std::vector<std::size_t> row_of_node = make_again(moved);
+  messages.alone([&] { require_same(owned, row_of_node, expected); });
   messages.together();
-  exchange_data();
 }
 
 bool Partition::Parts::rebalance(double threshold) {
@@ -154,8 +149,8 @@ bool Partition::Parts::rebalance(double threshold) {
                                             std::tie(b.west, b.east, b.south, b.north);
                                    });
   if (are_same) return false;
+  if (adapted_by == Adapted::by_update) return rebalance_updated(new_boxes);
   move_nodes(owned, new_boxes);
-  settle_moved();
   return true;
 }
 
@@ -186,7 +181,6 @@ void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_ty
   adapted_by = Adapted::by_resolve;
   messages.alone([&] { piece->mesh().set_transfer(heading.transfer); });
   move_nodes(nodes, cut_by_nodes(nodes));
-  settle_moved();
 }
 
 std::unique_ptr<Mesh> Partition::Parts::gather() {
@@ -200,18 +194,21 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
   const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
   std::vector<std::vector<Place>> places(partners.size());
   std::vector<std::vector<double>> rows(partners.size());
+  std::vector<std::vector<std::uint64_t>> fingerprints(partners.size());
   places[0] = std::move(load.places);  // process 0 comes first of all partners
   rows[0] = std::move(load.rows);
+  fingerprints[0] = std::move(load.fingerprints);
   messages.set_neighbours(partners);
   places = messages.exchange(places);
   rows = messages.exchange(rows);
+  fingerprints = messages.exchange(fingerprints);
   messages.set_neighbours(neighbours);
   std::unique_ptr<Mesh> mesh;
   messages.alone([&] {
     if (messages.rank() != 0) return;
     Piece all(whole, grid, {0, grid.nx - 1, 0, grid.ny - 1}, options.overlap);
-    const auto fingerprints = fill(all, places, rows, static_cast<std::size_t>(grid.n_cell_data));
-    require_same(all.own_nodes(), fingerprints);
+    const std::vector<std::size_t> row_of_node = fill(all, {joined(places), joined(rows), {}});
+    require_same(all.own_nodes(), row_of_node, joined(fingerprints));
     all.take_settings(*piece);
     mesh = std::make_unique<Mesh>(std::move(all).release_mesh());
   });

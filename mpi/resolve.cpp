@@ -5,6 +5,13 @@
 
 namespace velmar_2d {
 
+
+namespace {
+constexpr const char* narrow =
+    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
+    "overlap is wanted";
+}  // namespace
+
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
   std::vector<std::vector<Place>> sorted(messages.neighbours().size());
   for (const Place& place : places) sorted[neighbour_of(place)].push_back(place);
@@ -169,12 +176,8 @@ void Partition::Parts::share_ghosts() {
       gone.insert(gone.end(), reader.gone().begin(), reader.gone().end());
     }
     piece->change_ghosts(come, gone);
-    if (piece->reaches_cut()) {
-      throw Error(
-          "the mesh needs nodes where the window of the process ends: more overlap is "
-          "wanted");
-    }
   });
+  if (messages.any(piece->reaches_cut() ? 1 : 0) != 0) throw TooNarrow(narrow);
 }
 
 /// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
@@ -249,6 +252,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
   is_settled = false;
+  statistics.nb_rounds = 0;
   nb_handed_on = 0;
   known_ghosts.clear();
   slope = resolution.slope;

@@ -211,6 +211,21 @@ void Partition::Parts::ask_window(std::span<const Cell* const> nodes, std::span<
   for (const std::size_t i : unwanted) of[i] = as_coarse_as_can_be;
 }
 
+void Partition::Parts::exchange_values_of_window() {
+  const auto n = static_cast<std::size_t>(grid.n_cell_data);
+  // Positions too: those of a node that came otherwise may be off by rounding.
+  exchange_window(
+      n + 4,
+      [n](const Cell& c, double* row) {
+        for (const double value : {c.x, c.y, c.grad_data, c.grad2_data}) *row++ = value;
+        std::copy_n(c.data.begin(), n, row);
+      },
+      [n](Cell& c, const double* row) {
+        for (double* value : {&c.x, &c.y, &c.grad_data, &c.grad2_data}) *value = *row++;
+        std::copy_n(row, n, c.data.begin());
+      });
+}
+
 /// Ghosts are what their owners have, as far as they have them.
 void Partition::Parts::prepare_window() {
   if (adapted_by == Adapted::by_nothing) {
@@ -218,36 +233,28 @@ void Partition::Parts::prepare_window() {
     piece->keep_window();
     plan_window();
   }
-  const auto n = static_cast<std::size_t>(grid.n_cell_data);
-  // Positions too: those of a node that came otherwise may be off by rounding.
-  exchange_window(
-      n + 2,
-      [n](const Cell& c, double* row) {
-        row[0] = c.x;
-        row[1] = c.y;
-        std::copy_n(c.data.begin(), n, row + 2);
-      },
-      [n](Cell& c, const double* row) {
-        c.x = row[0];
-        c.y = row[1];
-        std::copy_n(row + 2, n, c.data.begin());
-      });
+  exchange_values_of_window();
   messages.alone([&] { give_values_to_strangers(); });
   exchange_derivatives();
 }
 
 void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
-                              init_data_function* init_data) {
+                              const init_data_function* init_data) {
   messages.alone([&] { check_update(size, sizes); });
   messages.together();
-  sharing([&] { prepare_window(); });
+  sharing([&] {
+    prepare_window();
+    messages.alone([&] {
+      if (options.repairs && messages.nb_processes() > 1) keep_nodes();
+    });
+  });
   messages.alone([&] {
     const batch_size_function wanted = [&](std::span<const Cell* const> nodes,
                                            std::span<double> of) {
       ask_window(nodes, of, size, sizes);
     };
     if (init_data != nullptr) {
-      piece->update(wanted, std::move(*init_data));
+      piece->update(wanted, *init_data);
     } else {
       piece->update(wanted);
     }
@@ -260,11 +267,7 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
       list_owned();
       list_rings();
     });
-    if (!window_agrees()) {
-      throw FaultOfAll(
-          "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that "
-          "their owners have: update() wants more overlap");
-    }
+    if (!window_agrees()) throw TooNarrow(update_is_narrow);
     plan_exchange();
     conclude(false);
   });

@@ -222,6 +222,10 @@ Mesh Piece::release_mesh() && {
   for (Cell& c : mesh_.nodes()) c.wanted_level = 0;  // nothing is held any more
   return std::move(mesh_);
 }
+PieceNodes Piece::nodes_before() const {
+  detail::NodeValues nodes = update_->nodes_before();
+  return {to_places(nodes.places), std::move(nodes.rows), std::move(nodes.handles)};
+}
 std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
@@ -232,6 +236,14 @@ void Piece::update(const batch_size_function& sizes) {
 }
 void Piece::update(const batch_size_function& sizes, init_data_function init_data) {
   update_->update_window([&] { return mesh_.update_batched(sizes, std::move(init_data)); });
+}
+void Piece::order_by_age(std::span<const Place> oldest_first) {
+  const detail::MeshChange change(mesh_.state(), "Piece::order_by_age");
+  update_->order_by_age(to_lattice(oldest_first));
+}
+void Piece::take_nodes(std::span<const Cell> oldest_first) {
+  const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
+  update_->take_nodes(oldest_first);
 }
 
 }  // namespace velmar_2d

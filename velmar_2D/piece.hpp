@@ -43,6 +43,14 @@ struct Place {
   }
 };
 
+/// Nodes apart from their mesh, in any order.
+struct PieceNodes {
+  std::vector<Place> places;
+  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<std::pair<std::int32_t, UserReference>>
+      handles;  ///< of each `used`, `data_ptr`; or empty
+};
+
 namespace detail {
 class PieceUpdate;
 }
@@ -192,6 +200,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// The mesh of a piece that is the whole.
   Mesh release_mesh() &&;
 
+  /// Own nodes as they were at begin(), with what they held: for a caller who begins the update
+  /// anew in a wider window. Good until the next begin().
+  PieceNodes nodes_before() const;
+
   /// What the own nodes went through since begin().
   const UpdateStatistics& statistics() const;
 
@@ -209,6 +221,13 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// statistics(): `inserted` and `removed` are of own nodes, the others of ghosts too.
   void update(const batch_size_function& sizes);
   void update(const batch_size_function& sizes, init_data_function init_data);
+  /// From now on nodes at these places count as having come in this order, after the grid and
+  /// before all others, for what updates make of them.
+  void order_by_age(std::span<const Place> oldest_first);
+  /// Makes all nodes of the whole from copies, with all that they hold but ids. Needs: a window
+  /// that is the whole, with its grid only; and copies with links to one another and to records of
+  /// sides.
+  void take_nodes(std::span<const Cell> oldest_first);
 
  private:
   Mesh mesh_;

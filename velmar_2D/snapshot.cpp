@@ -426,6 +426,7 @@ void set_state(State& state, const Snapshot& s, const bc_type_function& bc_type)
   state.next_id = s.next_id;
   state.mesh_revision = s.revision;
   state.resolved_revision = s.resolved_revision;
+  if (s.resolved_revision == s.revision) state.candidate_order = CandidateOrder::by_place;
   state.surplus_has_gone = s.surplus_has_gone;
   state.transfer = s.transfer;
   state.links_may_be_one_way = s.links_may_be_one_way;

@@ -45,8 +45,13 @@
 namespace velmar_2d {
 
 struct PartitionOptions {
-  /// Cells of the grid that a process keeps beyond its box, at least 3. More for update().
+  /// Cells of the grid that a process keeps beyond its box, at least 1. More for update().
   std::int32_t overlap = 3;
+  /// Where the overlap turns out to be too small: makes it twice as large, up to the whole, and
+  /// begins what needs it anew. Functions are called again then, references to nodes become invalid
+  /// and mesh() is another one; `used` and `data_ptr` of owned nodes stay. False: throws Error
+  /// instead.
+  bool repairs = true;
 };
 
 /// Over all processes.
@@ -61,6 +66,8 @@ struct PartitionStatistics {
   /// Time of the processor that the slowest process took for the last update, without what it spent
   /// in messages, and what of it went into ghosts, their data, the plan of exchanges and the check.
   double update_seconds = 0.0, sharing_seconds = 0.0;
+  int nb_repairs = 0;        ///< since the Partition was made: how often windows were too narrow
+  std::int32_t overlap = 0;  ///< now
 };
 
 enum class GhostLayer {
@@ -126,15 +133,17 @@ class VELMAR_2D_MPI_API Partition {
 
   /// Collective. As Mesh::update() of the whole mesh, on a Partition that nothing else has adapted:
   /// what it makes depends on the order in which nodes came, which only other updates keep.
-  /// resolve(), rebalance() and gather() throw Error afterwards, before they change anything, and so
-  /// does this after resolve() and where a mesh was shared out.
+  /// resolve() throws Error afterwards, before it changes anything, and so does this after
+  /// resolve() and where a mesh was shared out.
   ///
   /// Each process updates all of its window, whose nodes near the cuts are not quite those of the
   /// whole mesh; they are asked for their sizes, too. So it needs more overlap than resolve(): 3 to
   /// 4 cells where sizes are a matter of place, 6 where they follow data, more where those change
-  /// abruptly. After each update owners tell whether ghosts are theirs. Where they are not, it
-  /// throws Error on all processes, and a Partition with more overlap has to begin anew. mesh() has
-  /// all nodes of the window; those that are neither owned() nor ghosts() are of no use.
+  /// abruptly. After each update owners tell whether ghosts are theirs. Where they are not, the
+  /// update is repaired, see PartitionOptions::repairs; for that own nodes are copied before it. It
+  /// throws Error on all processes where the processes do not know the order of their nodes any
+  /// more; then a Partition with more overlap has to begin anew. mesh() has all nodes of the
+  /// window; those that are neither owned() nor ghosts() are of no use.
   ///
   /// statistics(): `visited` and `refused` count in whole windows. Throws Error with
   /// Transfer::conservative.
@@ -174,10 +183,17 @@ class VELMAR_2D_MPI_API Partition {
   /// Collective. Cuts the rectangle anew, by halving it along grid lines, where the imbalance
   /// exceeds `threshold`: data and derivatives go with their nodes, `used` and `data_ptr` do not.
   /// References to nodes become invalid where it returns true, and mesh() is another one.
+  ///
+  /// After update() it leaves all as it is where plain updates cannot make the nodes anew: where a
+  /// node rests on others that have gone, which takes steep sizes, or where processes differ about
+  /// the order in which nodes came.
   /// @return whether it did
   bool rebalance(double threshold = 1.1);
 
   /// Collective. The whole mesh, with its data, on process 0; null elsewhere. For small cases.
+  /// After update() later plain updates make of it what they make of the mesh of one process, as
+  /// long as the overlap is wide enough for processes not to differ about the order in which nodes
+  /// came.
   std::unique_ptr<Mesh> gather();
 
   /// Collective.

@@ -29,6 +29,6 @@ namespace velmar_2d::io {
 /// reason
 ///         of the first process that failed
 [[nodiscard]] VELMAR_2D_MPI_IO_API std::string write_pvtu(Partition& part, const std::string& path,
-                                     const VtuOptions& options = {});
+                                                          const VtuOptions& options = {});
 
 }  // namespace velmar_2d::io

@@ -3,6 +3,21 @@
 
 namespace velmar_2d::detail {
 
+void NodeValues::add(LatticePoint place, const Cell& c) {
+  places.push_back(place);
+  rows.insert(rows.end(), c.data.begin(), c.data.end());
+  rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+  handles.emplace_back(c.used, c.data_ptr);
+}
+
+NodeValues PieceUpdate::nodes_before() const {
+  NodeValues nodes = gone_before_;
+  for (const Cell* c = state_.mesh_beg; c != nullptr; c = c->next) {
+    if (owns(*c) && !has_come(*c)) nodes.add(place_of(*c), *c);
+  }
+  return nodes;
+}
+
 /// While nodes go. Those that have gone are forgotten at its end.
 class PieceUpdate::Removal {
  public:
@@ -121,6 +136,7 @@ void PieceUpdate::remove(Cell& c) {
   if (owns(c)) {
     ++statistics_.removed;
     gone_own_.push_back(&c);
+    if (!has_come(c)) gone_before_.add(place_of(c), c);
     if (graded_) graded_->remove(c);
     forget_own(c);
   } else {

@@ -88,6 +88,15 @@ class PieceSizes {
   std::vector<char> is_changed_;
 };
 
+/// Nodes apart from their mesh.
+struct NodeValues {
+  std::vector<LatticePoint> places;
+  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<std::pair<std::int32_t, UserReference>> handles;
+
+  void add(LatticePoint place, const Cell& c);
+};
+
 /// The steps of a common update, on the mesh of one window.
 class PieceUpdate {
  public:
@@ -160,12 +169,16 @@ class PieceUpdate {
   void hand_on_data(const std::function<bool(const Cell&)>& is_known, std::size_t first);
   bool has_come(const Cell& c) const { return c.id >= first_new_id_; }
   std::span<Cell* const> newcomers() const { return newcomers_; }
+  /// Own nodes as they were at begin().
+  NodeValues nodes_before() const;
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
 
   void keep_window();
   /// Runs what changes all of the window.
   void update_window(const std::function<UpdateStatistics()>& update);
+  void order_by_age(std::span<const LatticePoint> oldest_first);
+  void take_nodes(std::span<const Cell> oldest_first);
 
  private:
   class Insertion;
@@ -244,6 +257,7 @@ class PieceUpdate {
   bool is_listed_ = false, is_updating_ = false;
   bool knows_changes_ = false;  ///< since they were listed: the newcomers, and those that have gone
   std::vector<const Cell*> gone_own_;
+  NodeValues gone_before_;  ///< own nodes that were there at begin()
   std::uint64_t listed_revision_ = 0;
   std::vector<const Cell*> fallen_;  ///< own nodes that want less than before
   std::vector<Cell*> freed_;         ///< that may be surplus, besides those around the fallen

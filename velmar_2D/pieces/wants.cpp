@@ -52,6 +52,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   parents_.clear();
   nb_asked_ = nb_noted_ = nb_told_ = 0;
   statistics_ = {};
+  gone_before_ = {};
   reaches_cut_ = ghosts_are_needed_ = false;
   knows_fallen_ = std::exchange(surplus_has_gone_, false);
   fallen_.clear();
