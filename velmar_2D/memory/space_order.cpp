@@ -19,7 +19,7 @@ struct Placed {
 };
 
 /// The bits of a 16-bit number, each followed by a 0.
-constexpr std::uint32_t spread(std::uint32_t bits) {
+constexpr std::uint32_t with_gaps(std::uint32_t bits) {
   bits = (bits | bits << 8) & 0x00ff00ffU;
   bits = (bits | bits << 4) & 0x0f0f0f0fU;
   bits = (bits | bits << 2) & 0x33333333U;
@@ -34,7 +34,7 @@ class Curve {
         squares_per_unit_(nb_squares /
                           std::max(domain.x_max - domain.x_min, domain.y_max - domain.y_min)) {}
   std::uint32_t place_of(const Cell& c) const {
-    return spread(square_of(c.x - x_min_)) | spread(square_of(c.y - y_min_)) << 1;
+    return with_gaps(square_of(c.x - x_min_)) | with_gaps(square_of(c.y - y_min_)) << 1;
   }
 
  private:
