@@ -45,70 +45,82 @@ void Partition::Parts::plan_exchange() {
         tell_no_changes(message);
         tell_no_changes(message);
       }
-      return;
-    }
-    std::vector<std::vector<Placed>> linked(ranks.size()), others(ranks.size());
-    const auto note = [&](Cell& c, Place place, bool is_linked) {
-      (is_linked ? linked : others)[neighbour_of(place)].push_back({place, &c});
-    };
-    if (adapted_by == Adapted::by_update) {
-      list_rings();
-      for (std::size_t k = 0; k < ghosts.size(); ++k) {
-        note(*ghosts[k], piece->place_of(*ghosts[k]), k < nb_linked_ghosts);
-      }
     } else {
-      piece->for_ghosts(note);
-    }
-    received.assign(ranks.size(), {});
-    received_rows.assign(ranks.size(), {});
-    nb_received_linked.assign(ranks.size(), 0);
-    ghosts.clear();
-    for (const bool is_linked : {true, false}) {
-      ToldPlaces& told = is_linked ? told_linked : told_others;
-      for (std::size_t i = 0; i < ranks.size(); ++i) {
-        const std::size_t before = received[i].size();
-        tell_changes(told.sent[i], sort_and_list((is_linked ? linked : others)[i], received[i]),
-                     out[i]);
-        for (std::size_t k = before; k < received[i].size(); ++k) {
-          received_rows[i].push_back(ghosts.size());
-          ghosts.push_back(received[i][k]);
-        }
-        if (is_linked) nb_received_linked[i] = received[i].size();
-      }
-      if (is_linked) nb_linked_ghosts = ghosts.size();
+      list_received(out);
     }
   });
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
-    sends_rows.assign(ranks.size(), 0);
-    sent.resize(ranks.size());
-    sent_rows.resize(ranks.size());
-    nb_sent_linked.resize(ranks.size());
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
-      // The two lists come one after the other for each neighbour.
-      ChangesReader reader(in[i]);
-      const bool is_first_new = reader.read(told_linked.received[i]);
-      const bool is_second_new = reader.read(told_others.received[i]);
-      if (!has_changed && !is_first_new && !is_second_new) continue;
-      nb_sent_linked[i] = told_linked.received[i].size();
-      sent[i].clear();
-      std::vector<std::int32_t> rows;
-      rows.reserve(nb_sent_linked[i] + told_others.received[i].size());
-      for (const ToldPlaces* told : {&told_linked, &told_others}) {
-        for (const Place& place : told->received[i]) {
-          const std::int64_t row = piece->row_of(place);
-          if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
-          sent[i].push_back(owned[static_cast<std::size_t>(row)]);
-          rows.push_back(static_cast<std::int32_t>(row));
-        }
-      }
-      if (rows == sent_rows[i]) continue;
-      sends_rows[i] = 1;
-      sent_rows[i] = std::move(rows);
-    }
+    list_sent(in, has_changed);
     take_fingerprints();
     mesh_told = piece->mesh().revision();
   });
+}
+
+/// Ghosts, by neighbour, and the messages about them.
+void Partition::Parts::list_received(std::vector<std::vector<Place>>& out) {
+  const std::size_t nb_neighbours = messages.neighbours().size();
+  std::vector<std::vector<Placed>> linked(nb_neighbours), others(nb_neighbours);
+  const auto note = [&](Cell& c, Place place, bool is_linked) {
+    (is_linked ? linked : others)[neighbour_of(place)].push_back({place, &c});
+  };
+  if (adapted_by == Adapted::by_update) {
+    list_rings();
+    for (std::size_t k = 0; k < ghosts.size(); ++k) {
+      note(*ghosts[k], piece->place_of(*ghosts[k]), k < nb_linked_ghosts);
+    }
+  } else {
+    piece->for_ghosts(note);
+  }
+  received.assign(nb_neighbours, {});
+  received_rows.assign(nb_neighbours, {});
+  nb_received_linked.assign(nb_neighbours, 0);
+  ghosts.clear();
+  for (const bool is_linked : {true, false}) {
+    ToldPlaces& told = is_linked ? told_linked : told_others;
+    for (std::size_t i = 0; i < nb_neighbours; ++i) {
+      const std::size_t before = received[i].size();
+      tell_changes(told.sent[i], sort_and_list((is_linked ? linked : others)[i], received[i]),
+                   out[i]);
+      for (std::size_t k = before; k < received[i].size(); ++k) {
+        received_rows[i].push_back(ghosts.size());
+        ghosts.push_back(received[i][k]);
+      }
+      if (is_linked) nb_received_linked[i] = received[i].size();
+    }
+    if (is_linked) nb_linked_ghosts = ghosts.size();
+  }
+}
+
+/// Own nodes that others have ghosts of.
+void Partition::Parts::list_sent(const std::vector<std::vector<Place>>& in, bool has_changed) {
+  const std::size_t nb_neighbours = messages.neighbours().size();
+  sends_rows.assign(nb_neighbours, 0);
+  sent.resize(nb_neighbours);
+  sent_rows.resize(nb_neighbours);
+  nb_sent_linked.resize(nb_neighbours);
+  for (std::size_t i = 0; i < nb_neighbours; ++i) {
+    // The two lists come one after the other for each neighbour.
+    ChangesReader reader(in[i]);
+    const bool is_first_new = reader.read(told_linked.received[i]);
+    const bool is_second_new = reader.read(told_others.received[i]);
+    if (!has_changed && !is_first_new && !is_second_new) continue;
+    nb_sent_linked[i] = told_linked.received[i].size();
+    sent[i].clear();
+    std::vector<std::int32_t> rows;
+    rows.reserve(nb_sent_linked[i] + told_others.received[i].size());
+    for (const ToldPlaces* told : {&told_linked, &told_others}) {
+      for (const Place& place : told->received[i]) {
+        const std::int64_t row = piece->row_of(place);
+        if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
+        sent[i].push_back(owned[static_cast<std::size_t>(row)]);
+        rows.push_back(static_cast<std::int32_t>(row));
+      }
+    }
+    if (rows == sent_rows[i]) continue;
+    sends_rows[i] = 1;
+    sent_rows[i] = std::move(rows);
+  }
 }
 
 void Partition::Parts::take_fingerprints() {
@@ -134,47 +146,56 @@ void Partition::Parts::list_owned() {
 }
 
 // A message has the fingerprint, the number of rows that follow, data, and rows by twos.
-void Partition::Parts::conclude(bool with_data) {
-  const std::size_t nb_neighbours = messages.neighbours().size();
-  const std::size_t width = with_data ? static_cast<std::size_t>(std::max(grid.n_cell_data, 0)) : 0;
-  std::vector<std::vector<std::uint64_t>> out(nb_neighbours);
-  messages.alone([&] {
-    if (is_settled) sends_rows.assign(nb_neighbours, 0);
-    for (std::size_t i = 0; i < nb_neighbours; ++i) {
-      const std::size_t nb_rows = sends_rows[i] != 0 ? sent_rows[i].size() : 0;
-      out[i].resize(2 + sent[i].size() * width + (nb_rows + 1) / 2);
-      out[i][0] = sent_fingerprints[i];
-      out[i][1] = nb_rows;
-      std::uint64_t* next = out[i].data() + 2;
-      for (const Cell* c : sent[i]) {
-        if (width > 0) std::memcpy(next, c->data.data(), width * sizeof(double));
-        next += width;
-      }
-      if (nb_rows > 0) std::memcpy(next, sent_rows[i].data(), nb_rows * sizeof(std::int32_t));
+void Partition::Parts::write_conclusion(std::vector<std::vector<std::uint64_t>>& out,
+                                        std::size_t width) {
+  const std::size_t nb_neighbours = out.size();
+  if (is_settled) sends_rows.assign(nb_neighbours, 0);
+  for (std::size_t i = 0; i < nb_neighbours; ++i) {
+    const std::size_t nb_rows = sends_rows[i] != 0 ? sent_rows[i].size() : 0;
+    out[i].resize(2 + sent[i].size() * width + (nb_rows + 1) / 2);
+    out[i][0] = sent_fingerprints[i];
+    out[i][1] = nb_rows;
+    std::uint64_t* next = out[i].data() + 2;
+    for (const Cell* c : sent[i]) {
+      if (width > 0) std::memcpy(next, c->data.data(), width * sizeof(double));
+      next += width;
     }
-  });
+    if (nb_rows > 0) std::memcpy(next, sent_rows[i].data(), nb_rows * sizeof(std::int32_t));
+  }
+}
+
+bool Partition::Parts::read_conclusion(const std::vector<std::vector<std::uint64_t>>& in,
+                                       std::size_t width) {
+  const std::size_t nb_neighbours = in.size();
+  bool are_alike = true;
+  rows_there.resize(nb_neighbours);
+  for (std::size_t i = 0; i < nb_neighbours; ++i) {
+    const std::size_t n = received[i].size();
+    const bool has_rows = in[i].size() > 1 && in[i][1] > 0;
+    if (in[i].size() != 2 + n * width + (has_rows ? (n + 1) / 2 : 0)) {
+      are_alike = false;  // or a fault there, told in gather_together()
+      continue;
+    }
+    are_alike = are_alike && in[i][0] == received_fingerprints[i];
+    const std::uint64_t* next = in[i].data() + 2;
+    for (Cell* c : received[i]) {
+      if (width > 0) std::memcpy(c->data.data(), next, width * sizeof(double));
+      next += width;
+    }
+    if (!has_rows) continue;
+    rows_there[i].resize(n);
+    std::memcpy(rows_there[i].data(), next, n * sizeof(std::int32_t));
+  }
+  return are_alike;
+}
+
+void Partition::Parts::conclude(bool with_data) {
+  const std::size_t width = with_data ? static_cast<std::size_t>(std::max(grid.n_cell_data, 0)) : 0;
+  std::vector<std::vector<std::uint64_t>> out(messages.neighbours().size());
+  messages.alone([&] { write_conclusion(out, width); });
   const std::vector<std::vector<std::uint64_t>> in = messages.exchange(out);
   bool are_alike = true;
-  messages.alone([&] {
-    rows_there.resize(nb_neighbours);
-    for (std::size_t i = 0; i < nb_neighbours; ++i) {
-      const std::size_t n = received[i].size();
-      const bool has_rows = in[i].size() > 1 && in[i][1] > 0;
-      if (in[i].size() != 2 + n * width + (has_rows ? (n + 1) / 2 : 0)) {
-        are_alike = false;  // or a fault there, told in gather_together()
-        continue;
-      }
-      are_alike = are_alike && in[i][0] == received_fingerprints[i];
-      const std::uint64_t* next = in[i].data() + 2;
-      for (Cell* c : received[i]) {
-        if (width > 0) std::memcpy(c->data.data(), next, width * sizeof(double));
-        next += width;
-      }
-      if (!has_rows) continue;
-      rows_there[i].resize(n);
-      std::memcpy(rows_there[i].data(), next, n * sizeof(std::int32_t));
-    }
-  });
+  messages.alone([&] { are_alike = read_conclusion(in, width); });
   if (is_settled) {
     if (messages.any(are_alike ? 0 : 1) != 0) throw TooNarrow(differing);
     return;

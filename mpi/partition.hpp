@@ -142,6 +142,11 @@ struct Partition::Parts {
   std::vector<double> rows_at(std::span<const Place> places);
   void hand_on_data();
   void plan_exchange();
+  void list_received(std::vector<std::vector<Place>>& out);
+  void list_sent(const std::vector<std::vector<Place>>& in, bool has_changed);
+  void write_conclusion(std::vector<std::vector<std::uint64_t>>& out, std::size_t width);
+  /// @return whether fingerprints are those of the owners
+  bool read_conclusion(const std::vector<std::vector<std::uint64_t>>& in, std::size_t width);
   /// Gives ghosts their numbers and, if it is wanted, data; the last step of what changes the mesh.
   /// Throws where ghosts are not what their owners have.
   void conclude(bool with_data);

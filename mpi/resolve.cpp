@@ -159,6 +159,7 @@ void Partition::Parts::share_ghosts() {
       return;
     }
     std::vector<Window> there;
+    there.reserve(ranks.size());
     for (const int rank : ranks) there.push_back(boxes[static_cast<std::size_t>(rank)]);
     std::vector<std::vector<Place>> borders = piece->border_places(there);
     for (std::size_t i = 0; i < ranks.size(); ++i) {

@@ -1,6 +1,7 @@
 // Gradient and Hessian of the data, on whole meshes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -139,10 +140,16 @@ TEST_F(Derivatives, ByManyThreadsAreThoseOfOne) {
     std::construct_at(&operators);
     for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->grad_data = c->grad2_data = -1.0;
   };
-  for (const int nb_threads : {2, 3, 7, 1000}) {
-    forget();
-    compute_data_at_all_nodes(nb_threads);
-    EXPECT_EQ(fingerprint(), expected) << nb_threads << " threads";
+  // The first pass goes by the list; the others by a space order, which the second one makes.
+  detail::SpaceOrder& order = detail::default_state().space_order;
+  for (const int nb_threads : {1, 2, 3, 7, 1000}) {
+    order.forget();
+    for (int pass = 0; pass < 3; ++pass) {
+      forget();
+      compute_data_at_all_nodes(nb_threads);
+      EXPECT_EQ(order.nodes().empty(), pass == 0);
+      EXPECT_EQ(fingerprint(), expected) << nb_threads << " threads";
+    }
   }
 
   forget();
@@ -172,11 +179,44 @@ TEST_F(Derivatives, ByManyThreadsAreThoseOfOne) {
     ends.emplace_back(text.substr(text.rfind(' ') + 1));
     throw std::runtime_error("end");
   };
-  for (const int nb_threads : {1, 2, 5}) {
-    EXPECT_THROW(compute_data_at_all_nodes(nb_threads), std::runtime_error);
+  for (const bool by_list : {false, true}) {
+    for (const int nb_threads : {1, 2, 5}) {
+      if (by_list) order.forget();
+      EXPECT_THROW(compute_data_at_all_nodes(nb_threads), std::runtime_error);
+    }
   }
   fatal_handler = nullptr;
-  EXPECT_EQ(ends, std::vector(3, std::to_string(first->id)));
+  EXPECT_EQ(ends, std::vector(6, std::to_string(first->id)));
+}
+
+// The order is that of the mesh there is, through nearby nodes.
+TEST_F(Derivatives, InSpaceOrderFollowTheMesh) {
+  const auto way = [](std::span<Cell* const> nodes) {
+    double sum = 0.0;
+    for (std::size_t i = 1; i < nodes.size(); ++i) {
+      sum += std::hypot(nodes[i]->x - nodes[i - 1]->x, nodes[i]->y - nodes[i - 1]->y);
+    }
+    return sum;
+  };
+  make_mesh({5, -3, 2}, 0.4, 33, 33, 10, 6, wave);
+  for (const double x : {6.0, 6.2}) {
+    const scenarios::Ring ring{x, -2.0, 0.8};
+    update_mesh_init(scenarios::ring_spacing(ring, 0.3, dist_0 / 32.0, dist_0), wave);
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) compute_data_at_node(c);
+    const std::string expected = fingerprint();
+    for (int pass = 0; pass < 2; ++pass) {
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->grad_data = c->grad2_data = -1.0;
+      compute_data_at_all_nodes();
+      EXPECT_EQ(fingerprint(), expected) << "pass " << pass;
+    }
+    std::vector<Cell*> listed, ordered;
+    for (Cell* c = mesh_beg; c != nullptr; c = c->next) listed.push_back(c);
+    for (Cell* c : detail::default_state().space_order.nodes()) ordered.push_back(c);
+    EXPECT_LT(way(ordered), 0.3 * way(listed));
+    std::sort(listed.begin(), listed.end());
+    std::sort(ordered.begin(), ordered.end());
+    EXPECT_EQ(ordered, listed);
+  }
 }
 
 // A quadratic is differentiated exactly wherever the domain lies and however fine the mesh is.

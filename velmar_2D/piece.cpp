@@ -151,7 +151,8 @@ bool Piece::hold_only(std::span<const Place> places) {
 
 std::vector<Cell*> Piece::border(const Window& box, int layers) {
   std::vector<Cell*> found;
-  for (const auto& near : update_->borders({&box, 1}, layers)[0]) found.push_back(near.cell);
+  const auto borders = update_->borders({&box, 1}, layers);
+  for (const auto& near : borders.front()) found.push_back(near.cell);
   return found;
 }
 
@@ -162,7 +163,8 @@ void Piece::hold_ghosts(std::span<const Place> places) {
 
 std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes) {
   std::vector<std::vector<Place>> places;
-  for (const auto& border : update_->borders(boxes, 2)) {
+  const auto borders = update_->borders(boxes, 2);
+  for (const auto& border : borders) {
     places.emplace_back();
     places.back().reserve(border.size());
     for (const auto& near : border) places.back().push_back(to_place(near.at));

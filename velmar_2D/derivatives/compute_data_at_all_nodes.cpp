@@ -30,10 +30,23 @@ void compute_portions(const State& state, Portions& portions) noexcept {
   }
 }
 
+/// False where a node failed.
+bool compute_in_space_order(const State& state, int threads) {
+  state.progress.begin("derivatives", state.nb_nodes);
+  return try_data_at_nodes(state, state.space_order.nodes(), threads, [&](std::size_t nb_nodes) {
+    while (nb_nodes-- > 0) state.progress.step();
+  });
+}
+
 }  // namespace
 
 void compute_data_at_all_nodes(State& state, int threads) {
   if (state.lists_are_split()) join_sublists(state);
+  if (state.space_order.begin_pass(state.mesh_beg, state.nb_nodes, state.mesh_revision,
+                                   state.domain, state.history)) {
+    if (!compute_in_space_order(state, threads)) compute_by_one_thread(state);
+    return;
+  }
   threads = Portions::useful_threads(state, threads);
   if (threads <= 1) {
     compute_by_one_thread(state);

@@ -1,5 +1,6 @@
 // The derivatives at some nodes, by one thread or by several.
 #include <atomic>
+#include <thread>
 
 #include "velmar_2D/derivatives/derivatives.hpp"
 
@@ -25,36 +26,72 @@ void compute_in_turn(const State& state, Workspace& work, std::span<Cell* const>
 
 constexpr std::size_t nodes_of_a_portion = 512;
 
-/// False where one failed: what is said then is that of the first node that does.
-bool compute_by_threads(const State& state, std::span<Cell* const> nodes, std::size_t threads) {
-  std::atomic<std::size_t> next = 0;
-  std::atomic<bool> failed = false;
-  const auto compute_portions = [&] {
+class Shared {
+ public:
+  Shared(const State& state, std::span<Cell* const> nodes,
+         const std::function<void(std::size_t nb_nodes)>& tell)
+      : state_(state), nodes_(nodes), tell_(tell) {}
+
+  void compute_portions() noexcept {
     try {
       ThreadWorkspace own;
-      while (!failed) {
-        const std::size_t begin = next.fetch_add(nodes_of_a_portion);
-        if (begin >= nodes.size()) return;
-        compute_in_turn(state, own.work,
-                        nodes.subspan(begin, std::min(nodes_of_a_portion, nodes.size() - begin)));
+      while (!has_failed_) {
+        const std::size_t begin = next_.fetch_add(nodes_of_a_portion);
+        if (begin >= nodes_.size()) break;
+        const std::size_t n = std::min(nodes_of_a_portion, nodes_.size() - begin);
+        compute_in_turn(state_, own.work, nodes_.subspan(begin, n));
+        nb_done_ += n;
+        tell();
       }
     } catch (...) {
-      failed = true;
+      has_failed_ = true;
     }
-  };
-  {
-    const Helpers helpers(threads - 1, compute_portions);
-    compute_portions();
   }
-  return !failed;
-}
+  /// Needs: no other thread works any more.
+  bool end() {
+    tell();
+    if (thrown_by_teller_) std::rethrow_exception(thrown_by_teller_);
+    return !has_failed_;
+  }
+
+ private:
+  void tell() noexcept {
+    if (std::this_thread::get_id() != caller_ || !tell_ || thrown_by_teller_) return;
+    try {
+      const std::size_t nb_done = nb_done_;
+      tell_(nb_done - std::exchange(nb_told_, nb_done));
+    } catch (...) {
+      thrown_by_teller_ = std::current_exception();
+      has_failed_ = true;
+    }
+  }
+
+  const State& state_;
+  std::span<Cell* const> nodes_;
+  const std::function<void(std::size_t)>& tell_;
+  std::atomic<std::size_t> next_ = 0, nb_done_ = 0;
+  std::size_t nb_told_ = 0;
+  std::atomic<bool> has_failed_ = false;
+  const std::thread::id caller_ = std::this_thread::get_id();
+  std::exception_ptr thrown_by_teller_;  ///< touched by the caller's thread alone
+};
 
 }  // namespace
 
+bool try_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,
+                       const std::function<void(std::size_t nb_nodes)>& tell) {
+  const std::size_t useful = std::clamp<std::size_t>(
+      nodes.size() / nodes_of_a_portion, 1, static_cast<std::size_t>(std::max(threads, 1)));
+  Shared shared(state, nodes, tell);
+  {
+    const Helpers helpers(useful - 1, [&] { shared.compute_portions(); });
+    shared.compute_portions();
+  }
+  return shared.end();
+}
+
 void compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads) {
-  const std::size_t useful =
-      std::min(static_cast<std::size_t>(std::max(threads, 1)), nodes.size() / nodes_of_a_portion);
-  if (useful > 1 && compute_by_threads(state, nodes, useful)) return;
+  if (threads > 1 && try_data_at_nodes(state, nodes, threads)) return;
   Workspace work;
   compute_in_turn(state, work, nodes);
 }

@@ -274,6 +274,7 @@ class Walk {
   VELMAR_2D_ALWAYS_INLINE static void prefetch_at(std::uintptr_t address) {
     prefetch(reinterpret_cast<const void*>(address));
   }
+
   /// The next node but a few comes into sight: its first line tells whether more of it is needed.
   VELMAR_2D_ALWAYS_INLINE void advance_far(bool busy) {
     if (far_ == nullptr) return;
@@ -331,6 +332,36 @@ class Walk {
   std::span<const Cell* const> known_;
   std::size_t next_known_ = 0;
   bool busy_ = false, removed_ = false;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The nodes as they lie in the plane (space_order.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// An order for passes that read the neighbours of all nodes and change no mesh: nodes that are
+/// close in the plane follow one another, along a curve, so that a node comes into the cache once.
+/// In the order of the list it comes for itself and for each stretch of its neighbours.
+///
+/// To make it costs a little more than it saves one pass, so that the first pass through a mesh
+/// goes without; the second one makes it, and it stays as long as the mesh is the same.
+class SpaceOrder {
+ public:
+  /// Told that a pass through all nodes begins. Returns whether this order is there for it: not
+  /// where the mesh has changed since the last one or is small, nor where memory is exhausted.
+  bool begin_pass(Cell* mesh_beg, std::int32_t nb_nodes, std::uint64_t revision,
+                  const Domain& domain, const TraversalHistory& history);
+  /// Needs: the order is there for the pass that has begun.
+  std::span<Cell* const> nodes() const { return nodes_; }
+  /// Gives the memory back.
+  void forget();
+
+ private:
+  bool make(Cell* mesh_beg, std::size_t nb_nodes, const Domain& domain,
+            const TraversalHistory& history);
+
+  std::vector<Cell*> nodes_;  ///< none: there is no order
+  bool has_passed_ = false;
+  std::uint64_t revision_ = 0;  ///< of the mesh that the last pass went through
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -72,6 +72,7 @@ std::int32_t release_all_nodes(State& state) {
   state.history.forget();
   state.stretch_nodes.forget();
   state.fit_operators.forget();
+  state.space_order.forget();
   state.grid_nodes.forget();
   state.links_may_be_one_way = false;
   return nb_released;

@@ -95,6 +95,7 @@ struct State {
   NodeMemory memory;
   TraversalHistory history;
   StretchNodes stretch_nodes;
+  SpaceOrder space_order;
   mutable FitOperators fit_operators;  ///< a cache: does not count as a change of the mesh
   mutable GridNodes grid_nodes;        ///< likewise
 

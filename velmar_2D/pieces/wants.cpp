@@ -63,8 +63,8 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
     restore_rings(state_, resolution.most_nodes);
     knows_fallen_ = false;
     held_.clear();  // some may have gone: others tell anew what they need
-    for (std::size_t l = 0; l < state_.level_beg.size(); ++l) {
-      for (Cell* c = state_.level_beg[l].next; c != nullptr; c = c->next) {
+    for (const Handle& first : state_.level_beg) {
+      for (Cell* c = first.next; c != nullptr; c = c->next) {
         c->wanted_level &= static_cast<std::uint8_t>(~is_held);
       }
     }

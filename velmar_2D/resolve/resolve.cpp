@@ -23,7 +23,7 @@ void remove(State& state, Cell& c) {
 }
 
 /// Whether there is the grid alone, of which nothing can go. Needs: lists are split.
-bool is_bare_grid(const State& state) {
+bool has_nothing_to_release(const State& state) {
   return std::all_of(state.level_beg.begin() + 1, state.level_beg.end(),
                      [](const Handle& first) { return first.next == nullptr; });
 }
@@ -418,7 +418,7 @@ class ResolveUpdate {
       compute_data_at_all_nodes(state_, resolution_.threads);  // joins the list
       split_sublists(state_);
     }
-    const bool surplus_has_gone = order_.surplus_has_gone || is_bare_grid(state_);
+    const bool surplus_has_gone = order_.surplus_has_gone || has_nothing_to_release(state_);
     order_.surplus_has_gone = false;
     Resolver resolver(state_, resolution_, surplus_has_gone);
     resolver.resolve(size_fun);
