@@ -5,7 +5,6 @@
 
 namespace velmar_2d {
 
-
 namespace {
 constexpr const char* narrow =
     "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "

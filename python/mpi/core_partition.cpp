@@ -16,7 +16,7 @@ MPI_Comm communicator_of(std::int64_t number) {
 CorePartition::CorePartition(std::int64_t communicator, const std::array<double, 4>& rectangle,
                              std::int32_t nx, std::int32_t ny, std::int32_t subdiv_max,
                              std::int32_t n_cell_data, const py::object& kinds,
-                             bool kinds_vectorised, std::int32_t overlap) {
+                             bool kinds_vectorised, std::int32_t overlap, bool repairs) {
   const auto [west, east, south, north] = rectangle;
   const Rectangle domain = {west, east, south, north};
   Grid grid;
@@ -30,13 +30,13 @@ CorePartition::CorePartition(std::int64_t communicator, const std::array<double,
   {
     const LetOthersRun others(kinds_at_hand.one_by_one());
     partition_.emplace(communicator_of(communicator), domain, grid,
-                       PartitionOptions{.overlap = overlap});
+                       PartitionOptions{.overlap = overlap, .repairs = repairs});
   }
   take_partition();
 }
 
 CorePartition::CorePartition(std::int64_t communicator, CoreMesh* mesh, const py::object& kinds,
-                             bool kinds_vectorised, std::int32_t overlap) {
+                             bool kinds_vectorised, std::int32_t overlap, bool repairs) {
   std::optional<Busy> busy;
   try {
     if (mesh != nullptr) busy.emplace(*mesh, "making a Partition");
@@ -47,7 +47,8 @@ CorePartition::CorePartition(std::int64_t communicator, CoreMesh* mesh, const py
   {
     const LetOthersRun others(kinds_at_hand.one_by_one());
     partition_.emplace(communicator_of(communicator), mesh == nullptr ? nullptr : mesh->mesh.get(),
-                       kinds_of_mesh(kind_at_, kinds), PartitionOptions{.overlap = overlap});
+                       kinds_of_mesh(kind_at_, kinds),
+                       PartitionOptions{.overlap = overlap, .repairs = repairs});
   }
   take_partition();
 }

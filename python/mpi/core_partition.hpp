@@ -16,10 +16,10 @@ class CorePartition {
   /// needed to compile this.
   CorePartition(std::int64_t communicator, const std::array<double, 4>& rectangle, std::int32_t nx,
                 std::int32_t ny, std::int32_t subdiv_max, std::int32_t n_cell_data,
-                const py::object& kinds, bool kinds_vectorised, std::int32_t overlap);
+                const py::object& kinds, bool kinds_vectorised, std::int32_t overlap, bool repairs);
   /// @param mesh  on process 0; null elsewhere
   CorePartition(std::int64_t communicator, CoreMesh* mesh, const py::object& kinds,
-                bool kinds_vectorised, std::int32_t overlap);
+                bool kinds_vectorised, std::int32_t overlap, bool repairs);
   CorePartition(const CorePartition&) = delete;
   CorePartition& operator=(const CorePartition&) = delete;
 

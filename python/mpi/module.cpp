@@ -43,6 +43,8 @@ py::dict statistics(CorePartition& core) {
   numbers["refused"] = of.refused;
   numbers["update_seconds"] = of.update_seconds;
   numbers["sharing_seconds"] = of.sharing_seconds;
+  numbers["repairs"] = of.nb_repairs;
+  numbers["overlap"] = of.overlap;
   return numbers;
 }
 
@@ -76,13 +78,13 @@ PYBIND11_MODULE(_mpi, m) {
   py::class_<Core> partition(m, "Partition");
   partition
       .def(py::init<std::int64_t, const std::array<double, 4>&, std::int32_t, std::int32_t,
-                    std::int32_t, std::int32_t, const py::object&, bool, std::int32_t>(),
+                    std::int32_t, std::int32_t, const py::object&, bool, std::int32_t, bool>(),
            py::arg("communicator"), py::arg("rectangle"), py::arg("nx"), py::arg("ny"),
            py::arg("subdiv_max"), py::arg("n_cell_data"), py::arg("kinds"),
-           py::arg("kinds_vectorised"), py::arg("overlap"))
-      .def(py::init<std::int64_t, CoreMesh*, const py::object&, bool, std::int32_t>(),
+           py::arg("kinds_vectorised"), py::arg("overlap"), py::arg("repairs"))
+      .def(py::init<std::int64_t, CoreMesh*, const py::object&, bool, std::int32_t, bool>(),
            py::arg("communicator"), py::arg("mesh"), py::arg("kinds"), py::arg("kinds_vectorised"),
-           py::arg("overlap"))
+           py::arg("overlap"), py::arg("repairs"))
       .def("update", &Core::update, py::arg("size"), py::arg("init_data"), py::arg("vectorised"),
            py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"))
       .def("resolve", &Core::resolve, py::arg("size"), py::arg("init_data"), py::arg("margin"),

@@ -59,14 +59,21 @@ class PartitionStatistics(NamedTuple):
     update_seconds: float
     #: What of it went into ghosts, their data, the plan of exchanges and the check.
     sharing_seconds: float
+    #: Since the Partition was made: how often windows were too narrow.
+    repairs: int
+    #: As it is now.
+    overlap: int
 
 
 class Partition:
     """A mesh that the processes of a communicator keep together: each owns the nodes in a box.
 
     comm         of mpi4py; Partition makes a copy of it
-    overlap      cells of the first grid that a process keeps beyond its box, at least 3; more for
+    overlap      cells of the first grid that a process keeps beyond its box, at least 1; more for
                  update()
+    repairs      where overlap turns out to be too small it is made twice as large, up to the whole,
+                 and what needs it begins anew: functions are asked again then. False: MeshError is
+                 raised instead
     The rest is as for Mesh.
 
     Nodes of a process are numbered from 0: owned ones, then ghosts, those linked to owned ones first.
@@ -82,23 +89,25 @@ class Partition:
 
     def __init__(self, comm: Any, rectangle: Sequence[float] = (0.0, 1.0, 0.0, 1.0), nx: int = 17,
                  ny: int | None = None, subdiv_max: int = 10, n_cell_data: int = 1,
-                 bc_type: Any = None, *, vectorised: bool = True, overlap: int = 3) -> None:
+                 bc_type: Any = None, *, vectorised: bool = True, overlap: int = 3,
+                 repairs: bool = True) -> None:
         kinds = links.kinds_of_sides(bc_type), vectorised
         grid = (four_numbers(rectangle), operator.index(nx), 0 if ny is None else operator.index(ny),
                 not_absurd("subdiv_max", subdiv_max), not_absurd("n_cell_data", n_cell_data))
         with _Noting() as noted:
-            self._take(comm, _mpi.Partition(comm.py2f(), *grid, *noted.kinds(kinds), overlap), kinds)
+            self._take(comm, _mpi.Partition(comm.py2f(), *grid, *noted.kinds(kinds), overlap,
+                                            repairs), kinds)
 
     @classmethod
     def from_mesh(cls, comm: Any, mesh: Mesh | None, bc_type: Any = None, *,
-                  vectorised: bool = True, overlap: int = 3) -> Self:
+                  vectorised: bool = True, overlap: int = 3, repairs: bool = True) -> Self:
         """Shares out a mesh that process 0 has, with its data; what others give is ignored. Collective.
 
         bc_type     the kinds of the sides, as for Mesh(), on all processes. Without: those of the
                     mesh, where they are no function
 
-        Raises MeshError where update() has made the mesh: it must be one of resolve(), gather() or a
-        file of these.
+        Raises MeshError where the mesh is not as resolve() leaves it: one of update(), gathered or
+        not, or of single steps.
         """
         def kinds_of_mesh() -> Any:
             if not isinstance(mesh, Mesh):
@@ -114,13 +123,14 @@ class Partition:
         part = cls.__new__(cls)
         with _Noting() as noted:
             core = mesh._core if comm.rank == 0 and mesh is not None else None
-            part._take(comm, _mpi.Partition(comm.py2f(), core, *noted.kinds(kinds), overlap), kinds)
+            part._take(comm, _mpi.Partition(comm.py2f(), core, *noted.kinds(kinds), overlap,
+                                            repairs), kinds)
         return part
 
     @classmethod
     def load(cls, comm: Any, path: str | os.PathLike[str], name: str = "mesh", *,
              step: int | None = None, time: float | None = None, bc_type: Any = None,
-             vectorised: bool = True, overlap: int = 3) -> Self:
+             vectorised: bool = True, overlap: int = 3, repairs: bool = True) -> Self:
         """Shares out a mesh that process 0 loads, as Mesh.load() does. Collective."""
         mesh: Mesh | None = None
 
@@ -130,7 +140,8 @@ class Partition:
                              vectorised=vectorised)
 
         _told_by_first(comm, load)
-        return cls.from_mesh(comm, mesh, bc_type, vectorised=vectorised, overlap=overlap)
+        return cls.from_mesh(comm, mesh, bc_type, vectorised=vectorised, overlap=overlap,
+                             repairs=repairs)
 
     def _take(self, comm: Any, core: Any, kinds: tuple[Any, bool]) -> None:
         self.comm = comm
@@ -173,10 +184,10 @@ class Partition:
         """As Mesh.update() of the whole mesh. Collective.
 
         It needs more overlap than resolve(): 3 to 4 cells where sizes are a matter of place, 6 where
-        they follow data, more where those change abruptly; MeshError is raised where it was too
-        little. size is asked for all nodes around the box, too. On a Partition that update() has
-        adapted, resolve(), rebalance() and gather() raise MeshError, and so does this after
-        resolve().
+        they follow data, more where those change abruptly; where it was too little the update is
+        made again with more. size is asked for all nodes around the box, too. On a Partition that
+        update() has adapted, resolve() raises MeshError, and so does this after resolve() and where
+        a mesh was shared out.
         """
         with self._agreed():
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
@@ -187,7 +198,8 @@ class Partition:
     def rebalance(self, threshold: float = 1.1) -> bool:
         """Cuts new boxes where a process owns more than threshold times its share. Collective.
 
-        Returns whether it did.
+        Returns whether it did. After update() it leaves all as it is where plain updates cannot make
+        the nodes anew.
         """
         with _Noting() as noted:
             return self._core.rebalance(threshold, *noted.kinds(self._kinds))

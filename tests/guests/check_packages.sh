@@ -28,7 +28,7 @@ for package in *.deb; do
 done
 names=$(for package in *.deb; do dpkg-deb -f "$package" Package; done)
 number=$(echo "$names" | wc -l)
-[ "$number" -eq $((10 + ${python:+2}+0)) ] || fail "packages: $names"
+[ "$number" -eq $((11 + ${python:+2}+0)) ] || fail "packages: $names"
 lintian --allow-root --fail-on error,warning ./*.deb ||
   fail "lintian complains"
 

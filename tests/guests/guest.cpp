@@ -16,6 +16,7 @@
 #include <velmar_2D/velmar_2D_numerics.hpp>
 #endif
 #ifdef GUEST_SHARES
+#include <velmar_2D/velmar_2D_mpi_hdf5.hpp>
 #include <velmar_2D/velmar_2D_mpi_io.hpp>
 #endif
 
@@ -109,6 +110,10 @@ int share_mesh() {
   if (part.size() != alone.size()) return fail("another mesh over processes");
   const std::string error = io::write_pvtu(part, "shared.pvtu");
   if (!error.empty()) return fail(error.c_str());
+  save(part, "shared.h5");
+  if (load_partition(MPI_COMM_WORLD, "shared.h5").size() != part.size()) {
+    return fail("another mesh from the file");
+  }
   try {
     part.resolve(size_function());
     return fail("a mistake was not thrown");

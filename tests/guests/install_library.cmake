@@ -12,7 +12,8 @@ endforeach()
 file(GLOB_RECURSE headers RELATIVE ${PREFIX}/include ${PREFIX}/include/*)
 set(public velmar_2D/arrays.hpp velmar_2D/mesh.hpp velmar_2D/piece.hpp velmar_2D/records.hpp
     velmar_2D/velmar_2D.hpp velmar_2D/velmar_2D_hdf5.hpp velmar_2D/velmar_2D_io.hpp
-    velmar_2D/velmar_2D_mpi.hpp velmar_2D/velmar_2D_mpi_io.hpp velmar_2D/velmar_2D_numerics.hpp)
+    velmar_2D/velmar_2D_mpi.hpp velmar_2D/velmar_2D_mpi_hdf5.hpp velmar_2D/velmar_2D_mpi_io.hpp
+    velmar_2D/velmar_2D_numerics.hpp)
 if(NOT headers STREQUAL public)
   message(FATAL_ERROR "installed headers: ${headers}")
 endif()

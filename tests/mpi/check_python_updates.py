@@ -91,10 +91,20 @@ for step, init_data in enumerate((value, None, None)):
     mesh.nodes.write_data(np.arange(len(mesh)), column=1)
     part.write_data(rows_there(part, mesh)[:, 1], column=-1)
     slow.data = rows_there(slow, mesh)
+slow.update(ring(0.3), vectorised=False), mesh.update(ring(0.3))
+slow.rebalance(1.0)
+expect_same(slow, mesh)
+whole = slow.gather()
+if whole is not None:
+    nodes = [sorted(zip(*of.nodes.positions.T, of.nodes.data[:, 0])) for of in (whole, mesh)]
+    assert nodes[0] == nodes[1] and whole.check() == []
 
 # resolve() asks for what Mesh.resolve() does, and goes on in another place.
 mesh = velmar_2d.Mesh(**OPTIONS, bc_type=kinds)
-part = Partition(comm, **OPTIONS, bc_type=kinds)
+expect_error(velmar_2d.MeshError, "more overlap", Partition, comm, **OPTIONS, overlap=1,
+             repairs=False)
+part = Partition(comm, **OPTIONS, bc_type=kinds, overlap=1)
+assert part.statistics().repairs == 1 and part.statistics().overlap == 2
 for radius in (0.3, 0.32):
     mesh.resolve(ring(radius), value, margin=1.0)
     assert part.resolve(ring(radius), value, margin=1.0).inserted == mesh.statistics.inserted
