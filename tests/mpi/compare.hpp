@@ -1,6 +1,7 @@
 // One mesh over several processes, held against one mesh of one process.
 #pragma once
 
+#include <cmath>
 #include <cstdio>
 #include <set>
 #include <vector>
@@ -54,6 +55,15 @@ inline void compare(Partition& part, Mesh& mesh, int step) {
   expect(owned == expected, "owned nodes are those of one process", step);
   expect(part.size() == mesh.size(), "number of nodes", step);
   expect(part.agrees(), "agrees", step);
+}
+
+/// A ghost that is not what its owner has, which is told after the next update.
+inline void spoil_a_ghost(Partition& part) {
+  for (Cell* c : part.linked_ghosts()) {
+    if (c->ipos != 0 || c->x == 0.0) continue;
+    c->x = std::nextafter(c->x, 2.0 * c->x);
+    return;
+  }
 }
 
 }  // namespace velmar_2d

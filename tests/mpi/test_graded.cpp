@@ -77,6 +77,7 @@ void check(Demand demand, double slope) {
     };
     const Resolution resolution{.margin = time == 2 ? 1.0 : 0.0, .slope = is_graded ? slope : 0.0};
     mesh.resolve(size, resolution);
+    if (time == 2 && part.rank() == 0) spoil_a_ghost(part);  // the update is repaired
     if (time % 2 == 1) {
       part.resolve_batched(sizes, resolution);
     } else {
@@ -101,6 +102,7 @@ void check(Demand demand, double slope) {
     }
     if (time == 1) part.rebalance(1.05);
   }
+  expect(part.statistics().nb_repairs == (part.nb_processes() > 1 ? 1 : 0), "repairs", 5);
 }
 
 /// A fault of one process ends the others too, wherever they are.

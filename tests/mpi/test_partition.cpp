@@ -39,15 +39,6 @@ void check_numbers(Partition& part, int step) {
   expect(are_right, "numbers of ghosts", step);
 }
 
-/// A ghost that is not what its owner has, which is told after the next update.
-void spoil_a_ghost(Partition& part) {
-  for (Cell* c : part.linked_ghosts()) {
-    if (c->ipos != 0 || c->x == 0.0) continue;
-    c->x = std::nextafter(c->x, 2.0 * c->x);
-    return;
-  }
-}
-
 /// With an overlap of 1 links of ghosts are missing at the first grid already.
 void run_ring(std::int32_t overlap) {
   const Rectangle whole{0.1, 1.3, -0.7, 0.2};
