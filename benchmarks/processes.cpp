@@ -162,8 +162,9 @@ void run_partition(const Grid& grid, double finest, int nb_updates, const Resolu
     solving += largest(processor_seconds() - begin - waiting);
   }
   // The first ones still let ghosts go that the last move left.
-  for (int step = 0; step < 3; ++step) part.resolve(ring(finest, nb_updates));
-  for (int step = 0; step < nb_updates; ++step) settled.update(part, ring(finest, nb_updates));
+  for (int step = 0; step < 3; ++step) part.resolve(ring(finest, nb_updates), resolution);
+  for (int step = 0; step < nb_updates; ++step)
+    settled.update(part, ring(finest, nb_updates), resolution);
   const PartitionStatistics last = part.statistics();
   if (part.rank() != 0) return;
   std::printf(

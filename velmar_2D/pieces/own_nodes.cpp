@@ -137,7 +137,7 @@ std::int64_t PieceUpdate::row_of(LatticePoint p) {
 namespace {
 
 /// Where a box lies, and how far off it is: along x or y, whichever is more.
-struct Sides {
+struct BoxSides {
   double west, east, south, north;
 
   double distance(const Cell& c) const {
@@ -154,7 +154,7 @@ std::vector<std::vector<PieceUpdate::Near>> PieceUpdate::borders(std::span<const
   if (!is_updating_ && !is_listed_) list_nodes();
   const Frame& frame = state_.domain.frame;
   const double dist_0 = state_.domain.dist_0;
-  std::vector<Sides> boxes;
+  std::vector<BoxSides> boxes;
   for (const Window& box : of) {
     boxes.push_back({frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
                      frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0});

@@ -275,10 +275,19 @@ void PieceUpdate::hand_on_data(const std::function<bool(const Cell&)>& is_known,
   const std::size_t first = init_data_ ? 1 : 0;
   const std::size_t end =
       state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
+  // What no known node stands behind holds its values since it came.
+  std::unordered_set<const Cell*> changed;
+  const auto is_changed = [&](const Cell* parent) { return changed.contains(parent); };
   for (std::size_t i = first_newcomer; i < newcomers_.size(); ++i) {
-    if (is_known(*newcomers_[i])) continue;
-    for (std::size_t value = first; value < end; ++value) {
-      newcomers_[i]->data[value] = mean_of_parents(parents_[i], value);
+    Cell& c = *newcomers_[i];
+    if (is_known(c)) {
+      changed.insert(&c);
+    } else if (!changed.empty() &&
+               std::any_of(parents_[i].begin(), parents_[i].end(), is_changed)) {
+      changed.insert(&c);
+      for (std::size_t value = first; value < end; ++value) {
+        c.data[value] = mean_of_parents(parents_[i], value);
+      }
     }
   }
 }
