@@ -167,18 +167,18 @@ void Partition::Parts::begin_resolve(const size_function& size, const batch_size
   });
 }
 
-void Partition::update(const size_function& size) { parts_->begin_update(size, {}, nullptr); }
+void Partition::update(const size_function& size) { parts_->begin_update(size, {}, std::nullopt); }
 void Partition::update(const size_function& size, init_data_function init_data) {
-  parts_->begin_update(size, {}, &init_data);
+  parts_->begin_update(size, {}, std::move(init_data));
 }
 void Partition::update_batched(const batch_size_function& sizes) {
-  parts_->begin_update({}, sizes, nullptr);
+  parts_->begin_update({}, sizes, std::nullopt);
 }
 void Partition::update_batched(const batch_size_function& sizes, init_data_function init_data) {
-  parts_->begin_update({}, sizes, &init_data);
+  parts_->begin_update({}, sizes, std::move(init_data));
 }
 void Partition::Parts::begin_update(const size_function& size, const batch_size_function& sizes,
-                                    const init_data_function* init_data) {
+                                    const std::optional<init_data_function>& init_data) {
   refuse_after(Adapted::by_resolve,
                "update() goes on from the grid or from other updates, not from resolve()");
   messages.collective(

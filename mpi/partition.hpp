@@ -167,9 +167,9 @@ struct Partition::Parts {
   void begin_resolve(const size_function& size, const batch_size_function& sizes,
                      init_data_function init_data, const Resolution& resolution);
   void begin_update(const size_function& size, const batch_size_function& sizes,
-                    const init_data_function* init_data);
+                    const std::optional<init_data_function>& init_data);
   void update(const size_function& size, const batch_size_function& sizes,
-              const init_data_function* init_data);
+              const std::optional<init_data_function>& init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();

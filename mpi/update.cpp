@@ -239,7 +239,7 @@ void Partition::Parts::prepare_window() {
 }
 
 void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
-                              const init_data_function* init_data) {
+                              const std::optional<init_data_function>& init_data) {
   messages.alone([&] { check_update(size, sizes); });
   messages.together();
   sharing([&] {
@@ -253,7 +253,7 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
                                            std::span<double> of) {
       ask_window(nodes, of, size, sizes);
     };
-    if (init_data != nullptr) {
+    if (init_data) {
       piece->update(wanted, *init_data);
     } else {
       piece->update(wanted);

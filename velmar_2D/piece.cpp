@@ -164,10 +164,10 @@ void Piece::hold_ghosts(std::span<const Place> places) {
 std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes) {
   std::vector<std::vector<Place>> places;
   const auto borders = update_->borders(boxes, 2);
-  for (const auto& border : borders) {
+  for (const auto& of_box : borders) {
     places.emplace_back();
-    places.back().reserve(border.size());
-    for (const auto& near : border) places.back().push_back(to_place(near.at));
+    places.back().reserve(of_box.size());
+    for (const auto& near : of_box) places.back().push_back(to_place(near.at));
   }
   return places;
 }
