@@ -106,17 +106,7 @@ Cell* PieceUpdate::node_at(LatticePoint p) {
 void PieceUpdate::compute_derivatives() {
   if (state_.n_cell_data <= 0) return;
   list_if_changed();
-  Workspace work;
-  constexpr std::size_t neighbours_ahead = 12, node_ahead = 24;
-  const std::size_t n = own_nodes_.size();
-  for (std::size_t i = 0; i < n; ++i) {
-    if (i + node_ahead < n) prefetch_lines(own_nodes_[i + node_ahead], 2);
-    if (i + neighbours_ahead < n) {
-      const Cell& c = *own_nodes_[i + neighbours_ahead];
-      for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(c, d).cell(), 1);
-    }
-    compute_data_at_node(state_, work, own_nodes_[i]);
-  }
+  compute_data_at_nodes(state_, own_nodes_, 1);
 }
 
 void PieceUpdate::keep_window() {
