@@ -146,7 +146,7 @@ std::uint64_t Messages::any(std::uint64_t flags) {
 
 std::vector<std::int64_t> Messages::gather_together(std::int64_t number) {
   const Timed timed(seconds_);
-  const std::vector<std::int64_t> all = gather_from_all(has_fault_ ? std::int64_t{-1} : number);
+  std::vector<std::int64_t> all = gather_from_all(has_fault_ ? std::int64_t{-1} : number);
   for (const std::int64_t of : all) {
     if (of < 0) throw_fault();
   }
