@@ -97,9 +97,9 @@ bool SpaceOrder::make(Cell* mesh_beg, std::size_t nb_nodes, const Domain& domain
   }
   if (n != nb_nodes) return false;
   sort(placed);
-  std::vector<Cell*> nodes(nb_nodes);
-  for (std::size_t i = 0; i < nb_nodes; ++i) nodes[i] = listed[placed[i].number];
-  nodes_.swap(nodes);
+  std::vector<Cell*> ordered(nb_nodes);
+  for (std::size_t i = 0; i < nb_nodes; ++i) ordered[i] = listed[placed[i].number];
+  nodes_.swap(ordered);
   return true;
 }
 
