@@ -13,10 +13,13 @@ namespace {
 VELMAR_2D_ALWAYS_INLINE void prefetch_ahead(std::span<Cell* const> nodes, std::size_t i) {
   constexpr std::size_t node_ahead = 12, neighbours_ahead = 6, corner_ahead = 2;
   if (i + node_ahead < nodes.size()) prefetch_lines(nodes[i + node_ahead], 3);
-  if (i + neighbours_ahead < nodes.size()) prefetch_neighbours(*nodes[i + neighbours_ahead]);
+  if (i + neighbours_ahead < nodes.size()) {
+    const Cell& c = *nodes[i + neighbours_ahead];
+    prefetch_neighbours(c);
+  }
   if (i + corner_ahead < nodes.size()) {
-    const Cell& soon = *nodes[i + corner_ahead];
-    prefetch_corner_of_square(soon);
+    const Cell& c = *nodes[i + corner_ahead];
+    prefetch_corner_of_square(c);
   }
 }
 
