@@ -18,7 +18,7 @@ LINES = [  # name, case, (side, what), colour
     ("ring, resolve", "ring", ("ours", "resolve"), "0.80 0.15 0.15"),
     ("ring, p4est", "ring", ("p4est", "all"), "0.80 0.15 0.15"),
     ("front, resolve", "front", ("ours", "resolve"), "0.00 0.45 0.70"),
-    ("front, resolve with value and indicators", "front",
+    ("front, resolve with data", "front",
      ("ours", "resolve with value and indicators"), "0.30 0.70 0.95"),
     ("front, p4est", "front", ("p4est", "all"), "0.00 0.45 0.70"),
     ("steady, resolve", "steady", ("ours", "resolve"), "0.50 0.35 0.65"),
