@@ -37,10 +37,10 @@ void Partition::Parts::plan_exchange() {
   const std::vector<int>& ranks = messages.neighbours();
   number_of.clear();
   std::vector<std::vector<Place>> out(ranks.size());
-  const bool has_changed =
+  const bool is_new_plan =
       adapted_by == Adapted::by_update || mesh_told != piece->mesh().revision();
   messages.alone([&] {
-    if (!has_changed) {
+    if (!is_new_plan) {
       for (std::vector<Place>& message : out) {
         tell_no_changes(message);
         tell_no_changes(message);
@@ -51,7 +51,7 @@ void Partition::Parts::plan_exchange() {
   });
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
-    list_sent(in, has_changed);
+    list_sent(in, is_new_plan);
     take_fingerprints();
     mesh_told = piece->mesh().revision();
   });
@@ -93,7 +93,7 @@ void Partition::Parts::list_received(std::vector<std::vector<Place>>& out) {
 }
 
 /// Own nodes that others have ghosts of.
-void Partition::Parts::list_sent(const std::vector<std::vector<Place>>& in, bool has_changed) {
+void Partition::Parts::list_sent(const std::vector<std::vector<Place>>& in, bool is_new_plan) {
   const std::size_t nb_neighbours = messages.neighbours().size();
   sends_rows.assign(nb_neighbours, 0);
   sent.resize(nb_neighbours);
@@ -104,7 +104,7 @@ void Partition::Parts::list_sent(const std::vector<std::vector<Place>>& in, bool
     ChangesReader reader(in[i]);
     const bool is_first_new = reader.read(told_linked.received[i]);
     const bool is_second_new = reader.read(told_others.received[i]);
-    if (!has_changed && !is_first_new && !is_second_new) continue;
+    if (!is_new_plan && !is_first_new && !is_second_new) continue;
     nb_sent_linked[i] = told_linked.received[i].size();
     sent[i].clear();
     std::vector<std::int32_t> rows;
@@ -220,8 +220,8 @@ std::int64_t Partition::global_number(const Cell& c) const {
     std::int64_t number = first_global_number();
     for (const Cell* own : parts.owned) table[own] = number++;
     for (std::size_t i = 0; i < parts.received.size(); ++i) {
-      const auto rank = static_cast<std::size_t>(parts.messages.neighbours()[i]);
-      const std::int64_t first_there = parts.first_numbers[rank];
+      const auto owner_rank = static_cast<std::size_t>(parts.messages.neighbours()[i]);
+      const std::int64_t first_there = parts.first_numbers[owner_rank];
       for (std::size_t k = 0; k < parts.received[i].size(); ++k) {
         table[parts.received[i][k]] = first_there + parts.rows_there[i][k];
       }
@@ -319,7 +319,7 @@ std::uint64_t fingerprint(const Cell& c) {
 bool Partition::Parts::agrees() {
   messages.alone([&] { take_fingerprints(); });
   std::vector<std::vector<std::uint64_t>> out;
-  for (const std::uint64_t fingerprint : sent_fingerprints) out.push_back({fingerprint});
+  for (const std::uint64_t of_all : sent_fingerprints) out.push_back({of_all});
   const std::vector<std::vector<std::uint64_t>> in = messages.exchange(out);
   bool are_alike = true;
   for (std::size_t i = 0; i < in.size(); ++i) {

@@ -143,7 +143,7 @@ struct Partition::Parts {
   void hand_on_data();
   void plan_exchange();
   void list_received(std::vector<std::vector<Place>>& out);
-  void list_sent(const std::vector<std::vector<Place>>& in, bool has_changed);
+  void list_sent(const std::vector<std::vector<Place>>& in, bool is_new_plan);
   void write_conclusion(std::vector<std::vector<std::uint64_t>>& out, std::size_t width);
   /// @return whether fingerprints are those of the owners
   bool read_conclusion(const std::vector<std::vector<std::uint64_t>>& in, std::size_t width);
