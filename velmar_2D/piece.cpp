@@ -247,5 +247,9 @@ void Piece::take_nodes(std::span<const Cell> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
   update_->take_nodes(oldest_first);
 }
+void Piece::restore(const std::function<bool(const Cell&)>& is_restored,
+                    const init_data_function& init_data) {
+  update_->restore(is_restored, init_data);
+}
 
 }  // namespace velmar_2d

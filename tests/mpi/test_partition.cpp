@@ -249,9 +249,6 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
       if (!knows_order) break;
     }
   }
-  const std::string refused =
-      error_of([&] { part.resolve([](double, double, auto...) { return 1.0; }); });
-  expect(refused.find("update()") != std::string::npos, "resolve() after update()", nb_steps);
   return -1;
 }
 

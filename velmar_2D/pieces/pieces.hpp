@@ -179,6 +179,8 @@ class PieceUpdate {
   void update_window(const std::function<UpdateStatistics()>& update);
   void order_by_age(std::span<const LatticePoint> oldest_first);
   void take_nodes(std::span<const Cell> oldest_first);
+  void restore(const std::function<bool(const Cell&)>& is_restored,
+               const init_data_function& init_data);
 
  private:
   class Insertion;
