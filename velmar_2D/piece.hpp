@@ -217,8 +217,6 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   void keep_window();
   /// Mesh::update_batched() of the window. Ghosts near its cuts are not what the whole has there:
   /// who owns them must tell.
-  ///
-  /// statistics(): `inserted` and `removed` are of own nodes, the others of ghosts too.
   void update(const batch_size_function& sizes);
   void update(const batch_size_function& sizes, init_data_function init_data);
   /// From now on nodes at these places count as having come in this order, after the grid and

@@ -145,8 +145,7 @@ class VELMAR_2D_MPI_API Partition {
   /// more; then a Partition with more overlap has to begin anew. mesh() has all nodes of the
   /// window; those that are neither owned() nor ghosts() are of no use.
   ///
-  /// statistics(): `visited` and `refused` count in whole windows. Throws Error with
-  /// Transfer::conservative.
+  /// Throws Error with Transfer::conservative.
   void update(const size_function& size);
   void update(const size_function& size, init_data_function init_data);
   void update_batched(const batch_size_function& sizes);
