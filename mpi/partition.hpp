@@ -88,11 +88,12 @@ struct Partition::Parts {
   // What neighbours have been told: own nodes that they need to know, nodes of theirs that are
   // needed here, and ghosts, those linked to owned nodes and the others.
   ToldPlaces told_borders, told_needs, told_linked, told_others;
-  std::uint64_t needs_told = 0;  ///< revision of what told_needs has
-  std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
-  bool has_told = false;         ///< any of it
-  bool holds_more = false;       ///< own nodes, than the neighbours' needs
-  bool is_settled = false;       ///< this update has changed nothing on any process
+  std::uint64_t needs_told = 0;    ///< revision of what told_needs has
+  std::uint64_t mesh_told = 0;     ///< revision of the mesh whose borders and ghosts were told
+  bool has_told = false;           ///< any of it
+  bool tells_all_children = true;  ///< not those alone that have come
+  bool holds_more = false;         ///< own nodes, than the neighbours' needs
+  bool is_settled = false;         ///< this update has changed nothing on any process
   std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
@@ -138,7 +139,10 @@ struct Partition::Parts {
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
+  std::vector<Window> boxes_of_neighbours() const;
+  void share_children();
   void share_ghosts();
+  void exchange_borders(const std::vector<std::vector<Place>>& out);
   std::vector<double> rows_at(std::span<const Place> places);
   void hand_on_data();
   void plan_exchange();

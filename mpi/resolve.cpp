@@ -74,9 +74,13 @@ void Partition::Parts::refine() {
   while (ask_and_exchange_wants()) {
     if (grid.n_cell_data == 0) continue;
     sharing([&] {
+      share_children();
       share_ghosts();
       hand_on_data();
     });
+  }
+  if (!is_settled && (grid.n_cell_data == 0 || tells_all_children)) {
+    sharing([&] { share_children(); });
   }
 }
 
@@ -146,30 +150,60 @@ void Partition::Parts::forget_told() {
   mesh_told = ~std::uint64_t{0};
   has_told = true;
   holds_more = true;
+  tells_all_children = true;
 }
 
-/// Each process tells its neighbours about its nodes near them.
+std::vector<Window> Partition::Parts::boxes_of_neighbours() const {
+  std::vector<Window> there;
+  for (const int rank : messages.neighbours())
+    there.push_back(boxes[static_cast<std::size_t>(rank)]);
+  return there;
+}
+
+/// Each process tells its neighbours about its nodes that rest on theirs, so that they know what
+/// their own nodes are linked to.
+void Partition::Parts::share_children() {
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  messages.alone([&] {
+    std::vector<std::vector<Place>> children =
+        piece->children_places(boxes_of_neighbours(), tells_all_children);
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      const std::vector<Place>& told = told_borders.sent[i];
+      std::sort(children[i].begin(), children[i].end());
+      std::vector<Place> all;
+      all.reserve(told.size() + children[i].size());
+      std::set_union(told.begin(), told.end(), children[i].begin(), children[i].end(),
+                     std::back_inserter(all));
+      tell_changes(told_borders.sent[i], std::move(all), out[i]);
+    }
+  });
+  tells_all_children = false;
+  exchange_borders(out);
+}
+
+/// And about those that these need to know besides. Needs: all processes' children told.
 void Partition::Parts::share_ghosts() {
-  const std::vector<int>& ranks = messages.neighbours();
-  std::vector<std::vector<Place>> out(ranks.size());
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
   messages.alone([&] {
     if (mesh_told == piece->mesh().revision()) {
       for (std::vector<Place>& message : out) tell_no_changes(message);
       return;
     }
-    std::vector<Window> there;
-    there.reserve(ranks.size());
-    for (const int rank : ranks) there.push_back(boxes[static_cast<std::size_t>(rank)]);
-    std::vector<std::vector<Place>> borders = piece->border_places(there);
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
+    std::vector<std::vector<Place>> borders = piece->border_places(boxes_of_neighbours());
+    for (std::size_t i = 0; i < out.size(); ++i) {
       std::sort(borders[i].begin(), borders[i].end());
       tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
     }
   });
+  exchange_borders(out);
+  if (messages.any(piece->reaches_cut() ? 1 : 0) != 0) throw TooNarrow(narrow);
+}
+
+void Partition::Parts::exchange_borders(const std::vector<std::vector<Place>>& out) {
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
     std::vector<Place> come, gone;
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
+    for (std::size_t i = 0; i < in.size(); ++i) {
       ChangesReader reader(in[i]);
       reader.read(told_borders.received[i]);
       come.insert(come.end(), reader.come().begin(), reader.come().end());
@@ -177,7 +211,6 @@ void Partition::Parts::share_ghosts() {
     }
     piece->change_ghosts(come, gone);
   });
-  if (messages.any(piece->reaches_cut() ? 1 : 0) != 0) throw TooNarrow(narrow);
 }
 
 /// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
@@ -243,6 +276,7 @@ void Partition::Parts::exchange_data() {
 void Partition::Parts::settle() {
   is_settled = false;
   messages.alone([&] { list_owned(); });
+  share_children();
   share_ghosts();
   plan_exchange();
   conclude(false);
