@@ -51,6 +51,9 @@ struct KeptNodes {
   std::size_t nb_own = 0;
 };
 
+constexpr const char* narrow =
+    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
+    "overlap is wanted";
 constexpr const char* update_is_narrow =
     "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that their "
     "owners have: update() wants more overlap";
@@ -88,11 +91,13 @@ struct Partition::Parts {
   // What neighbours have been told: own nodes that they need to know, nodes of theirs that are
   // needed here, and ghosts, those linked to owned nodes and the others.
   ToldPlaces told_borders, told_needs, told_linked, told_others;
-  std::uint64_t needs_told = 0;  ///< revision of what told_needs has
-  std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
-  bool has_told = false;         ///< any of it
-  bool holds_more = false;       ///< own nodes, than the neighbours' needs
-  bool is_settled = false;       ///< this update has changed nothing on any process
+  std::uint64_t needs_told = 0;    ///< revision of what told_needs has
+  std::uint64_t mesh_told = 0;     ///< revision of the mesh whose borders and ghosts were told
+  bool lacks_nodes = false;        ///< that others have as ghosts
+  bool has_told = false;           ///< any of it
+  bool tells_all_children = true;  ///< not those alone that have come
+  bool holds_more = false;         ///< own nodes, than the neighbours' needs
+  bool is_settled = false;         ///< this update has changed nothing on any process
   std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
@@ -121,7 +126,8 @@ struct Partition::Parts {
   void refine();
   /// What processes have to tell one another.
   struct News {
-    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16;
+    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16,
+                                   cut = 32;
   };
   std::uint64_t any_news();
   bool ask_and_exchange_wants();
@@ -138,10 +144,16 @@ struct Partition::Parts {
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
+  std::vector<Window> boxes_of_neighbours() const;
+  void share_children();
   void share_ghosts();
-  std::vector<double> rows_at(std::span<const Place> places);
+  void exchange_borders(const std::vector<std::vector<Place>>& out);
+  void write_rows_at(std::span<const Place> places, double* row);
   void hand_on_data();
-  void plan_exchange();
+  void hand_on_data(const std::vector<std::vector<Place>>& asked,
+                    const std::vector<std::vector<Place>>& asked_here);
+  /// @param hands_on  data of ghosts that have come, too
+  void plan_exchange(bool hands_on = false);
   void list_received(std::vector<std::vector<Place>>& out);
   void list_sent(const std::vector<std::vector<Place>>& in, bool is_new_plan);
   void write_conclusion(std::vector<std::vector<std::uint64_t>>& out, std::size_t width);

@@ -155,14 +155,20 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   std::vector<Cell*> border(const Window& box, int layers = 2);
   /// Makes ghosts of the border of other pieces.
   void hold_ghosts(std::span<const Place> places);
-  /// Places of border() of each box.
-  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
 
   // Pieces that tell one another only what has changed: needs() lets no ghost go, and between
-  // release() and border() owners tell what has gone.
+  // release() and border() owners tell what has gone. They can tell more precisely, too, what a
+  // piece needs to know: children_places() first, then, when all pieces have those of the others,
+  // border_places(), where border() tells all that it may need.
 
   /// From now on ghosts stay from update to update.
   void keep_ghosts();
+  /// For each box, own nodes that rest on its nodes.
+  /// @param of_all  else of those that have come since begin()
+  std::vector<std::vector<Place>> children_places(std::span<const Window> boxes, bool of_all);
+  /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are.
+  /// Needs: children_places() of the other pieces.
+  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
   /// Whether nodes have come since begin(), or may go. Where that is so on no piece, and needs()
   /// are those of before, nothing remains to be done but end_unchanged().
   bool has_changed() const;

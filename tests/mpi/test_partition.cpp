@@ -88,12 +88,15 @@ void run_ring(std::int32_t overlap) {
       compare(part, mesh, step);
     }
     check_numbers(part, step);
-    for (const int limit : {7, 11}) {
+    for (const int limit : {7, 12}) {
       if (step != 6) break;
-      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts
+      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts, and others come
       part.mesh().set_limit(limit);
-      mesh.resolve(size, resolution);
-      part.resolve(size, resolution);
+      const size_function other = [=](double x, double y, auto...) {
+        return 0.004 + 0.25 * std::abs(y + 0.25 - 0.04 * limit * (x - 0.7));
+      };
+      mesh.resolve(other, resolution);
+      part.resolve(other, resolution);
       compare(part, mesh, step);
     }
     for (Cell& c : mesh.nodes()) {
@@ -133,6 +136,7 @@ void run_ring(std::int32_t overlap) {
   for (Cell& c : mesh.nodes()) expected.insert(record_of(mesh, c));
   expect(gathered == expected, "the whole is that of one process", 12);
   expect(all->check().empty(), "the whole is in order", 12);
+  expect(all->limit() == mesh.limit(), "the limit is the last one", 12);
   gathered.clear();
   expected.clear();
   for (Mesh* one : {all.get(), &mesh}) {
