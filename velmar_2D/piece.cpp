@@ -221,6 +221,11 @@ void Piece::take_settings(Piece& from) {
   }
 }
 
+bool Piece::is_resolved(const Mesh& mesh) {
+  const detail::State& state = mesh.state();
+  return state.resolved_revision == state.mesh_revision;
+}
+
 Mesh Piece::release_mesh() && {
   update_.reset();
   for (Cell& c : mesh_.nodes()) c.wanted_level = 0;  // nothing is held any more
@@ -251,6 +256,9 @@ void Piece::order_by_age(std::span<const Place> oldest_first) {
 void Piece::take_nodes(std::span<const Cell> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
   update_->take_nodes(oldest_first);
+}
+void Piece::place_anew(const std::function<bool(const Cell&)>& is_meant) {
+  update_->place_anew(is_meant);
 }
 void Piece::restore(const std::function<bool(const Cell&)>& is_restored,
                     const init_data_function& init_data) {

@@ -252,28 +252,6 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
   return -1;
 }
 
-/// A mesh in which nodes rest on one that was removed is refused by all.
-void refuse_holes() {
-  std::unique_ptr<Mesh> mesh;
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  if (rank == 0) {
-    mesh = std::make_unique<Mesh>(Rectangle{}, Grid{.nx = 9});
-    mesh->resolve([](double, double, auto...) { return 0.032; });
-    for (Cell& c : mesh->nodes()) {
-      if (c.ipos != 1 || c.on_boundary != 0) continue;
-      if (mesh->remove_node_even_level(c)) break;
-    }
-  }
-  bool is_refused = false;
-  try {
-    const Partition part(MPI_COMM_WORLD, mesh.get());
-  } catch (const Error& error) {
-    is_refused = std::strstr(error.what(), "resolve()") != nullptr;
-  }
-  expect(is_refused, "a mesh with a hole is refused", 0);
-}
-
 /// Updates that find nothing to do send data and one number to each neighbour; and a ghost that is
 /// not what its owner has is found by those that change something.
 void run_settled() {
@@ -363,7 +341,6 @@ int main(int argc, char** argv) {
   } else if (has_argument && std::strcmp(argv[1], "ring") == 0) {
     run_ring(std::atoi(argv[2]));
     run_settled();
-    refuse_holes();
   } else if (argc > 2) {
     run_fault(std::atoi(argv[2]));
   }

@@ -6,7 +6,7 @@ namespace velmar_2d::detail {
 void NodeValues::add(LatticePoint place, const Cell& c) {
   places.push_back(place);
   rows.insert(rows.end(), c.data.begin(), c.data.end());
-  rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+  rows.insert(rows.end(), {c.grad_data, c.grad2_data, c.x, c.y});
   handles.emplace_back(c.used, c.data_ptr);
 }
 
