@@ -213,6 +213,7 @@ void Piece::take_settings(Piece& from) {
   to.handlers.fatal = other.handlers.fatal;
   to.handlers.pause = other.handlers.pause;
   to.progress.handler = other.progress.handler;
+  to.progress.seconds_between_calls = other.progress.seconds_between_calls;
   for (std::size_t side = 0; side < to.side_records.size(); ++side) {
     for (std::size_t kind = 0; kind < bc_type_cut; ++kind) {
       Boundary *record = to.side_records[side][kind], *before = other.side_records[side][kind];

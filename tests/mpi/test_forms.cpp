@@ -98,9 +98,13 @@ void run(int n_cell_data) {
     const size_function follows = n_cell_data > 0 ? curved_at(t) : ring_at(t, 0.4);
     const size_function size = [&](double x, double y, auto data, double grad, double grad2) {
       const double wanted = follows(x, y, data, grad, grad2);
-      return step == 4 ? std::min(wanted, chance_at(0.15)(x, y, data, grad, grad2)) : wanted;
+      // At step 5 those near a cut go, so that others become ghosts.
+      if (step == 4 || (step == 5 && std::abs(x - 0.7) > 0.04)) {
+        return std::min(wanted, chance_at(0.15)(x, y, data, grad, grad2));
+      }
+      return wanted;
     };
-    const Resolution resolution{.slope = step == 5 ? 0.3 : 0.0};
+    const Resolution resolution{.slope = step == 6 ? 0.3 : 0.0};
     if (step == 4 && n_cell_data > 0) {
       mesh.resolve(size, init_data, resolution);
       part.resolve(size, init_data, resolution);

@@ -281,7 +281,7 @@ void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
   const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
-  for (int kind = 0; kind < 6; ++kind) {
+  for (int kind = 0; kind < 7; ++kind) {
     Partition part(MPI_COMM_WORLD, whole, grid);
     const bool is_here = part.rank() == culprit;
     int nb_calls = 0;
@@ -289,7 +289,7 @@ void run_fault(int culprit) {
       if (is_here && (kind == 0 || kind == 5) && ++nb_calls == 50)
         throw std::runtime_error("size is ill");
       if (is_here && kind == 4 && ++nb_calls == 50) part.mesh().set_limit(3);
-      return 0.02 + 0.3 * std::abs(x - y);
+      return (kind == 6 ? 0.004 : 0.02) + 0.3 * std::abs(x - y);
     };
     const init_data_function init_data = [&](double, double) -> double {
       if (is_here && kind == 1 && ++nb_calls == 3) throw std::bad_alloc();
@@ -302,6 +302,13 @@ void run_fault(int culprit) {
                                       },
                                   .removing = {}});
     }
+    if (kind == 6) {  // looks up now and then
+      part.mesh().set_progress_handler(
+          [&](const Progress& progress) {
+            if (is_here && progress.phase == "refining") throw std::runtime_error("left by hand");
+          },
+          0.0);
+    }
     const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
     const std::string text = error_of([&] {
       if (kind == 5) {
@@ -312,7 +319,8 @@ void run_fault(int culprit) {
     });
     const char* const reasons[] = {
         "size is ill",           "memory is exhausted", "an exception that is no std::exception",
-        "nodes would be needed", "the mesh is in use",  "size is ill"};
+        "nodes would be needed", "the mesh is in use",  "size is ill",
+        "left by hand"};
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);

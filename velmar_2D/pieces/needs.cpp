@@ -155,6 +155,7 @@ void PieceUpdate::remove(Cell& c) {
 void PieceUpdate::release() {
   gone_near_.clear();
   const Removal removal(*this);
+  state_.progress.begin("coarsening", static_cast<std::int64_t>(own_nodes_.size()));
   if (!knows_fallen_ || are_many(fallen_.size(), own_nodes_.size())) {
     release_everywhere();
   } else {
@@ -175,6 +176,7 @@ void PieceUpdate::release_everywhere() {
   for (std::size_t l = state_.level_end.size(); l-- > 0;) {
     for (Cell* c = state_.level_end[l].next; c != nullptr;) {
       Cell* next = c->prev;
+      state_.progress.step();
       if (owns(*c) && is_surplus(*c)) remove(*c);
       c = next;
     }
@@ -195,6 +197,7 @@ void PieceUpdate::release_freed() {
   std::size_t next = 0;  // removals make more
   while (next < freed_.size()) {
     Cell* c = freed_[next++];
+    state_.progress.step();
     if (!gone_.contains(c) && owns(*c) && is_surplus(*c)) remove(*c);
   }
   freed_.clear();
