@@ -5,8 +5,6 @@
 // both know all links of their own nodes, and so which nodes of theirs are linked to which: what
 // another piece needs besides, nodes that are linked to those linked to its own, can be told
 // exactly.
-#include <limits>
-
 #include "velmar_2D/pieces/pieces.hpp"
 
 namespace velmar_2d::detail {
@@ -19,9 +17,6 @@ struct BoxSides {
   /// How far off a node is: along x or y, whichever is more.
   double distance(const Cell& c) const {
     return std::max({west - c.x, c.x - east, south - c.y, c.y - north});
-  }
-  bool contains(const Cell& c) const {
-    return c.x >= west && c.x < east && c.y >= south && c.y < north;
   }
 };
 
@@ -76,6 +71,14 @@ std::vector<PieceUpdate::Near> PieceUpdate::border(const Window& of, int layers)
   return found;
 }
 
+bool PieceUpdate::rests_beyond(LatticePoint at, std::int32_t ipos) const {
+  for (int d = ipos % 2; d < nb_directions && ipos > 0; d += 2) {
+    const LatticePoint parent = wants_.neighbour(at, d, ipos);
+    if (wants_.contains(parent) && !owns(parent)) return true;
+  }
+  return false;
+}
+
 bool PieceUpdate::rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const {
   for (int d = ipos % 2; d < nb_directions && ipos > 0; d += 2) {
     if (box.contains(wants_.neighbour(at, d, ipos))) return true;
@@ -95,7 +98,9 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
     }
   };
   if (of_all) {
-    for (const Near& near : near_) tell(near.at, near.cell->ipos);
+    for (const Near& near : near_) {
+      if (near.rests_beyond) tell(near.at, near.cell->ipos);
+    }
   } else {
     for (const Cell* c : newcomers_) {
       if (owns(*c) && is_near(*c)) tell(place_of(*c), c->ipos);
@@ -104,46 +109,60 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
   return found;
 }
 
-// A link of another piece's node is not known for certain here, as those beyond it are not: where
-// that node may be linked to one of the box, it counts as if it were. These are few, since three
-// boxes meet there.
+// The ghosts that are linked to own nodes tell which these are. A link of a ghost to another piece
+// is not known for certain here, as what lies beyond ghosts is not: where it may have one, it
+// counts as if it had. These are few, since three boxes meet there.
 std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Window> of) {
   if (!is_updating_ && !is_listed_) list_nodes();
   struct Other {
     Box box;
-    BoxSides sides, ends;  ///< the latter as those of owns()
+    BoxSides sides;
+    std::vector<const Cell*> linked, found;
   };
-  const double before = a_quarter_of_the_finest_spacing();
   std::vector<Other> others;
   for (const Window& window : of) {
-    const BoxSides sides = sides_of(state_, window);
-    const auto end = [&](double side, std::int32_t line, std::int32_t last) {
-      return line == last ? std::numeric_limits<double>::infinity() : side - before;
-    };
-    others.push_back({box_of(window),
-                      sides,
-                      {sides.west - before, end(sides.east, window.east, nx_ - 1),
-                       sides.south - before, end(sides.north, window.north, ny_ - 1)}});
+    others.push_back({box_of(window), sides_of(state_, window), {}, {}});
   }
   const Reaches reaches(state_);
-  const auto is_linked_to = [&](const Other& other) {
-    return [&](const Cell& c) {
-      if (other.sides.distance(c) > reaches.of(c)) return false;
-      const auto is_there = [&](const Cell& there) { return other.ends.contains(there); };
-      return is_there(c) || !owns(c) || has_link(c, is_there);
-    };
+  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+    if (entry.cell == nullptr) continue;
+    const Cell& ghost = *entry.cell;
+    std::array<const Cell*, nb_directions> own{};
+    std::size_t nb_own = 0;
+    for (int d = 0; d < nb_directions; ++d) {
+      const Cell* there = link(ghost, d).cell();
+      if (there != nullptr && owns(*there)) own[nb_own++] = there;
+    }
+    if (nb_own == 0) continue;
+    for (Other& other : others) {
+      const bool is_its_own = other.box.contains(entry.at);
+      if (!is_its_own && other.sides.distance(ghost) > reaches.of(ghost)) continue;
+      std::vector<const Cell*>& to = is_its_own ? other.linked : other.found;
+      to.insert(to.end(), own.begin(), own.begin() + static_cast<std::ptrdiff_t>(nb_own));
+    }
+  }
+  const auto sort_once = [](std::vector<const Cell*>& nodes) {
+    std::sort(nodes.begin(), nodes.end());
+    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
   };
-  std::vector<std::vector<LatticePoint>> found(of.size());
-  for (const Near& near : near_) {
-    const Cell& c = *near.cell;
-    const double farthest = std::max(reaches.of_level(c.ipos), 4.0 * reaches.of(c));
-    if (distance_to_cut(c) > farthest) continue;
-    for (std::size_t i = 0; i < others.size(); ++i) {
-      const double distance = others[i].sides.distance(c);
-      if (distance > farthest) continue;
-      if (rests_on(others[i].box, near.at, c.ipos) || has_link(c, is_linked_to(others[i]))) {
-        found[i].push_back(near.at);
+  std::vector<std::vector<LatticePoint>> found;
+  for (Other& other : others) {
+    sort_once(other.linked);
+    for (const Cell* c : other.linked) {
+      other.found.push_back(c);
+      for (int d = 0; d < nb_directions; ++d) {
+        const Cell* there = link(*c, d).cell();
+        if (there != nullptr && owns(*there)) other.found.push_back(there);
       }
+    }
+    sort_once(other.found);
+    found.emplace_back();
+    for (const Cell* c : other.found) found.back().push_back(place_of(*c));
+  }
+  for (const Near& near : near_) {
+    if (!near.rests_beyond) continue;
+    for (std::size_t i = 0; i < others.size(); ++i) {
+      if (rests_on(others[i].box, near.at, near.cell->ipos)) found[i].push_back(near.at);
     }
   }
   return found;

@@ -152,6 +152,7 @@ class PieceUpdate {
   struct Near {
     Cell* cell;
     LatticePoint at;
+    bool rests_beyond;  ///< on a node of another
   };
   std::vector<Near> border(const Window& of, int layers);
   /// Of each of the boxes.
@@ -188,10 +189,11 @@ class PieceUpdate {
   class Counting;
   Box box_of(const Window& window) const;
   void find_sides_of_box();
-  double a_quarter_of_the_finest_spacing() const;
+  Near near_of(Cell& c) const;
+  bool rests_beyond(LatticePoint at, std::int32_t ipos) const;
   bool rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const;
   double distance_to_cut(const Cell& c) const;
-  void list(Cell& c, const LatticePoint* near_cut);
+  void list(Cell& c, const Near* near_cut);
   void list_new(Cell& c);
   void list_all();
   void list_changes();
