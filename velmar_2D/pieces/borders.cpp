@@ -5,6 +5,8 @@
 // both know all links of their own nodes, and so which nodes of theirs are linked to which: what
 // another piece needs besides, nodes that are linked to those linked to its own, can be told
 // exactly.
+#include <bit>
+
 #include "velmar_2D/pieces/pieces.hpp"
 
 namespace velmar_2d::detail {
@@ -20,6 +22,7 @@ struct BoxSides {
   }
 };
 
+constexpr std::size_t ahead = 8;         // nodes that are brought near before they are looked at
 constexpr double a_little_more = 1.001;  // than distances are, with rounding
 
 /// How far a node of each level is from those that it is linked to, or that rest on it.
@@ -43,6 +46,23 @@ BoxSides sides_of(const State& state, const Window& box) {
   const double dist_0 = state.domain.dist_0;
   return {frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
           frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0};
+}
+
+/// Keeps the first of equal ones.
+void drop_repeated(std::vector<const Cell*>& nodes) {
+  std::vector<const Cell*> slots(std::bit_ceil(2 * nodes.size() + 1), nullptr);
+  const auto is_new = [&slots](const Cell* c) {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(c));
+    auto slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
+    for (;; ++slot) {
+      const Cell*& there = slots[slot & (slots.size() - 1)];
+      if (there == c) return false;
+      if (there != nullptr) continue;
+      there = c;
+      return true;
+    }
+  };
+  std::erase_if(nodes, [&](const Cell* c) { return !is_new(c); });
 }
 
 template <typename Test>
@@ -97,14 +117,10 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
       if (rests_on(boxes[i], at, ipos)) found[i].push_back(at);
     }
   };
-  if (of_all) {
-    for (const Near& near : near_) {
-      if (near.rests_beyond) tell(near.at, near.cell->ipos);
-    }
-  } else {
-    for (const Cell* c : newcomers_) {
-      if (owns(*c) && is_near(*c)) tell(place_of(*c), c->ipos);
-    }
+  // Those that come stand behind the others.
+  const std::size_t first = of_all ? 0 : std::min(nb_near_before_, near_.size());
+  for (const Near& near : std::span(near_).subspan(first)) {
+    if (near.rests_beyond) tell(near.at, near.cell->ipos);
   }
   return found;
 }
@@ -124,7 +140,10 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Wind
     others.push_back({box_of(window), sides_of(state_, window), {}, {}});
   }
   const Reaches reaches(state_);
-  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+  const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
+  for (std::size_t k = 0; k < ghosts.size(); ++k) {
+    const Lattice::Entry& entry = ghosts[k];
+    if (k + ahead < ghosts.size()) prefetch_lines(ghosts[k + ahead].cell, 2);
     if (entry.cell == nullptr) continue;
     const Cell& ghost = *entry.cell;
     std::array<const Cell*, nb_directions> own{};
@@ -141,13 +160,9 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Wind
       to.insert(to.end(), own.begin(), own.begin() + static_cast<std::ptrdiff_t>(nb_own));
     }
   }
-  const auto sort_once = [](std::vector<const Cell*>& nodes) {
-    std::sort(nodes.begin(), nodes.end());
-    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
-  };
   std::vector<std::vector<LatticePoint>> found;
   for (Other& other : others) {
-    sort_once(other.linked);
+    drop_repeated(other.linked);
     for (const Cell* c : other.linked) {
       other.found.push_back(c);
       for (int d = 0; d < nb_directions; ++d) {
@@ -155,7 +170,7 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Wind
         if (there != nullptr && owns(*there)) other.found.push_back(there);
       }
     }
-    sort_once(other.found);
+    drop_repeated(other.found);
     found.emplace_back();
     for (const Cell* c : other.found) found.back().push_back(place_of(*c));
   }

@@ -106,6 +106,7 @@ void PieceUpdate::list_changes() {
 }
 
 void PieceUpdate::list_nodes() {
+  nb_near_before_ = 0;
   if (knows_changes_) {
     list_changes();
   } else {

@@ -247,6 +247,7 @@ class PieceUpdate {
   /// Own nodes that others may need, and some more: those that are listed, some of which may have
   /// gone in an update, and those that have come.
   std::vector<Near> near_;
+  std::size_t nb_near_before_ = 0;      ///< of those, at begin()
   std::vector<std::size_t> near_rows_;  ///< where they stand among own_nodes_, as far as listed
   std::optional<Lattice> near_table_;   ///< of near_, in its order, once it is asked for
   /// Ghosts, and places where some were: those have no node.
@@ -289,7 +290,11 @@ class PieceUpdate {
 template <typename Use>
 void PieceUpdate::for_ghosts(const Use& use) {
   list_if_changed();
-  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+  constexpr std::size_t ahead = 8;
+  const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const Lattice::Entry& entry = entries[i];
+    if (i + ahead < entries.size()) prefetch_lines(entries[i + ahead].cell, 2);
     if (entry.cell == nullptr) continue;
     bool is_linked = false;
     for (int d = 0; d < nb_directions && !is_linked; ++d) {

@@ -76,6 +76,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   gone_near_.clear();
   waiting_to_go_.clear();
   to_ask_ = own_nodes_;
+  nb_near_before_ = near_.size();
   graded_.reset();
   if (resolution.slope > 0.0) graded_.emplace(state_, resolution.slope, box_);
   is_updating_ = true;
