@@ -252,6 +252,7 @@ std::int64_t Partition::global_number(const Cell& c) const {
 
 void Partition::exchange(int first, int count, GhostLayer layer) {
   Parts& parts = *parts_;
+  parts.messages.require_agreement();
   const int n = parts.grid.n_cell_data;
   const int end = count < 0 ? n : first + count;
   if (first < 0 || first > n || end < first || end > n) {

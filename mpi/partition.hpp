@@ -78,6 +78,7 @@ struct Partition::Parts {
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
   int nb_repairs = 0;
+  std::int64_t nb_restored = 0;  ///< own nodes that restore() has made for the last update
 
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
@@ -181,6 +182,12 @@ struct Partition::Parts {
                     const std::optional<init_data_function>& init_data);
   void update(const size_function& size, const batch_size_function& sizes,
               const std::optional<init_data_function>& init_data);
+  /// Makes windows of resolve(), with the nodes that update() has left and what these rest on.
+  /// @return own nodes that have come by that
+  std::int64_t restore(const init_data_function& init_data);
+  std::vector<Place> missing_places();
+  void give_values_to_restored(const std::vector<char>& is_restored,
+                               const init_data_function& init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
@@ -259,6 +266,8 @@ struct Partition::Parts {
 
   /// Throws what no update of many processes can do.
   void check_update(const size_function& size, const batch_size_function& sizes) const;
+  void check_resolve(const size_function& size, const batch_size_function& sizes,
+                     const Resolution& resolution) const;
   /// Runs an update, and tells what it did and took.
   template <typename Update>
   void with_statistics(const Update& update);
@@ -324,11 +333,12 @@ void Partition::Parts::repairing(const Update& update) {
 template <typename Update>
 void Partition::Parts::with_statistics(const Update& update) {
   statistics = {};
+  nb_restored = 0;
   const double begin = own_seconds();
   const std::int64_t bytes_before = messages.nb_bytes();
   update();
   const UpdateStatistics& own = piece->statistics();
-  statistics.inserted = own.inserted;
+  statistics.inserted = own.inserted + nb_restored;
   statistics.removed = own.removed;
   statistics.visited = own.visited;
   statistics.refused = own.refused;

@@ -202,6 +202,7 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
   std::unique_ptr<Mesh> mesh;
   messages.alone([&] {
     if (messages.rank() != 0) return;
+    grid.subdiv_max = piece->mesh().limit();
     Piece all(whole, grid, {0, grid.nx - 1, 0, grid.ny - 1}, options.overlap);
     const std::vector<std::size_t> row_of_node = fill(all, {joined(places), joined(rows), {}});
     require_same(all.own_nodes(), row_of_node, joined(fingerprints));

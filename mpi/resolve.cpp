@@ -291,6 +291,14 @@ void Partition::Parts::settle() {
   conclude(false);
 }
 
+void Partition::Parts::check_resolve(const size_function& size, const batch_size_function& sizes,
+                                     const Resolution& resolution) const {
+  check_update(size, sizes);
+  if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
+  if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
+  if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
+}
+
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
@@ -301,10 +309,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   slope = resolution.slope;
   if (mesh_told != piece->mesh().revision()) has_told = false;  // it was changed by hand
   messages.alone([&] {
-    check_update(size, sizes);
-    if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
-    if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
-    if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
+    check_resolve(size, sizes, resolution);
     piece->compute_derivatives();
     if (sizes) {
       piece->begin_batched(sizes, resolution, std::move(init_data));

@@ -236,10 +236,13 @@ bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
 void Piece::keep_window() { update_->keep_window(); }
 void Piece::update(const batch_size_function& sizes) {
-  update_->update_window([&] { return mesh_.update_batched(sizes); });
+  update_->update_window(
+      sizes, [&](const batch_size_function& counted) { return mesh_.update_batched(counted); });
 }
 void Piece::update(const batch_size_function& sizes, init_data_function init_data) {
-  update_->update_window([&] { return mesh_.update_batched(sizes, std::move(init_data)); });
+  update_->update_window(sizes, [&](const batch_size_function& counted) {
+    return mesh_.update_batched(counted, std::move(init_data));
+  });
 }
 void Piece::order_by_age(std::span<const Place> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::order_by_age");
@@ -248,6 +251,10 @@ void Piece::order_by_age(std::span<const Place> oldest_first) {
 void Piece::take_nodes(std::span<const Cell> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
   update_->take_nodes(oldest_first);
+}
+void Piece::restore(const std::function<bool(const Cell&)>& is_restored,
+                    const init_data_function& init_data) {
+  update_->restore(is_restored, init_data);
 }
 
 }  // namespace velmar_2d

@@ -224,8 +224,6 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   void keep_window();
   /// Mesh::update_batched() of the window. Ghosts near its cuts are not what the whole has there:
   /// who owns them must tell.
-  ///
-  /// statistics(): `inserted` and `removed` are of own nodes, the others of ghosts too.
   void update(const batch_size_function& sizes);
   void update(const batch_size_function& sizes, init_data_function init_data);
   /// From now on nodes at these places count as having come in this order, after the grid and
@@ -235,6 +233,13 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// that is the whole, with its grid only; and copies with links to one another and to records of
   /// sides.
   void take_nodes(std::span<const Cell> oldest_first);
+  /// Positions and values of nodes that hold_all() has made, anew, as resolve() makes what nodes
+  /// rest on and what has gone. Needs: the others hold theirs.
+  ///
+  /// @param is_restored  nodes that get them from those that they rest on
+  /// @param init_data    of data[0]; empty: it is a mean, too
+  void restore(const std::function<bool(const Cell&)>& is_restored,
+               const init_data_function& init_data);
 
  private:
   Mesh mesh_;

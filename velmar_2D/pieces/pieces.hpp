@@ -179,9 +179,13 @@ class PieceUpdate {
 
   void keep_window();
   /// Runs what changes all of the window.
-  void update_window(const std::function<UpdateStatistics()>& update);
+  void update_window(
+      const batch_size_function& sizes,
+      const std::function<UpdateStatistics(const batch_size_function& counted)>& update);
   void order_by_age(std::span<const LatticePoint> oldest_first);
   void take_nodes(std::span<const Cell> oldest_first);
+  void restore(const std::function<bool(const Cell&)>& is_restored,
+               const init_data_function& init_data);
 
  private:
   class Insertion;
