@@ -140,11 +140,12 @@ class Resolver {
     return true;
   }
   /// Asks some newcomers from this number on, then gives them what they want: most want no more,
-  /// and what is read around the others is known before. Returns the number of the next one.
+  /// and what is read around the others is known before. Where other callbacks have a say in what
+  /// comes, it is one newcomer. Returns the number of the next one.
   template <typename Sizes>
   std::size_t settle_some(std::size_t begin, Sizes& sizes) {
     if (begin == generation_end_) begin_generation();
-    const std::size_t at_once = in_turn_ ? 1 : demands_.size();
+    const std::size_t at_once = in_turn_ || !state_.data_interpolation ? 1 : demands_.size();
     const std::size_t end = std::min(begin + at_once, generation_end_);
     std::size_t nb_demands = 0;
     std::exception_ptr thrown;
