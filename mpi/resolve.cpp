@@ -188,6 +188,7 @@ void Partition::Parts::share_ghosts() {
     std::vector<std::vector<Place>> borders = piece->border_places(boxes_of_neighbours());
     for (std::size_t i = 0; i < out.size(); ++i) {
       std::sort(borders[i].begin(), borders[i].end());
+      borders[i].erase(std::unique(borders[i].begin(), borders[i].end()), borders[i].end());
       tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
     }
   });

@@ -48,9 +48,11 @@ std::vector<LatticePoint> PieceUpdate::find_needs() {
   }
   ghosts_are_needed_ = true;
   std::vector<LatticePoint> places;
-  for (const Lattice::Entry& entry : ghost_table_->entries()) {
-    if (entry.ipos == 0 || entry.cell == nullptr) continue;
-    if ((entry.cell->wanted_level & is_needed) != 0) places.push_back(entry.at);
+  const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i].ipos > 0 && entries[i].cell != nullptr && nb_needing_[i] > 0) {
+      places.push_back(entries[i].at);
+    }
   }
   return places;
 }
