@@ -32,7 +32,7 @@ struct AgedNode {
   double x = 0.0, y = 0.0, area = 0.0;
   std::uint64_t fingerprint = 0;
   std::size_t row = 0;   ///< where it has come to
-  std::int64_t age = 0;  ///< among all own nodes of all, as far as it is known; 0: of the grid
+  std::int64_t age = 0;  ///< among all own nodes of all; 0: of the grid, or by place
   std::int32_t level = 0, ipos = 0, reserve = 0, on_boundary = 0, used = 0, wanted_level = 0;
   std::array<std::int32_t, 8> link_levels{};
   std::array<std::uint8_t, 2> signature{};
@@ -51,13 +51,17 @@ struct KeptNodes {
   std::size_t nb_own = 0;
 };
 
+constexpr const char* narrow =
+    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
+    "overlap is wanted";
 constexpr const char* update_is_narrow =
     "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that their "
     "owners have: update() wants more overlap";
 
 /// Makes the nodes of a mesh that was resolved, on a piece that has its grid.
+/// @param has_moved  set where a position was not that of the lattice; one that is no number is
 /// @return of each own node in their order, where it stands among the nodes
-std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes);
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes, bool& has_moved);
 
 struct Partition::Parts {
   /// What has changed the grid. After update() windows are whole, after resolve() they are not.
@@ -75,10 +79,12 @@ struct Partition::Parts {
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
   int nb_repairs = 0;
+  std::int64_t nb_restored = 0;  ///< own nodes that restore() has made for the last update
 
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
   std::vector<std::vector<Cell*>> window_sent, window_received;
+  bool has_moved_nodes = false;  ///< some process, after resolve(): off the lattice by rounding
   KeptNodes nodes_before;        ///< the last update, while it runs
   std::vector<Cell*> strangers;  ///< other nodes of the window, which no owner has
   std::unordered_set<const Cell*> is_stranger;
@@ -87,11 +93,13 @@ struct Partition::Parts {
   // What neighbours have been told: own nodes that they need to know, nodes of theirs that are
   // needed here, and ghosts, those linked to owned nodes and the others.
   ToldPlaces told_borders, told_needs, told_linked, told_others;
-  std::uint64_t needs_told = 0;  ///< revision of what told_needs has
-  std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
-  bool has_told = false;         ///< any of it
-  bool holds_more = false;       ///< own nodes, than the neighbours' needs
-  bool is_settled = false;       ///< this update has changed nothing on any process
+  std::uint64_t needs_told = 0;    ///< revision of what told_needs has
+  std::uint64_t mesh_told = 0;     ///< revision of the mesh whose borders and ghosts were told
+  bool lacks_nodes = false;        ///< that others have as ghosts
+  bool has_told = false;           ///< any of it
+  bool tells_all_children = true;  ///< not those alone that have come
+  bool holds_more = false;         ///< own nodes, than the neighbours' needs
+  bool is_settled = false;         ///< this update has changed nothing on any process
   std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
@@ -120,7 +128,8 @@ struct Partition::Parts {
   void refine();
   /// What processes have to tell one another.
   struct News {
-    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16;
+    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16,
+                                   cut = 32;
   };
   std::uint64_t any_news();
   bool ask_and_exchange_wants();
@@ -137,10 +146,16 @@ struct Partition::Parts {
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
+  std::vector<Window> boxes_of_neighbours() const;
+  void share_children();
   void share_ghosts();
-  std::vector<double> rows_at(std::span<const Place> places);
+  void exchange_borders(const std::vector<std::vector<Place>>& out);
+  void write_rows_at(std::span<const Place> places, double* row);
   void hand_on_data();
-  void plan_exchange();
+  void hand_on_data(const std::vector<std::vector<Place>>& asked,
+                    const std::vector<std::vector<Place>>& asked_here);
+  /// @param hands_on  data of ghosts that have come, too
+  void plan_exchange(bool hands_on = false);
   void list_received(std::vector<std::vector<Place>>& out);
   void list_sent(const std::vector<std::vector<Place>>& in, bool is_new_plan);
   void write_conclusion(std::vector<std::vector<std::uint64_t>>& out, std::size_t width);
@@ -162,13 +177,25 @@ struct Partition::Parts {
     step();
     statistics.sharing_seconds += own_seconds() - begin;
   }
-  /// Collective, where refuse_after() lets them be.
+  /// Collective.
   void begin_resolve(const size_function& size, const batch_size_function& sizes,
                      init_data_function init_data, const Resolution& resolution);
   void begin_update(const size_function& size, const batch_size_function& sizes,
                     const std::optional<init_data_function>& init_data);
   void update(const size_function& size, const batch_size_function& sizes,
               const std::optional<init_data_function>& init_data);
+  /// Makes windows of resolve(), with the nodes that update() has left and what these rest on.
+  /// @return own nodes that have come by that
+  std::int64_t restore(const init_data_function& init_data);
+  std::vector<Place> missing_places();
+  /// Where some lie off the lattice, as plain updates may leave them: ghosts get positions of their
+  /// owners.
+  void exchange_positions();
+  /// The same after an update, with what has come by it.
+  void place_newcomers();
+  void give_values_to_restored(const std::vector<char>& is_restored,
+                               const init_data_function& init_data);
+  void keep_windows_from_now();
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
@@ -183,7 +210,6 @@ struct Partition::Parts {
   double cells_to_box(const Cell& c) const;
   void list_rings();
   bool window_agrees();
-  void refuse_after(Adapted before, const char* text) const;
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
   bool rebalance(double threshold);
@@ -203,6 +229,7 @@ struct Partition::Parts {
   /// The mesh before the update that has just failed, in wider windows.
   void repair(const TooNarrow& found);
   void repair_update();
+  void return_handles(const KeptNodes& kept);
   /// Copies the nodes that plain updates have made.
   void keep_nodes();
   /// Needs: the piece that they were copied from, whatever has become of its nodes.
@@ -247,6 +274,8 @@ struct Partition::Parts {
 
   /// Throws what no update of many processes can do.
   void check_update(const size_function& size, const batch_size_function& sizes) const;
+  void check_resolve(const size_function& size, const batch_size_function& sizes,
+                     const Resolution& resolution) const;
   /// Runs an update, and tells what it did and took.
   template <typename Update>
   void with_statistics(const Update& update);
@@ -312,11 +341,12 @@ void Partition::Parts::repairing(const Update& update) {
 template <typename Update>
 void Partition::Parts::with_statistics(const Update& update) {
   statistics = {};
+  nb_restored = 0;
   const double begin = own_seconds();
   const std::int64_t bytes_before = messages.nb_bytes();
   update();
   const UpdateStatistics& own = piece->statistics();
-  statistics.inserted = own.inserted;
+  statistics.inserted = own.inserted + nb_restored;
   statistics.removed = own.removed;
   statistics.visited = own.visited;
   statistics.refused = own.refused;

@@ -88,12 +88,15 @@ void run_ring(std::int32_t overlap) {
       compare(part, mesh, step);
     }
     check_numbers(part, step);
-    for (const int limit : {7, 11}) {
+    for (const int limit : {7, 12}) {
       if (step != 6) break;
-      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts
+      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts, and others come
       part.mesh().set_limit(limit);
-      mesh.resolve(size, resolution);
-      part.resolve(size, resolution);
+      const size_function other = [=](double x, double y, auto...) {
+        return 0.004 + 0.25 * std::abs(y + 0.25 - 0.04 * limit * (x - 0.7));
+      };
+      mesh.resolve(other, resolution);
+      part.resolve(other, resolution);
       compare(part, mesh, step);
     }
     for (Cell& c : mesh.nodes()) {
@@ -133,6 +136,7 @@ void run_ring(std::int32_t overlap) {
   for (Cell& c : mesh.nodes()) expected.insert(record_of(mesh, c));
   expect(gathered == expected, "the whole is that of one process", 12);
   expect(all->check().empty(), "the whole is in order", 12);
+  expect(all->limit() == mesh.limit(), "the limit is the last one", 12);
   gathered.clear();
   expected.clear();
   for (Mesh* one : {all.get(), &mesh}) {
@@ -159,7 +163,7 @@ std::string error_of(const Call& call) {
 int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
   const Rectangle whole{0.1, 1.3, -0.7, 0.2};
   const Grid grid{.nx = 33,
-                  .subdiv_max = 11,
+                  .subdiv_max = follows_data ? 11 : 6,  // the latter refuses some
                   .n_cell_data = follows_data ? 2 : 0,
                   .bc_type = [](double, double, std::string_view side) {
                     return side == "North" ? bc_type_neu : bc_type_dir;
@@ -204,8 +208,9 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
     compare(part, mesh, step);
     check_numbers(part, step);
     const PartitionStatistics statistics = part.statistics();
-    expect(statistics.inserted == mesh.statistics().inserted &&
-               statistics.removed == mesh.statistics().removed,
+    const UpdateStatistics of_mesh = mesh.statistics();
+    expect(statistics.inserted == of_mesh.inserted && statistics.removed == of_mesh.removed &&
+               statistics.visited == of_mesh.visited && statistics.refused == of_mesh.refused,
            "statistics", step);
     if (step % 4 == 3) {
       part.rebalance(1.05);  // not where nodes rest on others that have gone, at step 11
@@ -244,32 +249,7 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
       if (!knows_order) break;
     }
   }
-  const std::string refused =
-      error_of([&] { part.resolve([](double, double, auto...) { return 1.0; }); });
-  expect(refused.find("update()") != std::string::npos, "resolve() after update()", nb_steps);
   return -1;
-}
-
-/// A mesh in which nodes rest on one that was removed is refused by all.
-void refuse_holes() {
-  std::unique_ptr<Mesh> mesh;
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  if (rank == 0) {
-    mesh = std::make_unique<Mesh>(Rectangle{}, Grid{.nx = 9});
-    mesh->resolve([](double, double, auto...) { return 0.032; });
-    for (Cell& c : mesh->nodes()) {
-      if (c.ipos != 1 || c.on_boundary != 0) continue;
-      if (mesh->remove_node_even_level(c)) break;
-    }
-  }
-  bool is_refused = false;
-  try {
-    const Partition part(MPI_COMM_WORLD, mesh.get());
-  } catch (const Error& error) {
-    is_refused = std::strstr(error.what(), "resolve()") != nullptr;
-  }
-  expect(is_refused, "a mesh with a hole is refused", 0);
 }
 
 /// Updates that find nothing to do send data and one number to each neighbour; and a ghost that is
@@ -301,7 +281,7 @@ void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
   const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
-  for (int kind = 0; kind < 6; ++kind) {
+  for (int kind = 0; kind < 7; ++kind) {
     Partition part(MPI_COMM_WORLD, whole, grid);
     const bool is_here = part.rank() == culprit;
     int nb_calls = 0;
@@ -309,7 +289,7 @@ void run_fault(int culprit) {
       if (is_here && (kind == 0 || kind == 5) && ++nb_calls == 50)
         throw std::runtime_error("size is ill");
       if (is_here && kind == 4 && ++nb_calls == 50) part.mesh().set_limit(3);
-      return 0.02 + 0.3 * std::abs(x - y);
+      return (kind == 6 ? 0.004 : 0.02) + 0.3 * std::abs(x - y);
     };
     const init_data_function init_data = [&](double, double) -> double {
       if (is_here && kind == 1 && ++nb_calls == 3) throw std::bad_alloc();
@@ -322,6 +302,13 @@ void run_fault(int culprit) {
                                       },
                                   .removing = {}});
     }
+    if (kind == 6) {  // looks up now and then
+      part.mesh().set_progress_handler(
+          [&](const Progress& progress) {
+            if (is_here && progress.phase == "refining") throw std::runtime_error("left by hand");
+          },
+          0.0);
+    }
     const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
     const std::string text = error_of([&] {
       if (kind == 5) {
@@ -332,7 +319,8 @@ void run_fault(int culprit) {
     });
     const char* const reasons[] = {
         "size is ill",           "memory is exhausted", "an exception that is no std::exception",
-        "nodes would be needed", "the mesh is in use",  "size is ill"};
+        "nodes would be needed", "the mesh is in use",  "size is ill",
+        "left by hand"};
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
@@ -361,7 +349,6 @@ int main(int argc, char** argv) {
   } else if (has_argument && std::strcmp(argv[1], "ring") == 0) {
     run_ring(std::atoi(argv[2]));
     run_settled();
-    refuse_holes();
   } else if (argc > 2) {
     run_fault(std::atoi(argv[2]));
   }

@@ -31,9 +31,14 @@ class AddressSet {
 
 }  // namespace
 
-void PieceUpdate::list(Cell& c, const LatticePoint* near_cut) {
+PieceUpdate::Near PieceUpdate::near_of(Cell& c) const {
+  const LatticePoint at = place_of(c);
+  return {&c, at, rests_beyond(at, c.ipos)};
+}
+
+void PieceUpdate::list(Cell& c, const Near* near_cut) {
   if (near_cut != nullptr) {
-    near_.push_back({&c, *near_cut});
+    near_.push_back(*near_cut);
     near_rows_.push_back(own_nodes_.size());
   }
   own_nodes_.push_back(&c);
@@ -44,8 +49,8 @@ void PieceUpdate::list_new(Cell& c) {
     list(c, nullptr);
     return;
   }
-  const LatticePoint at = place_of(c);
-  list(c, &at);
+  const Near near = near_of(c);
+  list(c, &near);
 }
 
 void PieceUpdate::list_all() {
@@ -92,15 +97,16 @@ void PieceUpdate::list_changes() {
     const std::size_t end = l + 1 < first_rows_.size() ? first_rows_[l + 1] : before.size();
     for (; row < end; ++row) {
       const bool is_near_cut = near < near_rows_before.size() && near_rows_before[near] == row;
-      const LatticePoint* at = is_near_cut ? &near_before[near].at : nullptr;
+      const Near* near_cut = is_near_cut ? &near_before[near] : nullptr;
       near += is_near_cut ? 1 : 0;
-      if (!gone.contains(before[row])) list(*before[row], at);
+      if (!gone.contains(before[row])) list(*before[row], near_cut);
     }
   }
   first_rows_ = std::move(first_rows);
 }
 
 void PieceUpdate::list_nodes() {
+  nb_near_before_ = 0;
   if (knows_changes_) {
     list_changes();
   } else {
@@ -132,55 +138,6 @@ std::int64_t PieceUpdate::row_of(LatticePoint p) {
   const std::int32_t number = near_table_->find(p);
   if (number < 0 || static_cast<std::size_t>(number) >= near_rows_.size()) return -1;
   return static_cast<std::int64_t>(near_rows_[static_cast<std::size_t>(number)]);
-}
-
-namespace {
-
-/// Where a box lies, and how far off it is: along x or y, whichever is more.
-struct BoxSides {
-  double west, east, south, north;
-
-  double distance(const Cell& c) const {
-    return std::max({west - c.x, c.x - east, south - c.y, c.y - north});
-  }
-};
-
-}  // namespace
-
-// A node of level l is linked to none beyond the spacing of that level, and those that it is linked
-// to to none beyond twice that. A little more does no harm.
-std::vector<std::vector<PieceUpdate::Near>> PieceUpdate::borders(std::span<const Window> of,
-                                                                 int layers) {
-  if (!is_updating_ && !is_listed_) list_nodes();
-  const Frame& frame = state_.domain.frame;
-  const double dist_0 = state_.domain.dist_0;
-  std::vector<BoxSides> boxes;
-  for (const Window& box : of) {
-    boxes.push_back({frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
-                     frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0});
-  }
-  std::array<double, highest_wanted_level + 1> reach_of_level{};
-  for (std::size_t l = 0; l < reach_of_level.size(); ++l) {
-    reach_of_level[l] = 1.001 * dist_0 / exact_power_of_2(static_cast<std::int32_t>(l / 2));
-  }
-  const auto reach = [&](const Cell& c) {
-    return reach_of_level[static_cast<std::size_t>(c.level)];
-  };
-  std::vector<std::vector<Near>> found(of.size());
-  for (const Near& near : near_) {
-    const Cell& c = *near.cell;
-    for (std::size_t i = 0; i < boxes.size(); ++i) {
-      const double distance = boxes[i].distance(c);
-      if (distance > 4.0 * reach(c)) continue;
-      bool needed = distance <= reach(c);
-      for (int d = 0; d < nb_directions && !needed && layers > 1; ++d) {
-        const Cell* linked = link(c, d).cell();
-        needed = linked != nullptr && boxes[i].distance(*linked) <= reach(*linked);
-      }
-      if (needed) found[i].push_back(near);
-    }
-  }
-  return found;
 }
 
 }  // namespace velmar_2d::detail
