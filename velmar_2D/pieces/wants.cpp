@@ -77,6 +77,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   waiting_to_go_.clear();
   to_ask_ = own_nodes_;
   nb_near_before_ = near_.size();
+  new_ghosts_.clear();
   graded_.reset();
   if (resolution.slope > 0.0) graded_.emplace(state_, resolution.slope, box_);
   is_updating_ = true;
