@@ -293,6 +293,7 @@ void Partition::Parts::settle() {
   share_children(true);
   share_ghosts();
   plan_exchange();
+  if (has_moved_nodes) exchange_positions();
   conclude(false);
 }
 
@@ -341,6 +342,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     if (!is_settled) {
       share_ghosts();
       plan_exchange(true);
+      if (has_moved_nodes) place_newcomers();
     }
     conclude(true);
   });

@@ -46,7 +46,7 @@ struct Place {
 /// Nodes apart from their mesh, in any order.
 struct PieceNodes {
   std::vector<Place> places;
-  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<double> rows;  ///< of each its data, gradient, second derivative and position
   std::vector<std::pair<std::int32_t, UserReference>>
       handles;  ///< of each `used`, `data_ptr`; or empty
 };
@@ -205,6 +205,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Takes over what another piece was told: what becomes of data, hooks and handlers, values of
   /// sides.
   void take_settings(Piece& from);
+  /// Whether a mesh is as resolve() or hold_all() have left it.
+  static bool is_resolved(const Mesh& mesh);
   /// The mesh of a piece that is the whole.
   Mesh release_mesh() &&;
 
@@ -234,8 +236,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// that is the whole, with its grid only; and copies with links to one another and to records of
   /// sides.
   void take_nodes(std::span<const Cell> oldest_first);
-  /// Positions and values of nodes that hold_all() has made, anew, as resolve() makes what nodes
-  /// rest on and what has gone. Needs: the others hold theirs.
+  /// Positions of nodes that have come, or that hold_all() has made, anew: plain updates may have
+  /// left those that they rest on a rounding off the lattice. Needs: the others hold theirs.
+  void place_anew(const std::function<bool(const Cell&)>& is_meant);
+  /// The same with values, as resolve() makes what nodes rest on and what has gone.
   ///
   /// @param is_restored  nodes that get them from those that they rest on
   /// @param init_data    of data[0]; empty: it is a mean, too

@@ -91,7 +91,7 @@ class PieceSizes {
 /// Nodes apart from their mesh.
 struct NodeValues {
   std::vector<LatticePoint> places;
-  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<double> rows;  ///< of each its data, gradient, second derivative and position
   std::vector<std::pair<std::int32_t, UserReference>> handles;
 
   void add(LatticePoint place, const Cell& c);
@@ -184,6 +184,7 @@ class PieceUpdate {
       const std::function<UpdateStatistics(const batch_size_function& counted)>& update);
   void order_by_age(std::span<const LatticePoint> oldest_first);
   void take_nodes(std::span<const Cell> oldest_first);
+  void place_anew(const std::function<bool(const Cell&)>& is_meant);
   void restore(const std::function<bool(const Cell&)>& is_restored,
                const init_data_function& init_data);
 

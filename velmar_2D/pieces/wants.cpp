@@ -76,6 +76,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   gone_near_.clear();
   waiting_to_go_.clear();
   to_ask_ = own_nodes_;
+  state_.progress.begin("refining", static_cast<std::int64_t>(to_ask_.size()));
   nb_near_before_ = near_.size();
   new_ghosts_.clear();
   graded_.reset();
@@ -100,6 +101,7 @@ void PieceUpdate::ask() {
     }
     while (nb_asked_ < end) {
       if (nb_asked_ + ahead < end) prefetch_lines(to_ask_[nb_asked_ + ahead], 2);
+      state_.progress.step();
       Cell& c = *to_ask_[nb_asked_++];
       ask(c, sizes_ ? sizes[nb_asked_ - 1 - first] : SizesOneByOne(size_).at(c));
       if (nb_noted_ < newcomers_.size()) note_newcomers();
