@@ -75,7 +75,20 @@ std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes) {
   return rows;
 }
 
-std::vector<Window> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
+// Plain updates keep whole cells.
+std::vector<PlaceBox> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
+  if (adapted_by != Adapted::by_update) {
+    std::vector<Place> places;
+    messages.alone([&] {
+      for (const Cell* c : nodes) places.push_back(piece->place_of(*c));
+    });
+    messages.together();
+    const std::int64_t deepest = messages.largest(std::int64_t{piece->mesh().limit()});
+    return cut_by_places(
+        {0, grid.nx - 1, 0, grid.ny - 1}, std::move(places), messages.nb_processes(),
+        places_per_cell >> (deepest + 1) / 2,
+        [&](std::vector<std::int64_t> numbers) { return messages.sum(std::move(numbers)); });
+  }
   CellWeights weights{grid.nx - 1, grid.ny - 1, {}};
   messages.alone([&] {
     weights.weights.assign(
@@ -90,14 +103,14 @@ std::vector<Window> Partition::Parts::cut_by_nodes(std::span<const Cell* const> 
   });
   messages.together();
   weights.weights = messages.sum(std::move(weights.weights));
-  std::vector<Window> new_boxes;
+  std::vector<PlaceBox> new_boxes;
   messages.alone([&] { new_boxes = cut_into_boxes(weights, messages.nb_processes()); });
   messages.together();
   return new_boxes;
 }
 
 void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
-                                  const std::vector<Window>& new_boxes) {
+                                  const std::vector<PlaceBox>& new_boxes) {
   const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
   std::vector<Load> loads(nb_processes);
   std::vector<char> sends_to(nb_processes, 0);
@@ -140,13 +153,8 @@ bool Partition::Parts::rebalance(double threshold) {
   const std::int64_t nb_nodes = first_numbers.back();
   const auto most = static_cast<double>(messages.largest(static_cast<std::int64_t>(owned.size())));
   if (most * messages.nb_processes() <= threshold * static_cast<double>(nb_nodes)) return false;
-  const std::vector<Window> new_boxes = cut_by_nodes(owned);
-  const bool are_same = std::equal(boxes.begin(), boxes.end(), new_boxes.begin(),
-                                   [](const Window& a, const Window& b) {
-                                     return std::tie(a.west, a.east, a.south, a.north) ==
-                                            std::tie(b.west, b.east, b.south, b.north);
-                                   });
-  if (are_same) return false;
+  const std::vector<PlaceBox> new_boxes = cut_by_nodes(owned);
+  if (new_boxes == boxes) return false;
   if (adapted_by == Adapted::by_update) return rebalance_updated(new_boxes);
   move_nodes(owned, new_boxes);
   return true;

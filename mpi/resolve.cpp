@@ -157,7 +157,7 @@ void Partition::Parts::share_ghosts() {
       for (std::vector<Place>& message : out) tell_no_changes(message);
       return;
     }
-    std::vector<Window> there;
+    std::vector<PlaceBox> there;
     there.reserve(ranks.size());
     for (const int rank : ranks) there.push_back(boxes[static_cast<std::size_t>(rank)]);
     std::vector<std::vector<Place>> borders = piece->border_places(there);

@@ -149,15 +149,14 @@ struct BoxSides {
 
 // A node of level l is linked to none beyond the spacing of that level, and those that it is linked
 // to to none beyond twice that. A little more does no harm.
-std::vector<std::vector<PieceUpdate::Near>> PieceUpdate::borders(std::span<const Window> of,
+std::vector<std::vector<PieceUpdate::Near>> PieceUpdate::borders(std::span<const Box> of,
                                                                  int layers) {
   if (!is_updating_ && !is_listed_) list_nodes();
-  const Frame& frame = state_.domain.frame;
   const double dist_0 = state_.domain.dist_0;
   std::vector<BoxSides> boxes;
-  for (const Window& box : of) {
-    boxes.push_back({frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
-                     frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0});
+  for (const Box& box : of) {
+    const Point low = point_at(box.low), high = point_at(box.high);
+    boxes.push_back({low.x, high.x, low.y, high.y});
   }
   std::array<double, highest_wanted_level + 1> reach_of_level{};
   for (std::size_t l = 0; l < reach_of_level.size(); ++l) {
