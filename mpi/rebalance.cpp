@@ -77,7 +77,7 @@ std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes) {
 
 // Plain updates keep whole cells.
 std::vector<PlaceBox> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
-  if (adapted_by != Adapted::by_update) {
+  if (adapted_by == Adapted::by_resolve) {
     std::vector<Place> places;
     messages.alone([&] {
       for (const Cell* c : nodes) places.push_back(piece->place_of(*c));
@@ -210,6 +210,7 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
   std::unique_ptr<Mesh> mesh;
   messages.alone([&] {
     if (messages.rank() != 0) return;
+    grid.subdiv_max = piece->mesh().limit();
     Piece all(whole, grid, {0, grid.nx - 1, 0, grid.ny - 1}, options.overlap);
     const std::vector<std::size_t> row_of_node = fill(all, {joined(places), joined(rows), {}});
     require_same(all.own_nodes(), row_of_node, joined(fingerprints));

@@ -18,13 +18,11 @@ std::vector<std::size_t> Partition::Parts::make_again(const PieceNodes& nodes) {
   for (;;) {
     messages.alone([&] {
       find_neighbours();
-      const Mesh& before = piece->mesh();
-      grid.subdiv_max = std::max(grid.subdiv_max, before.limit());
+      grid.subdiv_max = piece->mesh().limit();
       Piece anew(whole, grid, box(), options.overlap);
       anew.keep_ghosts();
       if (!nodes.places.empty()) rows = fill(anew, nodes);
       anew.take_settings(*piece);
-      if (before.limit() != grid.subdiv_max) anew.mesh().set_limit(before.limit());
       owned.clear();
       ghosts.clear();
       *piece = std::move(anew);

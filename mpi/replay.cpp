@@ -358,6 +358,7 @@ std::optional<Piece> Partition::Parts::replayed(
     std::iota(oldest_first.begin(), oldest_first.end(), std::size_t{0});
     std::stable_sort(oldest_first.begin(), oldest_first.end(),
                      [&](std::size_t a, std::size_t b) { return nodes[a].age < nodes[b].age; });
+    grid.subdiv_max = piece->mesh().limit();
     made.emplace(whole, grid, *of, options.overlap);
     made->keep_ghosts();
     made->keep_window();

@@ -435,7 +435,44 @@ TEST_F(Derivatives, SurviveValuesThatAreNoNumbers) {
   EXPECT_GE(nb_nodes, 25);
 }
 
+// The nodes of a strip one cell wide lie on two lines, and tell no curvature across it.
+TEST_F(Derivatives, OfStripsAreThoseOfPlanesOnceTheyAreResolved) {
+  detail::Workspace work;
+  for (const auto& [nx, ny] : {std::pair(2, 2), std::pair(2, 7), std::pair(9, 2)}) {
+    n_cell_data = 1;
+    make_grid(nx, ny, 6);
+    const auto value = [](double x, double y) { return 3.0 * x - 4.0 * y; };
+    const auto refine_at = [](double corner) {
+      return [=](double x, double y, auto...) { return 0.2 + 0.3 * std::hypot(x - corner, y); };
+    };
+    for (const double corner : {1e9, 0.0, 1.0}) {
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) c->data[0] = value(c->x, c->y);
+      default_mesh().resolve(refine_at(corner), value);
+      for (Cell* c = mesh_beg; c != nullptr; c = c->next) {
+        const auto by_rule = [&](Cell* at, double* dx, double* dy) {
+          detail::compute_data_at_node_by_rule(detail::default_state(), work, at, dx, dy);
+        };
+        const auto by_shortcuts = [](Cell* at, double* dx, double* dy) {
+          compute_data_at_node(at, dx, dy);
+        };
+        for (const Indicators& d : {derivatives_at(by_rule, c), derivatives_at(by_shortcuts, c)}) {
+          EXPECT_NEAR(d[0], 3.0, 1e-11) << nx << " x " << ny << " at " << c->x << ", " << c->y;
+          EXPECT_NEAR(d[1], -4.0, 1e-11);
+          EXPECT_NEAR(d[2], 5.0, 1e-11);
+          EXPECT_NEAR(d[3], 0.0, 1e-9);
+        }
+      }
+    }
+    delete_mesh();
+  }
+}
+
 TEST_F(Derivatives, EndWhereNothingCanBeDetermined) {
+  // What is known of planes goes with the mesh that was resolved.
+  n_cell_data = 1;
+  make_grid(2, 5, 4);
+  default_mesh().resolve([](auto...) { return 0.5; });
+  delete_mesh();
   const std::string tag = "(Velmar_2D:) compute_data_at_node: internal error\n             ";
   /// Asks for the derivatives at a node of a grid of squares.
   const auto ask = [](int nx, int ny, double x, double y, std::int32_t id, std::int32_t level) {

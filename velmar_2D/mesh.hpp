@@ -281,7 +281,9 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   // -------------------------------------------------------------------------------------------
 
   /// At one node, from its neighbours: stores the gradient norm in `grad_data` and the Frobenius
-  /// norm of the Hessian in `grad2_data`; a node without data counts as holding 0.0.
+  /// norm of the Hessian in `grad2_data`; a node without data counts as holding 0.0. A grid of 2 by
+  /// n nodes tells no curvature: once it is resolved, the gradient is that of a plane there and the
+  /// Hessian 0; before that, Error.
   /// @return the gradient; a component across a Neumann side is 0
   Gradient compute_derivatives(Cell& c) const;
   /// At every node, as update() does first; by several threads where there are, with the same bits.

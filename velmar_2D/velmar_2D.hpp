@@ -217,6 +217,8 @@ VELMAR_2D_API void delete_mesh();
 ///
 /// Ends the process where no stencil of nodes will do: on grids of 2 by n nodes, and above level
 /// 31, which counts spacings with 32-bit powers of two. A Mesh that is an object has no such level.
+/// A grid of 2 by n nodes that resolve_mesh_*() has adapted has the gradient of a plane through the
+/// node that fits its neighbours best, and second derivatives of 0.
 /// Readers: any number of threads, also at neighbouring nodes.
 ///
 /// @param c           a node of the mesh; one without data counts as holding 0.0

@@ -88,12 +88,15 @@ void run_ring(std::int32_t overlap) {
       compare(part, mesh, step);
     }
     check_numbers(part, step);
-    for (const int limit : {7, 11}) {
+    for (const int limit : {7, 12}) {
       if (step != 6) break;
-      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts
+      mesh.set_limit(limit);  // takes nodes away, on both sides of cuts, and others come
       part.mesh().set_limit(limit);
-      mesh.resolve(size, resolution);
-      part.resolve(size, resolution);
+      const size_function other = [=](double x, double y, auto...) {
+        return 0.004 + 0.25 * std::abs(y + 0.25 - 0.04 * limit * (x - 0.7));
+      };
+      mesh.resolve(other, resolution);
+      part.resolve(other, resolution);
       compare(part, mesh, step);
     }
     for (Cell& c : mesh.nodes()) {
@@ -133,6 +136,7 @@ void run_ring(std::int32_t overlap) {
   for (Cell& c : mesh.nodes()) expected.insert(record_of(mesh, c));
   expect(gathered == expected, "the whole is that of one process", 12);
   expect(all->check().empty(), "the whole is in order", 12);
+  expect(all->limit() == mesh.limit(), "the limit is the last one", 12);
   gathered.clear();
   expected.clear();
   for (Mesh* one : {all.get(), &mesh}) {
@@ -159,7 +163,7 @@ std::string error_of(const Call& call) {
 int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
   const Rectangle whole{0.1, 1.3, -0.7, 0.2};
   const Grid grid{.nx = 33,
-                  .subdiv_max = 11,
+                  .subdiv_max = follows_data ? 11 : 6,  // the latter refuses some
                   .n_cell_data = follows_data ? 2 : 0,
                   .bc_type = [](double, double, std::string_view side) {
                     return side == "North" ? bc_type_neu : bc_type_dir;
@@ -204,8 +208,9 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
     compare(part, mesh, step);
     check_numbers(part, step);
     const PartitionStatistics statistics = part.statistics();
-    expect(statistics.inserted == mesh.statistics().inserted &&
-               statistics.removed == mesh.statistics().removed,
+    const UpdateStatistics of_mesh = mesh.statistics();
+    expect(statistics.inserted == of_mesh.inserted && statistics.removed == of_mesh.removed &&
+               statistics.visited == of_mesh.visited && statistics.refused == of_mesh.refused,
            "statistics", step);
     if (step % 4 == 3) {
       part.rebalance(1.05);  // not where nodes rest on others that have gone, at step 11
@@ -244,9 +249,6 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
       if (!knows_order) break;
     }
   }
-  const std::string refused =
-      error_of([&] { part.resolve([](double, double, auto...) { return 1.0; }); });
-  expect(refused.find("update()") != std::string::npos, "resolve() after update()", nb_steps);
   return -1;
 }
 
@@ -295,6 +297,38 @@ void run_settled() {
   expect(!part.agrees(), "a ghost that was changed is found", 1);
   std::string text = error_of([&] { part.resolve(size_at(0.44)); });
   expect(text.find("ghosts differ") != std::string::npos, "it ends the update on all", 1);
+}
+
+/// A front as thin as a line on a grid of few cells: boxes that balance it cut cells, where nodes
+/// come that are finer than those were when the cells were cut.
+void run_line() {
+  const Rectangle& whole = tested_whole;
+  const Grid grid{.nx = 5, .subdiv_max = 6, .n_cell_data = 1};
+  Partition part(MPI_COMM_WORLD, whole, grid);
+  Mesh mesh(whole, grid);
+  for (int step = 0; step < 3; ++step) {
+    const size_function size = [=](double x, double y, auto...) {
+      return 0.008 + 0.3 * std::abs(y + 0.5 - 0.1 * step - 0.2 * x);
+    };
+    if (step == 1) {
+      mesh.set_limit(13);
+      part.mesh().set_limit(13);
+    }
+    const Resolution resolution{.slope = step == 2 ? 0.5 : 0.0};
+    mesh.resolve(size, resolution);
+    part.resolve(size, resolution);
+    compare(part, mesh, step);
+    part.rebalance(1.0);
+    compare(part, mesh, step);
+    check_numbers(part, step);
+  }
+  const PartitionStatistics statistics = part.statistics();
+  expect(statistics.imbalance <= 1.1, "boxes are balanced", 3);
+  if (part.rank() == 0) {
+    std::printf("line: %lld nodes, imbalance %.3f, %d repairs\n",
+                static_cast<long long>(statistics.nb_nodes), statistics.imbalance,
+                statistics.nb_repairs);
+  }
 }
 
 void run_fault(int culprit) {
@@ -360,6 +394,7 @@ int main(int argc, char** argv) {
     expect(run_updates(true, 2, false) > 0, "too little overlap is told", 20);
   } else if (has_argument && std::strcmp(argv[1], "ring") == 0) {
     run_ring(std::atoi(argv[2]));
+    run_line();
     run_settled();
     refuse_holes();
   } else if (argc > 2) {

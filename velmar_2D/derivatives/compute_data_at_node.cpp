@@ -5,6 +5,7 @@
 //     six rows and more    one fit: nodes with many neighbours, squares at a side
 //     fewer                rows of neighbours' neighbours are added until a fit accepts them
 //     one, in a corner     taken over from that neighbour
+//     no fit accepts       in a mesh that is resolved, a plane; the end otherwise
 //
 // What meshes use is compute_data_at_node() of derivatives_by_shortcuts.cpp, which gives the same.
 #include <cmath>
@@ -69,10 +70,31 @@ void derivatives_internal_error(const Handlers& handlers, const std::string& lin
   fatal(handlers, "(Velmar_2D:) compute_data_at_node: internal error\n             " + lines);
 }
 
-void no_stencil_accepted(const Handlers& handlers, const Cell& c, int n_added) {
+bool fits_plane(const State& state, const Workspace& work, const Cell& c, Derivatives& d) {
+  if (work.order != CandidateOrder::by_place || !has_fit_level(state, c)) return false;
+  double xx = 0.0, xy = 0.0, yy = 0.0, xf = 0.0, yf = 0.0;
+  for (int direction = 0; direction < nb_directions; ++direction) {
+    const Cell* there = link(c, direction).cell();
+    if (there == nullptr) continue;
+    const double x = there->x - c.x, y = there->y - c.y, f = first_data(*there) - first_data(c);
+    xx += x * x, xy += x * y, yy += y * y;
+    xf += x * f, yf += y * f;
+  }
+  const double determinant = xx * yy - xy * xy;
+  if (!(determinant > 0.0)) return false;
+  d = {};
+  d.dx = (yy * xf - xy * yf) / determinant;
+  d.dy = (xx * yf - xy * xf) / determinant;
+  return true;
+}
+
+void no_stencil_accepted(const State& state, const Workspace& work, const Cell& c, int n_added,
+                         Derivatives& d) {
+  if (fits_plane(state, work, c, d)) return;
   derivatives_internal_error(
-      handlers, std::string(n_added == 0 ? "list_2_offset = 0" : "list_2_init_offset > n_list_2") +
-                    "\n             c%id = " + std::to_string(c.id));
+      work.handlers_or(state.handlers),
+      std::string(n_added == 0 ? "list_2_offset = 0" : "list_2_init_offset > n_list_2") +
+          "\n             c%id = " + std::to_string(c.id));
 }
 
 bool search(Fit fit, const State& state, Workspace& work, const Cell* c, int n_list, int n_added,
@@ -183,6 +205,11 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
         hand_back(state, c, d, dfdx, dfdy);
         return;
       }
+      if (n_list_1 + n_list_2 < 5 && fits_plane(state, work, *c, d)) {
+        store_indicators(c, d);
+        hand_back(state, c, d, dfdx, dfdy);
+        return;
+      }
       n_added = complete_stencil(state, work, c, n_list_1, n_list_2);
     }
     // Where no stencil is accepted, the search starts anew with the centred criterion.
@@ -191,7 +218,7 @@ void compute_data_at_node_by_rule(const State& state, Workspace& work, Cell* c, 
       list_1 = start;
       if (!has_fit_level(state, *c) ||
           !search(fit_hessian_centred, state, work, c, n_list_1, n_added, n_list_2, d)) {
-        no_stencil_accepted(handlers, *c, n_added);
+        no_stencil_accepted(state, work, *c, n_added, d);
       }
     }
   }

@@ -275,7 +275,15 @@ void hand_back(const State& state, const Cell* c, const Derivatives& d, double* 
 
 /// Ends the process.
 [[noreturn]] void derivatives_internal_error(const Handlers& handlers, const std::string& lines);
-[[noreturn]] void no_stencil_accepted(const Handlers& handlers, const Cell& c, int n_added);
+/// Where no quadratic is told by the nodes around, as in a strip one cell of the grid wide, a mesh
+/// that is resolved has the gradient of the plane through the node that fits its neighbours best,
+/// and no curvature.
+///
+/// @return false in other meshes, and on levels that have no fits
+bool fits_plane(const State& state, const Workspace& work, const Cell& c, Derivatives& d);
+/// Takes that plane, or ends the process.
+void no_stencil_accepted(const State& state, const Workspace& work, const Cell& c, int n_added,
+                         Derivatives& d);
 
 // ---------------------------------------------------------------------------------------------
 // Shortcuts, each in a file of its own. None changes what the rule gives, up to the rounding of

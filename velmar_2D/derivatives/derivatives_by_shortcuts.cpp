@@ -53,7 +53,7 @@ void fit_by_shape(const State& state, Workspace& work, const Cell* c, const Sten
 void fit_as_it_is(const State& state, Workspace& work, const Cell* c, int n_list, Derivatives& d) {
   if (has_fit_level(state, *c) && accepts(fit_centred_by_shape, state, work, c, n_list, d)) return;
   if (accepts(fit_hessian_6pts, state, work, c, n_list, d)) return;
-  no_stencil_accepted(work.handlers_or(state.handlers), *c, 0);
+  no_stencil_accepted(state, work, *c, 0, d);
 }
 
 void fit_with_candidates(const State& state, Workspace& work, const Cell* c, int n_list,
@@ -68,7 +68,7 @@ void fit_with_candidates(const State& state, Workspace& work, const Cell* c, int
   if (has_fit_level(state, *c) &&
       search(fit_centred_by_shape, state, work, c, n_list, n_added, n_candidates, d))
     return;
-  no_stencil_accepted(work.handlers_or(state.handlers), *c, n_added);
+  no_stencil_accepted(state, work, *c, n_added, d);
 }
 
 /// Fills the stencil of a node and fits it. False at a corner with one neighbour.
@@ -90,6 +90,7 @@ bool fit_derivatives(const State& state, Workspace& work, const Cell* c, int n_l
   extract_neighbors_neighbors(c, work.list_2, n_list_2);
   order_candidates(work, work.list_1, n_list_1, work.list_2, n_list_2);
   if (n_list_1 == 2 && n_list_2 == 3) return false;
+  if (n_list_1 + n_list_2 < 5 && fits_plane(state, work, *c, d)) return true;
   const int n_added = complete_stencil(state, work, c, n_list_1, n_list_2);
   if (n_added == 0) {
     fit_as_it_is(state, work, c, n_list_1, d);

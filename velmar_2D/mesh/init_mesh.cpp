@@ -208,6 +208,7 @@ void init_mesh(State& state, bc_type_function bc_type, std::int32_t nx, std::int
   }
   check_limit(state, subdiv_max);
   state.level_max = subdiv_max;
+  state.candidate_order = CandidateOrder::by_age;
   if (ny < 2 || nx < 2) {
     fatal(state.handlers,
           "(velmar_2D/init_mesh:) ERROR: bad arg 'nx' or 'ny'\n"

@@ -16,27 +16,33 @@ PieceUpdate::PieceUpdate(State& state, const Box& own, std::int32_t overlap)
   find_sides_of_box();
 }
 
-// Lines of the box lie where nodes on them have their coordinates, less a part of what may be the
-// least way from there to another node: told from the line of the grid before them, as nodes are
-// where they come.
+/// A part of what may be the least way between two nodes, or a node and a line of the box: a power
+/// of 2 of dist_0.
+double PieceUpdate::a_quarter_of_the_finest_spacing(const Box& box) const {
+  const LatticePoint last = wants_.frame_last();
+  std::int64_t lines = (wants_.grid_step() >> (state_.level_max + 1) / 2) | box.low.x | box.low.y;
+  if (box.high.x <= last.x) lines |= box.high.x;
+  if (box.high.y <= last.y) lines |= box.high.y;
+  return 0.25 * of_dist_0(lines & -lines);
+}
+
+double PieceUpdate::of_dist_0(std::int64_t units) const {
+  return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
+         state_.domain.dist_0;
+}
+
+// Lines of the box lie where nodes on them have their coordinates, a little less for rounding:
+// told from the line of the grid before them.
 void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
-  const Domain& domain = state_.domain;
   level_of_sides_ = state_.level_max;
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
-  const std::int64_t grid_step = wants_.grid_step();
+  const double before = a_quarter_of_the_finest_spacing(box_);
   const bool is_cut_east = box_.high.x <= wants_.frame_last().x;
   const bool is_cut_north = box_.high.y <= wants_.frame_last().y;
-  std::int64_t lines = (grid_step >> (state_.level_max + 1) / 2) | box_.low.x | box_.low.y;
-  if (is_cut_east) lines |= box_.high.x;
-  if (is_cut_north) lines |= box_.high.y;
-  const auto of_dist_0 = [&](std::int64_t offset) {
-    return static_cast<double>(offset) / static_cast<double>(grid_step) * domain.dist_0;
-  };
-  const double before = 0.25 * of_dist_0(lines & -lines);
   const auto note = [&](double& side, std::int64_t line, std::int64_t of_node, double coordinate) {
-    if (of_node > line || line - of_node >= grid_step) return;
+    if (of_node > line || line - of_node >= wants_.grid_step()) return;
     side = coordinate + of_dist_0(line - of_node) - before;
   };
   for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
@@ -78,11 +84,7 @@ LatticePoint PieceUpdate::place_of(const Cell& c) const {
 
 Point PieceUpdate::point_at(LatticePoint p) const {
   const Frame& frame = state_.domain.frame;
-  const auto offset = [&](std::int64_t units) {
-    return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
-           state_.domain.dist_0;
-  };
-  return {frame.x_min + offset(p.x), frame.y_min + offset(p.y)};
+  return {frame.x_min + of_dist_0(p.x), frame.y_min + of_dist_0(p.y)};
 }
 
 /// Whether the tables are those of the mesh as it is.
@@ -132,7 +134,8 @@ void PieceUpdate::look_at_limit() {
   is_listed_ = knows_changes_ = false;
 }
 
-/// Counts own nodes that come and go, and calls the caller's own hooks.
+/// Counts own nodes that come and go, calls the caller's own hooks, and leaves those of others out
+/// of what is refused.
 class PieceUpdate::Counting {
  public:
   explicit Counting(PieceUpdate& update) : state_(update.state_), hooks_(state_.hooks) {
@@ -144,10 +147,14 @@ class PieceUpdate::Counting {
       if (hooks_.removing) hooks_.removing(c, neighbours);
       removed += update.owns(c) ? 1 : 0;
     };
+    state_.counts_refusal = [&update](const Cell& c) { return update.owns(c); };
   }
   Counting(const Counting&) = delete;
   Counting& operator=(const Counting&) = delete;
-  ~Counting() { state_.hooks = std::move(hooks_); }
+  ~Counting() {
+    state_.hooks = std::move(hooks_);
+    state_.counts_refusal = nullptr;
+  }
 
   std::int64_t inserted = 0, removed = 0;
 
@@ -156,12 +163,20 @@ class PieceUpdate::Counting {
   NodeHooks hooks_;
 };
 
-void PieceUpdate::update_window(const std::function<UpdateStatistics()>& update) {
+void PieceUpdate::update_window(
+    const batch_size_function& sizes,
+    const std::function<UpdateStatistics(const batch_size_function& counted)>& update) {
   look_at_limit();
   const Counting counting(*this);
-  statistics_ = update();
+  std::int64_t nb_asked = 0;
+  statistics_ = update([&](std::span<const Cell* const> nodes, std::span<double> of) {
+    nb_asked +=
+        std::count_if(nodes.begin(), nodes.end(), [this](const Cell* c) { return owns(*c); });
+    sizes(nodes, of);
+  });
   statistics_.inserted = counting.inserted;
   statistics_.removed = counting.removed;
+  statistics_.visited = nb_asked;
 }
 
 }  // namespace velmar_2d::detail

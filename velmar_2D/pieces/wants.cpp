@@ -258,10 +258,11 @@ void PieceUpdate::hold_all(std::span<const LatticePoint> places) {
 void PieceUpdate::hold_ghosts(std::span<const LatticePoint> places) {
   if (!is_updating_ && !is_listed_) list_nodes();
   const Insertion insertion(*this);
+  const bool is_all_told = !has_wants();
   for (const LatticePoint& p : places) {
     if (wants_.contains(p)) make(p)->wanted_level |= is_held;
   }
-  nb_told_ = newcomers_.size();
+  if (is_all_told) nb_told_ = newcomers_.size();  // these are known to their owners
   // After the last step of an update own nodes are listed already, and none comes here.
   if (!is_updating_) {
     listed_revision_ = state_.mesh_revision;
