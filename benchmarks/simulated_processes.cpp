@@ -47,7 +47,7 @@ struct Sharing {
 };
 constexpr Sharing settled{4.0e-8, 0.0, 8.0, 1, 2};
 constexpr int rounds = 3;  // until nothing more is wanted, of a front; the bench has one
-constexpr Sharing creeping{4.0e-7, 6.0e-9, 15.0, rounds + 11, rounds + 7};
+constexpr Sharing creeping{4.0e-7, 6.0e-9, 15.0, rounds + 11, rounds + 4};
 
 constexpr std::int32_t overlap = 3;
 
@@ -191,7 +191,7 @@ class Machine {
     piece.begin(size_);
     piece.ask();  // makes what own nodes need elsewhere
     places.clear();
-    for (const Cell* c : border_of(rank)) places.push_back(nodes_.place_of(*c));
+    for (const Cell* c : border_of(rank, linked)) places.push_back(nodes_.place_of(*c));
     piece.hold_ghosts(places);
     Load load;
     for (const Cell& c : piece.mesh().nodes()) ++(piece.owns(c) ? load.owned : load.ghosts);
@@ -219,9 +219,11 @@ class Machine {
   std::size_t owner_of(const Cell& c) const {
     return static_cast<std::size_t>(owners_.of(nodes_.place_of(c)));
   }
-  /// What owners tell a process: nodes that may be linked to its own ones, which their levels tell,
-  /// and those that are linked to such.
-  std::vector<const Cell*> border_of(std::size_t rank) const {
+  /// What owners tell a process: nodes that are linked to its own ones, and those that are linked
+  /// to such; where these belong to a third process, to such that may be linked, as their levels
+  /// tell.
+  std::vector<const Cell*> border_of(std::size_t rank,
+                                     const std::unordered_set<const Cell*>& linked) const {
     const Window box = boxes_[rank].cells();
     const double dist_0 = mesh_.dist_0();
     const auto line = [&](std::int64_t at) {
@@ -230,7 +232,7 @@ class Machine {
     const auto& [low, high] = boxes_[rank];
     const double west = mesh_.x_min() + line(low.x), east = mesh_.x_min() + line(high.x);
     const double south = mesh_.y_min() + line(low.y), north = mesh_.y_min() + line(high.y);
-    const auto reaches = [&](const Cell& c) {
+    const auto may_be_linked = [&](const Cell& c) {
       const double reach = 1.001 * std::ldexp(dist_0, -(c.level / 2));
       return std::max({west - c.x, c.x - east, south - c.y, c.y - north}) <= reach;
     };
@@ -242,10 +244,12 @@ class Machine {
            ++i) {
         for (const Cell* c : nodes_.of(i, j)) {
           if (owner_of(*c) == rank) continue;
-          bool is_needed = reaches(*c);
+          bool is_needed = linked.count(c) > 0;
           for (std::size_t d = 0; d < directions.size() && !is_needed; ++d) {
             const Cell* there = link(*c, directions[d]).cell();
-            is_needed = there != nullptr && reaches(*there);
+            if (there == nullptr || !may_be_linked(*there)) continue;
+            is_needed = linked.count(there) > 0 ||
+                        (owner_of(*there) != rank && owner_of(*there) != owner_of(*c));
           }
           if (is_needed) border.push_back(c);
         }

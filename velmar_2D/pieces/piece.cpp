@@ -16,31 +16,24 @@ PieceUpdate::PieceUpdate(State& state, const Box& own, std::int32_t overlap)
   find_sides_of_box();
 }
 
-/// A part of what may be the least way between two nodes, or a node and a line of the box: a power
-/// of 2 of dist_0.
-double PieceUpdate::a_quarter_of_the_finest_spacing(const Box& box) const {
-  const LatticePoint last = wants_.frame_last();
-  std::int64_t lines = (wants_.grid_step() >> (state_.level_max + 1) / 2) | box.low.x | box.low.y;
-  if (box.high.x <= last.x) lines |= box.high.x;
-  if (box.high.y <= last.y) lines |= box.high.y;
-  return 0.25 * of_dist_0(lines & -lines);
-}
-
 double PieceUpdate::of_dist_0(std::int64_t units) const {
   return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
          state_.domain.dist_0;
 }
 
-// Lines of the box lie where nodes on them have their coordinates, a little less for rounding:
-// told from the line of the grid before them.
+// Lines of the box lie where nodes on them have their coordinates, as told from the line of the
+// grid before, less a part of the least way that there may be from a line to a node.
 void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
   level_of_sides_ = state_.level_max;
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
-  const double before = a_quarter_of_the_finest_spacing(box_);
   const bool is_cut_east = box_.high.x <= wants_.frame_last().x;
   const bool is_cut_north = box_.high.y <= wants_.frame_last().y;
+  std::int64_t lines = (wants_.grid_step() >> (state_.level_max + 1) / 2) | box_.low.x | box_.low.y;
+  if (is_cut_east) lines |= box_.high.x;
+  if (is_cut_north) lines |= box_.high.y;
+  const double before = 0.25 * of_dist_0(lines & -lines);
   const auto note = [&](double& side, std::int64_t line, std::int64_t of_node, double coordinate) {
     if (of_node > line || line - of_node >= wants_.grid_step()) return;
     side = coordinate + of_dist_0(line - of_node) - before;
