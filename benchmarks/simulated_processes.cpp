@@ -117,12 +117,11 @@ class NodesOfCells {
     const std::size_t i = index(column, row);
     return std::span(nodes_).subspan(first_[i], first_[i + 1] - first_[i]);
   }
-  CellWeights weights() const {
-    CellWeights weights{columns_, columns_, {}};
-    for (std::size_t i = 0; i + 1 < first_.size(); ++i) {
-      weights.weights.push_back(static_cast<std::int64_t>(first_[i + 1] - first_[i]));
-    }
-    return weights;
+  std::vector<Place> places() const {
+    std::vector<Place> places;
+    places.reserve(nodes_.size());
+    for (const Cell* c : nodes_) places.push_back(place_of(*c));
+    return places;
   }
   std::size_t cell_of(const Cell& c) const {
     return index(column_of(c.x - west_), column_of(c.y - south_));
@@ -161,26 +160,17 @@ class Machine {
         grid_(grid),
         size_(size),
         nodes_(mesh, grid.nx),
-        boxes_(cut_into_boxes(nodes_.weights(), nb_processes)) {
-    const auto columns = static_cast<std::size_t>(grid.nx - 1);
-    owner_of_cell_.resize(columns * columns);
-    for (std::size_t rank = 0; rank < boxes_.size(); ++rank) {
-      const Window& box = boxes_[rank];
-      for (std::int32_t j = box.south; j < box.north; ++j) {
-        for (std::int32_t i = box.west; i < box.east; ++i) {
-          owner_of_cell_[static_cast<std::size_t>(j) * columns + static_cast<std::size_t>(i)] =
-              rank;
-        }
-      }
-    }
-  }
+        boxes_(cut_by_places({0, grid.nx - 1, 0, grid.nx - 1}, nodes_.places(), nb_processes,
+                             places_per_cell >> (grid.subdiv_max + 1) / 2,
+                             [](std::vector<std::int64_t> of_all) { return of_all; })),
+        owners_(boxes_) {}
   std::size_t nb_processes() const { return boxes_.size(); }
 
   Load load_of(std::size_t rank) const {
-    const Window& box = boxes_[rank];
+    const Window box = boxes_[rank].cells();
     std::vector<Place> places;
     std::unordered_set<const Cell*> linked;
-    const auto is_own = [&](const Cell& c) { return owner_of_cell_[nodes_.cell_of(c)] == rank; };
+    const auto is_own = [&](const Cell& c) { return owner_of(c) == rank; };
     const auto add_linked = [&](const Cell& c, std::unordered_set<const Cell*>& to) {
       for (const Direction d : directions) {
         const Cell* there = link(c, d).cell();
@@ -190,12 +180,13 @@ class Machine {
     for (std::int32_t j = box.south; j < box.north; ++j) {
       for (std::int32_t i = box.west; i < box.east; ++i) {
         for (const Cell* c : nodes_.of(i, j)) {
+          if (!is_own(*c)) continue;
           if (c->ipos > 0) places.push_back(nodes_.place_of(*c));
           add_linked(*c, linked);
         }
       }
     }
-    Piece piece(mesh_.rectangle(), grid_, box, overlap);
+    Piece piece(mesh_.rectangle(), grid_, boxes_[rank], overlap);
     piece.hold_all(places);
     piece.begin(size_);
     piece.ask();  // makes what own nodes need elsewhere
@@ -206,46 +197,59 @@ class Machine {
     for (const Cell& c : piece.mesh().nodes()) ++(piece.owns(c) ? load.owned : load.ghosts);
     load.linked = static_cast<double>(linked.size());
     std::set<std::size_t> owners;
-    for (const Cell* c : linked) owners.insert(owner_of_cell_[nodes_.cell_of(*c)]);
+    for (const Cell* c : linked) owners.insert(owner_of(*c));
     load.linked_neighbours = static_cast<double>(owners.size());
-    for (const Window& other : boxes_) {
-      const std::int32_t x = std::max(box.west - other.east, other.west - box.east);
-      const std::int32_t y = std::max(box.south - other.north, other.south - box.north);
-      if (&other != &box && std::max(x, y) <= overlap) ++load.neighbours;
+    for (const PlaceBox& other : boxes_) {
+      const bool is_other = &other != &boxes_[rank];
+      if (is_other && (reaches(box, other) || reaches(other.cells(), boxes_[rank]))) {
+        ++load.neighbours;
+      }
     }
     return load;
   }
 
  private:
+  /// Whether the window around these cells reaches a box, or touches it.
+  static bool reaches(const Window& cells, const PlaceBox& box) {
+    const PlaceBox window(cells.west - overlap, cells.east + overlap, cells.south - overlap,
+                          cells.north + overlap);
+    return window.low.x <= box.high.x && box.low.x <= window.high.x && window.low.y <= box.high.y &&
+           box.low.y <= window.high.y;
+  }
+  std::size_t owner_of(const Cell& c) const {
+    return static_cast<std::size_t>(owners_.of(nodes_.place_of(c)));
+  }
   /// What owners tell a process: nodes that are linked to its own ones, and those that are linked
   /// to such; where these belong to a third process, to such that may be linked, as their levels
   /// tell.
   std::vector<const Cell*> border_of(std::size_t rank,
                                      const std::unordered_set<const Cell*>& linked) const {
-    const Window& box = boxes_[rank];
+    const Window box = boxes_[rank].cells();
     const double dist_0 = mesh_.dist_0();
-    const double west = mesh_.x_min() + box.west * dist_0, east = mesh_.x_min() + box.east * dist_0;
-    const double south = mesh_.y_min() + box.south * dist_0;
-    const double north = mesh_.y_min() + box.north * dist_0;
+    const auto line = [&](std::int64_t at) {
+      return static_cast<double>(at) / static_cast<double>(places_per_cell) * dist_0;
+    };
+    const auto& [low, high] = boxes_[rank];
+    const double west = mesh_.x_min() + line(low.x), east = mesh_.x_min() + line(high.x);
+    const double south = mesh_.y_min() + line(low.y), north = mesh_.y_min() + line(high.y);
     const auto may_be_linked = [&](const Cell& c) {
       const double reach = 1.001 * std::ldexp(dist_0, -(c.level / 2));
       return std::max({west - c.x, c.x - east, south - c.y, c.y - north}) <= reach;
     };
-    const auto owner = [&](const Cell& c) { return owner_of_cell_[nodes_.cell_of(c)]; };
     std::vector<const Cell*> border;
     const std::int32_t last = grid_.nx - 1;
     for (std::int32_t j = std::max(box.south - overlap, 0); j < std::min(box.north + overlap, last);
          ++j) {
       for (std::int32_t i = std::max(box.west - overlap, 0); i < std::min(box.east + overlap, last);
            ++i) {
-        if (i >= box.west && i < box.east && j >= box.south && j < box.north) continue;
         for (const Cell* c : nodes_.of(i, j)) {
+          if (owner_of(*c) == rank) continue;
           bool is_needed = linked.count(c) > 0;
           for (std::size_t d = 0; d < directions.size() && !is_needed; ++d) {
             const Cell* there = link(*c, directions[d]).cell();
             if (there == nullptr || !may_be_linked(*there)) continue;
-            is_needed =
-                linked.count(there) > 0 || (owner(*there) != rank && owner(*there) != owner(*c));
+            is_needed = linked.count(there) > 0 ||
+                        (owner_of(*there) != rank && owner_of(*there) != owner_of(*c));
           }
           if (is_needed) border.push_back(c);
         }
@@ -258,8 +262,8 @@ class Machine {
   Grid grid_;
   size_function size_;
   NodesOfCells nodes_;
-  std::vector<Window> boxes_;
-  std::vector<std::size_t> owner_of_cell_;
+  std::vector<PlaceBox> boxes_;
+  Owners owners_;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -23,9 +23,9 @@ class Cutter {
     }
   }
 
-  void cut(const Window& box, int nb_parts, std::vector<Window>& boxes) {
+  void cut(const Window& box, int nb_parts, std::vector<PlaceBox>& boxes) {
     if (nb_parts == 1) {
-      boxes.push_back(box);
+      boxes.emplace_back(box);
       return;
     }
     Best best;
@@ -83,11 +83,48 @@ class Cutter {
 
 }  // namespace
 
-std::vector<Window> cut_into_boxes(const CellWeights& weights, int nb_parts) {
-  std::vector<Window> boxes;
+std::vector<PlaceBox> cut_into_boxes(const CellWeights& weights, int nb_parts) {
+  std::vector<PlaceBox> boxes;
   if (nb_parts < 1 || std::int64_t{weights.columns} * weights.rows < nb_parts) return boxes;
   Cutter(weights).cut({0, weights.columns, 0, weights.rows}, nb_parts, boxes);
   return boxes;
+}
+
+Owners::Owners(std::span<const PlaceBox> boxes) { root_ = cut(boxes, 0); }
+
+/// The line that has the first boxes on one side and the others on the other.
+int Owners::cut(std::span<const PlaceBox> boxes, int first) {
+  const std::size_t n = boxes.size();
+  if (n == 1) return -1 - first;
+  std::vector<Place> from(boxes.size());  // where those begin that come from there on
+  Place least = boxes.back().low;
+  for (std::size_t k = n; k-- > 0;) {
+    least = {std::min(least.x, boxes[k].low.x), std::min(least.y, boxes[k].low.y)};
+    from[k] = least;
+  }
+  Place most = boxes.front().high;
+  std::size_t nb_lower = 1;
+  for (; nb_lower < n - 1; ++nb_lower) {
+    if (most.x <= from[nb_lower].x || most.y <= from[nb_lower].y) break;
+    most = {std::max(most.x, boxes[nb_lower].high.x), std::max(most.y, boxes[nb_lower].high.y)};
+  }
+  const auto number = cuts_.size();
+  const bool along_x = most.x <= from[nb_lower].x;
+  cuts_.push_back({along_x, along_x ? most.x : most.y, 0, 0});
+  const int lower = cut(boxes.first(nb_lower), first);
+  const int upper = cut(boxes.subspan(nb_lower), first + static_cast<int>(nb_lower));
+  cuts_[number].lower = lower;
+  cuts_[number].upper = upper;
+  return static_cast<int>(number);
+}
+
+int Owners::of(Place place) const {
+  int next = root_;
+  while (next >= 0) {
+    const Cut& cut = cuts_[static_cast<std::size_t>(next)];
+    next = (cut.along_x ? place.x : place.y) < cut.line ? cut.lower : cut.upper;
+  }
+  return -1 - next;
 }
 
 }  // namespace velmar_2d

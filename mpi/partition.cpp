@@ -8,11 +8,11 @@ namespace velmar_2d {
 
 namespace {
 
-/// Cells of the grid between two boxes; 0 where they touch.
-std::int32_t distance(const Window& a, const Window& b) {
-  const std::int32_t x = std::max(a.west - b.east, b.west - a.east);
-  const std::int32_t y = std::max(a.south - b.north, b.south - a.north);
-  return std::max({x, y, 0});
+/// Whether a window reaches a box, or touches it.
+bool touches(const Window& window, const PlaceBox& box) {
+  const PlaceBox of(window);
+  return of.low.x <= box.high.x && box.low.x <= of.high.x && of.low.y <= box.high.y &&
+         box.low.y <= of.high.y;
 }
 
 CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
@@ -23,15 +23,6 @@ CellWeights even_weights(const Rectangle& whole, const Grid& grid) {
 }
 
 }  // namespace
-
-int Partition::Parts::owner(Place place) const {
-  const auto line = [](std::int64_t at, std::int32_t last) {
-    return static_cast<std::int32_t>(std::min<std::int64_t>(at / places_per_cell, last - 1));
-  };
-  const std::int32_t column = line(place.x, grid.nx - 1), row = line(place.y, grid.ny - 1);
-  return owner_of_cell[static_cast<std::size_t>(row) * static_cast<std::size_t>(grid.nx - 1) +
-                       static_cast<std::size_t>(column)];
-}
 
 std::size_t Partition::Parts::neighbour_of(Place place) const {
   const std::vector<int>& ranks = messages.neighbours();
@@ -44,20 +35,15 @@ std::size_t Partition::Parts::neighbour_of(Place place) const {
 }
 
 void Partition::Parts::find_neighbours() {
-  owner_of_cell.assign(
-      static_cast<std::size_t>(grid.nx - 1) * static_cast<std::size_t>(grid.ny - 1), 0);
+  owners = Owners(boxes);
+  cells_of_boxes.clear();
+  for (const PlaceBox& of : boxes) cells_of_boxes.push_back(of.cells());
   std::vector<int> neighbours;
+  const Window window = window_around(box());
   for (int rank = 0; rank < messages.nb_processes(); ++rank) {
-    const Window& of = boxes[static_cast<std::size_t>(rank)];
-    for (std::int32_t j = of.south; j < of.north; ++j) {
-      for (std::int32_t i = of.west; i < of.east; ++i) {
-        owner_of_cell[static_cast<std::size_t>(j) * static_cast<std::size_t>(grid.nx - 1) +
-                      static_cast<std::size_t>(i)] = rank;
-      }
-    }
-    if (rank != messages.rank() && distance(box(), of) <= options.overlap) {
-      neighbours.push_back(rank);
-    }
+    const PlaceBox& there = boxes[static_cast<std::size_t>(rank)];
+    if (rank == messages.rank()) continue;
+    if (touches(window, there) || touches(window_around(there), box())) neighbours.push_back(rank);
   }
   messages.set_neighbours(std::move(neighbours));
   forget_told();
@@ -107,8 +93,9 @@ Partition::~Partition() = default;
 MPI_Comm Partition::communicator() const { return parts_->messages.communicator(); }
 int Partition::rank() const { return parts_->messages.rank(); }
 int Partition::nb_processes() const { return parts_->messages.nb_processes(); }
-const Window& Partition::box() const { return parts_->box(); }
-std::span<const Window> Partition::boxes() const { return parts_->boxes; }
+const Window& Partition::box() const { return parts_->cells_of(rank()); }
+std::span<const Window> Partition::boxes() const { return parts_->cells_of_boxes; }
+std::span<const PlaceBox> Partition::place_boxes() const { return parts_->boxes; }
 Mesh& Partition::mesh() { return parts_->piece->mesh(); }
 const Mesh& Partition::mesh() const { return parts_->piece->mesh(); }
 

@@ -71,11 +71,12 @@ struct Partition::Parts {
   Rectangle whole;
   Grid grid;
   PartitionOptions options;
-  std::vector<Window> boxes;
+  std::vector<PlaceBox> boxes;
+  std::vector<Window> cells_of_boxes;            ///< that these reach into
   double slope = 0.0;                            ///< of the sizes, in the last update
   std::size_t nb_handed_on = 0;                  ///< of the newcomers
   std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
-  std::vector<int> owner_of_cell;                ///< of the grid, row by row
+  Owners owners;
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
   int nb_repairs = 0;
@@ -118,8 +119,10 @@ struct Partition::Parts {
         const PartitionOptions& chosen)
       : messages(communicator), whole(rectangle), grid(first_grid), options(chosen) {}
 
-  const Window& box() const { return boxes[static_cast<std::size_t>(messages.rank())]; }
-  int owner(Place place) const;
+  const PlaceBox& box() const { return boxes[static_cast<std::size_t>(messages.rank())]; }
+  /// Those that the box of a process reaches into.
+  const Window& cells_of(int rank) const { return cells_of_boxes[static_cast<std::size_t>(rank)]; }
+  int owner(Place place) const { return owners.of(place); }
   /// From the boxes.
   void find_neighbours();
 
@@ -146,7 +149,7 @@ struct Partition::Parts {
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
-  std::vector<Window> boxes_of_neighbours() const;
+  std::vector<PlaceBox> boxes_of_neighbours() const;
   void share_children(bool of_all);
   void share_ghosts();
   void share_new_ghosts();
@@ -219,10 +222,10 @@ struct Partition::Parts {
   /// Takes over a mesh that process 0 has.
   void share_out(const Mesh* mesh, const bc_type_function& bc_type);
   /// Boxes of about as many nodes each, of these on all processes together.
-  std::vector<Window> cut_by_nodes(std::span<const Cell* const> nodes);
+  std::vector<PlaceBox> cut_by_nodes(std::span<const Cell* const> nodes);
   /// Boxes become these, and owners of these nodes others. Throws where the nodes do not become
   /// what they were.
-  void move_nodes(std::span<const Cell* const> nodes, const std::vector<Window>& new_boxes);
+  void move_nodes(std::span<const Cell* const> nodes, const std::vector<PlaceBox>& new_boxes);
   /// A window as wide as the overlap wants, or wider, with these own nodes, and all ghosts.
   /// @return what fill() returns
   std::vector<std::size_t> make_again(const PieceNodes& nodes);
@@ -248,11 +251,12 @@ struct Partition::Parts {
   ///
   /// @param of            the box of this process; null: it makes nothing
   /// @param window_there  of a rank: the nodes that it wants
-  std::optional<Piece> replayed(const AgedNodes& own, const Window* of,
+  std::optional<Piece> replayed(const AgedNodes& own, const PlaceBox* of,
                                 const std::function<std::optional<Window>(int)>& window_there);
-  Window window_around(const Window& of) const;
+  /// The cells of a box and those that overlap.
+  Window window_around(const PlaceBox& box) const;
   /// @return whether nodes have moved: where it would take the whole they stay
-  bool rebalance_updated(const std::vector<Window>& new_boxes);
+  bool rebalance_updated(const std::vector<PlaceBox>& new_boxes);
   bool is_whole(const Window& window) const;
   std::unique_ptr<Mesh> gather_updated();
   /// Runs an update that all processes run together, again with wider windows where these are too

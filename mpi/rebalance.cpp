@@ -82,29 +82,21 @@ std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes, bool& has_m
   return rows;
 }
 
-std::vector<Window> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
-  CellWeights weights{grid.nx - 1, grid.ny - 1, {}};
+std::vector<PlaceBox> Partition::Parts::cut_by_nodes(std::span<const Cell* const> nodes) {
+  std::vector<Place> places;
   messages.alone([&] {
-    weights.weights.assign(
-        static_cast<std::size_t>(weights.columns) * static_cast<std::size_t>(weights.rows), 0);
-    const auto line = [](std::int64_t at, std::int32_t n) {
-      return static_cast<std::int32_t>(std::min<std::int64_t>(at / places_per_cell, n - 1));
-    };
-    for (const Cell* c : nodes) {
-      const Place place = piece->place_of(*c);
-      ++weights.at(line(place.x, weights.columns), line(place.y, weights.rows));
-    }
+    for (const Cell* c : nodes) places.push_back(piece->place_of(*c));
   });
   messages.together();
-  weights.weights = messages.sum(std::move(weights.weights));
-  std::vector<Window> new_boxes;
-  messages.alone([&] { new_boxes = cut_into_boxes(weights, messages.nb_processes()); });
-  messages.together();
-  return new_boxes;
+  const std::int64_t deepest = messages.largest(std::int64_t{piece->mesh().limit()});
+  return cut_by_places(
+      {0, grid.nx - 1, 0, grid.ny - 1}, std::move(places), messages.nb_processes(),
+      places_per_cell >> (deepest + 1) / 2,
+      [&](std::vector<std::int64_t> numbers) { return messages.sum(std::move(numbers)); });
 }
 
 void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
-                                  const std::vector<Window>& new_boxes) {
+                                  const std::vector<PlaceBox>& new_boxes) {
   const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
   std::vector<Load> loads(nb_processes);
   std::vector<char> sends_to(nb_processes, 0);
@@ -147,13 +139,8 @@ bool Partition::Parts::rebalance(double threshold) {
   const std::int64_t nb_nodes = first_numbers.back();
   const auto most = static_cast<double>(messages.largest(static_cast<std::int64_t>(owned.size())));
   if (most * messages.nb_processes() <= threshold * static_cast<double>(nb_nodes)) return false;
-  const std::vector<Window> new_boxes = cut_by_nodes(owned);
-  const bool are_same = std::equal(boxes.begin(), boxes.end(), new_boxes.begin(),
-                                   [](const Window& a, const Window& b) {
-                                     return std::tie(a.west, a.east, a.south, a.north) ==
-                                            std::tie(b.west, b.east, b.south, b.north);
-                                   });
-  if (are_same) return false;
+  const std::vector<PlaceBox> new_boxes = cut_by_nodes(owned);
+  if (new_boxes == boxes) return false;
   if (adapted_by == Adapted::by_update) return rebalance_updated(new_boxes);
   move_nodes(owned, new_boxes);
   return true;
@@ -185,7 +172,7 @@ void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_ty
   grid = {heading.nx, heading.ny, heading.limit, heading.n_cell_data, bc_type};
   begin_evenly();
   messages.alone([&] { piece->mesh().set_transfer(heading.transfer); });
-  const std::vector<Window> new_boxes = cut_by_nodes(nodes);
+  const std::vector<PlaceBox> new_boxes = cut_by_nodes(nodes);
   if (heading.is_resolved) {
     adapted_by = Adapted::by_resolve;
     move_nodes(nodes, new_boxes);

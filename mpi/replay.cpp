@@ -181,10 +181,16 @@ void take_over(Piece& piece, const Nodes& nodes, const std::vector<std::size_t>&
 /// How far a node lies beyond the box of this process.
 double Partition::Parts::cells_to_box(const Cell& c) const {
   const auto [column, row] = in_cells(c);
-  return std::max({box().west - column, column - box().east, box().south - row, row - box().north});
+  const auto line = [](std::int64_t at) {
+    return static_cast<double>(at) / static_cast<double>(places_per_cell);
+  };
+  const auto& [low, high] = box();
+  return std::max(
+      {line(low.x) - column, column - line(high.x), line(low.y) - row, row - line(high.y)});
 }
 
-Window Partition::Parts::window_around(const Window& of) const {
+Window Partition::Parts::window_around(const PlaceBox& box) const {
+  const Window of = box.cells();
   return {std::max(of.west - options.overlap, 0), std::min(of.east + options.overlap, grid.nx - 1),
           std::max(of.south - options.overlap, 0),
           std::min(of.north + options.overlap, grid.ny - 1)};
@@ -340,7 +346,7 @@ AgedNodes Partition::Parts::nodes_from_all(
 }
 
 std::optional<Piece> Partition::Parts::replayed(
-    const AgedNodes& own, const Window* of,
+    const AgedNodes& own, const PlaceBox* of,
     const std::function<std::optional<Window>(int)>& window_there) {
   AgedNodes all = nodes_from_all(own, window_there);
   std::optional<Piece> made;
@@ -438,7 +444,7 @@ void Partition::Parts::return_handles(const KeptNodes& kept) {
   messages.together();
 }
 
-bool Partition::Parts::rebalance_updated(const std::vector<Window>& new_boxes) {
+bool Partition::Parts::rebalance_updated(const std::vector<PlaceBox>& new_boxes) {
   AgedNodes own;
   messages.alone([&] {
     keep_nodes();
@@ -446,7 +452,7 @@ bool Partition::Parts::rebalance_updated(const std::vector<Window>& new_boxes) {
   });
   messages.together();
   if (!age_together(own)) return false;
-  const std::vector<Window> boxes_before = std::exchange(boxes, new_boxes);
+  const std::vector<PlaceBox> boxes_before = std::exchange(boxes, new_boxes);
   if (replay(own, false)) return true;
   boxes = boxes_before;
   messages.alone([&] { find_neighbours(); });
@@ -457,7 +463,7 @@ bool Partition::Parts::rebalance_updated(const std::vector<Window>& new_boxes) {
 }
 
 std::unique_ptr<Mesh> Partition::Parts::gather_updated() {
-  const Window all{0, grid.nx - 1, 0, grid.ny - 1};
+  const PlaceBox all{0, grid.nx - 1, 0, grid.ny - 1};
   AgedNodes own;
   messages.alone([&] {
     keep_nodes();
@@ -466,7 +472,7 @@ std::unique_ptr<Mesh> Partition::Parts::gather_updated() {
   messages.together();
   age_together(own);
   std::optional<Piece> made = replayed(own, messages.rank() == 0 ? &all : nullptr, [&](int rank) {
-    return rank == 0 ? std::optional(all) : std::nullopt;
+    return rank == 0 ? std::optional(all.cells()) : std::nullopt;
   });
   std::unique_ptr<Mesh> mesh;
   messages.alone([&] {

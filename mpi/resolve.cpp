@@ -148,8 +148,8 @@ void Partition::Parts::forget_told() {
   tells_all_children = true;
 }
 
-std::vector<Window> Partition::Parts::boxes_of_neighbours() const {
-  std::vector<Window> there;
+std::vector<PlaceBox> Partition::Parts::boxes_of_neighbours() const {
+  std::vector<PlaceBox> there;
   for (const int rank : messages.neighbours())
     there.push_back(boxes[static_cast<std::size_t>(rank)]);
   return there;

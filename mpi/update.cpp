@@ -176,7 +176,7 @@ std::array<double, 2> Partition::Parts::in_cells(const Cell& c) const {
 /// How far a node lies from where its window ends inside the whole.
 double Partition::Parts::cells_to_cut(const Cell& c) const {
   const auto [column, row] = in_cells(c);
-  const auto& [west, east, south, north] = box();
+  const auto& [west, east, south, north] = cells_of(messages.rank());
   const std::int32_t overlap = options.overlap;
   double least = std::numeric_limits<double>::infinity();
   if (west > overlap) least = std::min(least, column - (west - overlap));

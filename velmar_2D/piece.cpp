@@ -46,23 +46,34 @@ Window widened(const Window& own, std::int32_t overlap, std::int32_t nx, std::in
 }
 
 /// Refused before anything is made of it.
-Window checked_window(const Window& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
-  if (own.west < 0 || own.south < 0 || own.east > nx - 1 || own.north > ny - 1 ||
-      own.west >= own.east || own.south >= own.north) {
-    throw Error("(velmar_2D/Piece:) ERROR: the box of a piece must hold a cell of the grid");
+Window checked_window(const PlaceBox& own, std::int32_t overlap, std::int32_t nx, std::int32_t ny) {
+  if (own.low.x < 0 || own.low.y < 0 || own.high.x > (nx - 1) * places_per_cell ||
+      own.high.y > (ny - 1) * places_per_cell || own.low.x >= own.high.x ||
+      own.low.y >= own.high.y) {
+    throw Error(
+        "(velmar_2D/Piece:) ERROR: the box of a piece must lie in the grid, and not be empty");
   }
-  return widened(own, overlap, nx, ny);
+  return widened(own.cells(), overlap, nx, ny);
+}
+
+detail::Box to_lattice(const PlaceBox& box) { return {to_lattice(box.low), to_lattice(box.high)}; }
+std::vector<detail::Box> to_lattice(std::span<const PlaceBox> boxes) {
+  std::vector<detail::Box> of;
+  for (const PlaceBox& box : boxes) of.push_back(to_lattice(box));
+  return of;
 }
 
 }  // namespace
 
-Piece::Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::int32_t overlap)
+Piece::Piece(const Rectangle& whole, const Grid& grid, const PlaceBox& own, std::int32_t overlap)
     : mesh_([&] {
         const std::int32_t ny = rows_of(whole, grid);
         const Window window = checked_window(own, overlap, grid.nx, ny);
         return Mesh(whole, grid, &window);
       }()),
-      update_(new detail::PieceUpdate(mesh_.state(), own, overlap, grid.nx, rows_of(whole, grid))) {
+      box_(own),
+      cells_(own.cells()),
+      update_(new detail::PieceUpdate(mesh_.state(), to_lattice(own), overlap)) {
   mesh_.state().candidate_order = detail::CandidateOrder::by_place;
 }
 Piece::Piece(Piece&& from) noexcept = default;
@@ -71,7 +82,8 @@ Piece::~Piece() = default;
 
 Mesh& Piece::mesh() { return mesh_; }
 const Mesh& Piece::mesh() const { return mesh_; }
-const Window& Piece::own() const { return update_->own(); }
+const PlaceBox& Piece::box() const { return box_; }
+const Window& Piece::own() const { return cells_; }
 bool Piece::owns(const Cell& c) const { return update_->owns(c); }
 bool Piece::owns(Place place) const { return update_->owns(to_lattice(place)); }
 Place Piece::place_of(const Cell& c) const { return to_place(update_->place_of(c)); }
@@ -156,9 +168,9 @@ bool Piece::hold_only(std::span<const Place> places) {
   return update_->hold_only(to_lattice(places));
 }
 
-std::vector<Cell*> Piece::border(const Window& box, int layers) {
+std::vector<Cell*> Piece::border(const PlaceBox& box, int layers) {
   std::vector<Cell*> found;
-  for (const auto& near : update_->border(box, layers)) found.push_back(near.cell);
+  for (const auto& near : update_->border(to_lattice(box), layers)) found.push_back(near.cell);
   return found;
 }
 
@@ -167,11 +179,12 @@ void Piece::hold_ghosts(std::span<const Place> places) {
   update_->hold_ghosts(to_lattice(places));
 }
 
-std::vector<std::vector<Place>> Piece::children_places(std::span<const Window> boxes, bool of_all) {
-  return to_places(update_->children_of(boxes, of_all));
+std::vector<std::vector<Place>> Piece::children_places(std::span<const PlaceBox> boxes,
+                                                       bool of_all) {
+  return to_places(update_->children_of(to_lattice(boxes), of_all));
 }
-std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes, bool of_all) {
-  return to_places(update_->borders(boxes, of_all));
+std::vector<std::vector<Place>> Piece::border_places(std::span<const PlaceBox> boxes, bool of_all) {
+  return to_places(update_->borders(to_lattice(boxes), of_all));
 }
 void Piece::for_ghosts(const std::function<void(Cell&, Place, bool)>& use) {
   update_->for_ghosts([&](Cell* c, const detail::LatticePoint& at, bool is_linked) {
@@ -183,8 +196,8 @@ bool Piece::has_changed() const { return update_->has_changed(); }
 void Piece::end_unchanged() { update_->end_unchanged(); }
 bool Piece::has_freed() const { return update_->has_freed(); }
 std::uint64_t Piece::needs_revision() const { return update_->needs_revision(); }
-std::vector<Place> Piece::gone_near(const Window& box) const {
-  return to_places(update_->gone_near(box));
+std::vector<Place> Piece::gone_near(const PlaceBox& box) const {
+  return to_places(update_->gone_near(to_lattice(box)));
 }
 void Piece::remove_ghosts(std::span<const Place> places) {
   const detail::MeshChange change(mesh_.state(), "Piece::remove_ghosts");

@@ -1,6 +1,6 @@
 // velmar_2d::Piece: a part of a mesh that several processes, or threads, keep together.
 //
-//     +-----------+-----------+   Each piece owns the nodes of a box of grid cells, and keeps
+//     +-----------+-----------+   Each piece owns the nodes of a box of the rectangle, and keeps
 //     |           |           |   beyond it those that its own nodes need, in a window a few
 //     |   own  . .|. .        |   cells wider than the box. The nodes that all pieces own are
 //     |        .  |  . window |   together those of one mesh, to the last bit: positions,
@@ -43,6 +43,30 @@ struct Place {
   }
 };
 
+/// What a piece owns: the nodes from the west to before the east line of a box, and from its south
+/// to before its north line; those on the line too where the whole ends there. Lines may lie
+/// anywhere between those of the grid, at any multiple of the finest spacing.
+struct PlaceBox {
+  Place low, high;
+
+  PlaceBox(Place from, Place to) : low(from), high(to) {}
+  /// From a line of the grid to another.
+  PlaceBox(std::int32_t west, std::int32_t east, std::int32_t south, std::int32_t north)
+      : low{west * places_per_cell, south * places_per_cell},
+        high{east * places_per_cell, north * places_per_cell} {}
+  PlaceBox(const Window& of)  // implicit: a Window is a box
+      : PlaceBox(of.west, of.east, of.south, of.north) {}
+  /// The cells of the grid that it reaches into.
+  Window cells() const {
+    const auto line = [](std::int64_t at) {
+      return static_cast<std::int32_t>(at / places_per_cell);
+    };
+    constexpr std::int64_t almost = places_per_cell - 1;
+    return {line(low.x), line(high.x + almost), line(low.y), line(high.y + almost)};
+  }
+  friend bool operator==(const PlaceBox&, const PlaceBox&) = default;
+};
+
 /// Nodes apart from their mesh, in any order.
 struct PieceNodes {
   std::vector<Place> places;
@@ -80,13 +104,12 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   ///
   /// @param whole    the rectangle of all pieces
   /// @param grid     of the whole
-  /// @param own      the box: nodes from its west to before its east line, and from its south to
-  ///                 before its north line, belong to the piece; those on the line too where the
-  ///                 whole ends there
-  /// @param overlap  cells of the grid between the box and the end of the window: at least 3
+  /// @param own      the box
+  /// @param overlap  cells of the grid between those of the box and the end of the window: at least
+  ///                 3
   ///
   /// Throws Error as Mesh does, and where the box is empty or leaves the grid.
-  Piece(const Rectangle& whole, const Grid& grid, const Window& own, std::int32_t overlap = 3);
+  Piece(const Rectangle& whole, const Grid& grid, const PlaceBox& own, std::int32_t overlap = 3);
   Piece(Piece&& from) noexcept;
   Piece& operator=(Piece&& from) noexcept;
   ~Piece();
@@ -95,7 +118,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// only, are no sides.
   Mesh& mesh();
   const Mesh& mesh() const;
-  const Window& own() const;
+  const PlaceBox& box() const;
+  const Window& own() const;  ///< the cells of the grid that the box reaches into
   bool owns(const Cell& c) const;
   bool owns(Place place) const;
   Place place_of(const Cell& c) const;
@@ -152,7 +176,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
 
   /// Own nodes that a piece with this box needs to know: those linked to its nodes, and for
   /// layers = 2 those linked to these.
-  std::vector<Cell*> border(const Window& box, int layers = 2);
+  std::vector<Cell*> border(const PlaceBox& box, int layers = 2);
   /// Makes ghosts of the border of other pieces.
   void hold_ghosts(std::span<const Place> places);
 
@@ -165,12 +189,12 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   void keep_ghosts();
   /// For each box, own nodes that rest on its nodes.
   /// @param of_all  else of those alone that have come since begin()
-  std::vector<std::vector<Place>> children_places(std::span<const Window> boxes, bool of_all);
+  std::vector<std::vector<Place>> children_places(std::span<const PlaceBox> boxes, bool of_all);
   /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are;
   /// some twice. Needs: children_places() of the other pieces.
   /// @param of_all  else of those alone that have become so since begin(), with some others; before
   ///                release()
-  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes, bool of_all);
+  std::vector<std::vector<Place>> border_places(std::span<const PlaceBox> boxes, bool of_all);
   /// Whether nodes have come since begin(), or may go. Where that is so on no piece, and needs()
   /// are those of before, nothing remains to be done but end_unchanged().
   bool has_changed() const;
@@ -180,7 +204,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Another one wherever needs() are others.
   std::uint64_t needs_revision() const;
   /// Own nodes that the last release() let go, as far as the piece with this box may know them.
-  std::vector<Place> gone_near(const Window& box) const;
+  std::vector<Place> gone_near(const PlaceBox& box) const;
   /// Lets ghosts go that have gone at their owners, as soon as nothing rests on them.
   void remove_ghosts(std::span<const Place> places);
   /// Makes ghosts of what has come to the border of other pieces, and, after release(), lets those
@@ -248,6 +272,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
 
  private:
   Mesh mesh_;
+  PlaceBox box_;
+  Window cells_;
   std::unique_ptr<detail::PieceUpdate> update_;
 };
 

@@ -13,10 +13,10 @@
 //     }
 //     MPI_Finalize();
 //
-// The rectangle is cut into boxes of grid cells, one for each process. A process owns the nodes in
-// its box and keeps, beyond it, the ghosts that its own nodes are linked to and those next to them.
-// The owned nodes of all processes are those of one mesh of one process, to the last bit:
-// positions, links, levels, control cells, data that are handed on, and derivatives.
+// The rectangle is cut into boxes, one for each process. A process owns the nodes in its box and
+// keeps, beyond it, the ghosts that its own nodes are linked to and those next to them. The owned
+// nodes of all processes are those of one mesh of one process, to the last bit: positions, links,
+// levels, control cells, data that are handed on, and derivatives.
 //
 // Procedures marked collective are called by all processes of the communicator, with the same
 // arguments but for functions, which need to know what concerns the own nodes alone. A fault on one
@@ -111,6 +111,9 @@ class VELMAR_2D_MPI_API Partition {
   MPI_Comm communicator() const;  ///< a copy of the one that it was made with
   int rank() const;
   int nb_processes() const;
+  /// What each process owns, by rank.
+  std::span<const PlaceBox> place_boxes() const;
+  /// Cells of the grid that these reach into: where boxes cut cells, they share them.
   const Window& box() const;              ///< of this process
   std::span<const Window> boxes() const;  ///< of all, by rank
   /// The mesh of the window: owned nodes and ghosts. A progress handler of it is told of the nodes
@@ -187,7 +190,7 @@ class VELMAR_2D_MPI_API Partition {
   /// it fails.
   bool agrees();
 
-  /// Collective. Cuts the rectangle anew, by halving it along grid lines, where the imbalance
+  /// Collective. Cuts the rectangle anew, by halving it again and again, where the imbalance
   /// exceeds `threshold`: data and derivatives go with their nodes, `used` and `data_ptr` do not.
   /// References to nodes become invalid where it returns true, and mesh() is another one.
   ///

@@ -70,11 +70,11 @@ inline void compare(Partition& part, Mesh& mesh, int step) {
 
 /// A ghost that is not what its owner has, which is told after the next update.
 inline void spoil_a_ghost(Partition& part) {
+  Cell* coarsest = nullptr;  // which stays
   for (Cell* c : part.linked_ghosts()) {
-    if (c->ipos != 0 || c->x == 0.0) continue;
-    c->x = std::nextafter(c->x, 2.0 * c->x);
-    return;
+    if (c->x != 0.0 && (coarsest == nullptr || c->ipos < coarsest->ipos)) coarsest = c;
   }
+  if (coarsest != nullptr) coarsest->x = std::nextafter(coarsest->x, 2.0 * coarsest->x);
 }
 
 }  // namespace velmar_2d

@@ -277,6 +277,38 @@ void run_settled() {
   expect(text.find("ghosts differ") != std::string::npos, "it ends the update on all", 1);
 }
 
+/// A front as thin as a line on a grid of few cells: boxes that balance it cut cells, where nodes
+/// come that are finer than those were when the cells were cut.
+void run_line() {
+  const Rectangle& whole = tested_whole;
+  const Grid grid{.nx = 5, .subdiv_max = 6, .n_cell_data = 1};
+  Partition part(MPI_COMM_WORLD, whole, grid);
+  Mesh mesh(whole, grid);
+  for (int step = 0; step < 3; ++step) {
+    const size_function size = [=](double x, double y, auto...) {
+      return 0.008 + 0.3 * std::abs(y + 0.5 - 0.1 * step - 0.2 * x);
+    };
+    if (step == 1) {
+      mesh.set_limit(13);
+      part.mesh().set_limit(13);
+    }
+    const Resolution resolution{.slope = step == 2 ? 0.5 : 0.0};
+    mesh.resolve(size, resolution);
+    part.resolve(size, resolution);
+    compare(part, mesh, step);
+    part.rebalance(1.0);
+    compare(part, mesh, step);
+    check_numbers(part, step);
+  }
+  const PartitionStatistics statistics = part.statistics();
+  expect(statistics.imbalance <= 1.1, "boxes are balanced", 3);
+  if (part.rank() == 0) {
+    std::printf("line: %lld nodes, imbalance %.3f, %d repairs\n",
+                static_cast<long long>(statistics.nb_nodes), statistics.imbalance,
+                statistics.nb_repairs);
+  }
+}
+
 void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
@@ -348,6 +380,7 @@ int main(int argc, char** argv) {
     expect(run_updates(true, 2, false) > 0, "too little overlap is told", 20);
   } else if (has_argument && std::strcmp(argv[1], "ring") == 0) {
     run_ring(std::atoi(argv[2]));
+    run_line();
     run_settled();
   } else if (argc > 2) {
     run_fault(std::atoi(argv[2]));

@@ -41,12 +41,7 @@ class Reaches {
   std::array<double, highest_wanted_level + 1> of_level_{};
 };
 
-BoxSides sides_of(const State& state, const Window& box) {
-  const Frame& frame = state.domain.frame;
-  const double dist_0 = state.domain.dist_0;
-  return {frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
-          frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0};
-}
+BoxSides sides_of(Point low, Point high) { return {low.x, high.x, low.y, high.y}; }
 
 /// Keeps the first of equal ones.
 void drop_repeated(std::vector<const Cell*>& nodes) {
@@ -78,9 +73,9 @@ bool has_link(const Cell& c, const Test& test) {
 
 // A node of level l is linked to none beyond the spacing of that level, and those that it is linked
 // to to none beyond twice that.
-std::vector<PieceUpdate::Near> PieceUpdate::border(const Window& of, int layers) {
+std::vector<PieceUpdate::Near> PieceUpdate::border(const Box& of, int layers) {
   if (!is_updating_ && !is_listed_) list_nodes();
-  const BoxSides box = sides_of(state_, of);
+  const BoxSides box = sides_of(point_at(of.low), point_at(of.high));
   const Reaches reaches(state_);
   const auto may_be_linked = [&](const Cell& c) { return box.distance(c) <= reaches.of(c); };
   std::vector<Near> found;
@@ -106,11 +101,11 @@ bool PieceUpdate::rests_on(const Box& box, LatticePoint at, std::int32_t ipos) c
   return false;
 }
 
-std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const Window> of,
+std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const Box> of,
                                                                 bool of_all) {
   if (!is_updating_ && !is_listed_) list_nodes();
   std::vector<Box> boxes;
-  for (const Window& window : of) boxes.push_back(box_of(window));
+  for (const Box& box : of) boxes.push_back(closed_at_sides(box));
   std::vector<std::vector<LatticePoint>> found(of.size());
   const auto tell = [&](LatticePoint at, std::int32_t ipos) {
     for (std::size_t i = 0; i < boxes.size(); ++i) {
@@ -152,8 +147,7 @@ std::vector<const Cell*> PieceUpdate::ghosts_at_newcomers() const {
 // The ghosts that are linked to own nodes tell which these are. A link of a ghost to another piece
 // is not known for certain here, as what lies beyond ghosts is not: where it may have one, it
 // counts as if it had. These are few, since three boxes meet there.
-std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Window> of,
-                                                            bool of_all) {
+std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box> of, bool of_all) {
   if (!is_updating_ && !is_listed_) list_nodes();
   struct Other {
     Box box;
@@ -161,8 +155,9 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Wind
     std::vector<const Cell*> linked, found;
   };
   std::vector<Other> others;
-  for (const Window& window : of) {
-    others.push_back({box_of(window), sides_of(state_, window), {}, {}});
+  for (const Box& box : of) {
+    others.push_back(
+        {closed_at_sides(box), sides_of(point_at(box.low), point_at(box.high)), {}, {}});
   }
   const Reaches reaches(state_);
   const auto look_at = [&](const Cell& ghost, LatticePoint at) {

@@ -153,12 +153,12 @@ void PieceUpdate::end_unchanged() {
 
 /// Own nodes that have gone since release() began, as far as they may be ghosts of the piece with
 /// this box.
-std::vector<LatticePoint> PieceUpdate::gone_near(const Window& from) const {
-  const auto beyond = [this](std::int32_t line) { return line * wants_.grid_step(); };
+std::vector<LatticePoint> PieceUpdate::gone_near(const Box& from) const {
+  const std::int64_t reach = (overlap_ + 1) * wants_.grid_step();
   std::vector<LatticePoint> places;
   for (const LatticePoint& p : gone_near_) {
-    if (p.x >= beyond(from.west - overlap_) && p.x <= beyond(from.east + overlap_) &&
-        p.y >= beyond(from.south - overlap_) && p.y <= beyond(from.north + overlap_)) {
+    if (p.x >= from.low.x - reach && p.x <= from.high.x + reach && p.y >= from.low.y - reach &&
+        p.y <= from.high.y + reach) {
       places.push_back(p);
     }
   }

@@ -11,29 +11,39 @@
 
 namespace velmar_2d::detail {
 
-PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t overlap, std::int32_t nx,
-                         std::int32_t ny)
-    : state_(state),
-      own_(own),
-      overlap_(overlap),
-      nx_(nx),
-      ny_(ny),
-      wants_(Lattice::of_few(state)),
-      box_(box_of(own)) {
+PieceUpdate::PieceUpdate(State& state, const Box& own, std::int32_t overlap)
+    : state_(state), overlap_(overlap), wants_(Lattice::of_few(state)), box_(closed_at_sides(own)) {
   find_sides_of_box();
 }
 
+double PieceUpdate::of_dist_0(std::int64_t units) const {
+  return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
+         state_.domain.dist_0;
+}
+
+// Lines of the box lie where nodes on them have their coordinates, as told from the line of the
+// grid before, less a part of the least way that there may be from a line to a node.
 void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
+  level_of_sides_ = state_.level_max;
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
-  const double before = 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
+  const bool is_cut_east = box_.high.x <= wants_.frame_last().x;
+  const bool is_cut_north = box_.high.y <= wants_.frame_last().y;
+  std::int64_t lines = (wants_.grid_step() >> (state_.level_max + 1) / 2) | box_.low.x | box_.low.y;
+  if (is_cut_east) lines |= box_.high.x;
+  if (is_cut_north) lines |= box_.high.y;
+  const double before = 0.25 * of_dist_0(lines & -lines);
+  const auto note = [&](double& side, std::int64_t line, std::int64_t of_node, double coordinate) {
+    if (of_node > line || line - of_node >= wants_.grid_step()) return;
+    side = coordinate + of_dist_0(line - of_node) - before;
+  };
   for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
     const LatticePoint p = place_of(*c);
-    if (p.x == box_.low.x && own_.west > 0) west_ = c->x - before;
-    if (p.y == box_.low.y && own_.south > 0) south_ = c->y - before;
-    if (p.x == box_.high.x) east_ = c->x - before;
-    if (p.y == box_.high.y) north_ = c->y - before;
+    if (box_.low.x > 0) note(west_, box_.low.x, p.x, c->x);
+    if (box_.low.y > 0) note(south_, box_.low.y, p.y, c->y);
+    if (is_cut_east) note(east_, box_.high.x, p.x, c->x);
+    if (is_cut_north) note(north_, box_.high.y, p.y, c->y);
   }
 }
 
@@ -44,21 +54,19 @@ double PieceUpdate::distance_to_cut(const Cell& c) const {
 
 // A node is linked to others up to the spacing of its level away, and those to others up to that of
 // theirs, which is at most twice as large. What others rest on, by however many steps, lies within
-// four times that of its ipos. The grid is kept in all of the window.
+// four times that of its ipos. The grid is kept in all of the window, which ends with a cell.
 bool PieceUpdate::is_near(const Cell& c) const {
   if (c.ipos == 0 || keeps_windows_) {
-    return distance_to_cut(c) <= (overlap_ + 0.5) * state_.domain.dist_0;
+    return distance_to_cut(c) <= (overlap_ + 1.5) * state_.domain.dist_0;
   }
   const double widest = state_.domain.dist_0 / exact_power_of_2(c.ipos / 2);
   return distance_to_cut(c) <= 4.0 * widest;
 }
 
-Box PieceUpdate::box_of(const Window& window) const {
-  const auto end = [this](std::int32_t line, std::int32_t last) {
-    return line * wants_.grid_step() + (line == last ? 1 : 0);
-  };
-  return {{window.west * wants_.grid_step(), window.south * wants_.grid_step()},
-          {end(window.east, nx_ - 1), end(window.north, ny_ - 1)}};
+Box PieceUpdate::closed_at_sides(Box box) const {
+  if (box.high.x == wants_.frame_last().x) ++box.high.x;
+  if (box.high.y == wants_.frame_last().y) ++box.high.y;
+  return box;
 }
 
 LatticePoint PieceUpdate::place_of(const Cell& c) const {
@@ -69,11 +77,7 @@ LatticePoint PieceUpdate::place_of(const Cell& c) const {
 
 Point PieceUpdate::point_at(LatticePoint p) const {
   const Frame& frame = state_.domain.frame;
-  const auto offset = [&](std::int64_t units) {
-    return static_cast<double>(units) / static_cast<double>(wants_.grid_step()) *
-           state_.domain.dist_0;
-  };
-  return {frame.x_min + offset(p.x), frame.y_min + offset(p.y)};
+  return {frame.x_min + of_dist_0(p.x), frame.y_min + of_dist_0(p.y)};
 }
 
 /// Whether the tables are those of the mesh as it is.
@@ -116,6 +120,13 @@ void PieceUpdate::keep_window() {
   state_.candidate_order = CandidateOrder::by_age;
 }
 
+/// Nodes may be finer than before.
+void PieceUpdate::look_at_limit() {
+  if (level_of_sides_ == state_.level_max) return;
+  find_sides_of_box();
+  is_listed_ = knows_changes_ = false;
+}
+
 /// Counts own nodes that come and go, calls the caller's own hooks, and leaves those of others out
 /// of what is refused.
 class PieceUpdate::Counting {
@@ -148,6 +159,7 @@ class PieceUpdate::Counting {
 void PieceUpdate::update_window(
     const batch_size_function& sizes,
     const std::function<UpdateStatistics(const batch_size_function& counted)>& update) {
+  look_at_limit();
   const Counting counting(*this);
   std::int64_t nb_asked = 0;
   statistics_ = update([&](std::span<const Cell* const> nodes, std::span<double> of) {

@@ -10,7 +10,7 @@
 
 namespace velmar_2d::detail {
 
-/// A box of grid cells, half open but where the whole ends.
+/// Half open.
 struct Box {
   LatticePoint low, high;  ///< high: the first lines that do not belong to it
 
@@ -100,10 +100,9 @@ struct NodeValues {
 /// The steps of a common update, on the mesh of one window.
 class PieceUpdate {
  public:
-  PieceUpdate(State& state, const Window& own, std::int32_t overlap, std::int32_t nx,
-              std::int32_t ny);
+  /// With a box whose upper lines belong to it where the whole ends there.
+  PieceUpdate(State& state, const Box& own, std::int32_t overlap);
 
-  const Window& own() const { return own_; }
   bool owns(LatticePoint p) const { return box_.contains(p); }
   /// Told by coordinates, which are within rounding where the node lies on a line of the grid.
   bool owns(const Cell& c) const {
@@ -154,16 +153,16 @@ class PieceUpdate {
     LatticePoint at;
     bool rests_beyond;  ///< on a node of another
   };
-  std::vector<Near> border(const Window& of, int layers);
+  std::vector<Near> border(const Box& of, int layers);
   /// Of each of the boxes.
-  std::vector<std::vector<LatticePoint>> children_of(std::span<const Window> of, bool of_all);
-  std::vector<std::vector<LatticePoint>> borders(std::span<const Window> of, bool of_all);
+  std::vector<std::vector<LatticePoint>> children_of(std::span<const Box> of, bool of_all);
+  std::vector<std::vector<LatticePoint>> borders(std::span<const Box> of, bool of_all);
   void hold_ghosts(std::span<const LatticePoint> places);
   void keep_ghosts() { keeps_ghosts_ = true; }
   bool has_changed() const;
   void end_unchanged();
   bool has_freed() const { return !freed_.empty(); }
-  std::vector<LatticePoint> gone_near(const Window& from) const;
+  std::vector<LatticePoint> gone_near(const Box& from) const;
   void remove_ghosts(std::span<const LatticePoint> places);
   void change_ghosts(std::span<const LatticePoint> come, std::span<const LatticePoint> gone);
   /// Calls `use` with each ghost, its place and whether it is linked to own nodes.
@@ -192,8 +191,10 @@ class PieceUpdate {
   class Insertion;
   class Removal;
   class Counting;
-  Box box_of(const Window& window) const;
+  Box closed_at_sides(Box box) const;
   void find_sides_of_box();
+  void look_at_limit();
+  double of_dist_0(std::int64_t units) const;
   Near near_of(Cell& c) const;
   std::vector<const Cell*> ghosts_at_newcomers() const;
   bool rests_beyond(LatticePoint at, std::int32_t ipos) const;
@@ -237,12 +238,12 @@ class PieceUpdate {
   Point point_at(LatticePoint p) const;
 
   State& state_;
-  Window own_;
-  std::int32_t overlap_, nx_, ny_;
+  std::int32_t overlap_;
   Lattice wants_;  ///< holds nothing: tells what lies where
   Box box_;
   double west_ = 0.0, east_ = 0.0, south_ = 0.0,
-         north_ = 0.0;  ///< a little before the box; infinite where the whole ends
+         north_ = 0.0;               ///< a little before the box; infinite where the whole ends
+  std::int32_t level_of_sides_ = 0;  ///< that nodes may have for these
   size_function size_;
   batch_size_function sizes_;
   Resolution resolution_;

@@ -55,6 +55,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   gone_before_ = {};
   reaches_cut_ = ghosts_are_needed_ = false;
   knows_fallen_ = std::exchange(surplus_has_gone_, false);
+  look_at_limit();
   fallen_.clear();
   freed_.clear();
   if (state_.resolved_revision != state_.mesh_revision) {

@@ -215,6 +215,8 @@ class Lattice {
   /// The lower left and the upper right corner of the domain.
   LatticePoint first() const { return first_; }
   LatticePoint last() const { return last_; }
+  /// The upper right corner of the frame.
+  LatticePoint frame_last() const { return frame_last_; }
   /// The member of a ring that lies in this direction.
   LatticePoint neighbour(LatticePoint p, int direction, std::int32_t level) const;
   bool contains(LatticePoint p) const;
