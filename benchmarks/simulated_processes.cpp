@@ -1,6 +1,6 @@
 // What one mesh over many processes would take, on machines that are not here.
 //
-//     velmar_2d_simulated_processes                           10 million nodes, 64, 1024 and 16384
+//     velmar_2d_simulated_processes                           10 million nodes, 64 to 16384
 //     processes velmar_2d_simulated_processes NODES NB_PROCESSES ...    others
 //
 // The mesh is real: made by one process, then cut into boxes as velmar_2d::Partition cuts it. The

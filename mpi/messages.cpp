@@ -51,24 +51,25 @@ Messages::~Messages() {
   if (is_over == 0) MPI_Comm_free(&communicator_);
 }
 
-void Messages::send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in,
+void Messages::send_and_receive(const std::vector<int>& ranks, std::size_t item,
+                                const Outgoing& out, const Incoming& in,
                                 const std::vector<char>* comes) const {
   const Timed timed(seconds_);
   MPI_Datatype type = MPI_DATATYPE_NULL;
   MPI_Type_contiguous(static_cast<int>(item), MPI_BYTE, &type);
   MPI_Type_commit(&type);
-  std::vector<MPI_Request> sent(neighbours_.size(), MPI_REQUEST_NULL);
-  for (std::size_t i = 0; i < neighbours_.size(); ++i) {
+  std::vector<MPI_Request> sent(ranks.size(), MPI_REQUEST_NULL);
+  for (std::size_t i = 0; i < ranks.size(); ++i) {
     const auto [data, n] = out(i);
     if (comes != nullptr && n == 0) continue;
     nb_bytes_ += static_cast<std::int64_t>(n * item);
-    MPI_Isend(data, static_cast<int>(n), type, neighbours_[i], tag, communicator_, &sent[i]);
+    MPI_Isend(data, static_cast<int>(n), type, ranks[i], tag, communicator_, &sent[i]);
   }
-  for (std::size_t i = 0; i < neighbours_.size(); ++i) {
+  for (std::size_t i = 0; i < ranks.size(); ++i) {
     if (comes != nullptr && (*comes)[i] == 0) continue;
     MPI_Message message = MPI_MESSAGE_NULL;
     MPI_Status status;
-    MPI_Mprobe(neighbours_[i], tag, communicator_, &message, &status);
+    MPI_Mprobe(ranks[i], tag, communicator_, &message, &status);
     int n = 0;
     MPI_Get_count(&status, type, &n);
     MPI_Mrecv(in(i, static_cast<std::size_t>(n)), n, type, &message, MPI_STATUS_IGNORE);
@@ -127,7 +128,6 @@ void Messages::note_fault() {
 
 std::int64_t Messages::together(std::int64_t number) {
   const Timed timed(seconds_);
-  // The first process with a fault, or none.
   std::array<std::int64_t, 2> own = {number, has_fault_ ? 1 : 0}, all{};
   MPI_Allreduce(own.data(), all.data(), 2, MPI_INT64_T, MPI_SUM, communicator_);
   if (all[1] != 0) throw_fault();

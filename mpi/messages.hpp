@@ -44,27 +44,26 @@ class Messages {
   /// One message to each neighbour and one from each, in their order.
   template <typename T>
   std::vector<std::vector<T>> exchange(const std::vector<std::vector<T>>& out) const {
-    std::vector<std::vector<T>> in(neighbours_.size());
-    send_and_receive(
-        sizeof(T),
-        [&](std::size_t i) {
-          return std::pair<const void*, std::size_t>(out[i].data(), out[i].size());
-        },
-        [&](std::size_t i, std::size_t n) {
-          in[i].resize(n);
-          return static_cast<void*>(in[i].data());
-        });
-    return in;
+    return exchange_with(neighbours_, out);
   }
-
   /// The same where both of two know whether there is anything to send: nothing is sent where there
   /// is not.
   template <typename T>
   std::vector<std::vector<T>> exchange(const std::vector<std::vector<T>>& out,
                                        const std::vector<char>& comes) const {
-    std::vector<std::vector<T>> in(neighbours_.size());
+    return exchange_with(neighbours_, out, &comes);
+  }
+  /// One message to each of these processes and one from each, in their order. Collective in so far
+  /// as both of two must name each other.
+  ///
+  /// @param comes  those that send something, where that is known: empty messages are not sent
+  template <typename T>
+  std::vector<std::vector<T>> exchange_with(const std::vector<int>& ranks,
+                                            const std::vector<std::vector<T>>& out,
+                                            const std::vector<char>* comes = nullptr) const {
+    std::vector<std::vector<T>> in(ranks.size());
     send_and_receive(
-        sizeof(T),
+        ranks, sizeof(T),
         [&](std::size_t i) {
           return std::pair<const void*, std::size_t>(out[i].data(), out[i].size());
         },
@@ -72,7 +71,7 @@ class Messages {
           in[i].resize(n);
           return static_cast<void*>(in[i].data());
         },
-        &comes);
+        comes);
     return in;
   }
 
@@ -134,11 +133,10 @@ class Messages {
   std::vector<std::int64_t> gather_together(std::int64_t number);
 
  private:
-  using Outgoing = std::function<std::pair<const void*, std::size_t>(std::size_t neighbour)>;
-  using Incoming = std::function<void*(std::size_t neighbour, std::size_t n)>;
-  /// @param comes  neighbours that send something, where that is known: empty messages are not sent
-  void send_and_receive(std::size_t item, const Outgoing& out, const Incoming& in,
-                        const std::vector<char>* comes = nullptr) const;
+  using Outgoing = std::function<std::pair<const void*, std::size_t>(std::size_t i)>;
+  using Incoming = std::function<void*(std::size_t i, std::size_t n)>;
+  void send_and_receive(const std::vector<int>& ranks, std::size_t item, const Outgoing& out,
+                        const Incoming& in, const std::vector<char>* comes) const;
   [[noreturn]] void throw_fault();
   void note_fault();
   [[noreturn]] void end_all() const;

@@ -53,8 +53,7 @@ struct KeptNodes {
 
 constexpr const char* update_is_narrow =
     "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that their "
-    "owners "
-    "have: update() wants more overlap";
+    "owners have: update() wants more overlap";
 
 /// Makes the nodes of a mesh that was resolved, on a piece that has its grid.
 /// @return of each own node in their order, where it stands among the nodes
@@ -178,6 +177,8 @@ struct Partition::Parts {
   void give_values_to_strangers();
   void ask_window(std::span<const Cell* const> nodes, std::span<double> of,
                   const size_function& size, const batch_size_function& sizes);
+  /// Column and row of the grid where a node is.
+  std::array<double, 2> in_cells(const Cell& c) const;
   double cells_to_cut(const Cell& c) const;
   double cells_to_box(const Cell& c) const;
   void list_rings();

@@ -111,7 +111,7 @@ void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
     for (std::size_t i = 0; i < nb_processes; ++i) sends_to[i] = loads[i].places.empty() ? 0 : 1;
   });
   messages.together();
-  const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
+  const std::vector<int> partners = messages.partners(sends_to);
   std::vector<std::vector<Place>> places;
   std::vector<std::vector<double>> rows;
   std::vector<std::vector<std::uint64_t>> fingerprints;
@@ -121,11 +121,9 @@ void Partition::Parts::move_nodes(std::span<const Cell* const> nodes,
     rows.push_back(std::move(load.rows));
     fingerprints.push_back(std::move(load.fingerprints));
   }
-  messages.set_neighbours(partners);
-  places = messages.exchange(places);
-  rows = messages.exchange(rows);
-  fingerprints = messages.exchange(fingerprints);
-  messages.set_neighbours(neighbours);
+  places = messages.exchange_with(partners, places);
+  rows = messages.exchange_with(partners, rows);
+  fingerprints = messages.exchange_with(partners, fingerprints);
   PieceNodes moved;
   std::vector<std::uint64_t> expected;
   messages.alone([&] {
@@ -191,18 +189,16 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
     for (const Cell* c : owned) load.add(piece->place_of(*c), *c);
   });
   messages.together();
-  const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
+  const std::vector<int> partners = messages.partners(sends_to);
   std::vector<std::vector<Place>> places(partners.size());
   std::vector<std::vector<double>> rows(partners.size());
   std::vector<std::vector<std::uint64_t>> fingerprints(partners.size());
   places[0] = std::move(load.places);  // process 0 comes first of all partners
   rows[0] = std::move(load.rows);
   fingerprints[0] = std::move(load.fingerprints);
-  messages.set_neighbours(partners);
-  places = messages.exchange(places);
-  rows = messages.exchange(rows);
-  fingerprints = messages.exchange(fingerprints);
-  messages.set_neighbours(neighbours);
+  places = messages.exchange_with(partners, places);
+  rows = messages.exchange_with(partners, rows);
+  fingerprints = messages.exchange_with(partners, fingerprints);
   std::unique_ptr<Mesh> mesh;
   messages.alone([&] {
     if (messages.rank() != 0) return;

@@ -180,8 +180,7 @@ void take_over(Piece& piece, const Nodes& nodes, const std::vector<std::size_t>&
 
 /// How far a node lies beyond the box of this process.
 double Partition::Parts::cells_to_box(const Cell& c) const {
-  const double column = (c.x - whole.x_min) / piece->mesh().dist_0();
-  const double row = (c.y - whole.y_min) / piece->mesh().dist_0();
+  const auto [column, row] = in_cells(c);
   return std::max({box().west - column, column - box().east, box().south - row, row - box().north});
 }
 
@@ -213,11 +212,10 @@ void Partition::Parts::keep_nodes() {
 bool Partition::Parts::age_together(AgedNodes& own) {
   std::vector<char> sends_to(static_cast<std::size_t>(messages.nb_processes()), 0);
   sends_to[0] = 1;
-  const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
+  const std::vector<int> partners = messages.partners(sends_to);
   std::vector<Nodes> chains(partners.size());
   messages.alone([&] { chains[0] = own.nodes; });
-  messages.set_neighbours(partners);
-  chains = messages.exchange(chains);
+  chains = messages.exchange_with(partners, chains);
   std::vector<std::vector<std::int64_t>> ages(partners.size());
   bool is_known = true;
   messages.alone([&] {
@@ -241,8 +239,7 @@ bool Partition::Parts::age_together(AgedNodes& own) {
       }
     }
   });
-  ages = messages.exchange(ages);
-  messages.set_neighbours(neighbours);
+  ages = messages.exchange_with(partners, ages);
   messages.alone([&] {
     auto age = ages[0].begin();
     for (AgedNode& node : own.nodes) {
@@ -320,17 +317,15 @@ AgedNodes Partition::Parts::nodes_from_all(
     }
   });
   messages.together();
-  const std::vector<int> neighbours = messages.neighbours(), partners = messages.partners(sends_to);
+  const std::vector<int> partners = messages.partners(sends_to);
   std::vector<Nodes> nodes;
   std::vector<std::vector<double>> rows;
   for (const int rank : partners) {
     nodes.push_back(std::move(loads[static_cast<std::size_t>(rank)].nodes));
     rows.push_back(std::move(loads[static_cast<std::size_t>(rank)].rows));
   }
-  messages.set_neighbours(partners);
-  nodes = messages.exchange(nodes);
-  rows = messages.exchange(rows);
-  messages.set_neighbours(neighbours);
+  nodes = messages.exchange_with(partners, nodes);
+  rows = messages.exchange_with(partners, rows);
   AgedNodes all;
   messages.alone([&] {
     for (std::size_t i = 0; i < partners.size(); ++i) {

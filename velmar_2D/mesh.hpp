@@ -119,13 +119,13 @@ class NodeRange {
 
     iterator() = default;
     iterator(Node* node, std::span<const Handle> stretches) : node_(node), stretches_(stretches) {
-      skip_empty_stretches();
+      to_next_stretch();
     }
     Node& operator*() const { return *node_; }
     Node* operator->() const { return node_; }
     iterator& operator++() {
       node_ = node_->next;
-      if (node_ == nullptr) skip_empty_stretches();
+      if (node_ == nullptr) to_next_stretch();
       return *this;
     }
     iterator operator++(int) {
@@ -136,7 +136,7 @@ class NodeRange {
     friend bool operator==(const iterator& a, const iterator& b) { return a.node_ == b.node_; }
 
    private:
-    void skip_empty_stretches() {
+    void to_next_stretch() {
       while (node_ == nullptr && !stretches_.empty()) {
         node_ = stretches_.front().next;
         stretches_ = stretches_.subspan(1);

@@ -6,6 +6,8 @@
 
 namespace velmar_2d::detail {
 
+struct Domain;
+
 /// All that a mesh is but what its user brought along: functions, handlers and `data_ptr`; and but
 /// what the library-wide variables hold beside the mesh.
 ///
@@ -61,6 +63,18 @@ VELMAR_2D_API Mesh restore(const Snapshot& snapshot, const bc_type_function& bc_
 /// The same in place of the mesh of the free procedures, which goes; where this throws it stays.
 VELMAR_2D_API void restore_default(const Snapshot& snapshot, const bc_type_function& bc_type,
                                    bool check);
+
+/// Throws Error where it does not hold.
+inline void require(bool holds, const char* otherwise) {
+  if (!holds) throw Error(otherwise);
+}
+/// Throws Error, in one line, where an index is out of its range, or the arrays contradict one
+/// another.
+///
+/// @param mutual  no link may be one-way
+void check_snapshot(const Snapshot& snapshot, bool mutual);
+/// Needs: arrays whose domain has been checked.
+Domain domain_of(const Snapshot& snapshot);
 
 /// The door to the state of a Mesh.
 struct SnapshotAccess {

@@ -26,6 +26,7 @@ from ._core import MeshError
 from .arguments import (TRANSFERS, callables, four_numbers, limit_of_nodes, not_absurd,
                         number_of_transfer)
 from .mesh import Mesh
+from .mpi_faults import Noting, told_by_first
 
 try:
     from . import _mpi
@@ -94,7 +95,7 @@ class Partition:
         kinds = links.kinds_of_sides(bc_type), vectorised
         grid = (four_numbers(rectangle), operator.index(nx), 0 if ny is None else operator.index(ny),
                 not_absurd("subdiv_max", subdiv_max), not_absurd("n_cell_data", n_cell_data))
-        with _Noting() as noted:
+        with Noting() as noted:
             self._take(comm, _mpi.Partition(comm.py2f(), *grid, *noted.kinds(kinds), overlap,
                                             repairs), kinds)
 
@@ -118,10 +119,10 @@ class Partition:
             mesh._core.revision()  # raises where the mesh has been deleted
             return mesh._kinds[0] if bc_type is None else None
 
-        own = _told_by_first(comm, kinds_of_mesh)
+        own = told_by_first(comm, kinds_of_mesh)
         kinds = (links.kinds_of_sides(bc_type) if own is None else tuple(own)), vectorised
         part = cls.__new__(cls)
-        with _Noting() as noted:
+        with Noting() as noted:
             core = mesh._core if comm.rank == 0 and mesh is not None else None
             part._take(comm, _mpi.Partition(comm.py2f(), core, *noted.kinds(kinds), overlap,
                                             repairs), kinds)
@@ -139,7 +140,7 @@ class Partition:
             mesh = Mesh.load(path, name, step=step, time=time, bc_type=bc_type,
                              vectorised=vectorised)
 
-        _told_by_first(comm, load)
+        told_by_first(comm, load)
         return cls.from_mesh(comm, mesh, bc_type, vectorised=vectorised, overlap=overlap,
                              repairs=repairs)
 
@@ -173,7 +174,7 @@ class Partition:
         with self._agreed():
             limits = float(margin), limit_of_nodes(most_nodes), float(slope)
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
-        with _Noting() as noted:
+        with Noting() as noted:
             self._core.resolve(noted(size), noted(init_data), *limits, *ways,
                                *noted.kinds(self._kinds))
         return self.statistics()
@@ -191,7 +192,7 @@ class Partition:
         """
         with self._agreed():
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
-        with _Noting() as noted:
+        with Noting() as noted:
             self._core.update(noted(size), noted(init_data), *ways, *noted.kinds(self._kinds))
         return self.statistics()
 
@@ -201,7 +202,7 @@ class Partition:
         Returns whether it did. After update() it leaves all as it is where plain updates cannot make
         the nodes anew.
         """
-        with _Noting() as noted:
+        with Noting() as noted:
             return self._core.rebalance(threshold, *noted.kinds(self._kinds))
 
     @property
@@ -404,7 +405,7 @@ class Partition:
 
     def gather(self) -> Mesh | None:
         """The whole mesh with its data on process 0, None elsewhere. For small cases. Collective."""
-        with _Noting() as noted:
+        with Noting() as noted:
             core = self._core.gather(*noted.kinds(self._kinds))
         if core is None:
             return None
@@ -416,7 +417,7 @@ class Partition:
         """Lets process 0 gather the mesh and write a file, as Mesh.save() does with its options.
         Collective."""
         mesh = self.gather()
-        _told_by_first(self.comm, lambda: mesh.save(path, **options) if mesh is not None else None)
+        told_by_first(self.comm, lambda: mesh.save(path, **options) if mesh is not None else None)
 
     def to_scipy_laplacian(self, *, per_area: bool = True) -> Any:
         """Rows of owned nodes of the Laplacian of finite volumes, as Mesh.to_scipy_laplacian() has it.
@@ -484,46 +485,3 @@ class Partition:
         if name not in self._kept:
             self._kept[name] = getattr(self._core, name)()
         return self._kept[name]
-
-
-class _Noting:
-    """Notes what functions raise: it becomes the cause of the error that all processes raise."""
-
-    def __init__(self) -> None:
-        self.fault: BaseException | None = None
-
-    def __call__(self, function: Callable[..., Any] | None) -> Callable[..., Any] | None:
-        if function is None:
-            return None
-
-        def noted(*arguments: Any) -> Any:
-            try:
-                return function(*arguments)
-            except BaseException as fault:
-                self.fault = fault
-                raise
-        return noted
-
-    def kinds(self, kinds: tuple[Any, bool]) -> tuple[Any, bool]:
-        return (self(kinds[0]) if callable(kinds[0]) else kinds[0]), kinds[1]
-
-    def __enter__(self) -> _Noting:
-        return self
-
-    def __exit__(self, kind: Any, error: BaseException | None, place: Any) -> None:
-        if isinstance(error, MeshError) and self.fault is not None:
-            error.__cause__ = self.fault
-
-
-def _told_by_first(comm: Any, work: Callable[[], Any]) -> Any:
-    """What process 0 makes of it, on all. So is what it raises."""
-    fault, told = None, (None, None)
-    if comm.rank == 0:
-        try:
-            told = (work(), None)
-        except Exception as found:
-            fault, told = found, (None, f"{type(found).__name__}: {found}")
-    result, text = comm.bcast(told)
-    if text is not None:
-        raise MeshError(f"velmar_2d: ERROR on process 0 of {comm.size}: {text}") from fault
-    return result

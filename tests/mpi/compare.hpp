@@ -10,6 +10,17 @@
 
 namespace velmar_2d {
 
+/// A rectangle away from the origin, and a first grid of it with two kinds of sides.
+inline const Rectangle tested_whole{0.1, 1.3, -0.7, 0.2};
+inline Grid tested_grid(std::int32_t subdiv_max) {
+  return {.nx = 17,
+          .subdiv_max = subdiv_max,
+          .n_cell_data = 2,
+          .bc_type = [](double, double, std::string_view side) {
+            return side == "North" ? bc_type_neu : bc_type_dir;
+          }};
+}
+
 inline int nb_wrong = 0;
 
 inline void expect(bool is_so, const char* what, int step) {

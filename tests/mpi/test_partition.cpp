@@ -41,13 +41,8 @@ void check_numbers(Partition& part, int step) {
 
 /// With an overlap of 1 links of ghosts are missing at the first grid already.
 void run_ring(std::int32_t overlap) {
-  const Rectangle whole{0.1, 1.3, -0.7, 0.2};
-  const Grid grid{.nx = 17,
-                  .subdiv_max = 11,
-                  .n_cell_data = 2,
-                  .bc_type = [](double, double, std::string_view side) {
-                    return side == "North" ? bc_type_neu : bc_type_dir;
-                  }};
+  const Rectangle& whole = tested_whole;
+  const Grid grid = tested_grid(11);
   Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = overlap});
   Mesh mesh(whole, grid);
   mesh.set_transfer(Transfer::all);

@@ -13,13 +13,8 @@ using namespace velmar_2d;
 
 namespace {
 
-const Rectangle whole{0.1, 1.3, -0.7, 0.2};
-const Grid grid{.nx = 17,
-                .subdiv_max = 10,
-                .n_cell_data = 2,
-                .bc_type = [](double, double, std::string_view side) {
-                  return side == "North" ? bc_type_neu : bc_type_dir;
-                }};
+const Rectangle& whole = tested_whole;
+const Grid grid = tested_grid(10);
 
 /// Steps [first, end) of a front, on a Mesh or a Partition.
 template <typename Kept, typename Nodes>

@@ -7,11 +7,9 @@ namespace velmar_2d::detail {
 
 namespace {
 
-constexpr std::size_t numbers_of_part = 4096;
-
 /// What several threads work at together.
 struct Work {
-  std::size_t n;
+  std::size_t n, numbers_of_part;
   const std::function<void(std::size_t begin, std::size_t end)>& part;
   std::atomic<std::size_t> next = 0;
   std::mutex failing{};
@@ -34,11 +32,12 @@ struct Work {
 }  // namespace
 
 void in_parts(std::size_t n, std::int32_t threads,
-              const std::function<void(std::size_t begin, std::size_t end)>& work) {
+              const std::function<void(std::size_t begin, std::size_t end)>& work,
+              std::size_t numbers_of_part) {
   const std::size_t most = std::max<std::size_t>(1, n / numbers_of_part);
   const std::size_t number =
       std::min(most, static_cast<std::size_t>(std::max<std::int32_t>(threads, 1)));
-  Work shared{n, work};
+  Work shared{n, numbers_of_part, work};
   {
     const Helpers helpers(number - 1, [&shared] { shared.take_parts(); });
     shared.take_parts();

@@ -33,9 +33,10 @@ void compute_portions(const State& state, Portions& portions) noexcept {
 /// False where a node failed.
 bool compute_in_space_order(const State& state, int threads) {
   state.progress.begin("derivatives", state.nb_nodes);
-  return try_data_at_nodes(state, state.space_order.nodes(), threads, [&](std::size_t nb_nodes) {
-    while (nb_nodes-- > 0) state.progress.step();
-  });
+  return try_compute_data_at_nodes(state, state.space_order.nodes(), threads,
+                                   [&](std::size_t nb_nodes) {
+                                     while (nb_nodes-- > 0) state.progress.step();
+                                   });
 }
 
 }  // namespace

@@ -343,7 +343,7 @@ void compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int
 /// Likewise, but stops where one fails, and returns false.
 /// @param tell  told of so many more nodes now and then, in the caller's thread; what it throws
 ///              leaves when all threads have ended
-bool try_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,
-                       const std::function<void(std::size_t nb_nodes)>& tell = {});
+bool try_compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,
+                               const std::function<void(std::size_t nb_nodes)>& tell = {});
 
 }  // namespace velmar_2d::detail
