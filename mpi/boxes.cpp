@@ -58,17 +58,22 @@ class Cutter {
     return static_cast<double>(sum(box.east, box.north) - sum(box.west, box.north) -
                                sum(box.east, box.south) + sum(box.west, box.south));
   }
-  /// The share that is off, and a little for long cuts, which make ghosts.
+  /// What a part of the heavier side has to bear, and a little for long cuts and for narrow strips,
+  /// which make ghosts. Each side gets as many parts as are nearest to its share of the weight, as
+  /// far as it has cells for them.
   void consider(Best& best, const Window& box, const Window& lower, const Window& upper,
                 int nb_parts) {
-    const std::int64_t nb_lower = std::clamp<std::int64_t>(
-        nb_parts / 2, nb_parts - std::min<std::int64_t>(nb_cells(upper), nb_parts - 1),
-        std::min<std::int64_t>(nb_cells(lower), nb_parts - 1));
-    const double all = std::max(weight(box), 1.0);
-    const double off = std::abs(weight(lower) / all - static_cast<double>(nb_lower) / nb_parts);
+    const double share = weight(lower) / std::max(weight(box), 1.0);
+    const std::int64_t nb_lower =
+        std::clamp<std::int64_t>(std::llround(share * nb_parts),
+                                 nb_parts - std::min<std::int64_t>(nb_cells(upper), nb_parts - 1),
+                                 std::min<std::int64_t>(nb_cells(lower), nb_parts - 1));
+    const double load = std::max(share / static_cast<double>(nb_lower),
+                                 (1.0 - share) / static_cast<double>(nb_parts - nb_lower));
     const double length = lower.east != upper.east ? box.north - box.south : box.east - box.west;
     const double round = (box.north - box.south) + (box.east - box.west);
-    const double cost = off + 0.02 * length / round;
+    const double strip = std::abs(2.0 * static_cast<double>(nb_lower) / nb_parts - 1.0);
+    const double cost = load * nb_parts + 0.02 * (length / round + strip);
     if (cost < best.cost) best = {cost, lower, upper, static_cast<int>(nb_lower)};
   }
 

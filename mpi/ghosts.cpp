@@ -33,7 +33,7 @@ std::vector<Place> sort_and_list(std::vector<Placed>& nodes, std::vector<Cell*>&
 }  // namespace
 
 // Both sides have the ghosts of a neighbour in the order of their places, linked ones first.
-void Partition::Parts::plan_exchange() {
+void Partition::Parts::plan_exchange(bool hands_on) {
   const std::vector<int>& ranks = messages.neighbours();
   number_of.clear();
   std::vector<std::vector<Place>> out(ranks.size());
@@ -55,6 +55,16 @@ void Partition::Parts::plan_exchange() {
     take_fingerprints();
     mesh_told = piece->mesh().revision();
   });
+  if (!hands_on) return;
+  // All ghosts that have come are among those that have come to these lists.
+  nb_handed_on = 0;
+  known_ghosts.clear();
+  std::vector<std::vector<Place>> asked, asked_here;
+  for (std::size_t i = 0; i < ranks.size(); ++i) {
+    asked.push_back(all_that_come(out[i]));
+    asked_here.push_back(all_that_come(in[i]));
+  }
+  hand_on_data(asked, asked_here);
 }
 
 /// Ghosts, by neighbour, and the messages about them.
@@ -112,7 +122,10 @@ void Partition::Parts::list_sent(const std::vector<std::vector<Place>>& in, bool
     for (const ToldPlaces* told : {&told_linked, &told_others}) {
       for (const Place& place : told->received[i]) {
         const std::int64_t row = piece->row_of(place);
-        if (row < 0) throw Error("a neighbour has a ghost of a node that is not there");
+        if (row < 0) {
+          lacks_nodes = true;
+          continue;
+        }
         sent[i].push_back(owned[static_cast<std::size_t>(row)]);
         rows.push_back(static_cast<std::int32_t>(row));
       }
@@ -195,20 +208,23 @@ void Partition::Parts::conclude(bool with_data) {
   messages.alone([&] { write_conclusion(out, width); });
   const std::vector<std::vector<std::uint64_t>> in = messages.exchange(out);
   bool are_alike = true;
-  messages.alone([&] { are_alike = read_conclusion(in, width); });
+  messages.alone(
+      [&] { are_alike = !std::exchange(lacks_nodes, false) && read_conclusion(in, width); });
+  constexpr std::int64_t differs = 1, ends_too_soon = 2, count = 4;
+  std::int64_t found = (are_alike ? 0 : differs) | (piece->reaches_cut() ? ends_too_soon : 0);
   if (is_settled) {
-    if (messages.any(are_alike ? 0 : 1) != 0) throw TooNarrow(differing);
-    return;
+    found = static_cast<std::int64_t>(messages.any(static_cast<std::uint64_t>(found)));
+  } else {
+    const std::vector<std::int64_t> numbers =
+        messages.gather_together(count * static_cast<std::int64_t>(owned.size()) + found);
+    first_numbers.assign(1, 0);
+    for (const std::int64_t number : numbers) {
+      first_numbers.push_back(first_numbers.back() + number / count);
+      found |= number % count;
+    }
   }
-  const std::vector<std::int64_t> counts =
-      messages.gather_together(2 * static_cast<std::int64_t>(owned.size()) + (are_alike ? 0 : 1));
-  const auto nb_processes = static_cast<std::size_t>(messages.nb_processes());
-  first_numbers.assign(nb_processes + 1, 0);
-  for (std::size_t i = 0; i < nb_processes; ++i) {
-    first_numbers[i + 1] = first_numbers[i] + counts[i] / 2;
-    are_alike = are_alike && counts[i] % 2 == 0;
-  }
-  if (!are_alike) throw TooNarrow(differing);
+  if ((found & ends_too_soon) != 0) throw TooNarrow(narrow);
+  if ((found & differs) != 0) throw TooNarrow(differing);
 }
 
 std::int64_t Partition::global_number(const Cell& c) const {

@@ -54,6 +54,7 @@ void Partition::Parts::refine_graded_by_place() {
 void Partition::Parts::refine_graded() {
   if (grid.n_cell_data == 0) {
     refine_graded_by_place();
+    sharing([&] { share_children(); });
   } else {
     refine();
   }

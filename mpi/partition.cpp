@@ -160,10 +160,14 @@ void Partition::resolve_batched(const batch_size_function& sizes, init_data_func
 }
 void Partition::Parts::begin_resolve(const size_function& size, const batch_size_function& sizes,
                                      init_data_function init_data, const Resolution& resolution) {
-  refuse_after(Adapted::by_update,
-               "resolve() goes on from the grid or from itself, not from update()");
   messages.collective([&] {
-    with_statistics([&] { repairing([&] { resolve(size, sizes, init_data, resolution); }); });
+    with_statistics([&] {
+      if (adapted_by == Adapted::by_update) {
+        messages.alone([&] { check_resolve(size, sizes, resolution); });
+        sharing([&] { nb_restored = restore(init_data); });
+      }
+      repairing([&] { resolve(size, sizes, init_data, resolution); });
+    });
   });
 }
 

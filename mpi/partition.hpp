@@ -51,6 +51,9 @@ struct KeptNodes {
   std::size_t nb_own = 0;
 };
 
+constexpr const char* narrow =
+    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
+    "overlap is wanted";
 constexpr const char* update_is_narrow =
     "(velmar_2D/Partition:) ERROR: nodes around the box of a process are not those that their "
     "owners have: update() wants more overlap";
@@ -75,6 +78,7 @@ struct Partition::Parts {
   std::optional<Piece> piece;
   PartitionStatistics statistics;  ///< of the last update, this process
   int nb_repairs = 0;
+  std::int64_t nb_restored = 0;  ///< own nodes that restore() has made for the last update
 
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
@@ -87,11 +91,13 @@ struct Partition::Parts {
   // What neighbours have been told: own nodes that they need to know, nodes of theirs that are
   // needed here, and ghosts, those linked to owned nodes and the others.
   ToldPlaces told_borders, told_needs, told_linked, told_others;
-  std::uint64_t needs_told = 0;  ///< revision of what told_needs has
-  std::uint64_t mesh_told = 0;   ///< revision of the mesh whose borders and ghosts were told
-  bool has_told = false;         ///< any of it
-  bool holds_more = false;       ///< own nodes, than the neighbours' needs
-  bool is_settled = false;       ///< this update has changed nothing on any process
+  std::uint64_t needs_told = 0;    ///< revision of what told_needs has
+  std::uint64_t mesh_told = 0;     ///< revision of the mesh whose borders and ghosts were told
+  bool lacks_nodes = false;        ///< that others have as ghosts
+  bool has_told = false;           ///< any of it
+  bool tells_all_children = true;  ///< not those alone that have come
+  bool holds_more = false;         ///< own nodes, than the neighbours' needs
+  bool is_settled = false;         ///< this update has changed nothing on any process
   std::vector<std::uint64_t> sent_fingerprints, received_fingerprints;  ///< of linked ghosts
 
   // The plan of the exchange, in the order of the neighbours. Made when the mesh has changed.
@@ -120,7 +126,8 @@ struct Partition::Parts {
   void refine();
   /// What processes have to tell one another.
   struct News {
-    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16;
+    static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16,
+                                   cut = 32;
   };
   std::uint64_t any_news();
   bool ask_and_exchange_wants();
@@ -137,10 +144,16 @@ struct Partition::Parts {
   bool exchange_needs();
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
+  std::vector<Window> boxes_of_neighbours() const;
+  void share_children();
   void share_ghosts();
-  std::vector<double> rows_at(std::span<const Place> places);
+  void exchange_borders(const std::vector<std::vector<Place>>& out);
+  void write_rows_at(std::span<const Place> places, double* row);
   void hand_on_data();
-  void plan_exchange();
+  void hand_on_data(const std::vector<std::vector<Place>>& asked,
+                    const std::vector<std::vector<Place>>& asked_here);
+  /// @param hands_on  data of ghosts that have come, too
+  void plan_exchange(bool hands_on = false);
   void list_received(std::vector<std::vector<Place>>& out);
   void list_sent(const std::vector<std::vector<Place>>& in, bool is_new_plan);
   void write_conclusion(std::vector<std::vector<std::uint64_t>>& out, std::size_t width);
@@ -169,6 +182,12 @@ struct Partition::Parts {
                     const std::optional<init_data_function>& init_data);
   void update(const size_function& size, const batch_size_function& sizes,
               const std::optional<init_data_function>& init_data);
+  /// Makes windows of resolve(), with the nodes that update() has left and what these rest on.
+  /// @return own nodes that have come by that
+  std::int64_t restore(const init_data_function& init_data);
+  std::vector<Place> missing_places();
+  void give_values_to_restored(const std::vector<char>& is_restored,
+                               const init_data_function& init_data);
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
@@ -247,6 +266,8 @@ struct Partition::Parts {
 
   /// Throws what no update of many processes can do.
   void check_update(const size_function& size, const batch_size_function& sizes) const;
+  void check_resolve(const size_function& size, const batch_size_function& sizes,
+                     const Resolution& resolution) const;
   /// Runs an update, and tells what it did and took.
   template <typename Update>
   void with_statistics(const Update& update);
@@ -312,11 +333,12 @@ void Partition::Parts::repairing(const Update& update) {
 template <typename Update>
 void Partition::Parts::with_statistics(const Update& update) {
   statistics = {};
+  nb_restored = 0;
   const double begin = own_seconds();
   const std::int64_t bytes_before = messages.nb_bytes();
   update();
   const UpdateStatistics& own = piece->statistics();
-  statistics.inserted = own.inserted;
+  statistics.inserted = own.inserted + nb_restored;
   statistics.removed = own.removed;
   statistics.visited = own.visited;
   statistics.refused = own.refused;

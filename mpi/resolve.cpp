@@ -5,12 +5,6 @@
 
 namespace velmar_2d {
 
-namespace {
-constexpr const char* narrow =
-    "(velmar_2D/Partition:) ERROR: the mesh needs nodes where the window of a process ends: more "
-    "overlap is wanted";
-}  // namespace
-
 std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Place>& places) const {
   std::vector<std::vector<Place>> sorted(messages.neighbours().size());
   for (const Place& place : places) sorted[neighbour_of(place)].push_back(place);
@@ -19,10 +13,11 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
 
 /// What some process has to tell the others. Where one has forgotten what it was told, all do.
 std::uint64_t Partition::Parts::any_news() {
-  const std::uint64_t any =
-      messages.any((piece->has_wants() ? News::wants : 0) | (has_changed() ? News::changes : 0) |
-                   (has_told ? 0 : News::forgotten) | (piece->has_nodes_to_ask() ? News::asks : 0) |
-                   (piece->has_sizes_to_tell() ? News::sizes : 0));
+  const std::uint64_t any = messages.any(
+      (piece->has_wants() ? News::wants : 0) | (has_changed() ? News::changes : 0) |
+      (has_told ? 0 : News::forgotten) | (piece->has_nodes_to_ask() ? News::asks : 0) |
+      (piece->has_sizes_to_tell() ? News::sizes : 0) | (piece->reaches_cut() ? News::cut : 0));
+  if ((any & News::cut) != 0) throw TooNarrow(narrow);
   if ((any & News::forgotten) != 0) {
     messages.alone([&] {
       for (const std::vector<Place>& places : told_borders.received) {
@@ -74,9 +69,13 @@ void Partition::Parts::refine() {
   while (ask_and_exchange_wants()) {
     if (grid.n_cell_data == 0) continue;
     sharing([&] {
+      share_children();
       share_ghosts();
       hand_on_data();
     });
+  }
+  if (!is_settled && (grid.n_cell_data == 0 || tells_all_children)) {
+    sharing([&] { share_children(); });
   }
 }
 
@@ -88,10 +87,11 @@ void Partition::Parts::release() {
 
 void Partition::Parts::release_until_kept() {
   bool has_lost = true;
-  while (has_lost) {
+  for (int pass = 0; has_lost; ++pass) {
     messages.alone([&] { piece->release(); });
     sharing([&] { has_lost = exchange_needs(); });
-    has_lost = messages.any(has_lost ? 1 : 0) != 0;
+    // Hardly ever does the first pass let go all: the second comes without asking the others.
+    has_lost = pass == 0 || messages.any(has_lost ? 1 : 0) != 0;
   }
 }
 
@@ -146,30 +146,59 @@ void Partition::Parts::forget_told() {
   mesh_told = ~std::uint64_t{0};
   has_told = true;
   holds_more = true;
+  tells_all_children = true;
 }
 
-/// Each process tells its neighbours about its nodes near them.
+std::vector<Window> Partition::Parts::boxes_of_neighbours() const {
+  std::vector<Window> there;
+  for (const int rank : messages.neighbours())
+    there.push_back(boxes[static_cast<std::size_t>(rank)]);
+  return there;
+}
+
+/// Each process tells its neighbours about its nodes that rest on theirs, so that they know what
+/// their own nodes are linked to.
+void Partition::Parts::share_children() {
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  messages.alone([&] {
+    std::vector<std::vector<Place>> children =
+        piece->children_places(boxes_of_neighbours(), tells_all_children);
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      const std::vector<Place>& told = told_borders.sent[i];
+      std::sort(children[i].begin(), children[i].end());
+      std::vector<Place> all;
+      all.reserve(told.size() + children[i].size());
+      std::set_union(told.begin(), told.end(), children[i].begin(), children[i].end(),
+                     std::back_inserter(all));
+      tell_changes(told_borders.sent[i], std::move(all), out[i]);
+    }
+  });
+  tells_all_children = false;
+  exchange_borders(out);
+}
+
+/// And about those that these need to know besides. Needs: all processes' children told.
 void Partition::Parts::share_ghosts() {
-  const std::vector<int>& ranks = messages.neighbours();
-  std::vector<std::vector<Place>> out(ranks.size());
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
   messages.alone([&] {
     if (mesh_told == piece->mesh().revision()) {
       for (std::vector<Place>& message : out) tell_no_changes(message);
       return;
     }
-    std::vector<Window> there;
-    there.reserve(ranks.size());
-    for (const int rank : ranks) there.push_back(boxes[static_cast<std::size_t>(rank)]);
-    std::vector<std::vector<Place>> borders = piece->border_places(there);
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
+    std::vector<std::vector<Place>> borders = piece->border_places(boxes_of_neighbours());
+    for (std::size_t i = 0; i < out.size(); ++i) {
       std::sort(borders[i].begin(), borders[i].end());
       tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
     }
   });
+  exchange_borders(out);
+}
+
+void Partition::Parts::exchange_borders(const std::vector<std::vector<Place>>& out) {
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
     std::vector<Place> come, gone;
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
+    for (std::size_t i = 0; i < in.size(); ++i) {
       ChangesReader reader(in[i]);
       reader.read(told_borders.received[i]);
       come.insert(come.end(), reader.come().begin(), reader.come().end());
@@ -177,57 +206,69 @@ void Partition::Parts::share_ghosts() {
     }
     piece->change_ghosts(come, gone);
   });
-  if (messages.any(piece->reaches_cut() ? 1 : 0) != 0) throw TooNarrow(narrow);
 }
 
 /// Of own nodes: 1 where they were there before the update, 0 otherwise, and their data.
-std::vector<double> Partition::Parts::rows_at(std::span<const Place> places) {
-  std::vector<double> rows;
-  rows.reserve(places.size() * (static_cast<std::size_t>(grid.n_cell_data) + 1));
+void Partition::Parts::write_rows_at(std::span<const Place> places, double* row) {
   for (const Place& place : places) {
     const Cell* c = piece->node_at(place);
-    if (c == nullptr) throw Error("a neighbour has a ghost of a node that is not there");
-    rows.push_back(piece->has_come(*c) ? 0.0 : 1.0);
-    rows.insert(rows.end(), c->data.begin(), c->data.end());
+    if (c == nullptr) {
+      lacks_nodes = true;
+      *row = 0.0;
+    } else {
+      *row = piece->has_come(*c) ? 0.0 : 1.0;
+      std::copy(c->data.begin(), c->data.end(), row + 1);
+    }
+    row += grid.n_cell_data + 1;
   }
-  return rows;
 }
 
 /// New nodes near a cut may have parents that were not known here: owners tell what these held, and
 /// all that follows from it is computed anew.
 void Partition::Parts::hand_on_data() {
   if (grid.n_cell_data <= 0) return;
-  const std::size_t nb_neighbours = messages.neighbours().size();
-  const std::size_t width = static_cast<std::size_t>(grid.n_cell_data) + 1;
   const std::span<Cell* const> newcomers = piece->newcomers();
   nb_handed_on = std::min(nb_handed_on, newcomers.size());
-  std::vector<std::vector<Place>> out(nb_neighbours);
+  std::vector<std::vector<Place>> asked(messages.neighbours().size());
   messages.alone([&] {
     std::vector<Place> places;
     for (const Cell* c : newcomers.subspan(nb_handed_on)) {
       if (!piece->owns(*c)) places.push_back(piece->place_of(*c));
     }
-    out = by_owner(places);
+    asked = by_owner(places);
   });
+  hand_on_data(asked, messages.exchange(asked));
+}
+
+/// @param asked  of others, who know these places; those that are not new stay as they are
+void Partition::Parts::hand_on_data(const std::vector<std::vector<Place>>& asked,
+                                    const std::vector<std::vector<Place>>& asked_here) {
+  if (grid.n_cell_data <= 0) return;
+  const std::size_t nb_neighbours = messages.neighbours().size();
+  const std::size_t width = static_cast<std::size_t>(grid.n_cell_data) + 1;
   std::vector<std::vector<double>> answers(nb_neighbours);
-  const std::vector<std::vector<Place>> asked = messages.exchange(out);
+  std::vector<char> comes(nb_neighbours);
+  for (std::size_t i = 0; i < nb_neighbours; ++i) {
+    answers[i].resize(asked_here[i].size() * width);
+    comes[i] = asked[i].empty() ? 0 : 1;
+  }
   messages.alone([&] {
-    for (std::size_t i = 0; i < nb_neighbours; ++i) answers[i] = rows_at(asked[i]);
+    for (std::size_t i = 0; i < nb_neighbours; ++i) write_rows_at(asked_here[i], answers[i].data());
   });
-  const std::vector<std::vector<double>> told = messages.exchange(answers);
+  const std::vector<std::vector<double>> told = messages.exchange(answers, comes);
   messages.alone([&] {
     for (std::size_t i = 0; i < nb_neighbours; ++i) {
-      if (told[i].size() != out[i].size() * width) continue;  // a fault there, told in together()
-      for (std::size_t k = 0; k < out[i].size(); ++k) {
+      for (std::size_t k = 0; k < asked[i].size(); ++k) {
         const double* row = told[i].data() + k * width;
         if (row[0] == 0.0) continue;
-        Cell* c = piece->node_at(out[i][k]);
+        Cell* c = piece->node_at(asked[i][k]);
+        if (c == nullptr || !piece->has_come(*c)) continue;
         known_ghosts.insert(c);
         std::copy(row + 1, row + width, c->data.begin());
       }
     }
     piece->hand_on_data([&](const Cell& c) { return known_ghosts.contains(&c); }, nb_handed_on);
-    nb_handed_on = newcomers.size();
+    nb_handed_on = piece->newcomers().size();
   });
 }
 
@@ -243,25 +284,31 @@ void Partition::Parts::exchange_data() {
 void Partition::Parts::settle() {
   is_settled = false;
   messages.alone([&] { list_owned(); });
+  share_children();
   share_ghosts();
   plan_exchange();
   conclude(false);
 }
 
+void Partition::Parts::check_resolve(const size_function& size, const batch_size_function& sizes,
+                                     const Resolution& resolution) const {
+  check_update(size, sizes);
+  if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
+  if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
+  if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
+}
+
 void Partition::Parts::resolve(const size_function& size, const batch_size_function& sizes,
                                init_data_function init_data, const Resolution& resolution) {
   adapted_by = Adapted::by_resolve;
-  is_settled = false;
+  is_settled = lacks_nodes = false;
   statistics.nb_rounds = 0;
   nb_handed_on = 0;
   known_ghosts.clear();
   slope = resolution.slope;
   if (mesh_told != piece->mesh().revision()) has_told = false;  // it was changed by hand
   messages.alone([&] {
-    check_update(size, sizes);
-    if (!(resolution.slope >= 0.0)) throw Error("'slope' must not be negative");
-    if (!(resolution.margin >= 0.0)) throw Error("'margin' must not be negative");
-    if (resolution.most_nodes < 0) throw Error("'most_nodes' must not be negative");
+    check_resolve(size, sizes, resolution);
     piece->compute_derivatives();
     if (sizes) {
       piece->begin_batched(sizes, resolution, std::move(init_data));
@@ -287,10 +334,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
   sharing([&] {
     if (!is_settled) {
       share_ghosts();
-      nb_handed_on = 0;
-      known_ghosts.clear();
-      hand_on_data();
-      plan_exchange();
+      plan_exchange(true);
     }
     conclude(true);
   });

@@ -20,7 +20,15 @@ void tell_changes(std::vector<Place>& told, std::vector<Place> now, std::vector<
 
 void tell_no_changes(std::vector<Place>& message) { message.emplace_back(); }
 
-bool ChangesReader::read(std::vector<Place>& told) {
+std::vector<Place> all_that_come(std::span<const Place> message) {
+  std::vector<Place> come;
+  for (ChangesReader reader(message); reader.next();) {
+    come.insert(come.end(), reader.come().begin(), reader.come().end());
+  }
+  return come;
+}
+
+bool ChangesReader::next() {
   gone_ = come_ = {};
   if (rest_.empty()) return false;
   const auto nb_gone = static_cast<std::size_t>(rest_[0].x);
@@ -29,12 +37,16 @@ bool ChangesReader::read(std::vector<Place>& told) {
   gone_ = rest_.subspan(1, nb_gone);
   come_ = rest_.subspan(1 + nb_gone, nb_come);
   rest_ = rest_.subspan(1 + nb_gone + nb_come);
-  if (nb_gone + nb_come == 0) return false;
+  return true;
+}
+
+bool ChangesReader::read(std::vector<Place>& told) {
+  if (!next() || (gone_.empty() && come_.empty())) return false;
   std::vector<Place> kept, all;
   kept.reserve(told.size());
   std::set_difference(told.begin(), told.end(), gone_.begin(), gone_.end(),
                       std::back_inserter(kept));
-  all.reserve(kept.size() + nb_come);
+  all.reserve(kept.size() + come_.size());
   std::merge(kept.begin(), kept.end(), come_.begin(), come_.end(), std::back_inserter(all));
   told = std::move(all);
   return true;

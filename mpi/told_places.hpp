@@ -24,11 +24,17 @@ void tell_changes(std::vector<Place>& told, std::vector<Place> now, std::vector<
 /// Appends that nothing has changed.
 void tell_no_changes(std::vector<Place>& message);
 
+/// What has come to any list of a message.
+std::vector<Place> all_that_come(std::span<const Place> message);
+
 /// Reads a message of lists. One that ends too soon, after a fault of its sender, changes nothing.
 class ChangesReader {
  public:
   explicit ChangesReader(std::span<const Place> message) : rest_(message) {}
-  /// The next list of changes, and the list that they lead to.
+  /// The next list of changes.
+  /// @return whether there is one
+  bool next();
+  /// The same, and the list that they lead to.
   /// @return whether there are any
   bool read(std::vector<Place>& told);
   std::span<const Place> gone() const { return gone_; }

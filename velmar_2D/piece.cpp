@@ -25,6 +25,13 @@ std::vector<Place> to_places(const std::vector<detail::LatticePoint>& points) {
   return places;
 }
 
+std::vector<std::vector<Place>> to_places(
+    const std::vector<std::vector<detail::LatticePoint>>& of_each) {
+  std::vector<std::vector<Place>> places;
+  for (const auto& points : of_each) places.push_back(to_places(points));
+  return places;
+}
+
 std::vector<PlacedSize> to_places(const std::vector<detail::PlacedSize>& sizes) {
   std::vector<PlacedSize> placed;
   placed.reserve(sizes.size());
@@ -151,8 +158,7 @@ bool Piece::hold_only(std::span<const Place> places) {
 
 std::vector<Cell*> Piece::border(const Window& box, int layers) {
   std::vector<Cell*> found;
-  const auto borders = update_->borders({&box, 1}, layers);
-  for (const auto& near : borders.front()) found.push_back(near.cell);
+  for (const auto& near : update_->border(box, layers)) found.push_back(near.cell);
   return found;
 }
 
@@ -161,15 +167,11 @@ void Piece::hold_ghosts(std::span<const Place> places) {
   update_->hold_ghosts(to_lattice(places));
 }
 
+std::vector<std::vector<Place>> Piece::children_places(std::span<const Window> boxes, bool of_all) {
+  return to_places(update_->children_of(boxes, of_all));
+}
 std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes) {
-  std::vector<std::vector<Place>> places;
-  const auto borders = update_->borders(boxes, 2);
-  for (const auto& of_box : borders) {
-    places.emplace_back();
-    places.back().reserve(of_box.size());
-    for (const auto& near : of_box) places.back().push_back(to_place(near.at));
-  }
-  return places;
+  return to_places(update_->borders(boxes));
 }
 void Piece::for_ghosts(const std::function<void(Cell&, Place, bool)>& use) {
   update_->for_ghosts([&](Cell* c, const detail::LatticePoint& at, bool is_linked) {
@@ -234,10 +236,13 @@ bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
 void Piece::keep_window() { update_->keep_window(); }
 void Piece::update(const batch_size_function& sizes) {
-  update_->update_window([&] { return mesh_.update_batched(sizes); });
+  update_->update_window(
+      sizes, [&](const batch_size_function& counted) { return mesh_.update_batched(counted); });
 }
 void Piece::update(const batch_size_function& sizes, init_data_function init_data) {
-  update_->update_window([&] { return mesh_.update_batched(sizes, std::move(init_data)); });
+  update_->update_window(sizes, [&](const batch_size_function& counted) {
+    return mesh_.update_batched(counted, std::move(init_data));
+  });
 }
 void Piece::order_by_age(std::span<const Place> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::order_by_age");
@@ -246,6 +251,10 @@ void Piece::order_by_age(std::span<const Place> oldest_first) {
 void Piece::take_nodes(std::span<const Cell> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
   update_->take_nodes(oldest_first);
+}
+void Piece::restore(const std::function<bool(const Cell&)>& is_restored,
+                    const init_data_function& init_data) {
+  update_->restore(is_restored, init_data);
 }
 
 }  // namespace velmar_2d

@@ -155,14 +155,20 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   std::vector<Cell*> border(const Window& box, int layers = 2);
   /// Makes ghosts of the border of other pieces.
   void hold_ghosts(std::span<const Place> places);
-  /// Places of border() of each box.
-  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
 
   // Pieces that tell one another only what has changed: needs() lets no ghost go, and between
-  // release() and border() owners tell what has gone.
+  // release() and border() owners tell what has gone. They can tell more precisely, too, what a
+  // piece needs to know: children_places() first, then, when all pieces have those of the others,
+  // border_places(), where border() tells all that it may need.
 
   /// From now on ghosts stay from update to update.
   void keep_ghosts();
+  /// For each box, own nodes that rest on its nodes.
+  /// @param of_all  else of those that have come since begin()
+  std::vector<std::vector<Place>> children_places(std::span<const Window> boxes, bool of_all);
+  /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are.
+  /// Needs: children_places() of the other pieces.
+  std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
   /// Whether nodes have come since begin(), or may go. Where that is so on no piece, and needs()
   /// are those of before, nothing remains to be done but end_unchanged().
   bool has_changed() const;
@@ -217,8 +223,6 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   void keep_window();
   /// Mesh::update_batched() of the window. Ghosts near its cuts are not what the whole has there:
   /// who owns them must tell.
-  ///
-  /// statistics(): `inserted` and `removed` are of own nodes, the others of ghosts too.
   void update(const batch_size_function& sizes);
   void update(const batch_size_function& sizes, init_data_function init_data);
   /// From now on nodes at these places count as having come in this order, after the grid and
@@ -228,6 +232,13 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// that is the whole, with its grid only; and copies with links to one another and to records of
   /// sides.
   void take_nodes(std::span<const Cell> oldest_first);
+  /// Positions and values of nodes that hold_all() has made, anew, as resolve() makes what nodes
+  /// rest on and what has gone. Needs: the others hold theirs.
+  ///
+  /// @param is_restored  nodes that get them from those that they rest on
+  /// @param init_data    of data[0]; empty: it is a mean, too
+  void restore(const std::function<bool(const Cell&)>& is_restored,
+               const init_data_function& init_data);
 
  private:
   Mesh mesh_;

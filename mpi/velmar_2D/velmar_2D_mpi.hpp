@@ -116,7 +116,8 @@ class VELMAR_2D_MPI_API Partition {
 
   /// Collective. As Mesh::resolve() of the whole mesh; derivatives, where there are data, are those
   /// of owned nodes. Ghosts must hold the data of their owners before, as exchange() leaves them,
-  /// and do so afterwards.
+  /// and do so afterwards. After update() it makes other windows first: references to nodes become
+  /// invalid and mesh() is another one; `used` and `data_ptr` of owned nodes stay.
   ///
   /// `most_nodes` counts the nodes of one process, ghosts with them. With `slope` sizes are graded
   /// over the whole mesh, in more rounds. Nodes without a size keep what is there when they are
@@ -132,9 +133,8 @@ class VELMAR_2D_MPI_API Partition {
                        const Resolution& resolution = {});
 
   /// Collective. As Mesh::update() of the whole mesh, on a Partition that nothing else has adapted:
-  /// what it makes depends on the order in which nodes came, which only other updates keep.
-  /// resolve() throws Error afterwards, before it changes anything, and so does this after
-  /// resolve() and where a mesh was shared out.
+  /// what it makes depends on the order in which nodes came, which only other updates keep. It
+  /// throws Error after resolve() and where a mesh was shared out, before it changes anything.
   ///
   /// Each process updates all of its window, whose nodes near the cuts are not quite those of the
   /// whole mesh; they are asked for their sizes, too. So it needs more overlap than resolve(): 3 to
@@ -145,8 +145,7 @@ class VELMAR_2D_MPI_API Partition {
   /// more; then a Partition with more overlap has to begin anew. mesh() has all nodes of the
   /// window; those that are neither owned() nor ghosts() are of no use.
   ///
-  /// statistics(): `visited` and `refused` count in whole windows. Throws Error with
-  /// Transfer::conservative.
+  /// Throws Error with Transfer::conservative.
   void update(const size_function& size);
   void update(const size_function& size, init_data_function init_data);
   void update_batched(const batch_size_function& sizes);

@@ -28,7 +28,10 @@ void refine_cell(State& state, Cell*& c, bool special) {
   for (std::int32_t i = 0; i < n; ++i) {
     const Site& site = sites[static_cast<std::size_t>(i)];
     if (!is_wanted(state, site, special)) {
-      if (!special && site.level >= state.level_max) ++state.update_statistics.refused;
+      const bool is_refused = !special && site.level >= state.level_max;
+      if (is_refused && (!state.counts_refusal || state.counts_refusal(*c))) {
+        ++state.update_statistics.refused;
+      }
       continue;
     }
     if (!site.level_fits()) {

@@ -69,6 +69,7 @@ struct State {
   bc_type_function bc_type_ptr;
   Handlers handlers;
   UpdateStatistics update_statistics;
+  std::function<bool(const Cell&)> counts_refusal;  ///< around which nodes; empty: all
   mutable ProgressTeller progress;  ///< also of what changes no mesh
 
   /// Whether some link may not be mutual any more, because a caller inserted a node among nodes

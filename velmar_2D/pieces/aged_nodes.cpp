@@ -5,6 +5,24 @@
 
 namespace velmar_2d::detail {
 
+namespace {
+
+/// As a new node is placed: midway between two opposite parents, those along the side on a side.
+void set_between_parents(const std::array<Cell*, 4>& parents, Cell& c) {
+  const Cell *a = parents[0], *b = parents[2];
+  if (parents[3] == nullptr) {
+    if (a->on_boundary == 0) {
+      a = parents[1];
+    } else if (b->on_boundary == 0) {
+      b = parents[1];
+    }
+  }
+  c.x = (a->x + b->x) / 2.0;
+  c.y = (a->y + b->y) / 2.0;
+}
+
+}  // namespace
+
 // Ids tell which nodes are older, and a plain update leaves the youngest of a stretch first.
 void PieceUpdate::order_by_age(std::span<const LatticePoint> oldest_first) {
   const auto comes_before = [](LatticePoint a, LatticePoint b) {
@@ -94,6 +112,24 @@ void PieceUpdate::take_nodes(std::span<const Cell> oldest_first) {
   state_.stretch_nodes.forget();
   ++state_.mesh_revision;
   is_listed_ = false;
+}
+
+// Parents come first among the newcomers.
+void PieceUpdate::restore(const std::function<bool(const Cell&)>& is_restored,
+                          const init_data_function& init_data) {
+  const std::size_t first = init_data ? 1 : 0;
+  const std::size_t end =
+      state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
+  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+    Cell& c = *newcomers_[i];
+    if (!is_restored(c)) continue;
+    set_between_parents(parents_[i], c);
+    if (state_.n_cell_data <= 0) continue;
+    if (init_data) c.data[0] = init_data(c.x, c.y);
+    for (std::size_t value = first; value < end; ++value) {
+      c.data[value] = mean_of_parents(parents_[i], value);
+    }
+  }
 }
 
 }  // namespace velmar_2d::detail

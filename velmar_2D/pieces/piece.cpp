@@ -23,11 +23,15 @@ PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t overlap, 
   find_sides_of_box();
 }
 
+double PieceUpdate::a_quarter_of_the_finest_spacing() const {
+  return 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
+}
+
 void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
-  const double before = 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
+  const double before = a_quarter_of_the_finest_spacing();
   for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
     const LatticePoint p = place_of(*c);
     if (p.x == box_.low.x && own_.west > 0) west_ = c->x - before;
@@ -116,7 +120,8 @@ void PieceUpdate::keep_window() {
   state_.candidate_order = CandidateOrder::by_age;
 }
 
-/// Counts own nodes that come and go, and calls the caller's own hooks.
+/// Counts own nodes that come and go, calls the caller's own hooks, and leaves those of others out
+/// of what is refused.
 class PieceUpdate::Counting {
  public:
   explicit Counting(PieceUpdate& update) : state_(update.state_), hooks_(state_.hooks) {
@@ -128,10 +133,14 @@ class PieceUpdate::Counting {
       if (hooks_.removing) hooks_.removing(c, neighbours);
       removed += update.owns(c) ? 1 : 0;
     };
+    state_.counts_refusal = [&update](const Cell& c) { return update.owns(c); };
   }
   Counting(const Counting&) = delete;
   Counting& operator=(const Counting&) = delete;
-  ~Counting() { state_.hooks = std::move(hooks_); }
+  ~Counting() {
+    state_.hooks = std::move(hooks_);
+    state_.counts_refusal = nullptr;
+  }
 
   std::int64_t inserted = 0, removed = 0;
 
@@ -140,11 +149,19 @@ class PieceUpdate::Counting {
   NodeHooks hooks_;
 };
 
-void PieceUpdate::update_window(const std::function<UpdateStatistics()>& update) {
+void PieceUpdate::update_window(
+    const batch_size_function& sizes,
+    const std::function<UpdateStatistics(const batch_size_function& counted)>& update) {
   const Counting counting(*this);
-  statistics_ = update();
+  std::int64_t nb_asked = 0;
+  statistics_ = update([&](std::span<const Cell* const> nodes, std::span<double> of) {
+    nb_asked +=
+        std::count_if(nodes.begin(), nodes.end(), [this](const Cell* c) { return owns(*c); });
+    sizes(nodes, of);
+  });
   statistics_.inserted = counting.inserted;
   statistics_.removed = counting.removed;
+  statistics_.visited = nb_asked;
 }
 
 }  // namespace velmar_2d::detail

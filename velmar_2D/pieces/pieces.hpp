@@ -153,8 +153,10 @@ class PieceUpdate {
     Cell* cell;
     LatticePoint at;
   };
+  std::vector<Near> border(const Window& of, int layers);
   /// Of each of the boxes.
-  std::vector<std::vector<Near>> borders(std::span<const Window> of, int layers);
+  std::vector<std::vector<LatticePoint>> children_of(std::span<const Window> of, bool of_all);
+  std::vector<std::vector<LatticePoint>> borders(std::span<const Window> of);
   void hold_ghosts(std::span<const LatticePoint> places);
   void keep_ghosts() { keeps_ghosts_ = true; }
   bool has_changed() const;
@@ -176,9 +178,13 @@ class PieceUpdate {
 
   void keep_window();
   /// Runs what changes all of the window.
-  void update_window(const std::function<UpdateStatistics()>& update);
+  void update_window(
+      const batch_size_function& sizes,
+      const std::function<UpdateStatistics(const batch_size_function& counted)>& update);
   void order_by_age(std::span<const LatticePoint> oldest_first);
   void take_nodes(std::span<const Cell> oldest_first);
+  void restore(const std::function<bool(const Cell&)>& is_restored,
+               const init_data_function& init_data);
 
  private:
   class Insertion;
@@ -186,6 +192,8 @@ class PieceUpdate {
   class Counting;
   Box box_of(const Window& window) const;
   void find_sides_of_box();
+  double a_quarter_of_the_finest_spacing() const;
+  bool rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const;
   double distance_to_cut(const Cell& c) const;
   void list(Cell& c, const LatticePoint* near_cut);
   void list_new(Cell& c);

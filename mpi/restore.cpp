@@ -1,0 +1,174 @@
+// From update() to resolve(): nodes that plain updates have made rest on others that may have gone.
+// A mesh of one process makes these anew before it is resolved, and so do the processes together:
+// what a node rests on is told by its place, so that they are found before any is made.
+#include <algorithm>
+#include <bit>
+
+#include "partition.hpp"
+
+namespace velmar_2d {
+
+namespace {
+
+struct HashOfPlace {
+  std::size_t operator()(const Place& p) const {
+    const auto mixed = static_cast<std::uint64_t>(p.x) * 0x9e3779b97f4a7c15U ^
+                       static_cast<std::uint64_t>(p.y) * 0xc2b2ae3d27d4eb4fU;
+    return static_cast<std::size_t>(mixed ^ mixed >> 29);
+  }
+};
+using Places = std::unordered_set<Place, HashOfPlace>;
+
+/// The level at which a refined grid has a node at this place first.
+std::int32_t ipos_of(Place place) {
+  const int halvings_of_cell = std::countr_zero(static_cast<std::uint64_t>(places_per_cell));
+  const int x = std::countr_zero(static_cast<std::uint64_t>(place.x));
+  const int y = std::countr_zero(static_cast<std::uint64_t>(place.y));
+  const int halvings = halvings_of_cell - std::min(x, y);
+  if (halvings <= 0) return 0;
+  return x == y ? 2 * halvings - 1 : 2 * halvings;
+}
+
+/// Calls `use` with the places that a node rests on.
+template <typename Use>
+void for_parents(Place place, const Use& use) {
+  const std::int32_t ipos = ipos_of(place);
+  if (ipos == 0) return;
+  const std::int64_t away = places_per_cell >> (ipos + 1) / 2;
+  for (const int a : {-1, 1}) {
+    for (const int b : {-1, 1}) {
+      const bool is_diagonal = ipos % 2 == 1;
+      const std::int64_t dx = is_diagonal ? a : (a + b) / 2, dy = is_diagonal ? b : (a - b) / 2;
+      use(Place{place.x + dx * away, place.y + dy * away});
+    }
+  }
+}
+
+}  // namespace
+
+/// Places of own nodes that have gone and that others rest on, here or elsewhere.
+std::vector<Place> Partition::Parts::missing_places() {
+  const Place end{(grid.nx - 1) * places_per_cell, (grid.ny - 1) * places_per_cell};
+  std::vector<Place> missing, to_look_at;
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
+  Places known;
+  const auto look = [&] {
+    std::vector<Place> elsewhere;
+    while (!to_look_at.empty()) {
+      const Place place = to_look_at.back();
+      to_look_at.pop_back();
+      for_parents(place, [&](Place parent) {
+        const bool is_inside =
+            parent.x >= 0 && parent.y >= 0 && parent.x <= end.x && parent.y <= end.y;
+        if (!is_inside || !known.insert(parent).second) return;
+        if (piece->owns(parent)) {
+          missing.push_back(parent);
+          to_look_at.push_back(parent);
+        } else {
+          elsewhere.push_back(parent);
+        }
+      });
+    }
+    out = by_owner(elsewhere);
+  };
+  messages.alone([&] {
+    for (const Cell* c : owned) to_look_at.push_back(piece->place_of(*c));
+    known.insert(to_look_at.begin(), to_look_at.end());
+    for (const std::vector<Cell*>& cells : window_received) {
+      for (const Cell* c : cells) known.insert(piece->place_of(*c));
+    }
+    look();
+  });
+  const auto is_empty = [](const std::vector<Place>& places) { return places.empty(); };
+  while (messages.any(std::all_of(out.begin(), out.end(), is_empty) ? 0 : 1) != 0) {
+    const std::vector<std::vector<Place>> in = messages.exchange(out);
+    messages.alone([&] {
+      for (const std::vector<Place>& places : in) {
+        for (const Place& place : places) {
+          if (!known.insert(place).second) continue;
+          missing.push_back(place);
+          to_look_at.push_back(place);
+        }
+      }
+      look();
+    });
+  }
+  return missing;
+}
+
+/// Positions and values: those that were there keep theirs, the others follow from these.
+void Partition::Parts::give_values_to_restored(const std::vector<char>& is_restored,
+                                               const init_data_function& init_data) {
+  std::unordered_set<const Cell*> restored;
+  messages.alone([&] {
+    for (std::size_t i = 0; i < owned.size(); ++i) {
+      if (is_restored[i] != 0) restored.insert(owned[i]);
+    }
+  });
+  exchange_rows(
+      3, GhostLayer::all,
+      [&](const Cell& c, double* row) {
+        row[0] = restored.contains(&c) ? 1.0 : 0.0;
+        row[1] = c.x;
+        row[2] = c.y;
+      },
+      [&](Cell& c, const double* row) {
+        if (row[0] != 0.0) restored.insert(&c);
+        c.x = row[1];
+        c.y = row[2];
+      });
+  messages.alone([&] {
+    piece->restore([&](const Cell& c) { return restored.contains(&c); }, init_data);
+    take_fingerprints();
+  });
+  conclude(true);
+}
+
+std::int64_t Partition::Parts::restore(const init_data_function& init_data) {
+  const std::vector<Place> missing = missing_places();
+  PieceNodes nodes;
+  std::vector<std::array<double, 2>> positions;
+  messages.alone([&] {
+    for (const Cell* c : owned) {
+      nodes.places.push_back(piece->place_of(*c));
+      nodes.rows.insert(nodes.rows.end(), c->data.begin(), c->data.end());
+      nodes.rows.insert(nodes.rows.end(), {c->grad_data, c->grad2_data});
+      nodes.handles.emplace_back(c->used, c->data_ptr);
+      positions.push_back({c->x, c->y});
+    }
+    nodes.places.insert(nodes.places.end(), missing.begin(), missing.end());
+    const std::size_t width = static_cast<std::size_t>(grid.n_cell_data) + 2;
+    nodes.rows.resize(nodes.places.size() * width, 0.0);
+    nodes.handles.resize(nodes.places.size());
+  });
+  messages.together();
+  adapted_by = Adapted::by_resolve;
+  window_sent.clear();
+  window_received.clear();
+  strangers.clear();
+  is_stranger.clear();
+  derivatives_there.clear();
+  for (;;) {
+    const std::vector<std::size_t> rows = make_again(nodes);
+    std::vector<char> is_restored;
+    messages.alone([&] {
+      is_restored.assign(owned.size(), 0);
+      for (std::size_t i = 0; i < owned.size(); ++i) {
+        if (rows[i] < positions.size()) {
+          owned[i]->x = positions[rows[i]][0];
+          owned[i]->y = positions[rows[i]][1];
+        } else {
+          is_restored[i] = 1;
+        }
+      }
+    });
+    try {
+      give_values_to_restored(is_restored, init_data);
+      return static_cast<std::int64_t>(missing.size());
+    } catch (const TooNarrow& found) {
+      widen_windows(found);
+    }
+  }
+}
+
+}  // namespace velmar_2d

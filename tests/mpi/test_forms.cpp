@@ -1,0 +1,111 @@
+// resolve() and update() by turns on several processes, held against one mesh of one process: run
+// by mpirun with any number of processes. The exit status tells whether all is alike.
+#include <cmath>
+#include <cstdlib>
+
+#include "compare.hpp"
+
+using namespace velmar_2d;
+
+namespace {
+
+const Rectangle whole{0.1, 1.3, -0.7, 0.2};
+Grid grid_with(int n_cell_data) {
+  return {.nx = 17,
+          .subdiv_max = 9,
+          .n_cell_data = n_cell_data,
+          .bc_type = [](double, double, std::string_view side) {
+            return side == "North" ? bc_type_neu : bc_type_dir;
+          }};
+}
+
+double front(double x, double y, double t) { return std::tanh(8.0 * (x - 0.3 * y - 0.3 - t)); }
+
+void advance(Cell& c, double t) {
+  if (c.data.empty()) return;
+  c.data[0] = front(c.x, c.y, t);
+  c.data[1] += c.x;
+}
+
+/// As steep as can be, so that plain updates leave nodes whose parents have gone.
+size_function chance_at(double t) {
+  return [=](double x, double y, auto...) {
+    const double number = 43758.5453 * std::sin(12.9898 * x + 78.233 * y + 1.7 * (t + 5.0));
+    const bool is_fine = number - std::floor(number) < 0.4 && std::abs(x - 0.7) < 0.12;
+    return is_fine ? 0.008 : 0.05;
+  };
+}
+size_function ring_at(double t, double steepness) {
+  return [=](double x, double y, auto...) {
+    return 0.02 + steepness * std::abs(std::hypot(x - 0.1 - t, y + 0.3) - 0.2);
+  };
+}
+size_function curved_at(double t) {
+  return [=](double x, double y, auto, double, double grad2) {
+    return std::min(0.3 / std::sqrt(1.0 + grad2), 0.015 + 0.25 * std::abs(x - 0.3 * y - 0.3 - t));
+  };
+}
+
+/// Updates, then resolve(), as often as there are kinds of sizes.
+void run(int n_cell_data) {
+  const Grid grid = grid_with(n_cell_data);
+  Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = 6});
+  Mesh mesh(whole, grid);
+  mesh.set_transfer(Transfer::all);
+  part.mesh().set_transfer(Transfer::all);
+  for (int step = 0; step < 4; ++step) {
+    const double t = 0.05 * step;
+    const size_function size = step % 2 == 0 ? ring_at(t, 0.0) : chance_at(t);
+    mesh.update(size);
+    part.update(size);
+    compare(part, mesh, step);
+    for (Cell& c : mesh.nodes()) advance(c, t);
+    for (Cell* c : part.owned()) advance(*c, t);
+    part.exchange();
+  }
+  if (const std::unique_ptr<Mesh> all = part.gather()) {
+    all->resolve([](double, double, auto...) { return -1.0; });  // keeps what is there
+    expect(all->statistics().inserted > 20, "nodes rest on others that have gone", 4);
+  }
+  for (Cell* c : part.owned()) c->used = 7 + c->ipos;
+  const auto init_data = [](double x, double y) { return front(x, y, 0.15); };
+  for (int step = 4; step < 7; ++step) {
+    const double t = 0.05 * step;
+    const size_function follows = n_cell_data > 0 ? curved_at(t) : ring_at(t, 0.4);
+    const size_function size = [&](double x, double y, auto data, double grad, double grad2) {
+      const double wanted = follows(x, y, data, grad, grad2);
+      return step == 4 ? std::min(wanted, chance_at(0.15)(x, y, data, grad, grad2)) : wanted;
+    };
+    const Resolution resolution{.slope = step == 5 ? 0.3 : 0.0};
+    if (step == 4 && n_cell_data > 0) {
+      mesh.resolve(size, init_data, resolution);
+      part.resolve(size, init_data, resolution);
+    } else {
+      mesh.resolve(size, resolution);
+      part.resolve(size, resolution);
+    }
+    const PartitionStatistics did = part.statistics();
+    expect(did.inserted == mesh.statistics().inserted && did.removed == mesh.statistics().removed &&
+               did.visited == mesh.statistics().visited,
+           "statistics", step);
+    if (part.rank() == 0) {
+      std::printf("step %d: %lld nodes, %lld in, %lld out\n", step,
+                  static_cast<long long>(did.nb_nodes), static_cast<long long>(did.inserted),
+                  static_cast<long long>(did.removed));
+    }
+    compare(part, mesh, step);
+    for (Cell& c : mesh.nodes()) advance(c, t);
+    for (Cell* c : part.owned()) advance(*c, t);
+    part.exchange();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  MPI_Init(&argc, &argv);
+  run(0);
+  run(2);
+  MPI_Finalize();
+  return nb_wrong == 0 ? 0 : 1;
+}
