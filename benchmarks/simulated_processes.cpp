@@ -47,7 +47,7 @@ struct Sharing {
 };
 constexpr Sharing settled{4.0e-8, 0.0, 8.0, 1, 2};
 constexpr int rounds = 3;  // until nothing more is wanted, of a front; the bench has one
-constexpr Sharing creeping{4.0e-7, 6.0e-9, 15.0, rounds + 11, rounds + 7};
+constexpr Sharing creeping{4.0e-7, 6.0e-9, 15.0, rounds + 11, rounds + 4};
 
 constexpr std::int32_t overlap = 3;
 
@@ -200,7 +200,7 @@ class Machine {
     piece.begin(size_);
     piece.ask();  // makes what own nodes need elsewhere
     places.clear();
-    for (const Cell* c : border_of(rank)) places.push_back(nodes_.place_of(*c));
+    for (const Cell* c : border_of(rank, linked)) places.push_back(nodes_.place_of(*c));
     piece.hold_ghosts(places);
     Load load;
     for (const Cell& c : piece.mesh().nodes()) ++(piece.owns(c) ? load.owned : load.ghosts);
@@ -217,18 +217,21 @@ class Machine {
   }
 
  private:
-  /// What owners tell a process: nodes that may be linked to its own ones, which their levels tell,
-  /// and those that are linked to such.
-  std::vector<const Cell*> border_of(std::size_t rank) const {
+  /// What owners tell a process: nodes that are linked to its own ones, and those that are linked
+  /// to such; where these belong to a third process, to such that may be linked, as their levels
+  /// tell.
+  std::vector<const Cell*> border_of(std::size_t rank,
+                                     const std::unordered_set<const Cell*>& linked) const {
     const Window& box = boxes_[rank];
     const double dist_0 = mesh_.dist_0();
     const double west = mesh_.x_min() + box.west * dist_0, east = mesh_.x_min() + box.east * dist_0;
     const double south = mesh_.y_min() + box.south * dist_0;
     const double north = mesh_.y_min() + box.north * dist_0;
-    const auto reaches = [&](const Cell& c) {
+    const auto may_be_linked = [&](const Cell& c) {
       const double reach = 1.001 * std::ldexp(dist_0, -(c.level / 2));
       return std::max({west - c.x, c.x - east, south - c.y, c.y - north}) <= reach;
     };
+    const auto owner = [&](const Cell& c) { return owner_of_cell_[nodes_.cell_of(c)]; };
     std::vector<const Cell*> border;
     const std::int32_t last = grid_.nx - 1;
     for (std::int32_t j = std::max(box.south - overlap, 0); j < std::min(box.north + overlap, last);
@@ -237,10 +240,12 @@ class Machine {
            ++i) {
         if (i >= box.west && i < box.east && j >= box.south && j < box.north) continue;
         for (const Cell* c : nodes_.of(i, j)) {
-          bool is_needed = reaches(*c);
+          bool is_needed = linked.count(c) > 0;
           for (std::size_t d = 0; d < directions.size() && !is_needed; ++d) {
             const Cell* there = link(*c, directions[d]).cell();
-            is_needed = there != nullptr && reaches(*there);
+            if (there == nullptr || !may_be_linked(*there)) continue;
+            is_needed =
+                linked.count(there) > 0 || (owner(*there) != rank && owner(*there) != owner(*c));
           }
           if (is_needed) border.push_back(c);
         }

@@ -131,11 +131,6 @@ std::int64_t Partition::first_global_number() const {
 }
 std::int64_t Partition::size() const { return parts_->first_numbers.back(); }
 
-void Partition::Parts::refuse_after(Adapted before, const char* text) const {
-  messages.require_agreement();
-  if (adapted_by == before) throw Error("(velmar_2D/Partition:) ERROR: " + std::string(text));
-}
-
 void Partition::Parts::check_update(const size_function& size,
                                     const batch_size_function& sizes) const {
   if (!size && !sizes) throw Error("the sizes are no procedure");
@@ -183,10 +178,15 @@ void Partition::update_batched(const batch_size_function& sizes, init_data_funct
 }
 void Partition::Parts::begin_update(const size_function& size, const batch_size_function& sizes,
                                     const std::optional<init_data_function>& init_data) {
-  refuse_after(Adapted::by_resolve,
-               "update() goes on from the grid or from other updates, not from resolve()");
-  messages.collective(
-      [&] { with_statistics([&] { repairing([&] { update(size, sizes, init_data); }); }); });
+  messages.collective([&] {
+    with_statistics([&] {
+      if (adapted_by == Adapted::by_resolve) {
+        messages.alone([&] { check_update(size, sizes); });
+        sharing([&] { keep_windows_from_now(); });
+      }
+      repairing([&] { update(size, sizes, init_data); });
+    });
+  });
 }
 
 void Partition::compute_derivatives() {

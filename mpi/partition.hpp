@@ -32,7 +32,7 @@ struct AgedNode {
   double x = 0.0, y = 0.0, area = 0.0;
   std::uint64_t fingerprint = 0;
   std::size_t row = 0;   ///< where it has come to
-  std::int64_t age = 0;  ///< among all own nodes of all, as far as it is known; 0: of the grid
+  std::int64_t age = 0;  ///< among all own nodes of all; 0: of the grid, or by place
   std::int32_t level = 0, ipos = 0, reserve = 0, on_boundary = 0, used = 0, wanted_level = 0;
   std::array<std::int32_t, 8> link_levels{};
   std::array<std::uint8_t, 2> signature{};
@@ -59,8 +59,9 @@ constexpr const char* update_is_narrow =
     "owners have: update() wants more overlap";
 
 /// Makes the nodes of a mesh that was resolved, on a piece that has its grid.
+/// @param has_moved  set where a position was not that of the lattice; one that is no number is
 /// @return of each own node in their order, where it stands among the nodes
-std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes);
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes, bool& has_moved);
 
 struct Partition::Parts {
   /// What has changed the grid. After update() windows are whole, after resolve() they are not.
@@ -83,6 +84,7 @@ struct Partition::Parts {
   Adapted adapted_by = Adapted::by_nothing;
   // After update(), by neighbour: nodes of windows that their owners have.
   std::vector<std::vector<Cell*>> window_sent, window_received;
+  bool has_moved_nodes = false;  ///< some process, after resolve(): off the lattice by rounding
   KeptNodes nodes_before;        ///< the last update, while it runs
   std::vector<Cell*> strangers;  ///< other nodes of the window, which no owner has
   std::unordered_set<const Cell*> is_stranger;
@@ -175,7 +177,7 @@ struct Partition::Parts {
     step();
     statistics.sharing_seconds += own_seconds() - begin;
   }
-  /// Collective, where refuse_after() lets them be.
+  /// Collective.
   void begin_resolve(const size_function& size, const batch_size_function& sizes,
                      init_data_function init_data, const Resolution& resolution);
   void begin_update(const size_function& size, const batch_size_function& sizes,
@@ -186,8 +188,14 @@ struct Partition::Parts {
   /// @return own nodes that have come by that
   std::int64_t restore(const init_data_function& init_data);
   std::vector<Place> missing_places();
+  /// Where some lie off the lattice, as plain updates may leave them: ghosts get positions of their
+  /// owners.
+  void exchange_positions();
+  /// The same after an update, with what has come by it.
+  void place_newcomers();
   void give_values_to_restored(const std::vector<char>& is_restored,
                                const init_data_function& init_data);
+  void keep_windows_from_now();
   void prepare_window();
   void plan_window();
   void exchange_derivatives();
@@ -202,7 +210,6 @@ struct Partition::Parts {
   double cells_to_box(const Cell& c) const;
   void list_rings();
   bool window_agrees();
-  void refuse_after(Adapted before, const char* text) const;
   /// Ghosts, plan and numbers of nodes that are as they shall be. Throws where processes differ.
   void settle();
   bool rebalance(double threshold);
@@ -222,6 +229,7 @@ struct Partition::Parts {
   /// The mesh before the update that has just failed, in wider windows.
   void repair(const TooNarrow& found);
   void repair_update();
+  void return_handles(const KeptNodes& kept);
   /// Copies the nodes that plain updates have made.
   void keep_nodes();
   /// Needs: the piece that they were copied from, whatever has become of its nodes.

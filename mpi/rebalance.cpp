@@ -14,13 +14,13 @@ namespace {
 /// What moves with the nodes of one process.
 struct Load {
   std::vector<Place> places;
-  std::vector<double> rows;  ///< data, gradient, second derivative
+  std::vector<double> rows;  ///< data, gradient, second derivative, position
   std::vector<std::uint64_t> fingerprints;
 
   void add(Place place, const Cell& c) {
     places.push_back(place);
     rows.insert(rows.end(), c.data.begin(), c.data.end());
-    rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+    rows.insert(rows.end(), {c.grad_data, c.grad2_data, c.x, c.y});
     fingerprints.push_back(fingerprint(c));
   }
 };
@@ -48,11 +48,12 @@ struct Heading {
   Rectangle rectangle;
   std::int32_t nx, ny, limit, n_cell_data;
   Transfer transfer;
+  bool is_resolved;
 };
 
 }  // namespace
 
-std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes) {
+std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes, bool& has_moved) {
   piece.hold_all(nodes.places);
   std::vector<std::pair<Place, std::size_t>> sorted;
   sorted.reserve(nodes.places.size());
@@ -65,10 +66,16 @@ std::vector<std::size_t> fill(Piece& piece, const PieceNodes& nodes) {
     const auto found = std::lower_bound(sorted.begin(), sorted.end(), wanted);
     if (found == sorted.end() || found->first != wanted.first) throw Error(unresolved);
     const std::size_t row = found->second, n = c->data.size();
-    const double* values = nodes.rows.data() + row * (n + 2);
+    const double* values = nodes.rows.data() + row * (n + 4);
     std::copy_n(values, n, c->data.begin());
     c->grad_data = values[n];
     c->grad2_data = values[n + 1];
+    const double x = values[n + 2], y = values[n + 3];
+    if (!std::isnan(x) && (x != c->x || y != c->y)) {
+      c->x = x;
+      c->y = y;
+      has_moved = true;
+    }
     if (!nodes.handles.empty()) std::tie(c->used, c->data_ptr) = nodes.handles[row];
     rows.push_back(row);
   }
@@ -168,7 +175,8 @@ void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_ty
                lines(r.y_max - r.y_min),
                mesh->limit(),
                mesh->n_cell_data(),
-               mesh->transfer()};
+               mesh->transfer(),
+               Piece::is_resolved(*mesh)};
     for (const Cell& c : mesh->nodes()) nodes.push_back(&c);
   });
   messages.together();
@@ -176,9 +184,26 @@ void Partition::Parts::share_out(const Mesh* mesh, const bc_type_function& bc_ty
   whole = heading.rectangle;
   grid = {heading.nx, heading.ny, heading.limit, heading.n_cell_data, bc_type};
   begin_evenly();
-  adapted_by = Adapted::by_resolve;
   messages.alone([&] { piece->mesh().set_transfer(heading.transfer); });
-  move_nodes(nodes, cut_by_nodes(nodes));
+  const std::vector<Window> new_boxes = cut_by_nodes(nodes);
+  if (heading.is_resolved) {
+    adapted_by = Adapted::by_resolve;
+    move_nodes(nodes, new_boxes);
+    return;
+  }
+  AgedNodes own;
+  messages.alone([&] {
+    KeptNodes kept{{}, nodes, nodes.size()};
+    for (const Cell* c : nodes) kept.cells.push_back(*c);
+    own = aged(kept);
+    for (std::size_t i = 0; i < own.nodes.size(); ++i) {
+      if (own.nodes[i].ipos > 0) own.nodes[i].age = static_cast<std::int64_t>(i) + 1;
+    }
+    boxes = new_boxes;
+  });
+  messages.together();
+  adapted_by = Adapted::by_update;
+  replay(own, true);
 }
 
 std::unique_ptr<Mesh> Partition::Parts::gather() {
@@ -204,7 +229,9 @@ std::unique_ptr<Mesh> Partition::Parts::gather() {
     if (messages.rank() != 0) return;
     grid.subdiv_max = piece->mesh().limit();
     Piece all(whole, grid, {0, grid.nx - 1, 0, grid.ny - 1}, options.overlap);
-    const std::vector<std::size_t> row_of_node = fill(all, {joined(places), joined(rows), {}});
+    bool has_moved = false;
+    const std::vector<std::size_t> row_of_node =
+        fill(all, {joined(places), joined(rows), {}}, has_moved);
     require_same(all.own_nodes(), row_of_node, joined(fingerprints));
     all.take_settings(*piece);
     mesh = std::make_unique<Mesh>(std::move(all).release_mesh());

@@ -16,18 +16,19 @@ void Partition::Parts::widen_windows(const TooNarrow& found) {
 std::vector<std::size_t> Partition::Parts::make_again(const PieceNodes& nodes) {
   std::vector<std::size_t> rows;
   for (;;) {
+    bool has_moved = false;
     messages.alone([&] {
       find_neighbours();
       grid.subdiv_max = piece->mesh().limit();
       Piece anew(whole, grid, box(), options.overlap);
       anew.keep_ghosts();
-      if (!nodes.places.empty()) rows = fill(anew, nodes);
+      if (!nodes.places.empty()) rows = fill(anew, nodes, has_moved);
       anew.take_settings(*piece);
       owned.clear();
       ghosts.clear();
       *piece = std::move(anew);
     });
-    messages.together();
+    has_moved_nodes = messages.together(has_moved ? 1 : 0) > 0;
     try {
       settle();
       break;

@@ -350,8 +350,13 @@ std::optional<Piece> Partition::Parts::replayed(
     Nodes& nodes = all.nodes;
     std::vector<std::size_t> oldest_first(nodes.size());
     std::iota(oldest_first.begin(), oldest_first.end(), std::size_t{0});
-    std::stable_sort(oldest_first.begin(), oldest_first.end(),
-                     [&](std::size_t a, std::size_t b) { return nodes[a].age < nodes[b].age; });
+    const auto by_age_or_place = [&](std::size_t i) {
+      const AgedNode& node = nodes[i];
+      return std::tie(node.age, node.ipos, node.place.y, node.place.x);
+    };
+    std::sort(oldest_first.begin(), oldest_first.end(), [&](std::size_t a, std::size_t b) {
+      return by_age_or_place(a) < by_age_or_place(b);
+    });
     grid.subdiv_max = piece->mesh().limit();
     made.emplace(whole, grid, *of, options.overlap);
     made->keep_ghosts();
@@ -419,6 +424,11 @@ void Partition::Parts::repair_update() {
   messages.together();
   if (!age_together(own)) throw FaultOfAll(update_is_narrow);
   replay(own, true);
+  return_handles(kept);
+}
+
+/// The caller's marks, where nodes were made anew.
+void Partition::Parts::return_handles(const KeptNodes& kept) {
   messages.alone([&] {
     for (std::size_t i = 0; i < kept.nb_own; ++i) {
       Cell& c = *piece->node_at(piece->place_of(kept.cells[i]));

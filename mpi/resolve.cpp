@@ -188,6 +188,7 @@ void Partition::Parts::share_ghosts() {
     std::vector<std::vector<Place>> borders = piece->border_places(boxes_of_neighbours());
     for (std::size_t i = 0; i < out.size(); ++i) {
       std::sort(borders[i].begin(), borders[i].end());
+      borders[i].erase(std::unique(borders[i].begin(), borders[i].end()), borders[i].end());
       tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
     }
   });
@@ -287,6 +288,7 @@ void Partition::Parts::settle() {
   share_children();
   share_ghosts();
   plan_exchange();
+  if (has_moved_nodes) exchange_positions();
   conclude(false);
 }
 
@@ -335,6 +337,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     if (!is_settled) {
       share_ghosts();
       plan_exchange(true);
+      if (has_moved_nodes) place_newcomers();
     }
     conclude(true);
   });

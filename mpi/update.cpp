@@ -168,12 +168,12 @@ void Partition::Parts::exchange_derivatives() {
       });
 }
 
-/// How far a node lies from where its window ends inside the whole.
 std::array<double, 2> Partition::Parts::in_cells(const Cell& c) const {
   return {(c.x - whole.x_min) / piece->mesh().dist_0(),
           (c.y - whole.y_min) / piece->mesh().dist_0()};
 }
 
+/// How far a node lies from where its window ends inside the whole.
 double Partition::Parts::cells_to_cut(const Cell& c) const {
   const auto [column, row] = in_cells(c);
   const auto& [west, east, south, north] = box();

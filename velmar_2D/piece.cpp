@@ -213,12 +213,18 @@ void Piece::take_settings(Piece& from) {
   to.handlers.fatal = other.handlers.fatal;
   to.handlers.pause = other.handlers.pause;
   to.progress.handler = other.progress.handler;
+  to.progress.seconds_between_calls = other.progress.seconds_between_calls;
   for (std::size_t side = 0; side < to.side_records.size(); ++side) {
     for (std::size_t kind = 0; kind < bc_type_cut; ++kind) {
       Boundary *record = to.side_records[side][kind], *before = other.side_records[side][kind];
       if (record != nullptr && before != nullptr) record->c = before->c;
     }
   }
+}
+
+bool Piece::is_resolved(const Mesh& mesh) {
+  const detail::State& state = mesh.state();
+  return state.resolved_revision == state.mesh_revision;
 }
 
 Mesh Piece::release_mesh() && {
@@ -251,6 +257,9 @@ void Piece::order_by_age(std::span<const Place> oldest_first) {
 void Piece::take_nodes(std::span<const Cell> oldest_first) {
   const detail::MeshChange change(mesh_.state(), "Piece::take_nodes");
   update_->take_nodes(oldest_first);
+}
+void Piece::place_anew(const std::function<bool(const Cell&)>& is_meant) {
+  update_->place_anew(is_meant);
 }
 void Piece::restore(const std::function<bool(const Cell&)>& is_restored,
                     const init_data_function& init_data) {

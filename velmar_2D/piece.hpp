@@ -46,7 +46,7 @@ struct Place {
 /// Nodes apart from their mesh, in any order.
 struct PieceNodes {
   std::vector<Place> places;
-  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<double> rows;  ///< of each its data, gradient, second derivative and position
   std::vector<std::pair<std::int32_t, UserReference>>
       handles;  ///< of each `used`, `data_ptr`; or empty
 };
@@ -166,8 +166,9 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// For each box, own nodes that rest on its nodes.
   /// @param of_all  else of those that have come since begin()
   std::vector<std::vector<Place>> children_places(std::span<const Window> boxes, bool of_all);
-  /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are.
-  /// Needs: children_places() of the other pieces.
+  /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are;
+  /// some twice. Needs: children_places() of the other pieces, and all boxes near this one, in one
+  /// call.
   std::vector<std::vector<Place>> border_places(std::span<const Window> boxes);
   /// Whether nodes have come since begin(), or may go. Where that is so on no piece, and needs()
   /// are those of before, nothing remains to be done but end_unchanged().
@@ -203,6 +204,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Takes over what another piece was told: what becomes of data, hooks and handlers, values of
   /// sides.
   void take_settings(Piece& from);
+  /// Whether a mesh is as resolve() or hold_all() have left it.
+  static bool is_resolved(const Mesh& mesh);
   /// The mesh of a piece that is the whole.
   Mesh release_mesh() &&;
 
@@ -232,8 +235,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// that is the whole, with its grid only; and copies with links to one another and to records of
   /// sides.
   void take_nodes(std::span<const Cell> oldest_first);
-  /// Positions and values of nodes that hold_all() has made, anew, as resolve() makes what nodes
-  /// rest on and what has gone. Needs: the others hold theirs.
+  /// Positions of nodes that have come, or that hold_all() has made, anew: plain updates may have
+  /// left those that they rest on a rounding off the lattice. Needs: the others hold theirs.
+  void place_anew(const std::function<bool(const Cell&)>& is_meant);
+  /// The same with values, as resolve() makes what nodes rest on and what has gone.
   ///
   /// @param is_restored  nodes that get them from those that they rest on
   /// @param init_data    of data[0]; empty: it is a mean, too

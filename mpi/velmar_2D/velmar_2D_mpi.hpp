@@ -82,8 +82,8 @@ class VELMAR_2D_MPI_API Partition {
   /// Throws Error where Mesh does, and where there are more processes than cells of the grid.
   Partition(MPI_Comm communicator, const Rectangle& whole, const Grid& grid,
             const PartitionOptions& options = {});
-  /// Collective. Shares out a mesh that process 0 has, as resolve(), gather() or load() leave it,
-  /// with its data; the others give null. Boxes hold about as many nodes each.
+  /// Collective. Shares out a mesh that process 0 has, with its data; the others give null. Boxes
+  /// hold about as many nodes each.
   ///
   /// So a run goes on with any number of processes:
   ///
@@ -93,7 +93,10 @@ class VELMAR_2D_MPI_API Partition {
   ///     if (rank == 0) whole = velmar_2d::load("run.h5", {.bc_type = bc_type});
   ///     velmar_2d::Partition part(MPI_COMM_WORLD, whole ? &*whole : nullptr, bc_type);
   ///
-  /// Throws Error where the mesh is as update() or single insertions left it.
+  /// A mesh that update() or single steps have changed last goes on as it would, the order of its
+  /// nodes with it. It takes the overlap that update() wants, and the whole on each process, until
+  /// resolve(), where nodes rest on others that have gone. Nodes of one that was resolved last count
+  /// as having come by place, see update().
   ///
   /// @param communicator  of all that keep the mesh together
   /// @param whole         on process 0 the mesh, which it may let go afterwards
@@ -132,9 +135,11 @@ class VELMAR_2D_MPI_API Partition {
   void resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                        const Resolution& resolution = {});
 
-  /// Collective. As Mesh::update() of the whole mesh, on a Partition that nothing else has adapted:
-  /// what it makes depends on the order in which nodes came, which only other updates keep. It
-  /// throws Error after resolve() and where a mesh was shared out, before it changes anything.
+  /// Collective. As Mesh::update() of the whole mesh. What it makes depends on the order in which
+  /// nodes came. Updates keep that of one mesh; nodes that resolve() has left count as having come
+  /// by place, on any number of processes. So after resolve() it makes what Mesh::update() makes of
+  /// the mesh that gather() would give; and other windows first, so that references to nodes become
+  /// invalid and mesh() is another one, while `used` and `data_ptr` of owned nodes stay.
   ///
   /// Each process updates all of its window, whose nodes near the cuts are not quite those of the
   /// whole mesh; they are asked for their sizes, too. So it needs more overlap than resolve(): 3 to

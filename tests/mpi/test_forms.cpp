@@ -46,7 +46,31 @@ size_function curved_at(double t) {
   };
 }
 
-/// Updates, then resolve(), as often as there are kinds of sizes.
+/// Both forms, on a Mesh and on a Partition.
+void adapt(Mesh& mesh, Partition& part, bool resolves, int step) {
+  const double t = 0.05 * step;
+  const size_function size = mesh.n_cell_data() > 0 ? curved_at(t) : ring_at(t, 0.4);
+  if (resolves) {
+    mesh.resolve(size);
+    part.resolve(size);
+  } else {
+    mesh.update(size);
+    part.update(size);
+  }
+  mesh.compute_derivatives();
+  part.compute_derivatives();
+  compare(part, mesh, step);
+  for (Cell& c : mesh.nodes()) advance(c, t);
+  for (Cell* c : part.owned()) advance(*c, t);
+  part.exchange();
+}
+
+/// A mesh that was resolved, with its nodes in the order in which gather() hands them out.
+Mesh gathered(const Mesh& mesh, const Grid& grid) {
+  return std::move(*Partition(MPI_COMM_SELF, &mesh, grid.bc_type).gather());
+}
+
+/// Updates, resolve(), and updates again.
 void run(int n_cell_data) {
   const Grid grid = grid_with(n_cell_data);
   Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = 6});
@@ -74,9 +98,13 @@ void run(int n_cell_data) {
     const size_function follows = n_cell_data > 0 ? curved_at(t) : ring_at(t, 0.4);
     const size_function size = [&](double x, double y, auto data, double grad, double grad2) {
       const double wanted = follows(x, y, data, grad, grad2);
-      return step == 4 ? std::min(wanted, chance_at(0.15)(x, y, data, grad, grad2)) : wanted;
+      // At step 5 those near a cut go, so that others become ghosts.
+      if (step == 4 || (step == 5 && std::abs(x - 0.7) > 0.04)) {
+        return std::min(wanted, chance_at(0.15)(x, y, data, grad, grad2));
+      }
+      return wanted;
     };
-    const Resolution resolution{.slope = step == 5 ? 0.3 : 0.0};
+    const Resolution resolution{.slope = step == 6 ? 0.3 : 0.0};
     if (step == 4 && n_cell_data > 0) {
       mesh.resolve(size, init_data, resolution);
       part.resolve(size, init_data, resolution);
@@ -98,6 +126,41 @@ void run(int n_cell_data) {
     for (Cell* c : part.owned()) advance(*c, t);
     part.exchange();
   }
+  for (const int step : {7, 8, 9, 10}) {
+    if (step == 7 || step == 10)
+      mesh = gathered(mesh, grid);  // nodes that were resolved count as having come by place
+    adapt(mesh, part, step == 9, step);
+    if (step == 9) part.rebalance(1.0);
+  }
+  expect(part.statistics().nb_repairs == 0, "repairs", 10);
+}
+
+/// A mesh that plain updates and single steps of one process have made goes on as a Partition.
+void share_out(bool is_steep) {
+  const Grid grid = grid_with(2);
+  Mesh mesh(whole, grid);
+  mesh.set_transfer(Transfer::all);
+  for (int step = 0; step < 4; ++step) {
+    const double t = 0.05 * step;
+    mesh.update(!is_steep ? curved_at(t) : step % 2 == 0 ? ring_at(t, 0.0) : chance_at(t));
+    for (Cell& c : mesh.nodes()) advance(c, t);
+  }
+  if (is_steep) {
+    mesh.resolve([](double, double, auto...) { return 0.0192; });
+    bool has_gone = false;  // by a single step, from among finer ones
+    for (Cell& c : mesh.nodes()) {
+      if (c.ipos != 1 || c.on_boundary != 0) continue;
+      has_gone = mesh.remove_node_even_level(c);
+      if (has_gone) break;
+    }
+    expect(has_gone, "a node has gone from among finer ones", 20);
+  }
+  int rank = 0;
+  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  Partition part(MPI_COMM_WORLD, rank == 0 ? &mesh : nullptr, grid.bc_type, {.overlap = 6});
+  compare(part, mesh, 20);
+  for (const int step : {4, 5, 6}) adapt(mesh, part, step == 6, step);
+  expect(part.statistics().nb_repairs == 0, "repairs", 20);
 }
 
 }  // namespace
@@ -106,6 +169,8 @@ int main(int argc, char** argv) {
   MPI_Init(&argc, &argv);
   run(0);
   run(2);
+  share_out(false);
+  share_out(true);
   MPI_Finalize();
   return nb_wrong == 0 ? 0 : 1;
 }

@@ -252,28 +252,6 @@ int run_updates(bool follows_data, std::int32_t overlap, bool repairs = true) {
   return -1;
 }
 
-/// A mesh in which nodes rest on one that was removed is refused by all.
-void refuse_holes() {
-  std::unique_ptr<Mesh> mesh;
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  if (rank == 0) {
-    mesh = std::make_unique<Mesh>(Rectangle{}, Grid{.nx = 9});
-    mesh->resolve([](double, double, auto...) { return 0.032; });
-    for (Cell& c : mesh->nodes()) {
-      if (c.ipos != 1 || c.on_boundary != 0) continue;
-      if (mesh->remove_node_even_level(c)) break;
-    }
-  }
-  bool is_refused = false;
-  try {
-    const Partition part(MPI_COMM_WORLD, mesh.get());
-  } catch (const Error& error) {
-    is_refused = std::strstr(error.what(), "resolve()") != nullptr;
-  }
-  expect(is_refused, "a mesh with a hole is refused", 0);
-}
-
 /// Updates that find nothing to do send data and one number to each neighbour; and a ghost that is
 /// not what its owner has is found by those that change something.
 void run_settled() {
@@ -303,7 +281,7 @@ void run_fault(int culprit) {
   const std::string named = "on process " + std::to_string(culprit) + " of ";
   const Rectangle whole{0.0, 1.0, 0.0, 1.0};
   const Grid grid{.nx = 17, .subdiv_max = 8, .n_cell_data = 1};
-  for (int kind = 0; kind < 6; ++kind) {
+  for (int kind = 0; kind < 7; ++kind) {
     Partition part(MPI_COMM_WORLD, whole, grid);
     const bool is_here = part.rank() == culprit;
     int nb_calls = 0;
@@ -311,7 +289,7 @@ void run_fault(int culprit) {
       if (is_here && (kind == 0 || kind == 5) && ++nb_calls == 50)
         throw std::runtime_error("size is ill");
       if (is_here && kind == 4 && ++nb_calls == 50) part.mesh().set_limit(3);
-      return 0.02 + 0.3 * std::abs(x - y);
+      return (kind == 6 ? 0.004 : 0.02) + 0.3 * std::abs(x - y);
     };
     const init_data_function init_data = [&](double, double) -> double {
       if (is_here && kind == 1 && ++nb_calls == 3) throw std::bad_alloc();
@@ -324,6 +302,13 @@ void run_fault(int culprit) {
                                       },
                                   .removing = {}});
     }
+    if (kind == 6) {  // looks up now and then
+      part.mesh().set_progress_handler(
+          [&](const Progress& progress) {
+            if (is_here && progress.phase == "refining") throw std::runtime_error("left by hand");
+          },
+          0.0);
+    }
     const Resolution resolution{.most_nodes = kind == 3 && is_here ? part.mesh().size() + 1 : 0};
     const std::string text = error_of([&] {
       if (kind == 5) {
@@ -334,7 +319,8 @@ void run_fault(int culprit) {
     });
     const char* const reasons[] = {
         "size is ill",           "memory is exhausted", "an exception that is no std::exception",
-        "nodes would be needed", "the mesh is in use",  "size is ill"};
+        "nodes would be needed", "the mesh is in use",  "size is ill",
+        "left by hand"};
     expect(text.find(named) != std::string::npos, "the process is named", kind);
     expect(text.find(reasons[kind]) != std::string::npos, reasons[kind], kind);
     expect(part.mesh().check().empty(), "the mesh of the process is whole", kind);
@@ -363,7 +349,6 @@ int main(int argc, char** argv) {
   } else if (has_argument && std::strcmp(argv[1], "ring") == 0) {
     run_ring(std::atoi(argv[2]));
     run_settled();
-    refuse_holes();
   } else if (argc > 2) {
     run_fault(std::atoi(argv[2]));
   }

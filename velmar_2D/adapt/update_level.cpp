@@ -47,8 +47,7 @@ std::int32_t count_nb_sides(const Cell* c) {
 
 bool side_on_opposite(const Cell* c, const Cell* orig) {
   for (int d = 0; d < nb_directions; ++d) {
-    const Cell* neighbour = link(*c, d).cell();
-    if (is_node(*orig, neighbour) && link(*c, opposite(d)).cell() != nullptr) return true;
+    if (link(*c, d).cell() == orig && link(*c, opposite(d)).cell() != nullptr) return true;
   }
   return false;
 }

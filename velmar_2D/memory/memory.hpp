@@ -83,16 +83,17 @@ class TraversalHistory {
   /// Makes room for the nodes of a walk backwards, behind the entries that there are. The walk can
   /// read those to their end: it never has more nodes before it than entries unread.
   void begin_recording(std::int32_t nb_nodes);
-  void record(const Cell* c) {
-    if (begin_ > 0) entries_[--begin_] = entry_of(c);
+  void record(const Cell* c) { record(entry_of(c)); }
+  void record(Entry entry) {
+    if (begin_ > 0) entries_[--begin_] = entry;
   }
   void end_recording();
   /// Follows a change of the mesh. Needs: the history was that of the list before.
   ///
   /// @param heads  the first nodes of the stretches before, 0 where there was none
-  /// @param come   nodes that have entered their stretches at the head, in this order
+  /// @param come   to each stretch, at the head, in this order
   /// @param gone   nodes that have left
-  void follow(std::span<const Entry> heads, std::span<Cell* const> come,
+  void follow(std::span<const Entry> heads, std::span<const std::vector<Entry>> come,
               std::span<const Entry> gone, ProgressTeller& progress);
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
@@ -198,6 +199,8 @@ class Walk {
   /// Told at each node: whether the mesh is about to be changed here. Then it will probably be at
   /// the next nodes too, and more of them is prefetched.
   void changes_mesh_here(bool changes) { busy_ = changes; }
+  /// Told at the last node of interest of a stretch.
+  void end_here() { following_ = nullptr; }
   /// Told where the current node has been removed.
   void removed_node() { removed_ = true; }
 
@@ -290,7 +293,12 @@ class Walk {
   VELMAR_2D_ALWAYS_INLINE void advance_near(bool busy) {
     if (near_ == nullptr || reads_ < Reads::fields) return;
     near_ = near_->*step_;
-    if (near_ != nullptr && (busy || reads_links(*near_))) prefetch_neighbours(*near_);
+    if (near_ == nullptr) return;
+    if (busy && direction_ < 0) {
+      for (int d = 0; d < nb_directions; ++d) prefetch_lines(link(*near_, d).cell(), 3);
+    } else if (busy || reads_links(*near_)) {
+      prefetch_neighbours(*near_);
+    }
   }
   /// The far corner of a regular square, the first one that is tried. No link of the node leads
   /// there. The neighbours of this node have been prefetched a while ago, its own links before.

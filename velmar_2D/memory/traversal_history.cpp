@@ -45,17 +45,18 @@ void TraversalHistory::end_recording() {
   entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(begin_));
 }
 
-void TraversalHistory::follow(std::span<const Entry> heads, std::span<Cell* const> come,
-                              std::span<const Entry> gone, ProgressTeller& progress) {
+void TraversalHistory::follow(std::span<const Entry> heads,
+                              std::span<const std::vector<Entry>> come, std::span<const Entry> gone,
+                              ProgressTeller& progress) {
   try {
     const Entries has_gone(gone);
-    std::vector<std::vector<Entry>> come_to(heads.size());
-    for (const Cell* c : come) come_to[static_cast<std::size_t>(c->ipos)].push_back(entry_of(c));
+    std::size_t nb_nodes = entries_.size();
+    for (const std::vector<Entry>& entries : come) nb_nodes += entries.size();
     std::vector<Entry> now;
-    now.reserve(entries_.size() + come.size());
+    now.reserve(nb_nodes);
     std::size_t next = 0;
     for (std::size_t stretch = 0; stretch < heads.size(); ++stretch) {
-      now.insert(now.end(), come_to[stretch].rbegin(), come_to[stretch].rend());
+      now.insert(now.end(), come[stretch].rbegin(), come[stretch].rend());
       if (heads[stretch] == 0) continue;
       std::size_t above = stretch + 1;
       while (above < heads.size() && heads[above] == 0) ++above;

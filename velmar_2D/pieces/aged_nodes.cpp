@@ -115,16 +115,22 @@ void PieceUpdate::take_nodes(std::span<const Cell> oldest_first) {
 }
 
 // Parents come first among the newcomers.
+void PieceUpdate::place_anew(const std::function<bool(const Cell&)>& is_meant) {
+  for (std::size_t i = 0; i < newcomers_.size(); ++i) {
+    if (is_meant(*newcomers_[i])) set_between_parents(parents_[i], *newcomers_[i]);
+  }
+}
+
 void PieceUpdate::restore(const std::function<bool(const Cell&)>& is_restored,
                           const init_data_function& init_data) {
+  place_anew(is_restored);
+  if (state_.n_cell_data <= 0) return;
   const std::size_t first = init_data ? 1 : 0;
   const std::size_t end =
       state_.transfer == Transfer::first ? 1 : static_cast<std::size_t>(state_.n_cell_data);
   for (std::size_t i = 0; i < newcomers_.size(); ++i) {
     Cell& c = *newcomers_[i];
     if (!is_restored(c)) continue;
-    set_between_parents(parents_[i], c);
-    if (state_.n_cell_data <= 0) continue;
     if (init_data) c.data[0] = init_data(c.x, c.y);
     for (std::size_t value = first; value < end; ++value) {
       c.data[value] = mean_of_parents(parents_[i], value);

@@ -5,7 +5,7 @@
 // both know all links of their own nodes, and so which nodes of theirs are linked to which: what
 // another piece needs besides, nodes that are linked to those linked to its own, can be told
 // exactly.
-#include <limits>
+#include <bit>
 
 #include "velmar_2D/pieces/pieces.hpp"
 
@@ -20,11 +20,9 @@ struct BoxSides {
   double distance(const Cell& c) const {
     return std::max({west - c.x, c.x - east, south - c.y, c.y - north});
   }
-  bool contains(const Cell& c) const {
-    return c.x >= west && c.x < east && c.y >= south && c.y < north;
-  }
 };
 
+constexpr std::size_t ahead = 8;         // nodes that are brought near before they are looked at
 constexpr double a_little_more = 1.001;  // than distances are, with rounding
 
 /// How far a node of each level is from those that it is linked to, or that rest on it.
@@ -48,6 +46,23 @@ BoxSides sides_of(const State& state, const Window& box) {
   const double dist_0 = state.domain.dist_0;
   return {frame.x_min + box.west * dist_0, frame.x_min + box.east * dist_0,
           frame.y_min + box.south * dist_0, frame.y_min + box.north * dist_0};
+}
+
+/// Keeps the first of equal ones.
+void drop_repeated(std::vector<const Cell*>& nodes) {
+  std::vector<const Cell*> slots(std::bit_ceil(2 * nodes.size() + 1), nullptr);
+  const auto is_new = [&slots](const Cell* c) {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(c));
+    auto slot = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15U) >> 20);
+    for (;; ++slot) {
+      const Cell*& there = slots[slot & (slots.size() - 1)];
+      if (there == c) return false;
+      if (there != nullptr) continue;
+      there = c;
+      return true;
+    }
+  };
+  std::erase_if(nodes, [&](const Cell* c) { return !is_new(c); });
 }
 
 template <typename Test>
@@ -76,6 +91,14 @@ std::vector<PieceUpdate::Near> PieceUpdate::border(const Window& of, int layers)
   return found;
 }
 
+bool PieceUpdate::rests_beyond(LatticePoint at, std::int32_t ipos) const {
+  for (int d = ipos % 2; d < nb_directions && ipos > 0; d += 2) {
+    const LatticePoint parent = wants_.neighbour(at, d, ipos);
+    if (wants_.contains(parent) && !owns(parent)) return true;
+  }
+  return false;
+}
+
 bool PieceUpdate::rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const {
   for (int d = ipos % 2; d < nb_directions && ipos > 0; d += 2) {
     if (box.contains(wants_.neighbour(at, d, ipos))) return true;
@@ -94,56 +117,67 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
       if (rests_on(boxes[i], at, ipos)) found[i].push_back(at);
     }
   };
-  if (of_all) {
-    for (const Near& near : near_) tell(near.at, near.cell->ipos);
-  } else {
-    for (const Cell* c : newcomers_) {
-      if (owns(*c) && is_near(*c)) tell(place_of(*c), c->ipos);
-    }
+  // Those that come stand behind the others.
+  const std::size_t first = of_all ? 0 : std::min(nb_near_before_, near_.size());
+  for (const Near& near : std::span(near_).subspan(first)) {
+    if (near.rests_beyond) tell(near.at, near.cell->ipos);
   }
   return found;
 }
 
-// A link of another piece's node is not known for certain here, as those beyond it are not: where
-// that node may be linked to one of the box, it counts as if it were. These are few, since three
-// boxes meet there.
+// The ghosts that are linked to own nodes tell which these are. A link of a ghost to another piece
+// is not known for certain here, as what lies beyond ghosts is not: where it may have one, it
+// counts as if it had. These are few, since three boxes meet there.
 std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Window> of) {
   if (!is_updating_ && !is_listed_) list_nodes();
   struct Other {
     Box box;
-    BoxSides sides, ends;  ///< the latter as those of owns()
+    BoxSides sides;
+    std::vector<const Cell*> linked, found;
   };
-  const double before = a_quarter_of_the_finest_spacing();
   std::vector<Other> others;
   for (const Window& window : of) {
-    const BoxSides sides = sides_of(state_, window);
-    const auto end = [&](double side, std::int32_t line, std::int32_t last) {
-      return line == last ? std::numeric_limits<double>::infinity() : side - before;
-    };
-    others.push_back({box_of(window),
-                      sides,
-                      {sides.west - before, end(sides.east, window.east, nx_ - 1),
-                       sides.south - before, end(sides.north, window.north, ny_ - 1)}});
+    others.push_back({box_of(window), sides_of(state_, window), {}, {}});
   }
   const Reaches reaches(state_);
-  const auto is_linked_to = [&](const Other& other) {
-    return [&](const Cell& c) {
-      if (other.sides.distance(c) > reaches.of(c)) return false;
-      const auto is_there = [&](const Cell& there) { return other.ends.contains(there); };
-      return is_there(c) || !owns(c) || has_link(c, is_there);
-    };
-  };
-  std::vector<std::vector<LatticePoint>> found(of.size());
-  for (const Near& near : near_) {
-    const Cell& c = *near.cell;
-    const double farthest = std::max(reaches.of_level(c.ipos), 4.0 * reaches.of(c));
-    if (distance_to_cut(c) > farthest) continue;
-    for (std::size_t i = 0; i < others.size(); ++i) {
-      const double distance = others[i].sides.distance(c);
-      if (distance > farthest) continue;
-      if (rests_on(others[i].box, near.at, c.ipos) || has_link(c, is_linked_to(others[i]))) {
-        found[i].push_back(near.at);
+  const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
+  for (std::size_t k = 0; k < ghosts.size(); ++k) {
+    const Lattice::Entry& entry = ghosts[k];
+    if (k + ahead < ghosts.size()) prefetch_lines(ghosts[k + ahead].cell, 2);
+    if (entry.cell == nullptr) continue;
+    const Cell& ghost = *entry.cell;
+    std::array<const Cell*, nb_directions> own{};
+    std::size_t nb_own = 0;
+    for (int d = 0; d < nb_directions; ++d) {
+      const Cell* there = link(ghost, d).cell();
+      if (there != nullptr && owns(*there)) own[nb_own++] = there;
+    }
+    if (nb_own == 0) continue;
+    for (Other& other : others) {
+      const bool is_its_own = other.box.contains(entry.at);
+      if (!is_its_own && other.sides.distance(ghost) > reaches.of(ghost)) continue;
+      std::vector<const Cell*>& to = is_its_own ? other.linked : other.found;
+      to.insert(to.end(), own.begin(), own.begin() + static_cast<std::ptrdiff_t>(nb_own));
+    }
+  }
+  std::vector<std::vector<LatticePoint>> found;
+  for (Other& other : others) {
+    drop_repeated(other.linked);
+    for (const Cell* c : other.linked) {
+      other.found.push_back(c);
+      for (int d = 0; d < nb_directions; ++d) {
+        const Cell* there = link(*c, d).cell();
+        if (there != nullptr && owns(*there)) other.found.push_back(there);
       }
+    }
+    drop_repeated(other.found);
+    found.emplace_back();
+    for (const Cell* c : other.found) found.back().push_back(place_of(*c));
+  }
+  for (const Near& near : near_) {
+    if (!near.rests_beyond) continue;
+    for (std::size_t i = 0; i < others.size(); ++i) {
+      if (rests_on(others[i].box, near.at, near.cell->ipos)) found[i].push_back(near.at);
     }
   }
   return found;

@@ -6,7 +6,7 @@ namespace velmar_2d::detail {
 void NodeValues::add(LatticePoint place, const Cell& c) {
   places.push_back(place);
   rows.insert(rows.end(), c.data.begin(), c.data.end());
-  rows.insert(rows.end(), {c.grad_data, c.grad2_data});
+  rows.insert(rows.end(), {c.grad_data, c.grad2_data, c.x, c.y});
   handles.emplace_back(c.used, c.data_ptr);
 }
 
@@ -48,9 +48,11 @@ std::vector<LatticePoint> PieceUpdate::find_needs() {
   }
   ghosts_are_needed_ = true;
   std::vector<LatticePoint> places;
-  for (const Lattice::Entry& entry : ghost_table_->entries()) {
-    if (entry.ipos == 0 || entry.cell == nullptr) continue;
-    if ((entry.cell->wanted_level & is_needed) != 0) places.push_back(entry.at);
+  const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i].ipos > 0 && entries[i].cell != nullptr && nb_needing_[i] > 0) {
+      places.push_back(entries[i].at);
+    }
   }
   return places;
 }
@@ -155,6 +157,7 @@ void PieceUpdate::remove(Cell& c) {
 void PieceUpdate::release() {
   gone_near_.clear();
   const Removal removal(*this);
+  state_.progress.begin("coarsening", static_cast<std::int64_t>(own_nodes_.size()));
   if (!knows_fallen_ || are_many(fallen_.size(), own_nodes_.size())) {
     release_everywhere();
   } else {
@@ -175,6 +178,7 @@ void PieceUpdate::release_everywhere() {
   for (std::size_t l = state_.level_end.size(); l-- > 0;) {
     for (Cell* c = state_.level_end[l].next; c != nullptr;) {
       Cell* next = c->prev;
+      state_.progress.step();
       if (owns(*c) && is_surplus(*c)) remove(*c);
       c = next;
     }
@@ -195,6 +199,7 @@ void PieceUpdate::release_freed() {
   std::size_t next = 0;  // removals make more
   while (next < freed_.size()) {
     Cell* c = freed_[next++];
+    state_.progress.step();
     if (!gone_.contains(c) && owns(*c) && is_surplus(*c)) remove(*c);
   }
   freed_.clear();

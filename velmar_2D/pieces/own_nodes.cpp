@@ -31,9 +31,14 @@ class AddressSet {
 
 }  // namespace
 
-void PieceUpdate::list(Cell& c, const LatticePoint* near_cut) {
+PieceUpdate::Near PieceUpdate::near_of(Cell& c) const {
+  const LatticePoint at = place_of(c);
+  return {&c, at, rests_beyond(at, c.ipos)};
+}
+
+void PieceUpdate::list(Cell& c, const Near* near_cut) {
   if (near_cut != nullptr) {
-    near_.push_back({&c, *near_cut});
+    near_.push_back(*near_cut);
     near_rows_.push_back(own_nodes_.size());
   }
   own_nodes_.push_back(&c);
@@ -44,8 +49,8 @@ void PieceUpdate::list_new(Cell& c) {
     list(c, nullptr);
     return;
   }
-  const LatticePoint at = place_of(c);
-  list(c, &at);
+  const Near near = near_of(c);
+  list(c, &near);
 }
 
 void PieceUpdate::list_all() {
@@ -92,15 +97,16 @@ void PieceUpdate::list_changes() {
     const std::size_t end = l + 1 < first_rows_.size() ? first_rows_[l + 1] : before.size();
     for (; row < end; ++row) {
       const bool is_near_cut = near < near_rows_before.size() && near_rows_before[near] == row;
-      const LatticePoint* at = is_near_cut ? &near_before[near].at : nullptr;
+      const Near* near_cut = is_near_cut ? &near_before[near] : nullptr;
       near += is_near_cut ? 1 : 0;
-      if (!gone.contains(before[row])) list(*before[row], at);
+      if (!gone.contains(before[row])) list(*before[row], near_cut);
     }
   }
   first_rows_ = std::move(first_rows);
 }
 
 void PieceUpdate::list_nodes() {
+  nb_near_before_ = 0;
   if (knows_changes_) {
     list_changes();
   } else {

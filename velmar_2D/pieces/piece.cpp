@@ -23,15 +23,11 @@ PieceUpdate::PieceUpdate(State& state, const Window& own, std::int32_t overlap, 
   find_sides_of_box();
 }
 
-double PieceUpdate::a_quarter_of_the_finest_spacing() const {
-  return 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
-}
-
 void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
-  const double before = a_quarter_of_the_finest_spacing();
+  const double before = 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
   for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
     const LatticePoint p = place_of(*c);
     if (p.x == box_.low.x && own_.west > 0) west_ = c->x - before;

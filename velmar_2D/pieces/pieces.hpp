@@ -91,7 +91,7 @@ class PieceSizes {
 /// Nodes apart from their mesh.
 struct NodeValues {
   std::vector<LatticePoint> places;
-  std::vector<double> rows;  ///< of each its data, gradient and second derivative
+  std::vector<double> rows;  ///< of each its data, gradient, second derivative and position
   std::vector<std::pair<std::int32_t, UserReference>> handles;
 
   void add(LatticePoint place, const Cell& c);
@@ -152,6 +152,7 @@ class PieceUpdate {
   struct Near {
     Cell* cell;
     LatticePoint at;
+    bool rests_beyond;  ///< on a node of another
   };
   std::vector<Near> border(const Window& of, int layers);
   /// Of each of the boxes.
@@ -183,6 +184,7 @@ class PieceUpdate {
       const std::function<UpdateStatistics(const batch_size_function& counted)>& update);
   void order_by_age(std::span<const LatticePoint> oldest_first);
   void take_nodes(std::span<const Cell> oldest_first);
+  void place_anew(const std::function<bool(const Cell&)>& is_meant);
   void restore(const std::function<bool(const Cell&)>& is_restored,
                const init_data_function& init_data);
 
@@ -192,10 +194,11 @@ class PieceUpdate {
   class Counting;
   Box box_of(const Window& window) const;
   void find_sides_of_box();
-  double a_quarter_of_the_finest_spacing() const;
+  Near near_of(Cell& c) const;
+  bool rests_beyond(LatticePoint at, std::int32_t ipos) const;
   bool rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const;
   double distance_to_cut(const Cell& c) const;
-  void list(Cell& c, const LatticePoint* near_cut);
+  void list(Cell& c, const Near* near_cut);
   void list_new(Cell& c);
   void list_all();
   void list_changes();
@@ -249,6 +252,7 @@ class PieceUpdate {
   /// Own nodes that others may need, and some more: those that are listed, some of which may have
   /// gone in an update, and those that have come.
   std::vector<Near> near_;
+  std::size_t nb_near_before_ = 0;      ///< of those, at begin()
   std::vector<std::size_t> near_rows_;  ///< where they stand among own_nodes_, as far as listed
   std::optional<Lattice> near_table_;   ///< of near_, in its order, once it is asked for
   /// Ghosts, and places where some were: those have no node.
@@ -291,7 +295,11 @@ class PieceUpdate {
 template <typename Use>
 void PieceUpdate::for_ghosts(const Use& use) {
   list_if_changed();
-  for (const Lattice::Entry& entry : ghost_table_->entries()) {
+  constexpr std::size_t ahead = 8;
+  const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const Lattice::Entry& entry = entries[i];
+    if (i + ahead < entries.size()) prefetch_lines(entries[i + ahead].cell, 2);
     if (entry.cell == nullptr) continue;
     bool is_linked = false;
     for (int d = 0; d < nb_directions && !is_linked; ++d) {

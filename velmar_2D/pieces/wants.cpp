@@ -76,6 +76,8 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   gone_near_.clear();
   waiting_to_go_.clear();
   to_ask_ = own_nodes_;
+  state_.progress.begin("refining", static_cast<std::int64_t>(to_ask_.size()));
+  nb_near_before_ = near_.size();
   graded_.reset();
   if (resolution.slope > 0.0) graded_.emplace(state_, resolution.slope, box_);
   is_updating_ = true;
@@ -98,9 +100,10 @@ void PieceUpdate::ask() {
     }
     while (nb_asked_ < end) {
       if (nb_asked_ + ahead < end) prefetch_lines(to_ask_[nb_asked_ + ahead], 2);
+      state_.progress.step();
       Cell& c = *to_ask_[nb_asked_++];
       ask(c, sizes_ ? sizes[nb_asked_ - 1 - first] : SizesOneByOne(size_).at(c));
-      note_newcomers();
+      if (nb_noted_ < newcomers_.size()) note_newcomers();
     }
   } while (state_.n_cell_data == 0 && nb_asked_ < to_ask_.size());
   if (graded_) graded_->grade();
@@ -137,7 +140,7 @@ void PieceUpdate::settle() {
     Cell* c = sizes.cell_of(i);
     if (c == nullptr) continue;
     settle(*c, sizes.size_of(i), sizes.has_own(i) ? 0 : c->level);
-    note_newcomers();
+    if (nb_noted_ < newcomers_.size()) note_newcomers();
   }
 }
 
@@ -171,7 +174,7 @@ void PieceUpdate::note_newcomers() {
     if (ghost_table_) note_parents(c, nb_noted_);
     if (!owns(c)) continue;
     if (is_near(c)) {
-      near_.push_back({&c, place_of(c)});
+      near_.push_back(near_of(c));
       if (near_table_) near_table_->add({near_.back().at, &c, c.ipos});
     }
     to_ask_.push_back(&c);

@@ -70,10 +70,8 @@ class Asking {
   }
   void note(Cell& c, double size, AskedNodes& asked) {
     const Want want = wants_.of(c, size, 0);
-    // What is none wants the level that is there when its turn comes.
-    const bool has_size = size >= 0.0;
     try {
-      if (!has_size || want.level > c.level || want.is_refused) {
+      if (is_demand(c, size, want)) {
         asked.demands.push_back({&c, size});
         return;
       }

@@ -59,13 +59,7 @@ class Resolver {
       return;
     }
     if (!ask_ahead(size_fun)) settle_on_the_way(sizes);
-    for (std::size_t i = 0; i < nodes_.size(); ++i) {
-      if (i == generation_end_) begin_generation();
-      prefetch_newcomer(i);
-      state_.progress.step();
-      ++state_.update_statistics.visited;
-      settle(*nodes_[i], sizes.at(*nodes_[i]));
-    }
+    for (std::size_t begin = 0; begin < nodes_.size();) begin = settle_some(begin, sizes);
     release_surplus();
   }
 
@@ -84,6 +78,7 @@ class Resolver {
       for (const double size : sizes_from(next, size_fun)) {
         prefetch_newcomer(next);
         state_.progress.step();
+        note_newcomer(next);
         settle(*nodes_[next++], size);
       }
     }
@@ -140,12 +135,47 @@ class Resolver {
     }
     if (knows_fallen_) fallen_.swap(asked->fallen);
     state_.update_statistics.visited += asked->nb_asked;
-    for (std::size_t i = 0; i < asked->demands.size(); ++i) {
-      prefetch_demand(asked->demands, i);
-      settle(*asked->demands[i].node, asked->demands[i].size);
-    }
+    settle_demands(asked->demands);
     if (asked->thrown) std::rethrow_exception(asked->thrown);
     return true;
+  }
+  /// Asks some newcomers from this number on, then gives them what they want: most want no more,
+  /// and what is read around the others is known before. Where other callbacks have a say in what
+  /// comes, it is one newcomer. Returns the number of the next one.
+  template <typename Sizes>
+  std::size_t settle_some(std::size_t begin, Sizes& sizes) {
+    if (begin == generation_end_) begin_generation();
+    const std::size_t at_once = in_turn_ || !state_.data_interpolation ? 1 : demands_.size();
+    const std::size_t end = std::min(begin + at_once, generation_end_);
+    std::size_t nb_demands = 0;
+    std::exception_ptr thrown;
+    for (std::size_t i = begin; i < end && !thrown; ++i) {
+      prefetch_newcomer(i);
+      Cell& c = *nodes_[i];
+      state_.progress.step();
+      ++state_.update_statistics.visited;
+      note_newcomer(i);
+      try {
+        const double size = sizes.at(c);
+        const Want want = wants_.of(c, size, 0);
+        if (is_demand(c, size, want)) {
+          demands_[nb_demands++] = {&c, size};
+        } else {
+          c.wanted_level = static_cast<std::uint8_t>(want.kept);
+        }
+      } catch (...) {
+        thrown = std::current_exception();
+      }
+    }
+    settle_demands(std::span(demands_).first(nb_demands));
+    if (thrown) std::rethrow_exception(thrown);
+    return end;
+  }
+  void settle_demands(std::span<const Demand> demands) {
+    for (std::size_t i = 0; i < demands.size(); ++i) {
+      prefetch_demand(demands, i);
+      settle(*demands[i].node, demands[i].size);
+    }
   }
   /// What is read at a node that is raised: it, its neighbours, the far corners of figures.
   VELMAR_2D_ALWAYS_INLINE static void prefetch_demand(std::span<const Demand> demands,
@@ -252,6 +282,17 @@ class Resolver {
     return raising;
   }
 
+  /// For the history of walks, if it is asked: the list of all nodes is not.
+  void note_newcomer(std::size_t number) {
+    if (number < nb_listed_) return;
+    const Cell& c = *nodes_[number];
+    try {
+      come_to_[static_cast<std::size_t>(c.ipos)].push_back(TraversalHistory::entry_of(&c));
+    } catch (const std::bad_alloc&) {
+      knows_come_ = false;
+    }
+  }
+
   void note_fallen(Cell& c) {
     try {
       fallen_.push_back(&c);
@@ -269,23 +310,35 @@ class Resolver {
     try {
       release_around_fallen();
     } catch (const std::bad_alloc&) {
+      knows_come_ = false;  // the heads may have gone
       release_everywhere();
       return;
     }
-    const std::span<Cell* const> come = std::span(nodes_).subspan(nb_listed_);
-    if (come.empty() && gone_.empty()) return;
-    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come, gone_,
+    if (nodes_.size() == nb_listed_ && gone_.empty()) return;
+    if (!knows_come_) {
+      state_.history.forget();  // the walks are slower without it, that is all
+      return;
+    }
+    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come_to_, gone_,
                           state_.progress);
   }
 
   /// Stretches downwards. Returns whether a node went.
+  ///
+  /// Nodes that have come are wanted, or rested on, unless graded wants have changed since: they
+  /// are left out where they are known.
   bool release_everywhere(GradedSizes* graded = nullptr) {
     const std::int32_t nb_nodes_before = state_.nb_nodes;
+    const bool leaves_out = graded == nullptr && knows_come_ && !rings_.has_failed();
     Walk walk = Walk::to_coarsen(state_.history);
-    state_.progress.begin("coarsening", state_.nb_nodes);
+    const std::size_t nb_left_out = leaves_out ? nodes_.size() - nb_listed_ : 0;
+    state_.progress.begin("coarsening", state_.nb_nodes - static_cast<std::int64_t>(nb_left_out));
     state_.history.begin_recording(state_.nb_nodes);
     for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-      for (Cell& c : walk(state_.level_end[l].next)) {
+      const Cell* head = l < nb_stretches_ ? heads_[l] : nullptr;
+      Cell* last = leaves_out && head == nullptr ? nullptr : state_.level_end[l].next;
+      for (Cell& c : walk(last)) {
+        if (leaves_out && &c == head) walk.end_here();
         state_.progress.step();
         const bool removing = is_surplus(c);
         walk.changes_mesh_here(removing);
@@ -294,6 +347,8 @@ class Resolver {
         remove(state_, c);
         walk.removed_node();
       }
+      if (!leaves_out || l >= nb_stretches_) continue;
+      for (const TraversalHistory::Entry entry : come_to_[l]) state_.history.record(entry);
     }
     state_.history.end_recording();
     return state_.nb_nodes < nb_nodes_before;
@@ -352,14 +407,18 @@ class Resolver {
   std::size_t nb_listed_ = 0;
   std::size_t generation_end_ = 0;  ///< of those that are being asked
   DeriveLater derive_later_;
+  /// Those that have come, by stretch.
+  std::array<std::vector<TraversalHistory::Entry>, highest_wanted_level + 1> come_to_;
+  std::array<Demand, 1024> demands_;  ///< of newcomers that are asked at once
   std::vector<Cell*> fallen_, surplus_;
   std::vector<double> sizes_;
   std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
   std::int32_t threads_;
-  bool in_turn_;       ///< nodes come and go in the order of the list, which others may notice
-  bool knows_fallen_;  ///< all that may go is around those whose wants have fallen
+  bool in_turn_;            ///< nodes come and go in the order of the list, which others may notice
+  bool knows_come_ = true;  ///< no memory was short for those that have come
+  bool knows_fallen_;       ///< all that may go is around those whose wants have fallen
 };
 
 /// What the next resolve can rely on, also where this one is left by an exception.

@@ -112,6 +112,11 @@ struct Demand {
   Cell* node;
   double size;
 };
+/// Whether that is so, or to note what a node wants is all. What is no size wants the level that is
+/// there when its turn comes.
+inline bool is_demand(const Cell& c, double size, const Want& want) {
+  return !(size >= 0.0) || want.level > c.level || want.is_refused;
+}
 struct AskedNodes {
   std::vector<Demand> demands;  ///< of nodes that are to be raised, mostly
   std::vector<Cell*> fallen;    ///< of the others, those around which nodes may be released
@@ -151,6 +156,8 @@ class RingMaker {
 
   /// Completes the rings around p up to this level, and around others what those rest on.
   void raise(Cell& p, std::int32_t level);
+  /// Whether nodes may have come that nothing rests on: those around were no figure.
+  bool has_failed() const { return has_failed_; }
   /// Makes one node at the middle of its parents, those around it by direction.
   void make_between(const std::array<Cell*, nb_directions>& around, std::int32_t ipos);
 
@@ -172,6 +179,7 @@ class RingMaker {
   /// Until what they rest on is there. Each is a level lower than the one before.
   std::array<Member, highest_wanted_level + 1> deferred_;
   std::size_t nb_deferred_ = 0;
+  bool has_failed_ = false;
 };
 
 /// Ends the update: the mesh would need more nodes than it may have.

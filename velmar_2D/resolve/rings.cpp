@@ -56,7 +56,9 @@ bool RingMaker::make(Cell& p, int direction, std::int32_t level) {
   deferred_[0] = {&p, direction, level};
   nb_deferred_ = 1;
   while (nb_deferred_ > 0) {
-    if (!make_or_defer(Member(deferred_[nb_deferred_ - 1]))) return false;
+    if (make_or_defer(Member(deferred_[nb_deferred_ - 1]))) continue;
+    has_failed_ = true;
+    return false;
   }
   return true;
 }

@@ -1,8 +1,15 @@
+// From one form of update to the other.
+//
 // From update() to resolve(): nodes that plain updates have made rest on others that may have gone.
 // A mesh of one process makes these anew before it is resolved, and so do the processes together:
 // what a node rests on is told by its place, so that they are found before any is made.
+//
+// From resolve() to update(): what a plain update makes depends on the order in which nodes came,
+// and no process knows that of all. So nodes that were resolved count as having come by place, on
+// any number of processes: as gather() hands them out.
 #include <algorithm>
 #include <bit>
+#include <limits>
 
 #include "partition.hpp"
 
@@ -96,7 +103,43 @@ std::vector<Place> Partition::Parts::missing_places() {
   return missing;
 }
 
-/// Positions and values: those that were there keep theirs, the others follow from these.
+void Partition::Parts::exchange_positions() {
+  exchange_rows(
+      2, GhostLayer::all,
+      [](const Cell& c, double* row) {
+        row[0] = c.x;
+        row[1] = c.y;
+      },
+      [](Cell& c, const double* row) {
+        c.x = row[0];
+        c.y = row[1];
+      });
+  messages.alone([&] { take_fingerprints(); });
+}
+
+/// Those that follow from others near a cut which were not known here.
+void Partition::Parts::place_newcomers() {
+  std::unordered_set<const Cell*> are_known;
+  exchange_rows(
+      3, GhostLayer::all,
+      [this](const Cell& c, double* row) {
+        row[0] = piece->has_come(c) ? 0.0 : 1.0;
+        row[1] = c.x;
+        row[2] = c.y;
+      },
+      [&](Cell& c, const double* row) {
+        if (row[0] == 0.0) return;
+        are_known.insert(&c);
+        c.x = row[1];
+        c.y = row[2];
+      });
+  messages.alone([&] {
+    piece->place_anew([&](const Cell& c) { return !are_known.contains(&c); });
+    take_fingerprints();
+  });
+}
+
+/// Those that were there keep positions and values, the others get them from these.
 void Partition::Parts::give_values_to_restored(const std::vector<char>& is_restored,
                                                const init_data_function& init_data) {
   std::unordered_set<const Cell*> restored;
@@ -106,16 +149,10 @@ void Partition::Parts::give_values_to_restored(const std::vector<char>& is_resto
     }
   });
   exchange_rows(
-      3, GhostLayer::all,
-      [&](const Cell& c, double* row) {
-        row[0] = restored.contains(&c) ? 1.0 : 0.0;
-        row[1] = c.x;
-        row[2] = c.y;
-      },
-      [&](Cell& c, const double* row) {
+      1, GhostLayer::all,
+      [&](const Cell& c, double* row) { row[0] = restored.contains(&c) ? 1.0 : 0.0; },
+      [&](const Cell& c, const double* row) {
         if (row[0] != 0.0) restored.insert(&c);
-        c.x = row[1];
-        c.y = row[2];
       });
   messages.alone([&] {
     piece->restore([&](const Cell& c) { return restored.contains(&c); }, init_data);
@@ -127,18 +164,21 @@ void Partition::Parts::give_values_to_restored(const std::vector<char>& is_resto
 std::int64_t Partition::Parts::restore(const init_data_function& init_data) {
   const std::vector<Place> missing = missing_places();
   PieceNodes nodes;
-  std::vector<std::array<double, 2>> positions;
+  std::size_t nb_before = 0;
   messages.alone([&] {
     for (const Cell* c : owned) {
       nodes.places.push_back(piece->place_of(*c));
       nodes.rows.insert(nodes.rows.end(), c->data.begin(), c->data.end());
-      nodes.rows.insert(nodes.rows.end(), {c->grad_data, c->grad2_data});
+      nodes.rows.insert(nodes.rows.end(), {c->grad_data, c->grad2_data, c->x, c->y});
       nodes.handles.emplace_back(c->used, c->data_ptr);
-      positions.push_back({c->x, c->y});
     }
+    nb_before = nodes.places.size();
     nodes.places.insert(nodes.places.end(), missing.begin(), missing.end());
-    const std::size_t width = static_cast<std::size_t>(grid.n_cell_data) + 2;
-    nodes.rows.resize(nodes.places.size() * width, 0.0);
+    std::vector<double> none(static_cast<std::size_t>(grid.n_cell_data) + 4, 0.0);
+    none[none.size() - 2] = std::numeric_limits<double>::quiet_NaN();
+    for (std::size_t i = 0; i < missing.size(); ++i) {
+      nodes.rows.insert(nodes.rows.end(), none.begin(), none.end());
+    }
     nodes.handles.resize(nodes.places.size());
   });
   messages.together();
@@ -152,15 +192,7 @@ std::int64_t Partition::Parts::restore(const init_data_function& init_data) {
     const std::vector<std::size_t> rows = make_again(nodes);
     std::vector<char> is_restored;
     messages.alone([&] {
-      is_restored.assign(owned.size(), 0);
-      for (std::size_t i = 0; i < owned.size(); ++i) {
-        if (rows[i] < positions.size()) {
-          owned[i]->x = positions[rows[i]][0];
-          owned[i]->y = positions[rows[i]][1];
-        } else {
-          is_restored[i] = 1;
-        }
-      }
+      for (const std::size_t row : rows) is_restored.push_back(row < nb_before ? 0 : 1);
     });
     try {
       give_values_to_restored(is_restored, init_data);
@@ -169,6 +201,23 @@ std::int64_t Partition::Parts::restore(const init_data_function& init_data) {
       widen_windows(found);
     }
   }
+}
+
+/// Makes whole windows of the nodes that resolve() has left.
+void Partition::Parts::keep_windows_from_now() {
+  KeptNodes kept;
+  AgedNodes own;
+  messages.alone([&] {
+    kept.originals.assign(owned.begin(), owned.end());
+    kept.originals.insert(kept.originals.end(), ghosts.begin(), ghosts.end());
+    kept.nb_own = owned.size();
+    for (const Cell* c : kept.originals) kept.cells.push_back(*c);
+    own = aged(kept);
+  });
+  messages.together();
+  adapted_by = Adapted::by_update;
+  replay(own, true);
+  return_handles(kept);
 }
 
 }  // namespace velmar_2d
