@@ -27,6 +27,7 @@ void PieceUpdate::find_sides_of_box() {
   constexpr double beyond = std::numeric_limits<double>::infinity();
   west_ = south_ = -beyond;
   east_ = north_ = beyond;
+  level_of_sides_ = state_.level_max;
   const double before = 0.25 * state_.domain.dist_0 / exact_power_of_2((state_.level_max + 1) / 2);
   for (const Cell* c = state_.mesh_beg; c != nullptr && c->ipos == 0; c = c->next) {
     const LatticePoint p = place_of(*c);
@@ -148,6 +149,7 @@ class PieceUpdate::Counting {
 void PieceUpdate::update_window(
     const batch_size_function& sizes,
     const std::function<UpdateStatistics(const batch_size_function& counted)>& update) {
+  if (state_.level_max > level_of_sides_) find_sides_of_box();
   const Counting counting(*this);
   std::int64_t nb_asked = 0;
   statistics_ = update([&](std::span<const Cell* const> nodes, std::span<double> of) {

@@ -241,7 +241,8 @@ class PieceUpdate {
   Lattice wants_;  ///< holds nothing: tells what lies where
   Box box_;
   double west_ = 0.0, east_ = 0.0, south_ = 0.0,
-         north_ = 0.0;  ///< a little before the box; infinite where the whole ends
+         north_ = 0.0;               ///< a little before the box; infinite where the whole ends
+  std::int32_t level_of_sides_ = 0;  ///< down to which no node lies between these and the box
   size_function size_;
   batch_size_function sizes_;
   Resolution resolution_;

@@ -44,6 +44,7 @@ class PieceUpdate::Insertion {
 
 void PieceUpdate::begin(const size_function& size, const batch_size_function& sizes,
                         const Resolution& resolution, init_data_function init_data) {
+  if (state_.level_max > level_of_sides_) find_sides_of_box();
   size_ = size;
   sizes_ = sizes;
   resolution_ = resolution;
