@@ -170,8 +170,8 @@ void Piece::hold_ghosts(std::span<const Place> places) {
 std::vector<std::vector<Place>> Piece::children_places(std::span<const Window> boxes, bool of_all) {
   return to_places(update_->children_of(boxes, of_all));
 }
-std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes) {
-  return to_places(update_->borders(boxes));
+std::vector<std::vector<Place>> Piece::border_places(std::span<const Window> boxes, bool of_all) {
+  return to_places(update_->borders(boxes, of_all));
 }
 void Piece::for_ghosts(const std::function<void(Cell&, Place, bool)>& use) {
   update_->for_ghosts([&](Cell* c, const detail::LatticePoint& at, bool is_linked) {
