@@ -54,7 +54,7 @@ void Partition::Parts::refine_graded_by_place() {
 void Partition::Parts::refine_graded() {
   if (grid.n_cell_data == 0) {
     refine_graded_by_place();
-    sharing([&] { share_children(); });
+    sharing([&] { share_children(tells_all_children); });
   } else {
     refine();
   }

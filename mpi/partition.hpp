@@ -150,9 +150,10 @@ struct Partition::Parts {
   void forget_told();
   bool has_changed() const { return piece->has_changed() || piece->needs_revision() != needs_told; }
   std::vector<PlaceBox> boxes_of_neighbours() const;
-  void share_children();
+  void share_children(bool of_all);
   void share_ghosts();
-  void exchange_borders(const std::vector<std::vector<Place>>& out);
+  void share_new_ghosts();
+  void exchange_borders(const std::function<std::vector<std::vector<Place>>()>& borders, bool adds);
   void write_rows_at(std::span<const Place> places, double* row);
   void hand_on_data();
   void hand_on_data(const std::vector<std::vector<Place>>& asked,

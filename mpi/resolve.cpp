@@ -69,13 +69,12 @@ void Partition::Parts::refine() {
   while (ask_and_exchange_wants()) {
     if (grid.n_cell_data == 0) continue;
     sharing([&] {
-      share_children();
-      share_ghosts();
+      share_new_ghosts();
       hand_on_data();
     });
   }
   if (!is_settled && (grid.n_cell_data == 0 || tells_all_children)) {
-    sharing([&] { share_children(); });
+    sharing([&] { share_children(tells_all_children); });
   }
 }
 
@@ -158,44 +157,50 @@ std::vector<PlaceBox> Partition::Parts::boxes_of_neighbours() const {
 
 /// Each process tells its neighbours about its nodes that rest on theirs, so that they know what
 /// their own nodes are linked to.
-void Partition::Parts::share_children() {
-  std::vector<std::vector<Place>> out(messages.neighbours().size());
-  messages.alone([&] {
-    std::vector<std::vector<Place>> children =
-        piece->children_places(boxes_of_neighbours(), tells_all_children);
-    for (std::size_t i = 0; i < out.size(); ++i) {
-      const std::vector<Place>& told = told_borders.sent[i];
-      std::sort(children[i].begin(), children[i].end());
-      std::vector<Place> all;
-      all.reserve(told.size() + children[i].size());
-      std::set_union(told.begin(), told.end(), children[i].begin(), children[i].end(),
-                     std::back_inserter(all));
-      tell_changes(told_borders.sent[i], std::move(all), out[i]);
-    }
-  });
+void Partition::Parts::share_children(bool of_all) {
   tells_all_children = false;
-  exchange_borders(out);
+  exchange_borders([&] { return piece->children_places(boxes_of_neighbours(), of_all); }, true);
 }
 
 /// And about those that these need to know besides. Needs: all processes' children told.
 void Partition::Parts::share_ghosts() {
+  exchange_borders([&] { return piece->border_places(boxes_of_neighbours(), true); }, false);
+}
+
+/// The same while nodes come, and none goes.
+void Partition::Parts::share_new_ghosts() {
+  const bool of_all = tells_all_children;
+  share_children(of_all);
+  exchange_borders([&] { return piece->border_places(boxes_of_neighbours(), of_all); }, true);
+}
+
+/// @param adds  to what was told: none goes
+void Partition::Parts::exchange_borders(
+    const std::function<std::vector<std::vector<Place>>()>& borders, bool adds) {
   std::vector<std::vector<Place>> out(messages.neighbours().size());
   messages.alone([&] {
     if (mesh_told == piece->mesh().revision()) {
       for (std::vector<Place>& message : out) tell_no_changes(message);
       return;
     }
-    std::vector<std::vector<Place>> borders = piece->border_places(boxes_of_neighbours());
+    std::vector<std::vector<Place>> now = borders();
     for (std::size_t i = 0; i < out.size(); ++i) {
-      std::sort(borders[i].begin(), borders[i].end());
-      borders[i].erase(std::unique(borders[i].begin(), borders[i].end()), borders[i].end());
-      tell_changes(told_borders.sent[i], std::move(borders[i]), out[i]);
+      const std::vector<Place>& told = told_borders.sent[i];
+      if (adds) {
+        std::erase_if(now[i], [&](const Place& place) {
+          return std::binary_search(told.begin(), told.end(), place);
+        });
+      }
+      std::sort(now[i].begin(), now[i].end());
+      now[i].erase(std::unique(now[i].begin(), now[i].end()), now[i].end());
+      if (adds) {
+        const auto nb_told = static_cast<std::ptrdiff_t>(told.size());
+        now[i].insert(now[i].begin(), told.begin(), told.end());
+        std::inplace_merge(now[i].begin(), now[i].begin() + nb_told, now[i].end());
+      }
+      tell_changes(told_borders.sent[i], std::move(now[i]), out[i]);
     }
   });
-  exchange_borders(out);
-}
-
-void Partition::Parts::exchange_borders(const std::vector<std::vector<Place>>& out) {
   const std::vector<std::vector<Place>> in = messages.exchange(out);
   messages.alone([&] {
     std::vector<Place> come, gone;
@@ -285,7 +290,7 @@ void Partition::Parts::exchange_data() {
 void Partition::Parts::settle() {
   is_settled = false;
   messages.alone([&] { list_owned(); });
-  share_children();
+  share_children(true);
   share_ghosts();
   plan_exchange();
   if (has_moved_nodes) exchange_positions();

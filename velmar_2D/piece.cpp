@@ -184,8 +184,8 @@ std::vector<std::vector<Place>> Piece::children_places(std::span<const PlaceBox>
                                                        bool of_all) {
   return to_places(update_->children_of(to_lattice(boxes), of_all));
 }
-std::vector<std::vector<Place>> Piece::border_places(std::span<const PlaceBox> boxes) {
-  return to_places(update_->borders(to_lattice(boxes)));
+std::vector<std::vector<Place>> Piece::border_places(std::span<const PlaceBox> boxes, bool of_all) {
+  return to_places(update_->borders(to_lattice(boxes), of_all));
 }
 void Piece::for_ghosts(const std::function<void(Cell&, Place, bool)>& use) {
   update_->for_ghosts([&](Cell* c, const detail::LatticePoint& at, bool is_linked) {

@@ -120,10 +120,34 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
   return found;
 }
 
+/// Ghosts that have come since begin(), or are linked to own nodes that have, or to such that are
+/// linked to these: a new link has one of them at an end.
+std::vector<const Cell*> PieceUpdate::ghosts_at_newcomers() const {
+  std::vector<const Cell*> ghosts;
+  for (const std::int32_t number : new_ghosts_) {
+    const Cell* c = ghost_table_->entries()[static_cast<std::size_t>(number)].cell;
+    if (c != nullptr) ghosts.push_back(c);
+  }
+  const std::size_t first = std::min(nb_near_before_, near_.size());
+  for (const Near& near : std::span(near_).subspan(first)) {
+    for (int d = 0; d < nb_directions; ++d) {
+      const Cell* there = link(*near.cell, d).cell();
+      if (there == nullptr) continue;
+      if (!owns(*there)) ghosts.push_back(there);
+      for (int e = 0; e < nb_directions && owns(*there); ++e) {
+        const Cell* beyond = link(*there, e).cell();
+        if (beyond != nullptr && !owns(*beyond)) ghosts.push_back(beyond);
+      }
+    }
+  }
+  drop_repeated(ghosts);
+  return ghosts;
+}
+
 // The ghosts that are linked to own nodes tell which these are. A link of a ghost to another piece
 // is not known for certain here, as what lies beyond ghosts is not: where it may have one, it
 // counts as if it had. These are few, since three boxes meet there.
-std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box> of) {
+std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box> of, bool of_all) {
   if (!is_updating_ && !is_listed_) list_nodes();
   struct Other {
     Box box;
@@ -136,25 +160,29 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
         {closed_at_sides(box), sides_of(point_at(box.low), point_at(box.high)), {}, {}});
   }
   const Reaches reaches(state_);
-  const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
-  for (std::size_t k = 0; k < ghosts.size(); ++k) {
-    const Lattice::Entry& entry = ghosts[k];
-    if (k + ahead < ghosts.size()) prefetch_lines(ghosts[k + ahead].cell, 2);
-    if (entry.cell == nullptr) continue;
-    const Cell& ghost = *entry.cell;
+  const auto look_at = [&](const Cell& ghost, LatticePoint at) {
     std::array<const Cell*, nb_directions> own{};
     std::size_t nb_own = 0;
     for (int d = 0; d < nb_directions; ++d) {
       const Cell* there = link(ghost, d).cell();
       if (there != nullptr && owns(*there)) own[nb_own++] = there;
     }
-    if (nb_own == 0) continue;
+    if (nb_own == 0) return;
     for (Other& other : others) {
-      const bool is_its_own = other.box.contains(entry.at);
+      const bool is_its_own = other.box.contains(at);
       if (!is_its_own && other.sides.distance(ghost) > reaches.of(ghost)) continue;
       std::vector<const Cell*>& to = is_its_own ? other.linked : other.found;
       to.insert(to.end(), own.begin(), own.begin() + static_cast<std::ptrdiff_t>(nb_own));
     }
+  };
+  if (of_all) {
+    const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
+    for (std::size_t i = 0; i < ghosts.size(); ++i) {
+      if (i + ahead < ghosts.size()) prefetch_lines(ghosts[i + ahead].cell, 2);
+      if (ghosts[i].cell != nullptr) look_at(*ghosts[i].cell, ghosts[i].at);
+    }
+  } else {
+    for (const Cell* ghost : ghosts_at_newcomers()) look_at(*ghost, place_of(*ghost));
   }
   std::vector<std::vector<LatticePoint>> found;
   for (Other& other : others) {
@@ -171,6 +199,7 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
     for (const Cell* c : other.found) found.back().push_back(place_of(*c));
   }
   for (const Near& near : near_) {
+    if (!of_all) break;
     if (!near.rests_beyond) continue;
     for (std::size_t i = 0; i < others.size(); ++i) {
       if (rests_on(others[i].box, near.at, near.cell->ipos)) found[i].push_back(near.at);

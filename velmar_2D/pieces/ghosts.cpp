@@ -54,9 +54,11 @@ std::int32_t PieceUpdate::add_ghost(Cell& c) {
   std::int32_t number = ghost_table_->add({p, &c, c.ipos});
   if (number >= 0) {
     nb_needing_.push_back(0);
+    new_ghosts_.push_back(number);
     return number;
   }
   number = ghost_table_->find(p);
+  new_ghosts_.push_back(number);
   ghost_table_->entries()[static_cast<std::size_t>(number)].cell = &c;
   --nb_ghosts_gone_;
   return number;
@@ -181,6 +183,7 @@ void PieceUpdate::change_ghosts(std::span<const LatticePoint> come,
 
 void PieceUpdate::forget_places() {
   if (2 * nb_ghosts_gone_ <= nb_needing_.size()) return;
+  new_ghosts_.clear();  // told by borders() of all, once nodes have gone
   Lattice all = Lattice::of_few(state_, nb_needing_.size() - nb_ghosts_gone_);
   std::vector<std::int32_t> nb_needing;
   for (std::size_t i = 0; i < nb_needing_.size(); ++i) {

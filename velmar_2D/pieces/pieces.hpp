@@ -156,7 +156,7 @@ class PieceUpdate {
   std::vector<Near> border(const Box& of, int layers);
   /// Of each of the boxes.
   std::vector<std::vector<LatticePoint>> children_of(std::span<const Box> of, bool of_all);
-  std::vector<std::vector<LatticePoint>> borders(std::span<const Box> of);
+  std::vector<std::vector<LatticePoint>> borders(std::span<const Box> of, bool of_all);
   void hold_ghosts(std::span<const LatticePoint> places);
   void keep_ghosts() { keeps_ghosts_ = true; }
   bool has_changed() const;
@@ -196,6 +196,7 @@ class PieceUpdate {
   void look_at_limit();
   double of_dist_0(std::int64_t units) const;
   Near near_of(Cell& c) const;
+  std::vector<const Cell*> ghosts_at_newcomers() const;
   bool rests_beyond(LatticePoint at, std::int32_t ipos) const;
   bool rests_on(const Box& box, LatticePoint at, std::int32_t ipos) const;
   double distance_to_cut(const Cell& c) const;
@@ -260,8 +261,9 @@ class PieceUpdate {
   std::optional<Lattice> ghost_table_;
   /// Of each: own nodes that want it, own nodes and needed ghosts that rest on it.
   std::vector<std::int32_t> nb_needing_;
-  std::size_t nb_ghosts_gone_ = 0;  ///< places without a node in the table
-  std::vector<Cell*> ghosts_;       ///< in the order of the table, once they are asked for
+  std::vector<std::int32_t> new_ghosts_;  ///< since begin(); some may have gone
+  std::size_t nb_ghosts_gone_ = 0;        ///< places without a node in the table
+  std::vector<Cell*> ghosts_;             ///< in the order of the table, once they are asked for
   bool ghosts_are_listed_ = false;
   std::vector<Cell*> idle_;                  ///< ghosts that may not be of use any more
   std::vector<LatticePoint> gone_near_;      ///< places of own nodes, since release() began

@@ -79,6 +79,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   to_ask_ = own_nodes_;
   state_.progress.begin("refining", static_cast<std::int64_t>(to_ask_.size()));
   nb_near_before_ = near_.size();
+  new_ghosts_.clear();
   graded_.reset();
   if (resolution.slope > 0.0) graded_.emplace(state_, resolution.slope, box_);
   is_updating_ = true;
