@@ -226,12 +226,12 @@ class Machine {
                                      const std::unordered_set<const Cell*>& linked) const {
     const Window box = boxes_[rank].cells();
     const double dist_0 = mesh_.dist_0();
-    const auto line = [&](std::int64_t at) {
+    const auto offset = [&](std::int64_t at) {
       return static_cast<double>(at) / static_cast<double>(places_per_cell) * dist_0;
     };
     const auto& [low, high] = boxes_[rank];
-    const double west = mesh_.x_min() + line(low.x), east = mesh_.x_min() + line(high.x);
-    const double south = mesh_.y_min() + line(low.y), north = mesh_.y_min() + line(high.y);
+    const double west = mesh_.x_min() + offset(low.x), east = mesh_.x_min() + offset(high.x);
+    const double south = mesh_.y_min() + offset(low.y), north = mesh_.y_min() + offset(high.y);
     const auto may_be_linked = [&](const Cell& c) {
       const double reach = 1.001 * std::ldexp(dist_0, -(c.level / 2));
       return std::max({west - c.x, c.x - east, south - c.y, c.y - north}) <= reach;

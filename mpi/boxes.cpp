@@ -121,8 +121,8 @@ int Owners::cut(std::span<const PlaceBox> boxes, int first) {
 int Owners::of(Place place) const {
   int next = root_;
   while (next >= 0) {
-    const Cut& cut = cuts_[static_cast<std::size_t>(next)];
-    next = (cut.along_x ? place.x : place.y) < cut.line ? cut.lower : cut.upper;
+    const Cut& here = cuts_[static_cast<std::size_t>(next)];
+    next = (here.along_x ? place.x : place.y) < here.line ? here.lower : here.upper;
   }
   return -1 - next;
 }

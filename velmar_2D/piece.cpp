@@ -59,6 +59,7 @@ Window checked_window(const PlaceBox& own, std::int32_t overlap, std::int32_t nx
 detail::Box to_lattice(const PlaceBox& box) { return {to_lattice(box.low), to_lattice(box.high)}; }
 std::vector<detail::Box> to_lattice(std::span<const PlaceBox> boxes) {
   std::vector<detail::Box> of;
+  of.reserve(boxes.size());
   for (const PlaceBox& box : boxes) of.push_back(to_lattice(box));
   return of;
 }

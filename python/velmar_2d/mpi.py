@@ -246,7 +246,7 @@ class Partition:
 
     @property
     def boxes(self) -> list[tuple[int, int, int, int]]:
-        """Of all processes, by rank: (west, east, south, north) in cells of the first grid."""
+        """Of all processes, by rank: (west, east, south, north) of the cells that a box reaches into."""
         return [tuple(box) for box in self._core.boxes()]
 
     # ---------------------------------------------------------------------------------------------
