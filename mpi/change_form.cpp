@@ -51,56 +51,79 @@ void for_parents(Place place, const Use& use) {
   }
 }
 
-}  // namespace
+/// Finds places of own nodes that have gone and that others rest on.
+class MissingPlaces {
+ public:
+  MissingPlaces(Piece& piece, const Grid& grid)
+      : piece_(piece), end_{(grid.nx - 1) * places_per_cell, (grid.ny - 1) * places_per_cell} {}
 
-/// Places of own nodes that have gone and that others rest on, here or elsewhere.
-std::vector<Place> Partition::Parts::missing_places() {
-  const Place end{(grid.nx - 1) * places_per_cell, (grid.ny - 1) * places_per_cell};
-  std::vector<Place> missing, to_look_at;
-  std::vector<std::vector<Place>> out(messages.neighbours().size());
-  Places known;
-  const auto look = [&] {
+  /// A node that is there.
+  void add_own(Place place) {
+    known_.insert(place);
+    to_look_at_.push_back(place);
+  }
+  void add_of_others(Place place) { known_.insert(place); }
+  /// What another process needs here.
+  void add_wanted(Place place) {
+    if (known_.insert(place).second) add_missing(place);
+  }
+  /// Looks at what has been added, and at what follows from it.
+  /// @return places that others may lack
+  std::vector<Place> look() {
     std::vector<Place> elsewhere;
-    while (!to_look_at.empty()) {
-      const Place place = to_look_at.back();
-      to_look_at.pop_back();
+    while (!to_look_at_.empty()) {
+      const Place place = to_look_at_.back();
+      to_look_at_.pop_back();
       for_parents(place, [&](Place parent) {
-        const bool is_inside =
-            parent.x >= 0 && parent.y >= 0 && parent.x <= end.x && parent.y <= end.y;
-        if (!is_inside || !known.insert(parent).second) return;
-        if (piece->owns(parent)) {
-          missing.push_back(parent);
-          to_look_at.push_back(parent);
+        if (!is_inside(parent) || !known_.insert(parent).second) return;
+        if (piece_.owns(parent)) {
+          add_missing(parent);
         } else {
           elsewhere.push_back(parent);
         }
       });
     }
-    out = by_owner(elsewhere);
-  };
+    return elsewhere;
+  }
+  const std::vector<Place>& found() const { return missing_; }
+
+ private:
+  bool is_inside(Place p) const { return p.x >= 0 && p.y >= 0 && p.x <= end_.x && p.y <= end_.y; }
+  void add_missing(Place place) {
+    missing_.push_back(place);
+    to_look_at_.push_back(place);
+  }
+
+  Piece& piece_;
+  Place end_;
+  Places known_;
+  std::vector<Place> missing_, to_look_at_;
+};
+
+}  // namespace
+
+/// Of own nodes that have gone and that others rest on, here or elsewhere.
+std::vector<Place> Partition::Parts::missing_places() {
+  MissingPlaces missing(*piece, grid);
+  std::vector<std::vector<Place>> out(messages.neighbours().size());
   messages.alone([&] {
-    for (const Cell* c : owned) to_look_at.push_back(piece->place_of(*c));
-    known.insert(to_look_at.begin(), to_look_at.end());
     for (const std::vector<Cell*>& cells : window_received) {
-      for (const Cell* c : cells) known.insert(piece->place_of(*c));
+      for (const Cell* c : cells) missing.add_of_others(piece->place_of(*c));
     }
-    look();
+    for (const Cell* c : owned) missing.add_own(piece->place_of(*c));
+    out = by_owner(missing.look());
   });
   const auto is_empty = [](const std::vector<Place>& places) { return places.empty(); };
   while (messages.any(std::all_of(out.begin(), out.end(), is_empty) ? 0 : 1) != 0) {
     const std::vector<std::vector<Place>> in = messages.exchange(out);
     messages.alone([&] {
       for (const std::vector<Place>& places : in) {
-        for (const Place& place : places) {
-          if (!known.insert(place).second) continue;
-          missing.push_back(place);
-          to_look_at.push_back(place);
-        }
+        for (const Place& place : places) missing.add_wanted(place);
       }
-      look();
+      out = by_owner(missing.look());
     });
   }
-  return missing;
+  return missing.found();
 }
 
 void Partition::Parts::exchange_positions() {

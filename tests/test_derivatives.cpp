@@ -150,6 +150,9 @@ TEST_F(Derivatives, ByManyThreadsAreThoseOfOne) {
       EXPECT_EQ(order.nodes().empty(), pass == 0);
       EXPECT_EQ(fingerprint(), expected) << nb_threads << " threads";
     }
+    forget();
+    EXPECT_TRUE(detail::compute_patch_by_patch(detail::default_state(), std::min(nb_threads, 7)));
+    EXPECT_EQ(fingerprint(), expected) << nb_threads << " threads, patch by patch";
   }
 
   forget();
@@ -183,10 +186,38 @@ TEST_F(Derivatives, ByManyThreadsAreThoseOfOne) {
     for (const int nb_threads : {1, 2, 5}) {
       if (by_list) order.forget();
       EXPECT_THROW(compute_data_at_all_nodes(nb_threads), std::runtime_error);
+      EXPECT_FALSE(detail::compute_patch_by_patch(detail::default_state(), nb_threads));
     }
   }
   fatal_handler = nullptr;
   EXPECT_EQ(ends, std::vector(6, std::to_string(first->id)));
+}
+
+// Each node of the mesh is met once, and no copy of the caller's that is linked.
+TEST_F(Derivatives, PatchByPatchMeetEachNode) {
+  make_mesh({5, -3, 2}, 0.4, 33, 33, 10, 6, wave);
+  std::vector<Cell*> listed;
+  for (Cell* c = mesh_beg; c != nullptr; c = c->next) listed.push_back(c);
+  Cell* original = *std::find_if(listed.begin(), listed.end(), [](Cell* c) {
+    return c->n.cell() != nullptr && c->n.cell()->s.cell() == c;
+  });
+  Cell copy = *original;
+  Cell& neighbour = *copy.n.cell();
+  neighbour.s = &copy;
+  std::sort(listed.begin(), listed.end());
+  for (const bool shared : {false, true}) {
+    detail::Patches patches(detail::default_state().memory, shared);
+    std::vector<Cell*> room, met;
+    int nb_patches = 0;
+    for (auto patch = patches.next(room); !patch.empty(); patch = patches.next(room)) {
+      ++nb_patches;
+      met.insert(met.end(), patch.begin(), patch.end());
+    }
+    EXPECT_LT(nb_patches, nb_nodes / 100);
+    std::sort(met.begin(), met.end());
+    EXPECT_EQ(met, listed);
+  }
+  neighbour.s = original;
 }
 
 // The order is that of the mesh there is, through nearby nodes.

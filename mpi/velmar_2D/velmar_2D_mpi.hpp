@@ -113,7 +113,10 @@ class VELMAR_2D_MPI_API Partition {
   int nb_processes() const;
   const Window& box() const;              ///< of this process
   std::span<const Window> boxes() const;  ///< of all, by rank
-  /// The mesh of the window: owned nodes and ghosts.
+  /// The mesh of the window: owned nodes and ghosts. A progress handler of it is told of the nodes
+  /// of this process, in plain updates of all in the window, and throws to leave the update on all
+  /// processes. Node hooks are for a mesh of one process: here they are called for ghosts, too, and
+  /// again where an update begins anew.
   Mesh& mesh();
   const Mesh& mesh() const;
 

@@ -107,8 +107,8 @@ class Partition:
         bc_type     the kinds of the sides, as for Mesh(), on all processes. Without: those of the
                     mesh, where they are no function
 
-        Raises MeshError where the mesh is not as resolve() leaves it: one of update(), gathered or
-        not, or of single steps.
+        One that update() or single steps have changed last goes on with the order of its nodes, and
+        takes the overlap that update() wants.
         """
         def kinds_of_mesh() -> Any:
             if not isinstance(mesh, Mesh):
@@ -186,9 +186,9 @@ class Partition:
 
         It needs more overlap than resolve(): 3 to 4 cells where sizes are a matter of place, 6 where
         they follow data, more where those change abruptly; where it was too little the update is
-        made again with more. size is asked for all nodes around the box, too. On a Partition that
-        update() has adapted, resolve() raises MeshError, and so does this after resolve() and where
-        a mesh was shared out.
+        made again with more. size is asked for all nodes around the box, too. Nodes that resolve()
+        has left count as having come by place, as gather() hands them out: so after resolve() this
+        makes what Mesh.update() makes of the mesh that gather() would give.
         """
         with self._agreed():
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)

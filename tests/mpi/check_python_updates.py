@@ -99,6 +99,19 @@ if whole is not None:
     nodes = [sorted(zip(*of.nodes.positions.T, of.nodes.data[:, 0])) for of in (whole, mesh)]
     assert nodes[0] == nodes[1] and whole.check() == []
 
+# The other form on the same Partition, and a mesh of plain updates that is shared out.
+shared = Partition.from_mesh(comm, mesh if comm.rank == 0 else None, kinds, overlap=6)
+expect_same(shared, mesh)
+mesh.update(by_data), shared.update(by_data), slow.update(by_data, vectorised=False)
+expect_same(shared, mesh)
+mesh.resolve(by_data), shared.resolve(by_data), slow.resolve(by_data, vectorised=False)
+expect_same(shared, mesh)
+expect_same(slow, mesh)
+alone = Partition.from_mesh(MPI.COMM_SELF, mesh, kinds)
+mesh = alone.gather()
+mesh.update(by_data), shared.update(by_data)
+expect_same(shared, mesh)
+
 # resolve() asks for what Mesh.resolve() does, and goes on in another place.
 mesh = velmar_2d.Mesh(**OPTIONS, bc_type=kinds)
 expect_error(velmar_2d.MeshError, "more overlap", Partition, comm, **OPTIONS, overlap=1,

@@ -1,4 +1,8 @@
 // The derivatives at every node, by one thread or by several.
+#include <new>
+#include <thread>
+
+#include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/derivatives/derivatives.hpp"
 
 namespace velmar_2d::detail {
@@ -41,6 +45,44 @@ bool compute_in_space_order(const State& state, int threads) {
 
 }  // namespace
 
+bool compute_patch_by_patch(const State& state, int threads) {
+  const std::thread::id caller = std::this_thread::get_id();
+  std::atomic<std::int32_t> nb_done = 0;
+  std::int32_t nb_told = 0;
+  const auto tell_news = [&] {
+    for (const std::int32_t done = nb_done; nb_told < done; ++nb_told) state.progress.step();
+  };
+  std::atomic<bool> has_failed = false;
+  state.progress.begin("derivatives", state.nb_nodes);
+  try {
+    Patches patches(state.memory, threads > 1);
+    const auto compute_patches = [&](std::size_t, std::size_t) {
+      try {
+        ThreadWorkspace own;
+        std::vector<Cell*> room;
+        while (!has_failed) {
+          const std::span<Cell* const> patch = patches.next(room);
+          if (patch.empty()) break;
+          compute_in_turn(state, own.work, patch);
+          nb_done += static_cast<std::int32_t>(patch.size());
+          if (std::this_thread::get_id() == caller) tell_news();
+        }
+      } catch (...) {
+        has_failed = true;
+        throw;
+      }
+    };
+    const auto number = static_cast<std::size_t>(threads);
+    in_parts(number, threads, compute_patches, 1);
+  } catch (const ThreadWorkspace::Failure&) {
+    return false;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  tell_news();
+  return nb_done == state.nb_nodes;
+}
+
 void compute_data_at_all_nodes(State& state, int threads) {
   if (state.lists_are_split()) join_sublists(state);
   if (state.space_order.begin_pass(state.mesh_beg, state.nb_nodes, state.mesh_revision,
@@ -48,8 +90,9 @@ void compute_data_at_all_nodes(State& state, int threads) {
     if (!compute_in_space_order(state, threads)) compute_by_one_thread(state);
     return;
   }
-  threads = Portions::useful_threads(state, threads);
-  if (threads <= 1) {
+  threads = std::max(Portions::useful_threads(state, threads), 1);
+  if (state.nb_nodes >= Patches::fewest_nodes && compute_patch_by_patch(state, threads)) return;
+  if (threads == 1) {
     compute_by_one_thread(state);
     return;
   }

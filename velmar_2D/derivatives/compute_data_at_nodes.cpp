@@ -24,14 +24,14 @@ VELMAR_2D_ALWAYS_INLINE void prefetch_ahead(std::span<Cell* const> nodes, std::s
   }
 }
 
+}  // namespace
+
 void compute_in_turn(const State& state, Workspace& work, std::span<Cell* const> nodes) {
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     prefetch_ahead(nodes, i);
     compute_data_at_node(state, work, nodes[i]);
   }
 }
-
-}  // namespace
 
 bool try_compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,
                                const std::function<void(std::size_t nb_nodes)>& tell) {

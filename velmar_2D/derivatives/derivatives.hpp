@@ -338,9 +338,14 @@ void compute_data_at_node(const State& state, Workspace& work, Cell* c, double* 
 /// For every node, in the order of the list, or by several threads: with the same results, and ends
 /// where one thread does, in the caller's.
 void compute_data_at_all_nodes(State& state, int threads);
-/// Likewise for some.
+/// Likewise, through nearby nodes of a large mesh. False where a node failed, memory was short, or
+/// nodes of the list are not where the mesh has its own.
+bool compute_patch_by_patch(const State& state, int threads);
+/// For some nodes.
 void compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads);
-/// Likewise, but stops where one fails, and returns false.
+/// Likewise, by the thread that calls.
+void compute_in_turn(const State& state, Workspace& work, std::span<Cell* const> nodes);
+/// For some, but stops where one fails, and returns false.
 /// @param tell  told of so many more nodes now and then, in the caller's thread; what it throws
 ///              leaves when all threads have ended
 bool try_compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,

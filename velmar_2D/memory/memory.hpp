@@ -2,7 +2,9 @@
 // Nothing here decides anything: without it the meshes would be the same. Never installed.
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "velmar_2D/base/base.hpp"
 
@@ -14,6 +16,16 @@ namespace velmar_2d::detail {
 
 struct NodeBlock;
 struct NodeSlab;
+
+/// Nodes lie in blocks, at multiples of their size.
+inline constexpr std::size_t slots_per_block = 64;
+inline constexpr std::size_t block_bytes = slots_per_block * sizeof(Cell);
+
+/// A block, by its number in the address space, and a bit for each of its slots that holds a node.
+struct TakenSlots {
+  std::uintptr_t block;
+  std::uint64_t slots;
+};
 
 /// The memory of the nodes of one mesh.
 class NodeMemory {
@@ -31,6 +43,8 @@ class NodeMemory {
   void release_empty_slabs();
   /// Returns all memory to the system. Needs: every slot has been given back.
   void release_all();
+  /// Where all nodes are. May throw std::bad_alloc.
+  std::vector<TakenSlots> taken_slots() const;
 
  private:
   struct Blocks {
@@ -370,6 +384,42 @@ class SpaceOrder {
   std::vector<Cell*> nodes_;  ///< none: there is no order
   bool has_passed_ = false;
   std::uint64_t revision_ = 0;  ///< of the mesh that the last pass went through
+};
+
+// ---------------------------------------------------------------------------------------------
+// The nodes patch by patch (patches.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Hands out all nodes once, in patches of such as are linked: for a pass through a mesh that has
+/// changed, and is too large for the cache. Costs less than it saves from fewest_nodes on.
+class Patches {
+ public:
+  static constexpr std::int32_t fewest_nodes = 300'000;
+
+  /// May throw std::bad_alloc.
+  ///
+  /// @param shared  by several threads
+  Patches(const NodeMemory& memory, bool shared);
+  /// The next patch, in a room of the caller's; none when all have been handed out. May throw
+  /// std::bad_alloc.
+  std::span<Cell* const> next(std::vector<Cell*>& room);
+
+ private:
+  /// Blocks that lie side by side, but for small gaps.
+  struct Region {
+    std::uintptr_t first, last;
+    std::size_t first_word;
+  };
+
+  std::atomic<std::uint64_t>* word_of(std::uintptr_t block);
+  bool take(const Cell* c);
+  Cell* take_first();
+
+  bool is_shared_;
+  std::vector<Region> regions_;
+  std::vector<std::atomic<std::uint64_t>> left_;
+  std::mutex mutex_;
+  std::size_t region_ = 0, block_ = 0;  ///< before them none is left
 };
 
 // ---------------------------------------------------------------------------------------------

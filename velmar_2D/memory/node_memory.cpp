@@ -39,9 +39,6 @@ namespace {
 constexpr std::size_t smallest_slab = std::size_t{1} << 16, largest_slab = std::size_t{1} << 22;
 constexpr std::align_val_t slab_alignment{largest_slab};
 
-constexpr std::size_t slots_per_block = 64;
-constexpr std::size_t block_bytes = slots_per_block * sizeof(Cell);
-
 }  // namespace
 
 /// What is known of a block. It is in the list of its kind, unless it is open or full.
@@ -244,6 +241,21 @@ void NodeMemory::give_back(void* slot) {
     remove(blocks_[old_kind], block);
   }
   append(blocks_[kind], block);
+}
+
+std::vector<TakenSlots> NodeMemory::taken_slots() const {
+  std::vector<TakenSlots> taken;
+  for (NodeSlab* slab = slabs_; slab != nullptr; slab = slab->next) {
+    auto* memory = reinterpret_cast<std::byte*>(slab);
+    const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(slab) / block_bytes;
+    for (std::size_t b = 0; b < slab->nb_blocks(); ++b) {
+      const NodeBlock& block = records_of(memory)[b];
+      if (kind_of(block) == empty_kind) continue;
+      const std::uint64_t slots = ~std::uint64_t{0} << (slots_per_block - block.nb_slots);
+      taken.push_back({first + b, slots & ~block.free});
+    }
+  }
+  return taken;
 }
 
 void NodeMemory::release_empty_slabs() {
