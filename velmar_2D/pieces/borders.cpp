@@ -69,6 +69,38 @@ bool has_link(const Cell& c, const Test& test) {
   return false;
 }
 
+/// Own nodes that a node is linked to.
+struct OwnLinks {
+  OwnLinks(const PieceUpdate& piece, const Cell& c) {
+    for (int d = 0; d < nb_directions; ++d) {
+      const Cell* there = link(c, d).cell();
+      if (there != nullptr && piece.owns(*there)) all[n++] = there;
+    }
+  }
+  std::span<const Cell* const> nodes() const { return std::span(all).first(n); }
+
+  std::array<const Cell*, nb_directions> all{};
+  std::size_t n = 0;
+};
+
+/// Another piece, own nodes that are linked to its own, and those that it has to know.
+struct Other {
+  Box box;
+  BoxSides sides;
+  std::vector<const Cell*> linked, found;
+};
+
+/// Of a ghost that these own nodes are linked to.
+void note_links(std::vector<Other>& others, const Cell& ghost, LatticePoint at,
+                std::span<const Cell* const> own, double reach) {
+  for (Other& other : others) {
+    const bool is_its_own = other.box.contains(at);
+    if (!is_its_own && other.sides.distance(ghost) > reach) continue;
+    std::vector<const Cell*>& to = is_its_own ? other.linked : other.found;
+    to.insert(to.end(), own.begin(), own.end());
+  }
+}
+
 }  // namespace
 
 // A node of level l is linked to none beyond the spacing of that level, and those that it is linked
@@ -149,11 +181,6 @@ std::vector<const Cell*> PieceUpdate::ghosts_at_newcomers() const {
 // counts as if it had. These are few, since three boxes meet there.
 std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box> of, bool of_all) {
   if (!is_updating_ && !is_listed_) list_nodes();
-  struct Other {
-    Box box;
-    BoxSides sides;
-    std::vector<const Cell*> linked, found;
-  };
   std::vector<Other> others;
   for (const Box& box : of) {
     others.push_back(
@@ -161,19 +188,8 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
   }
   const Reaches reaches(state_);
   const auto look_at = [&](const Cell& ghost, LatticePoint at) {
-    std::array<const Cell*, nb_directions> own{};
-    std::size_t nb_own = 0;
-    for (int d = 0; d < nb_directions; ++d) {
-      const Cell* there = link(ghost, d).cell();
-      if (there != nullptr && owns(*there)) own[nb_own++] = there;
-    }
-    if (nb_own == 0) return;
-    for (Other& other : others) {
-      const bool is_its_own = other.box.contains(at);
-      if (!is_its_own && other.sides.distance(ghost) > reaches.of(ghost)) continue;
-      std::vector<const Cell*>& to = is_its_own ? other.linked : other.found;
-      to.insert(to.end(), own.begin(), own.begin() + static_cast<std::ptrdiff_t>(nb_own));
-    }
+    const OwnLinks own(*this, ghost);
+    if (own.n > 0) note_links(others, ghost, at, own.nodes(), reaches.of(ghost));
   };
   if (of_all) {
     const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
@@ -188,21 +204,18 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
   for (Other& other : others) {
     drop_repeated(other.linked);
     for (const Cell* c : other.linked) {
+      const OwnLinks own(*this, *c);
       other.found.push_back(c);
-      for (int d = 0; d < nb_directions; ++d) {
-        const Cell* there = link(*c, d).cell();
-        if (there != nullptr && owns(*there)) other.found.push_back(there);
-      }
+      other.found.insert(other.found.end(), own.nodes().begin(), own.nodes().end());
     }
     drop_repeated(other.found);
     found.emplace_back();
     for (const Cell* c : other.found) found.back().push_back(place_of(*c));
   }
-  for (const Near& near : near_) {
-    if (!of_all) break;
-    if (!near.rests_beyond) continue;
-    for (std::size_t i = 0; i < others.size(); ++i) {
-      if (rests_on(others[i].box, near.at, near.cell->ipos)) found[i].push_back(near.at);
+  if (of_all) {
+    std::vector<std::vector<LatticePoint>> children = children_of(of, true);
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      found[i].insert(found[i].end(), children[i].begin(), children[i].end());
     }
   }
   return found;
