@@ -28,6 +28,7 @@ std::vector<Place> to_places(const std::vector<detail::LatticePoint>& points) {
 std::vector<std::vector<Place>> to_places(
     const std::vector<std::vector<detail::LatticePoint>>& of_each) {
   std::vector<std::vector<Place>> places;
+  places.reserve(of_each.size());
   for (const auto& points : of_each) places.push_back(to_places(points));
   return places;
 }
