@@ -13,7 +13,13 @@ namespace velmar_2d::io {
 struct VtuPart {
   std::function<bool(const Cell& node)> owns;
   std::function<std::int64_t(const Cell& node)> number;  ///< in the whole: what the file calls id
+  // Of nodes of others, whose surroundings may be known in part only, as their owners have them.
+  std::function<std::int32_t(const Cell& node)> level_there;
+  std::function<double(const Cell& node)> area_there;
 };
+
+/// Area of the control cell, as files have it, without touching what the node has cached.
+VELMAR_2D_IO_API double area_of(const Mesh& mesh, const Cell& node);
 
 /// Writes what a process owns of a mesh: the control cells of its nodes, or the triangles whose
 /// lowest corner it owns, the westernmost of the lowest. Nodes of others at their corners are

@@ -245,17 +245,6 @@ VtkGrid grid_of_control_cells(const Mesh& mesh, const VtuPart* part) {
 // Values
 // ---------------------------------------------------------------------------------------------
 
-/// Area of the control cell, without touching what the node has cached.
-double area_of(const Mesh& mesh, const Cell& node) {
-  const CellPolygon polygon = mesh.polygon(node);
-  double doubled = 0.0;
-  for (std::size_t i = 0, n = static_cast<std::size_t>(polygon.n); i < n; ++i) {
-    const Point &a = polygon.corners[i], &b = polygon.corners[(i + 1) % n];
-    doubled += (a.x - node.x) * (b.y - node.y) - (b.x - node.x) * (a.y - node.y);
-  }
-  return 0.5 * doubled;
-}
-
 /// What several threads may find out and note in a node at the same time; all note the same.
 double shared(const double& value) {
   return std::atomic_ref<double>(const_cast<double&>(value)).load(std::memory_order_relaxed);
@@ -301,10 +290,14 @@ void add_values(ArrayWriter& arrays, pugi::xml_node parent, const Mesh& mesh,
     arrays.add(parent, name, values);
   };
   add("id", [&](const Cell& node) { return part == nullptr ? node.id : part->number(node); });
-  add("level", [](const Cell& node) { return node.level; });
+  const auto is_there = [&](const Cell& node) { return part != nullptr && !part->owns(node); };
+  add("level",
+      [&](const Cell& node) { return is_there(node) ? part->level_there(node) : node.level; });
   add("ipos", [](const Cell& node) { return node.ipos; });
   add("on_boundary", [](const Cell& node) { return node.on_boundary; });
-  add("area", [&](const Cell& node) { return area_of(mesh, node); });
+  add("area", [&](const Cell& node) {
+    return is_there(node) ? part->area_there(node) : area_of(mesh, node);
+  });
   add("grad_data", [](const Cell& node) { return shared(node.grad_data); });
   add("grad2_data", [](const Cell& node) { return shared(node.grad2_data); });
 
@@ -407,6 +400,16 @@ std::string write_grid(const Mesh& mesh, const std::string& path, const VtuOptio
 
 std::string write_vtu(const Mesh& mesh, const std::string& path, const VtuOptions& options) {
   return write_grid(mesh, path, options, nullptr);
+}
+
+double area_of(const Mesh& mesh, const Cell& node) {
+  const CellPolygon polygon = mesh.polygon(node);
+  double doubled = 0.0;
+  for (std::size_t i = 0, n = static_cast<std::size_t>(polygon.n); i < n; ++i) {
+    const Point &a = polygon.corners[i], &b = polygon.corners[(i + 1) % n];
+    doubled += (a.x - node.x) * (b.y - node.y) - (b.x - node.x) * (a.y - node.y);
+  }
+  return 0.5 * doubled;
 }
 
 std::string write_vtu_part(const Mesh& mesh, const std::string& path, const VtuPart& part,

@@ -1,5 +1,6 @@
 // One file for each process, and one that names them.
 #include <filesystem>
+#include <unordered_map>
 
 #include "io/vtu_part.hpp"
 #include "velmar_2D/velmar_2D_mpi_io.hpp"
@@ -35,26 +36,43 @@ std::string fault_of(const std::string& path, const Step& step) {
   }
 }
 
-/// Points that several processes write shall have the same values in all files.
-void share_values(Partition& part) {
-  part.exchange();
-  std::vector<double> rows(2 * (part.owned().size() + part.ghosts().size()));
-  auto row = rows.begin();
-  for (const Cell* c : part.owned()) {
-    *row++ = c->grad_data;
-    *row++ = c->grad2_data;
+/// Points that several processes write shall have the same values in all files. What a process
+/// finds itself at a ghost may be something else: it does not know all around it.
+class SharedValues {
+ public:
+  explicit SharedValues(Partition& part) {
+    part.exchange();
+    rows_.resize(width * (part.owned().size() + part.ghosts().size()));
+    double* row = rows_.data();
+    for (const Cell* c : part.owned()) {
+      *row++ = c->grad_data;
+      *row++ = c->grad2_data;
+      *row++ = c->level;
+      *row++ = area_of(part.mesh(), *c);
+    }
+    part.exchange(rows_, width);
+    for (Cell* c : part.ghosts()) {
+      row_of_[c] = row;
+      c->grad_data = row[0];
+      c->grad2_data = row[1];
+      row += width;
+    }
   }
-  part.exchange(rows, 2);
-  for (Cell* c : part.ghosts()) {
-    c->grad_data = *row++;
-    c->grad2_data = *row++;
+  std::int32_t level(const Cell& ghost) const {
+    return static_cast<std::int32_t>(row_of_.at(&ghost)[2]);
   }
-}
+  double area(const Cell& ghost) const { return row_of_.at(&ghost)[3]; }
+
+ private:
+  static constexpr int width = 4;
+  std::vector<double> rows_;
+  std::unordered_map<const Cell*, const double*> row_of_;
+};
 
 }  // namespace
 
 std::string write_pvtu(Partition& part, const std::string& path, const VtuOptions& options) try {
-  share_values(part);
+  const SharedValues shared(part);
   const std::string name = fs::path(path).stem().string();
   const fs::path folder = fs::path(path).replace_extension();
   const auto file_of = [&](int rank) { return name + "_" + std::to_string(rank) + ".vtu"; };
@@ -72,7 +90,9 @@ std::string write_pvtu(Partition& part, const std::string& path, const VtuOption
 
   fault = fault_of(path, [&] {
     const VtuPart own{[&](const Cell& c) { return part.owns(c); },
-                      [&](const Cell& c) { return part.global_number(c); }};
+                      [&](const Cell& c) { return part.global_number(c); },
+                      [&](const Cell& c) { return shared.level(c); },
+                      [&](const Cell& c) { return shared.area(c); }};
     return write_vtu_part(part.mesh(), (folder / file_of(part.rank())).string(), own, options);
   });
   fault = first_fault(part, fault);

@@ -188,10 +188,14 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// From now on ghosts stay from update to update.
   void keep_ghosts();
   /// For each box, own nodes that rest on its nodes.
+  ///
+  /// @param boxes   of other pieces
   /// @param of_all  else of those alone that have come since begin()
   std::vector<std::vector<Place>> children_places(std::span<const PlaceBox> boxes, bool of_all);
   /// For each box, own nodes that rest on its nodes, or are linked to these or to nodes that are;
   /// some twice. Needs: children_places() of the other pieces.
+  ///
+  /// @param boxes   of other pieces
   /// @param of_all  else of those alone that have become so since begin(), with some others; before
   ///                release()
   std::vector<std::vector<Place>> border_places(std::span<const PlaceBox> boxes, bool of_all);

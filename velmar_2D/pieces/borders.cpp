@@ -192,10 +192,10 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
     if (own.n > 0) note_links(others, ghost, at, own.nodes(), reaches.of(ghost));
   };
   if (of_all) {
-    const std::vector<Lattice::Entry>& ghosts = ghost_table_->entries();
-    for (std::size_t i = 0; i < ghosts.size(); ++i) {
-      if (i + ahead < ghosts.size()) prefetch_lines(ghosts[i + ahead].cell, 2);
-      if (ghosts[i].cell != nullptr) look_at(*ghosts[i].cell, ghosts[i].at);
+    const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (i + ahead < entries.size()) prefetch_lines(entries[i + ahead].cell, 2);
+      if (entries[i].cell != nullptr) look_at(*entries[i].cell, entries[i].at);
     }
   } else {
     for (const Cell* ghost : ghosts_at_newcomers()) look_at(*ghost, place_of(*ghost));
