@@ -101,7 +101,7 @@ void run_mesh(const Grid& grid, double finest, int nb_updates, const Resolution&
     substeps(nodes, next, [] {});
     solving += processor_seconds() - middle;
   }
-  std::printf("a Mesh:        %9lld nodes   update %.4f s   ten substeps %.4f s\n",
+  std::printf("a Mesh:        %9lld nodes   update %.5f s   ten substeps %.5f s\n",
               static_cast<long long>(mesh.size()), updating / nb_updates, solving / nb_updates);
 }
 
@@ -168,7 +168,7 @@ void run_partition(const Grid& grid, double finest, int nb_updates, const Resolu
   const PartitionStatistics last = part.statistics();
   if (part.rank() != 0) return;
   std::printf(
-      "%d processes:   %9lld nodes   update %.4f s   ten substeps %.4f s\n"
+      "%d processes:   %9lld nodes   update %.5f s   ten substeps %.5f s\n"
       "               ghosts %.2f %%   imbalance %.3f   rounds %d\n",
       part.nb_processes(), static_cast<long long>(last.nb_nodes), moving.update_seconds(),
       solving / nb_updates,

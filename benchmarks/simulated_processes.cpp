@@ -47,7 +47,7 @@ struct Sharing {
 };
 constexpr Sharing settled{4.0e-8, 0.0, 8.0, 1, 2};
 constexpr int rounds = 3;  // until nothing more is wanted, of a front; the bench has one
-constexpr Sharing creeping{4.7e-7, 6.0e-9, 15.0, rounds + 11, rounds + 4};
+constexpr Sharing creeping{2.3e-7, 2.6e-9, 15.0, rounds + 11, rounds + 4};
 
 constexpr std::int32_t overlap = 3;
 
@@ -319,7 +319,7 @@ double time_of(const Load& load, const Work& work, std::size_t nb_processes, boo
   const double meeting = latency * std::ceil(std::log2(static_cast<double>(nb_processes)));
   // One to each, one from each.
   const auto messages = [](double nb_neighbours) { return latency + handling * nb_neighbours; };
-  double update = (is_creeping ? work.creeping : work.update) * (load.owned + load.ghosts) +
+  double update = (is_creeping ? work.creeping : work.update) * load.owned +
                   sharing.messages * messages(load.neighbours) +
                   sharing.bytes * load.ghosts / bandwidth + sharing.meetings * meeting;
   if (with_sharing) update += sharing.seconds * load.ghosts + sharing.listing * load.owned;
