@@ -155,25 +155,25 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::children_of(std::span<const 
 /// Ghosts that have come since begin(), or are linked to own nodes that have, or to such that are
 /// linked to these: a new link has one of them at an end.
 std::vector<const Cell*> PieceUpdate::ghosts_at_newcomers() const {
-  std::vector<const Cell*> ghosts;
+  std::vector<const Cell*> found;
   for (const std::int32_t number : new_ghosts_) {
     const Cell* c = ghost_table_->entries()[static_cast<std::size_t>(number)].cell;
-    if (c != nullptr) ghosts.push_back(c);
+    if (c != nullptr) found.push_back(c);
   }
   const std::size_t first = std::min(nb_near_before_, near_.size());
   for (const Near& near : std::span(near_).subspan(first)) {
     for (int d = 0; d < nb_directions; ++d) {
       const Cell* there = link(*near.cell, d).cell();
       if (there == nullptr) continue;
-      if (!owns(*there)) ghosts.push_back(there);
+      if (!owns(*there)) found.push_back(there);
       for (int e = 0; e < nb_directions && owns(*there); ++e) {
         const Cell* beyond = link(*there, e).cell();
-        if (beyond != nullptr && !owns(*beyond)) ghosts.push_back(beyond);
+        if (beyond != nullptr && !owns(*beyond)) found.push_back(beyond);
       }
     }
   }
-  drop_repeated(ghosts);
-  return ghosts;
+  drop_repeated(found);
+  return found;
 }
 
 // The ghosts that are linked to own nodes tell which these are. A link of a ghost to another piece
