@@ -185,8 +185,8 @@ void push_values(const MeshTables& tables, std::size_t first,
 // Threads (parts.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// Cuts numbers 0 to n - 1 into parts, and calls `work` with the begin and the end of each, by
-/// several threads where there are. An exception ends the work and leaves this in the end.
+/// Cuts numbers 0 to n - 1 into parts of so many, and calls `work` with the begin and the end of
+/// each, by several threads where there are. An exception ends the work and leaves this in the end.
 void in_parts(std::size_t n, std::int32_t threads,
               const std::function<void(std::size_t begin, std::size_t end)>& work,
               std::size_t numbers_of_part = 4096);

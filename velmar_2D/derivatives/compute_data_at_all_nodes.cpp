@@ -1,6 +1,5 @@
 // The derivatives at every node, by one thread or by several.
 #include <new>
-#include <thread>
 
 #include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/derivatives/derivatives.hpp"
@@ -34,24 +33,22 @@ void compute_portions(const State& state, Portions& portions) noexcept {
   }
 }
 
+void tell_steps(const State& state, std::size_t nb_nodes) {
+  while (nb_nodes-- > 0) state.progress.step();
+}
+
 /// False where a node failed.
 bool compute_in_space_order(const State& state, int threads) {
   state.progress.begin("derivatives", state.nb_nodes);
   return try_compute_data_at_nodes(state, state.space_order.nodes(), threads,
-                                   [&](std::size_t nb_nodes) {
-                                     while (nb_nodes-- > 0) state.progress.step();
-                                   });
+                                   [&](std::size_t nb_nodes) { tell_steps(state, nb_nodes); });
 }
 
 }  // namespace
 
 bool compute_patch_by_patch(const State& state, int threads) {
-  const std::thread::id caller = std::this_thread::get_id();
-  std::atomic<std::int32_t> nb_done = 0;
-  std::int32_t nb_told = 0;
-  const auto tell_news = [&] {
-    for (const std::int32_t done = nb_done; nb_told < done; ++nb_told) state.progress.step();
-  };
+  const auto tell = [&](std::size_t nb_nodes) { tell_steps(state, nb_nodes); };
+  DoneTogether done(tell);
   std::atomic<bool> has_failed = false;
   state.progress.begin("derivatives", state.nb_nodes);
   try {
@@ -64,8 +61,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
           const std::span<Cell* const> patch = patches.next(room);
           if (patch.empty()) break;
           compute_in_turn(state, own.work, patch);
-          nb_done += static_cast<std::int32_t>(patch.size());
-          if (std::this_thread::get_id() == caller) tell_news();
+          done.add(patch.size());
         }
       } catch (...) {
         has_failed = true;
@@ -79,8 +75,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
   } catch (const std::bad_alloc&) {
     return false;
   }
-  tell_news();
-  return nb_done == state.nb_nodes;
+  return done.end() == static_cast<std::size_t>(state.nb_nodes);
 }
 
 void compute_data_at_all_nodes(State& state, int threads) {

@@ -1,7 +1,4 @@
 // The derivatives at some nodes, by one thread or by several.
-#include <atomic>
-#include <thread>
-
 #include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/derivatives/derivatives.hpp"
 
@@ -36,26 +33,23 @@ void compute_in_turn(const State& state, Workspace& work, std::span<Cell* const>
 bool try_compute_data_at_nodes(const State& state, std::span<Cell* const> nodes, int threads,
                                const std::function<void(std::size_t nb_nodes)>& tell) {
   constexpr std::size_t nodes_of_part = 512;
-  std::atomic<std::size_t> nb_done = 0;
-  std::size_t nb_told = 0;
-  const auto tell_news = [&] {
-    if (tell) tell(nb_done - std::exchange(nb_told, nb_done));
+  const auto tell_if_any = [&](std::size_t nb_nodes) {
+    if (tell) tell(nb_nodes);
   };
-  const std::thread::id caller = std::this_thread::get_id();
+  DoneTogether done(tell_if_any);
   try {
     in_parts(
         nodes.size(), threads,
         [&](std::size_t begin, std::size_t end) {
           ThreadWorkspace own;
           compute_in_turn(state, own.work, nodes.subspan(begin, end - begin));
-          nb_done += end - begin;
-          if (std::this_thread::get_id() == caller) tell_news();
+          done.add(end - begin);
         },
         nodes_of_part);
   } catch (const ThreadWorkspace::Failure&) {
     return false;
   }
-  tell_news();
+  done.end();
   return true;
 }
 

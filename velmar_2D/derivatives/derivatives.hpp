@@ -2,8 +2,11 @@
 // gives. Never installed.
 #pragma once
 
+#include <atomic>
 #include <cassert>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "velmar_2D/mesh/state.hpp"
 
@@ -76,6 +79,35 @@ struct ThreadWorkspace {
 
   Handlers handlers;
   Workspace work;
+};
+
+/// Nodes that several threads have done, which the thread that made this tells of.
+template <typename Tell>
+class DoneTogether {
+ public:
+  /// @param tell  of so many more nodes
+  explicit DoneTogether(const Tell& tell) : tell_(tell) {}
+  void add(std::size_t nb_nodes) {
+    nb_done_ += nb_nodes;
+    if (std::this_thread::get_id() == caller_) tell_news();
+  }
+  /// By the caller's thread, when no other adds any more.
+  /// @return how many all have done
+  std::size_t end() {
+    tell_news();
+    return nb_done_;
+  }
+
+ private:
+  void tell_news() {
+    const std::size_t nb_done = nb_done_;
+    tell_(nb_done - std::exchange(nb_told_, nb_done));
+  }
+
+  const Tell& tell_;
+  std::atomic<std::size_t> nb_done_ = 0;
+  std::size_t nb_told_ = 0;
+  const std::thread::id caller_ = std::this_thread::get_id();
 };
 
 /// Copies a row; rows are counted from 0. The distance stays behind.
