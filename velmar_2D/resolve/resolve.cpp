@@ -158,7 +158,7 @@ class Resolver {
       try {
         const double size = sizes.at(c);
         const Want want = wants_.of(c, size, 0);
-        if (is_demand(c, size, want)) {
+        if (is_demand(c, want)) {
           demands_[nb_demands++] = {&c, size};
         } else {
           c.wanted_level = static_cast<std::uint8_t>(want.kept);
