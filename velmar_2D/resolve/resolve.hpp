@@ -296,6 +296,51 @@ class GradedSizes {
   std::vector<Node> nodes_;
 };
 
+/// Releases what nothing rests on and nothing wants, once all are raised (release.cpp). Made before
+/// that, and told what happens meanwhile.
+class Releaser {
+ public:
+  /// @param knows_fallen  all that may go is around those whose wants will have fallen
+  Releaser(State& state, bool knows_fallen);
+
+  std::size_t nb_stretches() const { return nb_stretches_; }  ///< none above holds nodes
+  /// The first node of a stretch, of those that were there at first.
+  Cell* head(std::size_t stretch) const { return heads_[stretch]; }
+
+  /// A node has come.
+  void note_come(const Cell& c);
+  bool knows_fallen() const { return knows_fallen_; }
+  void note_fallen(Cell& c);
+  void note_fallen(std::vector<Cell*>&& nodes) { fallen_ = std::move(nodes); }
+  void forget_fallen() { knows_fallen_ = false; }
+
+  /// Stretches downwards, or around those whose wants have fallen.
+  ///
+  /// @param come_are_needed  the nodes that have come are wanted, or rested on: they are left out
+  ///                         where they are known
+  void release_surplus(bool come_are_needed);
+  /// Stretches downwards. Returns whether a node went.
+  bool release_everywhere(bool come_are_needed, GradedSizes* graded = nullptr);
+
+ private:
+  void release_around_fallen();
+  void release_waiting();
+  void await_removal(Cell& c);
+  void note_gone(const Cell& c);
+
+  State& state_;
+  std::array<Cell*, highest_wanted_level + 1> heads_{};
+  std::array<TraversalHistory::Entry, highest_wanted_level + 1> head_entries_{};
+  std::size_t nb_stretches_;
+  /// Those that have come, by stretch.
+  std::array<std::vector<TraversalHistory::Entry>, highest_wanted_level + 1> come_to_;
+  std::int64_t nb_come_ = 0;
+  std::vector<TraversalHistory::Entry> gone_;
+  std::vector<Cell*> fallen_, surplus_;
+  bool knows_come_ = true;  ///< no memory was short for those that have come
+  bool knows_fallen_;
+};
+
 /// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:
 /// makes parents that are missing, sets links, link levels, levels and reserves, and releases nodes
 /// that lie off the lattice. Mostly changes nothing. All that can fail comes first.
