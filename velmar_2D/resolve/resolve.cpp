@@ -36,6 +36,7 @@ class Resolver {
         slope_(resolution.slope),
         threads_(Portions::useful_threads(state, resolution.threads)),
         in_turn_(conserves(state) || state.hooks.inserted || state.hooks.removing),
+        at_once_(in_turn_ || !state.data_interpolation ? 1 : demands_.size()),
         releaser_(state, surplus_has_gone && resolution.slope == 0.0) {
     state.progress.begin("refining", state.nb_nodes);
   }
@@ -48,8 +49,8 @@ class Resolver {
       });
       return;
     }
-    if (!ask_ahead(size_fun)) settle_on_the_way(sizes);
-    for (std::size_t begin = 0; begin < nodes_.size();) begin = settle_some(begin, sizes);
+    if (!ask_ahead(size_fun)) ask_on_the_way(sizes);
+    while (generation_end_ < nodes_.size()) ask_generation(sizes);
     releaser_.release_surplus(!rings_.has_failed());
   }
 
@@ -62,13 +63,12 @@ class Resolver {
       list_nodes();
     } catch (const std::bad_alloc&) {
       SizesInSmallBatches sizes(size_fun);
-      settle_on_the_way(sizes);
+      ask_on_the_way(sizes);
     }
     for (std::size_t next = 0; next < nodes_.size();) {
       for (const double size : sizes_from(next, size_fun)) {
         prefetch_newcomer(next);
         state_.progress.step();
-        if (next >= nb_listed_) releaser_.note_come(*nodes_[next]);
         settle(*nodes_[next++], size);
       }
     }
@@ -89,22 +89,48 @@ class Resolver {
   }
 
  private:
-  /// Those that come while the walk goes on are not met.
+  /// Those that come while the walk goes on are not met. `use` tells whether it changes the mesh.
   template <typename Sizes, typename Use>
   void for_all_nodes(Walk& walk, Sizes& sizes, const Use& use) {
     for (std::size_t l = 0; l < releaser_.nb_stretches(); ++l) {
       sizes.begin_walk(l, walk);
-      for (Cell& c : walk(releaser_.head(l))) {
-        ++state_.update_statistics.visited;
-        state_.progress.step();
-        walk.changes_mesh_here(use(c, sizes.at(c)));
-      }
+      for (Cell& c : walk(releaser_.head(l))) walk.changes_mesh_here(use(c, ask(c, sizes)));
     }
   }
   template <typename Sizes>
-  void settle_on_the_way(Sizes& sizes) {
-    Walk walk = Walk::to_refine(state_.history);
-    for_all_nodes(walk, sizes, [this](Cell& c, double size) { return settle(c, size); });
+  void ask_on_the_way(Sizes& sizes) {
+    Walk walk = at_once_ == 1 ? Walk::to_refine(state_.history) : Walk::to_ask(state_.history);
+    for_all_nodes(walk, sizes, [this](Cell& c, double size) { return note(c, size); });
+    settle_demands();
+  }
+  /// Demands of the nodes before one that the size function fails at are settled.
+  template <typename Sizes>
+  double ask(const Cell& c, Sizes& sizes) {
+    ++state_.update_statistics.visited;
+    state_.progress.step();
+    try {
+      return sizes.at(c);
+    } catch (...) {
+      settle_demands();
+      throw;
+    }
+  }
+  /// Notes what a node wants. Demands are settled some at a time: most nodes have none, and what is
+  /// read around those that have is known before. Where other callbacks have a say in what comes,
+  /// it is one demand. Returns whether the mesh may have changed around the node.
+  bool note(Cell& c, double size) {
+    const Want want = wants_.of(c, size, 0);
+    if (!is_demand(c, size, want)) {
+      keep(c, want);
+      return false;
+    }
+    demands_[nb_demands_++] = {&c, size};
+    if (nb_demands_ == at_once_) settle_demands();
+    return true;
+  }
+  void keep(Cell& c, const Want& want) {
+    if (releaser_.knows_fallen() && may_release(c, want)) releaser_.note_fallen(c);
+    c.wanted_level = static_cast<std::uint8_t>(want.kept);
   }
 
   /// Of nodes that have come while those before them were asked.
@@ -129,37 +155,20 @@ class Resolver {
     if (asked->thrown) std::rethrow_exception(asked->thrown);
     return true;
   }
-  /// Asks some newcomers from this number on, then gives them what they want: most want no more,
-  /// and what is read around the others is known before. Where other callbacks have a say in what
-  /// comes, it is one newcomer. Returns the number of the next one.
+  /// Those that come meanwhile are the next generation.
   template <typename Sizes>
-  std::size_t settle_some(std::size_t begin, Sizes& sizes) {
-    if (begin == generation_end_) begin_generation();
-    const std::size_t at_once = in_turn_ || !state_.data_interpolation ? 1 : demands_.size();
-    const std::size_t end = std::min(begin + at_once, generation_end_);
-    std::size_t nb_demands = 0;
-    std::exception_ptr thrown;
-    for (std::size_t i = begin; i < end && !thrown; ++i) {
-      prefetch_newcomer(i);
-      Cell& c = *nodes_[i];
-      state_.progress.step();
-      ++state_.update_statistics.visited;
-      releaser_.note_come(c);
-      try {
-        const double size = sizes.at(c);
-        const Want want = wants_.of(c, size, 0);
-        if (is_demand(c, size, want)) {
-          demands_[nb_demands++] = {&c, size};
-        } else {
-          c.wanted_level = static_cast<std::uint8_t>(want.kept);
-        }
-      } catch (...) {
-        thrown = std::current_exception();
-      }
+  void ask_generation(Sizes& sizes) {
+    std::size_t next = generation_end_;
+    begin_generation();
+    for (; next < generation_end_; ++next) {
+      prefetch_newcomer(next);
+      Cell& c = *nodes_[next];
+      note(c, ask(c, sizes));
     }
-    settle_demands(std::span(demands_).first(nb_demands));
-    if (thrown) std::rethrow_exception(thrown);
-    return end;
+    settle_demands();
+  }
+  void settle_demands() {
+    settle_demands(std::span(demands_).first(std::exchange(nb_demands_, 0)));
   }
   void settle_demands(std::span<const Demand> demands) {
     for (std::size_t i = 0; i < demands.size(); ++i) {
@@ -199,7 +208,7 @@ class Resolver {
       }
     }
     if (i > 0) list_was_changed(state_, "resolve_mesh");
-    nb_listed_ = generation_end_ = nodes_.size();
+    generation_end_ = nodes_.size();
   }
 
   /// Sizes of the nodes from this number on; of a few of them where there is no memory for more.
@@ -261,30 +270,30 @@ class Resolver {
     }
   }
 
-  /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
-  bool settle(Cell& c, double size, std::int32_t lowest = 0) {
+  /// Notes what a node wants, and gives it that.
+  void settle(Cell& c, double size, std::int32_t lowest = 0) {
     const Want want = wants_.of(c, size, lowest);
-    if (releaser_.knows_fallen() && may_release(c, want)) releaser_.note_fallen(c);
-    c.wanted_level = static_cast<std::uint8_t>(want.kept);
-    const bool raising = want.level > c.level;
-    if (raising) rings_.raise(c, want.level);
+    keep(c, want);
+    const std::size_t nb_before = nodes_.size();
+    if (want.level > c.level) rings_.raise(c, want.level);
+    for (std::size_t i = nb_before; i < nodes_.size(); ++i) releaser_.note_come(*nodes_[i]);
     if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
-    return raising;
   }
 
   State& state_;
   WantedLevels wants_;
-  std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
-  std::size_t nb_listed_ = 0;
+  std::vector<Cell*> nodes_;        ///< to ask: all where they are listed, and those that come
   std::size_t generation_end_ = 0;  ///< of those that are being asked
   DeriveLater derive_later_;
-  std::array<Demand, 1024> demands_;  ///< of newcomers that are asked at once
+  std::array<Demand, 1024> demands_;
+  std::size_t nb_demands_ = 0;
   std::vector<double> sizes_;
   std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
   std::int32_t threads_;
-  bool in_turn_;  ///< nodes come and go in the order of the list, which others may notice
+  bool in_turn_;         ///< nodes come and go in the order of the list, which others may notice
+  std::size_t at_once_;  ///< so many demands are settled
   Releaser releaser_;
 };
 
