@@ -53,7 +53,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
   state.progress.begin("derivatives", state.nb_nodes);
   try {
     Patches patches(state.memory, threads > 1);
-    const auto compute_patches = [&](std::size_t, std::size_t) {
+    const auto compute_patches = [&] {
       try {
         ThreadWorkspace own;
         std::vector<Cell*> room;
@@ -68,8 +68,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
         throw;
       }
     };
-    const auto number = static_cast<std::size_t>(threads);
-    in_parts(number, threads, compute_patches, 1);
+    in_threads(static_cast<std::size_t>(threads), compute_patches);
   } catch (const ThreadWorkspace::Failure&) {
     return false;
   } catch (const std::bad_alloc&) {

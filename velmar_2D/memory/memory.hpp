@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "velmar_2D/base/base.hpp"
 
@@ -185,9 +184,7 @@ class Walk {
   }
   /// Forwards from the node with this number, for derivatives: reads all neighbours of all nodes.
   static Walk to_derive(const TraversalHistory& history, std::ptrdiff_t number = 0) {
-    Walk walk{&Cell::next, history, number, 1, Reads::neighbours};
-    walk.busy_ = true;
-    return walk;
+    return {&Cell::next, history, number, 1, Reads::neighbours};
   }
   /// Forwards, quick, for those who tell the nodes to others.
   static Walk to_share(const TraversalHistory& history) {
@@ -384,42 +381,6 @@ class SpaceOrder {
   std::vector<Cell*> nodes_;  ///< none: there is no order
   bool has_passed_ = false;
   std::uint64_t revision_ = 0;  ///< of the mesh that the last pass went through
-};
-
-// ---------------------------------------------------------------------------------------------
-// The nodes patch by patch (patches.cpp)
-// ---------------------------------------------------------------------------------------------
-
-/// Hands out all nodes once, in patches of such as are linked: for a pass through a mesh that has
-/// changed, and is too large for the cache. Costs less than it saves from fewest_nodes on.
-class Patches {
- public:
-  static constexpr std::int32_t fewest_nodes = 300'000;
-
-  /// May throw std::bad_alloc.
-  ///
-  /// @param shared  by several threads
-  Patches(const NodeMemory& memory, bool shared);
-  /// The next patch, in a room of the caller's; none when all have been handed out. May throw
-  /// std::bad_alloc.
-  std::span<Cell* const> next(std::vector<Cell*>& room);
-
- private:
-  /// Blocks that lie side by side, but for small gaps.
-  struct Region {
-    std::uintptr_t first, last;
-    std::size_t first_word;
-  };
-
-  std::atomic<std::uint64_t>* word_of(std::uintptr_t block);
-  bool take(const Cell* c);
-  Cell* take_first();
-
-  bool is_shared_;
-  std::vector<Region> regions_;
-  std::vector<std::atomic<std::uint64_t>> left_;
-  std::mutex mutex_;
-  std::size_t region_ = 0, block_ = 0;  ///< before them none is left
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -70,7 +70,7 @@ struct State {
   Handlers handlers;
   UpdateStatistics update_statistics;
   std::function<bool(const Cell&)> counts_refusal;  ///< around which nodes; empty: all
-  mutable ProgressTeller progress;  ///< also of what changes no mesh
+  mutable ProgressTeller progress;                  ///< also of what changes no mesh
 
   /// Whether some link may not be mutual any more, because a caller inserted a node among nodes
   /// that do not surround it. From then on removals look for links to the node; false again with
@@ -331,6 +331,42 @@ class Portions {
   std::mutex mutex_;
   const std::thread::id caller_ = std::this_thread::get_id();
   std::exception_ptr thrown_by_handler_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The nodes patch by patch (patches.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Hands out all nodes once, in patches of such as are linked: for a pass through a mesh that has
+/// changed, and is too large for the cache. Costs less than it saves from fewest_nodes on.
+class Patches {
+ public:
+  static constexpr std::int32_t fewest_nodes = 300'000;
+
+  /// May throw std::bad_alloc.
+  ///
+  /// @param shared  by several threads
+  Patches(const NodeMemory& memory, bool shared);
+  /// The next patch, in a room of the caller's; none when all have been handed out. May throw
+  /// std::bad_alloc.
+  std::span<Cell* const> next(std::vector<Cell*>& room);
+
+ private:
+  /// Blocks that lie side by side, but for small gaps.
+  struct Region {
+    std::uintptr_t first, last;
+    std::size_t first_word;
+  };
+
+  std::atomic<std::uint64_t>* word_of(std::uintptr_t block);
+  bool take(const Cell* c);
+  Cell* take_first();
+
+  bool is_shared_;
+  std::vector<Region> regions_;
+  std::vector<std::atomic<std::uint64_t>> left_;
+  std::mutex mutex_;
+  std::size_t region_ = 0, block_ = 0;  ///< before them none is left
 };
 
 // ---------------------------------------------------------------------------------------------
