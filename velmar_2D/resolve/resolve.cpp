@@ -120,7 +120,7 @@ class Resolver {
   /// it is one demand. Returns whether the mesh may have changed around the node.
   bool note(Cell& c, double size) {
     const Want want = wants_.of(c, size, 0);
-    if (!is_demand(c, size, want)) {
+    if (!is_demand(c, want)) {
       keep(c, want);
       return false;
     }
