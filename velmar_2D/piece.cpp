@@ -145,10 +145,7 @@ void Piece::settle() {
   const detail::MeshChange change(mesh_.state(), "Piece::settle");
   update_->settle();
 }
-bool Piece::lacks_sizes() const {
-  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
-  return sizes != nullptr && sizes->lacks_own_sizes();
-}
+bool Piece::lacks_sizes() const { return update_->lacks_sizes(); }
 void Piece::forget_grading() {
   detail::PieceSizes* sizes = update_->graded_sizes();
   if (sizes == nullptr) return;

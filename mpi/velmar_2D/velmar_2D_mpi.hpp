@@ -95,8 +95,8 @@ class VELMAR_2D_MPI_API Partition {
   ///
   /// A mesh that update() or single steps have changed last goes on as it would, the order of its
   /// nodes with it. It takes the overlap that update() wants, and the whole on each process, until
-  /// resolve(), where nodes rest on others that have gone. Nodes of one that was resolved last count
-  /// as having come by place, see update().
+  /// resolve(), where nodes rest on others that have gone. Nodes of one that was resolved last
+  /// count as having come by place, see update().
   ///
   /// @param communicator  of all that keep the mesh together
   /// @param whole         on process 0 the mesh, which it may let go afterwards
@@ -129,10 +129,8 @@ class VELMAR_2D_MPI_API Partition {
   /// invalid and mesh() is another one; `used` and `data_ptr` of owned nodes stay.
   ///
   /// `most_nodes` counts the nodes of one process, ghosts with them. With `slope` sizes are graded
-  /// over the whole mesh, in more rounds. Nodes without a size keep what is there when they are
-  /// asked: without `slope` that is a matter of the order, and may differ from one mesh. Throws
-  /// Error with Transfer::conservative, whose values are a matter of the order in which nodes of
-  /// the whole mesh come and go.
+  /// over the whole mesh, in more rounds. Throws Error with Transfer::conservative, whose values
+  /// are a matter of the order in which nodes of the whole mesh come and go.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});

@@ -71,7 +71,7 @@ class Asking {
   void note(Cell& c, double size, AskedNodes& asked) {
     const Want want = wants_.of(c, size, 0);
     try {
-      if (is_demand(c, size, want)) {
+      if (is_demand(c, want)) {
         asked.demands.push_back({&c, size});
         return;
       }
