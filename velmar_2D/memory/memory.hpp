@@ -42,6 +42,9 @@ class NodeMemory {
   void release_empty_slabs();
   /// Returns all memory to the system. Needs: every slot has been given back.
   void release_all();
+  /// Nodes by the numbers of their slots, cut to 32 bits; no node at all where one of them holds
+  /// none. May throw std::bad_alloc.
+  std::vector<Cell*> nodes_in(std::span<const std::uint32_t> slots) const;
   /// Where all nodes are. May throw std::bad_alloc.
   std::vector<TakenSlots> taken_slots() const;
 
@@ -100,20 +103,25 @@ class TraversalHistory {
   void record(Entry entry) {
     if (begin_ > 0) entries_[--begin_] = entry;
   }
-  void end_recording();
+  void end_recording(std::uint64_t revision);
   /// Follows a change of the mesh. Needs: the history was that of the list before.
   ///
   /// @param heads  the first nodes of the stretches before, 0 where there was none
   /// @param come   to each stretch, at the head, in this order
   /// @param gone   nodes that have left
   void follow(std::span<const Entry> heads, std::span<const std::vector<Entry>> come,
-              std::span<const Entry> gone, ProgressTeller& progress);
+              std::span<const Entry> gone, std::uint64_t revision, ProgressTeller& progress);
+  /// Whether it holds so many nodes, and no other has come or gone since.
+  bool is_of(std::uint64_t revision, std::int32_t nb_nodes) const {
+    return revision == revision_ && size() == nb_nodes;
+  }
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 
  private:
   std::vector<Entry> entries_;
-  std::size_t begin_ = 0;  ///< of what is being recorded
+  std::size_t begin_ = 0;       ///< of what is being recorded
+  std::uint64_t revision_ = 0;  ///< of the mesh
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -185,6 +193,12 @@ class Walk {
   /// Forwards from the node with this number, for derivatives: reads all neighbours of all nodes.
   static Walk to_derive(const TraversalHistory& history, std::ptrdiff_t number = 0) {
     return {&Cell::next, history, number, 1, Reads::neighbours};
+  }
+  /// Backwards, quick; records all nodes, from begin_recording() on.
+  static Walk to_record(TraversalHistory& history) {
+    Walk walk = to_list(history);
+    walk.recorded_ = &history;
+    return walk;
   }
   /// Forwards, quick, for those who tell the nodes to others.
   static Walk to_share(const TraversalHistory& history) {

@@ -60,7 +60,7 @@ void Releaser::release_surplus(bool come_are_needed) {
     return;
   }
   state_.history.follow(std::span(head_entries_).first(nb_stretches_), come_to_, gone_,
-                        state_.progress);
+                        state_.mesh_revision, state_.progress);
 }
 
 bool Releaser::release_everywhere(bool come_are_needed, GradedSizes* graded) {
@@ -85,7 +85,7 @@ bool Releaser::release_everywhere(bool come_are_needed, GradedSizes* graded) {
     if (!leaves_out || l >= nb_stretches_) continue;
     for (const TraversalHistory::Entry entry : come_to_[l]) state_.history.record(entry);
   }
-  state_.history.end_recording();
+  state_.history.end_recording(state_.mesh_revision);
   return state_.nb_nodes < nb_nodes_before;
 }
 

@@ -50,7 +50,7 @@ class Resolver {
       return;
     }
     if (!ask_ahead(size_fun)) ask_on_the_way(sizes);
-    while (generation_end_ < nodes_.size()) ask_generation(sizes);
+    while (generation_end_ < nodes_.size()) ask_generation(size_fun);
     releaser_.release_surplus(!rings_.has_failed());
   }
 
@@ -67,7 +67,7 @@ class Resolver {
     }
     for (std::size_t next = 0; next < nodes_.size();) {
       for (const double size : sizes_from(next, size_fun)) {
-        prefetch_newcomer(next);
+        prefetch_node_to_ask(nodes_, next);
         state_.progress.step();
         settle(*nodes_[next++], size);
       }
@@ -141,28 +141,39 @@ class Resolver {
   /// Asks all nodes there are before the first one comes, by several threads. False where it is
   /// better done on the way, or was given up.
   bool ask_ahead(const size_function& size_fun) {
-    if (threads_ <= 1 || in_turn_) return false;
+    if (!asks_by_threads()) return false;
     join_sublists(state_);
-    std::optional<AskedNodes> asked = ask_nodes(state_, size_fun, wants_, threads_);
+    std::optional<AskedNodes> asked = ask_all_nodes(state_, size_fun, wants_, threads_);
     split_sublists(state_);
     if (!asked) {
       releaser_.forget_fallen();
       return false;
     }
     releaser_.note_fallen(std::move(asked->fallen));
-    state_.update_statistics.visited += asked->nb_asked;
-    settle_demands(asked->demands);
-    if (asked->thrown) std::rethrow_exception(asked->thrown);
+    settle(*asked);
     return true;
   }
+  bool asks_by_threads() const { return threads_ > 1 && !in_turn_; }
+  void settle(const AskedNodes& asked) {
+    state_.update_statistics.visited += asked.nb_asked;
+    settle_demands(asked.demands);
+    if (asked.thrown) std::rethrow_exception(asked.thrown);
+  }
   /// Those that come meanwhile are the next generation.
-  template <typename Sizes>
-  void ask_generation(Sizes& sizes) {
-    std::size_t next = generation_end_;
+  void ask_generation(const size_function& size_fun) {
+    const std::size_t first = generation_end_;
     begin_generation();
-    for (; next < generation_end_; ++next) {
-      prefetch_newcomer(next);
-      Cell& c = *nodes_[next];
+    const auto generation = std::span<Cell* const>(nodes_).subspan(first);
+    if (asks_by_threads()) {
+      if (auto asked = ask_nodes(state_, generation, size_fun, wants_, threads_)) {
+        settle(*asked);
+        return;
+      }
+    }
+    SizesOneByOne sizes(size_fun);
+    for (std::size_t i = first; i < generation_end_; ++i) {
+      prefetch_node_to_ask(nodes_, i);
+      Cell& c = *nodes_[i];
       note(c, ask(c, sizes));
     }
     settle_demands();
@@ -188,12 +199,6 @@ class Resolver {
     if (i + corners_ahead < demands.size()) {
       prefetch_far_corners(*demands[i + corners_ahead].node);
     }
-  }
-
-  /// A few nodes before it is asked.
-  VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
-    constexpr std::size_t ahead = 8;
-    if (i + ahead < nodes_.size()) prefetch_lines(nodes_[i + ahead], 2);
   }
 
   void list_nodes() {

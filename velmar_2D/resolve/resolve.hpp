@@ -133,9 +133,18 @@ struct AskedNodes {
 };
 /// Asks all nodes by so many threads, and notes what they want but for those with demands.
 /// Needs: a joined list.
-/// @return nothing where there is no memory for it
-std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
-                                    const WantedLevels& wants, std::int32_t threads);
+/// @return nothing where there is no memory for it, or a caller has changed the list
+std::optional<AskedNodes> ask_all_nodes(State& state, const size_function& size_fun,
+                                        const WantedLevels& wants, std::int32_t threads);
+/// The same with some nodes.
+std::optional<AskedNodes> ask_nodes(State& state, std::span<Cell* const> nodes,
+                                    const size_function& size_fun, const WantedLevels& wants,
+                                    std::int32_t threads);
+/// The next node but a few that will be asked.
+VELMAR_2D_ALWAYS_INLINE void prefetch_node_to_ask(std::span<Cell* const> nodes, std::size_t i) {
+  constexpr std::size_t ahead = 8;
+  if (i + ahead < nodes.size()) prefetch_lines(nodes[i + ahead], 2);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
