@@ -252,6 +252,11 @@ std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
+void Piece::set_limit(std::int32_t limit) {
+  mesh_.set_limit(limit);
+  update_->take_limit();
+}
+
 void Piece::keep_window() { update_->keep_window(); }
 void Piece::update(const batch_size_function& sizes) {
   update_->update_window(

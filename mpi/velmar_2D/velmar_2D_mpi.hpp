@@ -116,10 +116,12 @@ class VELMAR_2D_MPI_API Partition {
   /// Cells of the grid that these reach into: where boxes cut cells, they share them.
   const Window& box() const;              ///< of this process
   std::span<const Window> boxes() const;  ///< of all, by rank
-  /// The mesh of the window: owned nodes and ghosts. A progress handler of it is told of the nodes
-  /// of this process, in plain updates of all in the window, and throws to leave the update on all
-  /// processes. Node hooks are for a mesh of one process: here they are called for ghosts, too, and
-  /// again where an update begins anew.
+  /// The mesh of the window: owned nodes and ghosts. It is there to be read, to write data values,
+  /// and for what is chosen once: transfer, handlers, values of sides. What changes nodes or the
+  /// limit is for the Partition. A progress handler of it is told of the nodes of this process, in
+  /// plain updates of all in the window, and throws to leave the update on all processes. Node
+  /// hooks are for a mesh of one process: here they are called for ghosts, too, and again where an
+  /// update begins anew.
   Mesh& mesh();
   const Mesh& mesh() const;
 
@@ -159,6 +161,13 @@ class VELMAR_2D_MPI_API Partition {
   void update(const size_function& size, init_data_function init_data);
   void update_batched(const batch_size_function& sizes);
   void update_batched(const batch_size_function& sizes, init_data_function init_data);
+
+  /// Collective. As Mesh::set_limit() of the whole mesh: lowering the limit removes every node that
+  /// lies above, raising it changes no node. Ghosts must hold the data of their owners before.
+  /// After update() it is an update of the windows like any other, which may be repaired.
+  ///
+  /// Throws Error where Mesh does, and with Transfer::conservative.
+  void set_limit(std::int32_t limit);
 
   /// Nodes of this process, in list order; then ghosts, those linked to owned nodes first. Good
   /// until the mesh changes.

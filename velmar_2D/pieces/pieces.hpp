@@ -178,6 +178,9 @@ class PieceUpdate {
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
 
+  /// What the caller has lowered or raised. Needs: ghosts that others tell anew.
+  void take_limit();
+
   void keep_window();
   /// Runs what changes all of the window.
   void update_window(
