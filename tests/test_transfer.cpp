@@ -63,10 +63,14 @@ void for_steps_of_histories(const Check& around_step) {
   }
 }
 
-TEST(Transfer, ConservesThroughAnyHistory) {
+class ConservingTransfer : public testing::TestWithParam<Transfer> {};
+INSTANTIATE_TEST_SUITE_P(Both, ConservingTransfer,
+                         testing::Values(Transfer::conservative, Transfer::remap));
+
+TEST_P(ConservingTransfer, ConservesThroughAnyHistory) {
   int nb_steps = 0;
   for_steps_of_histories([&](Mesh& mesh, Random& random, const auto& step) {
-    mesh.set_transfer(Transfer::conservative);
+    mesh.set_transfer(GetParam());
     for (Cell& c : mesh.nodes()) c.data[1] = 2.0 * random.uniform() - 1.0;
     const Content before = content_of(mesh, 1);
     step();
@@ -80,9 +84,9 @@ TEST(Transfer, ConservesThroughAnyHistory) {
 }
 
 // Areas differ by 2^29 here.
-TEST(Transfer, ConservesDeepDown) {
+TEST_P(ConservingTransfer, ConservesDeepDown) {
   Mesh mesh({}, {.nx = 5, .subdiv_max = 29, .n_cell_data = 1});
-  mesh.set_transfer(Transfer::conservative);
+  mesh.set_transfer(GetParam());
   for (Cell& c : mesh.nodes()) c.data[0] = c.x - c.y;
   const Content before = content_of(mesh, 0);
   for (const double x : {0.3, 0.6, 3.0}) {
