@@ -122,7 +122,8 @@ void Partition::Parts::check_update(const size_function& size,
                                     const batch_size_function& sizes) const {
   if (!size && !sizes) throw Error("the sizes are no procedure");
   if (piece->mesh().transfer() == Transfer::conservative && grid.n_cell_data > 0) {
-    throw Error("Transfer::conservative is for a Mesh of one process");
+    throw Error(
+        "Transfer::conservative is for a Mesh of one process; Transfer::remap conserves, too");
   }
 }
 

@@ -263,7 +263,7 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
       piece->update(wanted);
     }
   });
-  messages.together();
+  remaps = messages.any(wants_remap() ? 1 : 0) != 0;
   sharing([&] {
     plan_window();
     is_settled = false;
@@ -274,6 +274,7 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
     if (!window_agrees()) throw TooNarrow(update_is_narrow);
     plan_exchange();
     conclude(false);
+    if (remaps) remap();
   });
 }
 

@@ -265,7 +265,7 @@ struct alignas(64) Cell {
   Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
   CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
   NeighbourLink n, ne, e, se, s, sw, w, nw;
-  std::int32_t on_boundary = 0;  ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  std::int32_t on_boundary = 0;   ///< 0 inside, 1 on a side, 2 at a corner of the domain
   std::int32_t cell_before = -1;  ///< number of its control cell before an update that remaps data
   double area = -1.0;       ///< area of the control cell; negative: not computed, see cell_area()
   double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()

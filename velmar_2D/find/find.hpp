@@ -137,6 +137,13 @@ struct SharedPart {
   std::array<Corner, capacity> corners;
 
   SharedPart() = default;
+  SharedPart(const SharedPart& other) { *this = other; }
+  SharedPart& operator=(const SharedPart& other) {  // of most corners there are few
+    n = other.n;
+    std::copy_n(other.corners.begin(), n, corners.begin());
+    return *this;
+  }
+  ~SharedPart() = default;
   explicit SharedPart(const Polygon& whole) {
     for (std::size_t i = 0; i < whole.n; ++i) add({whole.corners[i].x, whole.corners[i].y, -1});
   }
@@ -169,7 +176,7 @@ std::int64_t transfer_conservative(const State& from, State& to);
 // Values by what lay under a cell before an update (remapping.cpp, cell_tree.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// A rectangle, sides included. Empty at first.
+/// A rectangle. Empty at first.
 struct Bounds {
   double west = std::numeric_limits<double>::infinity(), east = -west, south = west, north = -west;
 
@@ -179,8 +186,9 @@ struct Bounds {
     south = std::min(south, other.south);
     north = std::max(north, other.north);
   }
+  /// Sides that touch share nothing.
   bool meets(const Bounds& other) const {
-    return west <= other.east && other.west <= east && south <= other.north && other.south <= north;
+    return west < other.east && other.west < east && south < other.north && other.south < north;
   }
 };
 
@@ -215,9 +223,9 @@ class CellTree {
   void for_those_that_meet(const Bounds& where, const Use& use) const;
 
  private:
-  static constexpr std::size_t width = 4;     ///< boxes in one of the next row
+  static constexpr std::size_t width = 4;       ///< boxes in one of the next row
   static constexpr std::size_t most_rows = 17;  ///< for 2^32 cells
-  std::vector<Bounds> boxes_;                 ///< by rows, those of the cells first
+  std::vector<Bounds> boxes_;                   ///< by rows, those of the cells first
   std::array<std::size_t, most_rows + 1> first_of_row_{};
   std::size_t nb_rows_ = 0;
   std::vector<std::pair<std::uint64_t, std::uint32_t>> keys_;
@@ -312,7 +320,7 @@ class RemapAtEnd {
  public:
   explicit RemapAtEnd(State& state) {
     const bool is_wanted = state.transfer == Transfer::remap && state.n_cell_data > 0;
-    if (is_wanted && state.remapping == nullptr) remapping_.emplace(state);
+    if (is_wanted && !state.is_of_piece) remapping_.emplace(state);
   }
   RemapAtEnd(const RemapAtEnd&) = delete;
   RemapAtEnd& operator=(const RemapAtEnd&) = delete;

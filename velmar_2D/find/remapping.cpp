@@ -2,9 +2,9 @@
 //
 //      before              after           A cell that has come, or is another than before, gets
 //     +-------+-------+   +---+---+---+
-//     |       |       |   |   |   |   |       sum (shared area x value before) / sum of shared areas
-//     |   a   |   b   |   | a | c | b |
-//     |       |       |   |   |   |   |    from all that have gone or are others now. Here a and b
+//     |       |       |   |   |   |   |       sum (shared area x value before) / sum of shared
+//     areas |   a   |   b   |   | a | c | b | |       |       |   |   |   |   |    from all that
+//     have gone or are others now. Here a and b
 //     +-------+-------+   +---+---+---+    keep their values, and c gets the mean of both.
 #include <new>
 
@@ -24,8 +24,8 @@ bool are_alike(const Polygon& a, const Polygon& b) {
   const auto is_alike = [](const Polygon::Corner& p, const Polygon::Corner& q) {
     return p.x == q.x && p.y == q.y;
   };
-  return a.n == b.n && std::equal(a.corners.begin(), a.corners.begin() + a.n, b.corners.begin(),
-                                  is_alike);
+  return a.n == b.n &&
+         std::equal(a.corners.begin(), a.corners.begin() + a.n, b.corners.begin(), is_alike);
 }
 
 bool comes_before(const Point& a, const Point& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; }
@@ -136,9 +136,8 @@ void Remapping::move_to(State& state, std::span<Cell* const> nodes) {
   order_.resize(nb_noted_at_once_);
   for (std::size_t i = 0; i < order_.size(); ++i) order_[i] = static_cast<std::uint32_t>(i);
   const auto place = [this](std::uint32_t i) -> const Point& { return before_[i].at; };
-  std::sort(order_.begin(), order_.end(), [&](std::uint32_t a, std::uint32_t b) {
-    return comes_before(place(a), place(b));
-  });
+  std::sort(order_.begin(), order_.end(),
+            [&](std::uint32_t a, std::uint32_t b) { return comes_before(place(a), place(b)); });
   for (Cell* c : nodes) {
     const Point at{c->x, c->y};
     const auto found = std::lower_bound(

@@ -86,6 +86,7 @@ struct State {
   bool has_another_way = false;               ///< see AnotherWay
   bool derives_later = false;                 ///< see DeriveLater
   Remapping* remapping = nullptr;             ///< notes what changes; none: nothing is remapped
+  bool is_of_piece = false;                   ///< which remaps data with others
 
   /// By place while resolve makes the mesh, whose nodes come in an order that depends on where one
   /// began; by age from the next plain update on.
