@@ -15,6 +15,7 @@
 namespace velmar_2d::detail {
 
 class LinkSources;
+class Remapping;
 struct State;
 
 /// The nodes of the grid by their place, for those who begin a search there. Made when it is first
@@ -84,6 +85,8 @@ struct State {
   std::unique_ptr<LinkSources> link_sources;  ///< made when the first of them asks
   bool has_another_way = false;               ///< see AnotherWay
   bool derives_later = false;                 ///< see DeriveLater
+  Remapping* remapping = nullptr;             ///< notes what changes; none: nothing is remapped
+  bool is_of_piece = false;                   ///< which remaps data with others
 
   /// By place while resolve makes the mesh, whose nodes come in an order that depends on where one
   /// began; by age from the next plain update on.

@@ -328,6 +328,7 @@ class ResolveUpdate {
       : state_(state),
         resolution_(resolution),
         with_derivatives_(with_derivatives),
+        remap_at_end_(state),
         count_at_end_(state),
         join_at_end_(state),
         order_(state) {}
@@ -380,6 +381,7 @@ class ResolveUpdate {
   State& state_;
   const Resolution& resolution_;
   bool with_derivatives_;
+  RemapAtEnd remap_at_end_;
   CountAtEnd count_at_end_;
   JoinAtEnd join_at_end_;
   OrderAtEnd order_;
