@@ -1,5 +1,5 @@
 // What it costs to hand four values on: a step of resolve() for a front that moves by a number of
-// the finest spacings, per node, with each kind of transfer (first 0, all 1, conservative 2).
+// the finest spacings, per node, with each kind of transfer (first 0, all 1, conservative 2, remap 3).
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -37,7 +37,7 @@ void handing_on(benchmark::State& state) {
       static_cast<double>(nodes), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(handing_on)
-    ->ArgsProduct({{100'000, 1'000'000}, {100, 2}, {0, 1, 2}})
+    ->ArgsProduct({{100'000, 1'000'000}, {100, 2}, {0, 1, 2, 3}})
     ->ArgNames({"about", "spacings", "transfer"})
     ->Unit(benchmark::kMillisecond);
 

@@ -189,6 +189,7 @@ std::int64_t Partition::Parts::restore(const init_data_function& init_data) {
   PieceNodes nodes;
   std::size_t nb_before = 0;
   messages.alone([&] {
+    piece->keep_cells();
     for (const Cell* c : owned) {
       nodes.places.push_back(piece->place_of(*c));
       nodes.rows.insert(nodes.rows.end(), c->data.begin(), c->data.end());

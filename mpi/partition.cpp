@@ -125,7 +125,8 @@ void Partition::Parts::check_update(const size_function& size,
 }
 void Partition::Parts::check_transfer() const {
   if (piece->mesh().transfer() == Transfer::conservative && grid.n_cell_data > 0) {
-    throw Error("Transfer::conservative is for a Mesh of one process");
+    throw Error(
+        "Transfer::conservative is for a Mesh of one process; Transfer::remap conserves, too");
   }
 }
 

@@ -74,6 +74,7 @@ struct Partition::Parts {
   std::vector<PlaceBox> boxes;
   std::vector<Window> cells_of_boxes;            ///< that these reach into
   double slope = 0.0;                            ///< of the sizes, in the last update
+  bool remaps = false;                           ///< data, in the last update
   std::size_t nb_handed_on = 0;                  ///< of the newcomers
   std::unordered_set<const Cell*> known_ghosts;  ///< newcomers here whose owners had them before
   Owners owners;
@@ -132,7 +133,7 @@ struct Partition::Parts {
   /// What processes have to tell one another.
   struct News {
     static constexpr std::uint64_t wants = 1, changes = 2, forgotten = 4, asks = 8, sizes = 16,
-                                   cut = 32;
+                                   cut = 32, remaps = 64;
   };
   std::uint64_t any_news();
   bool ask_and_exchange_wants();
@@ -173,6 +174,12 @@ struct Partition::Parts {
   void exchange_array(std::span<double> rows, std::size_t width, GhostLayer layer);
   bool agrees();
   void exchange_data();
+  bool wants_remap() const {
+    return piece->mesh().transfer() == Transfer::remap && grid.n_cell_data > 0;
+  }
+  /// Gives own nodes what lay under their cells before the update, and ghosts what their owners
+  /// have then. The last step: what is repaired begins with the values of before.
+  void remap();
   /// Time of the processor that was not spent in messages.
   double own_seconds() const { return processor_seconds() - messages.seconds(); }
   template <typename Step>

@@ -24,6 +24,7 @@ std::vector<std::size_t> Partition::Parts::make_again(const PieceNodes& nodes) {
       anew.keep_ghosts();
       if (!nodes.places.empty()) rows = fill(anew, nodes, has_moved);
       anew.take_settings(*piece);
+      anew.take_cells(*piece);
       owned.clear();
       ghosts.clear();
       *piece = std::move(anew);

@@ -13,10 +13,11 @@ std::vector<std::vector<Place>> Partition::Parts::by_owner(const std::vector<Pla
 
 /// What some process has to tell the others. Where one has forgotten what it was told, all do.
 std::uint64_t Partition::Parts::any_news() {
-  const std::uint64_t any = messages.any(
-      (piece->has_wants() ? News::wants : 0) | (has_changed() ? News::changes : 0) |
-      (has_told ? 0 : News::forgotten) | (piece->has_nodes_to_ask() ? News::asks : 0) |
-      (piece->has_sizes_to_tell() ? News::sizes : 0) | (piece->reaches_cut() ? News::cut : 0));
+  const std::uint64_t any =
+      messages.any((piece->has_wants() ? News::wants : 0) | (has_changed() ? News::changes : 0) |
+                   (has_told ? 0 : News::forgotten) | (piece->has_nodes_to_ask() ? News::asks : 0) |
+                   (piece->has_sizes_to_tell() ? News::sizes : 0) |
+                   (piece->reaches_cut() ? News::cut : 0) | (wants_remap() ? News::remaps : 0));
   if ((any & News::cut) != 0) throw TooNarrow(narrow);
   if ((any & News::forgotten) != 0) {
     messages.alone([&] {
@@ -26,6 +27,7 @@ std::uint64_t Partition::Parts::any_news() {
       forget_told();
     });
   }
+  remaps = (any & News::remaps) != 0;
   is_settled = slope == 0.0 && (any & (News::changes | News::forgotten)) == 0;
   return any;
 }
@@ -345,7 +347,9 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
       plan_exchange(true);
       if (has_moved_nodes) place_newcomers();
     }
-    conclude(true);
+    const bool has_to_remap = remaps && !is_settled;
+    conclude(!has_to_remap);
+    if (has_to_remap) remap();
   });
 }
 

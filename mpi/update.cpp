@@ -250,7 +250,7 @@ void Partition::Parts::update_windows(bool asks, const std::function<void()>& ch
     });
   });
   messages.alone(change);
-  messages.together();
+  remaps = messages.any(wants_remap() ? 1 : 0) != 0;
   sharing([&] {
     plan_window();
     is_settled = false;
@@ -261,6 +261,7 @@ void Partition::Parts::update_windows(bool asks, const std::function<void()>& ch
     if (!window_agrees()) throw TooNarrow(update_is_narrow);
     plan_exchange();
     conclude(false);
+    if (remaps) remap();
   });
 }
 

@@ -302,19 +302,27 @@ TEST(OutOfMemory, LeavesTheWayBack) {
 }
 
 // Memory ends after ever more allocations of a resolve that moves a feature on, asks in batches,
-// has holes to fill or grades sizes.
+// has holes to fill, grades sizes, or remaps data, where what cells hold in all stays.
 TEST(OutOfMemory, ResolveGoesOnWhereItWasLeft) {
   const auto near_point = [](double x, double y) -> size_function {
     return [=](double px, double py, auto...) { return 0.1 + 0.3 * std::hypot(px - x, py - y); };
   };
   const size_function here = near_point(0.7, 1.2), there = near_point(2.3, 1.9);
-  for (int way = 0; way < 4; ++way) {
+  const auto content = [](Mesh& mesh) {
+    double sum = 0.0;
+    for (Cell& c : mesh.nodes()) sum += mesh.area(c) * c.data[1];
+    return sum;
+  };
+  for (int way = 0; way < 6; ++way) {
     int nb_failures = 0;
     bool done = false;
     for (long granted = 0; !done; granted += 1 + granted / 8) {
       Mesh mesh({0, 4, 0, 4}, {.nx = 5, .subdiv_max = 9, .n_cell_data = 2});
       const Lattice lattice(mesh);
-      way == 2 ? mesh.update(here) : mesh.resolve(here);
+      way == 2 || way == 5 ? mesh.update(here) : mesh.resolve(here);
+      if (way >= 4) mesh.set_transfer(Transfer::remap);
+      for (Cell& c : mesh.nodes()) c.data[1] = 1.0 + c.x * c.y;
+      const double before = content(mesh);
       done = with_allocations(granted, [&] {
         if (way == 1) {
           mesh.resolve_batched([&](std::span<const Cell* const> nodes, std::span<double> sizes) {
@@ -328,6 +336,9 @@ TEST(OutOfMemory, ResolveGoesOnWhereItWasLeft) {
       });
       nb_failures += done ? 0 : 1;
       ASSERT_TRUE(mesh.check().empty()) << granted;
+      if (way >= 4) {
+        ASSERT_NEAR(content(mesh), before, 1e-12 * before) << "way " << way << ", " << granted;
+      }
       if (!done) mesh.resolve(there);
       ASSERT_TRUE(lattice.of(mesh) == lattice.least(there)) << "way " << way << ", " << granted;
       ASSERT_TRUE(mesh.check().empty()) << granted;

@@ -63,10 +63,14 @@ void for_steps_of_histories(const Check& around_step) {
   }
 }
 
-TEST(Transfer, ConservesThroughAnyHistory) {
+class ConservingTransfer : public testing::TestWithParam<Transfer> {};
+INSTANTIATE_TEST_SUITE_P(Both, ConservingTransfer,
+                         testing::Values(Transfer::conservative, Transfer::remap));
+
+TEST_P(ConservingTransfer, ConservesThroughAnyHistory) {
   int nb_steps = 0;
   for_steps_of_histories([&](Mesh& mesh, Random& random, const auto& step) {
-    mesh.set_transfer(Transfer::conservative);
+    mesh.set_transfer(GetParam());
     for (Cell& c : mesh.nodes()) c.data[1] = 2.0 * random.uniform() - 1.0;
     const Content before = content_of(mesh, 1);
     step();
@@ -80,15 +84,123 @@ TEST(Transfer, ConservesThroughAnyHistory) {
 }
 
 // Areas differ by 2^29 here.
-TEST(Transfer, ConservesDeepDown) {
+TEST_P(ConservingTransfer, ConservesDeepDown) {
   Mesh mesh({}, {.nx = 5, .subdiv_max = 29, .n_cell_data = 1});
-  mesh.set_transfer(Transfer::conservative);
+  mesh.set_transfer(GetParam());
   for (Cell& c : mesh.nodes()) c.data[0] = c.x - c.y;
   const Content before = content_of(mesh, 0);
   for (const double x : {0.3, 0.6, 3.0}) {
     mesh.resolve([x](double px, double py, auto...) { return std::hypot(px - x, py - 0.4); });
     EXPECT_EQ(mesh.nodes(29).empty(), x > 1.0);
     EXPECT_NEAR(content_of(mesh, 0).sum, before.sum, 1e-12 * before.absolute);
+  }
+}
+
+// Between the values of two corners; and what a node leaves is mixed with what was there.
+TEST(Transfer, RemapsByWhatLayUnderACell) {
+  Mesh mesh({}, {.nx = 2, .subdiv_max = 1, .n_cell_data = 1});
+  mesh.set_transfer(Transfer::remap);
+  const auto value = [](double x, double y) { return 3.0 + x - 4.0 * x * y; };
+  for (Cell& c : mesh.nodes()) c.data[0] = value(c.x, c.y);
+  mesh.resolve([](double, double, auto...) { return 0.7; });
+  ASSERT_EQ(mesh.size(), 5);
+  for (Cell& c : mesh.nodes()) {
+    const bool is_centre = c.on_boundary == 0;
+    EXPECT_EQ(c.data[0], is_centre ? 2.5 : value(c.x, c.y));  // corners lose half of their cells
+    if (is_centre) c.data[0] = 9.0;
+  }
+  mesh.resolve([](double, double, auto...) { return 1.0; });
+  for (const Cell& c : mesh.nodes()) EXPECT_EQ(c.data[0], (value(c.x, c.y) + 9.0) / 2.0);
+}
+
+/// By what a mesh of another kind finds below each cell, from one to the next.
+TEST(Transfer, RemapsWhatAnotherMeshWouldFindBelow) {
+  const auto changes = [](double centre, bool resolves) {
+    return [=](Mesh& mesh) {
+      const size_function size = ring_at(mesh, centre, 0.45, 0.012);
+      resolves ? mesh.resolve(size) : mesh.update(size);
+    };
+  };
+  const auto throws = [](Mesh& mesh) {
+    int countdown = 900;
+    const size_function size = ring_at(mesh, 0.6, 0.4, 0.01);
+    EXPECT_THROW(mesh.update([&](double x, double y, auto... rest) {
+      if (--countdown == 0) throw std::domain_error("enough");
+      return size(x, y, rest...);
+    }),
+                 std::domain_error);
+  };
+  const std::vector<std::function<void(Mesh&)>> steps = {
+      changes(0.3, true),  changes(0.35, false),
+      changes(0.6, false), throws,
+      changes(0.55, true), [](Mesh& mesh) { mesh.set_limit(5); },
+      changes(0.5, true)};
+  const auto run = [&](std::size_t nb_steps) {
+    Mesh mesh({-0.2, 1.0, 0.1, 1.0}, {.nx = 9, .subdiv_max = 10, .n_cell_data = 2});
+    Random random{7};
+    for (std::size_t i = 0; i < nb_steps; ++i) {
+      steps[i](mesh);
+      mesh.set_limit(10);
+    }
+    for (Cell& c : mesh.nodes()) c.data[1] = random.uniform();
+    return mesh;
+  };
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const Mesh before = run(i);
+    Mesh mesh = run(i), expected = run(i + 1);
+    mesh.set_transfer(Transfer::remap);
+    steps[i](mesh);
+    transfer_conservative(before, expected);
+    ASSERT_EQ(mesh.size(), expected.size());
+    auto other = expected.nodes().begin();
+    for (const Cell& c : mesh.nodes()) {
+      ASSERT_EQ(c.x, other->x);
+      EXPECT_NEAR(c.data[1], other->data[1], 1e-12) << "step " << i;
+      const Cell* there = before.locate(c.x, c.y);
+      const bool is_unchanged =
+          there->x == c.x && there->y == c.y &&
+          std::equal(c.data.begin() + 1, c.data.end(), there->data.begin() + 1);
+      if (!is_unchanged) {
+        CellPolygon a = mesh.polygon(c), b = before.polygon(*there);
+        EXPECT_FALSE(a.n == b.n &&
+                     std::equal(a.corners.begin(), a.corners.begin() + a.n, b.corners.begin(),
+                                [](Point p, Point q) { return p.x == q.x && p.y == q.y; }))
+            << "a cell that has not changed";
+      }
+      ++other;
+    }
+  }
+}
+
+/// The same nodes, however they came.
+TEST(Transfer, RemapsToTheSameBitsInAnyOrder) {
+  enum class Way { plain, batched, threads, hooks, from_elsewhere };
+  const auto values = [](Way way) {
+    Mesh mesh({}, {.nx = 9, .subdiv_max = 12, .n_cell_data = 1});
+    mesh.set_transfer(Transfer::remap);
+    mesh.resolve(ring_at(mesh, 0.4, 0.5, 0.01));
+    if (way == Way::from_elsewhere) {  // the list has another order, and memory, too
+      mesh.resolve(ring_at(mesh, 0.6, 0.2, 0.01));
+      mesh.resolve(ring_at(mesh, 0.4, 0.5, 0.01));
+    }
+    for (Cell& c : mesh.nodes()) c.data[0] = std::sin(9.0 * c.x) / (c.y + 0.7);
+    const size_function size = ring_at(mesh, 0.45, 0.52, 0.008);
+    if (way == Way::batched) {
+      mesh.resolve_batched([&](std::span<const Cell* const> nodes, std::span<double> sizes) {
+        for (std::size_t i = 0; i < nodes.size(); ++i)
+          sizes[i] = size(nodes[i]->x, nodes[i]->y, {}, 0, 0);
+      });
+    } else {
+      if (way == Way::hooks) mesh.set_node_hooks({[](Cell&, std::span<Cell* const>) {}, {}});
+      mesh.resolve(size, {.threads = way == Way::threads ? 3 : 1});
+    }
+    std::set<std::array<double, 3>> all;
+    for (const Cell& c : mesh.nodes()) all.insert({c.x, c.y, c.data[0]});
+    return all;
+  };
+  const auto expected = values(Way::plain);
+  for (const Way way : {Way::batched, Way::threads, Way::hooks, Way::from_elsewhere}) {
+    EXPECT_EQ(values(way), expected) << static_cast<int>(way);
   }
 }
 

@@ -89,7 +89,7 @@ void check_counters(const Snapshot& s) {
               s.next_id < std::numeric_limits<std::int64_t>::max() / 2,
           "its counters are out of range");
   require(s.transfer == Transfer::first || s.transfer == Transfer::all ||
-              s.transfer == Transfer::conservative,
+              s.transfer == Transfer::conservative || s.transfer == Transfer::remap,
           "its transfer is none");
   for (const std::int32_t l : s.level_range) {
     require(l >= -1 && l < nb_stretches, "its range of levels is none");

@@ -363,16 +363,19 @@ Proposals Mesh::build_vertex(Cell& c) const {
 
 Cell& Mesh::insert_node_odd_level(const Vertex& v) {
   const detail::MeshChange change(state(), "insert_node_odd_level");
+  const detail::RemapAtEnd remap_at_end(state());
   return detail::insert_node_odd_level(state(), v);
 }
 
 Cell& Mesh::insert_node_even_level(const Vertex& v) {
   const detail::MeshChange change(state(), "insert_node_even_level");
+  const detail::RemapAtEnd remap_at_end(state());
   return detail::insert_node_even_level(state(), v);
 }
 
 bool Mesh::remove_node_odd_level(Cell& c) {
   const detail::MeshChange change(state(), "remove_node_odd_level");
+  const detail::RemapAtEnd remap_at_end(state());
   Cell* node = &c;
   detail::remove_node_odd_level(state(), node);
   return node == nullptr;
@@ -380,6 +383,7 @@ bool Mesh::remove_node_odd_level(Cell& c) {
 
 bool Mesh::remove_node_even_level(Cell& c) {
   const detail::MeshChange change(state(), "remove_node_even_level");
+  const detail::RemapAtEnd remap_at_end(state());
   Cell* node = &c;
   detail::remove_node_even_level(state(), node);
   return node == nullptr;

@@ -212,6 +212,24 @@ void Piece::hand_on_data(const std::function<bool(const Cell&)>& is_known, std::
 }
 bool Piece::has_come(const Cell& c) const { return update_->has_come(c); }
 
+namespace {
+
+Rectangle to_rectangle(const detail::Bounds& b) { return {b.west, b.east, b.south, b.north}; }
+detail::Bounds to_bounds(const Rectangle& r) { return {r.x_min, r.x_max, r.y_min, r.y_max}; }
+
+}  // namespace
+
+Rectangle Piece::begin_remap() { return to_rectangle(update_->begin_remap()); }
+std::vector<double> Piece::cells_over(const Rectangle& there) {
+  return update_->cells_over(to_bounds(there));
+}
+std::vector<double> Piece::parts_under(std::span<const double> cells) const {
+  return update_->parts_under(cells);
+}
+void Piece::end_remap(std::span<const std::vector<double>> parts) { update_->end_remap(parts); }
+void Piece::keep_cells() { update_->keep_cells(); }
+void Piece::take_cells(Piece& from) { update_->take_cells(*from.update_); }
+
 void Piece::hold_all(std::span<const Place> places) {
   const detail::MeshChange change(mesh_.state(), "Piece::hold_all");
   update_->hold_all(to_lattice(places));
@@ -240,7 +258,9 @@ bool Piece::is_resolved(const Mesh& mesh) {
 }
 
 Mesh Piece::release_mesh() && {
+  update_->forget_cells();
   update_.reset();
+  mesh_.state().is_of_piece = false;
   for (Cell& c : mesh_.nodes()) c.wanted_level = 0;  // nothing is held any more
   return std::move(mesh_);
 }

@@ -25,6 +25,7 @@
 //     where Resolution::slope is above 0, see PlacedSize
 //     data:            ghosts that have not just come get those of their owners, then
 //                      hand_on_data(), then all ghosts get those of their owners
+//     with Transfer::remap, see begin_remap()
 //
 // It is `resolve`: a closure, where wants only add positions and positions only add wants, so that
 // it can be computed in pieces that hand each other the positions that lie elsewhere.
@@ -227,6 +228,25 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// Nodes that have come since begin(), parents first.
   std::span<Cell* const> newcomers() const;
   bool has_come(const Cell& c) const;
+
+  // Transfer::remap: what lies under a cell may be others'. begin() and update() begin to note
+  // cells, whose values change at the end of it all, once own nodes and ghosts are what they are to
+  // be: each piece tells the others what begin_remap() returns; then these, what of its
+  // cells_over() that reaches them; they answer with their parts_under() that; and with all answers
+  // follows end_remap(). Then ghosts get values of their owners. Without it new nodes have means.
+
+  /// What own cells covered that are not what they were; empty where x_min > x_max.
+  Rectangle begin_remap();
+  /// Cells that may cover something there, as numbers for one of the other pieces.
+  std::vector<double> cells_over(const Rectangle& there);
+  /// What another piece wants to know about its cells.
+  std::vector<double> parts_under(std::span<const double> cells) const;
+  /// @param parts  the answers, in the order in which cells_over() was called
+  void end_remap(std::span<const std::vector<double>> parts);
+  /// Notes all own cells at once, where own nodes are made anew on another piece before they are
+  /// updated: it takes these cells over. Does nothing without Transfer::remap.
+  void keep_cells();
+  void take_cells(Piece& from);
 
   /// Makes own nodes of a mesh that was resolved, on a piece that has its grid only: the same nodes
   /// in the same order, whatever the order of the places. Their data are 0.

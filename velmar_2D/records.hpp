@@ -265,7 +265,8 @@ struct alignas(64) Cell {
   Cell *prev = nullptr, *next = nullptr;    ///< node list, mesh_beg to mesh_end
   CellData data;                            ///< n_cell_data values; data[0] drives the adaptation
   NeighbourLink n, ne, e, se, s, sw, w, nw;
-  std::int32_t on_boundary = 0;  ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  std::int32_t on_boundary = 0;   ///< 0 inside, 1 on a side, 2 at a corner of the domain
+  std::int32_t cell_before = -1;  ///< number of its control cell before an update that remaps data
   double area = -1.0;       ///< area of the control cell; negative: not computed, see cell_area()
   double grad_data = 0.0;   ///< gradient norm of data[0], see compute_data_at_node()
   double grad2_data = 0.0;  ///< Frobenius norm of the Hessian of data[0]
@@ -329,10 +330,11 @@ struct Resolution {
   /// no node sees is missed all the same. Costs three times the time of a resolve from the first
   /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
-  /// How many threads, the caller's included, may ask the nodes there are for their sizes and
-  /// compute derivatives. With more than one the size function must be safe to call by several at
-  /// the same time, and all those nodes are asked before the first one comes or goes. The mesh is
-  /// the same to the last bit, and so is what leaves the update where the size function throws.
+  /// How many threads, the caller's included, may ask nodes for their sizes and compute derivatives.
+  /// With more than one the size function must be safe to call by several at the same time, and no
+  /// node comes or goes while nodes are asked: first all there are, then all that have come, and so
+  /// on. The mesh is the same to the last bit, and so is what leaves the update where the size
+  /// function throws.
   int threads = 1;
 };
 
@@ -378,7 +380,13 @@ enum class Transfer : std::int32_t {
   /// from the cells around it what the part of each that becomes its own held. What a node that
   /// goes held is left to its neighbours, by the parts of its cell that become theirs, such that
   /// their values change least and none leaves the range of those around it.
-  conservative
+  conservative,
+  /// The sum of area times value stays what it is here, too. Each control cell that is new or has
+  /// changed holds at the end the mean, by shared areas, of what lay under it before the update;
+  /// others keep their values to the last bit. While the update goes on, new nodes have means of
+  /// their parents. The order in which nodes come and go does not matter, so that many processes
+  /// get the values of one. Values that `init_data` gives stay.
+  remap
 };
 
 /// A part of the grid of a larger mesh: from one grid line to another, both included, counted from

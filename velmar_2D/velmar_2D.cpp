@@ -164,21 +164,25 @@ void build_vertex(Cell* c, std::array<Vertex, 4>& vertex_list, std::int32_t& n) 
 
 void insert_node_odd_level(const Vertex& v) {
   const detail::MeshChange change(state(), "insert_node_odd_level");
+  const detail::RemapAtEnd remap_at_end(state());
   detail::insert_node_odd_level(state(), v);
 }
 
 void insert_node_even_level(const Vertex& v) {
   const detail::MeshChange change(state(), "insert_node_even_level");
+  const detail::RemapAtEnd remap_at_end(state());
   detail::insert_node_even_level(state(), v);
 }
 
 void remove_node_odd_level(Cell*& c) {
   const detail::MeshChange change(state(), "remove_node_odd_level");
+  const detail::RemapAtEnd remap_at_end(state());
   detail::remove_node_odd_level(state(), c);
 }
 
 void remove_node_even_level(Cell*& c) {
   const detail::MeshChange change(state(), "remove_node_even_level");
+  const detail::RemapAtEnd remap_at_end(state());
   detail::remove_node_even_level(state(), c);
 }
 

@@ -115,6 +115,12 @@ double initial_data(const State& state, const Site& site) {
 
 ParentCells parent_cells(const State& state, const Site& site) {
   ParentCells cells;
+  if (state.remapping != nullptr) {
+    for (Cell* parent : site.parents) {
+      if (parent != nullptr) state.remapping->will_change(*parent);
+    }
+    state.remapping->make_room_for(1);
+  }
   if (conserves(state)) {
     for (std::size_t i = 0; i < site.parents.size(); ++i) {
       if (site.parents[i] != nullptr) cells.areas[i] = control_area(state, *site.parents[i]);
@@ -127,13 +133,14 @@ void set_data(const State& state, const Site& site, Cell& c, double first_value,
               const ParentCells& before) {
   const auto& p = site.parents;
   const std::span<Cell* const> parents(p.data(), p[3] != nullptr ? 4 : 3);
+  if (state.remapping != nullptr) state.remapping->has_come(c, !state.data_interpolation);
   if (state.n_cell_data > 0) {
     const std::size_t first = state.data_interpolation ? 0 : 1;
     if (first == 1) c.data[0] = first_value;
     if (state.transfer == Transfer::conservative) {
       take_from_cells(state, parents, before.areas, c, first);
     } else {
-      const std::size_t n = state.transfer == Transfer::all ? c.data.size() : 1;
+      const std::size_t n = state.transfer == Transfer::first ? 1 : c.data.size();
       for (std::size_t i = first; i < n; ++i) c.data[i] = mean_of_parents(p, i);
     }
   }

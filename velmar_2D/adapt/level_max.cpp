@@ -87,6 +87,7 @@ void lower_limit(State& state, std::int32_t subdiv_max) {
     state.level_range[0] = -1;
     return;
   }
+  const RemapAtEnd remap_at_end(state);
   const JoinAtEnd join_at_end(state);
   const GatherLinkSources gather_link_sources(state);
   split_sublists(state);

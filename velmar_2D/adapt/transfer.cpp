@@ -52,11 +52,15 @@ void take_from_cells(const State& state, std::span<Cell* const> parents,
 }
 
 Legacy::Legacy(const State& state, Cell& c, int first) : c_(c) {
-  if (!conserves(state) && !state.hooks.removing) return;
+  if (!conserves(state) && !state.hooks.removing && state.remapping == nullptr) return;
   for (int d = first; d < nb_directions; d += 2) {
     if (Cell* heir = link(c, d).cell()) heirs_[n_++] = heir;
   }
   if (state.hooks.removing) state.hooks.removing(c, std::span<Cell* const>(heirs_.data(), n_));
+  if (state.remapping != nullptr) {
+    state.remapping->will_change(c);
+    for (std::size_t i = 0; i < n_; ++i) state.remapping->will_change(*heirs_[i]);
+  }
   if (!conserves(state)) return;
   for (std::size_t i = 0; i < n_; ++i) areas_[i] = control_area(state, *heirs_[i]);
   area_ = control_area(state, c);

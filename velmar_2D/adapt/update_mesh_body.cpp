@@ -162,7 +162,7 @@ void coarsen(State& state, Sizes& sizes) {
       sizes.node_removed();
     }
   }
-  state.history.end_recording();
+  state.history.end_recording(state.mesh_revision);
 }
 
 template <typename Sizes, typename SizeFunction>
@@ -177,6 +177,7 @@ void make_room(State& state, const SizeFunction& size_fun) {
 // back.
 template <typename Sizes, typename SizeFunction>
 void adapt(State& state, const SizeFunction& size_fun) {
+  const RemapAtEnd remap_at_end(state);
   const CountAtEnd count_at_end(state);
   const GatherLinkSources gather_link_sources(state);
   const JoinAtEnd join_at_end(state);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "velmar_2D/derivatives/derivatives.hpp"
+#include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d::detail {
 
@@ -319,7 +320,7 @@ Site site_of(State& state, std::string_view operation, const Vertex& v, int nb_p
              int (*direction_to)(const Domain& domain, const Cell& parent, const Vertex& v));
 /// First data value of the new node, where it does not come from its parents.
 double initial_data(const State& state, const Site& site);
-/// What data of a new node need to know of the time before it.
+/// What data of a new node, and of its parents, need to know of the time before it.
 ParentCells parent_cells(const State& state, const Site& site);
 /// A node at the site, in its stretch but without links. Ends the process if its position has no
 /// place in the level arrays.
@@ -409,6 +410,7 @@ class Legacy {
   /// Needs: the neighbours are linked as they will be.
   void distribute(const State& state) const {
     if (area_ > 0.0) give_to_heirs(state);
+    if (state.remapping != nullptr) state.remapping->goes(c_);
   }
 
  private:

@@ -23,76 +23,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// A convex polygon that edges of other cells have cut. Each edge knows the face of the cell below
-/// that it is a part of, -1: of none.
-struct SharedPart {
-  struct Corner {
-    double x, y;
-    int edge;  ///< the one from here to the next corner
-  };
-  /// Each of two polygons adds its edges; rounding might add one at each cut.
-  static constexpr std::size_t capacity = 4 * max_cell_corners;
-  std::size_t n = 0;
-  std::array<Corner, capacity> corners;
-
-  void add(const Corner& c) {
-    if (n < capacity) corners[n++] = c;
-  }
-  const Corner& after(std::size_t i) const { return corners[i + 1 < n ? i + 1 : 0]; }
-
-  /// Keeps what lies to the left of a line from a to b, which becomes the edge of that number.
-  void cut(const Point& a, const Point& b, int edge) {
-    const double dx = b.x - a.x, dy = b.y - a.y;
-    const auto left = [&](const Corner& p) { return dx * (p.y - a.y) - dy * (p.x - a.x); };
-    bool all_left = true;
-    std::array<double, capacity> side;
-    for (std::size_t i = 0; i < n; ++i) {
-      side[i] = left(corners[i]);
-      all_left = all_left && side[i] >= 0.0;
-    }
-    if (all_left) return;
-    SharedPart kept;
-    for (std::size_t i = 0; i < n; ++i) {
-      const std::size_t j = i + 1 < n ? i + 1 : 0;
-      const Corner &p = corners[i], &q = corners[j];
-      const auto crossing = [&](int edge_there) {
-        const double share = side[i] / (side[i] - side[j]);
-        return Corner{p.x + share * (q.x - p.x), p.y + share * (q.y - p.y), edge_there};
-      };
-      if (side[i] >= 0.0) {
-        kept.add(p);
-        if (side[j] < 0.0) kept.add(crossing(edge));
-      } else if (side[j] > 0.0) {
-        kept.add(crossing(p.edge));
-      }
-    }
-    *this = kept;
-  }
-
-  double area() const {
-    double twice = 0.0;
-    for (std::size_t i = 2; i < n; ++i) {
-      const Corner &a = corners[0], &b = corners[i - 1], &c = corners[i];
-      twice += (b.x - a.x) * (c.y - a.y) - (c.x - a.x) * (b.y - a.y);
-    }
-    return 0.5 * twice;
-  }
-};
-
-/// The control cell of a node, relative to it, with the direction of each face; sides of the domain
-/// are 8 and more.
-Polygon cell_below(const Domain& domain, const Cell& c) {
-  const KnownShape* shape = look_at(domain, c).shape;
-  if (shape == nullptr) return polygon_of(domain, c);
-  Polygon polygon = polygon_of(*shape);
-  const double unit = length_units(domain, c.level)[0];
-  for (std::size_t i = 0; i < polygon.n; ++i) {
-    polygon.corners[i].x *= unit;
-    polygon.corners[i].y *= unit;
-  }
-  return polygon;
-}
-
 /// The nodes that were met under one cell. Few, mostly.
 class Met {
  public:
@@ -120,11 +50,7 @@ class Met {
 
 /// The polygon of a control cell, relative to its node, cut by the rectangle of another mesh.
 SharedPart part_inside(const Domain& domain, const Domain& other, const Cell& c) {
-  const Polygon polygon = cell_below(domain, c);
-  SharedPart part;
-  for (std::size_t i = 0; i < polygon.n; ++i) {
-    part.add({polygon.corners[i].x, polygon.corners[i].y, -1});
-  }
+  SharedPart part(cell_below(domain, c));
   const double west = other.x_min - c.x, east = other.x_max - c.x;
   const double south = other.y_min - c.y, north = other.y_max - c.y;
   part.cut({west, south}, {east, south}, -1);
@@ -155,12 +81,8 @@ class Conservative {
  private:
   double take_from(const Cell& below, const Cell& c, SharedPart part) {
     const Polygon polygon = cell_below(from_.domain, below);
-    const double x = below.x - c.x, y = below.y - c.y;
-    for (std::size_t i = 0; i < polygon.n && part.n > 2; ++i) {
-      const Polygon::Corner &a = polygon.corners[i], &b = polygon.after(i);
-      part.cut({a.x + x, a.y + y}, {b.x + x, b.y + y}, a.edge);
-    }
-    const double area = part.n > 2 ? part.area() : 0.0;
+    part.cut(polygon, below.x - c.x, below.y - c.y);
+    const double area = part.area();
     if (!(area > 0.0)) return 0.0;
     for (std::size_t k = 0; k < sums_.size(); ++k) {
       sums_[k] += area * (k < below.data.size() ? below.data[k] : 0.0);
@@ -232,7 +154,7 @@ std::int64_t transfer_by_areas(const State& from, State& to, std::size_t nb_valu
       y += part.corners[k].y;
     }
     const auto n = static_cast<double>(part.n);
-    const bool has_area = part.n > 2 && part.area() > 0.0;
+    const bool has_area = part.area() > 0.0;
     inside[i++] = has_area ? Point{c.x + x / n, c.y + y / n} : Point{nowhere, nowhere};
     to.progress.step();
   });

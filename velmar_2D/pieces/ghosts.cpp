@@ -149,6 +149,7 @@ bool PieceUpdate::has_changed() const {
 void PieceUpdate::end_unchanged() {
   surplus_has_gone_ = true;
   is_updating_ = knows_changes_ = false;
+  forget_cells();
 }
 
 /// Own nodes that have gone since release() began, as far as they may be ghosts of the piece with

@@ -14,6 +14,7 @@ namespace velmar_2d::detail {
 PieceUpdate::PieceUpdate(State& state, const Box& own, std::int32_t overlap)
     : state_(state), overlap_(overlap), wants_(Lattice::of_few(state)), box_(closed_at_sides(own)) {
   find_sides_of_box();
+  state.is_of_piece = true;
 }
 
 double PieceUpdate::of_dist_0(std::int64_t units) const {
@@ -175,6 +176,7 @@ void PieceUpdate::update_window(
     const batch_size_function& sizes,
     const std::function<UpdateStatistics(const batch_size_function& counted)>& update) {
   look_at_limit();
+  begin_remapping();
   const Counting counting(*this);
   std::int64_t nb_asked = 0;
   statistics_ = update([&](std::span<const Cell* const> nodes, std::span<double> of) {

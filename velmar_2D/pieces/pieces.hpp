@@ -192,11 +192,28 @@ class PieceUpdate {
   void restore(const std::function<bool(const Cell&)>& is_restored,
                const init_data_function& init_data);
 
+  // Values by what lay under a cell, with other pieces (remap.cpp). Nothing is done where that is
+  // not wanted.
+  /// Notes all own cells, for an update of nodes that are made anew elsewhere.
+  void keep_cells();
+  /// Goes on with what another piece has noted of all its cells. Needs: its own nodes, and others.
+  void take_cells(PieceUpdate& from);
+  void forget_cells();
+  /// What the cells covered that own nodes have no more.
+  Bounds begin_remap();
+  /// Of own nodes: cells that are new and reach there, as a message.
+  std::vector<double> cells_over(const Bounds& there);
+  /// What lay here under cells of another piece.
+  std::vector<double> parts_under(std::span<const double> cells) const;
+  /// With the answers to cells_over(), in the order in which it was asked.
+  void end_remap(std::span<const std::vector<double>> told);
+
  private:
   class Insertion;
   class Removal;
   class Counting;
   Box closed_at_sides(Box box) const;
+  void begin_remapping();
   void find_sides_of_box();
   void look_at_limit();
   double of_dist_0(std::int64_t units) const;
@@ -292,6 +309,8 @@ class PieceUpdate {
   std::size_t nb_noted_ = 0, nb_told_ = 0;     ///< of the newcomers, the latter to others
   init_data_function init_data_;
   std::optional<PieceSizes> graded_;  ///< from begin() to the last ghosts
+  std::unique_ptr<Remapping> remapping_;
+  std::vector<std::vector<std::size_t>> asked_;  ///< by piece, of the changed cells
   UpdateStatistics statistics_;
   bool reaches_cut_ = false;
   bool surplus_has_gone_ = false;   ///< with the last update

@@ -65,6 +65,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   fallen_.clear();
   freed_.clear();
   without_size_.clear();
+  begin_remapping();
   if (state_.resolved_revision != state_.mesh_revision) {
     split_sublists(state_);
     const JoinAtEnd join_at_end(state_);

@@ -133,9 +133,18 @@ struct AskedNodes {
 };
 /// Asks all nodes by so many threads, and notes what they want but for those with demands.
 /// Needs: a joined list.
-/// @return nothing where there is no memory for it
-std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
-                                    const WantedLevels& wants, std::int32_t threads);
+/// @return nothing where there is no memory for it, or a caller has changed the list
+std::optional<AskedNodes> ask_all_nodes(State& state, const size_function& size_fun,
+                                        const WantedLevels& wants, std::int32_t threads);
+/// The same with some nodes.
+std::optional<AskedNodes> ask_nodes(State& state, std::span<Cell* const> nodes,
+                                    const size_function& size_fun, const WantedLevels& wants,
+                                    std::int32_t threads);
+/// The next node but a few that will be asked.
+VELMAR_2D_ALWAYS_INLINE void prefetch_node_to_ask(std::span<Cell* const> nodes, std::size_t i) {
+  constexpr std::size_t ahead = 8;
+  if (i + ahead < nodes.size()) prefetch_lines(nodes[i + ahead], 2);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
@@ -302,6 +311,51 @@ class GradedSizes {
   Lattice lattice_;
   std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
   std::vector<Node> nodes_;
+};
+
+/// Releases what nothing rests on and nothing wants, once all are raised (release.cpp). Made before
+/// that, and told what happens meanwhile.
+class Releaser {
+ public:
+  /// @param knows_fallen  all that may go is around those whose wants will have fallen
+  Releaser(State& state, bool knows_fallen);
+
+  std::size_t nb_stretches() const { return nb_stretches_; }  ///< none above holds nodes
+  /// The first node of a stretch, of those that were there at first.
+  Cell* head(std::size_t stretch) const { return heads_[stretch]; }
+
+  /// A node has come.
+  void note_come(const Cell& c);
+  bool knows_fallen() const { return knows_fallen_; }
+  void note_fallen(Cell& c);
+  void note_fallen(std::vector<Cell*>&& nodes) { fallen_ = std::move(nodes); }
+  void forget_fallen() { knows_fallen_ = false; }
+
+  /// Stretches downwards, or around those whose wants have fallen.
+  ///
+  /// @param come_are_needed  the nodes that have come are wanted, or rested on: they are left out
+  ///                         where they are known
+  void release_surplus(bool come_are_needed);
+  /// Stretches downwards. Returns whether a node went.
+  bool release_everywhere(bool come_are_needed, GradedSizes* graded = nullptr);
+
+ private:
+  void release_around_fallen();
+  void release_waiting();
+  void await_removal(Cell& c);
+  void note_gone(const Cell& c);
+
+  State& state_;
+  std::array<Cell*, highest_wanted_level + 1> heads_{};
+  std::array<TraversalHistory::Entry, highest_wanted_level + 1> head_entries_{};
+  std::size_t nb_stretches_;
+  /// Those that have come, by stretch.
+  std::array<std::vector<TraversalHistory::Entry>, highest_wanted_level + 1> come_to_;
+  std::int64_t nb_come_ = 0;
+  std::vector<TraversalHistory::Entry> gone_;
+  std::vector<Cell*> fallen_, surplus_;
+  bool knows_come_ = true;  ///< no memory was short for those that have come
+  bool knows_fallen_;
 };
 
 /// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:

@@ -39,6 +39,7 @@ class Restorer {
     find_missing();
     find_disorder();
     made_.reserve(missing_.size());
+    if (state_.remapping != nullptr) note_cells();
     if (conserves(state_) && !missing_.empty()) {
       areas_.reserve(nb_nodes_);
       for (std::size_t i = 0; i < nb_nodes_; ++i) {
@@ -56,6 +57,7 @@ class Restorer {
     ask_callbacks();
     make_missing();
     for (Cell* c : strays_) {
+      if (state_.remapping != nullptr) state_.remapping->goes(*c);
       leave_stretch(state_, *c);
       release_cell(state_, c);
     }
@@ -69,6 +71,15 @@ class Restorer {
   }
 
  private:
+  /// Of all nodes that are to change.
+  void note_cells() const {
+    state_.remapping->make_room_for(missing_.size());
+    for (Cell* c : strays_) state_.remapping->will_change(*c);
+    for (const Disorder& node : disorder_) {
+      Cell* c = lattice_.entries()[static_cast<std::size_t>(node.entry)].cell;
+      if (c != nullptr) state_.remapping->will_change(*c);
+    }
+  }
   // Nodes in the order of their position index.
   void take_nodes() {
     for (const Handle& stretch : state_.level_beg) {
@@ -204,6 +215,7 @@ class Restorer {
       }
       enter_stretch(state_, c);
       lattice_.entries()[m.entry].cell = &c;
+      if (state_.remapping != nullptr) state_.remapping->has_come(c, !state_.data_interpolation);
     }
   }
 
