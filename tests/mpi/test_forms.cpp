@@ -144,12 +144,12 @@ void run(int n_cell_data) {
 }
 
 /// The limit changes after both forms.
-void change_limits(int n_cell_data) {
+void change_limits(int n_cell_data, Transfer transfer) {
   const Grid grid = grid_with(n_cell_data);
   Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = 6});
   Mesh mesh(whole, grid);
-  mesh.set_transfer(Transfer::all);
-  part.mesh().set_transfer(Transfer::all);
+  mesh.set_transfer(transfer);
+  part.mesh().set_transfer(transfer);
   // A few nodes want to stay fine. What they rest on goes with those that are too fine.
   const size_function here_and_there = [](double x, double y, auto...) {
     const double number = 43758.5453 * std::sin(12.9898 * x + 78.233 * y);
@@ -225,8 +225,9 @@ int main(int argc, char** argv) {
   MPI_Init(&argc, &argv);
   run(0);
   run(2);
-  change_limits(0);
-  change_limits(2);
+  change_limits(0, Transfer::first);
+  change_limits(2, Transfer::all);
+  change_limits(2, Transfer::remap);
   share_out(false);
   share_out(true);
   MPI_Finalize();
