@@ -119,7 +119,7 @@ class VELMAR_2D_MPI_API Partition {
   /// The mesh of the window: owned nodes and ghosts. A progress handler of it is told of the nodes
   /// of this process, in plain updates of all in the window, and throws to leave the update on all
   /// processes. Node hooks are for a mesh of one process: here they are called for ghosts, too, and
-  /// again where an update begins anew.
+  /// again where an update begins anew. Lowering its limit remaps no data, see Transfer::remap.
   Mesh& mesh();
   const Mesh& mesh() const;
 
@@ -132,7 +132,7 @@ class VELMAR_2D_MPI_API Partition {
   /// over the whole mesh, in more rounds. Nodes without a size keep what is there when they are
   /// asked: without `slope` that is a matter of the order, and may differ from one mesh. Throws
   /// Error with Transfer::conservative, whose values are a matter of the order in which nodes of
-  /// the whole mesh come and go.
+  /// the whole mesh come and go; Transfer::remap conserves, too, and gives the values of one mesh.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});
