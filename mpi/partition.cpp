@@ -121,6 +121,9 @@ std::int64_t Partition::size() const { return parts_->first_numbers.back(); }
 void Partition::Parts::check_update(const size_function& size,
                                     const batch_size_function& sizes) const {
   if (!size && !sizes) throw Error("the sizes are no procedure");
+  check_transfer();
+}
+void Partition::Parts::check_transfer() const {
   if (piece->mesh().transfer() == Transfer::conservative && grid.n_cell_data > 0) {
     throw Error(
         "Transfer::conservative is for a Mesh of one process; Transfer::remap conserves, too");
@@ -175,6 +178,37 @@ void Partition::Parts::begin_update(const size_function& size, const batch_size_
       repairing([&] { update(size, sizes, init_data); });
     });
   });
+}
+
+void Partition::Parts::set_limit(std::int32_t limit) {
+  messages.alone([&] { check_transfer(); });
+  messages.together();
+  if (adapted_by != Adapted::by_update) {
+    messages.alone([&] {
+      piece->keep_cells();
+      piece->set_limit(limit);
+    });
+    remaps = messages.any(wants_remap() ? 1 : 0) != 0;
+    settle();  // ghosts that own nodes get linked to are parents of what has gone: they are there
+    if (remaps) remap();
+    return;
+  }
+  const std::int32_t before = piece->mesh().limit();
+  repairing([&] {
+    try {
+      update_windows(false, [&] {
+        piece->keep_cells();
+        piece->mesh().set_limit(limit);
+      });
+    } catch (const TooNarrow&) {
+      // That of the nodes that are to be made again.
+      messages.alone([&] { piece->mesh().set_limit(before); });
+      throw;
+    }
+  });
+}
+void Partition::set_limit(std::int32_t limit) {
+  parts_->messages.collective([&] { parts_->set_limit(limit); });
 }
 
 void Partition::compute_derivatives() {

@@ -195,6 +195,11 @@ struct Partition::Parts {
                     const std::optional<init_data_function>& init_data);
   void update(const size_function& size, const batch_size_function& sizes,
               const std::optional<init_data_function>& init_data);
+  /// Changes whole windows, and looks whether they became what their owners have.
+  ///
+  /// @param asks  for sizes, which may want derivatives
+  void update_windows(bool asks, const std::function<void()>& change);
+  void set_limit(std::int32_t limit);
   /// Makes windows of resolve(), with the nodes that update() has left and what these rest on.
   /// @return own nodes that have come by that
   std::int64_t restore(const init_data_function& init_data);
@@ -207,7 +212,7 @@ struct Partition::Parts {
   void give_values_to_restored(const std::vector<char>& is_restored,
                                const init_data_function& init_data);
   void keep_windows_from_now();
-  void prepare_window();
+  void prepare_window(bool asks);
   void plan_window();
   void exchange_derivatives();
   /// Ghosts of windows get what their owners hold.
@@ -286,6 +291,7 @@ struct Partition::Parts {
 
   /// Throws what no update of many processes can do.
   void check_update(const size_function& size, const batch_size_function& sizes) const;
+  void check_transfer() const;
   void check_resolve(const size_function& size, const batch_size_function& sizes,
                      const Resolution& resolution) const;
   /// Runs an update, and tells what it did and took.

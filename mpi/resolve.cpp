@@ -329,6 +329,7 @@ void Partition::Parts::resolve(const size_function& size, const batch_size_funct
     refine_graded();
   } else {
     refine();
+    messages.alone([&] { piece->settle(); });
   }
   if (is_settled) {
     piece->end_unchanged();

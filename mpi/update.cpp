@@ -231,7 +231,7 @@ void Partition::Parts::exchange_values_of_window() {
 }
 
 /// Ghosts are what their owners have, as far as they have them.
-void Partition::Parts::prepare_window() {
+void Partition::Parts::prepare_window(bool asks) {
   if (adapted_by == Adapted::by_nothing) {
     adapted_by = Adapted::by_update;
     piece->keep_window();
@@ -239,30 +239,17 @@ void Partition::Parts::prepare_window() {
   }
   exchange_values_of_window();
   messages.alone([&] { give_values_to_strangers(); });
-  exchange_derivatives();
+  if (asks) exchange_derivatives();
 }
 
-void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
-                              const std::optional<init_data_function>& init_data) {
-  messages.alone([&] { check_update(size, sizes); });
-  messages.together();
+void Partition::Parts::update_windows(bool asks, const std::function<void()>& change) {
   sharing([&] {
-    prepare_window();
+    prepare_window(asks);
     messages.alone([&] {
       if (options.repairs && messages.nb_processes() > 1) keep_nodes();
     });
   });
-  messages.alone([&] {
-    const batch_size_function wanted = [&](std::span<const Cell* const> nodes,
-                                           std::span<double> of) {
-      ask_window(nodes, of, size, sizes);
-    };
-    if (init_data) {
-      piece->update(wanted, *init_data);
-    } else {
-      piece->update(wanted);
-    }
-  });
+  messages.alone(change);
   remaps = messages.any(wants_remap() ? 1 : 0) != 0;
   sharing([&] {
     plan_window();
@@ -275,6 +262,23 @@ void Partition::Parts::update(const size_function& size, const batch_size_functi
     plan_exchange();
     conclude(false);
     if (remaps) remap();
+  });
+}
+
+void Partition::Parts::update(const size_function& size, const batch_size_function& sizes,
+                              const std::optional<init_data_function>& init_data) {
+  messages.alone([&] { check_update(size, sizes); });
+  messages.together();
+  update_windows(true, [&] {
+    const batch_size_function wanted = [&](std::span<const Cell* const> nodes,
+                                           std::span<double> of) {
+      ask_window(nodes, of, size, sizes);
+    };
+    if (init_data) {
+      piece->update(wanted, *init_data);
+    } else {
+      piece->update(wanted);
+    }
   });
 }
 

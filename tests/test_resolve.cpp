@@ -298,20 +298,24 @@ TEST(Resolve, FollowsSlowChangesWithinTheMargin) {
 // A want may fall and still lie above the level of its node, where others had its rings made.
 TEST(Resolve, KeepsNothingBeyondTheMarginWhereWantsFallHereAndThere) {
   const double margin = 2.5;
-  Mesh mesh({0, 1, 0, 1}, {.nx = 9, .subdiv_max = 8});
-  const Lattice lattice(mesh);
-  for (std::uint64_t frame = 0; frame < 25; ++frame) {
-    const size_function size = [=](double x, double y, auto...) {
-      std::uint64_t changed = frame;  // when this place last changed its mind
-      while (changed > 0 && scenarios::position_noise(x, y, changed) > 0.02) --changed;
-      const double noise = scenarios::position_noise(x, y, 1000 + changed);
-      return 0.125 * std::exp2(-3.0 * noise * noise * noise * noise);
-    };
-    const Positions before = lattice.of(mesh);
-    mesh.resolve(size, {.margin = margin});
-    const Positions expected = lattice.without_surplus(lattice.closure(before, size), size, margin);
-    ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected) << "\n"
-                                              << frame;
+  for (const double share_of_none : {0.0, 0.3}) {
+    Mesh mesh({0, 1, 0, 1}, {.nx = 9, .subdiv_max = 8});
+    const Lattice lattice(mesh);
+    for (std::uint64_t frame = 0; frame < 25; ++frame) {
+      const size_function size = [=](double x, double y, auto...) {
+        std::uint64_t changed = frame;  // when this place last changed its mind
+        while (changed > 0 && scenarios::position_noise(x, y, changed) > 0.02) --changed;
+        if (scenarios::position_noise(x, y, 2000 + changed) < share_of_none) return std::nan("");
+        const double noise = scenarios::position_noise(x, y, 1000 + changed);
+        return 0.125 * std::exp2(-3.0 * noise * noise * noise * noise);
+      };
+      const Positions before = lattice.of(mesh);
+      mesh.resolve(size, {.margin = margin});
+      const Positions expected =
+          lattice.without_surplus(lattice.closure(before, size), size, margin);
+      ASSERT_TRUE(lattice.of(mesh) == expected) << difference(lattice.of(mesh), expected) << "\n"
+                                                << frame << ", share " << share_of_none;
+    }
   }
 }
 
@@ -358,6 +362,38 @@ TEST(Resolve, LeavesNodesThatWantNothingAsTheyAre) {
   EXPECT_EQ(describe(mesh), before);
   mesh.resolve(scenarios::even_spacing(-0.0));  // the finest
   for (const Cell& c : mesh.nodes()) ASSERT_EQ(c.level, 8);
+}
+
+// Neither the order in which nodes are asked nor what they wanted before decides what that is.
+TEST(Resolve, KeepsTheLevelThatOthersMakeWhereASizeIsNone) {
+  scenarios::Random random{11};
+  for (int run = 0; run < 4 * nb_kinds_of_size; ++run) {
+    const Domain& domain = domains[run % std::size(domains)];
+    const Grid grid{.nx = domain.nx, .subdiv_max = 8};
+    const double share = 0.8 * random.uniform(), margin = run % 3 == 0 ? 1.2 : 0.0;
+    Mesh mesh(domain.rectangle, grid), batched(domain.rectangle, grid),
+        threaded(domain.rectangle, grid);
+    const Lattice lattice(mesh);
+    for (int i = 0; i < 5; ++i) {
+      const size_function others = size_of_kind((run + i) % nb_kinds_of_size, mesh, random);
+      const std::uint64_t seed = random.next();
+      const size_function size = [&](double x, double y, auto... rest) {
+        const bool is_none = scenarios::position_noise(x, y, seed) < share;
+        return is_none ? (x < y ? -1.0 : std::nan("")) : others(x, y, rest...);
+      };
+      const Positions before = lattice.of(mesh);
+      mesh.resolve(size, {.margin = margin});
+      const Positions expected =
+          lattice.without_surplus(lattice.closure(before, size), size, margin);
+      ASSERT_TRUE(lattice.of(mesh) == expected)
+          << difference(lattice.of(mesh), expected) << "\nrun " << run << ", size " << i;
+      batched.resolve_batched(in_batches(size), {.margin = margin});
+      threaded.resolve(size, {.margin = margin, .threads = 2});
+      ASSERT_TRUE(is_in_order(mesh));
+      ASSERT_EQ(describe(batched), describe(mesh)) << "run " << run << ", size " << i;
+      ASSERT_EQ(describe(threaded), describe(mesh)) << "run " << run << ", size " << i;
+    }
+  }
 }
 
 /// All forms of one adaptation, with data that come from a procedure or are interpolated.

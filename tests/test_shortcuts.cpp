@@ -169,7 +169,7 @@ TEST_F(Shortcuts, WalksVisitWhatAPlainWalkWould) {
       ASSERT_EQ(visited, expected);
       nb_visited += static_cast<int>(visited.size());
     }
-    state.history.end_recording();
+    state.history.end_recording(state.mesh_revision);
     join_sublists();
     ASSERT_EQ(state.history.size(), static_cast<std::ptrdiff_t>(left.size()));
     for (std::ptrdiff_t i = 0; i < state.history.size(); ++i) {

@@ -1,8 +1,11 @@
 // A resolve with several threads leaves the mesh that it leaves with one, to the last bit, and ends
 // as with one where the size function throws.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -27,7 +30,7 @@ size_function size_at(int step, bool throws) {
   };
 }
 
-enum class Special { none, conservative, hook };
+enum class Special { none, conservative, hook, init };
 
 /// What each step of a front leaves, and how it ended.
 std::vector<std::string> follow_front(Special special, const Resolution& resolution) {
@@ -46,7 +49,13 @@ std::vector<std::string> follow_front(Special special, const Resolution& resolut
     for (Cell& c : mesh.nodes()) c.data[0] = std::tanh(9.0 * (c.x - c.y) + 0.1 * step);
     std::string end = "well";
     try {
-      mesh.resolve(size_at(step, step == 3), resolution);
+      const size_function size = size_at(step, step == 3);
+      if (special == Special::init) {
+        mesh.resolve(
+            size, [](double x, double y) { return x * y; }, resolution);
+      } else {
+        mesh.resolve(size, resolution);
+      }
     } catch (const std::domain_error& error) {
       end = error.what();
     }
@@ -58,7 +67,8 @@ std::vector<std::string> follow_front(Special special, const Resolution& resolut
 }
 
 TEST(ThreadsOfAnUpdate, LeaveTheMeshOfOne) {
-  for (const Special special : {Special::none, Special::conservative, Special::hook}) {
+  for (const Special special :
+       {Special::none, Special::conservative, Special::hook, Special::init}) {
     const double margin = special == Special::none ? 0.0 : 0.7;
     const std::vector<std::string> alone = follow_front(special, {.margin = margin});
     EXPECT_NE(alone[3].substr(0, 4), "well");
@@ -94,6 +104,28 @@ TEST(ThreadsOfAnUpdate, AskAtTheSameTimeAndTellProgressInTheCallersAlone) {
   mesh.set_progress_handler(nullptr);
   mesh.resolve([](auto...) { return 1.0; }, {.threads = 3});
   EXPECT_EQ(mesh.statistics().visited, mesh.size());
+}
+
+/// The history tells the order in which the nodes were.
+TEST(ThreadsOfAnUpdate, AskAllNodesOfAListThatTheCallerHasTurnedRound) {
+  Mesh mesh({}, {.nx = 65, .subdiv_max = 2});
+  mesh.resolve([](auto...) { return 1.0; }, {.threads = 3});
+  std::vector<Cell*> list;
+  for (Cell& c : mesh.nodes()) list.push_back(&c);
+  std::reverse(list.begin() + 1, list.end() - 1);
+  for (std::size_t i = 1; i < list.size(); ++i) {
+    list[i - 1]->next = list[i];
+    list[i]->prev = list[i - 1];
+  }
+  std::mutex adding;
+  std::set<std::pair<double, double>> asked;
+  const auto size = [&](double x, double y, auto...) {
+    const std::scoped_lock lock(adding);
+    asked.insert({x, y});
+    return 1.0;
+  };
+  mesh.resolve(size, {.threads = 3});
+  EXPECT_EQ(asked.size(), list.size());
 }
 
 }  // namespace

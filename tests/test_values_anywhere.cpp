@@ -1,5 +1,6 @@
 // Nodes, values and lines at places of the caller's, and values from one mesh to another, held
 // against searches of all nodes and against areas of polygons.
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 
@@ -180,6 +181,16 @@ TEST_F(ValuesAnywhere, TrianglesFillTheDomainAndLinearValuesFollowThem) {
     EXPECT_EQ(mesh.value_at(a.x, a.y, 1), a.data[1]);
   }
   EXPECT_NEAR(area, 4.0, 1e-12);
+
+  // Faces at a node that is linked and none of the mesh's are left out.
+  const auto nodes = mesh.nodes();
+  Cell& original = *std::find_if(nodes.begin(), nodes.end(), [](const Cell& c) {
+    return c.n.cell() != nullptr && c.n.cell()->s.cell() == &c;
+  });
+  Cell copy = original;
+  copy.n.cell()->s = &copy;
+  EXPECT_LT(mesh.triangulation().triangles.size(), whole.triangles.size());
+  copy.n.cell()->s = &original;
 }
 
 TEST_F(ValuesAnywhere, ValuesAreWhatTheirRuleSays) {

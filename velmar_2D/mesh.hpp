@@ -202,7 +202,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   /// slope of sizes of 0.41 the mesh depends on the size function alone and not on what it was
   /// before, and up to 1.41 a point where fine spacing is wanted is always found from the grid;
   /// what lies between nodes and shows at none of them is missed (see Resolution::slope). A size
-  /// that is negative or not a number wants the node's level as it is.
+  /// that is negative or not a number wants the level that the node has when all that others want
+  /// has come.
   /// References to removed nodes are invalid afterwards; all others stay good.
   /// Throws Error as update() does, and where more than resolution.most_nodes would be needed.
   /// Cost: linear in the number of nodes; where the mesh was changed by anything else since the

@@ -145,10 +145,7 @@ void Piece::settle() {
   const detail::MeshChange change(mesh_.state(), "Piece::settle");
   update_->settle();
 }
-bool Piece::lacks_sizes() const {
-  const detail::PieceSizes* sizes = std::as_const(*update_).graded_sizes();
-  return sizes != nullptr && sizes->lacks_own_sizes();
-}
+bool Piece::lacks_sizes() const { return update_->lacks_sizes(); }
 void Piece::forget_grading() {
   detail::PieceSizes* sizes = update_->graded_sizes();
   if (sizes == nullptr) return;
@@ -274,6 +271,11 @@ PieceNodes Piece::nodes_before() const {
 std::span<Cell* const> Piece::newcomers() const { return update_->newcomers(); }
 const UpdateStatistics& Piece::statistics() const { return update_->statistics(); }
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
+
+void Piece::set_limit(std::int32_t limit) {
+  mesh_.set_limit(limit);
+  update_->take_limit();
+}
 
 void Piece::keep_window() { update_->keep_window(); }
 void Piece::update(const batch_size_function& sizes) {

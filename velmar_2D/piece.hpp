@@ -16,6 +16,7 @@
 //       for each piece:  ask()
 //       until no piece has wants:  for each piece: take wants(), give them to their owners' hold()
 //       where sizes depend on derivatives: exchange ghosts and data, see below
+//     where some piece lacks_sizes(): exchange ghosts, and settle() each piece
 //     for each piece:    give needs() to their owners' hold_only()
 //     until no piece has lost a hold:
 //       for each piece:  release()
@@ -88,7 +89,6 @@ class PieceUpdate;
 ///         for each piece: give sizes_for_owners() to these owners, sizes_for() to the others, who
 ///                         take_sizes(); all are taken out before one is taken over
 ///       for each piece:   settle(), which makes nodes to ask
-///     before needs(): where some piece lacks_sizes(), exchange ghosts, and settle() again
 ///     before the border() that ends the update: as long as the last release() of some piece, with
 ///       what followed, removed nodes:
 ///       for each piece: forget_grading(); sizes as above; settle(); release() as before
@@ -160,7 +160,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   bool has_sizes_to_tell() const;
   /// What another piece tells. Needs: all nodes asked that others know of.
   void take_sizes(std::size_t piece, std::span<const PlacedSize> told);
-  /// Gives own nodes what they want by the graded sizes, as ask() does where these are not graded.
+  /// Gives own nodes what they want by the graded sizes, as ask() does where these are not graded;
+  /// and those without a size the level that is there by now.
   void settle();
   /// Whether own nodes want the level that is there, which ghosts tell.
   bool lacks_sizes() const;
@@ -264,6 +265,10 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
 
   /// What the own nodes went through since begin().
   const UpdateStatistics& statistics() const;
+
+  /// Mesh::set_limit() of the window. Afterwards owners tell borders() as at the end of an update.
+  /// Needs: all pieces resolved.
+  void set_limit(std::int32_t limit);
 
   /// Whether some node came to lie where the window is cut: it is too narrow for the update.
   bool reaches_cut() const;

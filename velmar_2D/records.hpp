@@ -330,10 +330,11 @@ struct Resolution {
   /// no node sees is missed all the same. Costs three times the time of a resolve from the first
   /// grid, five to ten times that of one that changes little, and 90 to 150 bytes a node meanwhile.
   double slope = 0.0;
-  /// How many threads, the caller's included, may ask the nodes there are for their sizes and
-  /// compute derivatives. With more than one the size function must be safe to call by several at
-  /// the same time, and all those nodes are asked before the first one comes or goes. The mesh is
-  /// the same to the last bit, and so is what leaves the update where the size function throws.
+  /// How many threads, the caller's included, may ask nodes for their sizes and compute derivatives.
+  /// With more than one the size function must be safe to call by several at the same time, and no
+  /// node comes or goes while nodes are asked: first all there are, then all that have come, and so
+  /// on. The mesh is the same to the last bit, and so is what leaves the update where the size
+  /// function throws.
   int threads = 1;
 };
 

@@ -9,6 +9,7 @@
 #include "velmar_2D/adapt/update_mesh_decl.hpp"
 #include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/check/check.hpp"
+#include "velmar_2D/resolve/resolve.hpp"
 
 namespace velmar_2d::detail {
 
@@ -129,7 +130,7 @@ void take_nodes(const State& state, Snapshot& s) {
     copy(s.x, [](const Cell& c) { return c.x; });
     copy(s.y, [](const Cell& c) { return c.y; });
     copy(s.level, [](const Cell& c) { return c.level; });
-    copy(s.wanted_level, [](const Cell& c) { return c.wanted_level; });
+    copy(s.wanted_level, [](const Cell& c) { return wanted_level(c); });
     copy(s.signature_set, [](const Cell& c) { return load_shared(c.signature_set); });
     copy(s.area, [](const Cell& c) { return load_shared(c.area); });
     copy(s.used, [](const Cell& c) { return c.used; });

@@ -165,8 +165,8 @@ VELMAR_2D_API void update_mesh_no_init_batched(const batch_size_function& size_f
 /// sizes changes nothing, not even mesh_revision. Up to a slope of sizes of 0.41 the mesh depends
 /// on the size function alone and not on what it was before, and up to 1.41 a point where fine
 /// spacing is wanted is always found from the grid; what lies between nodes and shows at none of
-/// them is missed (see Resolution::slope). A size that is negative or not a number wants the node's
-/// level as it is.
+/// them is missed (see Resolution::slope). A size that is negative or not a number wants the level
+/// that the node has when all that others want has come.
 /// References to removed nodes are invalid afterwards; all others stay good.
 /// Ends the process if there is no mesh, a callback that is needed is empty, or more than
 /// resolution.most_nodes nodes would be needed.

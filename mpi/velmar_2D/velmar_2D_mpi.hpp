@@ -95,8 +95,8 @@ class VELMAR_2D_MPI_API Partition {
   ///
   /// A mesh that update() or single steps have changed last goes on as it would, the order of its
   /// nodes with it. It takes the overlap that update() wants, and the whole on each process, until
-  /// resolve(), where nodes rest on others that have gone. Nodes of one that was resolved last count
-  /// as having come by place, see update().
+  /// resolve(), where nodes rest on others that have gone. Nodes of one that was resolved last
+  /// count as having come by place, see update().
   ///
   /// @param communicator  of all that keep the mesh together
   /// @param whole         on process 0 the mesh, which it may let go afterwards
@@ -116,10 +116,12 @@ class VELMAR_2D_MPI_API Partition {
   /// Cells of the grid that these reach into: where boxes cut cells, they share them.
   const Window& box() const;              ///< of this process
   std::span<const Window> boxes() const;  ///< of all, by rank
-  /// The mesh of the window: owned nodes and ghosts. A progress handler of it is told of the nodes
-  /// of this process, in plain updates of all in the window, and throws to leave the update on all
-  /// processes. Node hooks are for a mesh of one process: here they are called for ghosts, too, and
-  /// again where an update begins anew. Lowering its limit remaps no data, see Transfer::remap.
+  /// The mesh of the window: owned nodes and ghosts. It is there to be read, to write data values,
+  /// and for what is chosen once: transfer, handlers, values of sides. What changes nodes or the
+  /// limit is for the Partition. A progress handler of it is told of the nodes of this process, in
+  /// plain updates of all in the window, and throws to leave the update on all processes. Node
+  /// hooks are for a mesh of one process: here they are called for ghosts, too, and again where an
+  /// update begins anew.
   Mesh& mesh();
   const Mesh& mesh() const;
 
@@ -129,10 +131,9 @@ class VELMAR_2D_MPI_API Partition {
   /// invalid and mesh() is another one; `used` and `data_ptr` of owned nodes stay.
   ///
   /// `most_nodes` counts the nodes of one process, ghosts with them. With `slope` sizes are graded
-  /// over the whole mesh, in more rounds. Nodes without a size keep what is there when they are
-  /// asked: without `slope` that is a matter of the order, and may differ from one mesh. Throws
-  /// Error with Transfer::conservative, whose values are a matter of the order in which nodes of
-  /// the whole mesh come and go; Transfer::remap conserves, too, and gives the values of one mesh.
+  /// over the whole mesh, in more rounds. Throws Error with Transfer::conservative, whose values
+  /// are a matter of the order in which nodes of the whole mesh come and go; Transfer::remap
+  /// conserves, too, and gives the values of one mesh.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});
@@ -161,6 +162,13 @@ class VELMAR_2D_MPI_API Partition {
   void update(const size_function& size, init_data_function init_data);
   void update_batched(const batch_size_function& sizes);
   void update_batched(const batch_size_function& sizes, init_data_function init_data);
+
+  /// Collective. As Mesh::set_limit() of the whole mesh: lowering the limit removes every node that
+  /// lies above, raising it changes no node. Ghosts must hold the data of their owners before.
+  /// After update() it is an update of the windows like any other, which may be repaired.
+  ///
+  /// Throws Error where Mesh does, and with Transfer::conservative.
+  void set_limit(std::int32_t limit);
 
   /// Nodes of this process, in list order; then ghosts, those linked to owned nodes first. Good
   /// until the mesh changes.

@@ -143,6 +143,54 @@ void run(int n_cell_data) {
   expect(part.statistics().nb_repairs == 0, "repairs", 10);
 }
 
+/// The limit changes after both forms.
+void change_limits(int n_cell_data) {
+  const Grid grid = grid_with(n_cell_data);
+  Partition part(MPI_COMM_WORLD, whole, grid, {.overlap = 6});
+  Mesh mesh(whole, grid);
+  mesh.set_transfer(Transfer::all);
+  part.mesh().set_transfer(Transfer::all);
+  // A few nodes want to stay fine. What they rest on goes with those that are too fine.
+  const size_function here_and_there = [](double x, double y, auto...) {
+    const double number = 43758.5453 * std::sin(12.9898 * x + 78.233 * y);
+    return number - std::floor(number) < 0.03 ? 0.008 : 1.0;
+  };
+  for (const int limit : {9, 3, 6}) {
+    mesh.resolve(limit == 9 ? ring_at(0.1, 0.4) : here_and_there);
+    part.resolve(limit == 9 ? ring_at(0.1, 0.4) : here_and_there);
+    mesh.set_limit(limit);
+    part.set_limit(limit);
+    compare(part, mesh, limit);
+    mesh.resolve(here_and_there);
+    part.resolve(here_and_there);
+    compare(part, mesh, limit);
+  }
+  struct Turn {
+    bool resolves;
+    int limit;
+  };
+  constexpr Turn turns[] = {{true, 4}, {true, 0}, {true, 9}, {false, 5}, {false, 8}, {true, 5}};
+  for (int step = 30; const auto& [resolves, limit] : turns) {
+    if (step == 33) mesh = gathered(mesh, grid);
+    adapt(mesh, part, resolves, step);
+    mesh.set_limit(limit);
+    part.set_limit(limit);
+    expect(part.mesh().limit() == limit, "limit", step);
+    compare(part, mesh, step);
+    if (step == 31) part.rebalance(1.0);
+    ++step;
+  }
+  expect(part.statistics().nb_repairs == 0, "repairs", 35);
+  std::string told;
+  try {
+    part.set_limit(part.rank() == part.nb_processes() - 1 ? -1 : 3);
+  } catch (const Error& error) {
+    told = error.what();
+  }
+  expect(told.find("on process " + std::to_string(part.nb_processes() - 1)) != std::string::npos,
+         "a fault is told to all", 36);
+}
+
 /// A mesh that plain updates and single steps of one process have made goes on as a Partition.
 void share_out(bool is_steep) {
   const Grid grid = grid_with(2);
@@ -177,6 +225,8 @@ int main(int argc, char** argv) {
   MPI_Init(&argc, &argv);
   run(0);
   run(2);
+  change_limits(0);
+  change_limits(2);
   share_out(false);
   share_out(true);
   MPI_Finalize();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <vector>
 
@@ -77,6 +78,11 @@ Positions Lattice::closure(const Positions& start, const size_function& size) co
 Positions Lattice::without_surplus(Positions all, const size_function& size, double margin) const {
   std::vector<std::vector<Position>> by_ipos(2 * halvings + 1);
   std::map<Position, int> nb_resting;
+  const Positions before = all;
+  const auto keeps = [&](Position p, int l) {
+    if (std::isnan(own_size(size, p))) return complete_level(before, p) >= l;
+    return wanted_level(size, p, margin) >= l;
+  };
   for (const Position& p : all) {
     by_ipos[static_cast<std::size_t>(ipos(p))].push_back(p);
     for (const Position& q : parents(p)) ++nb_resting[q];
@@ -84,9 +90,8 @@ Positions Lattice::without_surplus(Positions all, const size_function& size, dou
   for (int l = 2 * halvings; l > 0; --l) {
     for (const Position& q : by_ipos[static_cast<std::size_t>(l)]) {
       const Positions around = parents(q);
-      if (nb_resting[q] > 0 || std::any_of(around.begin(), around.end(), [&](Position p) {
-            return wanted_level(size, p, margin) >= l;
-          })) {
+      if (nb_resting[q] > 0 ||
+          std::any_of(around.begin(), around.end(), [&](Position p) { return keeps(p, l); })) {
         continue;
       }
       all.erase(q);
@@ -124,8 +129,18 @@ Positions Lattice::least_graded(const size_function& size, double slope) const {
   return all;
 }
 
+int Lattice::complete_level(const Positions& all, Position p) const {
+  int level = ipos(p);
+  const auto is_complete = [&](const Positions& ring) {
+    return std::all_of(ring.begin(), ring.end(), [&](Position q) { return all.contains(q); });
+  };
+  while (is_complete(ring(p, level + 1))) ++level;
+  return level;
+}
+
 double Lattice::own_size(const size_function& size, Position p) const {
-  return size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
+  const double own = size(x_min_ + length(p.first), y_min_ + length(p.second), {}, 0.0, 0.0);
+  return own >= 0.0 ? own : std::numeric_limits<double>::quiet_NaN();
 }
 
 int Lattice::level_of(double h) const {
@@ -155,7 +170,7 @@ std::string difference(const Positions& mesh, const Positions& expected) {
   const auto list = [&](const char* title, const Positions& a, const Positions& b) {
     text += title;
     for (const Position& p : a) {
-      if (b.count(p) != 0 || text.size() > 1000) continue;
+      if (b.contains(p) || text.size() > 1000) continue;
       text += " (" + std::to_string(p.first) + ", " + std::to_string(p.second) + ")ipos " +
               std::to_string(Lattice::ipos(p));
     }

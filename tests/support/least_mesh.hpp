@@ -31,6 +31,7 @@ class Lattice {
   /// The rules, starting from the positions that are there.
   Positions closure(const Positions& start, const size_function& size) const;
   /// Without what no other position rests on and none wants, from the finest to the coarsest.
+  /// Those with a size that is none want the rings around them that are complete.
   Positions without_surplus(Positions all, const size_function& size, double margin = 0.0) const;
   Positions least(const size_function& size) const { return closure(grid(), size); }
 
@@ -42,7 +43,8 @@ class Lattice {
   static constexpr int halvings = 20;
   static constexpr std::int64_t unit = std::int64_t{1} << halvings;
 
-  double own_size(const size_function& size, Position p) const;
+  double own_size(const size_function& size, Position p) const;  ///< not a number where it is none
+  int complete_level(const Positions& all, Position p) const;
   int level_of(double h) const;
   static int halvings_of(std::int64_t offset);
   Positions parents(Position p) const { return ipos(p) == 0 ? Positions{} : ring(p, ipos(p)); }

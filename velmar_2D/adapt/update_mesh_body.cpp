@@ -162,7 +162,7 @@ void coarsen(State& state, Sizes& sizes) {
       sizes.node_removed();
     }
   }
-  state.history.end_recording();
+  state.history.end_recording(state.mesh_revision);
 }
 
 template <typename Sizes, typename SizeFunction>

@@ -185,6 +185,9 @@ void push_values(const MeshTables& tables, std::size_t first,
 // Threads (parts.cpp)
 // ---------------------------------------------------------------------------------------------
 
+/// Calls `work` in this thread and in `threads` - 1 others, fewer where the system has no more. The
+/// first exception leaves this when all have ended.
+void in_threads(std::size_t threads, const std::function<void()>& work);
 /// Cuts numbers 0 to n - 1 into parts of so many, and calls `work` with the begin and the end of
 /// each, by several threads where there are. An exception ends the work and leaves this in the end.
 void in_parts(std::size_t n, std::int32_t threads,

@@ -18,23 +18,31 @@ void compute_by_one_thread(const State& state) {
   }
 }
 
-void compute_portions(const State& state, Portions& portions) noexcept {
-  try {
-    ThreadWorkspace own;
-    for (Portion portion = portions.take(); !portion.empty(); portion = portions.take()) {
-      Walk walk = Walk::to_derive(state.history, portion.number);
-      for (Cell& c : walk(portion.first)) {
-        if (&c == portion.end) break;
-        compute_data_at_node(state, own.work, &c);
-      }
-    }
-  } catch (...) {
-    portions.fail();
-  }
-}
-
 void tell_steps(const State& state, std::size_t nb_nodes) {
   while (nb_nodes-- > 0) state.progress.step();
+}
+
+/// False where a node failed, or the list is not known well enough.
+bool compute_in_portions(State& state, int threads) {
+  const auto tell = [&](std::size_t nb_nodes) { tell_steps(state, nb_nodes); };
+  DoneTogether done(tell);
+  state.progress.begin("derivatives", state.nb_nodes);
+  try {
+    const Portions portions(state);
+    const auto compute = [&](std::size_t begin, std::size_t end) {
+      ThreadWorkspace own;
+      const auto compute_at = [&](Cell& c) { compute_data_at_node(state, own.work, &c); };
+      if (!portions.for_nodes(begin, Walk::to_derive, compute_at)) throw ThreadWorkspace::Failure();
+      done.add(end - begin);
+    };
+    in_parts(portions.nb_nodes(), threads, compute, Portions::nodes_of_a_portion);
+  } catch (const ThreadWorkspace::Failure&) {
+    return false;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  done.end();
+  return true;
 }
 
 /// False where a node failed.
@@ -53,7 +61,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
   state.progress.begin("derivatives", state.nb_nodes);
   try {
     Patches patches(state.memory, threads > 1);
-    const auto compute_patches = [&](std::size_t, std::size_t) {
+    const auto compute_patches = [&] {
       try {
         ThreadWorkspace own;
         std::vector<Cell*> room;
@@ -68,8 +76,7 @@ bool compute_patch_by_patch(const State& state, int threads) {
         throw;
       }
     };
-    const auto number = static_cast<std::size_t>(threads);
-    in_parts(number, threads, compute_patches, 1);
+    in_threads(static_cast<std::size_t>(threads), compute_patches);
   } catch (const ThreadWorkspace::Failure&) {
     return false;
   } catch (const std::bad_alloc&) {
@@ -87,15 +94,8 @@ void compute_data_at_all_nodes(State& state, int threads) {
   }
   threads = std::max(Portions::useful_threads(state, threads), 1);
   if (state.nb_nodes >= Patches::fewest_nodes && compute_patch_by_patch(state, threads)) return;
-  if (threads == 1) {
-    compute_by_one_thread(state);
-    return;
-  }
-  state.progress.begin("derivatives", state.nb_nodes);
-  Portions portions(state);
-  portions.share(threads, [&] { compute_portions(state, portions); });
   // Whose turn it is to fail, and how, is that of the first node that does.
-  if (portions.failed()) compute_by_one_thread(state);
+  if (threads == 1 || !compute_in_portions(state, threads)) compute_by_one_thread(state);
 }
 
 }  // namespace velmar_2d::detail

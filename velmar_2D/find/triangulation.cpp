@@ -1,7 +1,7 @@
 // All faces of the mesh, cut into triangles.
 #include <new>
-#include <unordered_map>
 
+#include "velmar_2D/arrays/arrays.hpp"
 #include "velmar_2D/find/find.hpp"
 
 namespace velmar_2d::detail {
@@ -21,12 +21,12 @@ void find_triangles(const State& state, Triangulation& result) {
   const auto nb_nodes = static_cast<std::size_t>(state.nb_nodes);
   result.nodes.reserve(nb_nodes);
   result.triangles.reserve(2 * nb_nodes);
-  std::unordered_map<const Cell*, std::int32_t> index_of;  // looked up only: its order is no matter
-  index_of.reserve(nb_nodes);
+  NodeNumbers numbers;
   for_each_node(state, [&](const Cell& c) {
-    index_of.emplace(&c, static_cast<std::int32_t>(result.nodes.size()));
+    *numbers.place_for(&c) = static_cast<std::int32_t>(result.nodes.size());
     result.nodes.push_back(&c);
   });
+  const NodeNumbers::Lookup number_of = numbers.lookup();
   std::vector<std::uint8_t> walked(result.nodes.size());  // a bit for each direction
   Face face;
   CutFace cut;
@@ -37,7 +37,11 @@ void find_triangles(const State& state, Triangulation& result) {
       if (!face_left_of(*result.nodes[start], direction, face)) continue;
       bool is_new = true;
       for (std::size_t i = 0; i < face.n; ++i) {
-        indices[i] = index_of.at(face.corners[i]);
+        indices[i] = *number_of.place_of(face.corners[i]);
+        if (indices[i] == NodeNumbers::unknown) {  // a node of the caller's own
+          is_new = false;
+          continue;
+        }
         std::uint8_t& ways = walked[static_cast<std::size_t>(indices[i])];
         is_new = is_new && (ways >> face.directions[i] & 1U) == 0;
         ways |= static_cast<std::uint8_t>(1U << face.directions[i]);

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "velmar_2D/base/base.hpp"
 
@@ -43,6 +42,9 @@ class NodeMemory {
   void release_empty_slabs();
   /// Returns all memory to the system. Needs: every slot has been given back.
   void release_all();
+  /// Nodes by the numbers of their slots, cut to 32 bits; no node at all where one of them holds
+  /// none. May throw std::bad_alloc.
+  std::vector<Cell*> nodes_in(std::span<const std::uint32_t> slots) const;
   /// Where all nodes are. May throw std::bad_alloc.
   std::vector<TakenSlots> taken_slots() const;
 
@@ -101,20 +103,25 @@ class TraversalHistory {
   void record(Entry entry) {
     if (begin_ > 0) entries_[--begin_] = entry;
   }
-  void end_recording();
+  void end_recording(std::uint64_t revision);
   /// Follows a change of the mesh. Needs: the history was that of the list before.
   ///
   /// @param heads  the first nodes of the stretches before, 0 where there was none
   /// @param come   to each stretch, at the head, in this order
   /// @param gone   nodes that have left
   void follow(std::span<const Entry> heads, std::span<const std::vector<Entry>> come,
-              std::span<const Entry> gone, ProgressTeller& progress);
+              std::span<const Entry> gone, std::uint64_t revision, ProgressTeller& progress);
+  /// Whether it holds so many nodes, and no other has come or gone since.
+  bool is_of(std::uint64_t revision, std::int32_t nb_nodes) const {
+    return revision == revision_ && size() == nb_nodes;
+  }
   /// Gives the memory back.
   void forget() { std::vector<Entry>().swap(entries_); }
 
  private:
   std::vector<Entry> entries_;
-  std::size_t begin_ = 0;  ///< of what is being recorded
+  std::size_t begin_ = 0;       ///< of what is being recorded
+  std::uint64_t revision_ = 0;  ///< of the mesh
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -185,8 +192,12 @@ class Walk {
   }
   /// Forwards from the node with this number, for derivatives: reads all neighbours of all nodes.
   static Walk to_derive(const TraversalHistory& history, std::ptrdiff_t number = 0) {
-    Walk walk{&Cell::next, history, number, 1, Reads::neighbours};
-    walk.busy_ = true;
+    return {&Cell::next, history, number, 1, Reads::neighbours};
+  }
+  /// Backwards, quick; records all nodes, from begin_recording() on.
+  static Walk to_record(TraversalHistory& history) {
+    Walk walk = to_list(history);
+    walk.recorded_ = &history;
     return walk;
   }
   /// Forwards, quick, for those who tell the nodes to others.
@@ -384,42 +395,6 @@ class SpaceOrder {
   std::vector<Cell*> nodes_;  ///< none: there is no order
   bool has_passed_ = false;
   std::uint64_t revision_ = 0;  ///< of the mesh that the last pass went through
-};
-
-// ---------------------------------------------------------------------------------------------
-// The nodes patch by patch (patches.cpp)
-// ---------------------------------------------------------------------------------------------
-
-/// Hands out all nodes once, in patches of such as are linked: for a pass through a mesh that has
-/// changed, and is too large for the cache. Costs less than it saves from fewest_nodes on.
-class Patches {
- public:
-  static constexpr std::int32_t fewest_nodes = 300'000;
-
-  /// May throw std::bad_alloc.
-  ///
-  /// @param shared  by several threads
-  Patches(const NodeMemory& memory, bool shared);
-  /// The next patch, in a room of the caller's; none when all have been handed out. May throw
-  /// std::bad_alloc.
-  std::span<Cell* const> next(std::vector<Cell*>& room);
-
- private:
-  /// Blocks that lie side by side, but for small gaps.
-  struct Region {
-    std::uintptr_t first, last;
-    std::size_t first_word;
-  };
-
-  std::atomic<std::uint64_t>* word_of(std::uintptr_t block);
-  bool take(const Cell* c);
-  Cell* take_first();
-
-  bool is_shared_;
-  std::vector<Region> regions_;
-  std::vector<std::atomic<std::uint64_t>> left_;
-  std::mutex mutex_;
-  std::size_t region_ = 0, block_ = 0;  ///< before them none is left
 };
 
 // ---------------------------------------------------------------------------------------------

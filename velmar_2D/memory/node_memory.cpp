@@ -107,6 +107,22 @@ void prepare_pages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t b
 #endif
 }
 
+/// The slots of a block that hold nodes, a bit for each.
+std::uint64_t taken_slots_of(const NodeBlock& block) {
+  return block.nb_slots == 0
+             ? 0
+             : ~block.free & ~std::uint64_t{0} << (slots_per_block - block.nb_slots);
+}
+
+/// The node in a slot of a slab, if there is one.
+Cell* node_in(NodeSlab* slab, std::size_t slot) {
+  auto* memory = reinterpret_cast<std::byte*>(slab);
+  if (slot >= slab->bytes / sizeof(Cell)) return nullptr;
+  const std::uint64_t taken = taken_slots_of(records_of(memory)[slot / slots_per_block]);
+  if ((taken >> slot % slots_per_block & 1) == 0) return nullptr;
+  return reinterpret_cast<Cell*>(memory + slot * sizeof(Cell));
+}
+
 /// The block behind this one, if it is empty.
 NodeBlock* empty_successor(NodeBlock& block) {
   std::byte* slab = slab_of(&block);
@@ -243,6 +259,27 @@ void NodeMemory::give_back(void* slot) {
   append(blocks_[kind], block);
 }
 
+std::vector<Cell*> NodeMemory::nodes_in(std::span<const std::uint32_t> slots) const {
+  const auto first_slot = [](NodeSlab* slab) {
+    return TraversalHistory::entry_of(reinterpret_cast<const Cell*>(slab));
+  };
+  std::vector<NodeSlab*> slabs;
+  for (NodeSlab* slab = slabs_; slab != nullptr; slab = slab->next) slabs.push_back(slab);
+  std::sort(slabs.begin(), slabs.end(),
+            [&](NodeSlab* a, NodeSlab* b) { return first_slot(a) < first_slot(b); });
+  std::vector<Cell*> nodes;
+  nodes.reserve(slots.size());
+  for (const std::uint32_t slot : slots) {
+    const auto after =
+        std::upper_bound(slabs.begin(), slabs.end(), slot,
+                         [&](std::uint32_t s, NodeSlab* slab) { return s < first_slot(slab); });
+    Cell* c = after == slabs.begin() ? nullptr : node_in(after[-1], slot - first_slot(after[-1]));
+    if (c == nullptr) return {};
+    nodes.push_back(c);
+  }
+  return nodes;
+}
+
 std::vector<TakenSlots> NodeMemory::taken_slots() const {
   std::vector<TakenSlots> taken;
   for (NodeSlab* slab = slabs_; slab != nullptr; slab = slab->next) {
@@ -251,8 +288,7 @@ std::vector<TakenSlots> NodeMemory::taken_slots() const {
     for (std::size_t b = 0; b < slab->nb_blocks(); ++b) {
       const NodeBlock& block = records_of(memory)[b];
       if (kind_of(block) == empty_kind) continue;
-      const std::uint64_t slots = ~std::uint64_t{0} << (slots_per_block - block.nb_slots);
-      taken.push_back({first + b, slots & ~block.free});
+      taken.push_back({first + b, taken_slots_of(block)});
     }
   }
   return taken;

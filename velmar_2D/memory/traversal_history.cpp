@@ -41,13 +41,14 @@ void TraversalHistory::begin_recording(std::int32_t nb_nodes) {
   begin_ = entries_.size();
 }
 
-void TraversalHistory::end_recording() {
+void TraversalHistory::end_recording(std::uint64_t revision) {
+  revision_ = revision;
   entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(begin_));
 }
 
 void TraversalHistory::follow(std::span<const Entry> heads,
                               std::span<const std::vector<Entry>> come, std::span<const Entry> gone,
-                              ProgressTeller& progress) {
+                              std::uint64_t revision, ProgressTeller& progress) {
   try {
     const Entries has_gone(gone);
     std::size_t nb_nodes = entries_.size();
@@ -68,6 +69,7 @@ void TraversalHistory::follow(std::span<const Entry> heads,
       }
     }
     entries_.swap(now);
+    revision_ = revision;
   } catch (const std::bad_alloc&) {
     forget();
   }

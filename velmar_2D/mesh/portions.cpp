@@ -3,54 +3,33 @@
 
 namespace velmar_2d::detail {
 
-Portions::Portions(const State& state)
-    : history_(state.history),
-      progress_(state.progress),
-      walk_(Walk::to_share(state.history)),
-      next_(walk_(state.mesh_beg).begin()) {}
+namespace {
 
-void Portions::share(std::int32_t threads, const std::function<void()>& work) {
-  {
-    const Helpers helpers(static_cast<std::size_t>(threads - 1), work);
-    work();
+/// Where the history is not that of the list, the list is walked once more.
+const TraversalHistory& history_of_list(State& state) {
+  TraversalHistory& history = state.history;
+  if (history.is_of(state.mesh_revision, state.nb_nodes)) return history;
+  constexpr std::int32_t between_looks = 1024;
+  Walk walk = Walk::to_record(history);
+  history.begin_recording(state.nb_nodes);
+  std::int32_t n = 0;
+  for ([[maybe_unused]] const Cell& c : walk(state.mesh_end)) {
+    if (++n % between_looks == 0) state.progress.look_aside();
   }
-  if (thrown_by_handler_) std::rethrow_exception(thrown_by_handler_);
+  history.end_recording(state.mesh_revision);
+  return history;
 }
 
-Portion Portions::take() {
-  if (std::this_thread::get_id() == caller_) tell_progress();
-  const std::scoped_lock lock(mutex_);
-  Portion portion;
-  if (failed_ || !(next_ != nullptr)) return portion;
-  portion.first = &*next_;
-  portion.number = number_;
-  portion.place = place_++;
-  for (std::int32_t i = 0; i < nodes_of_a_portion && next_ != nullptr; ++i, ++next_) {
-    const bool known = number_ < history_.size();
-    if (known && history_[number_] == TraversalHistory::entry_of(&*next_)) ++number_;
-    ++nb_untold_;
-  }
-  if (next_ != nullptr) portion.end = &*next_;
-  return portion;
-}
+}  // namespace
 
-void Portions::fail() {
-  const std::scoped_lock lock(mutex_);
-  failed_ = true;
-}
-
-void Portions::tell_progress() {
-  std::int32_t nb_steps = 0;
-  {
-    const std::scoped_lock lock(mutex_);
-    std::swap(nb_steps, nb_untold_);
+Portions::Portions(State& state)
+    : history_(history_of_list(state)), nb_nodes_(static_cast<std::size_t>(state.nb_nodes)) {
+  std::vector<TraversalHistory::Entry> entries;
+  for (std::ptrdiff_t i = 0; i < history_.size(); i += nodes_of_a_portion) {
+    entries.push_back(history_[i]);
   }
-  try {
-    while (nb_steps-- > 0) progress_.step();
-  } catch (...) {
-    thrown_by_handler_ = std::current_exception();
-    fail();
-  }
+  firsts_ = state.memory.nodes_in(entries);
+  if (!firsts_.empty() && firsts_[0] != state.mesh_beg) firsts_.clear();
 }
 
 }  // namespace velmar_2d::detail

@@ -71,7 +71,7 @@ struct State {
   Handlers handlers;
   UpdateStatistics update_statistics;
   std::function<bool(const Cell&)> counts_refusal;  ///< around which nodes; empty: all
-  mutable ProgressTeller progress;  ///< also of what changes no mesh
+  mutable ProgressTeller progress;                  ///< also of what changes no mesh
 
   /// Whether some link may not be mutual any more, because a caller inserted a node among nodes
   /// that do not surround it. From then on removals look for links to the node; false again with
@@ -286,54 +286,78 @@ void drop_cell(State& state, Cell*& c);
 // The list, portion by portion, for several threads (portions.cpp)
 // ---------------------------------------------------------------------------------------------
 
-/// Nodes from `first` to before `end`.
-struct Portion {
-  Cell *first = nullptr, *end = nullptr;
-  std::ptrdiff_t number = 0;  ///< of the first one in the history of walks
-  std::size_t place = 0;      ///< among the portions
-  bool empty() const { return first == nullptr; }
-};
-
-/// Hands out the list. Where a portion ends is found by walking it, which brings its nodes into the
-/// cache of the thread that will work on them.
+/// The list in portions that can be walked at the same time. Where they begin is known from the
+/// history of walks; that the list goes that way is seen as they are walked.
 class Portions {
  public:
   static constexpr std::int32_t nodes_of_a_portion = 512;
-  static std::size_t number(const State& state) {
-    return static_cast<std::size_t>(state.nb_nodes) / nodes_of_a_portion + 1;
-  }
   /// More threads would have nothing to do.
   static std::int32_t useful_threads(const State& state, std::int32_t threads) {
     return std::min(threads, state.nb_nodes / nodes_of_a_portion);
   }
 
-  /// Needs: a joined list.
-  explicit Portions(const State& state);
+  /// Needs: a joined list. Brings the history up to date where there is memory for it. May throw
+  /// std::bad_alloc.
+  explicit Portions(State& state);
 
-  /// Runs the work in this thread and in others. Progress is told in this thread alone; what that
-  /// throws leaves when all have ended.
-  /// @param work  takes portions until there is none; throws nothing
-  void share(std::int32_t threads, const std::function<void()>& work);
-  /// The next one; an empty one at the end, and as soon as a thread has failed.
-  Portion take();
-  void fail();
-  /// Needs: no thread works any more.
-  bool failed() const { return failed_; }
+  std::size_t nb_nodes() const { return nb_nodes_; }
+  /// Calls `use` with each node of the portion that begins with this number in the list. False
+  /// where it is not known, or the list goes another way.
+  ///
+  /// @param walk_from  the walk from a node with a number in the history
+  template <typename Use>
+  bool for_nodes(std::size_t begin, Walk (*walk_from)(const TraversalHistory&, std::ptrdiff_t),
+                 const Use& use) const {
+    const std::size_t place = begin / nodes_of_a_portion;
+    if (place >= firsts_.size()) return false;
+    std::size_t left = std::min<std::size_t>(nodes_of_a_portion, nb_nodes_ - begin);
+    Walk walk = walk_from(history_, static_cast<std::ptrdiff_t>(begin));
+    auto node = walk(firsts_[place]).begin();
+    for (; left > 0 && node != nullptr; --left, ++node) use(*node);
+    const Cell* after = node != nullptr ? &*node : nullptr;
+    return left == 0 && after == (place + 1 < firsts_.size() ? firsts_[place + 1] : nullptr);
+  }
 
  private:
-  void tell_progress();
-
   const TraversalHistory& history_;
-  ProgressTeller& progress_;
-  Walk walk_;
-  Walk::Iterator next_;
-  std::ptrdiff_t number_ = 0;
-  std::size_t place_ = 0;
-  std::int32_t nb_untold_ = 0;  ///< nodes handed out since progress was told
-  bool failed_ = false;
+  std::size_t nb_nodes_;
+  std::vector<Cell*> firsts_;  ///< of the portions; none where the history is not that of the list
+};
+
+// ---------------------------------------------------------------------------------------------
+// The nodes patch by patch (patches.cpp)
+// ---------------------------------------------------------------------------------------------
+
+/// Hands out all nodes once, in patches of such as are linked: for a pass through a mesh that has
+/// changed, and is too large for the cache. Costs less than it saves from fewest_nodes on.
+class Patches {
+ public:
+  static constexpr std::int32_t fewest_nodes = 300'000;
+
+  /// May throw std::bad_alloc.
+  ///
+  /// @param shared  by several threads
+  Patches(const NodeMemory& memory, bool shared);
+  /// The next patch, in a room of the caller's; none when all have been handed out. May throw
+  /// std::bad_alloc.
+  std::span<Cell* const> next(std::vector<Cell*>& room);
+
+ private:
+  /// Blocks that lie side by side, but for small gaps.
+  struct Region {
+    std::uintptr_t first, last;
+    std::size_t first_word;
+  };
+
+  std::atomic<std::uint64_t>* word_of(std::uintptr_t block);
+  bool take(const Cell* c);
+  Cell* take_first();
+
+  bool is_shared_;
+  std::vector<Region> regions_;
+  std::vector<std::atomic<std::uint64_t>> left_;
   std::mutex mutex_;
-  const std::thread::id caller_ = std::this_thread::get_id();
-  std::exception_ptr thrown_by_handler_;
+  std::size_t region_ = 0, block_ = 0;  ///< before them none is left
 };
 
 // ---------------------------------------------------------------------------------------------

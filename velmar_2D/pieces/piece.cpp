@@ -128,6 +128,21 @@ void PieceUpdate::look_at_limit() {
   is_listed_ = knows_changes_ = false;
 }
 
+// Own nodes that others need, as far as they are there, stay held.
+void PieceUpdate::take_limit() {
+  look_at_limit();
+  is_listed_ = knows_changes_ = surplus_has_gone_ = false;
+  newcomers_.clear();
+  parents_.clear();
+  to_ask_.clear();
+  nb_asked_ = nb_noted_ = nb_told_ = 0;
+  held_.clear();
+  for (Cell* c : own_nodes()) {
+    if ((c->wanted_level & is_held) != 0) held_.push_back(c);
+  }
+  state_.resolved_revision = state_.mesh_revision;  // nodes that go take nothing with them
+}
+
 /// Counts own nodes that come and go, calls the caller's own hooks, and leaves those of others out
 /// of what is refused.
 class PieceUpdate::Counting {

@@ -117,11 +117,13 @@ class PieceUpdate {
   void begin(const size_function& size, const batch_size_function& sizes,
              const Resolution& resolution, init_data_function init_data);
   void ask();
-  /// Gives nodes what they want by their graded sizes, as far as these have changed.
+  /// Gives nodes what they want by their graded sizes, as far as these have changed; those without
+  /// a size the level that is there by now.
   void settle();
   /// Those of the own nodes; none where sizes are not graded.
   PieceSizes* graded_sizes() { return graded_ ? &*graded_ : nullptr; }
   const PieceSizes* graded_sizes() const { return graded_ ? &*graded_ : nullptr; }
+  bool lacks_sizes() const { return graded_ ? graded_->lacks_own_sizes() : !without_size_.empty(); }
   void take_sizes(std::size_t piece, std::span<const PlacedSize> told);
   bool has_nodes_to_ask() const { return nb_asked_ < to_ask_.size(); }
   bool has_wants() const;
@@ -175,6 +177,9 @@ class PieceUpdate {
   NodeValues nodes_before() const;
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
+
+  /// What the caller has lowered or raised. Needs: ghosts that others tell anew.
+  void take_limit();
 
   void keep_window();
   /// Runs what changes all of the window.
@@ -292,6 +297,7 @@ class PieceUpdate {
   NodeValues gone_before_;  ///< own nodes that were there at begin()
   std::uint64_t listed_revision_ = 0;
   std::vector<const Cell*> fallen_;  ///< own nodes that want less than before
+  std::vector<Cell*> without_size_;  ///< own nodes, where sizes are not graded
   std::vector<Cell*> freed_;         ///< that may be surplus, besides those around the fallen
   std::unordered_set<const Cell*> gone_;
   std::optional<Lattice> nodes_by_place_;  ///< while many are made

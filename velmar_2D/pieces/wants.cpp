@@ -5,6 +5,12 @@
 
 namespace velmar_2d::detail {
 
+namespace {
+
+constexpr double not_a_size = std::numeric_limits<double>::quiet_NaN();
+
+}  // namespace
+
 /// While nodes come: their parents are noted, and the caller's own hook is called.
 class PieceUpdate::Insertion {
  public:
@@ -58,6 +64,7 @@ void PieceUpdate::begin(const size_function& size, const batch_size_function& si
   look_at_limit();
   fallen_.clear();
   freed_.clear();
+  without_size_.clear();
   begin_remapping();
   if (state_.resolved_revision != state_.mesh_revision) {
     split_sublists(state_);
@@ -98,7 +105,7 @@ void PieceUpdate::ask() {
     if (sizes_) {
       const std::vector<const Cell*> nodes(to_ask_.begin() + static_cast<std::ptrdiff_t>(first),
                                            to_ask_.end());
-      sizes.assign(end - first, std::numeric_limits<double>::quiet_NaN());
+      sizes.assign(end - first, not_a_size);
       sizes_(nodes, sizes);
     }
     while (nb_asked_ < end) {
@@ -118,6 +125,7 @@ void PieceUpdate::ask(Cell& c, double size) {
     graded_->add(c, size);
     return;
   }
+  if (!(size >= 0.0)) without_size_.push_back(&c);
   const Want want = settle(c, size, 0);
   if (want.is_refused && c.level >= want.level) statistics_.refused += c.reserve;
 }
@@ -125,8 +133,9 @@ void PieceUpdate::ask(Cell& c, double size) {
 Want PieceUpdate::settle(Cell& c, double size, std::int32_t lowest) {
   const Want want = WantedLevels(state_, resolution_.margin).of(c, size, lowest);
   if (knows_fallen_ && may_release(c, want)) fallen_.push_back(&c);
-  if (want.kept != wanted_level(c) && is_near(c)) count_wants(c, wanted_level(c), want.kept);
-  c.wanted_level = static_cast<std::uint8_t>(want.kept | (c.wanted_level & is_held));
+  const std::int32_t kept = wanted_level(c, want.kept);  // what others were told is a number
+  if (kept != wanted_level(c) && is_near(c)) count_wants(c, wanted_level(c), kept);
+  c.wanted_level = static_cast<std::uint8_t>(kept | (c.wanted_level & is_held));
   if (want.level > c.level) {
     RingMaker(state_, newcomers_, resolution_.most_nodes).raise(c, want.level);
   }
@@ -135,7 +144,10 @@ Want PieceUpdate::settle(Cell& c, double size, std::int32_t lowest) {
 
 /// A node without a size of its own wants the level that is there, or more.
 void PieceUpdate::settle() {
-  if (!graded_) return;
+  if (!graded_) {
+    for (Cell* c : without_size_) settle(*c, not_a_size, 0);
+    return;
+  }
   const Insertion insertion(*this);
   for (const std::int32_t number : graded_->take_changed()) {
     const auto i = static_cast<std::size_t>(number);

@@ -17,11 +17,6 @@ namespace velmar_2d::detail {
 
 namespace {
 
-void remove(State& state, Cell& c) {
-  Cell* node = &c;
-  remove_by_level(state, node);
-}
-
 /// Whether there is the grid alone, of which nothing can go. Needs: lists are split.
 bool has_nothing_to_release(const State& state) {
   return std::all_of(state.level_beg.begin() + 1, state.level_beg.end(),
@@ -41,13 +36,9 @@ class Resolver {
         slope_(resolution.slope),
         threads_(Portions::useful_threads(state, resolution.threads)),
         in_turn_(conserves(state) || state.hooks.inserted || state.hooks.removing),
-        knows_fallen_(surplus_has_gone && resolution.slope == 0.0) {
+        at_once_(in_turn_ || !state.data_interpolation ? 1 : demands_.size()),
+        releaser_(state, surplus_has_gone && resolution.slope == 0.0) {
     state.progress.begin("refining", state.nb_nodes);
-    nb_stretches_ = std::min(state.level_beg.size(), heads_.size());
-    for (std::size_t l = 0; l < nb_stretches_; ++l) {
-      heads_[l] = state.level_beg[l].next;
-      head_entries_[l] = heads_[l] == nullptr ? 0 : TraversalHistory::entry_of(heads_[l]);
-    }
   }
 
   void resolve(const size_function& size_fun) {
@@ -58,9 +49,9 @@ class Resolver {
       });
       return;
     }
-    if (!ask_ahead(size_fun)) settle_on_the_way(sizes);
-    for (std::size_t begin = 0; begin < nodes_.size();) begin = settle_some(begin, sizes);
-    release_surplus();
+    if (!ask_ahead(size_fun)) ask_on_the_way(sizes);
+    while (generation_end_ < nodes_.size()) ask_generation(size_fun);
+    releaser_.release_surplus(!rings_.has_failed());
   }
 
   void resolve(const batch_size_function& size_fun) {
@@ -72,17 +63,16 @@ class Resolver {
       list_nodes();
     } catch (const std::bad_alloc&) {
       SizesInSmallBatches sizes(size_fun);
-      settle_on_the_way(sizes);
+      ask_on_the_way(sizes);
     }
     for (std::size_t next = 0; next < nodes_.size();) {
       for (const double size : sizes_from(next, size_fun)) {
-        prefetch_newcomer(next);
+        prefetch_node_to_ask(nodes_, next);
         state_.progress.step();
-        note_newcomer(next);
         settle(*nodes_[next++], size);
       }
     }
-    release_surplus();
+    releaser_.release_surplus(!rings_.has_failed());
   }
 
   /// Without what rings would need.
@@ -94,27 +84,53 @@ class Resolver {
       c.wanted_level = static_cast<std::uint8_t>(wants_.of(c, size, 0).kept);
       return false;
     });
-    release_everywhere();
+    releaser_.release_everywhere(false);
     state_.memory.release_empty_slabs();
   }
 
  private:
-  /// Those that come while the walk goes on are not met.
+  /// Those that come while the walk goes on are not met. `use` tells whether it changes the mesh.
   template <typename Sizes, typename Use>
   void for_all_nodes(Walk& walk, Sizes& sizes, const Use& use) {
-    for (std::size_t l = 0; l < nb_stretches_; ++l) {
+    for (std::size_t l = 0; l < releaser_.nb_stretches(); ++l) {
       sizes.begin_walk(l, walk);
-      for (Cell& c : walk(heads_[l])) {
-        ++state_.update_statistics.visited;
-        state_.progress.step();
-        walk.changes_mesh_here(use(c, sizes.at(c)));
-      }
+      for (Cell& c : walk(releaser_.head(l))) walk.changes_mesh_here(use(c, ask(c, sizes)));
     }
   }
   template <typename Sizes>
-  void settle_on_the_way(Sizes& sizes) {
-    Walk walk = Walk::to_refine(state_.history);
-    for_all_nodes(walk, sizes, [this](Cell& c, double size) { return settle(c, size); });
+  void ask_on_the_way(Sizes& sizes) {
+    Walk walk = at_once_ == 1 ? Walk::to_refine(state_.history) : Walk::to_ask(state_.history);
+    for_all_nodes(walk, sizes, [this](Cell& c, double size) { return note(c, size); });
+    settle_demands();
+  }
+  /// Demands of the nodes before one that the size function fails at are settled.
+  template <typename Sizes>
+  double ask(const Cell& c, Sizes& sizes) {
+    ++state_.update_statistics.visited;
+    state_.progress.step();
+    try {
+      return sizes.at(c);
+    } catch (...) {
+      settle_demands();
+      throw;
+    }
+  }
+  /// Notes what a node wants. Demands are settled some at a time: most nodes have none, and what is
+  /// read around those that have is known before. Where other callbacks have a say in what comes,
+  /// it is one demand. Returns whether the mesh may have changed around the node.
+  bool note(Cell& c, double size) {
+    const Want want = wants_.of(c, size, 0);
+    if (!is_demand(c, want)) {
+      keep(c, want);
+      return false;
+    }
+    demands_[nb_demands_++] = {&c, size};
+    if (nb_demands_ == at_once_) settle_demands();
+    return true;
+  }
+  void keep(Cell& c, const Want& want) {
+    if (releaser_.knows_fallen() && may_release(c, want)) releaser_.note_fallen(c);
+    c.wanted_level = static_cast<std::uint8_t>(want.kept);
   }
 
   /// Of nodes that have come while those before them were asked.
@@ -125,51 +141,45 @@ class Resolver {
   /// Asks all nodes there are before the first one comes, by several threads. False where it is
   /// better done on the way, or was given up.
   bool ask_ahead(const size_function& size_fun) {
-    if (threads_ <= 1 || in_turn_) return false;
+    if (!asks_by_threads()) return false;
     join_sublists(state_);
-    std::optional<AskedNodes> asked = ask_nodes(state_, size_fun, wants_, threads_);
+    std::optional<AskedNodes> asked = ask_all_nodes(state_, size_fun, wants_, threads_);
     split_sublists(state_);
     if (!asked) {
-      knows_fallen_ = false;
+      releaser_.forget_fallen();
       return false;
     }
-    if (knows_fallen_) fallen_.swap(asked->fallen);
-    state_.update_statistics.visited += asked->nb_asked;
-    settle_demands(asked->demands);
-    if (asked->thrown) std::rethrow_exception(asked->thrown);
+    releaser_.note_fallen(std::move(asked->fallen));
+    settle(*asked);
     return true;
   }
-  /// Asks some newcomers from this number on, then gives them what they want: most want no more,
-  /// and what is read around the others is known before. Where other callbacks have a say in what
-  /// comes, it is one newcomer. Returns the number of the next one.
-  template <typename Sizes>
-  std::size_t settle_some(std::size_t begin, Sizes& sizes) {
-    if (begin == generation_end_) begin_generation();
-    const std::size_t at_once = in_turn_ || !state_.data_interpolation ? 1 : demands_.size();
-    const std::size_t end = std::min(begin + at_once, generation_end_);
-    std::size_t nb_demands = 0;
-    std::exception_ptr thrown;
-    for (std::size_t i = begin; i < end && !thrown; ++i) {
-      prefetch_newcomer(i);
-      Cell& c = *nodes_[i];
-      state_.progress.step();
-      ++state_.update_statistics.visited;
-      note_newcomer(i);
-      try {
-        const double size = sizes.at(c);
-        const Want want = wants_.of(c, size, 0);
-        if (is_demand(c, size, want)) {
-          demands_[nb_demands++] = {&c, size};
-        } else {
-          c.wanted_level = static_cast<std::uint8_t>(want.kept);
-        }
-      } catch (...) {
-        thrown = std::current_exception();
+  bool asks_by_threads() const { return threads_ > 1 && !in_turn_; }
+  void settle(const AskedNodes& asked) {
+    state_.update_statistics.visited += asked.nb_asked;
+    settle_demands(asked.demands);
+    if (asked.thrown) std::rethrow_exception(asked.thrown);
+  }
+  /// Those that come meanwhile are the next generation.
+  void ask_generation(const size_function& size_fun) {
+    const std::size_t first = generation_end_;
+    begin_generation();
+    const auto generation = std::span<Cell* const>(nodes_).subspan(first);
+    if (asks_by_threads()) {
+      if (auto asked = ask_nodes(state_, generation, size_fun, wants_, threads_)) {
+        settle(*asked);
+        return;
       }
     }
-    settle_demands(std::span(demands_).first(nb_demands));
-    if (thrown) std::rethrow_exception(thrown);
-    return end;
+    SizesOneByOne sizes(size_fun);
+    for (std::size_t i = first; i < generation_end_; ++i) {
+      prefetch_node_to_ask(nodes_, i);
+      Cell& c = *nodes_[i];
+      note(c, ask(c, sizes));
+    }
+    settle_demands();
+  }
+  void settle_demands() {
+    settle_demands(std::span(demands_).first(std::exchange(nb_demands_, 0)));
   }
   void settle_demands(std::span<const Demand> demands) {
     for (std::size_t i = 0; i < demands.size(); ++i) {
@@ -191,12 +201,6 @@ class Resolver {
     }
   }
 
-  /// A few nodes before it is asked.
-  VELMAR_2D_ALWAYS_INLINE void prefetch_newcomer(std::size_t i) const {
-    constexpr std::size_t ahead = 8;
-    if (i + ahead < nodes_.size()) prefetch_lines(nodes_[i + ahead], 2);
-  }
-
   void list_nodes() {
     auto i = static_cast<std::size_t>(state_.nb_nodes);
     state_.progress.resize<Cell*>(nodes_, i);
@@ -209,7 +213,7 @@ class Resolver {
       }
     }
     if (i > 0) list_was_changed(state_, "resolve_mesh");
-    nb_listed_ = generation_end_ = nodes_.size();
+    generation_end_ = nodes_.size();
   }
 
   /// Sizes of the nodes from this number on; of a few of them where there is no memory for more.
@@ -255,7 +259,7 @@ class Resolver {
       settle_all(*graded);
     }
     // Without a node that goes the others may want less.
-    while (release_everywhere(&*graded)) {
+    while (releaser_.release_everywhere(false, &*graded)) {
       graded->forget_grading();
       settle_all(*graded);
     }
@@ -271,154 +275,31 @@ class Resolver {
     }
   }
 
-  /// Notes what a node wants, and gives it that. Returns whether that changes the mesh.
-  bool settle(Cell& c, double size, std::int32_t lowest = 0) {
+  /// Notes what a node wants, and gives it that.
+  void settle(Cell& c, double size, std::int32_t lowest = 0) {
     const Want want = wants_.of(c, size, lowest);
-    if (knows_fallen_ && may_release(c, want)) note_fallen(c);
-    c.wanted_level = static_cast<std::uint8_t>(want.kept);
-    const bool raising = want.level > c.level;
-    if (raising) rings_.raise(c, want.level);
+    keep(c, want);
+    const std::size_t nb_before = nodes_.size();
+    if (want.level > c.level) rings_.raise(c, want.level);
+    for (std::size_t i = nb_before; i < nodes_.size(); ++i) releaser_.note_come(*nodes_[i]);
     if (want.is_refused && c.level >= want.level) state_.update_statistics.refused += c.reserve;
-    return raising;
-  }
-
-  /// For the history of walks, if it is asked: the list of all nodes is not.
-  void note_newcomer(std::size_t number) {
-    if (number < nb_listed_) return;
-    const Cell& c = *nodes_[number];
-    try {
-      come_to_[static_cast<std::size_t>(c.ipos)].push_back(TraversalHistory::entry_of(&c));
-    } catch (const std::bad_alloc&) {
-      knows_come_ = false;
-    }
-  }
-
-  void note_fallen(Cell& c) {
-    try {
-      fallen_.push_back(&c);
-    } catch (const std::bad_alloc&) {
-      knows_fallen_ = false;
-    }
-  }
-
-  void release_surplus() {
-    // Where much has changed, a walk through all nodes is faster.
-    if (!knows_fallen_ || are_many(fallen_.size(), static_cast<std::size_t>(state_.nb_nodes))) {
-      release_everywhere();
-      return;
-    }
-    try {
-      release_around_fallen();
-    } catch (const std::bad_alloc&) {
-      knows_come_ = false;  // the heads may have gone
-      release_everywhere();
-      return;
-    }
-    if (nodes_.size() == nb_listed_ && gone_.empty()) return;
-    if (!knows_come_) {
-      state_.history.forget();  // the walks are slower without it, that is all
-      return;
-    }
-    state_.history.follow(std::span(head_entries_).first(nb_stretches_), come_to_, gone_,
-                          state_.progress);
-  }
-
-  /// Stretches downwards. Returns whether a node went.
-  ///
-  /// Nodes that have come are wanted, or rested on, unless graded wants have changed since: they
-  /// are left out where they are known.
-  bool release_everywhere(GradedSizes* graded = nullptr) {
-    const std::int32_t nb_nodes_before = state_.nb_nodes;
-    const bool leaves_out = graded == nullptr && knows_come_ && !rings_.has_failed();
-    Walk walk = Walk::to_coarsen(state_.history);
-    const std::size_t nb_left_out = leaves_out ? nodes_.size() - nb_listed_ : 0;
-    state_.progress.begin("coarsening", state_.nb_nodes - static_cast<std::int64_t>(nb_left_out));
-    state_.history.begin_recording(state_.nb_nodes);
-    for (std::size_t l = state_.level_end.size(); l-- > 0;) {
-      const Cell* head = l < nb_stretches_ ? heads_[l] : nullptr;
-      Cell* last = leaves_out && head == nullptr ? nullptr : state_.level_end[l].next;
-      for (Cell& c : walk(last)) {
-        if (leaves_out && &c == head) walk.end_here();
-        state_.progress.step();
-        const bool removing = is_surplus(c);
-        walk.changes_mesh_here(removing);
-        if (!removing) continue;
-        if (graded != nullptr) graded->remove(c);
-        remove(state_, c);
-        walk.removed_node();
-      }
-      if (!leaves_out || l >= nb_stretches_) continue;
-      for (const TraversalHistory::Entry entry : come_to_[l]) state_.history.record(entry);
-    }
-    state_.history.end_recording();
-    return state_.nb_nodes < nb_nodes_before;
-  }
-
-  /// Where wants have fallen, and on from there. All others are needed as before.
-  void release_around_fallen() {
-    state_.progress.begin("coarsening", static_cast<std::int64_t>(fallen_.size()));
-    for (const Cell* fallen : fallen_) {
-      const Cell& p = *fallen;
-      state_.progress.step();
-      for (int d = 0; d < nb_directions; ++d) {
-        Cell* linked = link(p, d).cell();
-        if (linked != nullptr && linked->ipos > p.ipos) await_removal(*linked);
-      }
-    }
-    release_waiting();
-  }
-  /// Removals make more.
-  void release_waiting() {
-    for (std::size_t next = 0; next < surplus_.size();) {
-      Cell& c = *surplus_[next++];
-      state_.progress.step();
-      std::array<Cell*, 4> parents{};
-      for (int d = c.ipos % 2; d < nb_directions; d += 2) {
-        parents[static_cast<std::size_t>(d / 2)] = link(c, d).cell();
-      }
-      note_gone(c);
-      remove(state_, c);
-      for (Cell* parent : parents) {
-        if (parent != nullptr) await_removal(*parent);
-      }
-    }
-    surplus_.clear();
-  }
-  void await_removal(Cell& c) {
-    if ((c.wanted_level & is_waiting) != 0 || !is_surplus(c)) return;
-    surplus_.push_back(&c);
-    c.wanted_level |= is_waiting;
-  }
-  void note_gone(const Cell& c) {
-    try {
-      gone_.push_back(TraversalHistory::entry_of(&c));
-    } catch (const std::bad_alloc&) {
-      state_.history.forget();  // the walks are slower without it, that is all
-    }
   }
 
   State& state_;
   WantedLevels wants_;
-  std::size_t nb_stretches_;                             ///< none above holds nodes
-  std::array<Cell*, highest_wanted_level + 1> heads_{};  ///< of the stretches, at first
-  std::array<TraversalHistory::Entry, highest_wanted_level + 1> head_entries_{};
-  std::vector<TraversalHistory::Entry> gone_;
-  std::vector<Cell*> nodes_;  ///< to ask: all where they are listed, and those that come
-  std::size_t nb_listed_ = 0;
+  std::vector<Cell*> nodes_;        ///< to ask: all where they are listed, and those that come
   std::size_t generation_end_ = 0;  ///< of those that are being asked
   DeriveLater derive_later_;
-  /// Those that have come, by stretch.
-  std::array<std::vector<TraversalHistory::Entry>, highest_wanted_level + 1> come_to_;
-  std::array<Demand, 1024> demands_;  ///< of newcomers that are asked at once
-  std::vector<Cell*> fallen_, surplus_;
+  std::array<Demand, 1024> demands_;
+  std::size_t nb_demands_ = 0;
   std::vector<double> sizes_;
   std::array<double, 64> few_sizes_{};
   RingMaker rings_;
   double slope_;
   std::int32_t threads_;
-  bool in_turn_;            ///< nodes come and go in the order of the list, which others may notice
-  bool knows_come_ = true;  ///< no memory was short for those that have come
-  bool knows_fallen_;       ///< all that may go is around those whose wants have fallen
+  bool in_turn_;         ///< nodes come and go in the order of the list, which others may notice
+  std::size_t at_once_;  ///< so many demands are settled
+  Releaser releaser_;
 };
 
 /// What the next resolve can rely on, also where this one is left by an exception.

@@ -53,9 +53,23 @@ class DeriveLater {
 /// What a size means for a node.
 struct Want {
   std::int32_t level;  ///< up to which rings are completed
-  std::int32_t kept;   ///< up to which members of rings stay
+  std::int32_t kept;   ///< up to which members of rings stay; or as_it_is
   bool is_refused;     ///< the limit forbids what is wanted
 };
+
+/// Beside the wanted level that a node keeps: it waits to be removed, or stays whatever is wanted.
+inline constexpr std::uint8_t is_waiting = 0x80, is_held = 0x40;
+/// In place of it: the level that the node has when what others want has come, which so does not
+/// depend on the order in which nodes are asked. Nodes that go leave it, since rings that are
+/// complete stay.
+inline constexpr std::uint8_t as_it_is = 0x3f;
+static_assert(((is_waiting | is_held) & as_it_is) == 0 && as_it_is > highest_wanted_level);
+inline std::int32_t wanted_level(const Cell& c, std::int32_t kept) {
+  return kept == as_it_is ? c.level : kept;
+}
+inline std::int32_t wanted_level(const Cell& c) {
+  return wanted_level(c, c.wanted_level & ~(is_waiting | is_held));
+}
 
 class WantedLevels {
  public:
@@ -66,7 +80,7 @@ class WantedLevels {
 
   /// A size that is none wants the level that is there.
   Want of(const Cell& c, double size, std::int32_t lowest) const {
-    if (!(size >= 0.0)) return {c.level, c.level, false};
+    if (!(size >= 0.0)) return {c.level, as_it_is, false};
     const double ratio = std::abs(dist_0_ / size);
     const std::int32_t level = level_wanted_by(ratio);
     const std::int32_t kept = margin_ratio_ == 1.0 ? level : level_wanted_by(ratio * margin_ratio_);
@@ -77,11 +91,6 @@ class WantedLevels {
   double dist_0_, margin_ratio_;
   std::int32_t limit_;
 };
-
-/// Beside the wanted level that a node keeps: it waits to be removed, or stays whatever is wanted.
-inline constexpr std::uint8_t is_waiting = 0x80, is_held = 0x40;
-static_assert(((is_waiting | is_held) & highest_wanted_level) == 0);
-inline std::int32_t wanted_level(const Cell& c) { return c.wanted_level & ~(is_waiting | is_held); }
 
 /// Whether nothing rests on a node and no parent wants it. Needs: a mesh in order.
 inline bool is_surplus(const Cell& c) {
@@ -97,7 +106,7 @@ inline bool is_surplus(const Cell& c) {
 /// Whether members of rings around a node may no longer be wanted by it. What was wanted up to ipos
 /// concerns parents only.
 inline bool may_release(const Cell& c, const Want& want) {
-  return want.kept < wanted_level(c) && wanted_level(c) > c.ipos;
+  return wanted_level(c, want.kept) < wanted_level(c) && wanted_level(c) > c.ipos;
 }
 
 /// Whether wants have fallen at so many nodes that all nodes had better be looked at for what may
@@ -112,10 +121,9 @@ struct Demand {
   Cell* node;
   double size;
 };
-/// Whether that is so, or to note what a node wants is all. What is no size wants the level that is
-/// there when its turn comes.
-inline bool is_demand(const Cell& c, double size, const Want& want) {
-  return !(size >= 0.0) || want.level > c.level || want.is_refused;
+/// Whether that is so, or to note what a node wants is all.
+inline bool is_demand(const Cell& c, const Want& want) {
+  return want.level > c.level || want.is_refused;
 }
 struct AskedNodes {
   std::vector<Demand> demands;  ///< of nodes that are to be raised, mostly
@@ -125,9 +133,18 @@ struct AskedNodes {
 };
 /// Asks all nodes by so many threads, and notes what they want but for those with demands.
 /// Needs: a joined list.
-/// @return nothing where there is no memory for it
-std::optional<AskedNodes> ask_nodes(State& state, const size_function& size_fun,
-                                    const WantedLevels& wants, std::int32_t threads);
+/// @return nothing where there is no memory for it, or a caller has changed the list
+std::optional<AskedNodes> ask_all_nodes(State& state, const size_function& size_fun,
+                                        const WantedLevels& wants, std::int32_t threads);
+/// The same with some nodes.
+std::optional<AskedNodes> ask_nodes(State& state, std::span<Cell* const> nodes,
+                                    const size_function& size_fun, const WantedLevels& wants,
+                                    std::int32_t threads);
+/// The next node but a few that will be asked.
+VELMAR_2D_ALWAYS_INLINE void prefetch_node_to_ask(std::span<Cell* const> nodes, std::size_t i) {
+  constexpr std::size_t ahead = 8;
+  if (i + ahead < nodes.size()) prefetch_lines(nodes[i + ahead], 2);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Rings (rings.cpp, restore_rings.cpp)
@@ -294,6 +311,51 @@ class GradedSizes {
   Lattice lattice_;
   std::array<double, highest_wanted_level + 1> rise_{};  ///< to a parent, by ipos
   std::vector<Node> nodes_;
+};
+
+/// Releases what nothing rests on and nothing wants, once all are raised (release.cpp). Made before
+/// that, and told what happens meanwhile.
+class Releaser {
+ public:
+  /// @param knows_fallen  all that may go is around those whose wants will have fallen
+  Releaser(State& state, bool knows_fallen);
+
+  std::size_t nb_stretches() const { return nb_stretches_; }  ///< none above holds nodes
+  /// The first node of a stretch, of those that were there at first.
+  Cell* head(std::size_t stretch) const { return heads_[stretch]; }
+
+  /// A node has come.
+  void note_come(const Cell& c);
+  bool knows_fallen() const { return knows_fallen_; }
+  void note_fallen(Cell& c);
+  void note_fallen(std::vector<Cell*>&& nodes) { fallen_ = std::move(nodes); }
+  void forget_fallen() { knows_fallen_ = false; }
+
+  /// Stretches downwards, or around those whose wants have fallen.
+  ///
+  /// @param come_are_needed  the nodes that have come are wanted, or rested on: they are left out
+  ///                         where they are known
+  void release_surplus(bool come_are_needed);
+  /// Stretches downwards. Returns whether a node went.
+  bool release_everywhere(bool come_are_needed, GradedSizes* graded = nullptr);
+
+ private:
+  void release_around_fallen();
+  void release_waiting();
+  void await_removal(Cell& c);
+  void note_gone(const Cell& c);
+
+  State& state_;
+  std::array<Cell*, highest_wanted_level + 1> heads_{};
+  std::array<TraversalHistory::Entry, highest_wanted_level + 1> head_entries_{};
+  std::size_t nb_stretches_;
+  /// Those that have come, by stretch.
+  std::array<std::vector<TraversalHistory::Entry>, highest_wanted_level + 1> come_to_;
+  std::int64_t nb_come_ = 0;
+  std::vector<TraversalHistory::Entry> gone_;
+  std::vector<Cell*> fallen_, surplus_;
+  bool knows_come_ = true;  ///< no memory was short for those that have come
+  bool knows_fallen_;
 };
 
 /// Puts a mesh in order that anything may have happened to, from the positions of its nodes alone:

@@ -6,7 +6,7 @@
 // of its neighbours.
 #include <bit>
 
-#include "velmar_2D/memory/memory.hpp"
+#include "velmar_2D/mesh/state.hpp"
 
 namespace velmar_2d::detail {
 
