@@ -143,7 +143,7 @@ TEST_F(Saving, LoadedMeshIsTheSavedOneAndStaysSo) {
 // A front that moves little by little. Catches what a resolve leaves for the next one and what
 // values follow: the order in which nodes go shows in values that are conserved.
 TEST_F(Saving, EachTransferGoesOnWithTheSameBits) {
-  for (const Transfer transfer : {Transfer::first, Transfer::all, Transfer::conservative}) {
+  for (const Transfer transfer : {Transfer::first, Transfer::all, Transfer::conservative, Transfer::remap}) {
     Mesh mesh = ring_mesh(0.2, 2, 7);
     mesh.set_transfer(transfer);
     for (Cell& c : mesh.nodes()) c.data[1] = std::cos(20.0 * c.x * c.y);

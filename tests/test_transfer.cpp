@@ -111,6 +111,8 @@ TEST(Transfer, RemapsByWhatLayUnderACell) {
   }
   mesh.resolve([](double, double, auto...) { return 1.0; });
   for (const Cell& c : mesh.nodes()) EXPECT_EQ(c.data[0], (value(c.x, c.y) + 9.0) / 2.0);
+  mesh.resolve([](double, double, auto...) { return 0.7; }, [](double, double) { return -1.0; });
+  for (const Cell& c : mesh.nodes()) EXPECT_EQ(c.data[0] == -1.0, c.on_boundary == 0);
 }
 
 /// By what a mesh of another kind finds below each cell, from one to the next.

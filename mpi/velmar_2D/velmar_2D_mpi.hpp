@@ -132,7 +132,8 @@ class VELMAR_2D_MPI_API Partition {
   ///
   /// `most_nodes` counts the nodes of one process, ghosts with them. With `slope` sizes are graded
   /// over the whole mesh, in more rounds. Throws Error with Transfer::conservative, whose values
-  /// are a matter of the order in which nodes of the whole mesh come and go.
+  /// are a matter of the order in which nodes of the whole mesh come and go; Transfer::remap
+  /// conserves, too, and gives the values of one mesh.
   void resolve(const size_function& size, const Resolution& resolution = {});
   void resolve(const size_function& size, init_data_function init_data,
                const Resolution& resolution = {});

@@ -5,7 +5,7 @@ import numbers
 import operator
 from typing import Any, Callable, Sequence
 
-TRANSFERS = ("first", "all", "conservative")
+TRANSFERS = ("first", "all", "conservative", "remap")
 
 
 def number_of_transfer(transfer: str) -> int:

@@ -191,6 +191,8 @@ class Mesh:
         "first"         data[:, 0] of new nodes is the mean of their parents, the others are 0.0
         "all"           every value is such a mean
         "conservative"  the sum of area times value stays what it is, for every value
+        "remap"         that sum stays, too: cells that are new or have changed hold the mean of
+                        what lay under them before; the same over many processes
         """
         return TRANSFERS[self._core.transfer()]
 

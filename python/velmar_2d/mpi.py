@@ -212,7 +212,7 @@ class Partition:
     @property
     def transfer(self) -> str:
         """What becomes of data values where nodes come and go: see Mesh.transfer. Without
-        "conservative"."""
+        "conservative", which "remap" stands in for."""
         return TRANSFERS[self._core.transfer()]
 
     @transfer.setter

@@ -79,9 +79,9 @@ def expect_error(error, text, function, *arguments, **more):
 # Plain updates, asked in both ways; kinds of the sides by a function.
 mesh = velmar_2d.Mesh(**OPTIONS, bc_type=kinds)
 part = Partition(comm, **OPTIONS, bc_type=kinds, overlap=6)
-mesh.transfer = part.transfer = "all"
+mesh.transfer = part.transfer = "remap"
 slow = Partition(comm, **OPTIONS, bc_type=one_kind, vectorised=False, overlap=6)
-slow.transfer = "all"
+slow.transfer = "remap"
 for step, init_data in enumerate((value, None, None)):
     of_mesh = mesh.update(by_data if step > 0 else ring(0.3), init_data)
     of_part = part.update(by_data if step > 0 else ring(0.3), init_data)

@@ -42,18 +42,20 @@ std::array<double, 2> content_of(Partition& part) {
   return all;
 }
 
-enum class Form { resolved, updated };
+constexpr std::int32_t high_limit = 8, low_limit = 3;
+enum class Form { resolved, updated, limited };
 
 class Run {
  public:
   explicit Run(std::int32_t overlap)
-      : part_(MPI_COMM_WORLD, tested_whole, tested_grid(8), {.overlap = overlap}),
-        mesh_(tested_whole, tested_grid(8)) {
+      : part_(MPI_COMM_WORLD, tested_whole, tested_grid(high_limit), {.overlap = overlap}),
+        mesh_(tested_whole, tested_grid(high_limit)) {
     mesh_.set_transfer(Transfer::remap);
     part_.mesh().set_transfer(Transfer::remap);
   }
 
-  void adapt(Form form, const size_function& size, const Resolution& resolution = {}) {
+  /// @param size  where the form asks for one
+  void adapt(Form form, const size_function& size = {}, const Resolution& resolution = {}) {
     for (Cell& c : mesh_.nodes()) advance(c, step_);
     for (Cell* c : part_.owned()) advance(*c, step_);
     part_.exchange();
@@ -63,6 +65,9 @@ class Run {
     if (form == Form::resolved) {
       has_init ? mesh_.resolve(size, init_data, resolution) : mesh_.resolve(size, resolution);
       has_init ? part_.resolve(size, init_data, resolution) : part_.resolve(size, resolution);
+    } else if (form == Form::limited) {
+      mesh_.set_limit(low_limit);
+      part_.set_limit(low_limit);
     } else if (has_init) {
       mesh_.update(size, init_data);
       part_.update(size, init_data);
@@ -79,12 +84,16 @@ class Run {
     const std::vector<double> held = rows;
     part_.exchange(rows);
     expect(rows == held, "ghosts hold what their owners do", step_);
+    if (form == Form::limited) {
+      mesh_.set_limit(high_limit);
+      part_.set_limit(high_limit);
+    }
     ++step_;
   }
   void rebalance() { nb_moves_ += part_.rebalance(1.02) ? 1 : 0; }
   /// As Mesh::update() takes the nodes of a mesh that was resolved here.
   void gather() {
-    const Grid grid = tested_grid(8);
+    const Grid grid = tested_grid(high_limit);
     mesh_ = std::move(*Partition(MPI_COMM_SELF, &mesh_, grid.bc_type).gather());
   }
   void end(int nb_repairs) {
@@ -110,6 +119,7 @@ void resolve() {
     run.adapt(Form::resolved, steep_front_at(0.06 * step, 0.006), resolution);
     if (step % 2 == 0) run.rebalance();
   }
+  run.adapt(Form::limited);
   run.adapt(Form::resolved, [](double, double, auto...) { return 0.1; });
   run.end(2);
 }
@@ -118,6 +128,8 @@ void update() {
   Run run(6);
   for (int step = 0; step < 5; ++step) run.adapt(Form::updated, front_at(0.06 * step, 0.01));
   run.rebalance();
+  run.adapt(Form::limited);
+  run.adapt(Form::updated, front_at(0.3, 0.01));
   run.adapt(Form::updated, steep_at(5.0));
   run.adapt(Form::resolved, front_at(0.4, 0.01));  // after others have been restored
   run.gather();

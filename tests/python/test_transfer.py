@@ -26,12 +26,13 @@ def content(mesh):
     return mesh.nodes.areas @ mesh.nodes.data
 
 
-def test_conservative_transfer_loses_nothing():
+@pytest.mark.parametrize("transfer", ["conservative", "remap"])
+def test_conservative_transfers_lose_nothing(transfer):
     random = np.random.default_rng(5)
     with Mesh(nx=9, subdiv_max=9, n_cell_data=3) as mesh:
         assert mesh.transfer == "first"
-        mesh.transfer = "conservative"
-        assert mesh.transfer == "conservative"
+        mesh.transfer = transfer
+        assert mesh.transfer == transfer
         mesh.nodes.write_data(random.uniform(-1.0, 1.0, mesh.nodes.data.shape))
         before = content(mesh)
         for _ in range(12):
