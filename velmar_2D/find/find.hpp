@@ -319,8 +319,8 @@ class Remapping {
 class RemapAtEnd {
  public:
   explicit RemapAtEnd(State& state) {
-    const bool is_wanted = state.transfer == Transfer::remap && state.n_cell_data > 0;
-    if (is_wanted && !state.is_of_piece) remapping_.emplace(state);
+    const bool remaps = state.transfer == Transfer::remap && state.n_cell_data > 0;
+    if (remaps && !state.is_of_piece) remapping_.emplace(state);
   }
   RemapAtEnd(const RemapAtEnd&) = delete;
   RemapAtEnd& operator=(const RemapAtEnd&) = delete;
