@@ -184,10 +184,7 @@ void Partition::Parts::set_limit(std::int32_t limit) {
   messages.alone([&] { check_transfer(); });
   messages.together();
   if (adapted_by != Adapted::by_update) {
-    messages.alone([&] {
-      piece->keep_cells();
-      piece->set_limit(limit);
-    });
+    messages.alone([&] { piece->set_limit(limit); });
     remaps = messages.any(wants_remap() ? 1 : 0) != 0;
     settle();  // ghosts that own nodes get linked to are parents of what has gone: they are there
     if (remaps) remap();
@@ -196,10 +193,7 @@ void Partition::Parts::set_limit(std::int32_t limit) {
   const std::int32_t before = piece->mesh().limit();
   repairing([&] {
     try {
-      update_windows(false, [&] {
-        piece->keep_cells();
-        piece->mesh().set_limit(limit);
-      });
+      update_windows(false, [&] { piece->set_limit(limit); });
     } catch (const TooNarrow&) {
       // That of the nodes that are to be made again.
       messages.alone([&] { piece->mesh().set_limit(before); });

@@ -273,8 +273,7 @@ const UpdateStatistics& Piece::statistics() const { return update_->statistics()
 bool Piece::reaches_cut() const { return update_->reaches_cut(); }
 
 void Piece::set_limit(std::int32_t limit) {
-  mesh_.set_limit(limit);
-  update_->take_limit();
+  update_->set_limit([&] { mesh_.set_limit(limit); });
 }
 
 void Piece::keep_window() { update_->keep_window(); }

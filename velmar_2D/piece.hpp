@@ -266,8 +266,7 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Piece {
   /// What the own nodes went through since begin().
   const UpdateStatistics& statistics() const;
 
-  /// Mesh::set_limit() of the window. Afterwards owners tell borders() as at the end of an update.
-  /// Needs: all pieces resolved.
+  /// Mesh::set_limit() of the window. Afterwards owners tell borders as at the end of an update.
   void set_limit(std::int32_t limit);
 
   /// Whether some node came to lie where the window is cut: it is too narrow for the update.

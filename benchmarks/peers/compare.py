@@ -29,7 +29,7 @@ def main():
     parser.add_argument("results")
     parser.add_argument("--sizes", default="1e4,1e5,1e6")
     parser.add_argument("--cases", default=",".join(CASES))
-    parser.add_argument("--repetitions", type=int, help="5, and 15 at the smallest size")
+    parser.add_argument("--repetitions", type=int, help="5, and 15 at the smallest size and of derivatives")
     parser.add_argument("--before", default="")
     arguments = parser.parse_args()
 
@@ -39,7 +39,9 @@ def main():
         results.write(HEAD)
         for case in arguments.cases.split(","):
             for size in arguments.sizes.split(","):
-                repetitions = arguments.repetitions or (15 if float(size) < 1e5 else 5)
+                # The first two passes of derivatives are unlike the others, and should not decide.
+                many = float(size) < 1e5 or case == "derivatives"
+                repetitions = arguments.repetitions or (15 if many else 5)
                 for program in programs_of(case):
                     command = shlex.split(arguments.before) + [
                         os.path.abspath(arguments.program), program, size,

@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "python/core/progress.hpp"
+
 namespace velmar_2d::python {
 
 namespace {
@@ -92,9 +94,12 @@ auto CorePartition::changing(const py::object& kinds, bool kinds_vectorised,
   return operation(kinds_at_hand);
 }
 
+// Where windows are made anew the mesh stays the same object, and keeps its handlers.
 void CorePartition::adapt(const Functions& functions, const std::optional<Resolution>& resolution,
-                          const py::object& kinds, bool kinds_vectorised) {
+                          const py::object& progress, const py::object& kinds,
+                          bool kinds_vectorised) {
   changing(kinds, kinds_vectorised, [&](KindsAtHand& kinds_at_hand) {
+    const ProgressAtHand progress_at_hand(partition_->mesh(), progress);
     Asking asking(functions, kinds_at_hand, resolution.has_value());
     const batch_size_function sizes = [&](Nodes nodes, std::span<double> of) {
       asking.sizes_at(partition_->mesh(), whole_, nodes, of);
@@ -112,15 +117,25 @@ void CorePartition::adapt(const Functions& functions, const std::optional<Resolu
 }
 
 void CorePartition::update(const py::function& size, const py::object& init_data, bool vectorised,
-                           bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
-  adapt({size, init_data, vectorised, init_vectorised}, {}, kinds, kinds_vectorised);
+                           bool init_vectorised, const py::object& progress,
+                           const py::object& kinds, bool kinds_vectorised) {
+  adapt({size, init_data, vectorised, init_vectorised}, {}, progress, kinds, kinds_vectorised);
 }
 
 void CorePartition::resolve(const py::function& size, const py::object& init_data, double margin,
                             std::int64_t most_nodes, double slope, bool vectorised,
-                            bool init_vectorised, const py::object& kinds, bool kinds_vectorised) {
+                            bool init_vectorised, const py::object& progress,
+                            const py::object& kinds, bool kinds_vectorised) {
   adapt({size, init_data, vectorised, init_vectorised}, Resolution{margin, most_nodes, slope},
-        kinds, kinds_vectorised);
+        progress, kinds, kinds_vectorised);
+}
+
+void CorePartition::set_limit(std::int32_t limit, const py::object& kinds, bool kinds_vectorised) {
+  changing(kinds, kinds_vectorised, [&](const KindsAtHand& kinds_at_hand) {
+    const ProgressAtHand progress_at_hand(partition_->mesh(), py::none());
+    const LetOthersRun others(kinds_at_hand.one_by_one());
+    partition_->set_limit(limit);
+  });
 }
 
 bool CorePartition::rebalance(double threshold, const py::object& kinds, bool kinds_vectorised) {

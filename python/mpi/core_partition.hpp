@@ -23,11 +23,14 @@ class CorePartition {
   CorePartition(const CorePartition&) = delete;
   CorePartition& operator=(const CorePartition&) = delete;
 
+  /// `progress`: None, or a function that is told of progress.
   void update(const py::function& size, const py::object& init_data, bool vectorised,
-              bool init_vectorised, const py::object& kinds, bool kinds_vectorised);
+              bool init_vectorised, const py::object& progress, const py::object& kinds,
+              bool kinds_vectorised);
   void resolve(const py::function& size, const py::object& init_data, double margin,
                std::int64_t most_nodes, double slope, bool vectorised, bool init_vectorised,
-               const py::object& kinds, bool kinds_vectorised);
+               const py::object& progress, const py::object& kinds, bool kinds_vectorised);
+  void set_limit(std::int32_t limit, const py::object& kinds, bool kinds_vectorised);
   bool rebalance(double threshold, const py::object& kinds, bool kinds_vectorised);
   /// None but on process 0. Its kinds are a function of this object's, where they are a function.
   std::unique_ptr<CoreMesh> gather(const py::object& kinds, bool kinds_vectorised);
@@ -48,7 +51,7 @@ class CorePartition {
   template <typename Operation>
   auto changing(const py::object& kinds, bool kinds_vectorised, const Operation& operation);
   void adapt(const Functions& functions, const std::optional<Resolution>& resolution,
-             const py::object& kinds, bool kinds_vectorised);
+             const py::object& progress, const py::object& kinds, bool kinds_vectorised);
 
   bc_type_function kind_at_;
   std::optional<Partition> partition_;

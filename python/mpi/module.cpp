@@ -86,10 +86,14 @@ PYBIND11_MODULE(_mpi, m) {
            py::arg("communicator"), py::arg("mesh"), py::arg("kinds"), py::arg("kinds_vectorised"),
            py::arg("overlap"), py::arg("repairs"))
       .def("update", &Core::update, py::arg("size"), py::arg("init_data"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"))
+           py::arg("init_vectorised"), py::arg("progress"), py::arg("kinds"),
+           py::arg("kinds_vectorised"))
       .def("resolve", &Core::resolve, py::arg("size"), py::arg("init_data"), py::arg("margin"),
            py::arg("most_nodes"), py::arg("slope"), py::arg("vectorised"),
-           py::arg("init_vectorised"), py::arg("kinds"), py::arg("kinds_vectorised"))
+           py::arg("init_vectorised"), py::arg("progress"), py::arg("kinds"),
+           py::arg("kinds_vectorised"))
+      .def("set_limit", &Core::set_limit, py::arg("limit"), py::arg("kinds"),
+           py::arg("kinds_vectorised"))
       .def("rebalance", &Core::rebalance, py::arg("threshold"), py::arg("kinds"),
            py::arg("kinds_vectorised"))
       .def("gather", &Core::gather, py::arg("kinds"), py::arg("kinds_vectorised"))

@@ -57,3 +57,10 @@ def not_absurd(name: str, value: int) -> int:
     if abs(number) >= 2**31:
         raise ValueError(f"{name} is {number}, beyond any use")
     return number
+
+
+def checked_limit(limit: int) -> int:
+    limit = not_absurd("subdiv_max", limit)
+    if limit < 0:
+        raise ValueError(f"subdiv_max is {limit}; it must not be negative")
+    return limit

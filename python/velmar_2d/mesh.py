@@ -11,8 +11,8 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _core, links
-from .arguments import (TRANSFERS, callables, four_numbers, hooks, limit_of_nodes, not_absurd,
-                        number_of_transfer)
+from .arguments import (TRANSFERS, callables, checked_limit, four_numbers, hooks, limit_of_nodes,
+                        not_absurd, number_of_transfer)
 from .matrices import laplacian
 from .nodes import Nodes
 from .paraview import require_io
@@ -171,10 +171,7 @@ class Mesh:
 
     @subdiv_max.setter
     def subdiv_max(self, limit: int) -> None:
-        limit = not_absurd("subdiv_max", limit)
-        if limit < 0:
-            raise ValueError(f"subdiv_max is {limit}; it must not be negative")
-        self._core.set_subdiv_max(limit, *self._kinds)
+        self._core.set_subdiv_max(checked_limit(limit), *self._kinds)
 
     @property
     def nodes(self) -> Nodes:

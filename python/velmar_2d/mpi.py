@@ -23,10 +23,11 @@ from numpy.typing import ArrayLike, NDArray
 
 from . import links
 from ._core import MeshError
-from .arguments import (TRANSFERS, callables, four_numbers, limit_of_nodes, not_absurd,
-                        number_of_transfer)
+from .arguments import (TRANSFERS, callables, checked_limit, four_numbers, limit_of_nodes,
+                        not_absurd, number_of_transfer)
 from .mesh import Mesh
 from .mpi_faults import Noting, told_by_first
+from .progress import Progress, shown
 
 try:
     from . import _mpi
@@ -164,36 +165,39 @@ class Partition:
 
     def resolve(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
                 margin: float = 0.0, most_nodes: int | None = None, slope: float = 0.0, *,
-                vectorised: bool = True,
-                init_vectorised: bool | None = None) -> PartitionStatistics:
+                vectorised: bool = True, init_vectorised: bool | None = None,
+                progress: bool | Progress = False) -> PartitionStatistics:
         """As Mesh.resolve() of the whole mesh. Collective.
 
         size         is asked for nodes of this process alone
         most_nodes   of one process, ghosts with them
+        progress     is told of those of this process; True shows those of process 0
         """
         with self._agreed():
             limits = float(margin), limit_of_nodes(most_nodes), float(slope)
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
-        with Noting() as noted:
-            self._core.resolve(noted(size), noted(init_data), *limits, *ways,
+        with Noting() as noted, self._shown(progress) as told:
+            self._core.resolve(noted(size), noted(init_data), *limits, *ways, noted(told),
                                *noted.kinds(self._kinds))
         return self.statistics()
 
     def update(self, size: Callable[..., Any] | float, init_data: Callable[..., Any] | None = None,
-               *, vectorised: bool = True,
-               init_vectorised: bool | None = None) -> PartitionStatistics:
+               *, vectorised: bool = True, init_vectorised: bool | None = None,
+               progress: bool | Progress = False) -> PartitionStatistics:
         """As Mesh.update() of the whole mesh. Collective.
 
         It needs more overlap than resolve(): 3 to 4 cells where sizes are a matter of place, 6 where
         they follow data, more where those change abruptly; where it was too little the update is
-        made again with more. size is asked for all nodes around the box, too. Nodes that resolve()
+        made again with more. size is asked for all nodes around the box, too, and progress is told of
+        them. Nodes that resolve()
         has left count as having come by place, as gather() hands them out: so after resolve() this
         makes what Mesh.update() makes of the mesh that gather() would give.
         """
         with self._agreed():
             size, init_data, *ways = callables(size, init_data, vectorised, init_vectorised)
-        with Noting() as noted:
-            self._core.update(noted(size), noted(init_data), *ways, *noted.kinds(self._kinds))
+        with Noting() as noted, self._shown(progress) as told:
+            self._core.update(noted(size), noted(init_data), *ways, noted(told),
+                              *noted.kinds(self._kinds))
         return self.statistics()
 
     def rebalance(self, threshold: float = 1.1) -> bool:
@@ -241,8 +245,16 @@ class Partition:
 
     @property
     def subdiv_max(self) -> int:
-        """The limit of subdivision."""
+        """The limit of subdivision. Lowering it removes the nodes above it, raising it none.
+        Assigning is collective."""
         return self._core.subdiv_max()
+
+    @subdiv_max.setter
+    def subdiv_max(self, limit: int) -> None:
+        with self._agreed():
+            limit = checked_limit(limit)
+        with Noting() as noted:
+            self._core.set_limit(limit, *noted.kinds(self._kinds))
 
     @property
     def boxes(self) -> list[tuple[int, int, int, int]]:
@@ -461,6 +473,9 @@ class Partition:
                                       list(data_names), time)
         if error:
             raise OSError(error)
+
+    def _shown(self, progress: bool | Progress) -> contextlib.AbstractContextManager[Any]:
+        return shown(progress if callable(progress) or self.comm.rank == 0 else False)
 
     @contextlib.contextmanager
     def _agreed(self) -> Iterator[None]:

@@ -6,6 +6,7 @@ Nodes and values are held against those of a Mesh, which knows nothing of proces
 """
 import os
 import sys
+import time
 
 import numpy as np
 from mpi4py import MPI
@@ -146,7 +147,29 @@ mesh.resolve(ring(0.2), value), loaded.resolve(ring(0.2), value)
 expect_same(loaded, mesh)
 expect_error(velmar_2d.MeshError, "process 0", Partition.load, comm, path + ".not", bc_type=kinds)
 
+# Progress is told while an update runs, and the limit is that of all processes.
+phases = set()
+
+
+def slow_ring(*arguments):
+    time.sleep(0.15)  # progress is told no more often
+    return ring(0.25)(*arguments)
+
+
+mesh = Partition.from_mesh(MPI.COMM_SELF, mesh, kinds).gather()
+for adapt in "update", "resolve":
+    getattr(mesh, adapt)(ring(0.25))
+    getattr(loaded, adapt)(slow_ring, progress=lambda phase, done, known: phases.add(phase))
+    expect_same(loaded, mesh)
+    assert "refining" in phases, phases
+    mesh.subdiv_max = loaded.subdiv_max = 3 if adapt == "update" else 7
+    assert loaded.subdiv_max == mesh.subdiv_max and loaded.levels.max() <= loaded.subdiv_max
+    expect_same(loaded, mesh)
+    phases.clear()
+
 # What one process does wrong is raised on all, and the mesh stays in use.
+expect_error(ValueError if comm.rank == LAST else velmar_2d.MeshError, "", setattr, loaded,
+             "subdiv_max", -1 if comm.rank == LAST else 5)
 rows = np.zeros(loaded.owned + loaded.ghosts + (comm.rank == LAST))
 expect_error(ValueError if comm.rank == LAST else velmar_2d.MeshError, "" if comm.rank == LAST
              else f"process {LAST} of", loaded.exchange, rows)
@@ -165,6 +188,7 @@ def fails(*arguments):
 
 
 for broken, arguments in ((Partition(comm, **OPTIONS), {"size": fails}),
+                          (Partition(comm, **OPTIONS), {"size": slow_ring, "progress": fails}),
                           (Partition(comm, **OPTIONS), {"size": 0.05, "init_data": fails})):
     error = expect_error(velmar_2d.MeshError, f"on process {LAST} of {comm.size}: Zero",
                          broken.update, **arguments)

@@ -13,10 +13,15 @@ class Entries {
   using Entry = TraversalHistory::Entry;
 
   explicit Entries(std::span<const Entry> entries)
-      : slots_(std::bit_ceil(4 * entries.size() + 1), 0) {
-    for (const Entry entry : entries) slots_[slot_of(entry)] = entry;
+      : slots_(std::bit_ceil(4 * entries.size() + 1), 0), may_hold_(8 * slots_.size(), false) {
+    for (const Entry entry : entries) {
+      slots_[slot_of(entry)] = entry;
+      may_hold_[entry & (may_hold_.size() - 1)] = true;
+    }
   }
-  bool contains(Entry entry) const { return slots_[slot_of(entry)] == entry; }
+  bool contains(Entry entry) const {
+    return may_hold_[entry & (may_hold_.size() - 1)] && slots_[slot_of(entry)] == entry;
+  }
 
  private:
   std::size_t slot_of(Entry entry) const {
@@ -25,6 +30,8 @@ class Entries {
     return slot;
   }
   std::vector<Entry> slots_;
+  /// Mostly enough to look at. By the last bits: slots side by side have theirs side by side.
+  std::vector<bool> may_hold_;
 };
 
 }  // namespace

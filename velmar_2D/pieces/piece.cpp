@@ -129,7 +129,10 @@ void PieceUpdate::look_at_limit() {
 }
 
 // Own nodes that others need, as far as they are there, stay held.
-void PieceUpdate::take_limit() {
+void PieceUpdate::set_limit(const std::function<void()>& set) {
+  begin_remapping();
+  set();
+  if (keeps_windows_) return;
   look_at_limit();
   is_listed_ = knows_changes_ = surplus_has_gone_ = false;
   newcomers_.clear();

@@ -178,8 +178,8 @@ class PieceUpdate {
   const UpdateStatistics& statistics() const { return statistics_; }
   bool reaches_cut() const { return reaches_cut_; }
 
-  /// What the caller has lowered or raised. Needs: ghosts that others tell anew.
-  void take_limit();
+  /// Runs what lowers or raises it.
+  void set_limit(const std::function<void()>& set);
 
   void keep_window();
   /// Runs what changes all of the window.

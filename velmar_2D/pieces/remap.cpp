@@ -9,10 +9,11 @@ namespace velmar_2d::detail {
 
 namespace {
 
-/// Numbers, one after the other. A message that ends too soon is one of a piece that has failed.
-class Numbers {
+/// MessageNumbers, one after the other. A message that ends too soon is one of a piece that has
+/// failed.
+class MessageNumbers {
  public:
-  explicit Numbers(std::span<const double> all) : rest_(all) {}
+  explicit MessageNumbers(std::span<const double> all) : rest_(all) {}
   std::span<const double> next(std::size_t n) {
     if (n > rest_.size()) throw Error("(velmar_2D/Piece:) ERROR: a message ends too soon");
     const std::span<const double> numbers = rest_.first(n);
@@ -33,7 +34,7 @@ void write(const PlacedCell& cell, std::vector<double>& message) {
   }
 }
 
-PlacedCell read_cell(Numbers& message) {
+PlacedCell read_cell(MessageNumbers& message) {
   const std::size_t n = message.next_count();
   const std::span<const double> at = message.next(2), corners = message.next(2 * n);
   PlacedCell cell{{at[0], at[1]}, {}};
@@ -99,7 +100,7 @@ std::vector<double> PieceUpdate::cells_over(const Bounds& there) {
 std::vector<double> PieceUpdate::parts_under(std::span<const double> cells) const {
   std::vector<double> message;
   std::vector<CellPart> parts;
-  for (Numbers asked(cells); !asked.empty();) {
+  for (MessageNumbers asked(cells); !asked.empty();) {
     const PlacedCell cell = read_cell(asked);
     parts.clear();
     if (remapping_) remapping_->find_parts(cell, parts);
@@ -117,7 +118,7 @@ void PieceUpdate::end_remap(std::span<const std::vector<double>> told) {
   const std::span<Cell* const> changed = remapping_->changed();
   std::vector<std::vector<CellPart>> of_others(changed.size());
   for (std::size_t i = 0; i < asked_.size(); ++i) {
-    Numbers numbers(told[i]);
+    MessageNumbers numbers(told[i]);
     for (const std::size_t number : asked_[i]) {
       for (std::size_t n = numbers.next_count(); n > 0; --n) {
         const std::span<const double> part = numbers.next(3);

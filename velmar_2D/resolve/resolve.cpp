@@ -92,9 +92,9 @@ class Resolver {
   /// Those that come while the walk goes on are not met. `use` tells whether it changes the mesh.
   template <typename Sizes, typename Use>
   void for_all_nodes(Walk& walk, Sizes& sizes, const Use& use) {
-    for (std::size_t l = 0; l < releaser_.nb_stretches(); ++l) {
+    for (std::size_t l = 0; l < releaser_.heads().size(); ++l) {
       sizes.begin_walk(l, walk);
-      for (Cell& c : walk(releaser_.head(l))) walk.changes_mesh_here(use(c, ask(c, sizes)));
+      for (Cell& c : walk(releaser_.heads()[l])) walk.changes_mesh_here(use(c, ask(c, sizes)));
     }
   }
   template <typename Sizes>

@@ -320,9 +320,8 @@ class Releaser {
   /// @param knows_fallen  all that may go is around those whose wants will have fallen
   Releaser(State& state, bool knows_fallen);
 
-  std::size_t nb_stretches() const { return nb_stretches_; }  ///< none above holds nodes
-  /// The first node of a stretch, of those that were there at first.
-  Cell* head(std::size_t stretch) const { return heads_[stretch]; }
+  /// The first nodes of the stretches, of those that were there at first. None above holds nodes.
+  std::span<Cell* const> heads() const { return std::span(heads_).first(nb_stretches_); }
 
   /// A node has come.
   void note_come(const Cell& c);
