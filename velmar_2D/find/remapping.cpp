@@ -200,8 +200,8 @@ void Remapping::write_mean(std::vector<CellPart>& parts, Cell& c) const {
             [](const CellPart& a, const CellPart& b) { return comes_before(a.at, b.at); });
   double whole = 0.0;
   for (const CellPart& part : parts) whole += part.area;
-  const std::size_t end = std::min(nb_values_, c.data.size());
-  for (std::size_t k = first_value_of(c); k < end; ++k) {
+  const std::size_t nb_here = std::min(nb_values_, c.data.size());
+  for (std::size_t k = first_value_of(c); k < nb_here; ++k) {
     // As a difference from one of them, so that a constant stays what it is.
     const double base = parts.front().values[k];
     double sum = 0.0, lowest = base, highest = base;
