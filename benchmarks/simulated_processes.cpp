@@ -14,13 +14,12 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
-#include <numbers>
 #include <set>
 #include <unordered_set>
 #include <vector>
 
+#include "benchmarks/large_meshes.hpp"
 #include "mpi/boxes.hpp"
-#include "scenarios/scenarios.hpp"
 #include "velmar_2D/arrays.hpp"
 #include "velmar_2D/piece.hpp"
 
@@ -50,47 +49,6 @@ constexpr int rounds = 3;  // until nothing more is wanted, of a front; the benc
 constexpr Sharing creeping{2.3e-7, 2.6e-9, 15.0, rounds + 11, rounds + 4};
 
 constexpr std::int32_t overlap = 3;
-
-// ---------------------------------------------------------------------------------------------
-// The meshes
-// ---------------------------------------------------------------------------------------------
-
-struct Case {
-  const char* name;
-  std::int32_t nx;
-  /// Wanted spacing; `finest` decides how many nodes there are.
-  std::function<size_function(double finest)> spacing;
-  double finest;     ///< for 10 million nodes
-  double dimension;  ///< of where it is fine: nodes grow with this power of 1 / finest
-};
-
-/// The ring, with a wave along it.
-double distance_to_front(double x, double y) {
-  const double angle = std::atan2(y - 0.5, x - 0.5);
-  return std::abs(std::hypot(x - 0.5, y - 0.5) - 0.3 - 0.03 * std::sin(7.0 * angle));
-}
-
-/// Fine in a band, as fronts of flames and discharges want it; 30 times as wide as it is fine.
-size_function band(double finest) {
-  return [=](double x, double y, auto...) {
-    return std::max(finest, 0.1 * (distance_to_front(x, y) - 0.01));
-  };
-}
-
-/// Fine at a line alone.
-size_function line(double finest) {
-  return
-      [=](double x, double y, auto...) { return std::max(finest, 0.1 * distance_to_front(x, y)); };
-}
-
-/// Vortices: fine and coarse everywhere, by a factor of 8.
-size_function vortices(double finest) {
-  return [=](double x, double y, auto...) {
-    constexpr double waves = 4.0 * std::numbers::pi;
-    const double shear = std::sin(waves * x) * std::sin(waves * y);
-    return finest * (1.0 + 7.0 * shear * shear);
-  };
-}
 
 // ---------------------------------------------------------------------------------------------
 // One process
@@ -357,24 +315,19 @@ void simulate(Mesh& mesh, const Grid& grid, const size_function& size, int nb_pr
   const double alone = n * (work.update + substeps * work.substep);
   const double alone_creeping = n * (work.creeping + substeps * work.substep);
   std::printf(
-      "| %d | %.0f | %.2f | %.1f %% | %.1f (%.0f) | %.2f (%.2f) ms | **%.2f** (%.2f) | "
+      "| %d | %.0f | %.2f | %.0f (%.1f %%) | %.1f (%.0f) | %.2f (%.2f) ms | **%.2f** (%.2f) | "
       "%.2f (%.2f) ms | **%.2f** |\n",
-      nb_processes, n / p, most.owned * p / n, 100.0 * sum.ghosts / n, sum.neighbours / p,
-      most.neighbours, slowest * 1e3, alone / p * 1e3, alone / p / slowest,
+      nb_processes, n / p, most.owned * p / n, sum.ghosts, 100.0 * sum.ghosts / n,
+      sum.neighbours / p, most.neighbours, slowest * 1e3, alone / p * 1e3, alone / p / slowest,
       alone / p / slowest_without, slowest_creeping * 1e3, alone_creeping / p * 1e3,
       alone_creeping / p / slowest_creeping);
   std::fflush(stdout);
 }
 
-void run(const Case& of, double nb_nodes, std::span<const int> processes) {
-  const double finest = of.finest * std::pow(1e7 / nb_nodes, 1.0 / of.dimension);
+void run(const LargeMesh& of, double nb_nodes, std::span<const int> processes) {
+  const double finest = of.finest_for(nb_nodes);
   const size_function size = of.spacing(finest);
-  const double grid_step = 1.0 / (of.nx - 1);
-  const Grid grid{
-      .nx = of.nx,
-      .subdiv_max =
-          std::max(1, static_cast<std::int32_t>(2 * std::ceil(std::log2(grid_step / finest))) + 1),
-      .n_cell_data = 1};
+  const Grid grid = of.grid(finest);
   Mesh mesh({0.0, 1.0, 0.0, 1.0}, grid);
   mesh.resolve(size);
   const size_function moved = [&size, finest](double x, double y, auto... rest) {
@@ -402,9 +355,7 @@ int main(int argc, char** argv) {
   std::vector<int> processes;
   for (int i = 2; i < argc; ++i) processes.push_back(std::atoi(argv[i]));
   if (processes.empty()) processes = {64, 1024, 16384};
-  for (const Case& of :
-       {Case{"vortices", 513, vortices, 2.42e-4, 2.0}, Case{"band", 1025, band, 8.2e-5, 2.0},
-        Case{"line", 1025, line, 1.3e-5, 1.0}}) {
+  for (const LargeMesh& of : large_meshes()) {
     run(of, nb_nodes, processes);
   }
 }

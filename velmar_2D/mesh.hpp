@@ -197,13 +197,13 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   /// data[0] of new nodes is interpolated.
   ///
   /// A node's wanted level is the lowest one with a spacing of at most `size`, to a billionth, and
-  /// not above the limit. Nodes are asked once each, new ones as they come; then nodes that nothing
-  /// needs go. A second call with the same sizes changes nothing, not even revision(). Up to a
-  /// slope of sizes of 0.41 the mesh depends on the size function alone and not on what it was
-  /// before, and up to 1.41 a point where fine spacing is wanted is always found from the grid;
-  /// what lies between nodes and shows at none of them is missed (see Resolution::slope). A size
-  /// that is negative or not a number wants the level that the node has when all that others want
-  /// has come.
+  /// not above the limit. Nodes are asked once each, new ones as they come, which they do some
+  /// hundreds at a time; then nodes that nothing needs go. A second call with the same sizes
+  /// changes nothing, not even revision(). Up to a slope of sizes of 0.41 the mesh depends on the
+  /// size function alone and not on what it was before, and up to 1.41 a point where fine spacing
+  /// is wanted is always found from the grid; what lies between nodes and shows at none of them is
+  /// missed (see Resolution::slope). A size that is negative or not a number wants the level that
+  /// the node has when all that others want has come.
   /// References to removed nodes are invalid afterwards; all others stay good.
   /// Throws Error as update() does, and where more than resolution.most_nodes would be needed.
   /// Cost: linear in the number of nodes; where the mesh was changed by anything else since the
@@ -220,8 +220,8 @@ class VELMAR_2D_API VELMAR_2D_WITH_VECTORS Mesh {
   UpdateStatistics resolve_batched(const batch_size_function& sizes, init_data_function init_data,
                                    const Resolution& resolution = {});
   /// What becomes of data values where nodes come and go; data[0] is interpolated and nothing else
-  /// handed on as long as nothing is chosen. Transfer::remap takes 130 bytes and those of the values
-  /// for each node that comes, goes or gets another cell, until the update ends.
+  /// handed on as long as nothing is chosen. Transfer::remap takes 130 bytes and those of the
+  /// values for each node that comes, goes or gets another cell, until the update ends.
   Transfer transfer() const;
   void set_transfer(Transfer transfer);
   /// Told how far an update has come, set_limit(), transfer() to this mesh, and
