@@ -187,7 +187,7 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
         {closed_at_sides(box), sides_of(point_at(box.low), point_at(box.high)), {}, {}});
   }
   const Reaches reaches(state_);
-  const auto look_at = [&](const Cell& ghost, LatticePoint at) {
+  const auto look_at_ghost = [&](const Cell& ghost, LatticePoint at) {
     const OwnLinks own(*this, ghost);
     if (own.n > 0) note_links(others, ghost, at, own.nodes(), reaches.of(ghost));
   };
@@ -195,10 +195,10 @@ std::vector<std::vector<LatticePoint>> PieceUpdate::borders(std::span<const Box>
     const std::vector<Lattice::Entry>& entries = ghost_table_->entries();
     for (std::size_t i = 0; i < entries.size(); ++i) {
       if (i + ahead < entries.size()) prefetch_lines(entries[i + ahead].cell, 2);
-      if (entries[i].cell != nullptr) look_at(*entries[i].cell, entries[i].at);
+      if (entries[i].cell != nullptr) look_at_ghost(*entries[i].cell, entries[i].at);
     }
   } else {
-    for (const Cell* ghost : ghosts_at_newcomers()) look_at(*ghost, place_of(*ghost));
+    for (const Cell* ghost : ghosts_at_newcomers()) look_at_ghost(*ghost, place_of(*ghost));
   }
   std::vector<std::vector<LatticePoint>> found;
   for (Other& other : others) {

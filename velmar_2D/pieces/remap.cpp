@@ -84,33 +84,33 @@ Bounds PieceUpdate::begin_remap() {
 }
 
 std::vector<double> PieceUpdate::cells_over(const Bounds& there) {
-  std::vector<double> message;
+  std::vector<double> question;
   std::vector<std::size_t>& asked = asked_.emplace_back();
-  if (!remapping_) return message;
+  if (!remapping_) return question;
   const std::span<Cell* const> changed = remapping_->changed();
   for (std::size_t i = 0; i < changed.size(); ++i) {
     const PlacedCell cell = remapping_->cell_of(*changed[i]);
     if (!cell.bounds().meets(there)) continue;
     asked.push_back(i);
-    write(cell, message);
+    write(cell, question);
   }
-  return message;
+  return question;
 }
 
 std::vector<double> PieceUpdate::parts_under(std::span<const double> cells) const {
-  std::vector<double> message;
+  std::vector<double> answer;
   std::vector<CellPart> parts;
   for (MessageNumbers asked(cells); !asked.empty();) {
     const PlacedCell cell = read_cell(asked);
     parts.clear();
     if (remapping_) remapping_->find_parts(cell, parts);
-    message.push_back(static_cast<double>(parts.size()));
+    answer.push_back(static_cast<double>(parts.size()));
     for (const CellPart& part : parts) {
-      message.insert(message.end(), {part.at.x, part.at.y, part.area});
-      message.insert(message.end(), part.values, part.values + remapping_->nb_values());
+      answer.insert(answer.end(), {part.at.x, part.at.y, part.area});
+      answer.insert(answer.end(), part.values, part.values + state_.n_cell_data);
     }
   }
-  return message;
+  return answer;
 }
 
 void PieceUpdate::end_remap(std::span<const std::vector<double>> told) {
