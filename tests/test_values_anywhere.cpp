@@ -269,7 +269,9 @@ double area_inside(const Rectangle& r, const Mesh& mesh, const Cell& c) {
   const std::array<std::array<double, 3>, 4> sides = {
       {{1.0, 0.0, r.x_max}, {-1.0, 0.0, -r.x_min}, {0.0, 1.0, r.y_max}, {0.0, -1.0, -r.y_min}}};
   for (const auto& [nx, ny, limit] : sides) {
-    const auto beyond = [&](Point p) { return nx * p.x + ny * p.y - limit; };
+    const auto beyond = [nx = nx, ny = ny, limit = limit](Point p) {
+      return nx * p.x + ny * p.y - limit;
+    };
     std::vector<Point> kept;
     for (std::size_t i = 0; i < polygon.size(); ++i) {
       const Point p = polygon[i], q = polygon[(i + 1) % polygon.size()];
